@@ -1,0 +1,69 @@
+// The calls of SendMsgEx that wait for their results, in the whole process.
+//
+// Thread: any. Owner: a semaphore belongs to the call, which takes it off before destroying it.
+// "Is the client connected?" and "register" are one step, and so is a client's going offline: a
+// call either sees that the server is gone or is woken by it.
+#pragma once
+
+#include <uv.h>
+
+#include <map>
+
+#include "transport/handler_scope.h"
+#include "transport/thread_safety.h"
+
+namespace tolk {
+
+class LargeWait {
+ public:
+  // Registers unless `connected()` says no, and tells which.
+  template <class Connected>
+  bool add_if(Connected connected, int call_id, uv_sem_t* semaphore) {
+    auto waiting = waiting_.lock();
+    if (!connected()) return false;
+    waiting->by_id[call_id] = semaphore;
+    waiting->in_handler = HandlerScope::inside();
+    if (waiting->in_handler && process_exits()) uv_sem_post(semaphore);
+    return true;
+  }
+
+  // Runs `change` so that no registration comes in between.
+  template <class Change>
+  void exclusively(Change change) {
+    const auto waiting = waiting_.lock();
+    change();
+  }
+
+  void post(int call_id) {
+    auto waiting = waiting_.lock();
+    const auto at = waiting->by_id.find(call_id);
+    if (at != waiting->by_id.end()) uv_sem_post(at->second);
+  }
+
+  void post_all_and_forget() {
+    auto waiting = waiting_.lock();
+    for (const auto& [call_id, semaphore] : waiting->by_id) uv_sem_post(semaphore);
+    waiting->by_id.clear();
+  }
+
+  void forget_all() { waiting_.lock()->by_id.clear(); }
+
+  // At the exit of the process, which waits for its handlers.
+  void wake_handler() {
+    auto waiting = waiting_.lock();
+    if (!waiting->in_handler) return;
+    for (const auto& [call_id, semaphore] : waiting->by_id) uv_sem_post(semaphore);
+  }
+
+ private:
+  struct Waiting {
+    std::map<int, uv_sem_t*> by_id;  // one at most: large calls run one at a time
+    bool in_handler = false;         // the call is a handler's
+  };
+
+  Guarded<Waiting> waiting_;
+};
+
+LargeWait& large_wait();
+
+}  // namespace tolk

@@ -1,0 +1,42 @@
+// The parts that a process of the demo can play. Each reads commands from its standard input, one a
+// line, reports each step it takes and then that the command is done; it ends with its input.
+#pragma once
+
+#include <cstddef>
+#include <iostream>
+#include <string>
+#include <utility>
+
+#include "report.h"
+
+namespace demo {
+
+// "pipe", "tcp4" or "tcp6", and where on it: the pipe's name or the port.
+struct Address {
+  std::string transport;
+  std::string name;
+
+  const char* host() const { return transport == "tcp6" ? "::1" : "127.0.0.1"; }
+};
+
+// Commands: start, stop.
+int server_role(const Address& first);
+// Commands: connect, connect_refused, calls, crowd, roll_call, file, close, connect_gone.
+int client_role(const std::string& name, const Address& server, std::size_t file_bytes);
+// A server of another version, on plain sockets. Commands: start, answer.
+int old_server_role();
+
+// Reads commands until the input ends; `run(command)` gives the text that goes with "done".
+template <class Run>
+int obey(Run run) {
+  std::string command;
+  while (std::getline(std::cin, command)) {
+    Event done;
+    done.kind = Event::Kind::done;
+    done.result = run(command);
+    send(std::move(done));
+  }
+  return 0;
+}
+
+}  // namespace demo

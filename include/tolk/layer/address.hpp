@@ -1,0 +1,154 @@
+/// @file
+/// Where a server is: a local pipe, or a TCP port.
+///
+/// As text: `pipe:5000`, `tcp4:127.0.0.1:5000`, `tcp6:[::1]:5000`; a bare number is a pipe.
+/// Thread: values. Failure: an address that can not be is a tolk::Error (Errc::bad_address) when it
+/// is made; its text names what was wrong.
+#pragma once
+
+#include <charconv>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <tolk/layer/error.hpp>
+
+namespace tolk {
+inline namespace v1 {
+
+/// A local pipe, by its number.
+struct pipe {
+  int number = 0;  ///< 0 … 2147483647
+};
+
+/// A TCP port on an IPv4 address. Host names are not looked up.
+struct tcp4 {
+  std::string host;  ///< numbers: `"127.0.0.1"`
+  int port = 0;      ///< 1 … 65535
+};
+
+/// A TCP port on an IPv6 address. Host names are not looked up.
+struct tcp6 {
+  std::string host;  ///< numbers, without brackets: `"::1"`
+  int port = 0;      ///< 1 … 65535
+};
+
+/// Which way two processes are joined.
+enum class Transport { pipe, tcp4, tcp6 };
+
+/// Where a server is.
+class Address {
+ public:
+  /// A local pipe.
+  Address(pipe where) : Address(Transport::pipe, "", where.number) {}
+  /// A port on an IPv4 address.
+  Address(const tcp4& where) : Address(Transport::tcp4, where.host, where.port) {}
+  /// A port on an IPv6 address.
+  Address(const tcp6& where) : Address(Transport::tcp6, where.host, where.port) {}
+  /// The address that `text` names.
+  Address(std::string_view text) : Address(parse(text)) {}
+  /// The address that `text` names.
+  Address(const std::string& text) : Address(parse(text)) {}
+  /// The address that `text` names.
+  Address(const char* text) : Address(parse(text)) {}
+
+  /// Pipe, IPv4 or IPv6.
+  Transport transport() const noexcept { return transport_; }
+  /// The host's address; empty for a pipe.
+  const std::string& host() const noexcept { return host_; }
+  /// The port, or the pipe's number.
+  int number() const noexcept { return number_; }
+
+  /// As text that names the same address.
+  std::string text() const {
+    const std::string port = std::to_string(number_);
+    if (transport_ == Transport::pipe) return "pipe:" + port;
+    if (transport_ == Transport::tcp4) return "tcp4:" + host_ + ":" + port;
+    return "tcp6:[" + host_ + "]:" + port;
+  }
+
+ private:
+  Address(Transport transport, std::string_view host, int number)
+      : transport_(transport), host_(host), number_(number) {
+    if (transport == Transport::pipe) {
+      if (number < 0) refuse(text(), "the number of a pipe is not negative");
+      return;
+    }
+    if (number < 1 || number > kMostPort) refuse(text(), "a port is a number from 1 to 65535");
+    const bool valid = transport == Transport::tcp4 ? is_ip4(host) : is_ip6(host);
+    if (!valid) {
+      refuse(text(), transport == Transport::tcp4
+                         ? "the host is no IPv4 address such as 127.0.0.1; names are not looked up"
+                         : "the host is no IPv6 address such as ::1; names are not looked up");
+    }
+  }
+
+  static constexpr int kMostPort = 65535;
+
+  [[noreturn]] static void refuse(std::string_view text, std::string_view why) {
+    throw Error(Errc::bad_address, "", text, why);
+  }
+
+  static Address parse(std::string_view text) {
+    if (text.starts_with("pipe:")) return pipe_from(text, text.substr(5));
+    if (text.starts_with("tcp4:")) return host_from(text, Transport::tcp4);
+    if (text.starts_with("tcp6:")) return host_from(text, Transport::tcp6);
+    if (text.find(':') == std::string_view::npos) return pipe_from(text, text);
+    refuse(text, "an address is pipe:NUMBER, tcp4:HOST:PORT, tcp6:[HOST]:PORT or a number");
+  }
+
+  static Address pipe_from(std::string_view whole, std::string_view number) {
+    int value = 0;
+    if (!number_from(number, value)) refuse(whole, "the name of a pipe is a number");
+    return pipe{value};
+  }
+
+  static Address host_from(std::string_view whole, Transport transport) {
+    const std::string_view rest = whole.substr(5);
+    const bool v6 = transport == Transport::tcp6;
+    const std::size_t colon = rest.rfind(':');
+    if (colon == std::string_view::npos) refuse(whole, "the port is missing");
+    std::string_view host = rest.substr(0, colon);
+    if (v6) {
+      if (host.size() < 2 || host.front() != '[' || host.back() != ']') {
+        refuse(whole, "an IPv6 address stands in brackets: tcp6:[::1]:5000");
+      }
+      host = host.substr(1, host.size() - 2);
+    }
+    int port = 0;
+    if (!number_from(rest.substr(colon + 1), port)) refuse(whole, "the port is not a number");
+    return {transport, host, port};
+  }
+
+  static bool number_from(std::string_view digits, int& value) {
+    const char* const end = digits.data() + digits.size();
+    const auto parsed = std::from_chars(digits.data(), end, value);
+    return parsed.ec == std::errc() && parsed.ptr == end && !digits.empty() &&
+           digits.front() != '-';
+  }
+
+  static bool is_ip4(std::string_view host) {
+    for (int part = 0; part < 4; ++part) {
+      const std::size_t dot = part < 3 ? host.find('.') : host.size();
+      int value = 0;
+      if (dot > 3) return false;  // also where there is none
+      if (!number_from(host.substr(0, dot), value) || value > 255) return false;
+      host.remove_prefix(part < 3 ? dot + 1 : dot);
+    }
+    return host.empty();
+  }
+
+  // Enough to tell an address from a name; the system has the last word.
+  static bool is_ip6(std::string_view host) {
+    const std::string_view digits = host.substr(0, host.find('%'));
+    return digits.find(':') != std::string_view::npos &&
+           digits.find_first_not_of("0123456789abcdefABCDEF:.") == std::string_view::npos;
+  }
+
+  Transport transport_;
+  std::string host_;
+  int number_;
+};
+
+}  // namespace v1
+}  // namespace tolk

@@ -1,0 +1,202 @@
+/// @file
+/// One connection of a client: one object of the library's, from its connect to its end.
+#pragma once
+
+#include <tolk/IClient.h>
+#include <tolk/tolk.h>
+
+#include <tolk/layer/address.hpp>
+#include <tolk/layer/call_ids.hpp>
+#include <tolk/layer/side.hpp>
+
+namespace tolk {
+inline namespace v1 {
+
+/// How a client or a server behaves. All of it has usual values.
+struct Options {
+  /// How long a call waits for its answer when it does not say so itself.
+  std::chrono::milliseconds limit{5000};
+  /// How long tolk::connect goes on trying while nobody listens. 0: it tries once.
+  std::chrono::milliseconds patience{0};
+  /// Threads of a client for Client::async; more calls than that wait in line.
+  unsigned async_threads = 8;
+  /// Silences the library's own lines about connections on standard output. It also takes C++
+  /// streams out of step with C's, for the whole process, so set it before other threads print.
+  bool quiet = false;
+};
+
+/// @cond internal
+namespace detail {
+
+template <class Native>
+void silence(Native& native) {
+  char text[] = "tolk";
+  native.log(text, 0);
+}
+
+// Thread: any. Owner: its IClient, and the handlers of one that never ran.
+// Failure: errors that name method and address. Ending it takes the library 300 ms.
+class Connection final : public Peer, public std::enable_shared_from_this<Connection> {
+ public:
+  // `lost` is called on the loop thread when the server has gone.
+  static std::shared_ptr<Connection> make(const std::shared_ptr<Side>& side, Address where,
+                                          const Options& options, Hook::Happened lost) {
+    auto connection = std::make_shared<Connection>(std::move(where), options);
+    connection->register_handlers(side, std::move(lost));
+    return connection;
+  }
+
+  Connection(Address where, const Options& options)
+      : where_(std::move(where)), limit_(options.limit), native_(CreateClient()) {
+    if (native_ == nullptr) throw std::bad_alloc();
+    if (options.quiet) silence(*native_);
+  }
+  ~Connection() override {
+    DestroyClient(native_);
+    if (!ran_) custody_->free_if_not_taken();
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Whether the connect was decided against us before there was a connection: then it may be tried
+  // again with this object.
+  bool may_try_again() const { return !custody_->is_taken() && !fate_->lost; }
+
+  std::optional<Error> connect() {
+    const auto begun = Clock::now();
+    ran_ = connect_natively();
+    if (ran_) return std::nullopt;
+    if (fate_->lost)
+      return failure(Errc::gone, "", "the server went away during the version check");
+    if (may_try_again())
+      return failure(Errc::not_connected, "", "not connected: nobody listens there");
+    if (Clock::now() - begun >= kVersionLimit) {
+      return failure(Errc::timed_out, "", "the server did not answer the version check in 10 s");
+    }
+    return failure(Errc::refused_version, "", "refused: the server is of another version");
+  }
+
+  bool is_connected() const { return !closed_ && !fate_->lost && native_->isok(); }
+
+  // No further calls. Who still waits for an answer is let go, which takes an end of the connection
+  // at once; otherwise it ends after a pause, in which what was posted last gets out.
+  void let_go() {
+    closed_ = true;
+    if (ids_.under_way() != 0) native_->close();
+  }
+
+  void register_late(const std::shared_ptr<Side>& side, const Method& method) {
+    native_->method(method.info.name.c_str(), custody_->keep(Door::of_method(side, method)));
+  }
+
+  std::optional<Error> exchange(int, const std::string& method, TolkParams* arguments, Limit limit,
+                                Read read) override {
+    if (auto large = too_large(arguments, method, address())) return large;
+    const auto begun = Clock::now();
+    // Counted before it is asked: who closes sees us, or we see that they close.
+    Lease lease(ids_, [this] { native_->ClearRetvalMem(); });
+    if (!is_connected()) {
+      lease.note_unused();
+      return not_connected(method);
+    }
+    TolkParams* const answer = native_->SendMsgFast(method.c_str(), arguments, lease.id(),
+                                                    static_cast<int>(limit.client_ms()));
+    if (answer == nullptr) return why_unanswered(method, limit, begun);
+    lease.note_answered(answer);
+    read(*answer);
+    return std::nullopt;
+  }
+
+  std::optional<Error> post(int, const std::string& method, TolkParams* arguments) override {
+    if (!is_connected()) return not_connected(method);
+    if (auto large = too_large(arguments, method, address())) return large;
+    native_->PostMsgFast(method.c_str(), arguments, kPostId);
+    if (!is_connected()) return not_connected(method);
+    return std::nullopt;
+  }
+
+  std::chrono::milliseconds usual_limit() const override { return limit_; }
+  std::string address() const override { return where_.text(); }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kVersionLimit{10};
+  // Answers of posted calls are kept too: all in one place, where nobody looks.
+  static constexpr int kPostId = 0x40000001;
+
+  // What the library's own threads may still note when the connection is gone.
+  struct Fate {
+    std::atomic<bool> lost{false};
+  };
+
+  // A client's catch-all is never called, so it is never busy when the library deletes it: its end
+  // tells that all handlers are the library's to delete.
+  class Sentinel final : public IMethodAll {
+   public:
+    explicit Sentinel(std::shared_ptr<Custody> custody) : custody_(std::move(custody)) {}
+    ~Sentinel() override { custody_->taken(); }
+    void callback(const char*, int, TolkParams*, TolkParams*) override {}
+
+   private:
+    const std::shared_ptr<Custody> custody_;
+  };
+
+  void register_handlers(const std::shared_ptr<Side>& side, Hook::Happened lost) {
+    register_all(*native_, *custody_, side);
+    const auto note_loss = [fate = fate_, lost = std::move(lost)](int id, bool open) {
+      fate->lost = true;
+      lost(id, open);
+    };
+    native_->method("s_c_closed", custody_->keep(std::make_unique<Hook>(side, note_loss)));
+    native_->methodall(custody_->keep(std::make_unique<Sentinel>(custody_)));
+  }
+
+  bool connect_natively() {
+    const std::string number = std::to_string(where_.number());
+    switch (where_.transport()) {
+      case Transport::pipe:
+        return native_->InitTolkClient(number.c_str(), false);
+      case Transport::tcp4:
+        return native_->InitTolkClientTcp4(where_.host().c_str(), number.c_str(), false);
+      case Transport::tcp6:
+        break;
+    }
+    return native_->InitTolkClientTcp6(where_.host().c_str(), number.c_str(), false);
+  }
+
+  Error failure(Errc code, const std::string& method, std::string_view detail) const {
+    return {code, method, address(), detail};
+  }
+
+  Error not_connected(const std::string& method) const {
+    if (closed_)
+      return failure(Errc::not_connected, method, "not connected: the client was closed");
+    return failure(Errc::gone, method, "the server is gone");
+  }
+
+  // The library ends the waiting calls of the whole process when one of its clients ends.
+  Error why_unanswered(const std::string& method, Limit limit, Clock::time_point begun) const {
+    if (!is_connected()) return not_connected(method);
+    if (!limit.endless() && Clock::now() - begun >= limit.asked) {
+      return failure(Errc::timed_out, method,
+                     "timed out after " + std::to_string(limit.asked.count()) + " ms");
+    }
+    return failure(Errc::interrupted, method,
+                   "interrupted: another client of this process ended; the method may have run");
+  }
+
+  const Address where_;
+  const std::chrono::milliseconds limit_;
+  const std::shared_ptr<Custody> custody_ = std::make_shared<Custody>();
+  const std::shared_ptr<Fate> fate_ = std::make_shared<Fate>();
+  CallIds ids_;
+  std::atomic<bool> closed_{false};
+  bool ran_ = false;  // then the doors are the library's, which may delete them after our end
+  IClient* const native_;
+};
+
+}  // namespace detail
+/// @endcond
+
+}  // namespace v1
+}  // namespace tolk

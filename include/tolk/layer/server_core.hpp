@@ -1,0 +1,385 @@
+/// @file
+/// What a server's object, its handlers and its callers share.
+#pragma once
+
+#include <tolk/IServer.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <random>
+#include <tolk/layer/connection.hpp>
+
+namespace tolk {
+inline namespace v1 {
+
+/// @cond internal
+namespace detail {
+
+// One listening object of the library's. Lives as long as a call through it.
+// Thread: any. Owner: its IServer, and the handlers of one that never listened.
+class Listening {
+ public:
+  Listening() : native(CreateServer()) {
+    if (native == nullptr) throw std::bad_alloc();
+  }
+  ~Listening() {
+    native->close();
+    DestroyServer(native);
+    if (!started) custody->free_if_not_taken();
+  }
+  Listening(const Listening&) = delete;
+  Listening& operator=(const Listening&) = delete;
+
+  IServer* const native;
+  const std::shared_ptr<Custody> custody = std::make_shared<Custody>();
+  CallIds ids;
+  bool started = false;  // then the doors are the library's, which may delete them after our end
+};
+
+// Which clients there are, and what is known of them.
+class Clients {
+ public:
+  void came(int id) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    known_.emplace(id, false);
+  }
+  void went(int id) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    known_.erase(id);
+  }
+  bool has(int id) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return known_.contains(id);
+  }
+  void all_went() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    known_.clear();
+  }
+  std::vector<int> ids() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<int> all;
+    for (const auto& [id, silent] : known_) all.push_back(id);
+    return all;
+  }
+  // A client without the layer does not answer when it is asked for its methods.
+  void note_silent(int id) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto at = known_.find(id);
+    if (at != known_.end()) at->second = true;
+  }
+  bool is_silent(int id) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto at = known_.find(id);
+    return at != known_.end() && at->second;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<int, bool> known_;  // whether the client is known to be silent
+};
+
+class ServerCore final : public Peer, public std::enable_shared_from_this<ServerCore> {
+ public:
+  using ClientHook = std::function<void(int)>;
+
+  explicit ServerCore(const Options& wanted) : options(wanted) {}
+
+  void listen(const Address& where) {
+    std::shared_ptr<Listening> old;  // one that a client ended; it goes after the locks
+    const std::lock_guard<std::mutex> one_at_a_time(life_);
+    if (closed_) throw Error(Errc::misuse, "", where.text(), "a closed server can't listen again");
+    if (listening()) throw Error(Errc::misuse, "", where.text(), "this server listens already");
+    // Set once: handlers of an attempt that failed may still read it.
+    if (side->back.expired()) side->back = weak_from_this();
+    auto fresh = std::make_shared<Listening>();
+    if (options.quiet) silence(*fresh->native);
+    register_handlers(*fresh);
+    set_address(where);
+    if (!start(*fresh->native, where)) {
+      throw Error(Errc::cannot_listen, "", where.text(), "can't listen: " + last_line());
+    }
+    fresh->started = true;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    old = std::exchange(listening_, std::move(fresh));
+  }
+
+  // The calls to clients end first: the library would leave them waiting for ever. Nothing is
+  // waited for under a lock: what is waited for may close the server too.
+  void close() {
+    std::shared_ptr<Listening> ending;
+    if (!begin_end(ending)) return wait_for_first();
+    if (ending) {
+      calls_.close();
+      wait_for_calls(*ending->native);
+      ending->native->close();
+    }
+    side->end();
+    ending.reset();
+    ended();
+  }
+
+  bool listening() const {
+    const auto current = this->current();
+    return current && current->native->isok();
+  }
+  // Until the server is closed, by this program or by a client's request.
+  void wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return ended_; });
+  }
+
+  // Not beside `listen`: what starts meanwhile has the method once.
+  void add(Method method) {
+    const std::lock_guard<std::mutex> one_at_a_time(life_);
+    const Method& kept = side->add(std::move(method));
+    const auto current = this->current();
+    if (!current) return;
+    current->native->method(kept.info.name.c_str(),
+                            current->custody->keep(Door::of_method(side, kept)));
+  }
+
+  std::optional<Error> exchange(int to, const std::string& method, TolkParams* arguments,
+                                Limit limit, Read read) override {
+    auto failed = exchange_once(to, method, arguments, limit, read);
+    if (!failed || failed->code() != Errc::timed_out) return failed;
+    if (!clients.has(to)) return failure(Errc::gone, to, method, "the client is gone");
+    return lacks_method(to, method) ? no_such_method(to, method) : failed;
+  }
+
+  std::optional<Error> post(int to, const std::string& method, TolkParams* arguments) override {
+    const Gate::Pass pass(calls_);
+    const auto current = pass ? this->current() : nullptr;
+    if (!current || !current->native->isok()) return not_listening(to, method);
+    if (!clients.has(to)) return no_such_client(to, method);
+    if (auto large = too_large(arguments, method, address())) return large;
+    current->native->PostMsg(to, method.c_str(), arguments, kPostId);
+    return std::nullopt;
+  }
+
+  std::chrono::milliseconds usual_limit() const override { return options.limit; }
+  std::string address() const override {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return where_;
+  }
+
+  const Options options;
+  const std::shared_ptr<Side> side = std::make_shared<Side>();
+  Clients clients;
+  ClientHook on_connect;
+  ClientHook on_closed;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr int kPostId = 0x40000001;
+
+  // The lines of the server, and the sign that the library has its handlers to delete: it is
+  // registered under a name that nobody can know, too, so nobody can keep it busy then.
+  class Sink final : public IServerMethod {
+   public:
+    Sink(std::weak_ptr<ServerCore> core, std::shared_ptr<Custody> custody)
+        : core_(std::move(core)), custody_(std::move(custody)) {}
+    ~Sink() override {
+      custody_->taken();
+      if (const auto core = core_.lock()) core->ended();
+    }
+    void callback(int, TolkParams* in, TolkParams* out) override {
+      const auto core = core_.lock();
+      if (core && in != nullptr && out == nullptr) core->take_line(in->GetValue(0));
+    }
+
+   private:
+    const std::weak_ptr<ServerCore> core_;
+    const std::shared_ptr<Custody> custody_;
+  };
+
+  // False when somebody did before.
+  bool begin_end(std::shared_ptr<Listening>& ending) {
+    const std::lock_guard<std::mutex> one_at_a_time(life_);
+    if (std::exchange(closed_, true)) return false;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ending.swap(listening_);
+    return true;
+  }
+
+  // A handler does not wait: who closes waits for it.
+  void wait_for_first() {
+    side->end();
+    if (!side->gate.has_this_thread()) wait();
+  }
+
+  // When a client has stopped the server, nothing ends them any more: they are not waited for.
+  void wait_for_calls(IServer& native) const {
+    static constexpr std::chrono::milliseconds kLook{10};
+    while (!calls_.is_empty() && native.isok()) std::this_thread::sleep_for(kLook);
+  }
+
+  std::shared_ptr<Listening> current() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return listening_;
+  }
+
+  void register_handlers(Listening& fresh) {
+    IServer& native = *fresh.native;
+    Custody& custody = *fresh.custody;
+    auto* const sink = custody.keep(std::make_unique<Sink>(weak_from_this(), fresh.custody));
+    native.method("s_c_log", sink);
+    native.method(secret_name().c_str(), sink);
+    register_all(native, custody, side);
+    const auto hook = [&](const char* name, Hook::Happened happened) {
+      native.method(name, custody.keep(std::make_unique<Hook>(side, std::move(happened))));
+    };
+    hook("s_c_connect", [weak = weak_from_this()](int id, bool open) {
+      if (const auto core = weak.lock()) core->client_came(id, open);
+    });
+    hook("s_c_closed", [weak = weak_from_this()](int id, bool open) {
+      if (const auto core = weak.lock()) core->client_went(id, open);
+    });
+    if (side->catch_all) native.methodall(custody.keep(std::make_unique<CatchAllDoor>(side)));
+  }
+
+  class CatchAllDoor final : public IMethodAll {
+   public:
+    explicit CatchAllDoor(std::shared_ptr<Side> side) : side_(std::move(side)) {}
+    void callback(const char* name, int id, TolkParams* in, TolkParams* out) override {
+      if (in != nullptr && out != nullptr) side_->serve_unknown(name, id, *in, *out);
+    }
+
+   private:
+    const std::shared_ptr<Side> side_;
+  };
+
+  static std::string secret_name() {
+    std::random_device random;
+    return "tolk.sink." + std::to_string(random()) + "." + std::to_string(random());
+  }
+
+  static bool start(IServer& native, const Address& where) {
+    const std::string number = std::to_string(where.number());
+    if (where.transport() == Transport::pipe) return native.InitTolkServer(number.c_str());
+    return where.transport() == Transport::tcp4
+               ? native.InitTolkServerTcp4(where.host().c_str(), number.c_str())
+               : native.InitTolkServerTcp6(where.host().c_str(), number.c_str());
+  }
+
+  void client_came(int id, bool open) {
+    clients.came(id);
+    if (open && on_connect) on_connect(id);
+  }
+  void client_went(int id, bool open) {
+    side->transfers.forget_all_of(id);
+    clients.went(id);
+    if (open && on_closed) on_closed(id);
+  }
+
+  void take_line(const TolkValue* value) {
+    if (value == nullptr || !value->IsString()) return;
+    const std::string line(bytes_of(*value));
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      last_line_ = line;
+    }
+    side->log_line(line);
+  }
+  std::string last_line() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::size_t end = last_line_.find_last_not_of("\n ");
+    const bool says_why = last_line_.find("rror") != std::string::npos;
+    return says_why ? last_line_.substr(0, end + 1) : "the address can't be used here";
+  }
+  void set_address(const Address& where) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    where_ = where.text();
+    last_line_.clear();
+    ended_ = false;
+  }
+  void ended() {
+    clients.all_went();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+  }
+
+  std::optional<Error> exchange_once(int to, const std::string& method, TolkParams* arguments,
+                                     Limit limit, const Read& read) {
+    const Gate::Pass pass(calls_);
+    const auto current = pass ? this->current() : nullptr;
+    if (!current || !current->native->isok()) return not_listening(to, method);
+    if (auto large = too_large(arguments, method, address())) return large;
+    const auto begun = Clock::now();
+    Lease lease(current->ids, [] {});
+    const auto milliseconds = static_cast<int>(limit.server_ms());
+    TolkParams* const answer =
+        current->native->SendMsg(to, method.c_str(), arguments, lease.id(), milliseconds);
+    // Every answer has an envelope. A block without one is what an earlier call left, emptied.
+    if (answer != nullptr && answer->MapSize() > 0) {
+      lease.note_answered(answer);
+      read(*answer);
+      return std::nullopt;
+    }
+    reclaim_spoiled(*current);
+    return why_unanswered(to, method, limit, begun);
+  }
+
+  // A late answer shows in the slot of its id. Once it has come and gone, the id is clean. The
+  // table can't be cleared as a whole: the library's own calls use it too.
+  static void reclaim_spoiled(Listening& current) {
+    const auto id = current.ids.take_spoiled();
+    if (!id) return;
+    // No client has the id 0: this only looks the slot up.
+    TolkParams* const late = current.native->SendMsg(0, "", nullptr, *id, 1);
+    if (late == nullptr || late->MapSize() == 0) return current.ids.still_spoiled(*id);
+    late->Clear();
+    current.ids.clean_again(*id);
+  }
+
+  // A client does not answer a call of a method that it does not have. One with the layer says
+  // which ones it has, at once; one without is asked a single time.
+  bool lacks_method(int to, const std::string& method) {
+    static constexpr std::chrono::milliseconds kPatience{200};
+    if (clients.is_silent(to)) return false;
+    bool lacks = false;
+    const auto failed =
+        exchange_once(to, kMethodDescribe, nullptr, Limit{kPatience}, [&](TolkParams& block) {
+          std::vector<std::string> names;
+          const bool told = Codec<std::vector<std::string>>::get(block.GetValue(0), names);
+          lacks = told && std::find(names.begin(), names.end(), method) == names.end();
+        });
+    if (failed) clients.note_silent(to);
+    return lacks;
+  }
+
+  std::optional<Error> why_unanswered(int to, const std::string& method, Limit limit,
+                                      Clock::time_point begun) const {
+    if (limit.endless() || Clock::now() - begun < limit.asked) return no_such_client(to, method);
+    return failure(Errc::timed_out, to, method,
+                   "timed out after " + std::to_string(limit.asked.count()) + " ms");
+  }
+  Error failure(Errc code, int to, const std::string& method, std::string_view detail) const {
+    return {code, method, "client " + std::to_string(to) + " of " + address(), detail};
+  }
+  Error not_listening(int to, const std::string& method) const {
+    return failure(Errc::not_connected, to, method, "not connected: the server does not listen");
+  }
+  Error no_such_client(int to, const std::string& method) const {
+    return failure(Errc::not_connected, to, method, "not connected: there is no such client");
+  }
+  Error no_such_method(int to, const std::string& method) const {
+    return failure(Errc::no_such_method, to, method, "there is no such method");
+  }
+
+  std::mutex life_;
+  bool closed_ = false;  // under `life_`
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::shared_ptr<Listening> listening_;
+  std::string where_ = "not listening";
+  std::string last_line_;
+  bool ended_ = false;
+  Gate calls_;
+};
+
+}  // namespace detail
+/// @endcond
+
+}  // namespace v1
+}  // namespace tolk

@@ -1,0 +1,355 @@
+/// @file
+/// What serves incoming calls: the methods of one client or server, and the handlers that stand for
+/// them in the library.
+///
+/// Thread: any. Handlers run on the library's workers, several at a time; none runs user code any
+/// more once `end` has returned.
+/// Owner: the library deletes a Door when its object ends (a busy one when it returns), but only if
+/// its object ever ran; Custody tells which, and frees the doors of one that did not.
+/// Failure: an exception of a handler becomes an answer that says so.
+#pragma once
+
+#include <tolk/IMethodAll.h>
+#include <tolk/IServerMethod.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <tolk/layer/method.hpp>
+#include <tolk/layer/transfers.hpp>
+
+namespace tolk {
+inline namespace v1 {
+
+/// @cond internal
+namespace detail {
+
+inline constexpr char kMethodDescribe[] = "tolk.describe";
+inline constexpr char kMethodPiece[] = "tolk.piece";
+inline constexpr char kNoStdException[] = "an exception that is no std::exception";
+
+// How many threads are inside, and whether anybody may still enter.
+class Gate {
+ public:
+  // While alive, the thread is inside. False when the gate is closed.
+  class Pass {
+   public:
+    explicit Pass(Gate& gate) : gate_(gate), outer_(innermost()) {
+      innermost() = this;
+      ++gate_.inside_;
+      let_in_ = !gate_.closed_;
+    }
+    ~Pass() {
+      innermost() = outer_;
+      if (--gate_.inside_ == 0) gate_.inside_.notify_all();
+    }
+    Pass(const Pass&) = delete;
+    Pass& operator=(const Pass&) = delete;
+    explicit operator bool() const { return let_in_; }
+
+   private:
+    friend class Gate;
+    static Pass*& innermost() {
+      thread_local Pass* pass = nullptr;
+      return pass;
+    }
+
+    Gate& gate_;
+    Pass* const outer_;
+    bool let_in_;
+  };
+
+  // Nobody enters from now on.
+  void close() { closed_ = true; }
+  // Until nobody is inside; not on a thread that is, which would wait for itself.
+  void wait_until_empty() {
+    if (has_this_thread()) return;
+    for (int inside = inside_; inside != 0; inside = inside_) inside_.wait(inside);
+  }
+  // Whether there is nobody to wait for.
+  bool is_empty() const { return inside_ == 0 || has_this_thread(); }
+  bool has_this_thread() const {
+    for (const Pass* pass = Pass::innermost(); pass != nullptr; pass = pass->outer_) {
+      if (&pass->gate_ == this) return true;
+    }
+    return false;
+  }
+
+ private:
+  std::atomic<int> inside_{0};
+  std::atomic<bool> closed_{false};
+};
+
+// Whose the doors of one library object are. An object that never ran deletes none of them.
+class Custody {
+ public:
+  // The library is about to delete the doors: called by the destructor of one that is not busy
+  // while a start fails. Later it can be, and that the object ever ran is known without it.
+  void taken() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    taken_ = true;
+  }
+  bool is_taken() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return taken_;
+  }
+  template <class Handler>
+  Handler* keep(std::unique_ptr<Handler> door) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Handler* const raw = door.get();
+    doors_.push_back([raw] { delete raw; });
+    door.release();
+    return raw;
+  }
+  // When the object is gone.
+  void free_if_not_taken() {
+    std::vector<std::function<void()>> doors;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (!taken_) doors.swap(doors_);
+    }
+    for (const auto& free_door : doors) free_door();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  bool taken_ = false;
+  std::vector<std::function<void()>> doors_;
+};
+
+using LineSink = std::function<void(std::string_view)>;
+
+class Side : public std::enable_shared_from_this<Side> {
+ public:
+  using CatchAll = std::function<void(const Invocation&)>;
+
+  // Throws Errc::misuse for a name that is taken or not the host's to take.
+  const Method& add(Method method) {
+    const std::string name = method.info.name;
+    if (name.empty() || name == "retval" || is_reserved(name)) {
+      throw Error(Errc::misuse, name, "", "this name can't be a method's");
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto [at, added] = methods_.emplace(name, std::move(method));
+    if (!added) throw Error(Errc::misuse, name, "", "there is a method of this name already");
+    return at->second;
+  }
+
+  std::vector<MethodInfo> infos() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<MethodInfo> all;
+    for (const auto& [name, method] : methods_) all.push_back(method.info);
+    return all;
+  }
+  // A method stays where it is for as long as the side lives.
+  const Method* find(const std::string& name) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto at = methods_.find(name);
+    return at == methods_.end() ? nullptr : &at->second;
+  }
+  template <class Each>
+  void for_each(const Each& each) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [name, method] : methods_) each(method);
+  }
+
+  // One call of one method, on a worker.
+  void serve(const Method& method, int caller_id, TolkParams& in, TolkParams& out) {
+    run(method.info.name, method.run, Invocation{caller_id, method.info.name, back, in, out});
+  }
+  void serve_unknown(const char* name, int caller_id, TolkParams& in, TolkParams& out) {
+    run(name, catch_all, Invocation{caller_id, name, back, in, out});
+    out.AddKeyValueInt(kKeyMeant, 1);  // the library adds "no event" behind
+  }
+  void serve_piece(int caller_id, TolkParams& in, TolkParams& out);
+  void serve_describe(TolkParams& out) const;
+
+  // No user code runs from now on, and what runs is waited for, but on a thread that runs it.
+  void end() {
+    gate.close();
+    gate.wait_until_empty();
+  }
+
+  // User code as handlers are: none runs once `end` has returned.
+  void log_line(std::string_view line) {
+    const Gate::Pass pass(gate);
+    if (pass && log) log(line);
+  }
+
+  // Set before the first call can come, and never again.
+  std::weak_ptr<Peer> back;
+  CatchAll catch_all;
+  LineSink log;
+  std::function<void(const Caller&, Progress)> receiving;
+
+  Gate gate;
+  Transfers transfers;
+
+ private:
+  template <class Run>
+  void run(std::string_view name, const Run& what, const Invocation& call) {
+    const Gate::Pass pass(gate);
+    if (!pass) return fail(call.out, name, "", "this end is closing");
+    try {
+      what(call);
+      note_lookalike(call.out);
+    } catch (const BadArguments& wrong) {
+      fail(call.out, name, kKindArguments, wrong.what());
+    } catch (const std::exception& failure) {
+      fail(call.out, name, "", failure.what());
+    } catch (...) {
+      fail(call.out, name, "", kNoStdException);
+    }
+  }
+
+  // A first value that begins like the library's own answer for an unknown method says that it is
+  // meant. In the encoded block: tag, four bytes of length, text.
+  static void note_lookalike(TolkParams& out) {
+    constexpr long kHead = 5;
+    constexpr char kStringTag = 3;
+    const char* const bytes = out.GetParamasPtr();
+    const auto needed = kHead + static_cast<long>(kNoMethod.size());
+    if (out.GetParamasSize() < needed || bytes[0] != kStringTag) return;
+    if (std::memcmp(bytes + kHead, kNoMethod.data(), kNoMethod.size()) != 0) return;
+    out.AddKeyValueBool(kKeyMeant, true);
+  }
+
+  void fail(TolkParams& out, std::string_view name, const char* kind, const char* text) {
+    out.Clear();
+    out.AddKeyValueString(kKeyError, text);
+    if (*kind != 0) out.AddKeyValueString(kKeyKind, kind);
+    log_line("handler error: " + std::string(name) + ": " + text + "\n");
+  }
+
+  void join_piece(const Transfers::Piece& piece, int caller_id, TolkParams& in, TolkParams& out);
+
+  mutable std::mutex mutex_;
+  std::map<std::string, Method> methods_;
+};
+
+// Lists of the names, the signatures and what was written about them.
+inline void Side::serve_describe(TolkParams& out) const {
+  const auto column = [all = infos(), &out](std::string MethodInfo::*member) {
+    put_list(out, [&](const Element& element) {
+      for (const MethodInfo& info : all) Codec<std::string>::put(element, info.*member);
+    });
+  };
+  column(&MethodInfo::name);
+  column(&MethodInfo::signature);
+  column(&MethodInfo::about);
+}
+
+// A piece of a large first argument. An exception must not leave an empty answer, which the sender
+// would take for a success.
+inline void Side::serve_piece(int caller_id, TolkParams& in, TolkParams& out) {
+  const auto piece = Transfers::Piece::read(in);
+  if (!piece) return fail(out, kMethodPiece, kKindArguments, "the piece is malformed");
+  if (piece->cancelled) return transfers.forget(caller_id, piece->transfer);
+  try {
+    join_piece(*piece, caller_id, in, out);
+  } catch (const std::exception& failure) {
+    transfers.forget(caller_id, piece->transfer);
+    fail(out, piece->method, "", failure.what());
+  } catch (...) {
+    transfers.forget(caller_id, piece->transfer);
+    fail(out, piece->method, "", kNoStdException);
+  }
+}
+
+// The last piece is answered with the method's own answer.
+inline void Side::join_piece(const Transfers::Piece& piece, int caller_id, TolkParams& in,
+                             TolkParams& out) {
+  const Method* const method = find(piece.method);
+  if (method == nullptr) {
+    out.AddKeyValueString(kKeyError, "there is no such method");
+    out.AddKeyValueString(kKeyKind, kKindMethod);
+    return;
+  }
+  const Gate::Pass pass(gate);
+  if (!pass) return fail(out, piece.method, "", "this end is closing");
+  auto taken = transfers.add(caller_id, piece);
+  if (!taken.in_order) return fail(out, piece.method, "", "a piece is missing");
+  if (receiving && piece.size() > 0) {
+    bool cancelled = false;
+    receiving(Caller(caller_id, piece.method, back), Progress(taken.done, piece.total, cancelled));
+    if (cancelled) {
+      transfers.forget(caller_id, piece.transfer);
+      return fail(out, piece.method, "", "the receiver cancelled the transfer");
+    }
+  }
+  if (!taken.whole) return out.AddKeyValueDouble(kKeyDone, static_cast<double>(taken.done));
+  const TolkValue whole(taken.whole->data(), static_cast<long>(taken.whole->size()),
+                        TolkValue::Stream);
+  taken.whole.reset();
+  run(piece.method, method->run, Invocation{caller_id, method->info.name, back, in, out, &whole});
+}
+
+// The library's handler of one of our methods.
+class Door final : public IServerMethod {
+ public:
+  using Serve = std::function<void(Side&, int, TolkParams&, TolkParams&)>;
+
+  Door(std::shared_ptr<Side> side, Serve serve)
+      : side_(std::move(side)), serve_(std::move(serve)) {}
+
+  static std::unique_ptr<Door> of_method(const std::shared_ptr<Side>& side, const Method& method) {
+    return std::make_unique<Door>(side,
+                                  [&method](Side& to, int id, TolkParams& in, TolkParams& out) {
+                                    to.serve(method, id, in, out);
+                                  });
+  }
+  static std::unique_ptr<Door> of_describe(const std::shared_ptr<Side>& side) {
+    return std::make_unique<Door>(
+        side, [](Side& to, int, TolkParams&, TolkParams& out) { to.serve_describe(out); });
+  }
+  static std::unique_ptr<Door> of_pieces(const std::shared_ptr<Side>& side) {
+    return std::make_unique<Door>(side, [](Side& to, int id, TolkParams& in, TolkParams& out) {
+      to.serve_piece(id, in, out);
+    });
+  }
+
+  void callback(int id, TolkParams* in, TolkParams* out) override {
+    if (in != nullptr && out != nullptr) serve_(*side_, id, *in, *out);
+  }
+
+ private:
+  const std::shared_ptr<Side> side_;
+  const Serve serve_;
+};
+
+// An event of the library's, on its loop thread. A peer that calls its name like a method is
+// answered with nothing.
+class Hook final : public IServerMethod {
+ public:
+  // `open`: user code may run.
+  using Happened = std::function<void(int id, bool open)>;
+
+  Hook(std::shared_ptr<Side> side, Happened happened)
+      : side_(std::move(side)), happened_(std::move(happened)) {}
+  void callback(int id, TolkParams*, TolkParams* out) override {
+    if (out != nullptr) return;
+    const Gate::Pass pass(side_->gate);
+    happened_(id, static_cast<bool>(pass));
+  }
+
+ private:
+  const std::shared_ptr<Side> side_;
+  const Happened happened_;
+};
+
+// Every method of a side, registered with one object of the library's.
+template <class Native>
+void register_all(Native& native, Custody& custody, const std::shared_ptr<Side>& side) {
+  side->for_each([&](const Method& method) {
+    native.method(method.info.name.c_str(), custody.keep(Door::of_method(side, method)));
+  });
+  native.method(kMethodDescribe, custody.keep(Door::of_describe(side)));
+  native.method(kMethodPiece, custody.keep(Door::of_pieces(side)));
+}
+
+}  // namespace detail
+/// @endcond
+
+}  // namespace v1
+}  // namespace tolk

@@ -1,0 +1,30 @@
+/// @file
+/// The C++ layer: servers, clients and calls with the types of the language. C++20, headers only,
+/// on the exported interface alone.
+///
+/// @code
+/// tolk::Server server;
+/// server.on("add", [](int a, int b) { return a + b; });
+/// server.listen(tolk::pipe{5000});
+///
+/// tolk::Client client = tolk::connect("pipe:5000");
+/// int sum = client.call<int>("add", 2, 3, 500ms).value();
+/// @endcode
+///
+/// Both ends work with hosts that use the plain interface. What the layer adds to messages is in
+/// docs/wire.md.
+#pragma once
+
+#if defined(__cplusplus) && __cplusplus < 202002L && (!defined(_MSVC_LANG) || _MSVC_LANG < 202002L)
+#error "tolk.hpp needs C++20; tolk.h does with C++17"
+#endif
+
+#include <tolk/layer/address.hpp>
+#include <tolk/layer/caller.hpp>
+#include <tolk/layer/client.hpp>
+#include <tolk/layer/codec.hpp>
+#include <tolk/layer/error.hpp>
+#include <tolk/layer/pack.hpp>
+#include <tolk/layer/server.hpp>
+#include <tolk/layer/transfers.hpp>
+#include <tolk/layer/value.hpp>

@@ -1,0 +1,236 @@
+#include <tolk/ListParams.h>
+#include <tolk/TolkParams.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "params/argument.h"
+#include "params/content.h"
+#include "params/encoder.h"
+#include "params/value_access.h"
+
+using Access = TolkParamsAccess;
+using tolk::Argument;
+
+namespace {
+
+using BlockEncoder = tolk::Encoder<std::string>;
+
+// Behind a large record there is room for some small ones, among them the keys of a large call:
+// they don't make the block move, which would hold it twice meanwhile.
+constexpr std::size_t large_block_bytes = std::size_t{1} << 20;
+constexpr std::size_t spare_bytes = 4096;
+
+// Room for a whole record first, so that being out of memory leaves no half record. Doubling keeps
+// many small records cheap.
+void make_room(std::string& buffer, std::size_t record_bytes) {
+  const std::size_t needed = buffer.size() + record_bytes;
+  if (needed <= buffer.capacity()) return;
+  const std::size_t spare = needed < large_block_bytes ? 0 : spare_bytes;
+  buffer.reserve(std::max(needed + spare, 2 * buffer.capacity()));
+}
+
+template <class Write>
+void append_record(std::string& buffer, std::size_t record_bytes, Write write) {
+  make_room(buffer, record_bytes);
+  BlockEncoder encoder(buffer, 0);
+  write(encoder);
+}
+
+// Appends a key-and-value record whose value `write` adds.
+template <class Write>
+void append_keyed(std::string& buffer, const char* key, std::size_t value_bytes, Write write) {
+  const Argument name(buffer, tolk::wire_part(tolk::text_of(key)));
+  const std::size_t record_bytes = tolk::keyed_bytes(name.view().size(), value_bytes);
+  append_record(buffer, record_bytes, [&](BlockEncoder& encoder) {
+    encoder.add_key(name.view());
+    write(encoder);
+  });
+}
+
+// On purpose: the text of a string element travels up to its first zero byte, a stream whole.
+std::string_view element_bytes(const TolkValue& element) {
+  const std::string_view bytes = tolk::wire_part(TolkValueAccess::bytes(element));
+  return element.IsString() ? tolk::cut_at_zero(bytes) : bytes;
+}
+
+std::size_t element_record_bytes(const TolkValue& element) {
+  switch (TolkValueAccess::type(element)) {
+    case TolkValue::Bool:
+      return tolk::bool_record_bytes;
+    case TolkValue::Int:
+      return tolk::int_record_bytes;
+    case TolkValue::Double:
+      return tolk::double_record_bytes;
+    default:
+      return tolk::string_record_bytes(element_bytes(element).size());
+  }
+}
+
+void add_element(BlockEncoder& encoder, const TolkValue& element) {
+  switch (TolkValueAccess::type(element)) {
+    case TolkValue::Bool:
+      return encoder.add_bool(element.GetBool());
+    case TolkValue::Int:
+      return encoder.add_int(element.GetInt());
+    case TolkValue::Double:
+      return encoder.add_double(element.GetDouble());
+    case TolkValue::String:
+      return encoder.add_string(element_bytes(element));
+    case TolkValue::Stream:
+      return encoder.add_stream(element_bytes(element));
+    default:
+      return;  // a list record has no place for anything else
+  }
+}
+
+}  // namespace
+
+TolkParams::TolkParams() : content_(new Content) {}
+
+TolkParams::TolkParams(const TolkParams& other) : content_(new Content(Access::content(other))) {}
+
+TolkParams& TolkParams::operator=(const TolkParams& other) {
+  if (this == &other) return *this;
+  get_buffer_ = other.get_buffer_;
+  // Of a refreshable block the content is marked as used now, and so kept by its table until we
+  // hold a count of our own.
+  Content& shared = Access::content(other);
+  shared.retain();
+  Access::replace(*this, &shared);
+  return *this;
+}
+
+TolkParams::~TolkParams() { Access::content(*this).release(); }
+
+void TolkParams::AddInt(int v) {
+  append_record(*GetParamas(), tolk::int_record_bytes, [&](auto& to) { to.add_int(v); });
+}
+
+void TolkParams::AddBool(bool v) {
+  append_record(*GetParamas(), tolk::bool_record_bytes, [&](auto& to) { to.add_bool(v); });
+}
+
+void TolkParams::AddDouble(double v) {
+  append_record(*GetParamas(), tolk::double_record_bytes, [&](auto& to) { to.add_double(v); });
+}
+
+void TolkParams::AddString(const char* s) {
+  std::string& buffer = *GetParamas();
+  const Argument text(buffer, tolk::wire_part(tolk::text_of(s)));
+  append_record(buffer, tolk::string_record_bytes(text.view().size()),
+                [&](auto& to) { to.add_string(text.view()); });
+}
+
+void TolkParams::AddStream(const char* data, long len) {
+  std::string& buffer = *GetParamas();
+  const Argument bytes(buffer, tolk::wire_part(tolk::bytes_of(data, len)));
+  append_record(buffer, tolk::stream_record_bytes(bytes.view().size()),
+                [&](auto& to) { to.add_stream(bytes.view()); });
+}
+
+void TolkParams::AddKeyValueInt(const char* key, int v) {
+  append_keyed(*GetParamas(), key, tolk::int_record_bytes, [&](auto& to) { to.add_int(v); });
+}
+
+void TolkParams::AddKeyValueBool(const char* key, bool v) {
+  append_keyed(*GetParamas(), key, tolk::bool_record_bytes, [&](auto& to) { to.add_bool(v); });
+}
+
+void TolkParams::AddKeyValueDouble(const char* key, double v) {
+  append_keyed(*GetParamas(), key, tolk::double_record_bytes, [&](auto& to) { to.add_double(v); });
+}
+
+void TolkParams::AddKeyValueString(const char* key, const char* s) {
+  std::string& buffer = *GetParamas();
+  const Argument text(buffer, tolk::wire_part(tolk::text_of(s)));
+  append_keyed(buffer, key, tolk::string_record_bytes(text.view().size()),
+               [&](auto& to) { to.add_string(text.view()); });
+}
+
+void TolkParams::AddKeyValueStream(const char* key, const char* data, long len) {
+  std::string& buffer = *GetParamas();
+  const Argument bytes(buffer, tolk::wire_part(tolk::bytes_of(data, len)));
+  append_keyed(buffer, key, tolk::stream_record_bytes(bytes.view().size()),
+               [&](auto& to) { to.add_stream(bytes.view()); });
+}
+
+void TolkParams::AddList(ListParams* list) {
+  if (list == nullptr) return;
+  const std::unique_ptr<ListParams> owned(list);
+  const auto& elements = owned->elements_;
+  std::size_t record_bytes = tolk::list_header_bytes;
+  for (const TolkValue* element : elements) record_bytes += element_record_bytes(*element);
+  append_record(*GetParamas(), record_bytes, [&](BlockEncoder& to) {
+    to.add_list_header(static_cast<std::uint32_t>(elements.size()));
+    for (const TolkValue* element : elements) add_element(to, *element);
+  });
+}
+
+ListParams* TolkParams::CreateListParams() { return new ListParams; }
+
+std::string* TolkParams::GetParamas() { return &Access::content(*this).buffer; }
+const char* TolkParams::GetParamasPtr() { return GetParamas()->c_str(); }
+long TolkParams::GetParamasSize() { return static_cast<long>(GetParamas()->size()); }
+int TolkParams::Size() { return static_cast<int>(GetParamas()->size()); }
+
+int TolkParams::ParamsSize() { return static_cast<int>(Access::content(*this).values.size()); }
+int TolkParams::MapSize() { return static_cast<int>(Access::content(*this).keyed.size()); }
+
+bool TolkParams::Parser(const char* data, int len) {
+  // Copied before anything is dropped: `data` may lie in the block's bytes or in one of its values.
+  std::string bytes(tolk::bytes_of(data, len));
+  return Access::content(*this).parse(std::move(bytes));
+}
+
+bool TolkParams::ToParams() { return Access::content(*this).parse_own_bytes(); }
+
+TolkValue* TolkParams::GetValue(int i) {
+  const auto& values = Access::content(*this).values;
+  const bool exists = i >= 0 && static_cast<std::size_t>(i) < values.size();
+  return exists ? values[static_cast<std::size_t>(i)] : nullptr;
+}
+
+TolkValue* TolkParams::GetMap(const char* key) {
+  if (key == nullptr) return nullptr;
+  const auto& keyed = Access::content(*this).keyed;
+  const auto entry = keyed.find(std::string_view(key));
+  return entry == keyed.end() ? nullptr : entry->second;
+}
+
+std::map<const char*, TolkValue*>* TolkParams::GetMapPtr() {
+  return &Access::content(*this).keyed_view();
+}
+
+void TolkParams::GetBuffer() { get_buffer_ = true; }
+bool TolkParams::IsGetBuffer() { return get_buffer_; }
+
+void TolkParams::Clear() { Access::content(*this).clear(); }
+
+void TolkParams::IntTobytes(int v, std::string* out) {
+  char bytes[4];
+  tolk::store32(bytes, static_cast<std::uint32_t>(v));
+  out->append(bytes, sizeof bytes);
+}
+
+void TolkParams::DoubleTobytes(double v, std::string* out) {
+  char bytes[8];
+  tolk::store64(bytes, std::bit_cast<std::uint64_t>(v));
+  out->append(bytes, sizeof bytes);
+}
+
+void TolkParams::AddCheckSize() {
+  std::string& buffer = *GetParamas();
+  IntTobytes(static_cast<int>(buffer.size()), &buffer);
+}
+
+int TolkParams::BytesToInt(const char* p) { return tolk::load_int(p); }
+double TolkParams::BytesToDouble(const char* p) { return tolk::load_double(p); }
+bool TolkParams::CheckSize(int n, const char* p) { return tolk::load_int(p) == n; }

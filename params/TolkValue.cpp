@@ -1,0 +1,157 @@
+#include <tolk/TolkValue.h>
+
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "params/argument.h"
+#include "params/value_access.h"
+
+namespace {
+
+using Access = TolkValueAccess;
+
+bool owns_bytes(TolkValue::Type type) {
+  return type == TolkValue::String || type == TolkValue::Stream;
+}
+
+std::unique_ptr<TolkValue> bytes_value(const char* data, long len, TolkValue::Type type) {
+  return std::make_unique<TolkValue>(data, len, type);
+}
+
+// Reads the value field as whatever kind the caller asks for; hosts may ask for the wrong one.
+template <class T, class Field>
+T field_as(const Field& field) {
+  T value;
+  std::memcpy(&value, &field, sizeof value);
+  return value;
+}
+
+// On purpose: only the bytes of the kind are copied, the rest of the field keeps what it held.
+template <class Field>
+void copy_field_bytes(Field& to, const Field& from, std::size_t size) {
+  std::memcpy(&to, &from, size);
+}
+
+}  // namespace
+
+TolkValue::TolkValue() : TolkValue(None) {}
+
+TolkValue::TolkValue(bool v) : TolkValue(Bool) { value_.boolean = v; }
+
+TolkValue::TolkValue(int v) : TolkValue(Int) { value_.integer = v; }
+
+TolkValue::TolkValue(double v) : TolkValue(Double) { value_.real = v; }
+
+TolkValue::TolkValue(Type type) : type_(type), owners_(0) { value_.all = 0; }
+
+TolkValue::TolkValue(const char* data, long len, Type type) : TolkValue(type) {
+  if (owns_bytes(type)) value_.bytes = new std::string(tolk::bytes_of(data, len));
+}
+
+TolkValue::TolkValue(const TolkValue& other) : TolkValue(None) { *this = other; }
+
+TolkValue& TolkValue::operator=(const TolkValue& other) {
+  if (this == &other) return *this;
+  // The new state is complete before the old is released: `other` may be one of our own elements.
+  const Type type = other.type_;
+  const Field field = other.value_;
+  std::unique_ptr<std::string> bytes;
+  if (owns_bytes(type) && field.bytes != nullptr)
+    bytes = std::make_unique<std::string>(*field.bytes);
+  auto list = type == List ? other.list_ : std::vector<TolkValue*>();
+  auto map = type == Map ? other.map_ : std::map<std::string, TolkValue*>();
+  Access::retain_all(list);
+  Access::retain_all_of(map);
+
+  clear();
+  type_ = type;
+  if (type == Bool) copy_field_bytes(value_, field, sizeof field.boolean);
+  if (type == Int) copy_field_bytes(value_, field, sizeof field.integer);
+  if (type == Double) copy_field_bytes(value_, field, sizeof field.real);
+  if (owns_bytes(type)) value_.bytes = bytes.release();
+  if (type == List) list_.swap(list);
+  if (type == Map) map_.swap(map);
+  Access::release_all(list);
+  Access::release_all_of(map);
+  return *this;
+}
+
+TolkValue::~TolkValue() {
+  clear();
+  // What a host added although the type was another.
+  Access::release_all(list_);
+  Access::release_all_of(map_);
+}
+
+bool TolkValue::IsBool() const { return type_ == Bool; }
+bool TolkValue::IsInt() const { return type_ == Int; }
+bool TolkValue::IsDouble() const { return type_ == Double; }
+bool TolkValue::IsString() const { return type_ == String; }
+bool TolkValue::IsStream() const { return type_ == Stream; }
+bool TolkValue::IsList() const { return type_ == List; }
+
+bool TolkValue::GetBool() const { return field_as<unsigned char>(value_) != 0; }
+int TolkValue::GetInt() const { return field_as<std::int32_t>(value_); }
+double TolkValue::GetDouble() const { return field_as<double>(value_); }
+
+const char* TolkValue::GetString() const {
+  const bool has_bytes = owns_bytes(type_) && value_.bytes != nullptr;
+  return has_bytes ? value_.bytes->c_str() : "";
+}
+
+const char* TolkValue::GetStream(long& len) const {
+  len = static_cast<long>(Access::bytes(*this).size());
+  return GetString();
+}
+
+const std::vector<TolkValue*>* TolkValue::GetList() const { return &list_; }
+
+void TolkValue::AddListBool(bool v) { Access::adopt(list_, std::make_unique<TolkValue>(v)); }
+void TolkValue::AddListInt(int v) { Access::adopt(list_, std::make_unique<TolkValue>(v)); }
+void TolkValue::AddListDouble(double v) { Access::adopt(list_, std::make_unique<TolkValue>(v)); }
+
+void TolkValue::AddListString(const char* data, long len) {
+  Access::adopt(list_, bytes_value(data, len, String));
+}
+
+void TolkValue::AddListStream(const char* data, long len) {
+  Access::adopt(list_, bytes_value(data, len, Stream));
+}
+
+// On purpose: the value that a key had before is dropped and never freed. Hosts may still hold it.
+void TolkValue::AddListMapBool(const char* key, bool v) {
+  Access::put_and_forget(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+}
+
+void TolkValue::AddListMapInt(const char* key, int v) {
+  Access::put_and_forget(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+}
+
+void TolkValue::AddListMapDouble(const char* key, double v) {
+  Access::put_and_forget(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+}
+
+void TolkValue::AddListMapString(const char* key, const char* data, long len) {
+  Access::put_and_forget(map_, tolk::text_of(key), bytes_value(data, len, String));
+}
+
+void TolkValue::AddListMapStream(const char* key, const char* data, long len) {
+  Access::put_and_forget(map_, tolk::text_of(key), bytes_value(data, len, Stream));
+}
+
+void TolkValue::clear() {
+  const Type type = type_;
+  type_ = None;
+  if (owns_bytes(type)) {
+    delete value_.bytes;
+    value_.all = 0;
+  }
+  // On purpose: the elements of a value that is no List, and the entries of one that is no Map,
+  // stay.
+  if (type == List) Access::release_all(list_);
+  if (type == Map) Access::release_all_of(map_);
+}

@@ -1,0 +1,95 @@
+// The library's own access to TolkValue: counted elements, and bytes without a type mistake.
+//
+// An element belongs to every list, map and block that holds it; each holds one count, and the last
+// to release deletes it. A value that nobody counts (on a host's stack) has count 0.
+// Thread: counting from any thread; all else as TolkValue.
+// Failure: `adopt` and `put` may throw std::bad_alloc and then change nothing.
+#pragma once
+
+#include <tolk/TolkValue.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+struct TolkValueAccess {
+  using List = std::vector<TolkValue*>;
+
+  static TolkValue::Type type(const TolkValue& value) { return value.type_; }
+
+  // The bytes of a String or Stream; empty for every other type.
+  static std::string_view bytes(const TolkValue& value) {
+    const std::string* const text = owned_bytes(value);
+    return text == nullptr ? std::string_view() : std::string_view(*text);
+  }
+
+  static List& list(TolkValue& value) { return value.list_; }
+  static std::map<std::string, TolkValue*>& map(TolkValue& value) { return value.map_; }
+
+  static std::uint32_t owners(TolkValue& value) {
+    return std::atomic_ref(value.owners_).load(std::memory_order_relaxed);
+  }
+
+  static void retain(TolkValue& value) noexcept {
+    std::atomic_ref(value.owners_).fetch_add(1, std::memory_order_relaxed);
+  }
+
+  static void release(TolkValue* value) noexcept {
+    if (std::atomic_ref(value->owners_).fetch_sub(1, std::memory_order_acq_rel) == 1) delete value;
+  }
+
+  static void retain_all(const List& values) noexcept {
+    for (TolkValue* value : values) retain(*value);
+  }
+
+  // Empties `values`.
+  static void release_all(List& values) noexcept {
+    for (TolkValue* value : values) release(value);
+    values.clear();
+  }
+
+  template <class Map>
+  static void retain_all_of(const Map& entries) noexcept {
+    for (const auto& [key, value] : entries) retain(*value);
+  }
+
+  // Empties `entries`.
+  template <class Map>
+  static void release_all_of(Map& entries) noexcept {
+    for (const auto& [key, value] : entries) release(value);
+    entries.clear();
+  }
+
+  // Appends a new value, which is counted from then on.
+  static void adopt(List& values, std::unique_ptr<TolkValue> value) {
+    values.push_back(value.get());
+    retain(*value.release());
+  }
+
+  // Sets an entry to a new value and releases the earlier one.
+  template <class Map>
+  static void put(Map& entries, std::string_view key, std::unique_ptr<TolkValue> value) {
+    TolkValue* const earlier = put_and_forget(entries, key, std::move(value));
+    if (earlier != nullptr) release(earlier);
+  }
+
+  // Sets an entry to a new value. Returns the earlier one, whose count nobody holds any more.
+  template <class Map>
+  static TolkValue* put_and_forget(Map& entries, std::string_view key,
+                                   std::unique_ptr<TolkValue> value) {
+    TolkValue*& entry = entries.try_emplace(std::string(key)).first->second;
+    retain(*value);
+    return std::exchange(entry, value.release());
+  }
+
+ private:
+  static const std::string* owned_bytes(const TolkValue& value) {
+    const bool has_bytes = value.type_ == TolkValue::String || value.type_ == TolkValue::Stream;
+    return has_bytes ? value.value_.bytes : nullptr;
+  }
+};

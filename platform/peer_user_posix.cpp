@@ -1,0 +1,39 @@
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/peer_user.h"
+
+namespace tolk::platform {
+namespace {
+
+// The effective user of who listened or connected there, at that moment. Zero, or an errno.
+int user_at(int descriptor, uid_t* user) {
+#if defined(__linux__)
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return errno;
+  *user = peer.uid;
+#else
+  gid_t group = 0;
+  if (getpeereid(descriptor, user, &group) != 0) return errno;
+#endif
+  return 0;
+}
+
+}  // namespace
+
+bool is_trusted_user(unsigned peer, unsigned own) { return peer == own || peer == 0; }
+
+PeerUser peer_user(const uv_pipe_t* pipe) {
+  uv_os_fd_t descriptor = -1;
+  int error = uv_fileno(reinterpret_cast<const uv_handle_t*>(pipe), &descriptor);
+  uid_t user = 0;
+  if (error == 0) error = uv_translate_sys_error(user_at(descriptor, &user));
+  if (error != 0) return {false, uv_err_name(error)};
+  if (is_trusted_user(user, geteuid())) return {true, {}};
+  return {false, "user " + std::to_string(user)};
+}
+
+}  // namespace tolk::platform

@@ -1,0 +1,10 @@
+#include "platform/peer_user.h"
+
+namespace tolk::platform {
+
+// Users have no numbers here, and the rule has nothing to compare.
+bool is_trusted_user(unsigned, unsigned) { return true; }
+
+PeerUser peer_user(const uv_pipe_t*) { return {true, {}}; }
+
+}  // namespace tolk::platform

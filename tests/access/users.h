@@ -1,0 +1,71 @@
+// Users of the tests' own, and processes that run as them. The tests run as root.
+//
+//   Actor server(user, [](Talk& talk) { ... talk.tell("listens"); talk.hear(); ... });
+//   EXPECT_EQ(server.hear(), "listens");
+//
+// Thread: one in the test; the library is only ever used in actors, which are forked before it.
+// Failure: every wait has a limit; what was not said is "". An alarm ends an actor that never does.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace tolk::test {
+
+// A user id that nobody else uses, in this test run or beside it.
+class TestUser {
+ public:
+  TestUser();
+  ~TestUser();
+  TestUser(const TestUser&) = delete;
+  TestUser& operator=(const TestUser&) = delete;
+
+  uid_t id() const { return id_; }
+  // Where the user's pipes are.
+  std::string temporary() const { return "/tmp/tolk-" + std::to_string(id_); }
+  std::string runtime() const { return "/run/user/" + std::to_string(id_); }
+
+ private:
+  uid_t id_ = 0;
+  std::string mark_;
+};
+
+// The way between a test and its actor: words, one at a time.
+class Talk {
+ public:
+  explicit Talk(int descriptor) : descriptor_(descriptor) {}
+  ~Talk();
+  Talk(const Talk&) = delete;
+  Talk& operator=(const Talk&) = delete;
+
+  void tell(const std::string& word) const;
+  std::string hear() const;  // "" when the other side is gone, or says nothing for too long
+
+ private:
+  const int descriptor_;
+};
+
+class Actor {
+ public:
+  Actor(uid_t user, const std::function<void(Talk&)>& role);
+  ~Actor();  // ends it as by a kill, unless it has ended
+  Actor(const Actor&) = delete;
+  Actor& operator=(const Actor&) = delete;
+
+  void tell(const std::string& word) const { talk_->tell(word); }
+  std::string hear() const { return talk_->hear(); }
+  // What it has written to standard output so far.
+  std::string printed() const;
+  bool prints(const std::string& text) const;  // waits for it
+  void kill();
+
+ private:
+  pid_t id_ = -1;
+  int output_ = -1;
+  std::unique_ptr<Talk> talk_;
+};
+
+}  // namespace tolk::test

@@ -1,0 +1,25 @@
+// What the thread sanitizer says of descriptors and is not so, for programs whose threads open and
+// close many of them at once.
+//
+// libuv closes its descriptors by a bare system call, which the thread sanitizer does not see. When
+// a number comes back, it takes what the system's own functions do to the new descriptor for a race
+// with what they did to the old one. The reports name these functions as the writer.
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+extern "C" const char* __tsan_default_suppressions();
+extern "C" const char* __tsan_default_suppressions() {
+  return "race:^__interceptor_epoll_create1$\n"
+         "race:^__interceptor_eventfd$\n"
+         "race:^__interceptor_pipe2$\n"
+         "race:^__interceptor_socket$\n"
+         "race:^__interceptor_accept4$\n"
+         "race:^epoll_create1$\n"
+         "race:^eventfd$\n"
+         "race:^pipe2$\n"
+         "race:^socket$\n"
+         "race:^accept4$\n"
+         "race:^open$\n";
+}
+#endif
+#endif

@@ -1,0 +1,287 @@
+// Large calls as a server takes them: joining the pieces, the answers, the way of the result back.
+#include <gmock/gmock.h>
+
+#include "tests/e2e/large_peer.h"
+#include "tests/e2e/support/handlers.h"
+
+namespace tolk::test {
+namespace {
+
+using testing::ElementsAre;
+using Sizes = std::vector<std::size_t>;
+
+constexpr int kCallId = 77;
+
+IServerMethod* echo() {
+  return on_call([](int, TolkParams* in, TolkParams* out) {
+    const std::string bytes = stream_at(in, 0);
+    out->AddStream(bytes.data(), static_cast<long>(bytes.size()));
+    out->AddKeyValueString("said", "so");
+  });
+}
+
+// The answer to a last piece, in wire order, from what the receiver adds and the envelope.
+std::string complete_answer(int call_id) {
+  return BlockWriter()
+      .keyed("s_c_sw_name", std::string("retval"))
+      .add(1)
+      .keyed("s_c_sw_name", std::string("retval"))
+      .add(0)
+      .keyed("s_c_sw_name", std::string("retval"))
+      .keyed("s_c_sw_threadid", call_id)
+      .keyed("s_c_sw_semid", std::string("0x1"))
+      .bytes();
+}
+
+std::string incomplete_answer(int call_id) {
+  return BlockWriter()
+      .keyed("s_c_sw_name", std::string("retval"))
+      .add(0)
+      .keyed("s_c_sw_name", std::string("retval"))
+      .keyed("s_c_sw_threadid", call_id)
+      .keyed("s_c_sw_semid", std::string("0x1"))
+      .bytes();
+}
+
+std::string payload_of(const std::optional<Message>& message) {
+  return message ? message->payload : "nothing came";
+}
+
+// A server of the library's and a client on plain sockets.
+class LargeCallServer : public OverTransports {
+ protected:
+  void SetUp() override {
+    server->method("echo", echo());
+    ASSERT_TRUE(start_server(server.get(), address));
+    client.emplace(address);
+    ASSERT_TRUE(client->is_greeted());
+  }
+
+  void TearDown() override { EXPECT_TRUE(workers_are_free(*server, address)); }
+
+  std::optional<Message> send(int call_id, int total, std::string_view bytes) {
+    return send_piece(client->socket, call_id, total, bytes);
+  }
+  // Sends the last piece of a call without waiting for its answer: the result comes first.
+  void send_last(int call_id, int total, std::string_view bytes) {
+    client->socket.send_frame(
+        call_payload("s_c_req_body", call_id, piece_arguments(call_id, total, bytes), "0x1"));
+  }
+  // Takes a whole result in; its last piece is answered too.
+  Received take_result() {
+    Received result = receive_large(client->socket);
+    if (result.last) client->socket.send_frame(reply_payload(*result.last));
+    return result;
+  }
+
+  const PieceSizeRestored restored{};
+  ServerPtr server = make_server();
+  std::optional<RawClient> client;
+};
+TOLK_OVER_TRANSPORTS(LargeCallServer);
+
+TEST_P(LargeCallServer, IncompletePieceIsAnsweredWithZero) {
+  EXPECT_EQ(payload_of(send(kCallId, 100, pattern(50))), incomplete_answer(kCallId));
+  EXPECT_EQ(payload_of(send(kCallId, 100, pattern(49))), incomplete_answer(kCallId));
+}
+
+TEST_P(LargeCallServer, LastPieceIsAnsweredWithOneAfterTheWholeResult) {
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  const auto total = static_cast<int>(call.size());
+  ASSERT_TRUE(send(kCallId, total, call.substr(0, 10)).has_value());
+  send_last(kCallId, total, call.substr(10));
+  const Received result = take_result();
+  EXPECT_EQ(result.bytes, BlockWriter()
+                              .add(Stream{"hi"})
+                              .keyed("said", std::string("so"))
+                              .keyed("s_c_sw_name", std::string("s_c_largedata"))
+                              .keyed("s_c_sw_threadid", kCallId)
+                              .bytes());
+  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kCallId));
+}
+
+TEST_P(LargeCallServer, LastPieceIsNotAnsweredBeforeTheResultIsTaken) {
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  send_last(kCallId, static_cast<int>(call.size()), call);
+  const auto piece = read_piece(client->socket);
+  ASSERT_TRUE(piece.has_value());
+  EXPECT_TRUE(client->socket.is_quiet());
+  client->socket.send_frame(reply_payload(piece->call));
+  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kCallId));
+}
+
+TEST_P(LargeCallServer, ResultIsCutAtThePieceSize) {
+  // Positional stream, "said", and the two keys behind them.
+  const std::size_t around = 9 + (1 + 9 + 4 + 9 + 2) + added_bytes("s_c_largedata");
+  const auto sizes_of_result = [&](std::size_t total) {
+    const std::string call =
+        large_call(BlockWriter().add(Stream{pattern(total - around)}), "echo", kCallId);
+    send_last(kCallId, static_cast<int>(call.size()), call);
+    const Received result = take_result();
+    EXPECT_EQ(result.bytes.size(), total);
+    EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kCallId));
+    return result.sizes;
+  };
+  EXPECT_THAT(sizes_of_result(32767), ElementsAre(32767));
+  EXPECT_THAT(sizes_of_result(32768), ElementsAre(32768));
+  EXPECT_THAT(sizes_of_result(32769), ElementsAre(32768, 1));
+  EXPECT_THAT(sizes_of_result(3 * std::size_t{32768}), ElementsAre(32768, 32768, 32768));
+  const ClientPtr other = make_client();
+  other->SetBigfileBufferSize(50000);  // the process's, and so this server's too
+  EXPECT_THAT(sizes_of_result(3 * std::size_t{32768}), ElementsAre(50000, 3 * 32768 - 50000));
+}
+
+TEST_P(LargeCallServer, ResultPiecesNameTheCallAndTheTotal) {
+  server->SetBigfileBufferSize(60);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  send_last(kCallId, static_cast<int>(call.size()), call);
+  const auto first = read_piece(client->socket);
+  ASSERT_TRUE(first.has_value());
+  EXPECT_EQ(first->call.call_id(), kCallId);
+  EXPECT_EQ(*first->call.arguments(), piece_arguments(kCallId, first->total(), first->bytes()));
+}
+
+// On purpose: with call id 0 the pieces name 0, and the calls that carry them the worker thread's.
+TEST_P(LargeCallServer, CallIdZeroIsNamedAndNotCalledWith) {
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", 0);
+  send_last(0, static_cast<int>(call.size()), call);
+  const auto piece = read_piece(client->socket);
+  ASSERT_TRUE(piece.has_value());
+  EXPECT_EQ(*piece->call.arguments(), piece_arguments(0, piece->total(), piece->bytes()));
+  EXPECT_NE(piece->call.call_id(), 0);
+}
+
+TEST_P(LargeCallServer, ResultPieceWithoutAnAnswerEndsTheSending) {
+  server->SetBigfileBufferSize(60);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  send_last(kCallId, static_cast<int>(call.size()), call);
+  ASSERT_TRUE(read_piece(client->socket).has_value());  // stays without an answer: half a second
+  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kCallId));
+}
+
+// On purpose: an answer that was left from an earlier piece counts for one that was not answered.
+TEST_P(LargeCallServer, StaleAnswerCountsForAResultPiece) {
+  server->SetBigfileBufferSize(30);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  send_last(kCallId, static_cast<int>(call.size()), call);
+  const auto first = read_piece(client->socket);
+  ASSERT_TRUE(first.has_value());
+  client->socket.send_frame(reply_payload(first->call));
+  ASSERT_TRUE(read_piece(client->socket).has_value());  // stays without an answer
+  EXPECT_TRUE(read_piece(client->socket).has_value());  // and still there is a next one
+}
+
+TEST_P(LargeCallServer, UnknownMethodIsAnsweredLikeAnyCallOfOne) {
+  const std::string call = large_call(BlockWriter(), "nobody", kCallId);
+  send_last(kCallId, static_cast<int>(call.size()), call);
+  const auto result = read_block(take_result().bytes);
+  ASSERT_TRUE(result.has_value());
+  EXPECT_EQ(result->string_at(0), "no event: nobody");
+}
+
+TEST_P(LargeCallServer, CatchAllTakesLargeCallsToo) {
+  server->methodall(on_any_call([](const char* name, int, TolkParams* in, TolkParams* out) {
+    out->AddString((std::string(name) + " " + string_at(in, 0)).c_str());
+  }));
+  const std::string call = large_call(BlockWriter().add(std::string("hi")), "anything", kCallId);
+  send_last(kCallId, static_cast<int>(call.size()), call);
+  const auto result = read_block(take_result().bytes);
+  ASSERT_TRUE(result.has_value());
+  EXPECT_EQ(result->string_at(0), "anything hi");
+}
+
+TEST_P(LargeCallServer, VersionQuestionMayBeLarge) {
+  const std::string call =
+      large_call(BlockWriter().keyed("VERSION", std::string(kVersion)), "s_c_version", kCallId);
+  send_last(kCallId, static_cast<int>(call.size()), call);
+  const auto result = read_block(take_result().bytes);
+  ASSERT_TRUE(result.has_value());
+  ASSERT_NE(result->at(0), nullptr);
+  EXPECT_EQ(*result->at(0), Scalar(true));
+}
+
+// Only an ordinary call closes the server.
+TEST_P(LargeCallServer, LargeCallOfTheCloseRequestIsAnUnknownMethod) {
+  const std::string call = large_call(BlockWriter(), "s_c_close_server", kCallId);
+  send_last(kCallId, static_cast<int>(call.size()), call);
+  const auto result = read_block(take_result().bytes);
+  ASSERT_TRUE(result.has_value());
+  EXPECT_EQ(result->string_at(0), "no event: s_c_close_server");
+  EXPECT_TRUE(server->isok());
+}
+
+TEST_P(LargeCallServer, HeaderReceiverJoinsOnItsOwn) {
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  const auto total = static_cast<int>(call.size());
+  // Half a block under the same id at the other receiver changes nothing here.
+  ASSERT_TRUE(send(kCallId, total, call.substr(0, 10)).has_value());
+  client->post("s_c_req_header", kCallId, piece_arguments(kCallId, total, call));
+  const auto result = read_block(take_result().bytes);
+  ASSERT_TRUE(result.has_value());
+  EXPECT_EQ(*result->at(0), Scalar(Stream{"hi"}));
+}
+
+TEST_P(LargeCallServer, PiecesOfTwoClientsWithTheirOwnIdsDoNotMix) {
+  RawClient second(address);
+  ASSERT_TRUE(second.is_greeted());
+  const std::string one = large_call(BlockWriter().add(Stream{pattern(500)}), "echo", 1);
+  const std::string two = large_call(BlockWriter().add(Stream{pattern(600)}), "echo", 2);
+  const auto one_total = static_cast<int>(one.size());
+  const auto two_total = static_cast<int>(two.size());
+  ASSERT_TRUE(send(1, one_total, one.substr(0, 300)).has_value());
+  ASSERT_TRUE(send_piece(second.socket, 2, two_total, two.substr(0, 300)).has_value());
+  send_last(1, one_total, one.substr(300));
+  EXPECT_EQ(*read_block(take_result().bytes)->at(0), Scalar(Stream{pattern(500)}));
+  second.socket.send_frame(
+      call_payload("s_c_req_body", 2, piece_arguments(2, two_total, two.substr(300)), "0x1"));
+  EXPECT_EQ(*read_block(receive_large(second.socket).bytes)->at(0), Scalar(Stream{pattern(600)}));
+}
+
+// On purpose: pieces are kept by call id alone. Ids of threads are unique on a machine; who passes
+// ids of his own has to keep them apart.
+TEST_P(LargeCallServer, PiecesOfTwoClientsWithTheSameIdAreMixed) {
+  RawClient second(address);
+  ASSERT_TRUE(second.is_greeted());
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  const auto total = static_cast<int>(call.size());
+  ASSERT_TRUE(send(kCallId, total, call.substr(0, 10)).has_value());
+  second.socket.send_frame(call_payload("s_c_req_body", kCallId,
+                                        piece_arguments(kCallId, total, call.substr(10)), "0x1"));
+  EXPECT_EQ(*read_block(receive_large(second.socket).bytes)->at(0), Scalar(Stream{"hi"}));
+}
+
+// On purpose: what an abandoned call has sent waits for the next call with its id.
+TEST_P(LargeCallServer, PiecesOfAnAbandonedCallAreJoinedToTheNextOfItsId) {
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  const auto total = static_cast<int>(call.size());
+  ASSERT_TRUE(send(kCallId, total, call.substr(0, 10)).has_value());
+  client->socket.close();
+  client.emplace(address);
+  ASSERT_TRUE(client->is_greeted());
+  send_last(kCallId, total, call.substr(10));
+  EXPECT_EQ(*read_block(take_result().bytes)->at(0), Scalar(Stream{"hi"}));
+}
+
+TEST_P(LargeCallServer, ClientThatLeavesAtAnyPieceDisturbsNobody) {
+  server->SetBigfileBufferSize(60);
+  const std::string call = large_call(BlockWriter().add(Stream{pattern(200)}), "echo", kCallId);
+  for (int taken_pieces = 0; taken_pieces < 4; ++taken_pieces) {
+    const int id = 100 + taken_pieces;
+    RawClient leaving(address);
+    ASSERT_TRUE(leaving.is_greeted());
+    ASSERT_TRUE(send_piece(leaving.socket, id, static_cast<int>(call.size()), call.substr(0, 50)));
+    leaving.socket.send_frame(
+        call_payload("s_c_req_body", id,
+                     piece_arguments(id, static_cast<int>(call.size()), call.substr(50)), "0x1"));
+    for (int piece = 0; piece < taken_pieces; ++piece) {
+      const auto got = read_piece(leaving.socket);
+      ASSERT_TRUE(got.has_value());
+      leaving.socket.send_frame(reply_payload(got->call));
+    }
+    leaving.socket.close();
+    EXPECT_TRUE(client->call("nobody").has_value());
+  }
+}
+
+}  // namespace
+}  // namespace tolk::test

@@ -1,0 +1,112 @@
+// A server among what only a POSIX process has: signals, descriptors that run out, the files of a
+// pipe.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+#include "tests/e2e/support/server_test.h"
+
+namespace tolk::test {
+namespace {
+
+class PosixServer : public ServerTest {
+ protected:
+  void SetUp() override {
+    register_echo();
+    start();
+  }
+};
+TOLK_OVER_TRANSPORTS(PosixServer);
+
+TEST_P(PosixServer, LoopAndWorkersLeaveTheProcessItsSignals) {
+  RawClient client(address);
+  struct sigaction before {};
+  ASSERT_EQ(sigaction(SIGPIPE, nullptr, &before), 0);
+  EXPECT_EQ(before.sa_handler, SIG_DFL) << "the disposition is the host's";
+  sigset_t mask;
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
+  EXPECT_EQ(sigismember(&mask, SIGPIPE), 0) << "so is the mask of its threads";
+}
+
+TEST(ServerSignals, PipePeerThatReadsNoMoreIsOneWriteError) {
+  ServerPtr server = make_server();
+  const Address address = fresh_address(Transport::pipe);
+  ASSERT_TRUE(start_server(server.get(), address));
+  RawClient client(address);
+  ASSERT_TRUE(client.is_greeted());
+  Capture capture;
+  client.socket.end_receiving();
+  client.post("foo");
+  EXPECT_TRUE(capture.wait_for_line("Write error: broken pipe")) << capture.text();
+  EXPECT_TRUE(RawClient(address).is_greeted());
+}
+
+// By bare system calls: see process_state_posix.cpp.
+long take() { return syscall(SYS_dup, 0); }
+void give_back(long descriptor) { syscall(SYS_close, descriptor); }
+
+// No descriptor is left for a new connection: those that are there are served, and so are new ones
+// once there are descriptors again.
+TEST_P(PosixServer, OutlivesAShortageOfDescriptors) {
+  RawClient client(address);
+  ASSERT_TRUE(serves(client));
+  std::vector<long> taken;
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit low = before;
+  low.rlim_cur = 200;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  for (long got = take(); got >= 0; got = take()) taken.push_back(got);
+  const auto give_back_one = [&] {
+    give_back(taken.back());
+    taken.pop_back();
+  };
+  ASSERT_FALSE(taken.empty());
+  give_back_one();  // for the socket of the one that will find no place
+  {
+    RawClient turned_away(address, false);
+    EXPECT_TRUE(serves(client));
+    for (const long descriptor : taken) give_back(descriptor);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_TRUE(serves(client));
+  }
+  EXPECT_TRUE(RawClient(address).is_greeted());
+}
+
+class PipeFiles : public testing::Test {
+ protected:
+  const Address address = fresh_address(Transport::pipe);
+  const std::string path = pipe_path(address.port);
+  ServerPtr server = make_server();
+};
+
+TEST_F(PipeFiles, SocketFileIsTheOwnersAlone) {
+  ASSERT_TRUE(start_server(server.get(), address));
+  struct stat status {};
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISSOCK(status.st_mode));
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+}
+
+TEST_F(PipeFiles, RemovesItsFilesAtTheEnd) {
+  ASSERT_TRUE(start_server(server.get(), address));
+  server.reset();
+  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(path); }));
+  EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
+}
+
+TEST_F(PipeFiles, ReplacesTheFileOfAServerThatDied) {
+  { std::ofstream(path) << "x"; }
+  ASSERT_TRUE(start_server(server.get(), address));
+  EXPECT_TRUE(RawClient(address).is_greeted());
+}
+
+}  // namespace
+}  // namespace tolk::test

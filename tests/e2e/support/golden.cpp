@@ -1,0 +1,73 @@
+#include "tests/e2e/support/golden.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "tests/e2e/support/raw_block.h"
+
+namespace tolk::test {
+namespace {
+
+// A keyed record up to where its value begins, for a key that stands at `at` in a payload.
+std::string key_record(std::string_view key, std::size_t at) {
+  const std::string before(at, '\0');  // check words count from the start of the block
+  std::string record = "\x05\x03";
+  record += prefix(static_cast<int>(key.size()));
+  record += key;
+  record += prefix(static_cast<int>(before.size() + record.size()));
+  return record;
+}
+
+// Where the value of `key` begins; npos when the payload has no such key.
+std::size_t value_of(std::string_view payload, std::string_view key) {
+  for (std::size_t at = 0; at < payload.size(); ++at) {
+    const std::string record = key_record(key, at);
+    if (payload.substr(at, record.size()) == record) return at + record.size();
+  }
+  return std::string_view::npos;
+}
+
+}  // namespace
+
+std::string golden(std::string_view name) {
+  std::ifstream in(std::string(TOLK_GOLDEN_DIRECTORY) + "/" + std::string(name) + ".hex");
+  std::string bytes;
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream digits(line.substr(0, line.find('#')));
+    for (std::string byte; digits >> byte;) {
+      bytes += static_cast<char>(std::stoi(byte, nullptr, 16));
+    }
+  }
+  return bytes;
+}
+
+std::string to_hex(std::string_view bytes) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    text += kDigits[byte / 16];
+    text += kDigits[byte % 16];
+    text += ' ';
+  }
+  return text;
+}
+
+std::string with_token_masked(std::string_view payload) {
+  const std::size_t at = value_of(payload, "s_c_sw_semid");
+  if (at == std::string_view::npos) return frame(payload);
+  const std::string token = "0x1";
+  std::string masked(payload.substr(0, at));
+  masked += "\x03" + prefix(static_cast<int>(token.size())) + token;
+  masked += prefix(static_cast<int>(masked.size()));
+  return frame(masked);
+}
+
+std::string with_call_id(std::string_view payload, int call_id) {
+  std::string changed(payload);
+  const std::size_t at = value_of(payload, "s_c_sw_threadid");
+  if (at != std::string_view::npos) changed.replace(at + 1, 4, prefix(call_id));
+  return changed;
+}
+
+}  // namespace tolk::test

@@ -1,0 +1,22 @@
+// What the process holds: descriptors (on Windows handles), threads, loops, memory. For tests that
+// nothing is left behind.
+#pragma once
+
+namespace tolk::test {
+
+int open_descriptors();
+int threads();
+int open_loops();  // each has one epoll descriptor, or one completion port
+long resident_kib();
+
+// What a leak checker holds back of memory that is free, at most.
+long held_back_kib();
+
+// Whether a call that the calling thread makes without naming an id has this one: the low half of
+// libuv's handle of the thread.
+bool is_own_call_id(int id);
+
+// Unlike that of every other test process that runs now, as far as the system can tell.
+int process_number();
+
+}  // namespace tolk::test

@@ -1,0 +1,87 @@
+// Blocks and messages as bytes, written and read without the library: its independent witness.
+//
+// A block is a row of records; a scalar record ends with a check word, the offset at which the
+// check word itself stands.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace tolk::test {
+
+// A value of type stream.
+struct Stream {
+  std::string bytes;
+  bool operator==(const Stream&) const = default;
+};
+
+using Scalar = std::variant<int, bool, double, std::string, Stream>;
+using List = std::vector<Scalar>;
+
+class BlockWriter {
+ public:
+  BlockWriter& add(const Scalar& value);
+  BlockWriter& list(const List& elements);
+  BlockWriter& map(const std::vector<std::pair<std::string, Scalar>>& entries);
+  BlockWriter& keyed(std::string_view key, const Scalar& value);
+  // A key without a value; what is added next stands where the value should.
+  BlockWriter& lone_key(std::string_view key);
+
+  const std::string& bytes() const { return bytes_; }
+
+ private:
+  void word(std::uint32_t value);
+  void check_word() { word(static_cast<std::uint32_t>(bytes_.size())); }
+  void text(char tag, std::string_view data);
+
+  std::string bytes_;
+};
+
+// A block as read: positional scalars and lists, keyed values, both in wire order.
+struct Block {
+  std::vector<std::variant<Scalar, List>> values;
+  std::vector<std::pair<std::string, Scalar>> keyed;
+
+  const Scalar* find(std::string_view key) const;  // the last of that key
+  const Scalar* at(std::size_t position) const;    // null when absent or a list
+  std::string string_at(std::size_t position) const;
+  std::vector<std::string> keys() const;
+};
+
+// Nothing when the bytes are not a well-formed block, to the last byte.
+std::optional<Block> read_block(std::string_view bytes);
+
+// A message: a block with an envelope.
+struct Message : Block {
+  std::string payload;
+
+  std::optional<std::string> text(std::string_view key) const;  // string or stream
+  std::optional<int> number(std::string_view key) const;
+  std::string name() const { return text("s_c_sw_name").value_or(""); }
+  std::optional<int> call_id() const { return number("s_c_sw_threadid"); }
+  std::optional<std::string> arguments() const { return text("s_c_sw_data"); }
+  std::optional<std::string> token() const { return text("s_c_sw_semid"); }
+};
+
+std::optional<Message> read_message(std::optional<std::string> payload);
+
+// A call; without a token a posted call.
+std::string call_payload(std::string_view name, int call_id,
+                         const std::optional<std::string>& arguments = {},
+                         const std::optional<std::string>& token = {});
+// An answer to `call`, with `values` in front; in the order in which a server writes it.
+std::string reply_payload(const Message& call, BlockWriter values = {});
+
+inline constexpr char kVersion[] = "Tolk Version: 1.1.0.12";
+std::string version_arguments(std::string_view version = kVersion);
+
+// A payload with its length in front, and that length alone.
+std::string frame(std::string_view payload);
+std::string prefix(std::int32_t length);
+
+}  // namespace tolk::test

@@ -1,0 +1,16 @@
+// Channels and doors on sockets: those of TCP, and those of local pipes where a pipe is a socket.
+#pragma once
+
+#include <memory>
+
+#include "tests/e2e/support/raw_channel.h"
+#include "tests/e2e/support/sockets.h"
+
+namespace tolk::test {
+
+std::unique_ptr<RawChannel> connect_socket(const SocketAddress& address);
+// Takes a socket that is connected; it is closed with the channel.
+std::unique_ptr<RawChannel> adopt_socket(Socket connected);
+std::unique_ptr<RawDoor> listen_on_socket(const SocketAddress& address);
+
+}  // namespace tolk::test

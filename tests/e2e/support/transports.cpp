@@ -1,0 +1,93 @@
+#include "tests/e2e/support/transports.h"
+
+#include <array>
+#include <atomic>
+
+#include "tests/e2e/support/process_state.h"
+#include "tests/e2e/support/sockets.h"
+#include "tests/e2e/support/system.h"
+
+namespace tolk::test {
+namespace {
+
+int next_number() {
+  static std::atomic<int> last{0};
+  return ++last;
+}
+
+bool is_free(const SocketAddress& address) {
+  const Socket probe = open_stream_socket(address.family());
+  if (probe == kNoSocket) return false;
+  allow_early_reuse(probe);
+  const bool bound = bind(probe, address.any(), address.size) == 0;
+  close_socket(probe);
+  return bound;
+}
+
+SocketAddress any_ip4_address(int port) { return ip4_address("0.0.0.0", port); }
+SocketAddress any_ip6_address(int port) { return ip6_address("::", port); }
+
+// Below the ports that the system gives to connecting sockets, so that none of those takes it
+// before the server does; other test processes search elsewhere in the range.
+std::string free_port(SocketAddress (*any_address)(int port)) {
+  constexpr int kFirst = 10000;
+  constexpr int kCount = 22000;
+  constexpr int kPortsOfAProcess = 37;
+  for (;;) {
+    const int port = kFirst + (process_number() * kPortsOfAProcess + next_number()) % kCount;
+    if (is_free(any_address(port))) return std::to_string(port);
+  }
+}
+
+int free_pipe_number() {
+  constexpr int kProcesses = 20000;
+  constexpr int kPipesOfAProcess = 100000;
+  return process_number() % kProcesses * kPipesOfAProcess + 70000 + next_number() % 30000;
+}
+
+}  // namespace
+
+Address fresh_address(Transport transport) {
+  switch (transport) {
+    case Transport::tcp4:
+      return {transport, "127.0.0.1", free_port(any_ip4_address)};
+    case Transport::tcp6:
+      return {transport, "::1", free_port(any_ip6_address)};
+    default:
+      return {transport, {}, std::to_string(free_pipe_number())};
+  }
+}
+
+bool start_server(IServer* server, const Address& address) {
+  switch (address.transport) {
+    case Transport::tcp4:
+      return server->InitTolkServerTcp4(address.host.c_str(), address.port.c_str());
+    case Transport::tcp6:
+      return server->InitTolkServerTcp6(address.host.c_str(), address.port.c_str());
+    default:
+      return server->InitTolkServer(address.port.c_str());
+  }
+}
+
+bool connect_client(IClient* client, const Address& address) {
+  switch (address.transport) {
+    case Transport::tcp4:
+      return client->InitTolkClientTcp4(address.host.c_str(), address.port.c_str(), false);
+    case Transport::tcp6:
+      return client->InitTolkClientTcp6(address.host.c_str(), address.port.c_str(), false);
+    default:
+      return client->InitTolkClient(address.port.c_str(), false);
+  }
+}
+
+std::vector<Transport> transports_of_one_server() {
+  if (pipe_names_are_exclusive()) return {Transport::pipe, Transport::tcp4, Transport::tcp6};
+  return {Transport::tcp4, Transport::tcp6};
+}
+
+std::string transport_name(const testing::TestParamInfo<Transport>& info) {
+  constexpr std::array kNames{"Pipe", "Tcp4", "Tcp6"};
+  return kNames[static_cast<std::size_t>(info.param)];
+}
+
+}  // namespace tolk::test

@@ -1,0 +1,205 @@
+// Calls between two ends of the layer: what they say when they fail, and what they cost.
+#include <atomic>
+#include <future>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/layer/joined.h"
+
+namespace tolk::test {
+namespace {
+
+class LayerCalls : public JoinedTest {};
+
+TEST_F(LayerCalls, TheCallerIsKnown) {
+  std::atomic<int> seen{0};
+  server.on("who", [&](Caller caller) {
+    seen = caller.id();
+    return caller.id();
+  });
+  const int id = client.call<int>("who").value();
+  EXPECT_NE(id, 0);
+  EXPECT_EQ(id, seen);
+  EXPECT_THAT(server.clients(), testing::ElementsAre(id));
+}
+
+TEST_F(LayerCalls, AHandlersExceptionComesWithItsText) {
+  server.on("fail", [](const std::string& why) -> int { throw std::runtime_error(why); });
+  const auto result = client.call<int>("fail", "the disk is full");
+  ASSERT_FALSE(result);
+  EXPECT_EQ(result.error().code(), Errc::handler_failed);
+  EXPECT_EQ(result.error().method(), "fail");
+  EXPECT_EQ(result.error().address(), server.address());
+  EXPECT_EQ(result.error().detail(), "the disk is full");
+  server.on("fail oddly", [] { throw 3; });
+  EXPECT_EQ(client.call("fail oddly").error().code(), Errc::handler_failed);
+}
+
+TEST_F(LayerCalls, AMethodThatIsNotThereIsNamed) {
+  const auto result = client.call<int>("absent", 1);
+  EXPECT_EQ(result.error().code(), Errc::no_such_method);
+  EXPECT_EQ(result.error().method(), "absent");
+}
+
+TEST_F(LayerCalls, AnAnswerThatLooksLikeAnUnknownMethodIsAnAnswer) {
+  server.on("echo", [](std::string text) { return text; });
+  EXPECT_EQ(client.call<std::string>("echo", "no event: echo").value(), "no event: echo");
+}
+
+TEST_F(LayerCalls, WrongArgumentsAreToldByPosition) {
+  server.on("add", [](int a, int b) { return a + b; });
+  const auto why = [&](const auto&... args) {
+    const auto result = client.call<int>("add", args...);
+    EXPECT_EQ(result.error().code(), Errc::wrong_arguments);
+    return result.error().detail();
+  };
+  EXPECT_EQ(why(1), "takes 2 arguments, got 1");
+  EXPECT_EQ(why(1, 2, 3), "takes 2 arguments, got 3");
+  EXPECT_EQ(why(1, "2"), "argument 2: wanted int, got string");
+  EXPECT_EQ(why(0.5, 2), "argument 1: wanted int, got double");
+  server.on("needs key", [](named<"level", int> level) { return level.value; });
+  EXPECT_EQ(client.call<int>("needs key").error().detail(),
+            "argument \"level\": wanted int, got nothing");
+}
+
+TEST_F(LayerCalls, AWrongResultTypeSaysWantedAndGot) {
+  server.on("text", [] { return std::string("abc"); });
+  const auto result = client.call<int>("text");
+  EXPECT_EQ(result.error().code(), Errc::wrong_type);
+  EXPECT_EQ(result.error().detail(), "wrong result type: wanted int, got string");
+  EXPECT_EQ((client.call<std::tuple<int, bool>>("text").error().detail()),
+            "wrong result type: wanted (int, bool), got (string)");
+}
+
+TEST_F(LayerCalls, ATimeOutSaysAfterHowLong) {
+  Gate gate;
+  const OpenAtEnd open(gate);
+  server.on("slow", [gate]() mutable { gate.pass(); });
+  const Stopwatch watch;
+  const auto result = client.call("slow", 150ms);
+  EXPECT_EQ(result.error().code(), Errc::timed_out);
+  EXPECT_EQ(result.error().detail(), "timed out after 150 ms");
+  EXPECT_GE(watch.elapsed(), 150ms);
+}
+
+TEST_F(LayerCalls, ALimitOfNothingIsNotNoLimit) {
+  Gate gate;
+  const OpenAtEnd open(gate);
+  server.on("slower", [gate]() mutable { gate.pass(); });
+  EXPECT_EQ(client.call("slower", 0ms).error().code(), Errc::timed_out);
+}
+
+// The late answer of a call that gave up must not pass for that of a later one.
+TEST_F(LayerCalls, ALateAnswerIsNobodysElse) {
+  Gate gate;
+  std::atomic<int> answered{0};
+  server.on("late", [&, gate](int n) mutable {
+    if (n == 0) gate.pass();
+    ++answered;
+    return n;
+  });
+  EXPECT_EQ(client.call<int>("late", 0, 50ms).error().code(), Errc::timed_out);
+  gate.open();
+  ASSERT_TRUE(eventually([&] { return answered == 1; }));
+  for (int n = 1; n < 50; ++n) EXPECT_EQ(client.call<int>("late", n).value(), n);
+}
+
+TEST_F(LayerCalls, ThreadsCallSideBySideAndGetTheirOwn) {
+  server.on("square", [](int n) { return n * n; });
+  constexpr int kThreads = 16;
+  constexpr int kCalls = 200;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kCalls; ++i) {
+        const int n = t * kCalls + i;
+        if (client.call<int>("square", n).value_or(-1) != n * n) ++wrong;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+// All of them are inside at once: none waits for another's turn.
+TEST_F(LayerCalls, CallsTakeNoTurns) {
+  Gate gate;
+  server.on("meet", [gate]() mutable { gate.pass(); });
+  std::vector<std::future<void>> calls;
+  for (int i = 0; i < 3; ++i) {
+    calls.push_back(std::async(std::launch::async, [&] { client.call("meet").value(); }));
+  }
+  EXPECT_TRUE(gate.wait_entered(3));
+  gate.open();
+  for (auto& call : calls) call.get();
+}
+
+TEST_F(LayerCalls, APostedCallArrivesWithItsKeys) {
+  std::promise<std::string> arrived;
+  server.on("log", [&](named<"level", int> level, const std::string& text) {
+    arrived.set_value(std::to_string(level.value) + " " + text);
+  });
+  EXPECT_TRUE(client.post("log", arg("level", 3), "hello"));
+  EXPECT_EQ(arrived.get_future().get(), "3 hello");
+}
+
+TEST_F(LayerCalls, AFutureGivesTheResultOrThrows) {
+  server.on("read", [](const std::string& name) { return "text of " + name; });
+  std::future<std::string> text = client.async<std::string>("read", "notes.txt");
+  EXPECT_EQ(text.get(), "text of notes.txt");
+  std::future<int> wrong = client.async<int>("read", "notes.txt");
+  EXPECT_EQ(error_of([&] { wrong.get(); }).code(), Errc::wrong_type);
+  std::future<void> nothing = client.async("read", "notes.txt");
+  nothing.get();
+}
+
+TEST_F(LayerCalls, AFutureThatIsDroppedWaitsForNothing) {
+  Gate gate;
+  const OpenAtEnd open(gate);
+  server.on("wait", [gate]() mutable { gate.pass(); });
+  const Stopwatch watch;
+  (void)client.async("wait", 10s);
+  EXPECT_LT(watch.elapsed(), 5s);
+  EXPECT_TRUE(gate.wait_entered());
+}
+
+TEST_F(LayerCalls, MethodsDescribeThemselves) {
+  server.on(
+      "described", [](int, std::vector<std::string>) { return 0.5; }, "halves nothing");
+  const auto methods = client.describe().value();
+  EXPECT_THAT(methods, testing::Contains(
+                           MethodInfo{"described", "(int, [string]) -> double", "halves nothing"}));
+  EXPECT_EQ(methods, server.methods());
+}
+
+TEST_F(LayerCalls, NamesThatAreTakenAreRefused) {
+  server.on("once", [] {});
+  for (const char* name : {"once", "", "retval", "s_c_version", "tolk.describe"}) {
+    EXPECT_EQ(error_of([&] { server.on(name, [] {}); }).code(), Errc::misuse) << name;
+  }
+}
+
+TEST_F(LayerCalls, WhatIsTooLargeIsRefusedBeforeItIsSent) {
+  class Endless final : public detail::Peer {
+   public:
+    std::optional<Error> exchange(int, const std::string&, TolkParams*, detail::Limit,
+                                  detail::Read) override {
+      return std::nullopt;
+    }
+    std::optional<Error> post(int, const std::string&, TolkParams*) override {
+      return std::nullopt;
+    }
+    std::chrono::milliseconds usual_limit() const override { return 1ms; }
+    std::string address() const override { return "nowhere"; }
+  };
+  Endless peer;
+  const std::string_view huge("x", std::size_t{1} << 32);  // never looked at
+  detail::Sending sending(peer, 0, "m", huge, detail::Limit{1ms});
+  EXPECT_EQ(sending.run<void>([](TolkParams&) {}, [](Progress) {}).error().code(), Errc::too_large);
+}
+
+}  // namespace
+}  // namespace tolk::test

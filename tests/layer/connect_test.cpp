@@ -1,0 +1,142 @@
+// Connecting and listening, and what is said when they fail.
+#include <sys/stat.h>
+
+#include <thread>
+
+#include "tests/layer/joined.h"
+
+namespace tolk::test {
+namespace {
+
+TEST(LayerConnect, NobodyThereIsNotConnected) {
+  const auto where = fresh();
+  const Error error = error_of([&] { connect(where); });
+  EXPECT_EQ(error.code(), Errc::not_connected);
+  EXPECT_EQ(error.address(), where.text());
+  EXPECT_EQ(error.what(), where.text() + ": not connected: nobody listens there");
+}
+
+TEST(LayerConnect, ARefusedVersionIsSaidSo) {
+  const auto address = fresh_address(Transport::pipe);
+  RawServer server(address, refusing());
+  EXPECT_EQ(error_of([&] { connect(layered(address)); }).code(), Errc::refused_version);
+}
+
+TEST(LayerConnect, AServerThatHangsUpIsGone) {
+  const auto address = fresh_address(Transport::pipe);
+  RawServer server(address, hanging_up());
+  EXPECT_EQ(error_of([&] { connect(layered(address)); }).code(), Errc::gone);
+}
+
+TEST(LayerConnect, ATextThatIsNoAddressIsSaidSo) {
+  EXPECT_EQ(error_of([] { connect("nowhere"); }).code(), Errc::bad_address);
+}
+
+TEST(LayerConnect, PatienceWaitsForAServerThatComes) {
+  const auto where = fresh();
+  Server server;
+  server.on("add", [](int a, int b) { return a + b; });
+  std::thread later([&] {
+    std::this_thread::sleep_for(50ms);  // it may as well be there first
+    server.listen(where);
+  });
+  Client client = connect(where, {.patience = 20s});
+  later.join();
+  EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
+}
+
+TEST(LayerConnect, AFailedConnectCanBeTriedAgain) {
+  const auto where = fresh();
+  Client client;
+  EXPECT_EQ(error_of([&] { client.connect(where); }).code(), Errc::not_connected);
+  EXPECT_EQ(client.call("m").error().code(), Errc::not_connected);
+  Server server;
+  server.listen(where);
+  client.connect(where);
+  EXPECT_TRUE(client.connected());
+  EXPECT_EQ(error_of([&] { client.connect(where); }).code(), Errc::misuse);
+}
+
+TEST(LayerListen, ATakenAddressSaysWhy) {
+  const auto where = fresh();
+  Server first;
+  first.listen(where);
+  Server second;
+  const Error error = error_of([&] { second.listen(where); });
+  EXPECT_EQ(error.code(), Errc::cannot_listen);
+  EXPECT_EQ(error.address(), where.text());
+  EXPECT_THAT(error.detail(), testing::HasSubstr("EADDRINUSE"));
+  EXPECT_FALSE(second.listening());
+}
+
+TEST(LayerListen, AFailedListenCanBeTriedAgain) {
+  Server first;
+  const auto where = fresh();
+  first.listen(where);
+  Server second;
+  second.on("two", [] { return 2; });
+  EXPECT_EQ(error_of([&] { second.listen(where); }).code(), Errc::cannot_listen);
+  first.close();
+  second.listen(where);
+  EXPECT_EQ(connect(where).call<int>("two").value(), 2);
+  EXPECT_EQ(error_of([&] { second.listen(where); }).code(), Errc::misuse);
+}
+
+TEST(LayerListen, LinesGoWhereTheHostWants) {
+  std::mutex mutex;
+  std::vector<std::string> lines;
+  Server server;
+  server.log([&](std::string_view line) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    lines.emplace_back(line);
+  });
+  server.on("fail", [] { throw std::runtime_error("no"); });
+  const auto where = fresh();
+  server.listen(where);
+  EXPECT_FALSE(connect(where).call("fail"));
+  server.close();
+  const std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_THAT(lines, testing::Contains("handler error: fail: no\n"));
+  EXPECT_THAT(lines, testing::Contains(testing::StartsWith("Accept success")));
+}
+
+TEST(LayerListen, WaitEndsWhenAClientClosesTheServer) {
+  Server server;
+  const auto where = fresh();
+  server.listen(where);
+  Client client = connect(where);
+  std::thread closer([&] { (void)client.call<bool>("s_c_close_server"); });
+  server.wait();
+  closer.join();
+  EXPECT_TRUE(eventually([&] { return !server.listening(); }));
+}
+
+TEST(LayerListen, HooksTellOfClients) {
+  Server server;
+  Counter came;
+  Counter went;
+  std::atomic<int> id{0};
+  server.on_connect([&](int client) {
+    id = client;
+    came.add();
+  });
+  server.on_closed([&](int client) {
+    EXPECT_EQ(client, id);
+    went.add();
+  });
+  const auto where = fresh();
+  server.listen(where);
+  {
+    Client client = connect(where);
+    EXPECT_TRUE(came.wait_for(1));
+    EXPECT_THAT(server.clients(), testing::ElementsAre(id.load()));
+    // A peer may call a hook's name like a method: then it is none.
+    EXPECT_TRUE(client.call("s_c_closed"));
+    EXPECT_EQ(went.value(), 0);
+  }
+  EXPECT_TRUE(went.wait_for(1));
+  EXPECT_TRUE(server.clients().empty());
+}
+
+}  // namespace
+}  // namespace tolk::test

@@ -1,0 +1,356 @@
+// When things end: handlers, connections, results.
+#include <atomic>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "tests/layer/joined.h"
+
+namespace tolk::test {
+namespace {
+
+// Counts the handlers that hold a copy of it.
+struct Held {
+  std::shared_ptr<int> token = std::make_shared<int>(0);
+  bool freed() const { return token.use_count() == 1; }
+};
+
+auto holding(const Held& held) {
+  return [token = held.token] { return *token; };
+}
+
+TEST(LayerLifetime, AServerFreesItsHandlers) {
+  for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
+    Held held;
+    {
+      Server server;
+      server.on("held", holding(held));
+      server.listen(layered(fresh_address(transport)));
+      server.on("later", holding(held));
+    }
+    EXPECT_TRUE(held.freed());
+  }
+}
+
+TEST(LayerLifetime, AServerThatNeverListenedFreesItsHandlers) {
+  Held held;
+  { Server().on("held", holding(held)); }
+  EXPECT_TRUE(held.freed());
+}
+
+TEST(LayerLifetime, AServerThatAClientClosedFreesItsHandlers) {
+  Held held;
+  {
+    const auto where = fresh();
+    Server server;
+    server.on("held", holding(held));
+    server.listen(where);
+    (void)connect(where).call<bool>("s_c_close_server");
+    server.wait();
+  }
+  EXPECT_TRUE(eventually([&] { return held.freed(); }));
+}
+
+TEST(LayerLifetime, AClientFreesItsHandlersHoweverItEnds) {
+  const auto address = fresh_address(Transport::pipe);
+  Held held;
+  {
+    Client client;
+    client.on("held", holding(held));
+    EXPECT_FALSE(client.connected());
+  }
+  EXPECT_TRUE(held.freed());
+  {
+    Client client;
+    client.on("held", holding(held));
+    EXPECT_EQ(error_of([&] { client.connect(layered(address)); }).code(), Errc::not_connected);
+  }
+  EXPECT_TRUE(held.freed());
+  {
+    RawServer refuses(address, refusing());
+    Client client;
+    client.on("held", holding(held));
+    EXPECT_EQ(error_of([&] { client.connect(layered(address)); }).code(), Errc::refused_version);
+  }
+  EXPECT_TRUE(held.freed());
+  {
+    Server server;
+    server.listen(layered(address));
+    Client client = connect(layered(address));
+    client.on("held", holding(held));
+  }
+  EXPECT_TRUE(held.freed());
+}
+
+TEST(LayerLifetime, CloseWaitsForHandlersThatRun) {
+  Gate gate;
+  std::atomic<bool> returned{false};
+  const auto where = fresh();
+  Server server;
+  server.on("slow", [&] {
+    gate.pass();
+    std::this_thread::yield();
+    returned = true;
+  });
+  server.listen(where);
+  Client client = connect(where);
+  ASSERT_TRUE(client.post("slow"));
+  ASSERT_TRUE(gate.wait_entered());
+  std::thread closer([&] {
+    server.close();
+    EXPECT_TRUE(returned);
+  });
+  ASSERT_TRUE(eventually([&] { return !server.listening(); }));
+  EXPECT_FALSE(returned);
+  gate.open();
+  closer.join();
+}
+
+TEST(LayerLifetime, AHandlerMayCloseItsServer) {
+  const auto where = fresh();
+  Server server;
+  server.on("stop", [&] { server.close(); });
+  server.listen(where);
+  Client client = connect(where);
+  ASSERT_TRUE(client.post("stop"));
+  server.wait();
+  EXPECT_FALSE(server.listening());
+}
+
+// The destructor comes second, and waits for the handler that is still closing.
+TEST(LayerLifetime, AClientOutlivesTheHandlerThatClosesIt) {
+  const auto where = fresh();
+  Server server;
+  server.listen(where);
+  std::atomic<bool> returned{false};
+  {
+    Client client;
+    client.on("stop", [&] {
+      client.close();
+      returned = true;
+    });
+    client.connect(where);
+    ASSERT_TRUE(server.post(server.clients().at(0), "stop"));
+    ASSERT_TRUE(eventually([&] { return !client.connected(); }));
+  }
+  EXPECT_TRUE(returned);
+}
+
+TEST(LayerLifetime, AHandlerMayCloseAServerThatIsBeingClosed) {
+  Gate gate;
+  std::atomic<bool> returned{false};
+  const auto where = fresh();
+  Server server;
+  server.on("stop", [&] {
+    gate.pass();
+    server.close();
+    returned = true;
+  });
+  server.listen(where);
+  Client client = connect(where);
+  ASSERT_TRUE(client.post("stop"));
+  ASSERT_TRUE(gate.wait_entered());
+  std::thread closer([&] {
+    server.close();
+    EXPECT_TRUE(returned);
+  });
+  ASSERT_TRUE(eventually([&] { return !server.listening(); }));
+  gate.open();
+  closer.join();
+  EXPECT_TRUE(server.clients().empty());
+}
+
+TEST(LayerLifetime, AServerOutlivesTheHandlerThatClosesIt) {
+  const auto where = fresh();
+  std::atomic<bool> returned{false};
+  Client client;
+  {
+    Server server;
+    server.on("stop", [&] {
+      server.close();
+      returned = true;
+    });
+    server.listen(where);
+    client.connect(where);
+    ASSERT_TRUE(client.post("stop"));
+    server.wait();
+  }
+  EXPECT_TRUE(returned);
+}
+
+TEST(LayerLifetime, AHookMayCloseItsClient) {
+  for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
+    Held held;
+    {
+      const auto address = fresh_address(transport);
+      RawServer server(address);
+      Counter closed;
+      Client client;
+      client.on("held", holding(held));
+      client.on_closed([&] {
+        client.close();
+        closed.add();
+      });
+      client.connect(layered(address));
+      server.take().close();
+      EXPECT_TRUE(closed.wait_for(1));
+    }
+    EXPECT_TRUE(eventually([&] { return held.freed(); }));
+  }
+}
+
+TEST(LayerLifetime, AHookMayCloseItsServer) {
+  for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
+    Held held;
+    {
+      const auto where = layered(fresh_address(transport));
+      Server server;
+      server.on("held", holding(held));
+      server.on_closed([&](int) { server.close(); });
+      server.listen(where);
+      { const Client client = connect(where); }
+      server.wait();
+    }
+    EXPECT_TRUE(eventually([&] { return held.freed(); }));
+  }
+}
+
+TEST(LayerLifetime, AClosedClientDoesNotConnect) {
+  Client client;
+  client.close();
+  EXPECT_EQ(error_of([&] { client.connect(fresh()); }).code(), Errc::misuse);
+}
+
+TEST(LayerLifetime, CallsOfAClosedClientSaySo) {
+  const auto where = fresh();
+  Server server;
+  server.listen(where);
+  Client client = connect(where);
+  client.close();
+  client.close();
+  EXPECT_FALSE(client.connected());
+  EXPECT_EQ(client.call("m").error().code(), Errc::not_connected);
+  EXPECT_EQ(client.post("m").error().code(), Errc::not_connected);
+  EXPECT_EQ(error_of([&] { client.async("m").get(); }).code(), Errc::not_connected);
+  EXPECT_EQ(error_of([&] { client.reconnecting(); }).code(), Errc::misuse);
+}
+
+TEST(LayerLifetime, CloseLetsWaitingCallsGo) {
+  Gate gate;
+  const auto where = fresh();
+  Server server;
+  server.on("wait", [gate]() mutable { gate.pass(); });
+  const OpenAtEnd open(gate);
+  server.listen(where);
+  Client client = connect(where);
+  std::vector<std::future<void>> calls;
+  for (int i = 0; i < 3; ++i) calls.push_back(client.async("wait", forever));
+  ASSERT_TRUE(gate.wait_entered(3));
+  client.close();
+  for (auto& call : calls) {
+    EXPECT_EQ(error_of([&] { call.get(); }).code(), Errc::not_connected);
+  }
+}
+
+TEST(LayerLifetime, ALostServerEndsCallsAsGone) {
+  const auto address = fresh_address(Transport::pipe);
+  RawServer server(address);
+  Counter closed;
+  Client client;
+  client.on_closed([&] { closed.add(); });
+  client.connect(layered(address));
+  RawSocket socket = server.take();
+  std::future<int> call = client.async<int>("add", forever);
+  ASSERT_TRUE(socket.read_message());
+  socket.close();
+  EXPECT_EQ(error_of([&] { call.get(); }).code(), Errc::gone);
+  EXPECT_TRUE(closed.wait_for(1));
+  EXPECT_EQ(client.call("add").error().code(), Errc::gone);
+  EXPECT_EQ(client.post("add").error().code(), Errc::gone);
+}
+
+TEST(LayerLifetime, TheEndOfAnotherClientInterruptsACallAndIsSaidSo) {
+  const auto address = fresh_address(Transport::pipe);
+  RawServer server(address);
+  Client waiting = connect(layered(address));
+  RawSocket socket = server.take();
+  std::future<int> call = waiting.async<int>("add", forever);
+  ASSERT_TRUE(socket.read_message());
+  { const Client other = connect(layered(address)); }
+  EXPECT_EQ(error_of([&] { call.get(); }).code(), Errc::interrupted);
+}
+
+TEST(LayerLifetime, ObjectsMove) {
+  const auto where = fresh();
+  Server server;
+  server.on("one", [] { return 1; });
+  Server moved = std::move(server);
+  moved.listen(where);
+  Client client = connect(where);
+  Client other = std::move(client);
+  EXPECT_EQ(other.call<int>("one").value(), 1);
+}
+
+TEST(LayerLifetime, AsyncCallsBeyondTheThreadsWaitInLine) {
+  Gate gate;
+  const auto where = fresh();
+  Server server;
+  server.on("pass", [gate]() mutable { gate.pass(); });
+  server.listen(where);
+  Client client = connect(where, {.async_threads = 1});
+  std::future<void> first = client.async("pass");
+  std::future<void> second = client.async("pass");
+  std::future<void> late = client.async("pass", 1ms);
+  ASSERT_TRUE(gate.wait_entered());
+  EXPECT_EQ(gate.entered(), 1);
+  std::this_thread::sleep_for(2ms);  // the limit of `late` has passed then, in line
+  gate.open();
+  first.get();
+  second.get();
+  EXPECT_EQ(error_of([&] { late.get(); }).code(), Errc::timed_out);
+  EXPECT_EQ(gate.entered(), 2);
+}
+
+// What calls leave in the library's table does not add up, whether they are answered or not.
+TEST(LayerCallIds, AreLentToOneCallAtATime) {
+  detail::CallIds ids;
+  int cleared = 0;
+  const auto clear = [&] { ++cleared; };
+  using Use = detail::CallIds::Use;
+  const int first = ids.lend();
+  const int second = ids.lend();
+  EXPECT_NE(first, second);
+  ids.take_back(first, Use::answered, clear);
+  EXPECT_EQ(ids.lend(), first);
+  ids.take_back(first, Use::spoiled, clear);
+  EXPECT_NE(ids.lend(), first);
+  EXPECT_EQ(cleared, 0);
+}
+
+TEST(LayerCallIds, LateAnswersAreClearedWhenNoCallIsUnderWay) {
+  detail::CallIds ids;
+  int cleared = 0;
+  const auto clear = [&] { ++cleared; };
+  using Use = detail::CallIds::Use;
+  const int under_way = ids.lend();
+  for (int i = 0; i < 100; ++i) ids.take_back(ids.lend(), Use::spoiled, clear);
+  EXPECT_EQ(cleared, 0);
+  ids.take_back(under_way, Use::answered, clear);
+  EXPECT_EQ(cleared, 1);
+}
+
+TEST(LayerCallIds, ASpoiledIdIsCleanOnceItsAnswerHasCome) {
+  detail::CallIds ids;
+  using Use = detail::CallIds::Use;
+  const int first = ids.lend();
+  const int second = ids.lend();
+  ids.take_back(first, Use::spoiled, [] {});
+  EXPECT_EQ(ids.take_spoiled(), std::nullopt);
+  ids.take_back(second, Use::spoiled, [] {});
+  EXPECT_EQ(ids.take_spoiled(), first);
+  ids.clean_again(first);
+  EXPECT_EQ(ids.lend(), first);
+}
+
+}  // namespace
+}  // namespace tolk::test

@@ -1,0 +1,134 @@
+// A client that connects again when its server has gone.
+#include <atomic>
+#include <future>
+#include <optional>
+
+#include "tests/layer/joined.h"
+
+namespace tolk::test {
+namespace {
+
+class LayerReconnect : public testing::Test {
+ protected:
+  void start() {
+    server.emplace();
+    server->on("add", [](int a, int b) { return a + b; });
+    server->listen(where);
+  }
+
+  const tolk::v1::Address where = fresh();
+  std::optional<Server> server;
+};
+
+TEST_F(LayerReconnect, CallsGoOnWithANewServer) {
+  start();
+  Counter lost;
+  Counter back;
+  Client client = connect(where);
+  client.on("double", [](int n) { return 2 * n; });
+  client.reconnecting(
+      {.first = 5ms, .changed = [&](bool connected) { (connected ? back : lost).add(); }});
+  EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
+  for (int round = 1; round <= 2; ++round) {
+    server.reset();
+    ASSERT_TRUE(lost.wait_for(round));
+    EXPECT_EQ(client.call<int>("add", 1, 2).error().code(), Errc::gone);
+    start();
+    ASSERT_TRUE(back.wait_for(round));
+    EXPECT_TRUE(client.connected());
+    EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
+    // Its methods are registered again, and time-outs work as before.
+    const int id = server->clients().at(0);
+    EXPECT_EQ(server->call<int>(id, "double", 4).value(), 8);
+  }
+}
+
+TEST_F(LayerReconnect, TimeOutsWorkOnTheNewConnection) {
+  const auto address = fresh_address(Transport::pipe);
+  std::optional<RawServer> raw(std::in_place, address);
+  Client client = connect(layered(address));
+  Counter back;
+  client.reconnecting({.first = 5ms, .changed = [&](bool connected) {
+                         if (connected) back.add();
+                       }});
+  raw->take().close();
+  RawSocket again = raw->take();
+  ASSERT_TRUE(back.wait_for(1));
+  EXPECT_EQ(client.call("m", 50ms).error().code(), Errc::timed_out);
+}
+
+TEST_F(LayerReconnect, CallsMayWaitForTheNewConnection) {
+  start();
+  Counter lost;
+  Client client = connect(where);
+  client.reconnecting({.first = 5ms, .calls_wait = true, .changed = [&](bool connected) {
+                         if (!connected) lost.add();
+                       }});
+  server.reset();
+  ASSERT_TRUE(lost.wait_for(1));
+  EXPECT_FALSE(client.call<int>("add", 1, 2, 20ms));
+  std::future<int> sum = client.async<int>("add", 1, 2, 20s);
+  start();
+  EXPECT_EQ(sum.get(), 3);
+}
+
+TEST_F(LayerReconnect, CallsMayWaitForTheFirstConnection) {
+  start();
+  Client client;
+  client.reconnecting({.calls_wait = true});
+  std::future<int> sum = client.async<int>("add", 1, 2, 60s);
+  client.connect(where);
+  ASSERT_EQ(sum.wait_for(20s), std::future_status::ready);
+  EXPECT_EQ(sum.get(), 3);
+}
+
+TEST_F(LayerReconnect, AMethodThatIsAddedWhileTheServerIsGoneIsThereAfterwards) {
+  start();
+  Counter lost;
+  Counter back;
+  Client client = connect(where);
+  client.reconnecting({.first = 5ms, .changed = [&](bool connected) {
+                         if (!connected) client.on("late", [] { return 7; });
+                         (connected ? back : lost).add();
+                       }});
+  server.reset();
+  ASSERT_TRUE(lost.wait_for(1));
+  client.on("later", [] { return 8; });
+  start();
+  ASSERT_TRUE(back.wait_for(1));
+  const int id = server->clients().at(0);
+  EXPECT_EQ(server->call<int>(id, "late").value(), 7);
+  EXPECT_EQ(server->call<int>(id, "later").value(), 8);
+}
+
+TEST_F(LayerReconnect, AnExceptionOfTheHostsIsDropped) {
+  start();
+  Counter back;
+  Client client = connect(where);
+  client.reconnecting({.first = 5ms, .changed = [&](bool connected) {
+                         if (connected) back.add();
+                         throw std::runtime_error("no");
+                       }});
+  server.reset();
+  start();
+  ASSERT_TRUE(back.wait_for(1));
+  EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
+}
+
+TEST_F(LayerReconnect, AClientThatLooksForItsServerCanBeClosed) {
+  start();
+  Counter lost;
+  Client client = connect(where);
+  client.reconnecting({.first = 10s, .changed = [&](bool connected) {
+                         if (!connected) lost.add();
+                       }});
+  server.reset();
+  ASSERT_TRUE(lost.wait_for(1));
+  const Stopwatch watch;
+  client.close();
+  EXPECT_LT(watch.elapsed(), 8s);
+  EXPECT_EQ(client.call("add").error().code(), Errc::not_connected);
+}
+
+}  // namespace
+}  // namespace tolk::test

@@ -1,0 +1,193 @@
+// Each operation, with every single one of its allocations failing in turn. A program of its own,
+// since it replaces the allocation functions.
+
+#include <gtest/gtest.h>
+#include <tolk/ListParams.h>
+#include <tolk/TolkParams.h>
+#include <tolk/TolkValue.h>
+
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <new>
+#include <string>
+
+namespace {
+
+int allocations_until_failure = -1;  // below 0: none fails
+long live_allocations = 0;
+
+void* allocate(std::size_t size) {
+  if (allocations_until_failure == 0) throw std::bad_alloc();
+  if (allocations_until_failure > 0) --allocations_until_failure;
+  void* const memory = std::malloc(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  ++live_allocations;
+  return memory;
+}
+
+void free_counted(void* memory) {
+  if (memory == nullptr) return;
+  --live_allocations;
+  std::free(memory);
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) { return allocate(size); }
+void* operator new[](std::size_t size) { return allocate(size); }
+void operator delete(void* memory) noexcept { free_counted(memory); }
+void operator delete[](void* memory) noexcept { free_counted(memory); }
+void operator delete(void* memory, std::size_t) noexcept { free_counted(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { free_counted(memory); }
+
+namespace {
+
+constexpr char long_text[] = "a text that needs memory of its own";
+
+// Runs `operation` on a new `Subject` with its first, second, ... allocation failing, until none
+// fails any more. `check` sees the subject after each failure; nothing may be left at the end.
+template <class Subject>
+void fail_each_allocation(const std::function<void(Subject&)>& prepare,
+                          const std::function<void(Subject&)>& operation,
+                          const std::function<void(Subject&)>& check) {
+  bool failed = true;
+  for (int nth = 0; failed; ++nth) {
+    const long before = live_allocations;
+    {
+      Subject subject;
+      prepare(subject);
+      failed = false;
+      allocations_until_failure = nth;
+      try {
+        operation(subject);
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+      allocations_until_failure = -1;
+      if (failed) check(subject);
+    }
+    EXPECT_EQ(live_allocations, before) << "allocation " << nth;
+    ASSERT_LT(nth, 200);
+  }
+}
+
+void nothing(TolkParams&) {}
+
+void fill(TolkParams& block) {
+  block.AddString(long_text);
+  block.AddKeyValueString(long_text, long_text);
+  ListParams* list = TolkParams::CreateListParams();
+  list->AddString(long_text, sizeof long_text - 1);
+  block.AddList(list);
+}
+
+TEST(OutOfMemory, AddingLeavesNoPartOfARecord) {
+  fail_each_allocation<TolkParams>(
+      nothing, [](TolkParams& block) { block.AddKeyValueString("k", long_text); },
+      [](TolkParams& block) { EXPECT_EQ(block.Size(), 0); });
+}
+
+TEST(OutOfMemory, OwnBytesAreAppendedWholeOrNotAtAll) {
+  fail_each_allocation<TolkParams>(
+      fill,
+      [](TolkParams& block) { block.AddStream(block.GetParamasPtr(), block.GetParamasSize()); },
+      [](TolkParams& block) { EXPECT_TRUE(block.ToParams()); });
+}
+
+TEST(OutOfMemory, AddListFreesItsListAnyway) {
+  fail_each_allocation<TolkParams>(
+      nothing,
+      [](TolkParams& block) {
+        auto list = std::make_unique<ListParams>();
+        list->AddString(long_text, 20);
+        list->AddInt(1);
+        block.AddList(list.release());
+      },
+      [](TolkParams& block) { EXPECT_EQ(block.Size(), 0); });
+}
+
+TEST(OutOfMemory, ParsingKeepsWholeValues) {
+  fail_each_allocation<TolkParams>(
+      fill, [](TolkParams& block) { block.ToParams(); },
+      [](TolkParams& block) {
+        for (int i = 0; i < block.ParamsSize(); ++i) EXPECT_NE(block.GetValue(i), nullptr);
+        for (const auto& [key, value] : *block.GetMapPtr()) EXPECT_NE(value, nullptr);
+      });
+}
+
+TEST(OutOfMemory, RefusedInputLeavesTheBlockAlone) {
+  fail_each_allocation<TolkParams>(
+      [](TolkParams& block) {
+        block.AddInt(7);
+        block.ToParams();
+      },
+      [](TolkParams& block) { block.Parser("\x08 a text that needs memory of its own", 30); },
+      [](TolkParams& block) { EXPECT_EQ(block.GetValue(0)->GetInt(), 7); });
+}
+
+TEST(OutOfMemory, ViewIsMadeWholeOrNotAtAll) {
+  fail_each_allocation<TolkParams>(
+      [](TolkParams& block) {
+        for (const char* key : {"a", "b", "c"}) block.AddKeyValueInt(key, 1);
+        block.ToParams();
+      },
+      [](TolkParams& block) { block.GetMapPtr(); },
+      [](TolkParams& block) { EXPECT_EQ(block.GetMapPtr()->size(), 3U); });
+}
+
+TEST(OutOfMemory, CopiesAndAssignmentsLeaveTheSourceWhole) {
+  fail_each_allocation<TolkParams>(
+      [](TolkParams& block) {
+        fill(block);
+        block.ToParams();
+      },
+      [](TolkParams& block) {
+        const TolkParams copy(block);
+        TolkParams assigned;
+        assigned = copy;
+      },
+      [](TolkParams& block) { EXPECT_STREQ(block.GetValue(0)->GetString(), long_text); });
+}
+
+void fill_value(TolkValue& value) {
+  value = TolkValue(TolkValue::List);
+  value.AddListString(long_text, 30);
+  value.AddListMapString(long_text, long_text, 30);
+}
+
+TEST(OutOfMemory, ValuesAddAnElementWhollyOrNotAtAll) {
+  fail_each_allocation<TolkValue>(
+      fill_value,
+      [](TolkValue& value) {
+        value.AddListStream(long_text, 30);
+        value.AddListMapStream("b", long_text, 30);
+      },
+      [](TolkValue& value) {
+        for (const TolkValue* element : *value.GetList()) EXPECT_NE(element, nullptr);
+      });
+}
+
+TEST(OutOfMemory, AssignmentKeepsTheOldValue) {
+  fail_each_allocation<TolkValue>(
+      [](TolkValue& value) { value = TolkValue(long_text, 30, TolkValue::String); },
+      [](TolkValue& value) {
+        TolkValue list;
+        fill_value(list);
+        value = list;
+      },
+      [](TolkValue& value) { EXPECT_EQ(value.GetString(), std::string(long_text, 30)); });
+}
+
+TEST(OutOfMemory, ListsAddCopyAndAssignWhollyOrNotAtAll) {
+  fail_each_allocation<ListParams>([](ListParams& list) { list.AddInt(1); },
+                                   [](ListParams& list) {
+                                     list.AddString(long_text, 30);
+                                     const ListParams copy(list);
+                                     ListParams assigned;
+                                     assigned = copy;
+                                   },
+                                   [](ListParams&) {});
+}
+
+}  // namespace

@@ -1,0 +1,54 @@
+// Failures on purpose: of the system's and libuv's calls that the library makes, and of its and
+// libuv's allocations.
+//
+// While a Faults lives, the k-th chance fails, once or from then on, on whichever thread it comes.
+// Threads are subject to failures unless they say otherwise: those of the library never do, the
+// test's own do.
+// Thread: any. One Faults at a time.
+#pragma once
+
+namespace tolk::test {
+
+enum class Chance { call, memory };
+enum class Mode { once, from_then_on };
+
+class Faults {
+ public:
+  Faults(Chance chance, Mode mode, int k);
+  ~Faults();
+  Faults(const Faults&) = delete;
+  Faults& operator=(const Faults&) = delete;
+
+  // Chances so far, and whether the k-th was among them.
+  static int met();
+  static bool injected();
+};
+
+// While alive, nothing fails on the calling thread.
+class Exempt {
+ public:
+  Exempt();
+  ~Exempt();
+  Exempt(const Exempt&) = delete;
+  Exempt& operator=(const Exempt&) = delete;
+};
+
+// While alive, the calling thread's exemption is lifted.
+class Subject {
+ public:
+  Subject();
+  ~Subject();
+  Subject(const Subject&) = delete;
+  Subject& operator=(const Subject&) = delete;
+
+ private:
+  const int before_;
+};
+
+// For the replaced calls: whether this one shall fail.
+bool fails_now(Chance chance);
+
+// Once, before libuv is used: its memory comes from here too.
+void take_over_memory_of_libuv();
+
+}  // namespace tolk::test

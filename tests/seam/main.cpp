@@ -1,0 +1,171 @@
+// tolk_seam: lets the k-th call of libuv, or the k-th allocation, fail while a server and a client
+// live their lives; for k = 1, 2, 3 … until there is no k-th any more. Once, and from k on.
+//
+// Each series runs in a process of its own, which the parent watches.
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <new>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/support/waiting.h"
+#include "tests/seam/faults.h"
+#include "tests/seam/scenario.h"
+#include "tests/steps/pauses.h"
+
+namespace tolk::test {
+namespace {
+
+constexpr char kUsage[] =
+    "Usage: tolk_seam [--most N] [--only TEXT] [--from K]\n"
+    "  --most N     at most N failures of each series, evenly spread; all unless said\n"
+    "  --only TEXT  the series whose name contains it\n"
+    "  --from K     begin with the K-th\n";
+
+struct Options {
+  int most = 0;
+  int from = 1;
+  std::string only;
+};
+
+struct Series {
+  Transport transport;
+  Chance chance;
+  Mode mode;
+
+  std::string name() const {
+    return std::string(chance == Chance::call ? "calls" : "memory") +
+           (mode == Mode::once ? " once" : " from then on") +
+           (transport == Transport::pipe ? " pipe" : " tcp4");
+  }
+};
+
+// Where a series is, seen by the parent too.
+struct Progress {
+  int k = 0;
+  int runs = 0;
+  int ended_waits = 0;
+};
+
+class Silence final : public std::streambuf {
+  int overflow(int character) override { return character; }
+  std::streamsize xsputn(const char*, std::streamsize count) override { return count; }
+};
+
+// How many chances there are in a run without failures.
+int chances(Scenario& scenario, const Series& series) {
+  const Faults none(series.chance, series.mode, 1 << 30);
+  scenario.play();
+  return Faults::met();
+}
+
+[[noreturn]] void run_series(const Series& series, const Options& options, Progress& progress) {
+  const Exempt this_thread;
+  std::ios_base::sync_with_stdio(false);
+  static Silence silence;
+  std::cout.rdbuf(&silence);
+  shorten_pauses();
+  take_over_memory_of_libuv();
+  int status = 0;
+  {
+    Scenario scenario(series.transport);
+    const int count = chances(scenario, series);
+    const int step = options.most > 0 ? std::max(1, count / options.most) : 1;
+    bool injected = true;
+    // A slow run may have fewer chances than the others: it does not end the series.
+    for (progress.k = options.from; status == 0 && (injected || progress.k <= count);
+         progress.k += step) {
+      alarm(60);
+      std::string trouble;
+      {
+        const Faults faults(series.chance, series.mode, progress.k);
+        trouble = scenario.play();
+        injected = Faults::injected();
+        // Threads on their way out still meet failures.
+        if (trouble.empty()) trouble = Scenario::loops_left();
+      }
+      if (trouble.empty()) trouble = scenario.aftermath();
+      ++progress.runs;
+      progress.ended_waits = scenario.ended_waits();
+      if (trouble.empty()) continue;
+      std::fprintf(stderr, "%s, k = %d: %s\n", series.name().c_str(), progress.k, trouble.c_str());
+      status = 1;
+    }
+  }
+  std::exit(status);
+}
+
+std::vector<Series> all_series(const Options& options) {
+  std::vector<Series> all;
+  for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
+    for (const Chance chance : {Chance::call, Chance::memory}) {
+      for (const Mode mode : {Mode::once, Mode::from_then_on}) {
+        const Series series{transport, chance, mode};
+        if (series.name().find(options.only) != std::string::npos) all.push_back(series);
+      }
+    }
+  }
+  return all;
+}
+
+int run(const Options& options) {
+  const std::vector<Series> all = all_series(options);
+  void* const shared = mmap(nullptr, sizeof(Progress) * (all.size() + 1), PROT_READ | PROT_WRITE,
+                            MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) return 2;
+  auto* const progress = new (shared) Progress[all.size() + 1];
+  std::map<pid_t, std::size_t> running;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    const pid_t child = fork();
+    if (child == 0) run_series(all[i], options, progress[i]);
+    running.emplace(child, i);
+  }
+  int failures = all.empty() ? 1 : 0;
+  while (!running.empty()) {
+    int status = 0;
+    const auto at = running.find(wait(&status));
+    if (at == running.end()) return 2;
+    const Progress& reached = progress[at->second];
+    std::printf("%-24s %s: %d runs, up to k = %d, waits ended in %d operations\n",
+                all[at->second].name().c_str(), status == 0 ? "ok" : "FAILED", reached.runs,
+                reached.k, reached.ended_waits);
+    if (status != 0) {
+      ++failures;
+      std::printf("  %s %d\n", WIFSIGNALED(status) ? "signal" : "exit status",
+                  WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
+    }
+    running.erase(at);
+  }
+  return failures == 0 ? 0 : 1;
+}
+
+Options read_options(int count, char** words) {
+  Options options;
+  for (int i = 1; i < count; i += 2) {
+    const std::string word = words[i];
+    const bool known = word == "--most" || word == "--only" || word == "--from";
+    if (!known || i + 1 == count) {
+      std::fputs(kUsage, stderr);
+      std::exit(2);
+    }
+    if (word == "--most") options.most = std::atoi(words[i + 1]);
+    if (word == "--from") options.from = std::atoi(words[i + 1]);
+    if (word == "--only") options.only = words[i + 1];
+  }
+  return options;
+}
+
+}  // namespace
+}  // namespace tolk::test
+
+int main(int count, char** words) {
+  return tolk::test::run(tolk::test::read_options(count, words));
+}

@@ -1,0 +1,81 @@
+// A second process of a row: this program again, in a role. It and the row speak in lines, over the
+// role's standard input.
+//
+// Thread: one at a time. Owner: the object: the process ends with it, and by itself when this
+// process is gone. Failure: what does not come is nothing; figures of a dead process are 0. A
+// process that ended otherwise than it should, a sanitizer's verdict included, is printed and
+// counted.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/e2e/support/transports.h"
+#include "tests/e2e/support/waiting.h"
+
+namespace tolk::stress {
+
+// Both ends of the line that a row and a role speak over.
+class LineChannel {
+ public:
+  explicit LineChannel(int descriptor) : descriptor_(descriptor) {}
+
+  bool tell(const std::string& line) const;
+  std::optional<std::string> read_line(test::Milliseconds limit = test::kLimit);
+  int descriptor() const { return descriptor_; }
+
+ private:
+  const int descriptor_;
+  std::string received_;
+};
+
+class Process {
+ public:
+  // The role and its arguments.
+  explicit Process(const std::vector<std::string>& words);
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t id() const { return id_; }
+  bool tell(const std::string& line) { return channel_.tell(line); }
+  std::optional<std::string> read_line(test::Milliseconds limit = test::kLimit) {
+    return channel_.read_line(limit);
+  }
+  std::optional<std::string> ask(const std::string& line, test::Milliseconds limit = test::kLimit);
+  void kill_now();        // SIGKILL
+  static int bad_ends();  // of all processes so far
+  bool is_alive() const;
+
+  // Measured from outside.
+  long resident_kib() const;
+  int descriptors() const;
+  double processor_s() const;
+
+ private:
+  Process(std::string role, std::pair<int, pid_t> started);
+  void end();  // asks it to
+  void note_bad_end(int status) const;
+
+  const std::string role_;
+  LineChannel channel_;
+  pid_t id_ = -1;
+};
+
+// What a process of any id holds; "self" too.
+long resident_kib_of(const std::string& process);
+int descriptors_of(const std::string& process);
+
+// In a role: the row at the other end.
+LineChannel& the_row();
+// No library line gets among the rows' own.
+void drop_library_lines();
+
+std::string text_of(const test::Address& address);
+test::Address address_of(const std::string& text);
+
+}  // namespace tolk::stress

@@ -1,0 +1,95 @@
+// A row runs in a process of its own, so that whatever it does to itself, the run ends and says
+// where it was.
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/lsan_interface.h>
+#endif
+#endif
+
+#include "tests/stress/frame/process.h"
+#include "tests/stress/frame/rows.h"
+
+namespace tolk::stress {
+namespace {
+
+constexpr int kShortLimitS = 55;
+
+// The row's process does not run to its usual end, where leaks would be looked for.
+bool leaks() {
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+  return __lsan_do_recoverable_leak_check() != 0;
+#else
+  return false;
+#endif
+#else
+  return false;
+#endif
+}
+
+int run_row(const Row& row, const Options& options, Progress& progress) {
+  setpgid(0, 0);                     // so that its processes end with it
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // and it with the parent
+  drop_library_lines();
+  Run run(options, row.number, progress);
+  row.run(run);
+  run.expect(!leaks(), "memory has leaked");
+  std::fflush(stdout);
+  return run.passed() && Process::bad_ends() == 0 ? 0 : 1;
+}
+
+Progress& shared_progress() {
+  void* const memory =
+      mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) std::abort();
+  return *new (memory) Progress{};
+}
+
+// The exit status, or nothing when the limit came first.
+bool wait_for_end(pid_t process, Milliseconds limit, int& status) {
+  return eventually([&] { return waitpid(process, &status, WNOHANG) == process; }, limit);
+}
+
+}  // namespace
+
+bool run_guarded(const Row& row, const Options& options) {
+  Progress& progress = shared_progress();
+  std::printf("row %d: %s (%s form, --row %d --seed %llu)\n", row.number, row.what,
+              options.is_short ? "short" : "long", row.number,
+              static_cast<unsigned long long>(options.seed));
+  std::fflush(stdout);
+  const Stopwatch clock;
+  const pid_t process = fork();
+  // Without the end of the program: the threads of the library may still run in it.
+  if (process == 0) _exit(run_row(row, options, progress));
+  int limit_s = options.is_short ? kShortLimitS : row.limit_s;
+  if (options.seconds > 0) limit_s += 2 * options.seconds;
+  int status = -1;
+  const bool ended = wait_for_end(process, std::chrono::seconds(limit_s), status);
+  if (!ended) {
+    std::printf("  HANGS: no end within %d s, at: %s\n", limit_s, progress.text);
+  } else if (WIFSIGNALED(status)) {
+    std::printf("  DIED of signal %d, at: %s\n", WTERMSIG(status), progress.text);
+  } else if (WEXITSTATUS(status) > 1) {
+    std::printf("  DIED with status %d, at: %s\n", WEXITSTATUS(status), progress.text);
+  }
+  kill(-process, SIGKILL);
+  if (!ended) waitpid(process, &status, 0);
+  const bool passed = ended && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  std::printf("row %d: %s in %.1f s\n", row.number, passed ? "ok" : "FAILED",
+              static_cast<double>(clock.elapsed().count()) / 1000);
+  std::fflush(stdout);
+  return passed;
+}
+
+}  // namespace tolk::stress

@@ -1,0 +1,311 @@
+#include "transport/frame_reader.h"
+
+#include <gtest/gtest.h>
+#include <tests/params/hex.h>
+#include <tests/transport/naive_frame_reader.h>
+
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <random>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using tolk::FrameReader;
+using tolk::test::hex;
+using tolk::test::NaiveFrameReader;
+using tolk::test::to_hex;
+using Payloads = std::vector<std::string>;
+
+std::string frame(std::string_view payload) {
+  std::string bytes;
+  for (unsigned i = 0; i < 4; ++i) bytes += static_cast<char>(payload.size() >> (8 * i));
+  return bytes.append(payload);
+}
+
+// A reader and what it has handed on.
+class Connection {
+ public:
+  // In memory of exactly that size, so that the sanitizer sees any read behind it.
+  void read(std::string_view bytes) {
+    const auto exact = std::make_unique<char[]>(bytes.size());
+    bytes.copy(exact.get(), bytes.size());
+    reader_.feed({exact.get(), bytes.size()}, [this](std::string_view payload) {
+      payloads.emplace_back(payload);
+      return payloads.size() < wanted;
+    });
+  }
+
+  std::size_t waiting() const { return reader_.pending_bytes(); }
+
+  Payloads payloads;
+  std::size_t wanted = SIZE_MAX;
+
+ private:
+  FrameReader reader_;
+};
+
+TEST(FrameReader, ReadOfOneFrameIsDispatchedOnceAndNothingWaits) {
+  Connection connection;
+  connection.read(frame("hello"));
+  EXPECT_EQ(connection.payloads, Payloads{"hello"});
+  EXPECT_EQ(connection.waiting(), 0u);
+}
+
+TEST(FrameReader, ReadOfOneFrameIsHandedOnInPlace) {
+  FrameReader reader;
+  const std::string bytes = frame("hello");
+  const char* seen = nullptr;
+  reader.feed(bytes, [&](std::string_view payload) {
+    seen = payload.data();
+    return true;
+  });
+  EXPECT_EQ(seen, bytes.data() + 4);
+}
+
+TEST(FrameReader, ThreeFramesInOneReadAreDispatchedInOrder) {
+  Connection connection;
+  connection.read(frame("one") + frame("two") + frame("three"));
+  EXPECT_EQ(connection.payloads, (Payloads{"one", "two", "three"}));
+  EXPECT_EQ(connection.waiting(), 0u);
+}
+
+TEST(FrameReader, FrameSplitInThreeIsDispatchedAfterTheThirdRead) {
+  Connection connection;
+  const std::string bytes = frame("hello");
+  connection.read(bytes.substr(0, 2));
+  connection.read(bytes.substr(2, 3));
+  EXPECT_TRUE(connection.payloads.empty());
+  EXPECT_EQ(connection.waiting(), 5u);
+  connection.read(bytes.substr(5));
+  EXPECT_EQ(connection.payloads, Payloads{"hello"});
+  EXPECT_EQ(connection.waiting(), 0u);
+}
+
+TEST(FrameReader, SplitPrefixWaitsForWholeFrame) {
+  Connection connection;
+  const std::string bytes = frame("hello");
+  for (std::size_t i = 0; i + 1 < bytes.size(); ++i) {
+    connection.read(bytes.substr(i, 1));
+    EXPECT_TRUE(connection.payloads.empty());
+    EXPECT_EQ(connection.waiting(), i + 1);
+  }
+  connection.read(bytes.substr(bytes.size() - 1));
+  EXPECT_EQ(connection.payloads, Payloads{"hello"});
+}
+
+TEST(FrameReader, StartOfTheNextFrameWaits) {
+  Connection connection;
+  const std::string next = frame("next");
+  connection.read(frame("hello") + next.substr(0, 3));
+  EXPECT_EQ(connection.payloads, Payloads{"hello"});
+  EXPECT_EQ(connection.waiting(), 3u);
+  connection.read(next.substr(3));
+  EXPECT_EQ(connection.payloads, (Payloads{"hello", "next"}));
+}
+
+TEST(FrameReader, ReadThatIsOneFrameOvertakesBytesThatWait) {
+  Connection connection;
+  const std::string early = frame("early");
+  connection.read(early.substr(0, 6));
+  connection.read(frame("late"));
+  EXPECT_EQ(connection.payloads, Payloads{"late"});
+  EXPECT_EQ(connection.waiting(), 6u);
+  connection.read(early.substr(6));
+  EXPECT_EQ(connection.payloads, (Payloads{"late", "early"}));
+  EXPECT_EQ(connection.waiting(), 0u);
+}
+
+TEST(FrameReader, ReadOfNothingChangesNothing) {
+  Connection connection;
+  connection.read("");
+  EXPECT_EQ(connection.waiting(), 0u);
+  connection.read(hex("05 00"));
+  connection.read("");
+  EXPECT_EQ(connection.waiting(), 2u);
+  EXPECT_TRUE(connection.payloads.empty());
+}
+
+TEST(FrameReader, FramesWithoutPayloadAreDispatched) {
+  Connection connection;
+  connection.read(frame(""));
+  connection.read(frame("") + frame(""));
+  EXPECT_EQ(connection.payloads, (Payloads{"", "", ""}));
+  EXPECT_EQ(connection.waiting(), 0u);
+}
+
+TEST(FrameReader, ReadShorterThanAPrefixIsNeverAFrame) {
+  Connection connection;
+  connection.read(frame(std::string(8, '\xFF')));
+  for (std::size_t size = 1; size <= 3; ++size) {
+    Connection fresh;
+    // Were memory behind the read looked at, -1 to -3 could pass for its length.
+    fresh.read(std::string(size, '\xFF'));
+    EXPECT_TRUE(fresh.payloads.empty());
+    EXPECT_EQ(fresh.waiting(), size);
+  }
+  connection.read(hex("FF FF FF"));
+  EXPECT_EQ(connection.payloads, Payloads{std::string(8, '\xFF')});
+  EXPECT_EQ(connection.waiting(), 3u);
+}
+
+TEST(FrameReader, HugeDeclaredLengthWaitsAndReservesNothing) {
+  Connection connection;
+  connection.read(hex("FF FF FF 7F"));
+  connection.read("abc");
+  EXPECT_TRUE(connection.payloads.empty());
+  EXPECT_EQ(connection.waiting(), 7u);
+}
+
+TEST(FrameReader, LengthOfMinusOneToMinusThreeMovesByWhatIsLeftOfThePrefix) {
+  for (int length = -1; length >= -3; --length) {
+    const std::size_t covered = 4 - static_cast<std::size_t>(-length);
+    // The bytes that stay behind are the start of the next frame, which the rest completes.
+    std::string bytes = hex("00 FF FF FF");
+    bytes[0] = static_cast<char>(length);
+    Connection connection;
+    connection.read(bytes);
+    EXPECT_EQ(connection.payloads, Payloads{""});
+    EXPECT_EQ(connection.waiting(), 4 - covered);
+  }
+}
+
+TEST(FrameReader, LengthOfMinusFourDropsAllThatWaits) {
+  Connection connection;
+  connection.read(hex("FC FF FF FF") + frame("lost"));
+  EXPECT_EQ(connection.payloads, Payloads{""});
+  EXPECT_EQ(connection.waiting(), 0u);
+}
+
+TEST(FrameReader, LengthBelowMinusFourDropsAllThatWaits) {
+  for (const char* const prefix : {"FB FF FF FF", "00 00 00 80", "00 FF FF FF"}) {
+    Connection connection;
+    connection.read(hex(prefix) + frame("lost"));
+    EXPECT_EQ(connection.payloads, Payloads{""});
+    EXPECT_EQ(connection.waiting(), 0u);
+    connection.read(frame("next"));
+    EXPECT_EQ(connection.payloads, (Payloads{"", "next"}));
+  }
+}
+
+TEST(FrameReader, NegativeLengthBehindAFrameStillDeliversTheFrame) {
+  Connection connection;
+  connection.read(frame("first") + hex("FC FF FF FF 00"));
+  EXPECT_EQ(connection.payloads, (Payloads{"first", ""}));
+  EXPECT_EQ(connection.waiting(), 0u);
+}
+
+TEST(FrameReader, NoFurtherFrameIsHandedOnOnceDispatchSaysNo) {
+  Connection connection;
+  connection.wanted = 2;
+  connection.read(frame("one") + frame("two") + frame("three"));
+  EXPECT_EQ(connection.payloads, (Payloads{"one", "two"}));
+}
+
+TEST(FrameReader, ThrowingDispatchLeavesTheReaderUsable) {
+  FrameReader reader;
+  const auto refuse = [](std::string_view) -> bool { throw std::bad_alloc(); };
+  EXPECT_THROW(reader.feed(frame("one") + frame("two"), refuse), std::bad_alloc);
+  Payloads payloads;
+  reader.feed(frame("three"), [&](std::string_view payload) {
+    payloads.emplace_back(payload);
+    return true;
+  });
+  EXPECT_EQ(payloads, Payloads{"three"});
+}
+
+TEST(FrameReader, ManyBytesArriveWholeWhateverTheReadSize) {
+  std::string stream;
+  Payloads sent;
+  for (std::size_t i = 0; i < 200; ++i) {
+    sent.emplace_back(i * i, static_cast<char>('a' + i % 26));
+    stream += frame(sent.back());
+  }
+  for (const std::size_t step : {std::size_t{7}, std::size_t{4096}, std::size_t{65536}}) {
+    NaiveFrameReader naive;
+    Payloads expected;
+    Connection connection;
+    for (std::size_t at = 0; at < stream.size(); at += step) {
+      const std::string_view read = std::string_view(stream).substr(at, step);
+      connection.read(read);
+      for (std::string& payload : naive.feed(read)) expected.push_back(std::move(payload));
+    }
+    EXPECT_EQ(connection.payloads, expected);
+    EXPECT_EQ(connection.payloads, sent);
+    EXPECT_EQ(connection.waiting(), 0u);
+  }
+}
+
+// Both readers get the same reads: the same payloads come after each, and as many bytes wait.
+void expect_as_naive(const std::vector<std::string_view>& reads) {
+  Connection connection;
+  NaiveFrameReader naive;
+  std::string so_far;
+  for (const std::string_view read : reads) {
+    so_far += "[" + to_hex(read) + "] ";
+    connection.payloads.clear();
+    connection.read(read);
+    ASSERT_EQ(connection.payloads, naive.feed(read)) << so_far;
+    ASSERT_EQ(connection.waiting(), naive.waiting_bytes()) << so_far;
+  }
+}
+
+// Bit i of `cuts` says whether a read ends behind byte i.
+std::vector<std::string_view> cut(std::string_view stream, unsigned cuts) {
+  std::vector<std::string_view> reads;
+  std::size_t start = 0;
+  for (std::size_t i = 0; i < stream.size(); ++i) {
+    const bool ends = i + 1 == stream.size() || (cuts >> i & 1) != 0;
+    if (!ends) continue;
+    reads.push_back(stream.substr(start, i + 1 - start));
+    start = i + 1;
+  }
+  return reads;
+}
+
+TEST(FrameReader, EverySplitGivesWhatTheNaiveReaderGives) {
+  const std::vector<std::string> streams = {
+      frame("abcdefgh"),
+      frame("a") + frame("bcd"),
+      frame("") + frame("") + frame("x"),
+      frame("abcd") + hex("01 00 00"),
+      frame("a") + hex("FF FF FF FF") + frame(""),
+      hex("FE FF FF FF 00 00 00 61 FD FF FF FF"),
+      hex("FC FF FF FF 01 00 00 00 61"),
+      frame("b") + hex("F0 FF FF FF 61 62 63"),
+      hex("02 00 00 00 01 00 00 00 00 00 00 00"),
+      hex("FF FF FF FF 7F 00 00 00 00"),
+  };
+  for (const std::string& stream : streams) {
+    ASSERT_LE(stream.size(), 14u);
+    for (unsigned cuts = 0; cuts < 1u << (stream.size() - 1); ++cuts) {
+      expect_as_naive(cut(stream, cuts));
+      if (HasFatalFailure()) return;
+    }
+  }
+}
+
+TEST(FrameReader, RandomStreamsGiveWhatTheNaiveReaderGives) {
+  for (unsigned seed = 0; seed < 3000; ++seed) {
+    std::mt19937 random(seed);
+    const auto below = [&](std::size_t limit) { return random() % limit; };
+    std::string stream;
+    for (auto frames = below(6) + 1; frames > 0; --frames) {
+      stream += frame(std::string(below(20), static_cast<char>(below(256))));
+      if (below(8) == 0) stream += hex("FF FF FF FF").substr(below(4));
+      if (below(8) == 0) stream[below(stream.size())] = '\x01';
+    }
+    std::vector<std::string_view> reads;
+    for (std::size_t at = 0; at < stream.size(); at += reads.back().size()) {
+      reads.push_back(std::string_view(stream).substr(at, below(12) + 1));
+    }
+    expect_as_naive(reads);
+    ASSERT_FALSE(HasFatalFailure()) << "seed " << seed;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,112 @@
+#include "transport/method_registry.h"
+
+#include <utility>
+
+#include "transport/invoke_guarded.h"
+
+namespace tolk {
+
+HandlerOwner::~HandlerOwner() {
+  if (!doomed_) return;
+  invoke_guarded([this] {
+    delete method_;
+    delete all_;
+  });
+}
+
+template <class Handler>
+HandlerRef<Handler> MethodRegistry::reference(Tables& tables, Handler* handler) {
+  if (handler == nullptr) return {};
+  std::weak_ptr<HandlerOwner>& known = tables.owners[dynamic_cast<void*>(handler)];
+  std::shared_ptr<HandlerOwner> owner = known.lock();
+  if (!owner) {
+    owner = std::make_shared<HandlerOwner>(handler);
+    known = owner;
+  }
+  return {std::move(owner), handler};
+}
+
+void MethodRegistry::add_if_absent(const char* name, IServerMethod* handler) {
+  if (name == nullptr) return;
+  auto tables = tables_.lock();
+  if (tables->methods.contains(name)) return;
+  tables->methods.emplace(name, reference(*tables, handler));
+}
+
+void MethodRegistry::replace(const char* name, IServerMethod* handler) {
+  if (name == nullptr) return;
+  MethodRef earlier;  // a built-in dies here, after the lock
+  auto tables = tables_.lock();
+  earlier = std::exchange(tables->methods[name], reference(*tables, handler));
+}
+
+void MethodRegistry::add_builtin(const char* name, std::unique_ptr<IServerMethod> handler) {
+  auto tables = tables_.lock();
+  MethodRef builtin = reference(*tables, handler.get());
+  builtin.owner->of_library_ = true;
+  builtin.owner->doom();
+  handler.release();  // the owner's now
+  tables->methods.emplace(name, std::move(builtin));
+}
+
+void MethodRegistry::set_all(IMethodAll* handler) {
+  AllRef earlier;
+  auto tables = tables_.lock();
+  earlier = std::exchange(tables->all, reference(*tables, handler));
+}
+
+void MethodRegistry::set_all_if_absent(IMethodAll* handler) {
+  auto tables = tables_.lock();
+  if (!tables->all) tables->all = reference(*tables, handler);
+}
+
+MethodRef MethodRegistry::refer_to(IServerMethod* handler) {
+  auto tables = tables_.lock();
+  return reference(*tables, handler);
+}
+
+MethodRef MethodRegistry::acquire(std::string_view name) {
+  auto tables = tables_.lock();
+  const auto at = tables->methods.find(name);
+  return tables->refuses || at == tables->methods.end() ? MethodRef() : at->second;
+}
+
+AllRef MethodRegistry::acquire_all() {
+  auto tables = tables_.lock();
+  return tables->refuses ? AllRef() : tables->all;
+}
+
+MethodRef MethodRegistry::acquire_or_insert(std::string_view name) {
+  auto tables = tables_.lock();
+  return tables->methods[std::string(name)];
+}
+
+bool MethodRegistry::contains(std::string_view name) {
+  return tables_.lock()->methods.contains(name);
+}
+
+void MethodRegistry::release_all(Custody custody) {
+  Taken taken;
+  take_all(custody, taken);
+  // Out of the lock, the catch-all first, then by name: an idle object dies here.
+  taken.all = AllRef();
+  for (auto& [name, method] : taken.methods) method = MethodRef();
+}
+
+void MethodRegistry::take_all(Custody custody, Taken& taken) {
+  auto tables = tables_.lock();
+  taken.methods.swap(tables->methods);
+  if (custody == Custody::host) return;
+  taken.all = std::exchange(tables->all, AllRef());
+  taken.owners.swap(tables->owners);
+  if (taken.all.owner) taken.all.owner->doom();
+  for (const auto& [name, method] : taken.methods) {
+    if (method.owner) method.owner->doom();
+  }
+}
+
+void MethodRegistry::refuse() { tables_.lock()->refuses = true; }
+
+std::size_t MethodRegistry::size() { return tables_.lock()->methods.size(); }
+
+}  // namespace tolk

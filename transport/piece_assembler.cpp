@@ -1,0 +1,58 @@
+#include "transport/piece_assembler.h"
+
+#include <tolk/TolkParams.h>
+#include <tolk/TolkValue.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string_view>
+#include <utility>
+
+#include "transport/call_table.h"
+#include "transport/envelope.h"
+#include "transport/names.h"
+
+namespace tolk {
+namespace {
+
+struct Piece {
+  int call_id;
+  std::int64_t total;
+  std::string_view bytes;
+};
+
+// Without a second positional value a piece is empty; any other missing or mistyped field makes it
+// malformed.
+std::optional<Piece> read_piece(TolkParams& block) {
+  const TolkValue* const call_id = block.GetMap(kKeyCallId);
+  const TolkValue* const total = block.GetValue(0);
+  const TolkValue* const bytes = block.GetValue(1);
+  if (call_id == nullptr || !call_id->IsInt()) return std::nullopt;
+  if (total == nullptr || !total->IsInt()) return std::nullopt;
+  if (bytes != nullptr && !bytes->IsStream()) return std::nullopt;
+  return Piece{call_id->GetInt(), total->GetInt(), read::bytes(bytes).value_or("")};
+}
+
+}  // namespace
+
+std::optional<PieceAssembler::Joined> PieceAssembler::add(TolkParams& block) {
+  const auto piece = read_piece(block);
+  if (!piece) return std::nullopt;
+  GrowingBlock whole;
+  {
+    auto entries = entries_.lock();
+    Entry& entry = (*entries)[piece->call_id];
+    const std::uint32_t now_ms = call_table.tick_ms();
+    if (now_ms - entry.touched_ms > kStaleMs) entry.bytes.clear();
+    entry.touched_ms = now_ms;
+    const std::int64_t declared = std::max<std::int64_t>(piece->total, 0);
+    entry.bytes.append(piece->bytes, static_cast<std::size_t>(declared));
+    if (static_cast<std::int64_t>(entry.bytes.size()) < piece->total) return std::nullopt;
+    whole = std::move(entry.bytes);
+    entries->erase(piece->call_id);
+  }
+  // Without the lock: the pieces of other calls do not wait while a large block is joined.
+  return Joined{piece->call_id, whole.take()};
+}
+
+}  // namespace tolk

@@ -1,0 +1,44 @@
+// Joins the pieces of large blocks, by call id.
+//
+// Thread: any worker. Owner: the joined bytes, until the block is complete and handed out.
+// Memory: follows the bytes received, whatever total a peer declares; see GrowingBlock. Joining is
+// linear in the bytes, and no piece waits while much of what came before it is moved.
+// Failure: a malformed piece changes nothing and counts as incomplete.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "transport/growing_block.h"
+#include "transport/thread_safety.h"
+
+class TolkParams;
+
+namespace tolk {
+
+class PieceAssembler {
+ public:
+  struct Joined {
+    int call_id;
+    std::string bytes;
+  };
+
+  // Takes one piece in. The whole block, once the declared total has come together.
+  std::optional<Joined> add(TolkParams& piece);
+
+ private:
+  struct Entry {
+    GrowingBlock bytes;
+    std::uint32_t touched_ms = 0;
+  };
+
+  // Pieces of a call that was given up are joined to the next call's with the same id, but not
+  // after this long.
+  static constexpr std::uint32_t kStaleMs = 60'000;
+
+  Guarded<std::map<int, Entry>> entries_;
+};
+
+}  // namespace tolk

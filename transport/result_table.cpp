@@ -1,0 +1,97 @@
+#include "transport/result_table.h"
+
+#include <utility>
+
+#include "transport/call_table.h"
+
+namespace tolk {
+
+void ResultTable::store(int call_id, std::string_view payload) {
+  put(call_id, TolkParamsAccess::parsed(payload));
+}
+
+void ResultTable::store_owned(int call_id, std::string payload) {
+  TolkParamsAccess::ContentRef content(new TolkParamsAccess::Content);
+  content.get()->parse(std::move(payload));
+  put(call_id, std::move(content));
+}
+
+void ResultTable::put(int call_id, TolkParamsAccess::ContentRef content) {
+  TolkParamsAccess::ContentRef released;  // dies after the lock
+  const MutexLock lock(lock_);
+  Entry& entry = entries_[call_id];
+  // Whoever reads the present content may still need it: its place is there before it is exchanged.
+  entry.retained.reserve(entry.retained.size() + 1);
+  if (!entry.block) {
+    entry.tick = call_table.tick_ms();
+    entry.block = std::make_unique<TolkParams>();
+    TolkParamsAccess::make_refreshable(*entry.block);
+  }
+  bool touched = false;
+  content = TolkParamsAccess::exchange(*entry.block, std::move(content), &touched);
+  if (!touched || expected_ == call_id) return;
+  entry.retained.push_back(std::move(content));
+  if (entry.retained.size() > kRetained) {
+    released = std::move(entry.retained.front());
+    entry.retained.erase(entry.retained.begin());
+  }
+}
+
+ResultTable::Expectation::Expectation(ResultTable& table, int call_id) : table_(table) {
+  table_.drop_retained(call_id);
+  const MutexLock lock(table_.lock_);
+  table_.expected_ = call_id;
+}
+
+ResultTable::Expectation::~Expectation() {
+  const MutexLock lock(table_.lock_);
+  table_.expected_.reset();
+}
+
+void ResultTable::drop_retained(int call_id) {
+  std::vector<TolkParamsAccess::ContentRef> released;  // dies after the lock
+  const MutexLock lock(lock_);
+  const auto at = entries_.find(call_id);
+  if (at != entries_.end()) released.swap(at->second.retained);
+}
+
+TolkParams* ResultTable::find(int call_id) {
+  const MutexLock lock(lock_);
+  const auto at = entries_.find(call_id);
+  return at == entries_.end() ? nullptr : at->second.block.get();
+}
+
+void ResultTable::drop(int call_id) {
+  std::map<int, Entry>::node_type dropped;  // dies after the lock
+  const MutexLock lock(lock_);
+  dropped = entries_.extract(call_id);
+}
+
+void ResultTable::clear() {
+  std::map<int, Entry> dropped;  // dies after the lock
+  const MutexLock lock(lock_);
+  dropped.swap(entries_);
+}
+
+std::size_t ResultTable::size() {
+  const MutexLock lock(lock_);
+  return entries_.size();
+}
+
+std::uint32_t ResultTable::tick_of(int call_id) {
+  const MutexLock lock(lock_);
+  const auto at = entries_.find(call_id);
+  return at == entries_.end() ? 0 : at->second.tick;
+}
+
+Mutex& client_result_lock() {
+  static constinit Mutex lock;
+  return lock;
+}
+
+Mutex& server_result_lock() {
+  static constinit Mutex lock;
+  return lock;
+}
+
+}  // namespace tolk

@@ -1,0 +1,85 @@
+// Locks that own their data, and marks by which clang checks who may touch what
+// (-Wthread-safety). Other compilers see plain mutexes.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+
+#include "platform/static_mutex.h"
+
+#if defined(__clang__)
+#define TOLK_THREAD_MARK(x) __attribute__((x))
+#else
+#define TOLK_THREAD_MARK(x)
+#endif
+#define TOLK_CAPABILITY(name) TOLK_THREAD_MARK(capability(name))
+#define TOLK_SCOPED_CAPABILITY TOLK_THREAD_MARK(scoped_lockable)
+#define TOLK_GUARDED_BY(x) TOLK_THREAD_MARK(guarded_by(x))
+#define TOLK_REQUIRES(...) TOLK_THREAD_MARK(requires_capability(__VA_ARGS__))
+#define TOLK_ACQUIRE(...) TOLK_THREAD_MARK(acquire_capability(__VA_ARGS__))
+#define TOLK_RELEASE(...) TOLK_THREAD_MARK(release_capability(__VA_ARGS__))
+#define TOLK_ASSERTS(...) TOLK_THREAD_MARK(assert_capability(__VA_ARGS__))
+
+namespace tolk {
+
+// May be static.
+class TOLK_CAPABILITY("mutex") Mutex {
+ public:
+  constexpr Mutex() = default;
+  void lock() TOLK_ACQUIRE() { mutex_.lock(); }
+  void unlock() TOLK_RELEASE() { mutex_.unlock(); }
+
+ private:
+  platform::StaticMutex mutex_;
+};
+
+class TOLK_SCOPED_CAPABILITY MutexLock {
+ public:
+  explicit MutexLock(Mutex& mutex) TOLK_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~MutexLock() TOLK_RELEASE() { mutex_.unlock(); }
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+
+ private:
+  Mutex& mutex_;
+};
+
+// A value that nobody reaches without its lock:
+//   auto list = waiting_.lock();
+//   list->push_back(x);
+template <class T>
+class Guarded {
+ public:
+  class Locked {
+   public:
+    explicit Locked(const Guarded& owner) : lock_(owner.mutex_), value_(owner.value_) {}
+    T* operator->() const { return &value_; }
+    T& operator*() const { return value_; }
+    // Waits, with the lock let go meanwhile, until `done(value)`.
+    template <class Done>
+    void wait(std::condition_variable& changed, Done done) {
+      changed.wait(lock_, [&] { return done(value_); });
+    }
+    template <class Duration, class Done>
+    bool wait_for(std::condition_variable& changed, Duration limit, Done done) {
+      return changed.wait_for(lock_, limit, [&] { return done(value_); });
+    }
+
+   private:
+    std::unique_lock<std::mutex> lock_;
+    T& value_;
+  };
+
+  constexpr Guarded() = default;
+  template <class... Args>
+  explicit constexpr Guarded(std::in_place_t, Args&&... args)
+      : value_(std::forward<Args>(args)...) {}
+  Locked lock() const { return Locked(*this); }
+
+ private:
+  mutable std::mutex mutex_;
+  mutable T value_{};
+};
+
+}  // namespace tolk
