@@ -8,7 +8,7 @@ namespace tolk::test {
 namespace {
 
 constexpr int kOwnCallId = 77;  // of no envelope
-constexpr long kGrowthKib = 8 * 1024;
+constexpr long kGrowthKib = 8L * 1024;
 
 class EveryEnvelopeToAClient : public WithRawServer {
  protected:

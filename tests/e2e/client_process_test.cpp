@@ -16,8 +16,8 @@ class InTheProcess : public OverTransports {
   void expect_flat(int count, const Round& round) {
     for (int i = 0; i < rounds(10); ++i) round();  // what is made once is made now
     ASSERT_TRUE(eventually([] { return open_loops() == 0; }));
-    const int descriptors = open_descriptors() + kThreadsOfTheSystem;
-    const int running = threads() + kThreadsOfTheSystem;
+    const int descriptors = most_descriptors();
+    const int running = most_threads();
     for (int i = 0; i < count; ++i) round();
     EXPECT_TRUE(eventually([&] { return open_descriptors() <= descriptors; }))
         << open_descriptors() << " of " << descriptors;

@@ -29,7 +29,7 @@ int slot_of(Operation operation) {
 
 std::vector<std::string> slots_of_the_headers() {
   std::vector<std::string> lines;
-  lines.push_back("slot 0 of IClient: ~IClient");
+  lines.emplace_back("slot 0 of IClient: ~IClient");
   TOLK_SLOT(IClient, InitTolkClient);
   TOLK_SLOT(IClient, InitTolkClientTcp4);
   TOLK_SLOT(IClient, InitTolkClientTcp6);
@@ -48,7 +48,7 @@ std::vector<std::string> slots_of_the_headers() {
   TOLK_SLOT(IClient, SetBigfileBufferSize);
   TOLK_SLOT(IClient, GetBigfileBufferSize);
   TOLK_SLOT(IClient, ClearRetvalMem);
-  lines.push_back("slot 0 of IMethodAll: ~IMethodAll");
+  lines.emplace_back("slot 0 of IMethodAll: ~IMethodAll");
   TOLK_SLOT(IMethodAll, callback);
   TOLK_SLOT(IServer, ListenPipe);
   TOLK_SLOT(IServer, InitTolkServer);
@@ -72,7 +72,7 @@ std::vector<std::string> slots_of_the_headers() {
   TOLK_SLOT(IServer, SetCustomReleaseEvent);
   TOLK_SLOT(IServer, SetBigfileBufferSize);
   TOLK_SLOT(IServer, ClearRetvalMem);
-  lines.push_back("slot 0 of IServerMethod: ~IServerMethod");
+  lines.emplace_back("slot 0 of IServerMethod: ~IServerMethod");
   TOLK_SLOT(IServerMethod, callback);
   return lines;
 }

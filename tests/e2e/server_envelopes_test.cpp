@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kTimeoutMs = 40000;
 constexpr int kOwnCallId = 77;  // of no envelope
-constexpr long kGrowthKib = 8 * 1024;
+constexpr long kGrowthKib = 8L * 1024;
 
 class EveryEnvelopeToAServer : public ServerTest {
  protected:

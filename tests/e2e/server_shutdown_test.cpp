@@ -410,11 +410,12 @@ TEST_P(ServerShutdown, LeavesNoThreadAndNoDescriptor) {
   };
   one_life();
   ASSERT_TRUE(eventually([] { return open_loops() == 0; }));
-  const int descriptors = open_descriptors();
-  const int running = threads();
+  const int descriptors = most_descriptors();
+  const int running = most_threads();
   for (int i = 0; i < 10; ++i) one_life();
-  EXPECT_TRUE(eventually([&] { return open_descriptors() <= descriptors; }));
-  EXPECT_TRUE(eventually([&] { return threads() <= running; }));
+  EXPECT_TRUE(eventually([&] { return open_descriptors() <= descriptors; }))
+      << open_descriptors() << " of " << descriptors;
+  EXPECT_TRUE(eventually([&] { return threads() <= running; })) << threads() << " of " << running;
 }
 
 }  // namespace

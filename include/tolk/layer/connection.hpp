@@ -111,7 +111,6 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
     if (!is_connected()) return not_connected(method);
     if (auto large = too_large(arguments, method, address())) return large;
     native_->PostMsgFast(method.c_str(), arguments, kPostId);
-    if (!is_connected()) return not_connected(method);
     return std::nullopt;
   }
 
