@@ -104,8 +104,10 @@ std::string take_bytes(TolkParams* block) {
 }  // namespace
 
 LargeWait& large_wait() {
+  static const std::uint32_t made_in = platform::generation();
   static auto* const wait = [] {
     std::atexit([] {
+      if (platform::generation() != made_in) return;  // no thread waits, and it may have the lock
       note_process_exit();
       large_wait().wake_handler();
     });
