@@ -35,8 +35,8 @@ class Workers {
 constinit Workers workers;
 
 // Exit handlers run before the end of any library, in whatever order those are linked. libuv then
-// waits for its workers: none may be left waiting for an answer. Where the workers have gone without
-// an end of their own there is nothing to do, and a lock may be one that they took along.
+// waits for its workers: none may be left waiting for an answer. Where the workers have gone
+// without an end of their own there is nothing to do, and a lock may be one that they took along.
 void close_workers_at_exit() {
   static const std::uint32_t made_in = platform::generation();
   [[maybe_unused]] static const int registered = std::atexit([] {

@@ -1,6 +1,4 @@
 // Connecting and listening, and what is said when they fail.
-#include <sys/stat.h>
-
 #include <thread>
 
 #include "tests/layer/joined.h"
@@ -58,7 +56,7 @@ TEST(LayerConnect, AFailedConnectCanBeTriedAgain) {
 }
 
 TEST(LayerListen, ATakenAddressSaysWhy) {
-  const auto where = fresh();
+  const auto where = layered(fresh_address(Transport::tcp4));
   Server first;
   first.listen(where);
   Server second;
@@ -71,7 +69,7 @@ TEST(LayerListen, ATakenAddressSaysWhy) {
 
 TEST(LayerListen, AFailedListenCanBeTriedAgain) {
   Server first;
-  const auto where = fresh();
+  const auto where = layered(fresh_address(Transport::tcp4));
   first.listen(where);
   Server second;
   second.on("two", [] { return 2; });
