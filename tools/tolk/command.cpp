@@ -1,0 +1,134 @@
+#include "tools/tolk/command.h"
+
+#include <charconv>
+#include <cmath>
+#include <list>
+#include <map>
+
+namespace tolk::tool {
+namespace {
+
+Exit exit_of(Errc code) {
+  switch (code) {
+    case Errc::not_connected:
+    case Errc::gone:
+      return Exit::cannot_connect;
+    case Errc::refused_version:
+      return Exit::refused_version;
+    case Errc::timed_out:
+      return Exit::timed_out;
+    case Errc::no_such_method:
+      return Exit::no_such_method;
+    case Errc::handler_failed:
+    case Errc::wrong_arguments:
+      return Exit::handler_failed;
+    case Errc::bad_address:
+      return Exit::usage;
+    default:
+      return Exit::failed;
+  }
+}
+
+// What to try on a command line, where the layer's own hint is for programs.
+std::string hint_of(const Error& error) {
+  const std::string& address = error.address();
+  switch (error.code()) {
+    case Errc::not_connected:
+      return "start the server first, as the same user; tolk list shows those that run";
+    case Errc::timed_out:
+      return "allow more with --timeout 30s, or look what the handler is doing";
+    case Errc::no_such_method:
+    case Errc::wrong_arguments:
+      return "tolk describe " + address + " shows the methods, if the server tells them";
+    case Errc::handler_failed:
+      return "look at the text, it is the handler's own";
+    default:
+      return error.hint();
+  }
+}
+
+const std::map<std::string, double>& units_ms() {
+  static const std::map<std::string, double> kUnits = {
+      {"ms", 1}, {"s", 1000}, {"m", 60'000}, {"h", 3'600'000}};
+  return kUnits;
+}
+
+}  // namespace
+
+Failure failure_of(const Error& error, std::string_view method) {
+  if (!error.method().empty() || method.empty()) {
+    return {exit_of(error.code()), error.what(), hint_of(error)};
+  }
+  return failure_of(Error(error.code(), method, error.address(), error.detail()));
+}
+
+std::chrono::milliseconds duration_from(const std::string& text) {
+  if (text == "none") return forever;
+  double amount = 0;
+  const char* const end = text.data() + text.size();
+  const auto parsed = std::from_chars(text.data(), end, amount);
+  const auto unit = units_ms().find(std::string(parsed.ptr, end));
+  const bool valid = parsed.ec == std::errc() && unit != units_ms().end() && amount >= 0;
+  const double amount_ms = valid ? amount * unit->second : 0;
+  constexpr double kMost = 4'000'000'000;  // what a call can wait at most, 46 days
+  if (!valid || !(amount_ms < kMost)) {
+    throw CLI::ValidationError("\"" + text + "\" is no duration; write 500ms, 2s, 1.5m or none");
+  }
+  return std::chrono::milliseconds(std::llround(std::ceil(amount_ms)));
+}
+
+void add_output_flags(CLI::App& command, Options& options) {
+  command.add_flag("-q,--quiet", options.quiet, "Print data and errors, and nothing else");
+  command.add_flag("-v,--verbose", options.verbose,
+                   "Print more about what happens, and the library's own lines");
+  static const std::map<std::string, When> kWhen = {
+      {"auto", When::automatic}, {"always", When::always}, {"never", When::never}};
+  command
+      .add_option_function<std::string>(
+          "--color", [&options](const std::string& word) { options.color = kWhen.at(word); },
+          "Colours: auto (on a terminal, unless NO_COLOR is set), always or never")
+      ->check(CLI::IsMember({"auto", "always", "never"}))
+      ->type_name("WHEN");
+}
+
+void add_timeout_flag(CLI::App& command, Options& options) {
+  command
+      .add_option_function<std::string>(
+          "--timeout",
+          [&options](const std::string& text) {
+            options.timeout = duration_from(text);
+            options.timeout_given = true;
+          },
+          "How long to wait for an answer: 500ms, 2s, 1.5m, none; 5s if not given")
+      ->type_name("TIME");
+}
+
+void add_json_flag(CLI::App& command, Options& options) {
+  static const std::map<std::string, JsonStyle> kStyles = {
+      {"pretty", JsonStyle::pretty}, {"short", JsonStyle::brief}, {"off", JsonStyle::off}};
+  command
+      .add_option_function<std::string>(
+          "--json", [&options](const std::string& word) { options.json = kStyles.at(word); },
+          "Print JSON: pretty, or short, which is one line; off is plain text")
+      ->check(CLI::IsMember({"pretty", "short", "off"}))
+      ->type_name("STYLE");
+}
+
+void add_examples(CLI::App& command, const std::string& lines) {
+  command.footer("Examples:\n" + lines);
+}
+
+Client& connect_to(const std::string& address, std::string_view method, const Options& options) {
+  static auto* const kept = new std::list<Client>;  // never destroyed, on purpose
+  tolk::Options wanted;
+  wanted.limit = options.timeout;
+  try {
+    Client& client = kept->emplace_back(wanted);
+    client.connect(address);
+    return client;
+  } catch (const Error& error) {
+    throw failure_of(error, method);
+  }
+}
+
+}  // namespace tolk::tool

@@ -1,0 +1,7 @@
+#include "tools/tolk/command.h"
+
+namespace tolk::tool {
+
+void add_dump(CLI::App&, Options&) {}
+
+}  // namespace tolk::tool

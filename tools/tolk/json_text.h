@@ -1,0 +1,59 @@
+// Values and blocks as JSON, and JSON as values.
+//
+// | a value that travels | JSON |
+// |---|---|
+// | bool, int, string, list | true, 3, "text", [ … ] |
+// | double | a number with a point: 2.0; {"$double": "nan"} for what is no number |
+// | bytes, and a string that is not UTF-8 | {"$base64": "…"} |
+// | bytes that hold a block: a struct or an inner list | { … } or [ … ] |
+// | nothing | null |
+//
+// Arguments are an array of the positional values; keyed values are an object at its end:
+// [3, "x", {"level": 5}]. An object elsewhere in the array is a struct. An object alone is keyed
+// values, and any other value alone is the only argument.
+// A result that is one value is that value, an object is keyed values, none is null; otherwise as
+// arguments.
+//
+// Thread: any. Owner: values. Failure: BadJson names what can not travel.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <tolk/tolk.hpp>
+
+#include "tools/tolk/command.h"
+
+namespace tolk::tool {
+
+using Json = nlohmann::ordered_json;
+
+struct BadJson : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The JSON that a text is. Throws BadJson, which says where it ends to be one.
+Json json_from(std::string_view text);
+
+Json to_json(const Value& value);
+Json to_json(const TolkValue& value);
+// A block as arguments, its keys of the envelope among them.
+Json to_json(TolkParams& block);
+Json arguments_to_json(const Values& values);
+Json result_to_json(const Values& values);
+
+Value value_from(const Json& json);
+Values arguments_from(const Json& json);
+// An array is one value, a list; an object is keyed values.
+Values result_from(const Json& json);
+
+// In one line, or laid out; without a line end. JsonStyle::off is as brief, but a string alone is
+// the text itself, and nothing is empty.
+std::string text_of(const Json& json, JsonStyle style);
+
+// Bytes as base64, and back; `from_base64` throws BadJson.
+std::string to_base64(std::string_view bytes);
+std::string from_base64(std::string_view text);
+
+}  // namespace tolk::tool

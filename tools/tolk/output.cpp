@@ -1,0 +1,123 @@
+#include "tools/tolk/output.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace tolk::tool {
+namespace {
+
+constexpr Colors kColors = {"\033[1;31m", "\033[36m", "\033[1;34m", "\033[33m",
+                            "\033[32m",   "\033[2m",  "\033[0m"};
+
+// Recursive, as a failure may be told while something is written.
+std::recursive_mutex& mutex() {
+  static auto* const kMutex = new std::recursive_mutex;  // never destroyed: the process just ends
+  return *kMutex;
+}
+
+// Also an empty NO_COLOR would be set; only one with a text counts, as is the custom.
+bool no_color() {
+  const char* const value = std::getenv("NO_COLOR");
+  return value != nullptr && *value != 0;
+}
+
+Colors colors_for(When when, int descriptor) {
+  const bool automatic = isatty(descriptor) != 0 && !no_color();
+  return when == When::always || (when == When::automatic && automatic) ? kColors : Colors{};
+}
+
+// 0, or the system's error.
+int write_all(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(descriptor, bytes.data(), bytes.size());
+    if (written < 0 && errno != EINTR) return errno;
+    if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+}  // namespace
+
+Output& Output::get() {
+  static auto* const kOutput =
+      new Output;  // never destroyed: the library's threads may still print
+  return *kOutput;
+}
+
+Output::Output() : data_descriptor_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {}
+
+void Output::set_up(const Options& options) {
+  quiet_ = options.quiet;
+  verbose_ = options.verbose;
+  progress_ = !quiet_ && isatty(STDERR_FILENO) != 0;
+  data_colors_ = colors_for(options.color, data_descriptor_);
+  note_colors_ = colors_for(options.color, STDERR_FILENO);
+  const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(verbose_ ? STDERR_FILENO : nothing, STDOUT_FILENO);
+  if (nothing >= 0) close(nothing);
+}
+
+void Output::data(std::string_view bytes) {
+  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  end_progress();
+  const int error = write_all(data_descriptor_, bytes);
+  if (error == 0) return;
+  throw Failure(Exit::failed, std::string("can't write to standard output: ") + strerror(error),
+                "look where it leads to");
+}
+
+void Output::note(std::string_view line) {
+  if (!quiet_) write_error(std::string(line) + "\n");
+}
+
+void Output::detail(std::string_view line) {
+  if (verbose_) write_error(std::string(line) + "\n");
+}
+
+void Output::failure(std::string_view text, std::string_view hint) {
+  const Colors& c = note_colors_;
+  std::string lines;
+  lines.append(c.error).append("tolk: ").append(c.off).append(text).append("\n");
+  if (!hint.empty()) lines.append(c.hint).append("try: ").append(c.off).append(hint).append("\n");
+  write_error(lines);
+}
+
+void Output::progress(std::string_view line) {
+  if (!progress_) return;
+  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  line_shown_ = write_all(STDERR_FILENO, "\r\033[K" + std::string(line)) == 0;
+}
+
+void Output::end_progress() {
+  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  if (line_shown_) write_all(STDERR_FILENO, "\r\033[K");
+  line_shown_ = false;
+}
+
+bool Output::data_is_terminal() const { return isatty(data_descriptor_) != 0; }
+
+int Output::columns() const {
+  winsize size{};
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
+  return size.ws_col;
+}
+
+void Output::leave(Exit code) {
+  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  end_progress();
+  _exit(static_cast<int>(code));
+}
+
+bool Output::write_error(std::string_view text) {
+  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  end_progress();
+  return write_all(STDERR_FILENO, text) == 0;
+}
+
+}  // namespace tolk::tool
