@@ -2,8 +2,13 @@
 
 #include <charconv>
 #include <cmath>
+#include <future>
 #include <list>
 #include <map>
+#include <mutex>
+#include <thread>
+
+#include "tools/tolk/arguments.h"
 
 namespace tolk::tool {
 namespace {
@@ -103,12 +108,26 @@ void add_timeout_flag(CLI::App& command, Options& options) {
       ->type_name("TIME");
 }
 
+std::optional<JsonStyle> json_style_from(const std::string& word) {
+  if (word == "pretty") return JsonStyle::pretty;
+  if (word == "short") return JsonStyle::brief;
+  if (word == "off") return JsonStyle::off;
+  return std::nullopt;
+}
+
+CLI::Option* add_address(CLI::App& command, std::string& address) {
+  return command
+      .add_option_function<std::string>(
+          "ADDRESS", [&address](const std::string& word) { address = unmarked(word); },
+          "pipe:5000, tcp4:127.0.0.1:5000, tcp6:[::1]:5000; a bare number is a pipe")
+      ->type_name("")
+      ->required();
+}
+
 void add_json_flag(CLI::App& command, Options& options) {
-  static const std::map<std::string, JsonStyle> kStyles = {
-      {"pretty", JsonStyle::pretty}, {"short", JsonStyle::brief}, {"off", JsonStyle::off}};
   command
       .add_option_function<std::string>(
-          "--json", [&options](const std::string& word) { options.json = kStyles.at(word); },
+          "--json", [&options](const std::string& word) { options.json = *json_style_from(word); },
           "Print JSON: pretty, or short, which is one line; off is plain text")
       ->check(CLI::IsMember({"pretty", "short", "off"}))
       ->type_name("STYLE");
@@ -118,17 +137,63 @@ void add_examples(CLI::App& command, const std::string& lines) {
   command.footer("Examples:\n" + lines);
 }
 
+namespace {
+
+// A connect that is given up goes on in the background, until the process ends.
+struct Connecting {
+  explicit Connecting(const tolk::Options& options) : client(options) {}
+
+  Client client;
+  std::promise<void> done;
+};
+
+Error too_slow(const std::string& address, std::chrono::milliseconds limit) {
+  return {Errc::timed_out, "", address,
+          "the server took the connection and did not answer within " +
+              std::to_string(limit.count()) + " ms"};
+}
+
+void connect_within(Connecting& attempt, const Address& where, std::chrono::milliseconds limit) {
+  std::future<void> done = attempt.done.get_future();
+  std::thread([&attempt, where] {
+    try {
+      attempt.client.connect(where);
+      attempt.done.set_value();
+    } catch (...) {
+      attempt.done.set_exception(std::current_exception());
+    }
+  }).detach();
+  if (limit != forever && done.wait_for(limit) != std::future_status::ready) {
+    throw too_slow(where.text(), limit);
+  }
+  done.get();
+}
+
+}  // namespace
+
 Client& connect_to(const std::string& address, std::string_view method, const Options& options) {
-  static auto* const kept = new std::list<Client>;  // never destroyed, on purpose
+  static std::mutex mutex;
+  static auto* const kept = new std::list<Connecting>;  // never destroyed, on purpose
   tolk::Options wanted;
   wanted.limit = options.timeout;
   try {
-    Client& client = kept->emplace_back(wanted);
-    client.connect(address);
-    return client;
+    const Address where(address);
+    std::unique_lock<std::mutex> lock(mutex);
+    Connecting& attempt = kept->emplace_back(wanted);
+    lock.unlock();
+    connect_within(attempt, where, options.timeout);
+    return attempt.client;
   } catch (const Error& error) {
     throw failure_of(error, method);
   }
+}
+
+Result<std::chrono::nanoseconds> round_trip(Client& client, std::chrono::milliseconds limit) {
+  const auto begun = std::chrono::steady_clock::now();
+  // The version check is the one method that every server has, with this layer or without.
+  const Result<Values> answer = client.call<Values>("s_c_version", limit);
+  if (!answer) return answer.error();
+  return std::chrono::nanoseconds(std::chrono::steady_clock::now() - begun);
 }
 
 }  // namespace tolk::tool

@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -54,6 +55,12 @@ struct Options {
   When color = When::automatic;
 };
 
+// Nothing when the word names no style.
+std::optional<JsonStyle> json_style_from(const std::string& word);
+
+// ADDRESS, which is required unless the subcommand says otherwise.
+CLI::Option* add_address(CLI::App& command, std::string& address);
+
 // Flags for the subcommands that have a use for them.
 void add_output_flags(CLI::App& command, Options& options);  // -q, -v, --color
 void add_timeout_flag(CLI::App& command, Options& options);  // --timeout 500ms
@@ -65,13 +72,27 @@ void add_examples(CLI::App& command, const std::string& lines);
 // 500ms, 2s, 1.5s, 3m, and "none" for no limit. Throws CLI::ValidationError.
 std::chrono::milliseconds duration_from(const std::string& text);
 
-// A client that is connected. It is never destroyed, which would take 300 ms: the process ends
-// without that, and the system ends the connection. `method` is for the text of a Failure.
+// A client that is connected, within the time-out. It is never destroyed, which would take 300 ms:
+// the process ends without that, and the system ends the connection. `method` is what is going to
+// be called, for the text of a Failure. Thread: any.
 Client& connect_to(const std::string& address, std::string_view method, const Options& options);
 
+// Waits until the server has read all that was sent before. Every server answers this. How long it
+// took, or an error of the layer's.
+Result<std::chrono::nanoseconds> round_trip(Client& client, std::chrono::milliseconds limit);
+
+void add_bench(CLI::App& app, Options& options);
+void add_call(CLI::App& app, Options& options);
+void add_completion(CLI::App& app, Options& options);
+void add_describe(CLI::App& app, Options& options);
 void add_dump(CLI::App& app, Options& options);
+void add_list(CLI::App& app, Options& options);
+void add_listen(CLI::App& app, Options& options);
 void add_monitor(CLI::App& app, Options& options);
+void add_ping(CLI::App& app, Options& options);
+void add_post(CLI::App& app, Options& options);
 void add_receive(CLI::App& app, Options& options);
 void add_send(CLI::App& app, Options& options);
+void add_serve(CLI::App& app, Options& options);
 
 }  // namespace tolk::tool

@@ -1,6 +1,6 @@
 #include "tools/tolk/json_text.h"
 
-#include <charconv>
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -96,6 +96,24 @@ bytes struct_from(const Json& object) {
   TolkParams block;
   fields.put(block);
   return bytes_from(*block.GetParamas());
+}
+
+// Texts and words are tokens, every other character is one.
+std::size_t token_end(std::string_view json, std::size_t at) {
+  if (json[at] == '"') {
+    for (++at; json[at] != '"'; ++at) at += json[at] == '\\' ? 1 : 0;
+    return at + 1;
+  }
+  constexpr std::string_view kWord = "+-.0123456789abcdefghijklmnopqrstuvwxyzE";
+  const std::size_t end = std::min(json.find_first_not_of(kWord, at), json.size());
+  return std::max(end, at + 1);
+}
+
+std::string_view color_of(std::string_view json, std::size_t at, std::size_t end,
+                          const Colors& colors) {
+  if (json[at] == '"') return end < json.size() && json[end] == ':' ? colors.name : colors.text;
+  constexpr std::string_view kMarks = "[]{}:, \n";
+  return kMarks.find(json[at]) == std::string_view::npos ? colors.number : std::string_view();
 }
 
 }  // namespace
@@ -195,6 +213,20 @@ std::string text_of(const Json& json, JsonStyle style) {
   if (style == JsonStyle::brief) return json.dump();
   if (json.is_null()) return {};
   return json.is_string() ? json.get<std::string>() : json.dump();
+}
+
+std::string colored(const Json& json, JsonStyle style, const Colors& colors) {
+  const std::string text = text_of(json, style);
+  if (colors.off.empty() || (json.is_string() && style == JsonStyle::off)) return text;
+  std::string painted;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = token_end(text, at);
+    const std::string_view color = color_of(text, at, end, colors);
+    const std::string_view off = color.empty() ? std::string_view() : colors.off;
+    painted.append(color).append(text, at, end - at).append(off);
+    at = end;
+  }
+  return painted;
 }
 
 std::string to_base64(std::string_view bytes) {

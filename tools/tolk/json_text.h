@@ -24,6 +24,7 @@
 #include <tolk/tolk.hpp>
 
 #include "tools/tolk/command.h"
+#include "tools/tolk/output.h"
 
 namespace tolk::tool {
 
@@ -51,6 +52,9 @@ Values result_from(const Json& json);
 // In one line, or laid out; without a line end. JsonStyle::off is as brief, but a string alone is
 // the text itself, and nothing is empty.
 std::string text_of(const Json& json, JsonStyle style);
+
+// The same with colours, if there are any.
+std::string colored(const Json& json, JsonStyle style, const Colors& colors);
 
 // Bytes as base64, and back; `from_base64` throws BadJson.
 std::string to_base64(std::string_view bytes);

@@ -1,5 +1,9 @@
 // The `tolk` command: calls, servers and what is between them, from a shell.
+#include <algorithm>
+
+#include "tools/tolk/arguments.h"
 #include "tools/tolk/command.h"
+#include "tools/tolk/interrupt.h"
 #include "tools/tolk/output.h"
 
 namespace tolk::tool {
@@ -8,28 +12,46 @@ namespace {
 void add_all(CLI::App& app, Options& options) {
   app.require_subcommand(1);
   app.set_version_flag("--version", "tolk " TOLK_VERSION);
+  add_call(app, options);
+  add_post(app, options);
+  add_serve(app, options);
+  add_list(app, options);
+  add_describe(app, options);
+  add_ping(app, options);
+  add_listen(app, options);
+  add_monitor(app, options);
   add_send(app, options);
   add_receive(app, options);
-  add_monitor(app, options);
   add_dump(app, options);
+  add_bench(app, options);
+  add_completion(app, options);
+}
+
+// The help of the subcommand that was meant.
+std::string help_of(const CLI::App& app) {
+  const auto meant = app.get_subcommands();
+  return meant.empty() ? "tolk --help" : "tolk " + meant.front()->get_name() + " --help";
 }
 
 Exit run(int argc, const char* const* argv) {
   Output& output = Output::get();
+  take_signals();
   CLI::App app("Calls between processes by method name.", "tolk");
   Options options;
   add_all(app, options);
   // The flags are known once all of the line is read; only then the subcommand begins.
   app.parse_complete_callback([&] { output.set_up(options); });
   try {
-    app.parse(argc, argv);
+    std::vector<std::string> words = marked_words(argc, argv);
+    std::reverse(words.begin(), words.end());  // so the library of options wants them
+    app.parse(std::move(words));
     return Exit::ok;
   } catch (const CLI::CallForHelp&) {
     output.data(app.help());
   } catch (const CLI::CallForVersion& version) {
     output.data(std::string(version.what()) + "\n");
   } catch (const CLI::ParseError& error) {
-    output.failure(error.what(), "tolk --help");
+    output.failure(unmarked(error.what()), help_of(app));
     return Exit::usage;
   } catch (const Failure& failure) {
     output.failure(failure.what(), failure.hint);

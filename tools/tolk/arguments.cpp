@@ -1,0 +1,223 @@
+#include "tools/tolk/arguments.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "tools/tolk/json_text.h"
+
+namespace tolk::tool {
+namespace {
+
+constexpr char kMark = '\x1f';  // unit separator: nobody types it
+constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
+constexpr std::string_view kDigits = "0123456789";
+
+bool is_digit(char character) { return kDigits.find(character) != std::string_view::npos; }
+
+[[noreturn]] void refuse(std::string_view word, std::string_view why, std::string hint) {
+  throw Failure(Exit::usage, "argument " + std::string(word) + ": " + std::string(why),
+                std::move(hint));
+}
+
+template <class Number>
+std::optional<Number> number_in(std::string_view text) {
+  Number number{};
+  const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+bool looks_like_number(std::string_view text) {
+  if (text.starts_with('-')) text.remove_prefix(1);
+  return !text.empty() &&
+         (is_digit(text[0]) || (text.size() > 1 && text[0] == '.' && is_digit(text[1])));
+}
+
+bool is_whole(std::string_view text) {
+  if (text.starts_with('-')) text.remove_prefix(1);
+  return std::all_of(text.begin(), text.end(), is_digit);
+}
+
+bytes bytes_from(std::string_view text) {
+  const auto* const first = reinterpret_cast<const std::byte*>(text.data());
+  return {first, first + text.size()};
+}
+
+Value plain_value(std::string_view word, std::string_view text) {
+  if (text == "true") return true;
+  if (text == "false") return false;
+  if (text.size() > 1 && text[0] == '@')
+    return bytes_from(contents_of(std::string(text.substr(1))));
+  if (!looks_like_number(text)) return std::string(text);
+  if (const auto whole = number_in<int>(text)) return *whole;
+  if (is_whole(text)) {
+    refuse(word, "an int has 32 bits",
+           "write " + std::string(text) + ".0 for a double, or :string=" + std::string(text));
+  }
+  if (const auto real = number_in<double>(text)) return *real;
+  return std::string(text);  // 3rd, 10.0.0.1
+}
+
+Value typed_value(std::string_view word, std::string_view type, std::string_view text) {
+  if (type == "string") return std::string(text);
+  if (type == "bytes") {
+    return bytes_from(text.starts_with('@') ? contents_of(std::string(text.substr(1))) : text);
+  }
+  if (type == "bool") {
+    if (text == "true" || text == "false") return text == "true";
+    refuse(word, "no bool", "write true or false");
+  }
+  if (type == "int") {
+    if (const auto whole = number_in<int>(text)) return *whole;
+    refuse(word, "no int of 32 bits", "write a whole number from -2147483648 to 2147483647");
+  }
+  if (type == "double") {
+    if (const auto real = number_in<double>(text)) return *real;
+    refuse(word, "no double", "write a number such as 2.5");
+  }
+  if (type != "json") {
+    refuse(word, "there is no type \"" + std::string(type) + "\"",
+           "use bool, int, double, string, bytes or json");
+  }
+  try {
+    return value_from(json_from(text));
+  } catch (const BadJson& bad) {
+    refuse(word, bad.what(), "quote it for the shell: 'list:json=[1, 2]'");
+  }
+}
+
+bool is_name(std::string_view text) {
+  const std::string more = std::string(kLetters) + std::string(kDigits) + ".-";
+  return !text.empty() && kLetters.find(text[0]) != std::string_view::npos &&
+         text.find_first_not_of(more) == std::string_view::npos;
+}
+
+// NAME=VALUE and NAME:TYPE=VALUE, taken apart; nothing when the word is neither.
+struct Assignment {
+  std::string_view name, type, value;
+};
+std::optional<Assignment> assignment_in(std::string_view word) {
+  const std::size_t sign = word.find('=');
+  if (sign == std::string_view::npos) return std::nullopt;
+  std::string_view name = word.substr(0, sign);
+  std::string_view type;
+  const std::size_t colon = name.find(':');
+  if (colon != std::string_view::npos) {
+    type = name.substr(colon + 1);
+    name = name.substr(0, colon);
+    if (!is_name(type) || !(name.empty() || is_name(name))) return std::nullopt;
+  } else if (!is_name(name)) {
+    return std::nullopt;
+  }
+  return Assignment{name, type, word.substr(sign + 1)};
+}
+
+std::string read_all(std::FILE* file, const std::string& name) {
+  std::string all;
+  char part[65536];
+  while (const std::size_t size = std::fread(part, 1, sizeof(part), file)) all.append(part, size);
+  if (std::ferror(file) == 0) return all;
+  throw Failure(Exit::usage, name + ": " + std::strerror(errno), "name a file that can be read");
+}
+
+bool needs_mark(std::string_view word) {
+  if (word.starts_with('[')) return true;
+  return word.starts_with('-') && looks_like_number(word);
+}
+
+}  // namespace
+
+void add_argument(Values& values, const std::string& word) {
+  const auto parts = assignment_in(word);
+  if (!parts) {
+    values.add(plain_value(word, word));
+    return;
+  }
+  Value value = parts->type.empty() ? plain_value(word, parts->value)
+                                    : typed_value(word, parts->type, parts->value);
+  if (parts->name.empty()) {
+    values.add(std::move(value));
+  } else {
+    values.add(std::string(parts->name), std::move(value));
+  }
+}
+
+Values arguments_of(const ArgumentTexts& texts) {
+  Values values;
+  if (texts.json.empty()) {
+    for (const std::string& word : texts.words) add_argument(values, word);
+    return values;
+  }
+  if (!texts.words.empty() || texts.json.size() > 1) {
+    throw Failure(Exit::usage, "arguments are given twice", "give them as words, or by one --json");
+  }
+  const std::string& text = texts.json.front();
+  try {
+    return arguments_from(json_from(text == "-" ? contents_of("-") : text));
+  } catch (const BadJson& bad) {
+    refuse("--json " + text, bad.what(),
+           "write pretty, short or off for the output; '[3, \"text\"]' or '{\"name\": 3}' for "
+           "arguments; or - for those from standard input");
+  }
+}
+
+void add_arguments(CLI::App& command, ArgumentTexts& texts, Options& options) {
+  command
+      .add_option_function<std::vector<std::string>>(
+          "ARGUMENT",
+          [&texts](const std::vector<std::string>& words) {
+            for (const std::string& word : words) texts.words.push_back(unmarked(word));
+          },
+          "3, 2.5, true, text, @file, name=value, name:int=5 (bool, int, double, string, bytes, "
+          "json), :string=5 for the text 5")
+      ->type_name("");
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--json",
+          [&texts, &options](const std::vector<std::string>& words) {
+            for (const std::string& word : words) {
+              const auto style = json_style_from(word);
+              if (style) {
+                options.json = *style;
+              } else {
+                texts.json.push_back(unmarked(word));
+              }
+            }
+          },
+          "pretty, short or off: how the result is printed. Anything else is the arguments "
+          "themselves, as JSON; - reads them from standard input. May be given for both")
+      ->type_name("STYLE|JSON|-")
+      ->allow_extra_args(false);
+}
+
+std::string contents_of(const std::string& name) {
+  if (name == "-") return read_all(stdin, "standard input");
+  struct Close {
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }
+  };
+  const std::unique_ptr<std::FILE, Close> file(std::fopen(name.c_str(), "rb"));
+  if (file) return read_all(file.get(), name);
+  throw Failure(Exit::usage, name + ": " + std::strerror(errno),
+                "name a file that can be read, or write :string=@" + name + " for the text");
+}
+
+std::vector<std::string> marked_words(int argc, const char* const* argv) {
+  std::vector<std::string> words;
+  for (int i = 1; i < argc; ++i) {
+    words.emplace_back(argv[i]);
+    if (needs_mark(words.back())) words.back().insert(0, 1, kMark);
+  }
+  return words;
+}
+
+std::string unmarked(std::string word) {
+  word.erase(std::remove(word.begin(), word.end(), kMark), word.end());
+  return word;
+}
+
+}  // namespace tolk::tool

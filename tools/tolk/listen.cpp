@@ -1,0 +1,94 @@
+// tolk listen: prints every call that arrives.
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <atomic>
+#include <ctime>
+#include <memory>
+
+#include "tools/tolk/command.h"
+#include "tools/tolk/interrupt.h"
+#include "tools/tolk/json_text.h"
+#include "tools/tolk/output.h"
+#include "tools/tolk/serving.h"
+
+namespace tolk::tool {
+namespace {
+
+struct Listen {
+  std::string address;
+  std::string answer;
+  int count = 0;
+  std::mutex mutex;
+  int seen = 0;
+};
+
+std::string line_of(const Caller& caller, const Json& arguments, JsonStyle style) {
+  const Colors& c = Output::get().data_colors();
+  if (style != JsonStyle::off) {
+    const Json json = {
+        {"client", caller.id()}, {"method", caller.method()}, {"arguments", arguments}};
+    return colored(json, style, c) + "\n";
+  }
+  return fmt::format("{}{:%T}{} client {}: {}{}{} {}\n", c.dim, fmt::localtime(std::time(nullptr)),
+                     c.off, caller.id(), c.name, caller.method(), c.off,
+                     colored(arguments, JsonStyle::brief, c));
+}
+
+// One at a time, so that no more are printed than were asked for.
+void note_call(Listen& listen, const Caller& caller, const Values& arguments, JsonStyle style) {
+  const std::lock_guard<std::mutex> lock(listen.mutex);
+  if (listen.count > 0 && listen.seen >= listen.count) return;
+  ++listen.seen;
+  try {
+    Output::get().data(line_of(caller, arguments_to_json(arguments), style));
+  } catch (const Failure& failure) {
+    // Nobody reads what is printed any more: there is nothing left to do.
+    Output::get().failure(failure.what(), failure.hint);
+    Output::get().leave(failure.exit);
+  }
+  if (listen.seen == listen.count) ask_to_end();
+}
+
+Values answer_of(const std::string& text) {
+  if (text.empty()) return {};
+  try {
+    return result_from(json_from(text));
+  } catch (const BadJson& bad) {
+    throw Failure(Exit::usage, "--answer " + text + ": " + bad.what(),
+                  "write JSON, quoted for the shell: '\"text\"'");
+  }
+}
+
+void run(Listen& listen, const Options& options) {
+  const Values answer = answer_of(listen.answer);
+  Server server;
+  server.on_any([&](const Caller& caller, const Values& arguments) {
+    note_call(listen, caller, arguments, options.json);
+    return answer;
+  });
+  serve_until_end(server, listen.address, "listen");
+}
+
+}  // namespace
+
+void add_listen(CLI::App& app, Options& options) {
+  CLI::App& command = *app.add_subcommand(
+      "listen", "Listen, and print every call that arrives, of whatever method");
+  const auto listen = std::make_shared<Listen>();
+  add_address(command, listen->address);
+  command.add_option("-c,--count", listen->count, "End after so many calls; 0 is no end")
+      ->check(CLI::NonNegativeNumber)
+      ->type_name("N");
+  command.add_option("--answer", listen->answer, "The result of every call; none if not given")
+      ->type_name("JSON");
+  add_json_flag(command, options);
+  add_output_flags(command, options);
+  add_examples(command,
+               "  tolk listen pipe:5001\n"
+               "  tolk listen 5001 --json=short --count 10\n"
+               "  tolk listen tcp4:127.0.0.1:5001 --answer '\"thank you\"'");
+  command.callback([listen, &options] { run(*listen, options); });
+}
+
+}  // namespace tolk::tool

@@ -1,0 +1,36 @@
+#include "tools/tolk/serving.h"
+
+#include <thread>
+
+#include "tools/tolk/command.h"
+#include "tools/tolk/interrupt.h"
+#include "tools/tolk/output.h"
+
+namespace tolk::tool {
+
+void serve_until_end(Server& server, const std::string& address, const std::string& method,
+                     const std::function<void()>& before_close) {
+  Output& output = Output::get();
+  server.log([&output](std::string_view line) {
+    while (line.ends_with('\n')) line.remove_suffix(1);
+    output.detail(line);
+  });
+  try {
+    server.listen(address);
+  } catch (const Error& error) {
+    throw failure_of(error, method);
+  }
+  end_by_itself();
+  output.note("listening at " + server.address() + "; Ctrl-C ends it");
+  std::thread until_closed([&server] {
+    server.wait();
+    ask_to_end();
+  });
+  wait_for_end();
+  if (!was_interrupted() && !server.listening()) output.note("a client has stopped the server");
+  if (before_close) before_close();
+  server.close();
+  until_closed.join();
+}
+
+}  // namespace tolk::tool
