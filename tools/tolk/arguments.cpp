@@ -17,11 +17,16 @@ constexpr char kMark = '\x1f';  // unit separator: nobody types it
 constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
 constexpr std::string_view kDigits = "0123456789";
 
+// What is wrong with the arguments, before it is said whose they are.
+struct BadArgument {
+  std::string text;
+  std::string hint;
+};
+
 bool is_digit(char character) { return kDigits.find(character) != std::string_view::npos; }
 
 [[noreturn]] void refuse(std::string_view word, std::string_view why, std::string hint) {
-  throw Failure(Exit::usage, "argument " + std::string(word) + ": " + std::string(why),
-                std::move(hint));
+  throw BadArgument{"argument " + std::string(word) + ": " + std::string(why), std::move(hint)};
 }
 
 template <class Number>
@@ -41,6 +46,25 @@ bool looks_like_number(std::string_view text) {
 bool is_whole(std::string_view text) {
   if (text.starts_with('-')) text.remove_prefix(1);
   return std::all_of(text.begin(), text.end(), is_digit);
+}
+
+std::string read_all(std::FILE* file, const std::string& name) {
+  std::string all;
+  char part[65536];
+  while (const std::size_t size = std::fread(part, 1, sizeof(part), file)) all.append(part, size);
+  if (std::ferror(file) == 0) return all;
+  throw BadArgument{name + ": " + std::strerror(errno), "name a file that can be read"};
+}
+
+std::string contents_of(const std::string& name) {
+  if (name == "-") return read_all(stdin, "standard input");
+  struct Close {
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }
+  };
+  const std::unique_ptr<std::FILE, Close> file(std::fopen(name.c_str(), "rb"));
+  if (file) return read_all(file.get(), name);
+  throw BadArgument{name + ": " + std::strerror(errno),
+                    "name a file that can be read, or write :string=@" + name + " for the text"};
 }
 
 bytes bytes_from(std::string_view text) {
@@ -117,21 +141,6 @@ std::optional<Assignment> assignment_in(std::string_view word) {
   return Assignment{name, type, word.substr(sign + 1)};
 }
 
-std::string read_all(std::FILE* file, const std::string& name) {
-  std::string all;
-  char part[65536];
-  while (const std::size_t size = std::fread(part, 1, sizeof(part), file)) all.append(part, size);
-  if (std::ferror(file) == 0) return all;
-  throw Failure(Exit::usage, name + ": " + std::strerror(errno), "name a file that can be read");
-}
-
-bool needs_mark(std::string_view word) {
-  if (word.starts_with('[')) return true;
-  return word.starts_with('-') && looks_like_number(word);
-}
-
-}  // namespace
-
 void add_argument(Values& values, const std::string& word) {
   const auto parts = assignment_in(word);
   if (!parts) {
@@ -147,14 +156,14 @@ void add_argument(Values& values, const std::string& word) {
   }
 }
 
-Values arguments_of(const ArgumentTexts& texts) {
+Values read_arguments(const ArgumentTexts& texts) {
   Values values;
   if (texts.json.empty()) {
     for (const std::string& word : texts.words) add_argument(values, word);
     return values;
   }
   if (!texts.words.empty() || texts.json.size() > 1) {
-    throw Failure(Exit::usage, "arguments are given twice", "give them as words, or by one --json");
+    throw BadArgument{"the arguments are given twice", "give them as words, or by one --json"};
   }
   const std::string& text = texts.json.front();
   try {
@@ -166,6 +175,22 @@ Values arguments_of(const ArgumentTexts& texts) {
   }
 }
 
+bool needs_mark(std::string_view word) {
+  if (word.starts_with('[')) return true;
+  return word.starts_with('-') && looks_like_number(word);
+}
+
+}  // namespace
+
+Values arguments_of(const ArgumentTexts& texts, const std::string& method,
+                    const std::string& address) {
+  try {
+    return read_arguments(texts);
+  } catch (const BadArgument& bad) {
+    throw Failure(Exit::usage, method + " at " + address + ": " + bad.text, bad.hint);
+  }
+}
+
 void add_arguments(CLI::App& command, ArgumentTexts& texts, Options& options) {
   command
       .add_option_function<std::vector<std::string>>(
@@ -173,8 +198,8 @@ void add_arguments(CLI::App& command, ArgumentTexts& texts, Options& options) {
           [&texts](const std::vector<std::string>& words) {
             for (const std::string& word : words) texts.words.push_back(unmarked(word));
           },
-          "3, 2.5, true, text, @file, name=value, name:int=5 (bool, int, double, string, bytes, "
-          "json), :string=5 for the text 5")
+          "3 2.5 true text @file name=value name:int=5 :string=5\n"
+          "types: bool, int, double, string, bytes, json")
       ->type_name("");
   command
       .add_option_function<std::vector<std::string>>(
@@ -189,21 +214,11 @@ void add_arguments(CLI::App& command, ArgumentTexts& texts, Options& options) {
               }
             }
           },
-          "pretty, short or off: how the result is printed. Anything else is the arguments "
-          "themselves, as JSON; - reads them from standard input. May be given for both")
+          "pretty, short or off is how to print the result; anything else is\n"
+          "the arguments, as JSON, or - for JSON from standard input.\n"
+          "It can be given twice, once for each")
       ->type_name("STYLE|JSON|-")
       ->allow_extra_args(false);
-}
-
-std::string contents_of(const std::string& name) {
-  if (name == "-") return read_all(stdin, "standard input");
-  struct Close {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }
-  };
-  const std::unique_ptr<std::FILE, Close> file(std::fopen(name.c_str(), "rb"));
-  if (file) return read_all(file.get(), name);
-  throw Failure(Exit::usage, name + ": " + std::strerror(errno),
-                "name a file that can be read, or write :string=@" + name + " for the text");
 }
 
 std::vector<std::string> marked_words(int argc, const char* const* argv) {

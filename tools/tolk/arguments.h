@@ -32,13 +32,9 @@ struct ArgumentTexts {
 // ARGUMENT..., and --json both for arguments and for the style of the output.
 void add_arguments(CLI::App& command, ArgumentTexts& texts, Options& options);
 
-// Adds what one word says.
-void add_argument(Values& values, const std::string& word);
-// All arguments of a call.
-Values arguments_of(const ArgumentTexts& texts);
-
-// All bytes of a file; "-" is standard input.
-std::string contents_of(const std::string& file);
+// All arguments of a call. Method and address are for the text of a Failure.
+Values arguments_of(const ArgumentTexts& texts, const std::string& method,
+                    const std::string& address);
 
 // The library of options takes -3 for an option and [a,b] for two values. So words like these are
 // marked before it sees them.

@@ -151,7 +151,7 @@ std::string method_of(const Bench& bench, bool own_server) {
 }
 
 void run(const Bench& bench, const Options& options) {
-  Values arguments = arguments_of(bench.arguments);
+  Values arguments = arguments_of(bench.arguments, bench.method, bench.address);
   std::optional<BenchServer> server;
   std::string address = bench.address;
   if (address.empty()) {
@@ -175,9 +175,7 @@ void run(const Bench& bench, const Options& options) {
 void add_bench(CLI::App& app, Options& options) {
   add_bench_server(app, options);
   CLI::App& command = *app.add_subcommand(
-      "bench",
-      "Measure calls: how many a second, and how long each takes. Without an address it "
-      "starts a server of its own, in another process");
+      "bench", "Measure how many calls a second there can be, and how long each takes");
   const auto bench = std::make_shared<Bench>();
   add_address(command, bench->address)->required(false);
   command
@@ -199,7 +197,8 @@ void add_bench(CLI::App& app, Options& options) {
   add_examples(command,
                "  tolk bench\n"
                "  tolk bench pipe:5000 add 2 3 --duration 1s --callers 4\n"
-               "  tolk bench 5000 --duration 500ms --json=short");
+               "  tolk bench 5000 --duration 500ms --json=short",
+               "Without an address it starts a server of its own, in another process.");
   command.callback([bench, &options] { run(*bench, options); });
 }
 

@@ -30,7 +30,7 @@ void print_result(const Values& values, const Options& options) {
 }
 
 void run_call(const Call& call, const Options& options) {
-  const Values arguments = arguments_of(call.arguments);
+  const Values arguments = arguments_of(call.arguments, call.method, call.address);
   Client& client = connect_to(call.address, call.method, options);
   const Result<Values> result = client.call<Values>(call.method, arguments);
   if (!result) throw failure_of(result.error());
@@ -39,7 +39,7 @@ void run_call(const Call& call, const Options& options) {
 
 // The round trip behind it shows that the server has got it; without one it might not get out.
 void run_post(const Call& call, const Options& options) {
-  const Values arguments = arguments_of(call.arguments);
+  const Values arguments = arguments_of(call.arguments, call.method, call.address);
   Client& client = connect_to(call.address, call.method, options);
   const Result<void> posted = client.post(call.method, arguments);
   if (!posted) throw failure_of(posted.error());

@@ -133,8 +133,8 @@ void add_json_flag(CLI::App& command, Options& options) {
       ->type_name("STYLE");
 }
 
-void add_examples(CLI::App& command, const std::string& lines) {
-  command.footer("Examples:\n" + lines);
+void add_examples(CLI::App& command, const std::string& lines, const std::string& about) {
+  command.footer(about + (about.empty() ? "" : "\n\n") + "Examples:\n" + lines);
 }
 
 namespace {

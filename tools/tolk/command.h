@@ -28,6 +28,7 @@ enum class Exit {
 };
 
 // Why the command ends without having done what it was asked for.
+// Thread: a value.
 struct Failure : std::runtime_error {
   // `text` names the method, the address and what happened; `hint` is what to try, without a full
   // stop.
@@ -66,8 +67,9 @@ void add_output_flags(CLI::App& command, Options& options);  // -q, -v, --color
 void add_timeout_flag(CLI::App& command, Options& options);  // --timeout 500ms
 void add_json_flag(CLI::App& command, Options& options);     // --json=pretty|short|off
 
-// Examples that --help ends with, one command a line. The tests run them as they are printed.
-void add_examples(CLI::App& command, const std::string& lines);
+// What --help ends with: examples, one command a line, which the tests run as they are printed; and
+// before them what there is to say at more length.
+void add_examples(CLI::App& command, const std::string& lines, const std::string& about = {});
 
 // 500ms, 2s, 1.5s, 3m, and "none" for no limit. Throws CLI::ValidationError.
 std::chrono::milliseconds duration_from(const std::string& text);

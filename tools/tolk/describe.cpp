@@ -49,6 +49,7 @@ void run(const std::string& address, const Options& options) {
   }
   if (!methods) throw failure_of(methods.error());
   Output& output = Output::get();
+  if (methods->empty()) output.note(client.address() + " has no methods that it tells of");
   if (options.json == JsonStyle::off) {
     output.data(lines_of(*methods));
   } else {

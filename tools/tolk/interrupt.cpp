@@ -49,7 +49,10 @@ void take_signals() {
   (void)signal(SIGPIPE, SIG_IGN);
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int each : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, each);
+  for (const int each : {SIGINT, SIGTERM}) sigaddset(&signals, each);
+  struct sigaction hang_up {};
+  sigaction(SIGHUP, nullptr, &hang_up);  // left alone under nohup
+  if (hang_up.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::thread([signals] { take_each(signals); }).detach();
 }

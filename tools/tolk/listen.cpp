@@ -50,18 +50,20 @@ void note_call(Listen& listen, const Caller& caller, const Values& arguments, Js
   if (listen.seen == listen.count) ask_to_end();
 }
 
-Values answer_of(const std::string& text) {
+Values answer_of(const Listen& listen) {
+  const std::string& text = listen.answer;
   if (text.empty()) return {};
   try {
     return result_from(json_from(text));
   } catch (const BadJson& bad) {
-    throw Failure(Exit::usage, "--answer " + text + ": " + bad.what(),
+    throw Failure(Exit::usage,
+                  "listen at " + listen.address + ": --answer " + text + ": " + bad.what(),
                   "write JSON, quoted for the shell: '\"text\"'");
   }
 }
 
 void run(Listen& listen, const Options& options) {
-  const Values answer = answer_of(listen.answer);
+  const Values answer = answer_of(listen);
   Server server;
   server.on_any([&](const Caller& caller, const Values& arguments) {
     note_call(listen, caller, arguments, options.json);

@@ -45,7 +45,7 @@ Exit run(int argc, const char* const* argv) {
     std::vector<std::string> words = marked_words(argc, argv);
     std::reverse(words.begin(), words.end());  // so the library of options wants them
     app.parse(std::move(words));
-    return Exit::ok;
+    return was_interrupted() ? Exit::interrupted : Exit::ok;
   } catch (const CLI::CallForHelp&) {
     output.data(app.help());
   } catch (const CLI::CallForVersion& version) {

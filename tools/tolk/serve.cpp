@@ -69,12 +69,7 @@ void run(const Served& served, const Options& options) {
 }  // namespace
 
 void add_serve(CLI::App& app, Options& options) {
-  CLI::App& command = *app.add_subcommand(
-      "serve",
-      "Serve a method with a command. It is run for each call, with the arguments as a JSON array "
-      "on its standard input, keyed ones as an object at the end of it. What it prints is the "
-      "result: JSON, or else a text. One that ends with another code than 0 has failed, and what "
-      "it prints to standard error is told to the caller");
+  CLI::App& command = *app.add_subcommand("serve", "Serve a method with a command");
   const auto served = std::make_shared<Served>();
   add_address(command, served->address);
   command.add_option("METHOD", served->method, "The name of the method")->type_name("")->required();
@@ -100,7 +95,11 @@ void add_serve(CLI::App& app, Options& options) {
   add_examples(command,
                "  tolk serve pipe:5001 upper -- tr a-z A-Z\n"
                "  tolk serve 5001 now -- date\n"
-               "  tolk serve tcp4:127.0.0.1:5001 count --timeout 2s -v -- sh -c 'wc -c'");
+               "  tolk serve tcp4:127.0.0.1:5001 count --timeout 2s -v -- sh -c 'wc -c'",
+               "The command is run for each call, with the arguments as a JSON array on its\n"
+               "standard input, keyed ones in an object at the end of it. What it prints is the\n"
+               "result: JSON, or else a text. If it ends with another code than 0, the call has\n"
+               "failed, and the caller is told what it printed to standard error.");
   command.callback([served, &options] { run(*served, options); });
 }
 

@@ -1,0 +1,142 @@
+// Every exit code, and what the errors say: method, address, what happened, what to try.
+#include <signal.h>
+
+#include "tests/tool/served.h"
+
+namespace tolk::test {
+namespace {
+
+class ToolExit : public ServedTest {};
+
+// "tolk: METHOD at ADDRESS: WHAT", and a line that says what to try.
+void expect_error(const Ended& ended, int code, const std::string& method_at_address,
+                  const std::string& what, const std::string& hint) {
+  EXPECT_EQ(ended.code, code);
+  EXPECT_EQ(ended.out, "");
+  EXPECT_THAT(ended.err, StartsWith("tolk: " + method_at_address + ": "));
+  EXPECT_THAT(ended.err, HasSubstr(what));
+  EXPECT_THAT(ended.err, HasSubstr("\ntry: "));
+  EXPECT_THAT(ended.err, HasSubstr(hint));
+}
+
+TEST_F(ToolExit, Ok) { EXPECT_EQ(call({"add", "1", "2"}).code, 0); }
+
+TEST_F(ToolExit, UsageIsTwo) {
+  const Ended none = tolk_command({});
+  EXPECT_EQ(none.code, 2);
+  EXPECT_THAT(none.err, HasSubstr("try: tolk --help"));
+  const Ended missing = tolk_command({"call", at});
+  EXPECT_EQ(missing.code, 2);
+  EXPECT_THAT(missing.err, AllOf(HasSubstr("METHOD"), HasSubstr("try: tolk call --help")));
+  const Ended unknown = tolk_command({"call", at, "add", "--bogus"});
+  EXPECT_EQ(unknown.code, 2);
+  EXPECT_THAT(unknown.err, HasSubstr("--bogus"));
+  const Ended time = tolk_command({"call", at, "add", "--timeout", "-5"});
+  EXPECT_EQ(time.code, 2);
+  EXPECT_THAT(time.err, AllOf(HasSubstr("\"-5\" is no duration"), HasSubstr("500ms")));
+}
+
+TEST_F(ToolExit, BadArgumentsAreUsage) {
+  const std::string where = "echo at " + at;
+  expect_error(call({"echo", "3000000000"}), 2, where, "an int has 32 bits", ":string=3000000000");
+  expect_error(call({"echo", "n:int=x"}), 2, where, "argument n:int=x: no int", "whole number");
+  expect_error(call({"echo", "n:long=5"}), 2, where, "there is no type \"long\"", "double");
+  expect_error(call({"echo", "@/nowhere"}), 2, where, "/nowhere: No such file", ":string=@");
+  expect_error(call({"echo", "--json", "{bad"}), 2, where, "no JSON from character 2", "pretty");
+  expect_error(call({"echo", "--json", "[1, null]"}), 2, where, "null has no place", "--json");
+  expect_error(call({"echo", "1", "--json", "[1]"}), 2, where, "given twice", "one --json");
+}
+
+TEST_F(ToolExit, ABadAddressIsUsage) {
+  expect_error(tolk_command({"call", "5000x", "add"}), 2, "add at 5000x", "is a number",
+               "tcp4:127.0.0.1:5000");
+}
+
+TEST_F(ToolExit, CannotConnectIsThree) {
+  const std::string nowhere = fresh().text();
+  for (const char* const command : {"call", "post"}) {
+    expect_error(tolk_command({command, nowhere, "add"}), 3, "add at " + nowhere,
+                 "not connected: nobody listens there", "start the server first");
+  }
+  expect_error(tolk_command({"describe", nowhere}), 3, "tolk.describe at " + nowhere,
+               "nobody listens", "start the server");
+  expect_error(tolk_command({"ping", nowhere}), 3, "ping at " + nowhere, "nobody listens",
+               "start the server");
+  expect_error(tolk_command({"bench", nowhere, "add"}), 3, "add at " + nowhere, "nobody listens",
+               "start the server");
+}
+
+TEST_F(ToolExit, TimedOutIsFour) {
+  const Ended ended = call({"slow", "--timeout", "100ms"});
+  expect_error(ended, 4, "slow at " + at, "timed out after 100 ms", "--timeout 30s");
+}
+
+TEST_F(ToolExit, AServerThatTakesConnectionsAndIsSilentIsATimeOut) {
+  const auto where = fresh_address(test::Transport::pipe);
+  RawListener silent(where);
+  expect_error(tolk_command({"call", where.port, "add", "--timeout", "100ms"}), 4,
+               "add at pipe:" + where.port, "did not answer within 100 ms", "--timeout 30s");
+}
+
+TEST_F(ToolExit, NoSuchMethodIsFive) {
+  expect_error(call({"nope", "1"}), 5, "nope at " + at, "there is no such method",
+               "tolk describe " + at);
+}
+
+TEST_F(ToolExit, HandlerFailedIsSix) {
+  expect_error(call({"fail"}), 6, "fail at " + at, "handler failed: the disk is full",
+               "the handler's own");
+  expect_error(call({"add", "1"}), 6, "add at " + at, "wrong arguments: takes 2 arguments, got 1",
+               "tolk describe");
+}
+
+TEST_F(ToolExit, RefusedVersionIsSeven) {
+  const auto where = fresh_address(test::Transport::pipe);
+  RawServer refuses(where, refusing());
+  expect_error(tolk_command({"call", where.port, "add"}), 7, "add at pipe:" + where.port,
+               "refused: the server is of another version", "the same version");
+}
+
+TEST_F(ToolExit, AServerThatHangsUpIsThree) {
+  const auto where = fresh_address(test::Transport::pipe);
+  RawServer leaves(where, hanging_up());
+  expect_error(tolk_command({"call", where.port, "add"}), 3, "add at pipe:" + where.port,
+               "went away", "connect again");
+}
+
+TEST_F(ToolExit, InterruptedIs130) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    Process process(tolk_words({"call", at, "slow", "--timeout", "none"}));
+    EXPECT_TRUE(slow_begun.wait_for(signal == SIGINT ? 1 : 2));
+    process.signal(signal);
+    const Ended ended = process.end();
+    EXPECT_EQ(ended.code, 130);
+    EXPECT_EQ(ended.out + ended.err, "");
+  }
+}
+
+TEST_F(ToolExit, InterruptedServersTakeTheirSocketsAway) {
+  const std::string where = fresh().text();
+  for (const int signal : {SIGINT, SIGTERM}) {
+    Process process(tolk_words({"listen", where}));
+    process.await("listening at " + where);
+    process.signal(signal);
+    EXPECT_EQ(process.end().code, 130);
+  }
+}
+
+TEST_F(ToolExit, AnAddressThatIsTakenIsOne) {
+  expect_error(tolk_command({"serve", at, "now", "--", "date"}), 1, "now at " + at, "EADDRINUSE",
+               "choose another");
+  expect_error(tolk_command({"listen", at}), 1, "listen at " + at, "EADDRINUSE", "choose another");
+}
+
+TEST_F(ToolExit, OutputThatNobodyTakesIsOne) {
+  Process process({"/bin/sh", "-c", "tolk call " + at + " add 1 2 >/dev/full; echo code $?"});
+  const Ended ended = process.end();
+  EXPECT_EQ(ended.out, "code 1\n");
+  EXPECT_THAT(ended.err, HasSubstr("can't write to standard output: No space left"));
+}
+
+}  // namespace
+}  // namespace tolk::test

@@ -1,0 +1,73 @@
+// What the values of every type look like as JSON, there and back.
+#include <cmath>
+
+#include "tests/tool/served.h"
+
+namespace tolk::test {
+namespace {
+
+struct Point {
+  int x = 0;
+  int y = 0;
+};
+
+}  // namespace
+}  // namespace tolk::test
+
+template <>
+inline constexpr auto tolk::describe<tolk::test::Point> = tolk::fields("x", &tolk::test::Point::x,
+                                                                       "y", &tolk::test::Point::y);
+
+namespace tolk::test {
+namespace {
+
+class ToolJson : public ServedTest {
+ protected:
+  std::string printed(const std::string& method, const std::string& json = "[]") const {
+    const Ended ended = call({method, "--json=short", "--json", json});
+    EXPECT_EQ(ended.code, 0) << ended.err;
+    return ended.out;
+  }
+};
+
+TEST_F(ToolJson, ValuesComeBackAsTheyWent) {
+  for (const std::string json : {"[1,2]", "[true,2.0,\"text\",[1,\"x\"]]", "{\"a\":1,\"b\":[2]}",
+                                 "{\"$base64\":\"AAEC/w==\"}", "{\"$double\":\"nan\"}",
+                                 "{\"$double\":\"-inf\"}", "[[1],{\"k\":{\"$base64\":\"AA==\"}}]",
+                                 "[{\"x\":1},{}]", "\"\\u0001 \\\" \\\\ \xc3\xa4\""}) {
+    const std::string back = printed("echo", json);
+    // The printer writes control characters its own way.
+    EXPECT_EQ(back, json + "\n");
+  }
+}
+
+TEST_F(ToolJson, StructsAreObjects) {
+  server.on("flip", [](const Point& p) { return Point{p.y, p.x}; });
+  server.on("first", [](const std::vector<Point>& all, int) { return all.at(0).x; });
+  EXPECT_EQ(printed("flip", "{\"x\":1,\"y\":2}"), "{\"x\":2,\"y\":1}\n");
+  EXPECT_EQ(printed("flip", "[{\"x\":1,\"y\":2},{}]"), "{\"x\":2,\"y\":1}\n");
+  EXPECT_EQ(printed("first", "[[{\"x\":7,\"y\":2}], 0]"), "7\n");
+}
+
+TEST_F(ToolJson, TextThatIsNotUtf8IsShownAsBytes) {
+  server.on("odd", [] { return std::string("a\xff"); });
+  EXPECT_EQ(printed("odd"), "{\"$base64\":\"Yf8=\"}\n");
+}
+
+TEST_F(ToolJson, WhatCanNotTravelIsRefused) {
+  for (const auto& [json, why] : std::vector<std::pair<std::string, std::string>>{
+           {"[2147483648]", "an int has 32 bits, 2147483648 has not"},
+           {"[-2147483649]", "an int has 32 bits"},
+           {"[18446744073709551615]", "an int has 32 bits"},
+           {"{\"$base64\":\"a\"}", "base64 comes in groups of four"},
+           {"{\"$base64\":\"a*==\"}", "no base64 character: *"},
+           {"{\"$double\":\"one\"}", "$double takes nan, inf or -inf"},
+           {"[[null]]", "null has no place in a list"}}) {
+    const Ended ended = call({"echo", "--json", json});
+    EXPECT_EQ(ended.code, 2) << json;
+    EXPECT_THAT(ended.err, HasSubstr(why)) << json;
+  }
+}
+
+}  // namespace
+}  // namespace tolk::test

@@ -1,0 +1,69 @@
+// tolk listen: every call that arrives, and what is answered.
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/tool/served.h"
+
+namespace tolk::test {
+namespace {
+
+using Json = nlohmann::json;
+
+class ToolListen : public testing::Test {
+ protected:
+  void listen(std::vector<std::string> words) {
+    words.insert(words.begin(), {"listen", at});
+    process = std::make_unique<Process>(tolk_words(words));
+    process->await("listening at " + at);
+  }
+
+  const std::string at = fresh().text();
+  std::unique_ptr<Process> process;
+};
+
+TEST_F(ToolListen, PrintsEachCallAsALineOfJson) {
+  listen({"--json=short", "--count", "2"});
+  Client client = connect(at);
+  (void)client.call("first", 1, "x", arg("k", true));
+  (void)client.call("second");
+  const Ended ended = process->end();
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  const std::size_t cut = ended.out.find('\n');
+  const Json first = Json::parse(ended.out.substr(0, cut));
+  EXPECT_EQ(first["method"], "first");
+  EXPECT_EQ(first["arguments"], Json::parse(R"([1, "x", {"k": true}])"));
+  EXPECT_TRUE(first["client"].is_number());
+  EXPECT_EQ(Json::parse(ended.out.substr(cut + 1))["method"], "second");
+}
+
+TEST_F(ToolListen, PrintsLinesForPeople) {
+  listen({"-c", "1"});
+  (void)connect(at).call("first", 1);
+  EXPECT_THAT(process->end().out,
+              MatchesRegex("[0-9][0-9]:[0-9][0-9]:[0-9][0-9] client [0-9]+: first \\[1\\]\n"));
+}
+
+TEST_F(ToolListen, AnswersTheLastCallToo) {
+  listen({"--answer", "\"thank you\"", "--count", "1"});
+  EXPECT_EQ(connect(at).call<std::string>("anything").value(), "thank you");
+  EXPECT_EQ(process->end().code, 0);
+}
+
+TEST_F(ToolListen, ShowsCallsThatAreOnlyPosted) {
+  listen({"--json=short"});
+  EXPECT_EQ(tolk_command({"post", at, "note", "hello"}).code, 0);
+  process->await("\"hello\"");
+  process->signal(SIGINT);
+  EXPECT_EQ(process->end().code, 130);
+}
+
+TEST_F(ToolListen, ABadAnswerIsSaidBeforeItListens) {
+  const Ended ended = tolk_command({"listen", at, "--answer", "{no"});
+  EXPECT_EQ(ended.code, 2);
+  EXPECT_THAT(ended.err, AllOf(StartsWith("tolk: listen at " + at + ": --answer {no: no JSON"),
+                               HasSubstr("\ntry: ")));
+}
+
+}  // namespace
+}  // namespace tolk::test

@@ -1,0 +1,118 @@
+// tolk list, describe and ping: what there is, what it offers, how fast it answers.
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/tool/served.h"
+
+namespace tolk::test {
+namespace {
+
+using Json = nlohmann::json;
+
+class ToolServers : public ServedTest {};
+
+class ToolList : public ServedTest {
+ protected:
+  // The entry of the address; null when it is not listed.
+  static Json listed(const std::string& address, const std::vector<std::string>& words = {}) {
+    std::vector<std::string> all = {"list", "--json=short"};
+    all.insert(all.end(), words.begin(), words.end());
+    const Ended ended = tolk_command(all);
+    EXPECT_EQ(ended.code, 0) << ended.err;
+    for (const Json& each : Json::parse(ended.out)) {
+      if (each["address"] == address) return each;
+    }
+    return nullptr;
+  }
+};
+
+TEST_F(ToolList, ShowsALiveServerWithItsMethods) {
+  const Json found = listed(at);
+  EXPECT_EQ(found["methods"], 7);
+  EXPECT_EQ(found["state"], "7 methods");
+  EXPECT_GT(found["ms"].get<double>(), 0);
+  EXPECT_THAT(tolk_command({"list"}).out, HasSubstr(at + " "));
+}
+
+TEST_F(ToolList, LeavesOutWhatADeadServerHasLeft) {
+  const std::string where = fresh().text();
+  {
+    Process dead(tolk_words({"listen", where}));
+    dead.await("listening at");
+    dead.signal(SIGKILL);
+    EXPECT_EQ(dead.end().code, 128 + SIGKILL);
+  }
+  EXPECT_EQ(listed(where), nullptr);
+  EXPECT_THAT(tolk_command({"list", "-v"}).err, HasSubstr(where + ": not connected"));
+}
+
+TEST_F(ToolList, ShowsOneThatDoesNotAnswer) {
+  const auto where = fresh_address(test::Transport::pipe);
+  RawListener silent(where);
+  EXPECT_EQ(listed("pipe:" + where.port, {"--timeout", "100ms"})["state"],
+            "the server took the connection and did not answer within 100 ms");
+}
+
+TEST_F(ToolList, ShowsOneThatDoesNotTell) {
+  const auto where = fresh_address(test::Transport::pipe);
+  const ServerPtr plain = make_server();
+  ASSERT_TRUE(start_server(plain.get(), where));
+  const Json found = listed("pipe:" + where.port);
+  EXPECT_EQ(found["methods"], nullptr);
+  EXPECT_EQ(found["state"], "does not tell its methods");
+}
+
+TEST_F(ToolServers, DescribePrintsNamesSignaturesAndTexts) {
+  const Ended ended = tolk_command({"describe", at});
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  EXPECT_THAT(ended.out, HasSubstr("add(int, int) -> int  "));
+  EXPECT_THAT(ended.out, HasSubstr("  the sum of two numbers\n"));
+  const Json all = Json::parse(tolk_command({"describe", at, "--json=pretty"}).out);
+  EXPECT_EQ(all[0], Json({{"name", "add"},
+                          {"signature", "(int, int) -> int"},
+                          {"about", "the sum of two numbers"}}));
+}
+
+TEST_F(ToolServers, DescribeSaysThatAPlainServerDoesNotOfferIt) {
+  const auto where = fresh_address(test::Transport::pipe);
+  const ServerPtr plain = make_server();
+  ASSERT_TRUE(start_server(plain.get(), where));
+  const Ended ended = tolk_command({"describe", where.port});
+  EXPECT_EQ(ended.code, 5);
+  EXPECT_EQ(ended.out, "");
+  EXPECT_THAT(ended.err, StartsWith("tolk: tolk.describe at pipe:" + where.port +
+                                    ": the server does not offer to tell its methods\ntry: "));
+}
+
+TEST_F(ToolServers, PingPrintsEachAnswerAndASummary) {
+  const Ended ended = tolk_command({"ping", at, "--count", "2", "--interval", "1ms"});
+  EXPECT_EQ(ended.code, 0) << ended.err;
+  const std::string answer = at + " answered in [0-9.]+ ms\n";
+  EXPECT_THAT(ended.out, MatchesRegex(answer + answer + at +
+                                      ": 2 sent, 2 answered; min/avg/max "
+                                      "[0-9.]+/[0-9.]+/[0-9.]+ ms\n"));
+  EXPECT_THAT(tolk_command({"ping", at, "-c", "1", "-q"}).out, StartsWith(at + ": 1 sent"));
+  const Json json = Json::parse(tolk_command({"ping", at, "-c", "1", "--json=short"}).out);
+  EXPECT_EQ(json["answered"], 1);
+  EXPECT_EQ(json["min_ms"], json["max_ms"]);
+}
+
+TEST_F(ToolServers, PingThatIsInterruptedPrintsItsSummary) {
+  Process process(tolk_words({"ping", at, "--count", "0"}));
+  process.await("answered in");
+  process.signal(SIGINT);
+  const Ended ended = process.end();
+  EXPECT_EQ(ended.code, 130);
+  EXPECT_THAT(ended.out, HasSubstr(" answered; min/avg/max "));
+}
+
+TEST_F(ToolServers, PingReachesHostsWithoutTheLayer) {
+  const auto where = fresh_address(test::Transport::pipe);
+  const ServerPtr plain = make_server();
+  ASSERT_TRUE(start_server(plain.get(), where));
+  EXPECT_EQ(tolk_command({"ping", where.port, "-c", "1"}).code, 0);
+}
+
+}  // namespace
+}  // namespace tolk::test
