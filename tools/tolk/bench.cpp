@@ -180,7 +180,7 @@ void add_bench(CLI::App& app, Options& options) {
   add_address(command, bench->address)->required(false);
   command
       .add_option("METHOD", bench->method,
-                  "The method; if not given, the version check, which every server answers")
+                  "The method; if not given, the version check,\nwhich every server answers")
       ->type_name("");
   add_arguments(command, bench->arguments, options);
   command.add_option("--callers", bench->callers, "Threads that call at the same time")

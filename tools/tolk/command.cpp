@@ -119,7 +119,7 @@ CLI::Option* add_address(CLI::App& command, std::string& address) {
   return command
       .add_option_function<std::string>(
           "ADDRESS", [&address](const std::string& word) { address = unmarked(word); },
-          "pipe:5000, tcp4:127.0.0.1:5000, tcp6:[::1]:5000; a bare number is a pipe")
+          "pipe:5000, tcp4:127.0.0.1:5000 or tcp6:[::1]:5000;\na bare number is a pipe")
       ->type_name("")
       ->required();
 }

@@ -74,12 +74,14 @@ std::string quoted(std::string text) {
   return "'" + text + "'";
 }
 
-std::string names_with(const std::vector<Command>& commands, bool Command::*what) {
-  std::string names;
+// A pattern for PLACE:COMMAND of those that have something there.
+std::string pattern_of(int place, const std::vector<Command>& commands, bool Command::*what) {
+  std::string pattern;
   for (const Command& command : commands) {
-    if (command.*what) names += (names.empty() ? "" : "|") + command.name;
+    if (!(command.*what)) continue;
+    pattern += fmt::format("{}{}:{}", pattern.empty() ? "" : "|", place, command.name);
   }
-  return names;
+  return pattern;
 }
 
 // What bash and zsh share: which words can come, by the subcommand and the place.
@@ -89,11 +91,11 @@ std::string cases_of(const std::vector<Command>& commands) {
     cases += fmt::format("    {}) flags={} ;;\n", command.name, quoted(flags_of(command)));
   }
   cases += "  esac\n";
-  cases += fmt::format("  case $place:$command in\n    2:@({})) words=$({}) ;;\n",
-                       names_with(commands, &Command::has_address), kPipes);
-  cases += fmt::format("    3:@({})) words=$({}) ;;\n  esac\n",
-                       names_with(commands, &Command::has_method),
-                       fmt::format(fmt::runtime(kMethods), "\"$address\""));
+  cases += fmt::format("  case $place:$command in\n    {}) words=$({}) ;;\n",
+                       pattern_of(2, commands, &Command::has_address), kPipes);
+  cases +=
+      fmt::format("    {}) words=$({}) ;;\n  esac\n", pattern_of(3, commands, &Command::has_method),
+                  fmt::format(fmt::runtime(kMethods), "\"$address\""));
   return cases;
 }
 
@@ -105,10 +107,7 @@ _tolk() {{
   read -ra line <<<"${{COMP_LINE:0:COMP_POINT}}"
   [[ ${{COMP_LINE:0:COMP_POINT}} == *' ' ]] && line+=('')
   place=$((${{#line[@]}} - 1)) command=${{line[1]}} address=${{line[2]}} current=${{line[place]}}
-  local extglob=$(shopt -p extglob)
-  shopt -s extglob
-{cases}  eval "$extglob"
-  if ((place == 1)); then words={names}; fi
+{cases}  if ((place == 1)); then words={names}; fi
   if [[ $current == -* ]]; then words=$flags; fi
   if [[ $current == --color=* ]]; then words='--color=auto --color=always --color=never'; fi
   COMPREPLY=($(compgen -W "$words" -- "$current"))
@@ -117,7 +116,7 @@ _tolk() {{
 }}
 complete -o default -F _tolk tolk
 )",
-                     fmt::arg("cases", "  " + cases_of(commands).substr(2)),
+                     fmt::arg("cases", cases_of(commands)),
                      fmt::arg("names", quoted(names_of(commands) + "--help --version")));
 }
 
@@ -129,7 +128,6 @@ std::string zsh(const std::vector<Command>& commands) {
   return fmt::format(R"(#compdef tolk
 # tolk completion zsh: save it as _tolk in a folder of $fpath, or  source <(tolk completion zsh)
 _tolk() {{
-  setopt localoptions kshglob
   local flags words_there place=$((CURRENT - 1)) command=$words[2] address=$words[3]
   local -a subcommands=(
 {described}  )

@@ -2,9 +2,11 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <atomic>
+#include <condition_variable>
 #include <ctime>
 #include <memory>
+#include <mutex>
+#include <set>
 
 #include "tools/tolk/command.h"
 #include "tools/tolk/interrupt.h"
@@ -20,7 +22,9 @@ struct Listen {
   std::string answer;
   int count = 0;
   std::mutex mutex;
+  std::condition_variable changed;
   int seen = 0;
+  std::set<int> clients;
 };
 
 std::string line_of(const Caller& caller, const Json& arguments, JsonStyle style) {
@@ -62,6 +66,15 @@ Values answer_of(const Listen& listen) {
   }
 }
 
+// After the last call that was asked for: its answer may still be on its way. Who has it mostly
+// leaves; who stays has had time enough.
+void let_answers_out(Listen& listen) {
+  if (was_interrupted()) return;
+  constexpr std::chrono::seconds kEnough{1};
+  std::unique_lock<std::mutex> lock(listen.mutex);
+  listen.changed.wait_for(lock, kEnough, [&] { return listen.clients.empty(); });
+}
+
 void run(Listen& listen, const Options& options) {
   const Values answer = answer_of(listen);
   Server server;
@@ -69,7 +82,16 @@ void run(Listen& listen, const Options& options) {
     note_call(listen, caller, arguments, options.json);
     return answer;
   });
-  serve_until_end(server, listen.address, "listen");
+  server.on_connect([&](int client) {
+    const std::lock_guard<std::mutex> lock(listen.mutex);
+    listen.clients.insert(client);
+  });
+  server.on_closed([&](int client) {
+    const std::lock_guard<std::mutex> lock(listen.mutex);
+    listen.clients.erase(client);
+    listen.changed.notify_all();
+  });
+  serve_until_end(server, listen.address, "listen", [&] { let_answers_out(listen); });
 }
 
 }  // namespace

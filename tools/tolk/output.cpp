@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -61,6 +62,8 @@ void Output::set_up(const Options& options) {
   const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
   dup2(verbose_ ? STDERR_FILENO : nothing, STDOUT_FILENO);
   if (nothing >= 0) close(nothing);
+  // The library's lines come when they are written, and none is lost at the end.
+  if (verbose_) (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 
 void Output::data(std::string_view bytes) {

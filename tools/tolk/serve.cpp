@@ -89,7 +89,7 @@ void add_serve(CLI::App& app, Options& options) {
             options.timeout = duration_from(text);
             options.timeout_given = true;
           },
-          "How long the command may take for a call: 500ms, 2s, 1.5m; no limit if not given")
+          "How long the command may take for a call: 500ms, 2s, 1.5m;\nno limit if not given")
       ->type_name("TIME");
   add_output_flags(command, options);
   add_examples(command,

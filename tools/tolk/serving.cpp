@@ -1,5 +1,6 @@
 #include "tools/tolk/serving.h"
 
+#include <atomic>
 #include <thread>
 
 #include "tools/tolk/command.h"
@@ -22,12 +23,14 @@ void serve_until_end(Server& server, const std::string& address, const std::stri
   }
   end_by_itself();
   output.note("listening at " + server.address() + "; Ctrl-C ends it");
-  std::thread until_closed([&server] {
+  std::atomic<bool> stopped{false};
+  std::thread until_closed([&] {
     server.wait();
+    stopped = true;
     ask_to_end();
   });
   wait_for_end();
-  if (!was_interrupted() && !server.listening()) output.note("a client has stopped the server");
+  if (stopped) output.note("a client has stopped the server");
   if (before_close) before_close();
   server.close();
   until_closed.join();
