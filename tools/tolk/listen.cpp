@@ -69,7 +69,7 @@ Values answer_of(const Listen& listen) {
 // After the last call that was asked for: its answer may still be on its way. Who has it mostly
 // leaves; who stays has had time enough.
 void let_answers_out(Listen& listen) {
-  if (was_interrupted()) return;
+  if (listen.count == 0 || was_interrupted()) return;
   constexpr std::chrono::seconds kEnough{1};
   std::unique_lock<std::mutex> lock(listen.mutex);
   listen.changed.wait_for(lock, kEnough, [&] { return listen.clients.empty(); });
