@@ -73,6 +73,7 @@ std::vector<double> measure(const Bench& bench, const Target& target, double& se
   const auto begun = Clock::now();
   const auto end = begun + bench.duration;
   std::vector<std::unique_ptr<Calls>> callers;
+  callers.reserve(static_cast<std::size_t>(bench.callers));
   for (int i = 0; i < bench.callers; ++i) {
     callers.push_back(std::make_unique<Calls>(target, end, count));
   }

@@ -12,8 +12,6 @@
 #include "tools/tolk/output.h"
 #include "tools/tolk/serving.h"
 
-extern char** environ;
-
 namespace tolk::tool {
 namespace {
 
@@ -49,6 +47,7 @@ void serve(const std::string& address) {
   Server server;
   server.on(kBenchMethod, [](const std::string& text) { return text; });
   server.listen(address);
+  end_by_itself();  // with its input, not by the Ctrl-C that the whole terminal hears
   Output::get().data("listening\n");
   char byte = 0;
   while (read(STDIN_FILENO, &byte, 1) > 0) {

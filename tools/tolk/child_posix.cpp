@@ -15,8 +15,6 @@
 
 #include "tools/tolk/child.h"
 
-extern char** environ;
-
 namespace tolk::tool {
 namespace {
 
@@ -126,6 +124,7 @@ pid_t spawn(const std::vector<std::string>& command, const Pipe& in, const Pipe&
   posix_spawnattr_setflags(&attributes,
                            POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
   std::vector<char*> words;
+  words.reserve(command.size() + 1);
   for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
   words.push_back(nullptr);
   pid_t process = 0;
@@ -197,7 +196,7 @@ std::string trimmed(std::string text) {
 // Nothing when it went well.
 std::string complaint_of(const std::string& name, int status, const std::string& complained) {
   if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return {};
-  const std::string text = trimmed(complained);
+  std::string text = trimmed(complained);
   if (!text.empty()) return text;
   if (WIFEXITED(status)) return name + " ended with " + std::to_string(WEXITSTATUS(status));
   return name + " was ended by signal " + std::to_string(WTERMSIG(status));
@@ -211,8 +210,10 @@ bool is_program(const std::string& name) {
   std::string_view rest = path == nullptr ? "/bin:/usr/bin" : path;
   while (true) {
     const std::size_t colon = rest.find(':');
-    const std::string folder(rest.substr(0, colon));
-    if (access((folder.empty() ? name : folder + "/" + name).c_str(), X_OK) == 0) return true;
+    std::string file(rest.substr(0, colon));
+    if (!file.empty()) file += '/';
+    file += name;
+    if (access(file.c_str(), X_OK) == 0) return true;
     if (colon == std::string_view::npos) return false;
     rest.remove_prefix(colon + 1);
   }

@@ -17,8 +17,9 @@ constexpr Colors kColors = {"\033[1;31m", "\033[36m", "\033[1;34m", "\033[33m",
                             "\033[32m",   "\033[2m",  "\033[0m"};
 
 // Recursive, as a failure may be told while something is written.
-std::recursive_mutex& mutex() {
-  static auto* const kMutex = new std::recursive_mutex;  // never destroyed: the process just ends
+std::recursive_timed_mutex& mutex() {
+  static auto* const kMutex =
+      new std::recursive_timed_mutex;  // never destroyed: the process just ends
   return *kMutex;
 }
 
@@ -67,7 +68,7 @@ void Output::set_up(const Options& options) {
 }
 
 void Output::data(std::string_view bytes) {
-  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
   end_progress();
   const int error = write_all(data_descriptor_, bytes);
   if (error == 0) return;
@@ -93,12 +94,12 @@ void Output::failure(std::string_view text, std::string_view hint) {
 
 void Output::progress(std::string_view line) {
   if (!progress_) return;
-  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
   line_shown_ = write_all(STDERR_FILENO, "\r\033[K" + std::string(line)) == 0;
 }
 
 void Output::end_progress() {
-  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
   if (line_shown_) write_all(STDERR_FILENO, "\r\033[K");
   line_shown_ = false;
 }
@@ -112,13 +113,15 @@ int Output::columns() const {
 }
 
 void Output::leave(Exit code) {
-  const std::lock_guard<std::recursive_mutex> lock(mutex());
-  end_progress();
+  // Not for long: who writes may wait for a reader that never comes.
+  constexpr std::chrono::milliseconds kEnough{100};
+  std::unique_lock<std::recursive_timed_mutex> lock(mutex(), kEnough);
+  if (lock) end_progress();
   _exit(static_cast<int>(code));
 }
 
 bool Output::write_error(std::string_view text) {
-  const std::lock_guard<std::recursive_mutex> lock(mutex());
+  const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
   end_progress();
   return write_all(STDERR_FILENO, text) == 0;
 }
