@@ -135,7 +135,8 @@ TEST_F(ToolExit, OutputThatNobodyTakesIsOne) {
   Process process({"/bin/sh", "-c", "tolk call " + at + " add 1 2 >/dev/full; echo code $?"});
   const Ended ended = process.end();
   EXPECT_EQ(ended.out, "code 1\n");
-  EXPECT_THAT(ended.err, HasSubstr("can't write to standard output: No space left"));
+  EXPECT_THAT(ended.err,
+              StartsWith("tolk: add at " + at + ": can't write to standard output: No space left"));
 }
 
 }  // namespace

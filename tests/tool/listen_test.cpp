@@ -58,6 +58,16 @@ TEST_F(ToolListen, ShowsCallsThatAreOnlyPosted) {
   EXPECT_EQ(process->end().code, 130);
 }
 
+TEST_F(ToolListen, EndsWhenNobodyReadsAnyMore) {
+  Process listens({"/bin/sh", "-c", "tolk listen " + at + " | head -n 1; echo the end"});
+  listens.await("listening at");
+  for (Client client = connect(at); client.call("again");) {
+  }
+  const Ended ended = listens.end();
+  EXPECT_THAT(ended.out, testing::EndsWith("the end\n"));
+  EXPECT_THAT(ended.err, HasSubstr("tolk: listen at " + at + ": can't write to standard output: "));
+}
+
 TEST_F(ToolListen, ABadAnswerIsSaidBeforeItListens) {
   const Ended ended = tolk_command({"listen", at, "--answer", "{no"});
   EXPECT_EQ(ended.code, 2);

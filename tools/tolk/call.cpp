@@ -34,7 +34,12 @@ void run_call(const Call& call, const Options& options) {
   Client& client = connect_to(call.address, call.method, options);
   const Result<Values> result = client.call<Values>(call.method, arguments);
   if (!result) throw failure_of(result.error());
-  print_result(*result, options);
+  try {
+    print_result(*result, options);
+  } catch (const Failure& failure) {
+    throw Failure(failure.exit, call.method + " at " + client.address() + ": " + failure.what(),
+                  failure.hint);
+  }
 }
 
 // The round trip behind it shows that the server has got it; without one it might not get out.

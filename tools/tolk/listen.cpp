@@ -6,6 +6,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 
 #include "tools/tolk/command.h"
@@ -25,6 +26,7 @@ struct Listen {
   std::condition_variable changed;
   int seen = 0;
   std::set<int> clients;
+  std::optional<Failure> failed;  // of the output
 };
 
 std::string line_of(const Caller& caller, const Json& arguments, JsonStyle style) {
@@ -42,16 +44,14 @@ std::string line_of(const Caller& caller, const Json& arguments, JsonStyle style
 // One at a time, so that no more are printed than were asked for.
 void note_call(Listen& listen, const Caller& caller, const Values& arguments, JsonStyle style) {
   const std::lock_guard<std::mutex> lock(listen.mutex);
-  if (listen.count > 0 && listen.seen >= listen.count) return;
+  if (listen.failed || (listen.count > 0 && listen.seen >= listen.count)) return;
   ++listen.seen;
   try {
     Output::get().data(line_of(caller, arguments_to_json(arguments), style));
   } catch (const Failure& failure) {
-    // Nobody reads what is printed any more: there is nothing left to do.
-    Output::get().failure(failure.what(), failure.hint);
-    Output::get().leave(failure.exit);
+    listen.failed = failure;  // nobody reads what is printed any more
   }
-  if (listen.seen == listen.count) ask_to_end();
+  if (listen.seen == listen.count || listen.failed) ask_to_end();
 }
 
 Values answer_of(const Listen& listen) {
@@ -92,6 +92,9 @@ void run(Listen& listen, const Options& options) {
     listen.changed.notify_all();
   });
   serve_until_end(server, listen.address, "listen", [&] { let_answers_out(listen); });
+  if (!listen.failed) return;
+  throw Failure(listen.failed->exit, "listen at " + listen.address + ": " + listen.failed->what(),
+                listen.failed->hint);
 }
 
 }  // namespace
