@@ -216,7 +216,7 @@ std::string text_of(const Json& json, JsonStyle style) {
 }
 
 std::string colored(const Json& json, JsonStyle style, const Colors& colors) {
-  const std::string text = text_of(json, style);
+  std::string text = text_of(json, style);
   if (colors.off.empty() || (json.is_string() && style == JsonStyle::off)) return text;
   std::string painted;
   for (std::size_t at = 0; at < text.size();) {

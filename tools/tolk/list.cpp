@@ -59,12 +59,15 @@ Found probe(const std::string& name, const Options& options) {
 
 // All at the same time: one that hangs costs its time-out once.
 std::vector<Found> probe_all(const Options& options) {
+  const std::vector<std::string> names = pipe_names();
   std::vector<std::future<Found>> coming;
-  for (const std::string& name : pipe_names()) {
+  coming.reserve(names.size());
+  for (const std::string& name : names) {
     coming.push_back(
         std::async(std::launch::async, [name, &options] { return probe(name, options); }));
   }
   std::vector<Found> all;
+  all.reserve(coming.size());
   for (auto& each : coming) all.push_back(each.get());
   return all;
 }

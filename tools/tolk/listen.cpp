@@ -80,7 +80,7 @@ void run(Listen& listen, const Options& options) {
   Server server;
   server.on_any([&](const Caller& caller, const Values& arguments) {
     note_call(listen, caller, arguments, options.json);
-    return answer;
+    return Values(answer);
   });
   server.on_connect([&](int client) {
     const std::lock_guard<std::mutex> lock(listen.mutex);
