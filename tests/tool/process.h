@@ -42,6 +42,7 @@ class Process {
   // Types on the terminal.
   void type(const std::string& keys) const;
   Ended end();
+  pid_t id() const { return process_; }
 
  private:
   struct Stream {

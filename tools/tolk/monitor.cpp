@@ -1,7 +1,155 @@
+// `tolk monitor`: a proxy that prints what passes.
+#include <fmt/format.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <utility>
+
 #include "tools/tolk/command.h"
+#include "tools/tolk/conversation.h"
+#include "tools/tolk/interrupt.h"
+#include "tools/tolk/output.h"
+#include "tools/tolk/pcapng.h"
+#include "tools/tolk/proxy.h"
 
 namespace tolk::tool {
+namespace {
 
-void add_monitor(CLI::App&, Options&) {}
+// Frames go to standard output and to the capture; what happens to connections is for people.
+// Thread: that of the proxy.
+class Monitor : public ProxyWatcher {
+ public:
+  explicit Monitor(const std::string& capture) {
+    if (!capture.empty()) capture_.emplace(capture);
+  }
+
+  void opened(int connection, const Endpoint& client, const Endpoint& server) override {
+    Output::get().note(fmt::format("connection {}: opened", connection));
+    auto conversation = std::make_unique<Conversation>(
+        connection, [this, connection](const Seen& seen) { show(connection, seen); });
+    open_.emplace(connection, Open{client, server, std::move(conversation)});
+  }
+
+  void passed(int connection, Direction direction, std::string_view bytes) override {
+    now_ = std::chrono::system_clock::now();
+    open_.at(connection).conversation->passed(direction, bytes, now_);
+  }
+
+  void closed(int connection, const std::string& how) override {
+    const auto at = open_.find(connection);
+    if (at == open_.end()) {
+      Output::get().note(fmt::format("connection {}: {}", connection, how));
+      return;
+    }
+    Conversation& conversation = *at->second.conversation;
+    now_ = std::chrono::system_clock::now();
+    conversation.closed(now_);
+    Output::get().note(fmt::format("connection {}: {}; {} bytes to the server, {} to the client",
+                                   connection, how, conversation.bytes(Direction::to_server),
+                                   conversation.bytes(Direction::to_client)));
+    open_.erase(at);
+  }
+
+ private:
+  struct Open {
+    Endpoint client;
+    Endpoint server;
+    std::unique_ptr<Conversation> conversation;
+  };
+
+  void show(int connection, const Seen& seen) {
+    if (capture_ && !seen.bytes.empty()) {
+      const Open& open = open_.at(connection);
+      const bool to_server = seen.direction == Direction::to_server;
+      capture_->write(now_, to_server ? open.client : open.server,
+                      to_server ? open.server : open.client,
+                      seen.is_frame ? Pcapng::kFrames : Pcapng::kOther, seen.bytes);
+    }
+    if (!seen.line.is_null()) {
+      Output::get().data(text_of(seen.line, JsonStyle::brief) + "\n");
+    }
+  }
+
+  std::optional<Pcapng> capture_;
+  std::map<int, Open> open_;
+  Conversation::Time now_;
+};
+
+struct Settings {
+  std::string from;
+  std::string to;
+  std::string capture;
+};
+
+Address address_from(const std::string& text) {
+  try {
+    return text;
+  } catch (const Error& error) {
+    throw failure_of(error);
+  }
+}
+
+// Stops the proxy when the end is wanted. Its own end does not wait for that.
+class Ending {
+ public:
+  explicit Ending(Proxy& proxy)
+      : thread_([&proxy] {
+          wait_for_end();
+          proxy.stop();
+        }) {}
+  ~Ending() {
+    ask_to_end();
+    thread_.join();
+  }
+  Ending(const Ending&) = delete;
+  Ending& operator=(const Ending&) = delete;
+
+ private:
+  std::thread thread_;
+};
+
+void pass_on(const Address& from, const Address& to, Monitor& watcher) {
+  Proxy proxy(from, to, watcher);
+  end_by_itself();
+  Output::get().note(
+      fmt::format("listening at {}, passing on to {}; Ctrl-C ends it", from.text(), to.text()));
+  const Ending ending(proxy);
+  proxy.run();
+}
+
+void monitor(const Settings& settings) {
+  const Address from = address_from(settings.from);
+  const Address to = address_from(settings.to);
+  if (from.text() == to.text()) {
+    throw Failure(Exit::usage, from.text() + ": both --from and --to",
+                  "let clients connect to another address, and pass that on to the server's");
+  }
+  Monitor watcher(settings.capture);
+  pass_on(from, to, watcher);
+}
+
+}  // namespace
+
+void add_monitor(CLI::App& app, Options& options) {
+  CLI::App& command = *app.add_subcommand(
+      "monitor",
+      "Pass calls on to another address, and print each frame as one JSON object a line");
+  const auto settings = std::make_shared<Settings>();
+  command.add_option("--from", settings->from, "Where clients connect to")
+      ->required()
+      ->type_name("ADDRESS");
+  command.add_option("--to", settings->to, "Where the server is")->required()->type_name("ADDRESS");
+  command
+      .add_option("--pcapng", settings->capture,
+                  "Also write a capture, for Wireshark with tools/wireshark/tolk.lua")
+      ->type_name("FILE");
+  add_output_flags(command, options);
+  add_examples(command,
+               "  tolk monitor --from pipe:5001 --to pipe:5000\n"
+               "  tolk monitor --from tcp4:127.0.0.1:5001 --to pipe:5000 --pcapng calls.pcapng");
+  command.callback([settings] { monitor(*settings); });
+}
 
 }  // namespace tolk::tool

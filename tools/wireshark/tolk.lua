@@ -4,8 +4,8 @@
 -- Use it once:         tshark -X lua_script:tools/wireshark/tolk.lua -r calls.pcapng
 -- Keep it:             copy it into the folder that Help > About > Folders calls "Personal Lua Plugins"
 -- TCP is recognised by its content on any port; "Decode As..." and the preference "TCP ports" help
--- where a capture starts amid a connection. Captures of local pipes are exported PDUs that name the
--- dissector "tolk_pdu", whole frames in each packet.
+-- where a capture starts amid a connection. Captures of `tolk monitor` are exported PDUs that name the
+-- dissector "tolk_pdu": whole frames in each packet, or a part of a large one.
 
 local tolk = Proto("tolk", "tolk calls")
 
@@ -316,14 +316,59 @@ function tolk.dissector(tvb, pinfo, root)
   return tvb:len()
 end
 
--- An exported PDU holds whole frames.
+-- An exported PDU holds whole frames. One that is longer than a packet goes on in the next packets of
+-- the same direction.
 local pdu = Proto("tolk_pdu", "tolk calls of a local pipe")
+local begun = {}  -- by direction: what has come of a frame
+local joined = {}  -- by packet: a frame from its beginning, where earlier packets hold that
+local parts = {}  -- by packet: how much of its frame has come with it, when that is not all
+
+local function show_part(tvb, pinfo, root)
+  pinfo.cols.protocol = "tolk"
+  local said = "part of a frame, " .. parts[pinfo.number]
+  root:add(tolk, tvb()):append_text(", " .. said)
+  pinfo.cols.info:set(said)
+end
+
+local function frame_size(bytes)
+  if bytes:len() < HEADER_BYTES then return HEADER_BYTES end
+  local length = 0
+  for i = HEADER_BYTES - 1, 0, -1 do length = length * 256 + bytes:get_index(i) end
+  return length < 2 ^ 31 and HEADER_BYTES + length or HEADER_BYTES  -- a negative one is empty
+end
+
+-- The bytes with what earlier packets hold of their frame in front.
+local function whole_bytes(tvb, pinfo)
+  if not pinfo.visited then
+    local way = side(pinfo) .. " " .. tostring(pinfo.dst) .. ":" .. pinfo.dst_port
+    local bytes = begun[way]
+    if bytes then bytes:append(tvb:bytes()) else bytes = tvb:bytes() end
+    local size = frame_size(bytes)
+    local has_more = bytes:len() < size
+    if has_more then
+      parts[pinfo.number] = string.format("%d of %d bytes", bytes:len(), size)
+    elseif begun[way] then
+      joined[pinfo.number] = bytes
+    end
+    begun[way] = has_more and bytes or nil
+  end
+  local bytes = joined[pinfo.number]
+  return bytes and bytes:tvb("Whole frame") or tvb
+end
+
+function pdu.init() begun, joined, parts = {}, {}, {} end
+
 function pdu.dissector(tvb, pinfo, root)
   is_first_frame = true
+  local frames = whole_bytes(tvb, pinfo)
+  if parts[pinfo.number] then
+    show_part(tvb, pinfo, root)
+    return tvb:len()
+  end
   local at = 0
-  while at + HEADER_BYTES <= tvb:len() do
-    local size = math.min(frame_bytes(tvb, pinfo, at), tvb:len() - at)
-    dissect_frame(tvb(at, size):tvb(), pinfo, root)
+  while at + HEADER_BYTES <= frames:len() do
+    local size = math.min(frame_bytes(frames, pinfo, at), frames:len() - at)
+    dissect_frame(frames(at, size):tvb(), pinfo, root)
     at = at + size
   end
   return tvb:len()
