@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -74,14 +75,15 @@ TEST(ToolHelp, LinesFitIntoATerminal) {
 
 // Those whose examples go on until they are interrupted.
 const std::set<std::string>& serving() {
-  static const std::set<std::string> kServing = {"serve", "listen"};
+  static const std::set<std::string> kServing = {"serve", "listen", "monitor", "receive"};
   return kServing;
 }
 
 // Every subcommand is here: the last test sees to it.
 const std::vector<std::string>& tested() {
   static const std::vector<std::string> kTested = {
-      "bench", "call", "completion", "describe", "list", "listen", "ping", "post", "serve"};
+      "bench",   "call", "completion", "describe", "dump", "list", "listen",
+      "monitor", "ping", "post",       "receive",  "send", "serve"};
   return kTested;
 }
 
@@ -90,6 +92,7 @@ class ToolHelpExamples : public testing::TestWithParam<std::string> {
   ToolHelpExamples() {
     char name[] = "/tmp/tolk-test-XXXXXX";
     folder = mkdtemp(name);
+    std::ofstream(folder + "/report.pdf") << "to be sent";
     add_methods(server);
     server.listen(pipe{5000});
   }

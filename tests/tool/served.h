@@ -36,6 +36,7 @@ inline void add_methods(Server& server) {
     for (const int each : all) sum += each;
     return sum;
   });
+  server.on("upload", [](const tolk::bytes& data) { return static_cast<int>(data.size()); });
   server.on("nothing", [] {});
   server.on("fail", []() -> int { throw std::runtime_error("the disk is full"); });
 }

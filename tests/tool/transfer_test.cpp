@@ -1,0 +1,253 @@
+// tolk send and tolk receive: files that arrive, names that are refused, progress, interruption.
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "tests/tool/served.h"
+
+namespace tolk::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+void write_file(const fs::path& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+std::string read_file(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// A directory with what is sent, and one beside it for what is received.
+class ToolTransfer : public testing::Test {
+ protected:
+  ToolTransfer() {
+    char name[] = "/tmp/tolk-test-XXXXXX";
+    root = mkdtemp(name);
+    inbox = root / "inbox";
+    fs::create_directory(inbox);
+  }
+  ~ToolTransfer() override { fs::remove_all(root); }
+
+  std::vector<std::string> receiving(std::vector<std::string> more = {}) const {
+    more.insert(more.begin(), {"receive", at, "--into", inbox.string()});
+    return tolk_words(std::move(more));
+  }
+  Ended send(const std::string& file, std::vector<std::string> more = {}) const {
+    more.insert(more.begin(), {"send", at, "upload", file});
+    return tolk_command(std::move(more));
+  }
+  // The names in the inbox.
+  std::vector<std::string> received() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(inbox))
+      names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  fs::path root;
+  fs::path inbox;
+  const std::string at = fresh().text();
+};
+
+TEST_F(ToolTransfer, AFileArrivesWholeUnderItsName) {
+  std::string bytes(3'000'000, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * i >> 3);
+  write_file(root / "report.pdf", bytes);
+  write_file(root / "empty", "");
+  Process receiver(receiving());
+  receiver.await("listening at");
+  const Ended sent = send(root / "report.pdf");
+  EXPECT_EQ(sent.code, 0) << sent.err;
+  EXPECT_EQ(sent.out, "report.pdf\n");  // what the method returned
+  EXPECT_EQ(sent.err, "");
+  EXPECT_EQ(read_file(inbox / "report.pdf"), bytes);
+  EXPECT_EQ(send(root / "empty", {"--name", "other name"}).out, "other name\n");
+  EXPECT_EQ(read_file(inbox / "other name"), "");
+  receiver.signal(SIGINT);
+  const Ended ended = receiver.end();
+  EXPECT_EQ(ended.code, 130);
+  EXPECT_EQ(ended.out,
+            (inbox / "report.pdf").string() + "\n" + (inbox / "other name").string() + "\n");
+  EXPECT_EQ(received().size(), 2U);  // and nothing besides
+}
+
+TEST_F(ToolTransfer, StandardInputHasNoNameUnlessOneIsGiven) {
+  Process receiver(receiving({"--count", "3"}));
+  receiver.await("listening at");
+  const auto send_text = [&](const std::string& text, std::vector<std::string> more = {}) {
+    more.insert(more.begin(), {"send", at, "upload", "-"});
+    return tolk_command(more, {.input = text}).out;
+  };
+  EXPECT_EQ(send_text("one"), "received-1\n");
+  EXPECT_EQ(send_text("two"), "received-2\n");
+  EXPECT_EQ(send_text("three", {"--name", "three.txt"}), "three.txt\n");
+  EXPECT_EQ(receiver.end().code, 0);
+  EXPECT_EQ(read_file(inbox / "received-2"), "two");
+  EXPECT_EQ(read_file(inbox / "three.txt"), "three");
+}
+
+TEST_F(ToolTransfer, NothingIsOverwrittenUnlessItIsTold) {
+  write_file(root / "note.txt", "new");
+  write_file(inbox / "note.txt", "old");
+  write_file(root / "target", "safe");
+  fs::create_symlink(root / "target", inbox / "link");
+  fs::create_symlink(root / "made", inbox / "dangling");
+  {
+    Process receiver(receiving());
+    receiver.await("listening at");
+    const Ended refused = send(root / "note.txt");
+    EXPECT_EQ(refused.code, 6);
+    EXPECT_THAT(refused.err, HasSubstr("note.txt: there is such a file already"));
+    EXPECT_THAT(refused.err, Not(HasSubstr(inbox.string())));  // is not the sender's business
+    EXPECT_EQ(send(root / "note.txt", {"--name", "link"}).code, 6);
+    EXPECT_EQ(send(root / "note.txt", {"--name", "dangling"}).code, 6);
+  }
+  EXPECT_EQ(read_file(inbox / "note.txt"), "old");
+  EXPECT_FALSE(fs::exists(root / "made"));
+  Process receiver(receiving({"--overwrite"}));
+  receiver.await("listening at");
+  EXPECT_EQ(send(root / "note.txt").code, 0);
+  EXPECT_EQ(read_file(inbox / "note.txt"), "new");
+  EXPECT_EQ(send(root / "note.txt", {"--name", "link"}).code, 0);
+  EXPECT_FALSE(fs::is_symlink(inbox / "link"));
+  EXPECT_EQ(read_file(root / "target"), "safe");
+  EXPECT_EQ(received(), (std::vector<std::string>{"dangling", "link", "note.txt"}));
+}
+
+TEST_F(ToolTransfer, NamesOfPeersStayInTheDirectory) {
+  write_file(root / "note.txt", "text");
+  Process receiver(receiving({"--overwrite"}));
+  receiver.await("listening at");
+  const std::string names[] = {"../note.txt",
+                               "/tmp/x",
+                               "a/b",
+                               "..",
+                               ".",
+                               ".bashrc",
+                               "back\\slash",
+                               "new\nline",
+                               "\033[2J",
+                               "\xff",
+                               "\xe2\x80\xaegnp.exe",
+                               std::string(201, 'x')};
+  for (const std::string& name : names) {
+    const Ended ended = send(root / "note.txt", {"--name=" + name});
+    EXPECT_EQ(ended.code, 6) << name << ended.err;
+    EXPECT_EQ(ended.err.find_first_of("\033\xff"), std::string::npos);
+  }
+  Client client = connect(at);
+  const auto empty = client.send<std::string>("upload", std::string("x"), nullptr, arg("name", ""));
+  EXPECT_EQ(empty.error().code(), Errc::handler_failed);
+  const auto number = client.send<std::string>("upload", std::string("x"), nullptr, arg("name", 7));
+  EXPECT_EQ(number.error().code(), Errc::wrong_arguments);
+  EXPECT_THAT(received(), testing::IsEmpty());
+  EXPECT_EQ(send(root / "note.txt", {"--name", "gr\xc3\xbc\xc3\x9f dich.txt"}).code, 0);
+  EXPECT_THAT(received(), testing::ElementsAre("gr\xc3\xbc\xc3\x9f dich.txt"));
+}
+
+TEST_F(ToolTransfer, AFolderInTheWayOrGoneIsAnError) {
+  fs::create_directory(inbox / "folder");
+  write_file(root / "note.txt", "text");
+  {
+    Process receiver(receiving({"--overwrite"}));
+    receiver.await("listening at");
+    EXPECT_EQ(send(root / "note.txt", {"--name", "folder"}).code, 6);
+    EXPECT_THAT(received(), testing::ElementsAre("folder"));
+  }
+  const Ended nowhere = tolk_command({"receive", at, "--into", "/nowhere"});
+  EXPECT_EQ(nowhere.code, 1);
+  EXPECT_THAT(nowhere.err, AllOf(HasSubstr("/nowhere: No such file"), HasSubstr("try: ")));
+}
+
+TEST_F(ToolTransfer, ErrorsNameMethodAndAddress) {
+  write_file(root / "note.txt", "text");
+  const Ended nobody = send(root / "note.txt");
+  EXPECT_EQ(nobody.code, 3);
+  EXPECT_THAT(nobody.err, HasSubstr("upload at " + at));
+  Process receiver(receiving());
+  receiver.await("listening at");
+  const Ended no_method = tolk_command({"send", at, "other", root / "note.txt"});
+  EXPECT_EQ(no_method.code, 5);
+  EXPECT_THAT(no_method.err, HasSubstr("other at " + at));
+  const Ended no_file = send(root / "missing");
+  EXPECT_NE(no_file.code, 0);
+  EXPECT_THAT(no_file.err, HasSubstr((root / "missing").string()));
+}
+
+TEST_F(ToolTransfer, ProgressIsShownOnATerminalAlone) {
+  write_file(root / "report.pdf", std::string(2'000'000, 'x'));
+  Process receiver(receiving(), {.err_is_terminal = true});
+  receiver.await("listening at");
+  const std::vector<std::string> words = {"send", at, "upload", root / "report.pdf", "--name"};
+  const auto run = [&](const std::string& name, std::vector<std::string> more, bool terminal) {
+    std::vector<std::string> all = words;
+    all.push_back(name);
+    all.insert(all.end(), more.begin(), more.end());
+    return tolk_command(all, {.err_is_terminal = terminal});
+  };
+  const Ended shown = run("a.pdf", {}, true);
+  EXPECT_THAT(shown.err, HasSubstr("\r\033[Ka.pdf  [>"));
+  EXPECT_THAT(shown.err, HasSubstr("[==============================]  100 %  2.0 MB of 2.0 MB"));
+  EXPECT_THAT(shown.err, testing::EndsWith("\r\033[K"));  // and is taken away
+  EXPECT_EQ(shown.out, "a.pdf\n");
+  EXPECT_EQ(run("b.pdf", {}, false).err, "");
+  EXPECT_EQ(run("c.pdf", {"-q"}, true).err, "");
+  receiver.signal(SIGINT);
+  EXPECT_THAT(receiver.end().err, HasSubstr("100 %  2.0 MB of 2.0 MB"));
+}
+
+TEST_F(ToolTransfer, AnInterruptedSenderLeavesNothing) {
+  write_file(root / "large", std::string(4'000'000, 'x'));
+  Gate gate;
+  Server server;
+  const OpenAtEnd open_at_end(gate);
+  server.on("upload", [](const tolk::bytes&) { ADD_FAILURE() << "it was not cancelled"; });
+  server.on_receiving([gate](const Caller&, Progress progress) mutable {
+    if (progress.done() > 1'000'000) gate.pass();
+  });
+  server.listen(at);
+  Process sender(tolk_words({"send", at, "upload", root / "large"}));
+  ASSERT_TRUE(gate.wait_entered());
+  sender.signal(SIGINT);
+  gate.open();
+  const Ended ended = sender.end();
+  EXPECT_EQ(ended.code, 130);
+  EXPECT_EQ(ended.out, "");
+}
+
+TEST_F(ToolTransfer, ASenderWhoseServerIsStuckEndsToo) {
+  write_file(root / "large", std::string(4'000'000, 'x'));
+  Gate gate;
+  Server server;
+  const OpenAtEnd open_at_end(gate);
+  server.on("upload", [gate](const tolk::bytes&) mutable { gate.pass(); });
+  server.listen(at);
+  Process sender(tolk_words({"send", at, "upload", root / "large", "--timeout", "none"}));
+  ASSERT_TRUE(gate.wait_entered());
+  sender.signal(SIGINT);
+  EXPECT_EQ(sender.end().code, 130);
+}
+
+TEST_F(ToolTransfer, AnInterruptedReceiverLeavesNoParts) {
+  Process receiver(receiving());
+  receiver.await("listening at");
+  Client client = connect(at);
+  bool interrupted = false;
+  const auto result = client.send("upload", std::string(4'000'000, 'x'), [&](Progress progress) {
+    if (progress.done() == 0 || interrupted) return;
+    interrupted = true;
+    receiver.signal(SIGINT);
+    EXPECT_EQ(receiver.end().code, 130);
+  });
+  EXPECT_FALSE(result.has_value());
+  EXPECT_THAT(received(), testing::IsEmpty());
+}
+
+}  // namespace
+}  // namespace tolk::test
