@@ -157,7 +157,8 @@ void run(const Bench& bench, const Options& options) {
   std::string address = bench.address;
   if (address.empty()) {
     address = server.emplace().address();
-    arguments.add(std::string(100, 'x'));
+    const Value filler(std::string(100, 'x'));
+    arguments.add(filler);
   }
   const std::string method = method_of(bench, server.has_value());
   const Target target{connect_to(address, method, options), method, std::move(arguments)};
