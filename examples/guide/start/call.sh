@@ -1,0 +1,1 @@
+build/hello call pipe:4001

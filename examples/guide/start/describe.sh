@@ -1,0 +1,1 @@
+tolk describe pipe:4001

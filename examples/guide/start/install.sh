@@ -1,0 +1,2 @@
+scripts/package
+sudo apt-get install ./build/package/package/*.deb

@@ -1,0 +1,1 @@
+build/hello serve pipe:4001

@@ -1,0 +1,1 @@
+tolk call pipe:4001 great you
