@@ -52,6 +52,12 @@ install(
   COMPONENT development)
 
 if(NOT WIN32)
+  foreach(section IN ITEMS 3 7)
+    install(
+      FILES docs/man/tolk.${section}
+      DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+      COMPONENT development)
+  endforeach()
   if(TOLK_TOOLS)
     # Where Wireshark of the same prefix looks.
     install(
