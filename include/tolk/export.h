@@ -1,7 +1,10 @@
-// Visibility of what the library exports.
-// A host that links the static library or the objects defines TOLK_STATIC.
+/// @file
+/// Visibility of what the library exports.
+/// A host that links the static library or the objects defines TOLK_STATIC.
 #pragma once
 
+/// @def TOLK_API
+/// What the library exports.
 #if defined(TOLK_STATIC)
 #define TOLK_API
 #elif defined(_WIN32)

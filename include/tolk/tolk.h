@@ -1,4 +1,5 @@
-// Everything that a host includes, and the four factories.
+/// @file
+/// Everything that a host includes, and the four factories.
 #pragma once
 
 #include <tolk/IClient.h>
@@ -12,14 +13,14 @@
 
 extern "C" {
 
-// A client that is not connected yet; null when there is no memory.
+/// A client that is not connected yet; null when there is no memory.
 TOLK_API IClient* CreateClient();
-// Waits 300 ms, closes a connected client and frees it. Null is ignored.
+/// Waits 300 ms, closes a connected client and frees it. Null is ignored.
 TOLK_API void DestroyClient(IClient* client);
 
-// A server that is not started yet; null when there is no memory.
+/// A server that is not started yet; null when there is no memory.
 TOLK_API IServer* CreateServer();
-// Stops the server (`closeasync` for a pipe, `close` for TCP) and frees it. Null is ignored.
+/// Stops the server (`closeasync` for a pipe, `close` for TCP) and frees it. Null is ignored.
 TOLK_API void DestroyServer(IServer* server);
 
 }  // extern "C"

@@ -26,7 +26,9 @@ class Client {
   /// once.
   explicit Client(const Options& options = {})
       : core_(std::make_shared<detail::ClientCore>(options)) {}
+  /// One that was moved from can be destroyed or assigned to, and nothing else.
   Client(Client&&) noexcept = default;
+  /// Exchanges the two: what this one was ends with `other`.
   Client& operator=(Client&& other) noexcept {
     std::swap(core_, other.core_);
     return *this;

@@ -27,7 +27,9 @@ class Server {
   /// A server that does not listen yet. Of `options`, the limit and `quiet` are used.
   explicit Server(const Options& options = {})
       : core_(std::make_shared<detail::ServerCore>(options)) {}
+  /// One that was moved from can be destroyed or assigned to, and nothing else.
   Server(Server&&) noexcept = default;
+  /// Exchanges the two: what this one was ends with `other`.
   Server& operator=(Server&& other) noexcept {
     std::swap(core_, other.core_);
     return *this;
