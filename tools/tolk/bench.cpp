@@ -49,7 +49,8 @@ class Calls {
 
  private:
   void run(const Target& target, Clock::time_point end, std::atomic<long>& count) {
-    for (auto now = Clock::now(); now < end;) {
+    auto now = Clock::now();
+    do {  // once at least, however late the thread begins
       const auto result = target.client.call<Values>(target.method, target.arguments);
       const auto then = std::exchange(now, Clock::now());
       if (!result) {
@@ -58,7 +59,7 @@ class Calls {
       }
       times_us_.push_back(std::chrono::duration<double, std::micro>(now - then).count());
       ++count;
-    }
+    } while (now < end);
   }
 
   std::vector<double> times_us_;
@@ -164,7 +165,6 @@ void run(const Bench& bench, const Options& options) {
   const Target target{connect_to(address, method, options), method, std::move(arguments)};
   double seconds = 0;
   const std::vector<double> sorted = measure(bench, target, seconds);
-  if (sorted.empty()) throw Failure(Exit::usage, "no call was made", "give it a longer --duration");
   const Json report = report_of(bench, target, sorted, seconds);
   Output& output = Output::get();
   output.data(options.json == JsonStyle::off
