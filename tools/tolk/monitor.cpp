@@ -146,9 +146,15 @@ void add_monitor(CLI::App& app, Options& options) {
                   "Also write a capture, for Wireshark with tools/wireshark/tolk.lua")
       ->type_name("FILE");
   add_output_flags(command, options);
-  add_examples(command,
-               "  tolk monitor --from pipe:5001 --to pipe:5000\n"
-               "  tolk monitor --from tcp4:127.0.0.1:5001 --to pipe:5000 --pcapng calls.pcapng");
+  add_examples(
+      command,
+      "  tolk monitor --from pipe:5001 --to pipe:5000\n"
+      "  tolk monitor --from tcp4:127.0.0.1:5001 --to pipe:5000 --pcapng calls.pcapng",
+      "A line has the time, the number of the connection, the direction, the kind (call, post,\n"
+      "reply, piece of large data, nameless, large, no frame), method, id, arguments or result,\n"
+      "and bytes. A reply has ms, the time since its call, and error if the call has failed.\n"
+      "What is longer than 256 bytes is shown as {\"$bytes\": SIZE, \"$first\": BASE64}.\n"
+      "Bytes that are no frame are passed on all the same; their line says where and why.");
   command.callback([settings] { monitor(*settings); });
 }
 

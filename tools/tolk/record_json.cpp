@@ -23,6 +23,11 @@ std::string text_of(const Flaw& flaw) {
   return fmt::format("at byte {}: {}", flaw.offset, flaw.reason);
 }
 
+// A struct; bytes and odd numbers are objects too, but their one key begins with $.
+bool is_struct(const Json& json) {
+  return json.is_object() && (json.empty() || !json.begin().key().starts_with('$'));
+}
+
 // Where a value of that key stands, a later one takes its place; a key without a value leaves none.
 void set(Json& object, const Record& record) {
   Json& entry = object[text_of(text_to_json(*record.key), JsonStyle::off)];
@@ -73,7 +78,7 @@ Json to_json(const Block& block) {
       all.push_back(to_json(record));
     }
   }
-  if (!keyed.empty() || (!all.empty() && all.back().is_object())) all.push_back(std::move(keyed));
+  if (!keyed.empty() || (!all.empty() && is_struct(all.back()))) all.push_back(std::move(keyed));
   return all;
 }
 
