@@ -1,5 +1,7 @@
 // What the values of every type look like as JSON, there and back.
+#include <algorithm>
 #include <cmath>
+#include <cstddef>
 
 #include "tests/tool/served.h"
 
@@ -52,6 +54,22 @@ TEST_F(ToolJson, StructsAreObjects) {
 TEST_F(ToolJson, TextThatIsNotUtf8IsShownAsBytes) {
   server.on("odd", [] { return std::string("a\xff"); });
   EXPECT_EQ(printed("odd"), "{\"$base64\":\"Yf8=\"}\n");
+}
+
+TEST_F(ToolJson, BlocksThatAPeerNestsTooDeepAreShownAsBytes) {
+  server.on("deep", [] {
+    std::string block;
+    for (int level = 0; level < 200; ++level) {
+      TolkParams around;
+      around.AddStream(block.data(), static_cast<long>(block.size()));
+      block = *around.GetParamas();
+    }
+    const auto* const begin = reinterpret_cast<const std::byte*>(block.data());
+    return bytes(begin, begin + block.size());
+  });
+  const std::string shown = printed("deep");
+  EXPECT_EQ(std::count(shown.begin(), shown.end(), '['), 64);
+  EXPECT_NE(shown.find("[{\"$base64\":\""), std::string::npos) << shown;
 }
 
 TEST_F(ToolJson, WhatCanNotTravelIsRefused) {

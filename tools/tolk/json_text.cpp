@@ -48,10 +48,25 @@ Json object_of(const Values& values) {
   return object;
 }
 
+// How deep the calling thread is in blocks inside blocks. A peer may send any number: below the
+// deepest they are shown as the bytes that they are.
+constexpr int kDeepest = 64;
+thread_local int depth = 0;
+
+class Nesting {
+ public:
+  Nesting() { ++depth; }
+  ~Nesting() { --depth; }
+  Nesting(const Nesting&) = delete;
+  Nesting& operator=(const Nesting&) = delete;
+};
+
 // A struct or an inner list is a block inside bytes. Bytes that happen to be one look the same,
 // which is rare: its records carry their own offsets.
 Json json_of_stream(std::string_view data) {
-  const auto inner = data.empty() ? std::nullopt : Values::parse(data);
+  const Nesting one_more;
+  const bool may_be_block = !data.empty() && depth <= kDeepest;
+  const auto inner = may_be_block ? Values::parse(data) : std::nullopt;
   if (!inner) return json_of_bytes(data);
   return inner->size() == 0 ? object_of(*inner) : arguments_to_json(*inner);
 }
