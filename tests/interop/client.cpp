@@ -66,7 +66,7 @@ class Script {
     const std::string data = large_data(kLargeBytes, kOfClient);
     TolkParams block;
     block.AddStream(data.data(), static_cast<long>(data.size()));
-    client_->SetBigfileBufferSize(1 << 20);
+    client_->SetBigfileBufferSize(1 << 16);
     TolkParams* const result = client_->SendMsgEx("large", &block, 5, 0);
     long size = 0;
     const TolkValue* const value = result == nullptr ? nullptr : result->GetValue(1);
