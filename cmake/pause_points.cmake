@@ -12,5 +12,5 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${library_sources
 
 add_library(tolk_paused OBJECT EXCLUDE_FROM_ALL ${paused_sources})
 target_compile_definitions(tolk_paused PRIVATE TOLK_BUILDING TOLK_PAUSE_POINTS)
-set_target_properties(tolk_paused PROPERTIES CXX_EXTENSIONS OFF)
+set_target_properties(tolk_paused PROPERTIES CXX_EXTENSIONS OFF UNITY_BUILD OFF)
 target_link_libraries(tolk_paused PUBLIC tolk_static PRIVATE tolk_warnings)

@@ -9,7 +9,6 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr int kCallId = 77;
 constexpr int kTaken = 0;
 constexpr int kComplete = 1;
 constexpr int kMalformed = -1;
@@ -38,17 +37,17 @@ std::vector<std::string> mistaken_pieces() {
       BlockWriter().keyed("s_c_sw_threadid", true).add(1).add(byte).bytes(),
       BlockWriter().keyed("s_c_sw_threadid", 77.0).add(1).add(byte).bytes(),
       BlockWriter().keyed("s_c_sw_threadid", byte).add(1).add(byte).bytes(),
-      header(kCallId).bytes(),
-      header(kCallId).add(byte).add(byte).bytes(),
-      header(kCallId).add(std::string("1")).add(byte).bytes(),
-      header(kCallId).add(1.0).add(byte).bytes(),
-      header(kCallId).list({1}).add(byte).bytes(),
-      header(kCallId).add(1).add(1).bytes(),
-      header(kCallId).add(1).add(1.0).bytes(),
-      header(kCallId).add(1).add(true).bytes(),
-      header(kCallId).add(1).add(std::string("x")).bytes(),
-      header(kCallId).add(1).list({byte}).bytes(),
-      header(kCallId).add(1).map({{"x", byte}}).bytes(),
+      header(kLargeCallId).bytes(),
+      header(kLargeCallId).add(byte).add(byte).bytes(),
+      header(kLargeCallId).add(std::string("1")).add(byte).bytes(),
+      header(kLargeCallId).add(1.0).add(byte).bytes(),
+      header(kLargeCallId).list({1}).add(byte).bytes(),
+      header(kLargeCallId).add(1).add(1).bytes(),
+      header(kLargeCallId).add(1).add(1.0).bytes(),
+      header(kLargeCallId).add(1).add(true).bytes(),
+      header(kLargeCallId).add(1).add(std::string("x")).bytes(),
+      header(kLargeCallId).add(1).list({byte}).bytes(),
+      header(kLargeCallId).add(1).map({{"x", byte}}).bytes(),
   };
 }
 
@@ -64,13 +63,13 @@ class BadPieces : public OverTransports {
   void TearDown() override { EXPECT_TRUE(workers_are_free(*server, address)); }
 
   std::optional<Message> send(const std::optional<std::string>& arguments) {
-    return client->call("s_c_req_body", kCallId, arguments);
+    return client->call("s_c_req_body", kLargeCallId, arguments);
   }
   // A large call that is all right, with the call id of the bad ones.
   std::string result_of_good_call() {
-    const std::string call = large_call(BlockWriter(), "hello", kCallId);
-    client->post("s_c_req_body", kCallId,
-                 piece_arguments(kCallId, static_cast<int>(call.size()), call));
+    const std::string call = large_call(BlockWriter(), "hello", kLargeCallId);
+    client->post("s_c_req_body", kLargeCallId,
+                 piece_arguments(kLargeCallId, static_cast<int>(call.size()), call));
     const Received received = receive_large(client->socket);
     if (received.last) client->socket.send_frame(reply_payload(*received.last));
     const auto result = read_block(received.bytes);
@@ -92,22 +91,24 @@ TEST_P(BadPieces, MissingAndMistypedFieldsCountAsIncompleteAndAreForgotten) {
 }
 
 TEST_P(BadPieces, PieceWithoutBytesIsAnEmptyOne) {
-  EXPECT_THAT(numbers_in(send(header(kCallId).add(1).bytes())), ElementsAre(kTaken));
+  EXPECT_THAT(numbers_in(send(header(kLargeCallId).add(1).bytes())), ElementsAre(kTaken));
   // Nothing of nothing: a block without a name.
-  EXPECT_THAT(numbers_in(send(header(kCallId).add(0).bytes())), ElementsAre(kMalformed, kTaken));
+  EXPECT_THAT(numbers_in(send(header(kLargeCallId).add(0).bytes())),
+              ElementsAre(kMalformed, kTaken));
 }
 
 TEST_P(BadPieces, BlockThatDoesNotParseIsAnsweredWithMinusOneAndDropped) {
-  EXPECT_THAT(numbers_in(send(piece_arguments(kCallId, 1, "x"))), ElementsAre(kMalformed, kTaken));
-  EXPECT_THAT(numbers_in(send(piece_arguments(kCallId, 3, "xy"))), ElementsAre(kTaken));
-  const auto answer = send(piece_arguments(kCallId, 3, "z"));
+  EXPECT_THAT(numbers_in(send(piece_arguments(kLargeCallId, 1, "x"))),
+              ElementsAre(kMalformed, kTaken));
+  EXPECT_THAT(numbers_in(send(piece_arguments(kLargeCallId, 3, "xy"))), ElementsAre(kTaken));
+  const auto answer = send(piece_arguments(kLargeCallId, 3, "z"));
   ASSERT_TRUE(answer.has_value());
   EXPECT_EQ(answer->payload, BlockWriter()
                                  .keyed("s_c_sw_name", std::string("retval"))
                                  .add(kMalformed)
                                  .add(kTaken)
                                  .keyed("s_c_sw_name", std::string("retval"))
-                                 .keyed("s_c_sw_threadid", kCallId)
+                                 .keyed("s_c_sw_threadid", kLargeCallId)
                                  .keyed("s_c_sw_semid", std::string("0x1"))
                                  .bytes());
   EXPECT_EQ(result_of_good_call(), "hello");
@@ -118,15 +119,15 @@ TEST_P(BadPieces, BlockWithoutANameIsAnsweredWithMinusOne) {
   const std::string numbered = BlockWriter().keyed("s_c_sw_name", 5).bytes();
   for (const std::string& block : {nameless, numbered}) {
     const auto total = static_cast<int>(block.size());
-    EXPECT_THAT(numbers_in(send(piece_arguments(kCallId, total, block))),
+    EXPECT_THAT(numbers_in(send(piece_arguments(kLargeCallId, total, block))),
                 ElementsAre(kMalformed, kTaken));
   }
 }
 
 TEST_P(BadPieces, MoreBytesThanDeclaredAreOneBlock) {
-  const std::string call = large_call(BlockWriter(), "hello", kCallId);
+  const std::string call = large_call(BlockWriter(), "hello", kLargeCallId);
   for (const int declared : {1, 0, -5}) {
-    client->post("s_c_req_body", kCallId, piece_arguments(kCallId, declared, call));
+    client->post("s_c_req_body", kLargeCallId, piece_arguments(kLargeCallId, declared, call));
     const Received received = receive_large(client->socket);
     ASSERT_TRUE(received.last.has_value()) << declared;
     EXPECT_EQ(read_block(received.bytes)->string_at(0), "hello");
@@ -173,9 +174,9 @@ std::string nested_pieces(int depth, int call_id) {
 
 TEST_P(BadPieces, PieceInsideAPieceIsAnUnknownMethodHoweverDeep) {
   for (const int depth : {1, 2, 20000}) {
-    const std::string block = nested_pieces(depth, kCallId);
-    client->post("s_c_req_body", kCallId,
-                 piece_arguments(kCallId, static_cast<int>(block.size()), block));
+    const std::string block = nested_pieces(depth, kLargeCallId);
+    client->post("s_c_req_body", kLargeCallId,
+                 piece_arguments(kLargeCallId, static_cast<int>(block.size()), block));
     const Received received = receive_large(client->socket);
     ASSERT_TRUE(received.last.has_value());
     EXPECT_EQ(read_block(received.bytes)->string_at(0), "no event: s_c_req_body");
@@ -186,9 +187,9 @@ TEST_P(BadPieces, PieceInsideAPieceIsAnUnknownMethodHoweverDeep) {
 }
 
 TEST_P(BadPieces, NestedPieceForTheHeaderReceiverIsUnknownToo) {
-  const std::string block = large_call(BlockWriter().add(0), "s_c_req_header", kCallId);
-  client->post("s_c_req_body", kCallId,
-               piece_arguments(kCallId, static_cast<int>(block.size()), block));
+  const std::string block = large_call(BlockWriter().add(0), "s_c_req_header", kLargeCallId);
+  client->post("s_c_req_body", kLargeCallId,
+               piece_arguments(kLargeCallId, static_cast<int>(block.size()), block));
   const Received received = receive_large(client->socket);
   EXPECT_EQ(read_block(received.bytes)->string_at(0), "no event: s_c_req_header");
 }
@@ -203,22 +204,22 @@ TEST_P(BadResultPieces, AreAnsweredAndForgotten) {
   ASSERT_TRUE(connect_client(client.get(), address));
   LargeCall call;
   RawSocket peer = server.take();
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   const Received received = receive_large(peer);
   ASSERT_TRUE(received.last.has_value());
   peer.send_frame(taken(*received.last));
   for (const std::string& piece : mistaken_pieces()) {
-    peer.send_frame(call_payload("s_c_req_body", kCallId, piece, "0x1"));
+    peer.send_frame(call_payload("s_c_req_body", kLargeCallId, piece, "0x1"));
     const auto answer = peer.read_message();
     ASSERT_TRUE(answer.has_value());
     EXPECT_EQ(answer->payload, BlockWriter()
-                                   .keyed("s_c_sw_threadid", kCallId)
+                                   .keyed("s_c_sw_threadid", kLargeCallId)
                                    .keyed("s_c_sw_semid", std::string("0x1"))
                                    .keyed("s_c_sw_name", std::string("retval"))
                                    .bytes());
   }
   EXPECT_FALSE(call.is_over());
-  ASSERT_TRUE(send_large(peer, kCallId, BlockWriter().add(5).bytes()).has_value());
+  ASSERT_TRUE(send_large(peer, kLargeCallId, BlockWriter().add(5).bytes()).has_value());
   TolkParams* const result = call.result();
   ASSERT_NE(result, nullptr);
   EXPECT_EQ(result->GetValue(0)->GetInt(), 5);

@@ -10,8 +10,6 @@ namespace {
 using testing::ElementsAre;
 using Sizes = std::vector<std::size_t>;
 
-constexpr int kCallId = 77;
-
 IServerMethod* echo() {
   return on_call([](int, TolkParams* in, TolkParams* out) {
     const std::string bytes = stream_at(in, 0);
@@ -81,33 +79,33 @@ class LargeCallServer : public OverTransports {
 TOLK_OVER_TRANSPORTS(LargeCallServer);
 
 TEST_P(LargeCallServer, IncompletePieceIsAnsweredWithZero) {
-  EXPECT_EQ(payload_of(send(kCallId, 100, pattern(50))), incomplete_answer(kCallId));
-  EXPECT_EQ(payload_of(send(kCallId, 100, pattern(49))), incomplete_answer(kCallId));
+  EXPECT_EQ(payload_of(send(kLargeCallId, 100, pattern(50))), incomplete_answer(kLargeCallId));
+  EXPECT_EQ(payload_of(send(kLargeCallId, 100, pattern(49))), incomplete_answer(kLargeCallId));
 }
 
 TEST_P(LargeCallServer, LastPieceIsAnsweredWithOneAfterTheWholeResult) {
-  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   const auto total = static_cast<int>(call.size());
-  ASSERT_TRUE(send(kCallId, total, call.substr(0, 10)).has_value());
-  send_last(kCallId, total, call.substr(10));
+  ASSERT_TRUE(send(kLargeCallId, total, call.substr(0, 10)).has_value());
+  send_last(kLargeCallId, total, call.substr(10));
   const Received result = take_result();
   EXPECT_EQ(result.bytes, BlockWriter()
                               .add(Stream{"hi"})
                               .keyed("said", std::string("so"))
                               .keyed("s_c_sw_name", std::string("s_c_largedata"))
-                              .keyed("s_c_sw_threadid", kCallId)
+                              .keyed("s_c_sw_threadid", kLargeCallId)
                               .bytes());
-  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kCallId));
+  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
 }
 
 TEST_P(LargeCallServer, LastPieceIsNotAnsweredBeforeTheResultIsTaken) {
-  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
-  send_last(kCallId, static_cast<int>(call.size()), call);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
+  send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto piece = read_piece(client->socket);
   ASSERT_TRUE(piece.has_value());
   EXPECT_TRUE(client->socket.is_quiet());
   client->socket.send_frame(reply_payload(piece->call));
-  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kCallId));
+  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
 }
 
 TEST_P(LargeCallServer, ResultIsCutAtThePieceSize) {
@@ -115,11 +113,11 @@ TEST_P(LargeCallServer, ResultIsCutAtThePieceSize) {
   const std::size_t around = 9 + (1 + 9 + 4 + 9 + 2) + added_bytes("s_c_largedata");
   const auto sizes_of_result = [&](std::size_t total) {
     const std::string call =
-        large_call(BlockWriter().add(Stream{pattern(total - around)}), "echo", kCallId);
-    send_last(kCallId, static_cast<int>(call.size()), call);
+        large_call(BlockWriter().add(Stream{pattern(total - around)}), "echo", kLargeCallId);
+    send_last(kLargeCallId, static_cast<int>(call.size()), call);
     const Received result = take_result();
     EXPECT_EQ(result.bytes.size(), total);
-    EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kCallId));
+    EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
     return result.sizes;
   };
   EXPECT_THAT(sizes_of_result(32767), ElementsAre(32767));
@@ -133,12 +131,13 @@ TEST_P(LargeCallServer, ResultIsCutAtThePieceSize) {
 
 TEST_P(LargeCallServer, ResultPiecesNameTheCallAndTheTotal) {
   server->SetBigfileBufferSize(60);
-  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
-  send_last(kCallId, static_cast<int>(call.size()), call);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
+  send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto first = read_piece(client->socket);
   ASSERT_TRUE(first.has_value());
-  EXPECT_EQ(first->call.call_id(), kCallId);
-  EXPECT_EQ(*first->call.arguments(), piece_arguments(kCallId, first->total(), first->bytes()));
+  EXPECT_EQ(first->call.call_id(), kLargeCallId);
+  EXPECT_EQ(*first->call.arguments(),
+            piece_arguments(kLargeCallId, first->total(), first->bytes()));
 }
 
 // On purpose: with call id 0 the pieces name 0, and the calls that carry them the worker thread's.
@@ -153,17 +152,17 @@ TEST_P(LargeCallServer, CallIdZeroIsNamedAndNotCalledWith) {
 
 TEST_P(LargeCallServer, ResultPieceWithoutAnAnswerEndsTheSending) {
   server->SetBigfileBufferSize(60);
-  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
-  send_last(kCallId, static_cast<int>(call.size()), call);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
+  send_last(kLargeCallId, static_cast<int>(call.size()), call);
   ASSERT_TRUE(read_piece(client->socket).has_value());  // stays without an answer: half a second
-  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kCallId));
+  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
 }
 
 // On purpose: an answer that was left from an earlier piece counts for one that was not answered.
 TEST_P(LargeCallServer, StaleAnswerCountsForAResultPiece) {
   server->SetBigfileBufferSize(30);
-  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
-  send_last(kCallId, static_cast<int>(call.size()), call);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
+  send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto first = read_piece(client->socket);
   ASSERT_TRUE(first.has_value());
   client->socket.send_frame(reply_payload(first->call));
@@ -172,8 +171,8 @@ TEST_P(LargeCallServer, StaleAnswerCountsForAResultPiece) {
 }
 
 TEST_P(LargeCallServer, UnknownMethodIsAnsweredLikeAnyCallOfOne) {
-  const std::string call = large_call(BlockWriter(), "nobody", kCallId);
-  send_last(kCallId, static_cast<int>(call.size()), call);
+  const std::string call = large_call(BlockWriter(), "nobody", kLargeCallId);
+  send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto result = read_block(take_result().bytes);
   ASSERT_TRUE(result.has_value());
   EXPECT_EQ(result->string_at(0), "no event: nobody");
@@ -183,17 +182,18 @@ TEST_P(LargeCallServer, CatchAllTakesLargeCallsToo) {
   server->methodall(on_any_call([](const char* name, int, TolkParams* in, TolkParams* out) {
     out->AddString((std::string(name) + " " + string_at(in, 0)).c_str());
   }));
-  const std::string call = large_call(BlockWriter().add(std::string("hi")), "anything", kCallId);
-  send_last(kCallId, static_cast<int>(call.size()), call);
+  const std::string call =
+      large_call(BlockWriter().add(std::string("hi")), "anything", kLargeCallId);
+  send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto result = read_block(take_result().bytes);
   ASSERT_TRUE(result.has_value());
   EXPECT_EQ(result->string_at(0), "anything hi");
 }
 
 TEST_P(LargeCallServer, VersionQuestionMayBeLarge) {
-  const std::string call =
-      large_call(BlockWriter().keyed("VERSION", std::string(kVersion)), "s_c_version", kCallId);
-  send_last(kCallId, static_cast<int>(call.size()), call);
+  const std::string call = large_call(BlockWriter().keyed("VERSION", std::string(kVersion)),
+                                      "s_c_version", kLargeCallId);
+  send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto result = read_block(take_result().bytes);
   ASSERT_TRUE(result.has_value());
   ASSERT_NE(result->at(0), nullptr);
@@ -202,8 +202,8 @@ TEST_P(LargeCallServer, VersionQuestionMayBeLarge) {
 
 // Only an ordinary call closes the server.
 TEST_P(LargeCallServer, LargeCallOfTheCloseRequestIsAnUnknownMethod) {
-  const std::string call = large_call(BlockWriter(), "s_c_close_server", kCallId);
-  send_last(kCallId, static_cast<int>(call.size()), call);
+  const std::string call = large_call(BlockWriter(), "s_c_close_server", kLargeCallId);
+  send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto result = read_block(take_result().bytes);
   ASSERT_TRUE(result.has_value());
   EXPECT_EQ(result->string_at(0), "no event: s_c_close_server");
@@ -211,11 +211,11 @@ TEST_P(LargeCallServer, LargeCallOfTheCloseRequestIsAnUnknownMethod) {
 }
 
 TEST_P(LargeCallServer, HeaderReceiverJoinsOnItsOwn) {
-  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   const auto total = static_cast<int>(call.size());
   // Half a block under the same id at the other receiver changes nothing here.
-  ASSERT_TRUE(send(kCallId, total, call.substr(0, 10)).has_value());
-  client->post("s_c_req_header", kCallId, piece_arguments(kCallId, total, call));
+  ASSERT_TRUE(send(kLargeCallId, total, call.substr(0, 10)).has_value());
+  client->post("s_c_req_header", kLargeCallId, piece_arguments(kLargeCallId, total, call));
   const auto result = read_block(take_result().bytes);
   ASSERT_TRUE(result.has_value());
   EXPECT_EQ(*result->at(0), Scalar(Stream{"hi"}));
@@ -242,29 +242,30 @@ TEST_P(LargeCallServer, PiecesOfTwoClientsWithTheirOwnIdsDoNotMix) {
 TEST_P(LargeCallServer, PiecesOfTwoClientsWithTheSameIdAreMixed) {
   RawClient second(address);
   ASSERT_TRUE(second.is_greeted());
-  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   const auto total = static_cast<int>(call.size());
-  ASSERT_TRUE(send(kCallId, total, call.substr(0, 10)).has_value());
-  second.socket.send_frame(call_payload("s_c_req_body", kCallId,
-                                        piece_arguments(kCallId, total, call.substr(10)), "0x1"));
+  ASSERT_TRUE(send(kLargeCallId, total, call.substr(0, 10)).has_value());
+  second.socket.send_frame(call_payload(
+      "s_c_req_body", kLargeCallId, piece_arguments(kLargeCallId, total, call.substr(10)), "0x1"));
   EXPECT_EQ(*read_block(receive_large(second.socket).bytes)->at(0), Scalar(Stream{"hi"}));
 }
 
 // On purpose: what an abandoned call has sent waits for the next call with its id.
 TEST_P(LargeCallServer, PiecesOfAnAbandonedCallAreJoinedToTheNextOfItsId) {
-  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kCallId);
+  const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   const auto total = static_cast<int>(call.size());
-  ASSERT_TRUE(send(kCallId, total, call.substr(0, 10)).has_value());
+  ASSERT_TRUE(send(kLargeCallId, total, call.substr(0, 10)).has_value());
   client->socket.close();
   client.emplace(address);
   ASSERT_TRUE(client->is_greeted());
-  send_last(kCallId, total, call.substr(10));
+  send_last(kLargeCallId, total, call.substr(10));
   EXPECT_EQ(*read_block(take_result().bytes)->at(0), Scalar(Stream{"hi"}));
 }
 
 TEST_P(LargeCallServer, ClientThatLeavesAtAnyPieceDisturbsNobody) {
   server->SetBigfileBufferSize(60);
-  const std::string call = large_call(BlockWriter().add(Stream{pattern(200)}), "echo", kCallId);
+  const std::string call =
+      large_call(BlockWriter().add(Stream{pattern(200)}), "echo", kLargeCallId);
   for (int taken_pieces = 0; taken_pieces < 4; ++taken_pieces) {
     const int id = 100 + taken_pieces;
     RawClient leaving(address);

@@ -11,8 +11,6 @@ namespace {
 using testing::ElementsAre;
 using Sizes = std::vector<std::size_t>;
 
-constexpr int kCallId = 77;
-
 // A client of the library's and a server on plain sockets.
 class LargeCallWire : public OverTransports {
  protected:
@@ -23,7 +21,7 @@ class LargeCallWire : public OverTransports {
   }
 
   // Answers the call that is under way: `result` in one piece, then the last piece of the call.
-  void answer(const Received& received, std::string_view result, int call_id = kCallId) {
+  void answer(const Received& received, std::string_view result, int call_id = kLargeCallId) {
     ASSERT_TRUE(received.last.has_value());
     const auto reply = send_large(peer, call_id, result);
     ASSERT_TRUE(reply.has_value());
@@ -35,7 +33,7 @@ class LargeCallWire : public OverTransports {
   Sizes cut(std::size_t total) {
     TolkParams arguments;
     fill_to(arguments, "m", total);
-    call.begin(*client, "m", &arguments, kCallId);
+    call.begin(*client, "m", &arguments, kLargeCallId);
     const Received received = receive_large(peer);
     EXPECT_EQ(received.bytes.size(), total);
     answer(received, "");
@@ -84,21 +82,21 @@ TEST_P(LargeCallWire, SizesThatCannotBeSentInCountAsTheDefault) {
 TEST_P(LargeCallWire, PieceIsAnOrdinaryCallOfThePieceReceiver) {
   TolkParams arguments;
   arguments.AddInt(7);
-  call.begin(*client, "m", &arguments, kCallId);
+  call.begin(*client, "m", &arguments, kLargeCallId);
   const auto piece = read_piece(peer);
   ASSERT_TRUE(piece.has_value());
-  const std::string block = large_call(BlockWriter().add(7), "m", kCallId);
-  EXPECT_EQ(piece->call.call_id(), kCallId);
+  const std::string block = large_call(BlockWriter().add(7), "m", kLargeCallId);
+  EXPECT_EQ(piece->call.call_id(), kLargeCallId);
   EXPECT_TRUE(piece->call.token().has_value());
   EXPECT_EQ(*piece->call.arguments(),
-            piece_arguments(kCallId, static_cast<int>(block.size()), block));
+            piece_arguments(kLargeCallId, static_cast<int>(block.size()), block));
 }
 
 TEST_P(LargeCallWire, NoArgumentsLeaveTheTwoKeys) {
-  const std::string keys = large_call(BlockWriter(), "m", kCallId);
+  const std::string keys = large_call(BlockWriter(), "m", kLargeCallId);
   TolkParams empty;
   for (TolkParams* const arguments : {&empty, static_cast<TolkParams*>(nullptr)}) {
-    call.begin(*client, "m", arguments, kCallId);
+    call.begin(*client, "m", arguments, kLargeCallId);
     const Received received = receive_large(peer);
     EXPECT_EQ(received.bytes, keys);
     answer(received, BlockWriter().add(1).bytes());
@@ -110,7 +108,7 @@ TEST_P(LargeCallWire, NextPieceWaitsForTheAnswer) {
   client->SetBigfileBufferSize(100);
   TolkParams arguments;
   fill_to(arguments, "m", 200);
-  call.begin(*client, "m", &arguments, kCallId);
+  call.begin(*client, "m", &arguments, kLargeCallId);
   const auto first = read_piece(peer);
   ASSERT_TRUE(first.has_value());
   EXPECT_TRUE(peer.is_quiet());
@@ -122,7 +120,7 @@ TEST_P(LargeCallWire, PieceWithoutAnAnswerEndsTheSendingAndNotTheWait) {
   client->SetBigfileBufferSize(100);
   TolkParams arguments;
   fill_to(arguments, "m", 250);
-  call.begin(*client, "m", &arguments, kCallId);
+  call.begin(*client, "m", &arguments, kLargeCallId);
   ASSERT_TRUE(read_piece(peer).has_value());
   EXPECT_TRUE(peer.is_quiet(Milliseconds(1500)));  // the piece has half a second
   EXPECT_FALSE(call.is_over());
@@ -135,7 +133,7 @@ TEST_P(LargeCallWire, CallersBlockIsEmptied) {
   arguments.AddInt(7);
   arguments.AddKeyValueInt("k", 8);
   ASSERT_TRUE(arguments.ToParams());
-  call.begin(*client, "m", &arguments, kCallId);
+  call.begin(*client, "m", &arguments, kLargeCallId);
   answer(receive_large(peer), "");
   EXPECT_NE(call.result(), nullptr);
   EXPECT_EQ(arguments.Size(), 0);
@@ -173,16 +171,16 @@ TEST_P(LargeCallWire, CallIdIsTheThreadsUnlessTheBlockOrTheCallerSaysOtherwise) 
 TEST_P(LargeCallWire, ResultInPiecesIsJoined) {
   const std::string bytes = pattern(100000);
   const std::string result = BlockWriter().add(Stream{bytes}).bytes();
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   const Received received = receive_large(peer);
   ASSERT_TRUE(received.last.has_value());
   const auto total = static_cast<int>(result.size());
   for (std::size_t at = 0; at < result.size(); at += 30000) {
-    const auto reply = send_piece(peer, kCallId, total, result.substr(at, 30000));
+    const auto reply = send_piece(peer, kLargeCallId, total, result.substr(at, 30000));
     ASSERT_TRUE(reply.has_value());
     // Nothing but the envelope, whether the piece was the last or not.
     EXPECT_EQ(reply->payload, BlockWriter()
-                                  .keyed("s_c_sw_threadid", kCallId)
+                                  .keyed("s_c_sw_threadid", kLargeCallId)
                                   .keyed("s_c_sw_semid", std::string("0x1"))
                                   .keyed("s_c_sw_name", std::string("retval"))
                                   .bytes());
@@ -193,9 +191,9 @@ TEST_P(LargeCallWire, ResultInPiecesIsJoined) {
 
 // The call ends with the result, however late the answer to its own last piece is.
 TEST_P(LargeCallWire, ResultEndsTheCallOnceTheLastPieceIsGivenUp) {
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   ASSERT_TRUE(receive_large(peer).last.has_value());
-  ASSERT_TRUE(send_large(peer, kCallId, BlockWriter().add(9).bytes()).has_value());
+  ASSERT_TRUE(send_large(peer, kLargeCallId, BlockWriter().add(9).bytes()).has_value());
   TolkParams* const result = call.result();
   ASSERT_NE(result, nullptr);
   EXPECT_EQ(result->GetValue(0)->GetInt(), 9);
@@ -205,7 +203,7 @@ TEST_P(LargeCallWire, ResultThatDoesNotParseIsKeptAsFarAsItDoes) {
   std::string result = BlockWriter().add(1).add(2).bytes();
   result[9 + 5] ^= 1;  // the second check word: its value stays, what follows does not come
   result += BlockWriter().add(3).bytes();
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   answer(receive_large(peer), result);
   TolkParams* const kept = call.result();
   ASSERT_NE(kept, nullptr);
@@ -213,7 +211,7 @@ TEST_P(LargeCallWire, ResultThatDoesNotParseIsKeptAsFarAsItDoes) {
 }
 
 TEST_P(LargeCallWire, EmptyResultIsAnEmptyBlock) {
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   answer(receive_large(peer), "");
   TolkParams* const result = call.result();
   ASSERT_NE(result, nullptr);
@@ -222,11 +220,11 @@ TEST_P(LargeCallWire, EmptyResultIsAnEmptyBlock) {
 
 TEST_P(LargeCallWire, ResultBlockMayBeTheNextArgument) {
   const std::string first = BlockWriter().add(Stream{pattern(50000)}).bytes();
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   answer(receive_large(peer), first);
   TolkParams* const block = call.result();
   ASSERT_NE(block, nullptr);
-  call.begin(*client, "m", block, kCallId);
+  call.begin(*client, "m", block, kLargeCallId);
   const Received received = receive_large(peer);
   EXPECT_EQ(received.bytes.substr(0, first.size()), first);
   answer(received, BlockWriter().add(2).bytes());
@@ -236,11 +234,11 @@ TEST_P(LargeCallWire, ResultBlockMayBeTheNextArgument) {
 }
 
 TEST_P(LargeCallWire, ClearRetvalMemForgetsLargeResults) {
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   answer(receive_large(peer), "");
   EXPECT_NE(call.result(), nullptr);
   client->ClearRetvalMem();
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   ASSERT_TRUE(receive_large(peer).last.has_value());
   peer.close();
   EXPECT_EQ(call.result(), nullptr);
@@ -252,13 +250,13 @@ TEST_P(LargeCallWire, LateResultIsTheOlderBlockOfTheNextCall) {
   RawServer other_server(elsewhere);
   const ClientPtr other = make_client();
   ASSERT_TRUE(connect_client(other.get(), elsewhere));
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   ASSERT_TRUE(receive_large(peer).last.has_value());
   other_server.stop();  // the loss of any server ends every large call
   EXPECT_EQ(call.result(), nullptr);
 
-  ASSERT_TRUE(send_large(peer, kCallId, BlockWriter().add(3).bytes()).has_value());
-  call.begin(*client, "m", nullptr, kCallId);
+  ASSERT_TRUE(send_large(peer, kLargeCallId, BlockWriter().add(3).bytes()).has_value());
+  call.begin(*client, "m", nullptr, kLargeCallId);
   ASSERT_TRUE(receive_large(peer).last.has_value());
   peer.close();
   TolkParams* const older = call.result();
@@ -277,7 +275,7 @@ TEST_P(LargeCallWire, DisconnectAtEveryPieceEndsTheCall) {
     fill_to(arguments, "m", 400);
     LargeCall its_call;
     RawSocket its_peer = its_server.take();
-    its_call.begin(*its_client, "m", &arguments, kCallId);
+    its_call.begin(*its_client, "m", &arguments, kLargeCallId);
     for (int piece = 0; piece < answered; ++piece) {
       const auto got = read_piece(its_peer);
       ASSERT_TRUE(got.has_value());
@@ -290,9 +288,9 @@ TEST_P(LargeCallWire, DisconnectAtEveryPieceEndsTheCall) {
 }
 
 TEST_P(LargeCallWire, DisconnectInsideTheResultEndsTheCall) {
-  call.begin(*client, "m", nullptr, kCallId);
+  call.begin(*client, "m", nullptr, kLargeCallId);
   ASSERT_TRUE(receive_large(peer).last.has_value());
-  ASSERT_TRUE(send_piece(peer, kCallId, 100, pattern(99)).has_value());
+  ASSERT_TRUE(send_piece(peer, kLargeCallId, 100, pattern(99)).has_value());
   peer.close();
   EXPECT_EQ(call.result(), nullptr);
 }

@@ -14,6 +14,7 @@
 
 #include "tests/e2e/support/handlers.h"
 #include "tests/e2e/support/raw_peer.h"
+#include "tests/pattern.h"
 
 namespace tolk::test {
 
@@ -28,12 +29,7 @@ class PieceSizeRestored {
   }
 };
 
-// Bytes in which a piece that is lost, doubled or out of order shows.
-inline std::string pattern(std::size_t size) {
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + i / 251);
-  return bytes;
-}
+inline constexpr int kLargeCallId = 77;
 
 // The two keys that a sender adds to a block, as bytes: how many.
 inline std::size_t added_bytes(std::string_view name) { return 30 + name.size() + 34; }

@@ -10,7 +10,7 @@
 namespace tolk::test {
 namespace {
 
-constexpr int kCallId = 5;
+constexpr int kCallIdOfTheFiles = 5;
 
 // What the golden calls carry: the positional value 7 and the keyed value ok = true.
 void fill(TolkParams& block) {
@@ -48,13 +48,13 @@ TOLK_OVER_TRANSPORTS(ClientWire);
 TEST_P(ClientWire, Call) {
   TolkParams arguments;
   fill(arguments);
-  std::thread caller([&] { client->SendMsg("sum", &arguments, kCallId, 1); });
+  std::thread caller([&] { client->SendMsg("sum", &arguments, kCallIdOfTheFiles, 1); });
   EXPECT_EQ(next(), to_hex(golden("call")));
   caller.join();
 }
 
 TEST_P(ClientWire, CallWithoutArguments) {
-  std::thread caller([&] { client->SendMsgFast("sum", nullptr, kCallId, 1); });
+  std::thread caller([&] { client->SendMsgFast("sum", nullptr, kCallIdOfTheFiles, 1); });
   EXPECT_EQ(next(), to_hex(golden("call_without_arguments")));
   caller.join();
 }
@@ -62,9 +62,9 @@ TEST_P(ClientWire, CallWithoutArguments) {
 TEST_P(ClientWire, PostedCall) {
   TolkParams arguments;
   fill(arguments);
-  client->PostMsg("sum", &arguments, kCallId);
+  client->PostMsg("sum", &arguments, kCallIdOfTheFiles);
   EXPECT_EQ(next(), to_hex(golden("posted_call")));
-  client->PostMsgFast("sum", &arguments, kCallId);
+  client->PostMsgFast("sum", &arguments, kCallIdOfTheFiles);
   EXPECT_EQ(next(), to_hex(golden("posted_call")));
 }
 
@@ -72,7 +72,7 @@ TEST_P(ClientWire, PieceOfALargeCall) {
   client->SetBigfileBufferSize(64);
   TolkParams arguments;
   arguments.AddStream(std::string(100, 'x').c_str(), 100);
-  std::thread caller([&] { client->SendMsgEx("sum", &arguments, kCallId, 0); });
+  std::thread caller([&] { client->SendMsgEx("sum", &arguments, kCallIdOfTheFiles, 0); });
   EXPECT_EQ(next(), to_hex(golden("large_piece")));
   peer.close();
   caller.join();
@@ -88,7 +88,7 @@ class ClientReplyWire : public ClientWire {
 TOLK_OVER_TRANSPORTS(ClientReplyWire);
 
 TEST_P(ClientReplyWire, Reply) {
-  peer.send_frame(call_payload("sum", kCallId, {}, "0x1"));
+  peer.send_frame(call_payload("sum", kCallIdOfTheFiles, {}, "0x1"));
   EXPECT_EQ(hex_of(peer.read_frame()), to_hex(golden("client_reply")));
 }
 
@@ -98,18 +98,18 @@ TEST_P(ClientReplyWire, ReplyToACallWithoutIdAndToken) {
 }
 
 TEST_P(ClientReplyWire, ReplyWithoutMethod) {
-  peer.send_frame(call_payload("foo", kCallId, {}, "0x1"));
+  peer.send_frame(call_payload("foo", kCallIdOfTheFiles, {}, "0x1"));
   EXPECT_EQ(hex_of(peer.read_frame()), to_hex(golden("client_no_method_reply")));
 }
 
 TEST_P(ClientReplyWire, ReplyToAPiece) {
   const std::string piece = BlockWriter()
                                 .keyed("s_c_largedata", true)
-                                .keyed("s_c_sw_threadid", kCallId)
+                                .keyed("s_c_sw_threadid", kCallIdOfTheFiles)
                                 .add(100)
                                 .add(Stream{"xyz"})
                                 .bytes();
-  peer.send_frame(call_payload("s_c_req_body", kCallId, piece, "0x1"));
+  peer.send_frame(call_payload("s_c_req_body", kCallIdOfTheFiles, piece, "0x1"));
   EXPECT_EQ(hex_of(peer.read_frame()), to_hex(golden("client_piece_reply")));
 }
 
@@ -168,7 +168,8 @@ TEST_P(ServerWire, HandshakeReplyToAnotherVersion) {
 }
 
 TEST_P(ServerWire, Reply) {
-  EXPECT_EQ(answer_to(call_payload("sum", kCallId, {}, "0x1")), to_hex(golden("server_reply")));
+  EXPECT_EQ(answer_to(call_payload("sum", kCallIdOfTheFiles, {}, "0x1")),
+            to_hex(golden("server_reply")));
 }
 
 TEST_P(ServerWire, ReplyToACallWithoutIdAndToken) {
@@ -177,12 +178,12 @@ TEST_P(ServerWire, ReplyToACallWithoutIdAndToken) {
 }
 
 TEST_P(ServerWire, ReplyWithoutMethod) {
-  EXPECT_EQ(answer_to(call_payload("foo", kCallId, {}, "0x1")),
+  EXPECT_EQ(answer_to(call_payload("foo", kCallIdOfTheFiles, {}, "0x1")),
             to_hex(golden("server_no_method_reply")));
 }
 
 TEST_P(ServerWire, ReplyToTheRequestToClose) {
-  EXPECT_EQ(answer_to(call_payload("s_c_close_server", kCallId, {}, "0x1")),
+  EXPECT_EQ(answer_to(call_payload("s_c_close_server", kCallIdOfTheFiles, {}, "0x1")),
             to_hex(golden("close_server_reply")));
 }
 
@@ -194,13 +195,13 @@ TEST_P(ServerWire, ReplyToTheRequestToCloseWithoutId) {
 TEST_P(ServerWire, ReplyToAPiece) {
   const std::string piece = BlockWriter()
                                 .keyed("s_c_largedata", true)
-                                .keyed("s_c_sw_threadid", kCallId)
+                                .keyed("s_c_sw_threadid", kCallIdOfTheFiles)
                                 .add(100)
                                 .add(Stream{"xyz"})
                                 .bytes();
-  EXPECT_EQ(answer_to(call_payload("s_c_req_body", kCallId, piece, "0x1")),
+  EXPECT_EQ(answer_to(call_payload("s_c_req_body", kCallIdOfTheFiles, piece, "0x1")),
             to_hex(golden("server_piece_reply")));
-  EXPECT_EQ(answer_to(call_payload("s_c_req_header", kCallId, piece, "0x1")),
+  EXPECT_EQ(answer_to(call_payload("s_c_req_header", kCallIdOfTheFiles, piece, "0x1")),
             to_hex(golden("server_piece_reply")));
 }
 
@@ -209,11 +210,11 @@ TEST_P(ServerWire, ResultAndReplyToTheLastPiece) {
   const std::string call = BlockWriter().keyed("s_c_sw_name", "sum").bytes();
   const std::string piece = BlockWriter()
                                 .keyed("s_c_largedata", true)
-                                .keyed("s_c_sw_threadid", kCallId)
+                                .keyed("s_c_sw_threadid", kCallIdOfTheFiles)
                                 .add(static_cast<int>(call.size()))
                                 .add(Stream{call})
                                 .bytes();
-  client.send_frame(call_payload("s_c_req_body", kCallId, piece, "0x1"));
+  client.send_frame(call_payload("s_c_req_body", kCallIdOfTheFiles, piece, "0x1"));
   const auto result = client.read_message();
   ASSERT_TRUE(result);
   EXPECT_EQ(to_hex(with_token_masked(result->payload)), to_hex(golden("large_result_piece")));
@@ -225,7 +226,7 @@ TEST_P(ServerWire, Call) {
   ASSERT_NE(answer_to(call_payload("sum", 1, {}, "0x1")), "nothing came");
   TolkParams arguments;
   fill(arguments);
-  std::thread caller([&] { server->SendMsg(*id, "sum", &arguments, kCallId, 1); });
+  std::thread caller([&] { server->SendMsg(*id, "sum", &arguments, kCallIdOfTheFiles, 1); });
   EXPECT_EQ(next(), to_hex(golden("call")));
   caller.join();
 }
@@ -234,7 +235,7 @@ TEST_P(ServerWire, PostedCall) {
   ASSERT_NE(answer_to(call_payload("sum", 1, {}, "0x1")), "nothing came");
   TolkParams arguments;
   fill(arguments);
-  server->PostMsg(*id, "sum", &arguments, kCallId);
+  server->PostMsg(*id, "sum", &arguments, kCallIdOfTheFiles);
   EXPECT_EQ(next(), to_hex(golden("posted_call")));
 }
 

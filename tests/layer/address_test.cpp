@@ -4,7 +4,6 @@ namespace tolk::test {
 namespace {
 
 using tolk::v1::Address;
-using tolk::v1::Transport;
 
 std::string why_not(const char* text) {
   const Error error = error_of([&] { const Address address(text); });
@@ -22,14 +21,14 @@ TEST(LayerAddress, TextAndStructNameTheSame) {
 
 TEST(LayerAddress, BareNumberIsAPipe) {
   const Address address("5000");
-  EXPECT_EQ(address.transport(), Transport::pipe);
+  EXPECT_EQ(address.transport(), v1::Transport::pipe);
   EXPECT_EQ(address.number(), 5000);
   EXPECT_EQ(address.text(), "pipe:5000");
 }
 
 TEST(LayerAddress, PartsAreAsWritten) {
   const Address address("tcp6:[fe80::1%eth0]:65535");
-  EXPECT_EQ(address.transport(), Transport::tcp6);
+  EXPECT_EQ(address.transport(), v1::Transport::tcp6);
   EXPECT_EQ(address.host(), "fe80::1%eth0");
   EXPECT_EQ(address.number(), 65535);
 }

@@ -13,13 +13,11 @@
 namespace {
 
 using tolk::Encoder;
-using tolk::test::hex;
+using tolk::test::normal;
 using tolk::test::to_hex;
 
-std::string normal(std::string_view digits) { return to_hex(hex(digits)); }
-
 template <class Write>
-std::string encoded(Write write) {
+std::string written(Write write) {
   std::string buffer;
   Encoder encoder(buffer, 0);
   write(encoder);
@@ -39,35 +37,35 @@ struct FixedBuffer {
 };
 
 TEST(Encoder, IntRecord) {
-  EXPECT_EQ(encoded([](auto& to) { to.add_int(7); }), normal("00 07000000 05000000"));
-  EXPECT_EQ(encoded([](auto& to) { to.add_int(-2); }), normal("00 FEFFFFFF 05000000"));
-  EXPECT_EQ(encoded([](auto& to) { to.add_int(0x12345678); }), normal("00 78563412 05000000"));
-  EXPECT_EQ(encoded([](auto& to) { to.add_int(std::numeric_limits<int>::min()); }),
+  EXPECT_EQ(written([](auto& to) { to.add_int(7); }), normal("00 07000000 05000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_int(-2); }), normal("00 FEFFFFFF 05000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_int(0x12345678); }), normal("00 78563412 05000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_int(std::numeric_limits<int>::min()); }),
             normal("00 00000080 05000000"));
 }
 
 TEST(Encoder, BoolRecordHoldsADigit) {
-  EXPECT_EQ(encoded([](auto& to) { to.add_bool(true); }), normal("01 31 02000000"));
-  EXPECT_EQ(encoded([](auto& to) { to.add_bool(false); }), normal("01 30 02000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_bool(true); }), normal("01 31 02000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_bool(false); }), normal("01 30 02000000"));
 }
 
 TEST(Encoder, DoubleRecord) {
-  EXPECT_EQ(encoded([](auto& to) { to.add_double(-2.5); }), normal("02 00000000000004C0 09000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_double(-2.5); }), normal("02 00000000000004C0 09000000"));
 }
 
 TEST(Encoder, StringRecordHasNoTerminatingZero) {
-  EXPECT_EQ(encoded([](auto& to) { to.add_string("ok"); }), normal("03 02000000 6F6B 07000000"));
-  EXPECT_EQ(encoded([](auto& to) { to.add_string(""); }), normal("03 00000000 05000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_string("ok"); }), normal("03 02000000 6F6B 07000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_string(""); }), normal("03 00000000 05000000"));
 }
 
 TEST(Encoder, StreamRecordKeepsEveryByte) {
-  EXPECT_EQ(encoded([](auto& to) { to.add_stream(std::string_view("\0\xFF", 2)); }),
+  EXPECT_EQ(written([](auto& to) { to.add_stream(std::string_view("\0\xFF", 2)); }),
             normal("04 02000000 00FF 07000000"));
-  EXPECT_EQ(encoded([](auto& to) { to.add_stream({}); }), normal("04 00000000 05000000"));
+  EXPECT_EQ(written([](auto& to) { to.add_stream({}); }), normal("04 00000000 05000000"));
 }
 
 TEST(Encoder, KeyAndValueRecord) {
-  EXPECT_EQ(encoded([](auto& to) {
+  EXPECT_EQ(written([](auto& to) {
               to.add_int(7);
               to.add_key("ok");
               to.add_bool(true);
@@ -76,7 +74,7 @@ TEST(Encoder, KeyAndValueRecord) {
 }
 
 TEST(Encoder, ListHeaderHasNoCheckWord) {
-  EXPECT_EQ(encoded([](auto& to) { to.add_list_header(258); }), normal("06 02010000"));
+  EXPECT_EQ(written([](auto& to) { to.add_list_header(258); }), normal("06 02010000"));
 }
 
 TEST(Encoder, CheckWordsCountFromTheBase) {
@@ -104,7 +102,7 @@ TEST(Encoder, CheckWordsAreTheLowBitsOfAnOffsetBeyond32Bits) {
 TEST(Encoder, OverlongLengthIsCutToTheBitsThatTravel) {
   if constexpr (sizeof(std::size_t) > 4) {
     const std::string_view overlong("abcd", (std::size_t{1} << 32) + 3);
-    EXPECT_EQ(encoded([&](auto& to) { to.add_stream(overlong); }),
+    EXPECT_EQ(written([&](auto& to) { to.add_stream(overlong); }),
               normal("04 03000000 616263 08000000"));
   }
 }

@@ -38,4 +38,7 @@ inline std::string to_hex(std::string_view bytes) {
   return text;
 }
 
+// Digits in any grouping, as to_hex would group them.
+inline std::string normal(std::string_view digits) { return to_hex(hex(digits)); }
+
 }  // namespace tolk::test

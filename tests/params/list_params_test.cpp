@@ -11,7 +11,7 @@
 
 namespace {
 
-using tolk::test::hex;
+using tolk::test::normal;
 using tolk::test::to_hex;
 
 std::string encoded(ListParams* list) {
@@ -19,8 +19,6 @@ std::string encoded(ListParams* list) {
   block.AddList(list);
   return to_hex(TolkParamsAccess::bytes(block));
 }
-
-std::string normal(std::string_view digits) { return to_hex(hex(digits)); }
 
 TEST(ListParams, EmptyListIsATagAndACountOfZero) {
   EXPECT_EQ(encoded(TolkParams::CreateListParams()), "06 00 00 00 00");

@@ -12,11 +12,10 @@
 namespace {
 
 using tolk::test::hex;
+using tolk::test::normal;
 using tolk::test::to_hex;
 
 std::string bytes_of(TolkParams& block) { return to_hex(*block.GetParamas()); }
-std::string normal(std::string_view digits) { return to_hex(hex(digits)); }
-
 TEST(Params, NewBlockIsEmptyAndParses) {
   TolkParams block;
   EXPECT_EQ(block.Size(), 0);

@@ -13,7 +13,6 @@
 
 namespace {
 
-using Access = TolkParamsAccess;
 using ContentRef = TolkParamsAccess::ContentRef;
 
 // Bytes whose positional int and keyed text both tell `number`.
@@ -24,19 +23,19 @@ std::string numbered_bytes(int number) {
   return *block.GetParamas();
 }
 
-ContentRef numbered(int number) { return Access::parsed(numbered_bytes(number)); }
+ContentRef numbered(int number) { return TolkParamsAccess::parsed(numbered_bytes(number)); }
 
 std::unique_ptr<TolkParams> refreshable(int number) {
   auto block = std::make_unique<TolkParams>();
-  Access::parse_owned(*block, numbered_bytes(number));
-  Access::make_refreshable(*block);
+  TolkParamsAccess::parse_owned(*block, numbered_bytes(number));
+  TolkParamsAccess::make_refreshable(*block);
   return block;
 }
 
 TEST(Content, ParsedHoldsTheValuesWhateverTheVerdict) {
   std::string bytes = numbered_bytes(7);
   bytes += '\x08';
-  const ContentRef content = Access::parsed(bytes);
+  const ContentRef content = TolkParamsAccess::parsed(bytes);
   EXPECT_EQ(content.get()->buffer, bytes);
   EXPECT_EQ(content.get()->values.size(), 1U);
   EXPECT_EQ(content.get()->keyed.size(), 1U);
@@ -44,9 +43,9 @@ TEST(Content, ParsedHoldsTheValuesWhateverTheVerdict) {
 
 TEST(Content, ParseOwnedTellsTheVerdict) {
   TolkParams block;
-  EXPECT_TRUE(Access::parse_owned(block, numbered_bytes(7)));
-  EXPECT_FALSE(Access::parse_owned(block, "\x08"));
-  EXPECT_EQ(Access::bytes(block), "\x08");
+  EXPECT_TRUE(TolkParamsAccess::parse_owned(block, numbered_bytes(7)));
+  EXPECT_FALSE(TolkParamsAccess::parse_owned(block, "\x08"));
+  EXPECT_EQ(TolkParamsAccess::bytes(block), "\x08");
 }
 
 TEST(Content, ReferencesAreCounted) {
@@ -64,7 +63,7 @@ TEST(Refresh, SamePointerShowsTheNewContent) {
   const auto block = refreshable(1);
   TolkValue* const before = block->GetValue(0);
   bool touched = false;
-  const ContentRef old = Access::exchange(*block, numbered(2), &touched);
+  const ContentRef old = TolkParamsAccess::exchange(*block, numbered(2), &touched);
   EXPECT_EQ(before->GetInt(), 1);
   EXPECT_EQ(block->GetValue(0)->GetInt(), 2);
   EXPECT_STREQ(block->GetMap("text")->GetString(), "2");
@@ -73,9 +72,9 @@ TEST(Refresh, SamePointerShowsTheNewContent) {
 TEST(Refresh, UnusedContentCanGoAtOnce) {
   const auto block = refreshable(1);
   bool touched = true;
-  Access::exchange(*block, numbered(2), &touched);
+  TolkParamsAccess::exchange(*block, numbered(2), &touched);
   EXPECT_FALSE(touched);
-  Access::exchange(*block, numbered(3), &touched);
+  TolkParamsAccess::exchange(*block, numbered(3), &touched);
   EXPECT_FALSE(touched);
 }
 
@@ -103,9 +102,9 @@ TEST(Refresh, EveryAccessorMarksTheContentAsUsed) {
     const auto block = refreshable(1);
     accessors[i](*block);
     bool touched = false;
-    const ContentRef old = Access::exchange(*block, numbered(2), &touched);
+    const ContentRef old = TolkParamsAccess::exchange(*block, numbered(2), &touched);
     EXPECT_TRUE(touched) << "accessor " << i;
-    const ContentRef unused = Access::exchange(*block, numbered(3), &touched);
+    const ContentRef unused = TolkParamsAccess::exchange(*block, numbered(3), &touched);
     EXPECT_FALSE(touched) << "accessor " << i;
   }
 }
@@ -113,7 +112,7 @@ TEST(Refresh, EveryAccessorMarksTheContentAsUsed) {
 TEST(Refresh, ContentOfAnOrdinaryBlockCountsAsUsed) {
   TolkParams block;
   bool touched = false;
-  const ContentRef old = Access::exchange(block, numbered(2), &touched);
+  const ContentRef old = TolkParamsAccess::exchange(block, numbered(2), &touched);
   EXPECT_TRUE(touched);
   EXPECT_EQ(block.GetValue(0)->GetInt(), 2);
 }
@@ -124,7 +123,7 @@ TEST(Refresh, CopiesAndAssignedBlocksAreNotRefreshed) {
   TolkParams assigned;
   assigned = *block;
   bool touched = false;
-  Access::exchange(*block, numbered(2), &touched);
+  TolkParamsAccess::exchange(*block, numbered(2), &touched);
   EXPECT_EQ(copy.GetValue(0)->GetInt(), 1);
   EXPECT_EQ(assigned.GetValue(0)->GetInt(), 1);
 }
@@ -132,11 +131,11 @@ TEST(Refresh, CopiesAndAssignedBlocksAreNotRefreshed) {
 TEST(Refresh, AssignmentToARefreshableBlockReplacesItsContent) {
   const auto block = refreshable(1);
   TolkParams source;
-  Access::parse_owned(source, numbered_bytes(5));
+  TolkParamsAccess::parse_owned(source, numbered_bytes(5));
   *block = source;
   EXPECT_EQ(block->GetValue(0)->GetInt(), 5);
   bool touched = false;
-  Access::exchange(*block, numbered(6), &touched);
+  TolkParamsAccess::exchange(*block, numbered(6), &touched);
   EXPECT_EQ(source.GetValue(0)->GetInt(), 5);
   EXPECT_EQ(block->GetValue(0)->GetInt(), 6);
 }
@@ -150,7 +149,7 @@ class RefreshRace : public ::testing::Test {
   void refresh_all() {
     for (int i = 1; i <= refreshes; ++i) {
       bool touched = false;
-      ContentRef old = Access::exchange(*result, numbered(i), &touched);
+      ContentRef old = TolkParamsAccess::exchange(*result, numbered(i), &touched);
       if (touched) kept.push_back(std::move(old));
     }
     done = true;

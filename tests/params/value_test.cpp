@@ -12,8 +12,6 @@
 
 namespace {
 
-using Access = TolkValueAccess;
-
 std::string stream_of(const TolkValue& value) {
   long size = -1;
   const char* bytes = value.GetStream(size);
@@ -138,7 +136,7 @@ TEST(Value, AssignmentCopiesOnlyTheBytesOfTheKind) {
 TEST(Value, AssignmentOfAnUnknownKindCopiesTheKindAlone) {
   TolkValue value(7);
   value = TolkValue(static_cast<TolkValue::Type>(99));
-  EXPECT_EQ(Access::type(value), 99);
+  EXPECT_EQ(TolkValueAccess::type(value), 99);
   EXPECT_EQ(value.GetInt(), 7);
 }
 
@@ -157,15 +155,15 @@ TEST(Value, ListCopiesShareTheirElements) {
   const TolkValue constructed(source);
   EXPECT_EQ(*assigned.GetList(), *source.GetList());
   EXPECT_EQ(*constructed.GetList(), *source.GetList());
-  EXPECT_EQ(Access::owners(*source.GetList()->front()), 3U);
+  EXPECT_EQ(TolkValueAccess::owners(*source.GetList()->front()), 3U);
 }
 
 TEST(Value, MapCopiesShareTheirEntries) {
   TolkValue source(TolkValue::Map);
   source.AddListMapInt("k", 1);
   TolkValue copy(source);
-  EXPECT_EQ(Access::map(copy), Access::map(source));
-  EXPECT_EQ(Access::owners(*Access::map(source).at("k")), 2U);
+  EXPECT_EQ(TolkValueAccess::map(copy), TolkValueAccess::map(source));
+  EXPECT_EQ(TolkValueAccess::owners(*TolkValueAccess::map(source).at("k")), 2U);
 }
 
 TEST(Value, SharedElementsLiveAsLongAsAnyCopy) {
@@ -215,7 +213,7 @@ TEST(Value, ClearLeavesTheElementsOfAnotherKind) {
   EXPECT_TRUE(value.IsInt());
   value.clear();
   EXPECT_EQ(value.GetList()->size(), 1U);
-  EXPECT_EQ(Access::map(value).size(), 1U);
+  EXPECT_EQ(TolkValueAccess::map(value).size(), 1U);
 }
 
 TEST(Value, AssignmentFromAnOwnElement) {
@@ -267,7 +265,7 @@ TEST(Value, AddListMapSetsEntriesOfEachKind) {
   map.AddListMapDouble("double", 2.5);
   map.AddListMapString("string", "abc", 2);
   map.AddListMapStream(nullptr, "c\0d", 3);
-  auto& entries = Access::map(map);
+  auto& entries = TolkValueAccess::map(map);
   ASSERT_EQ(entries.size(), 5U);
   EXPECT_TRUE(entries.at("bool")->GetBool());
   EXPECT_EQ(entries.at("int")->GetInt(), 2);
@@ -279,13 +277,13 @@ TEST(Value, AddListMapSetsEntriesOfEachKind) {
 TEST(Value, AddListMapDropsTheEarlierValueWithoutFreeingIt) {
   TolkValue map(TolkValue::Map);
   map.AddListMapInt("k", 1);
-  TolkValue* const earlier = Access::map(map).at("k");
+  TolkValue* const earlier = TolkValueAccess::map(map).at("k");
   map.AddListMapInt("k", 2);
-  ASSERT_EQ(Access::map(map).size(), 1U);
-  EXPECT_EQ(Access::map(map).at("k")->GetInt(), 2);
+  ASSERT_EQ(TolkValueAccess::map(map).size(), 1U);
+  EXPECT_EQ(TolkValueAccess::map(map).at("k")->GetInt(), 2);
   EXPECT_EQ(earlier->GetInt(), 1);
-  EXPECT_EQ(Access::owners(*earlier), 1U);
-  Access::release(earlier);
+  EXPECT_EQ(TolkValueAccess::owners(*earlier), 1U);
+  TolkValueAccess::release(earlier);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 namespace tolk::stress {
 namespace {
 
-constexpr int kClients = 4;
+constexpr int kKilledClients = 4;
 constexpr int kCallers = 16;
 // What a call may take beyond its time-out.
 constexpr int kLatestMs = 2 * kStepMs + 100;
@@ -57,7 +57,7 @@ class Kills {
       if (!client && !start_client(client)) return;
     }
     const bool takes_server = random_.one_in(2);
-    const int victim = random_.between(0, kClients - 1);
+    const int victim = random_.between(0, kKilledClients - 1);
     const int delay_us = random_.between(0, 60000);
     run_.at("kill ", round_, " of ", takes_server ? "the server" : "a client", " after ", delay_us,
             " us, seed ", run_.seed());
@@ -71,8 +71,6 @@ class Kills {
 
   bool start_server() {
     // Two of three on TCP, where a dead peer is noticed in another way than on a pipe.
-    constexpr std::array kTransports{test::Transport::pipe, test::Transport::tcp4,
-                                     test::Transport::tcp6};
     address_ = test::fresh_address(kTransports.at(static_cast<std::size_t>(random_.between(0, 2))));
     server_ = std::make_unique<Process>(
         std::vector<std::string>{"echo-server", text_of(address_),
@@ -123,7 +121,7 @@ class Kills {
   Random random_;
   test::Address address_;
   std::unique_ptr<Process> server_;
-  std::array<std::unique_ptr<Process>, kClients> clients_;
+  std::array<std::unique_ptr<Process>, kKilledClients> clients_;
   int round_ = 0;
   int killed_servers_ = 0;
   int killed_clients_ = 0;

@@ -97,8 +97,8 @@ class Pairs {
   std::atomic<int> wrong_{0};
 };
 
-constexpr std::array kTransports{test::Transport::pipe, test::Transport::tcp4,
-                                 test::Transport::tcp6, test::Transport::pipe};
+constexpr std::array kTransportOf{test::Transport::pipe, test::Transport::tcp4,
+                                  test::Transport::tcp6, test::Transport::pipe};
 
 void call_in_pairs_with(Pairs& pairs, const CallOperation& call, int first_call_id,
                         const Run& run) {
@@ -112,7 +112,7 @@ void call_in_pairs_with(Pairs& pairs, const CallOperation& call, int first_call_
 // The end of any client wakes the calls of all: so they end together, when all calls are made.
 void call_as_client(Run& run, Pairs& pairs, int connection, std::latch& all_made) {
   const test::Address address =
-      test::fresh_address(kTransports.at(static_cast<std::size_t>(connection)));
+      test::fresh_address(kTransportOf.at(static_cast<std::size_t>(connection)));
   test::RawServer listening(address);
   const test::ClientPtr client = test::make_client();
   if (!run.expect(test::connect_client(client.get(), address), "a client did not connect")) {
@@ -135,7 +135,7 @@ void call_as_client(Run& run, Pairs& pairs, int connection, std::latch& all_made
 
 void call_as_server(Run& run, Pairs& pairs, int connection) {
   const test::Address address =
-      test::fresh_address(kTransports.at(static_cast<std::size_t>(connection)));
+      test::fresh_address(kTransportOf.at(static_cast<std::size_t>(connection)));
   const test::ServerPtr server = test::make_server();
   const auto id = std::make_shared<std::atomic<int>>(0);
   server->method("s_c_connect",

@@ -40,13 +40,13 @@ int next_number() {
 
 namespace {
 
-struct Held {
+struct HeldHandlers {
   std::mutex mutex;
   std::set<int> numbers;
 };
 
-Held& held() {
-  static auto* const all = new Held;
+HeldHandlers& held() {
+  static auto* const all = new HeldHandlers;
   return *all;
 }
 

@@ -48,8 +48,6 @@ void race(RacingServer& server, std::array<std::unique_ptr<RacingClient>, 2>& cl
 }
 
 void run_cycle(Run& run, Random& random) {
-  constexpr std::array kTransports{test::Transport::pipe, test::Transport::tcp4,
-                                   test::Transport::tcp6};
   const test::Address address =
       test::fresh_address(kTransports.at(static_cast<std::size_t>(random.between(0, 2))));
   RacingServer server(run, random, address);

@@ -11,6 +11,8 @@
 namespace tolk::test {
 namespace {
 
+using Json = nlohmann::json;
+
 Ended dump(const std::string& bytes, std::vector<std::string> words = {}, bool terminal = false) {
   words.insert(words.begin(), "dump");
   return tolk_command(std::move(words), {.out_is_terminal = terminal, .input = bytes});
@@ -107,7 +109,6 @@ TEST(ToolDump, ReadsHexadecimalWithComments) {
 }
 
 TEST(ToolDump, GivesJson) {
-  using Json = nlohmann::json;
   const Ended frames = dump(golden("call") + golden("server_reply"), {"--json=short"});
   const std::size_t end = frames.out.find('\n');
   const Json call = Json::parse(frames.out.substr(0, end));

@@ -17,7 +17,7 @@ namespace tolk::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr std::chrono::seconds kLimit{30};
+constexpr std::chrono::seconds kProcessLimit{30};
 
 struct Pair {
   int ours = -1;
@@ -158,7 +158,7 @@ void Process::await(const std::string& text) {
     return stream.text.find(text) != std::string::npos;
   };
   const bool told = changed_.wait_for(
-      lock, kLimit, [&] { return has(out_) || has(err_) || (out_.ended && err_.ended); });
+      lock, kProcessLimit, [&] { return has(out_) || has(err_) || (out_.ended && err_.ended); });
   if (!told || !(has(out_) || has(err_))) {
     ADD_FAILURE() << "\"" << text << "\" did not come, but:\n" << out_.text << err_.text;
   }
@@ -172,7 +172,7 @@ Ended Process::end() {
   const auto begun = Clock::now();
   int status = 0;
   while (waitpid(process_, &status, WNOHANG) == 0) {
-    if (Clock::now() - begun > kLimit) {
+    if (Clock::now() - begun > kProcessLimit) {
       ADD_FAILURE() << "the command does not end";
       signal(SIGKILL);
     }

@@ -2,6 +2,7 @@
 #include "transport/growing_block.h"
 
 #include <gtest/gtest.h>
+#include <tests/pattern.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -11,14 +12,9 @@
 namespace {
 
 using tolk::GrowingBlock;
+using tolk::test::pattern;
 
 constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max();
-
-std::string pattern(std::size_t size) {
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + i / 251);
-  return bytes;
-}
 
 void append_in_pieces(GrowingBlock& block, const std::string& bytes, std::size_t piece_bytes) {
   for (std::size_t at = 0; at < bytes.size(); at += piece_bytes) {

@@ -62,11 +62,11 @@ class HandedOff : public testing::Test {
   int wake_ups = 0;
   std::vector<std::string> log;
 };
-using Log = std::vector<std::string>;
+using Events = std::vector<std::string>;
 
 TEST_F(HandedOff, QueueThatNeverOpenedRefusesAtOnce) {
   EXPECT_FALSE(post("a"));
-  EXPECT_EQ(log, (Log{"a refused", "a freed"}));
+  EXPECT_EQ(log, (Events{"a refused", "a freed"}));
 }
 
 TEST_F(HandedOff, TasksRunInOrderOnTheLoop) {
@@ -76,7 +76,7 @@ TEST_F(HandedOff, TasksRunInOrderOnTheLoop) {
   EXPECT_TRUE(post("c"));
   EXPECT_TRUE(log.empty());
   turn();
-  EXPECT_EQ(log, (Log{"a ran", "a freed", "b ran", "b freed", "c ran", "c freed"}));
+  EXPECT_EQ(log, (Events{"a ran", "a freed", "b ran", "b freed", "c ran", "c freed"}));
 }
 
 TEST_F(HandedOff, OneWakeUpServesAllThatStandInLine) {
@@ -106,7 +106,7 @@ TEST_F(HandedOff, TaskThatATaskPostsRunsAtTheNextWakeUp) {
   EXPECT_TRUE(log.empty());
   turn();
   EXPECT_EQ(wake_ups, 2);
-  EXPECT_EQ(log, (Log{"inner ran", "inner freed"}));
+  EXPECT_EQ(log, (Events{"inner ran", "inner freed"}));
 }
 
 TEST_F(HandedOff, CloseRefusesWhatStandsInLineInOrder) {
@@ -114,7 +114,7 @@ TEST_F(HandedOff, CloseRefusesWhatStandsInLineInOrder) {
   post("a");
   post("b");
   hand_off.close();
-  EXPECT_EQ(log, (Log{"a refused", "a freed", "b refused", "b freed"}));
+  EXPECT_EQ(log, (Events{"a refused", "a freed", "b refused", "b freed"}));
   turn();
   EXPECT_EQ(log.size(), 4u) << "nothing runs any more";
 }
@@ -123,7 +123,7 @@ TEST_F(HandedOff, ClosedQueueRefusesAtOnce) {
   hand_off.open(&wake_up);
   hand_off.close();
   EXPECT_FALSE(post("late"));
-  EXPECT_EQ(log, (Log{"late refused", "late freed"}));
+  EXPECT_EQ(log, (Events{"late refused", "late freed"}));
 }
 
 TEST_F(HandedOff, ClosingTwiceIsHarmless) {
@@ -131,7 +131,7 @@ TEST_F(HandedOff, ClosingTwiceIsHarmless) {
   post("a");
   hand_off.close();
   hand_off.close();
-  EXPECT_EQ(log, (Log{"a refused", "a freed"}));
+  EXPECT_EQ(log, (Events{"a refused", "a freed"}));
 }
 
 TEST_F(HandedOff, TaskThatClosesEndsTheDrain) {
@@ -139,7 +139,7 @@ TEST_F(HandedOff, TaskThatClosesEndsTheDrain) {
   post_function([this] { hand_off.close(); });
   post("behind it");
   turn();
-  EXPECT_EQ(log, (Log{"behind it refused", "behind it freed"}));
+  EXPECT_EQ(log, (Events{"behind it refused", "behind it freed"}));
 }
 
 TEST_F(HandedOff, RefusedTaskMayPostAgain) {
@@ -155,7 +155,7 @@ TEST_F(HandedOff, RefusedTaskMayPostAgain) {
   hand_off.open(&wake_up);
   hand_off.post(std::make_unique<Stubborn>([this] { EXPECT_FALSE(post("again")); }));
   hand_off.close();
-  EXPECT_EQ(log, (Log{"again refused", "again freed"}));
+  EXPECT_EQ(log, (Events{"again refused", "again freed"}));
 }
 
 TEST_F(HandedOff, FunctionTaskIsSimplyDroppedWhenRefused) {
@@ -224,8 +224,8 @@ TEST_F(HandedOff, TheReadyTaskRunsInItsPlaceAndOnce) {
   hand_off.post_ready();
   post("last");
   turn();
-  EXPECT_EQ(
-      log, (Log{"first ran", "first freed", "ready ran", "ready freed", "last ran", "last freed"}));
+  EXPECT_EQ(log, (Events{"first ran", "first freed", "ready ran", "ready freed", "last ran",
+                         "last freed"}));
 }
 
 TEST_F(HandedOff, TheReadyTaskStaysReadyWhileTheQueueIsNotOpen) {
@@ -233,10 +233,10 @@ TEST_F(HandedOff, TheReadyTaskStaysReadyWhileTheQueueIsNotOpen) {
   hand_off.post_ready();
   hand_off.open(&wake_up);
   turn();
-  EXPECT_EQ(log, Log{});
+  EXPECT_EQ(log, Events{});
   hand_off.post_ready();
   turn();
-  EXPECT_EQ(log, (Log{"ready ran", "ready freed"}));
+  EXPECT_EQ(log, (Events{"ready ran", "ready freed"}));
 }
 
 }  // namespace

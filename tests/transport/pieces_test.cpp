@@ -1,6 +1,7 @@
 // Large blocks cut into pieces, and joined again.
 
 #include <gtest/gtest.h>
+#include <tests/pattern.h>
 #include <tests/transport/fake_calls.h>
 #include <tolk/TolkParams.h>
 #include <tolk/TolkValue.h>
@@ -23,12 +24,7 @@
 namespace {
 
 using tolk::PieceAssembler;
-
-std::string pattern(std::size_t size) {
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + i / 251);
-  return bytes;
-}
+using tolk::test::pattern;
 
 // One piece as the peer sees it.
 struct Sent {

@@ -12,11 +12,11 @@
 namespace {
 
 using tolk::WorkItem;
-using Log = std::vector<std::string>;
+using Events = std::vector<std::string>;
 
 class Item final : public WorkItem {
  public:
-  Item(std::function<void()> run, std::function<void()> end, Log& log)
+  Item(std::function<void()> run, std::function<void()> end, Events& log)
       : run_(std::move(run)), end_(std::move(end)), log_(log) {}
   ~Item() override { log_.emplace_back("freed"); }
 
@@ -27,7 +27,7 @@ class Item final : public WorkItem {
 
   const std::function<void()> run_;
   const std::function<void()> end_;
-  Log& log_;
+  Events& log_;
 };
 
 class WorkItems : public testing::Test {
@@ -40,7 +40,7 @@ class WorkItems : public testing::Test {
   }
 
   uv_loop_t loop{};
-  Log log;
+  Events log;
 };
 
 TEST_F(WorkItems, RunsOnAWorkerEndsOnTheLoopAndIsFreed) {
@@ -57,7 +57,7 @@ TEST_F(WorkItems, RunsOnAWorkerEndsOnTheLoopAndIsFreed) {
       });
   EXPECT_TRUE(ended_on == std::thread::id()) << "nothing ends before the loop runs";
   uv_run(&loop, UV_RUN_DEFAULT);
-  EXPECT_EQ(log, (Log{"run", "end", "freed"}));
+  EXPECT_EQ(log, (Events{"run", "end", "freed"}));
   EXPECT_NE(ran_on, std::this_thread::get_id());
   EXPECT_EQ(ended_on, std::this_thread::get_id());
 }
@@ -65,13 +65,13 @@ TEST_F(WorkItems, RunsOnAWorkerEndsOnTheLoopAndIsFreed) {
 TEST_F(WorkItems, ExceptionOutOfTheWorkIsToldInPlaceOfTheEnd) {
   begin([] { throw std::bad_alloc(); }, [this] { log.emplace_back("end"); });
   uv_run(&loop, UV_RUN_DEFAULT);
-  EXPECT_EQ(log, (Log{"failed", "freed"}));
+  EXPECT_EQ(log, (Events{"failed", "freed"}));
 }
 
 TEST_F(WorkItems, ExceptionOutOfTheEndIsTold) {
   begin([] {}, [] { throw std::runtime_error("end"); });
   uv_run(&loop, UV_RUN_DEFAULT);
-  EXPECT_EQ(log, (Log{"failed", "freed"}));
+  EXPECT_EQ(log, (Events{"failed", "freed"}));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <tolk/tolk.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -16,6 +17,9 @@
 #include "tests/stress/frame/run.h"
 
 namespace tolk::stress {
+
+inline constexpr std::array kTransports{test::Transport::pipe, test::Transport::tcp4,
+                                        test::Transport::tcp6};
 
 inline constexpr int kStepMs = 100;        // of the sweep that notices time-outs
 inline constexpr int kFirstSweepMs = 500;  // after connecting, or after a server's first call
