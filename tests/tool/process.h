@@ -54,7 +54,6 @@ class Process {
   void read_all(Stream& stream);
 
   pid_t process_ = -1;
-  int input_ = -1;
   int terminal_ = -1;
   std::mutex mutex_;
   std::condition_variable changed_;
