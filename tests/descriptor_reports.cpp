@@ -19,6 +19,7 @@ extern "C" const char* __tsan_default_suppressions() {
          "race:^pipe2$\n"
          "race:^socket$\n"
          "race:^accept4$\n"
+         "race:^closedir$\n"
          "race:^open$\n";
 }
 #endif
