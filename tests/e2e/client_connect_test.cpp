@@ -304,6 +304,21 @@ TEST(ConnectingByTcp4, TextThatIsNoAddressNeverReachesAServerOnThisMachine) {
   EXPECT_FALSE(server.take(kQuiet).is_open());
 }
 
+// The system refuses a stream to a broadcast or multicast address before anything is sent.
+TEST(ConnectingByTcp4, ConnectThatIsRefusedAtOnceIsALine) {
+  const ClientPtr client = make_client();
+  const Capture out;
+  EXPECT_FALSE(client->InitTolkClientTcp4("255.255.255.255", "1", false));
+  EXPECT_EQ(out.text(), "Tcp4: Tolk Version: 1.1.0.12\nuv_tcp_connect error\ncant connect: 1 \n");
+}
+
+TEST(ConnectingByTcp6, ConnectThatIsRefusedAtOnceIsNoLineOfItsOwn) {
+  const ClientPtr client = make_client();
+  const Capture out;
+  EXPECT_FALSE(client->InitTolkClientTcp6("ff02::1", "1", false));
+  EXPECT_EQ(out.text(), "Tcp6: Tolk Version: 1.1.0.12\ncant connect: 1 \n");
+}
+
 TEST(ConnectingByTcp6, TextThatIsNoAddressFailsWithoutALineOfItsOwn) {
   const Address address = fresh_address(Transport::tcp6);
   RawServer server(address);

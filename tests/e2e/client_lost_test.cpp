@@ -224,11 +224,38 @@ TEST_P(Losing, BusyHandlersReplyGoesNowhere) {
   ASSERT_TRUE(gate.wait_entered());
   peer.close();
   ASSERT_TRUE(goes_offline());
+  char any[] = "x";
+  client->log(any, 0);  // both lines are failures, which every level has
   const Capture out;
   gate.open();
   EXPECT_TRUE(ends(deleted));
   EXPECT_TRUE(out.wait_for_line("write data error")) << out.text();
   EXPECT_EQ(out.count("write error"), 1);
+}
+
+TEST_P(Losing, LevelZeroLeavesTheLinesThatAreNoEvents) {
+  char any[] = "x";
+  client->log(any, 0);
+  client->method("s_c_closed", on_call([](int, TolkParams*, TolkParams*) {}));
+  const Capture out;
+  connect();
+  peer.close();
+  ASSERT_TRUE(goes_offline());
+  EXPECT_TRUE(
+      out.wait_for_text(tcp_only("run\n") + "close server event!\n" + tcp_only("run out\n")))
+      << out.text();
+  EXPECT_EQ(client->SendMsgEx("m", nullptr, 7, 0), nullptr);
+  EXPECT_EQ(out.text(), tcp_only("run\n") + "close server event!\n" + tcp_only("run out\n") +
+                            "sendmsgex: disconnect... .. .\n");
+}
+
+TEST_P(Losing, LevelZeroLeavesNoLineOfACloseButTheLoops) {
+  char any[] = "x";
+  client->log(any, 0);
+  const Capture out;
+  connect();
+  client->close();
+  EXPECT_EQ(out.text(), tcp_only("run\nrun out\n"));
 }
 
 TEST_P(Reconnecting, FindsTheMethodTableEmpty) {

@@ -41,7 +41,7 @@ class Replies : public WithRawServer {
 TOLK_OVER_TRANSPORTS(Replies);
 
 TEST_P(Replies, ReplyWithoutCallIdIsDropped) {
-  CallMeanwhile call(client.get(), "m", 7, 400);
+  CallMeanwhile call(client.get(), "m", 7, 0);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
   peer.send_frame(BlockWriter()
@@ -49,7 +49,10 @@ TEST_P(Replies, ReplyWithoutCallIdIsDropped) {
                       .keyed("s_c_sw_name", std::string("retval"))
                       .keyed("s_c_sw_semid", *message->token())
                       .bytes());
-  EXPECT_EQ(call.result(), nullptr);
+  settle();
+  EXPECT_FALSE(call.is_done(Milliseconds(0)));
+  peer.send_frame(reply_payload(*message, BlockWriter().add(2)));
+  EXPECT_EQ(int_in(call.result()), 2);
 }
 
 TEST_P(Replies, ReplyWithoutTokenIsStoredAndWakesNobody) {
@@ -112,6 +115,17 @@ TEST_P(Replies, LateReplyFillsTheSlotAndTheNextCallEmptiesIt) {
   EXPECT_EQ(next.result(), nullptr);
 }
 
+TEST_P(Replies, LateReplyIsWhatTheNextCallOfItsIdReturnsWhenThatTimesOut) {
+  CallMeanwhile call(client.get(), "first", 7, 1);
+  const auto first = peer.read_message();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(call.result(), nullptr);
+  CallMeanwhile next(client.get(), "second", 7, 700);
+  ASSERT_TRUE(peer.read_message());
+  peer.send_frame(reply_payload(*first, BlockWriter().add(1)));
+  EXPECT_EQ(int_in(next.result()), 1);
+}
+
 TEST_P(Replies, LateReplyWakesNoLaterCallOfTheSameThread) {
   // One thread makes both calls, so that the second may get the memory of the first.
   std::atomic<bool> returned{false};
@@ -166,11 +180,14 @@ TEST_P(Replies, ReplyToAPostedCallWakesNobody) {
 }
 
 TEST_P(Replies, MalformedReplyIsDropped) {
-  CallMeanwhile call(client.get(), "m", 7, 400);
+  CallMeanwhile call(client.get(), "m", 7, 0);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
   peer.send_frame(reply_payload(*message, BlockWriter().add(1)) + "\x09");
-  EXPECT_EQ(call.result(), nullptr);
+  settle();
+  EXPECT_FALSE(call.is_done(Milliseconds(0)));
+  peer.send_frame(reply_payload(*message, BlockWriter().add(2)));
+  EXPECT_EQ(int_in(call.result()), 2);
 }
 
 TEST_P(Replies, ReplyThatCameJustBeforeTheEndIsReturned) {

@@ -1,6 +1,9 @@
 // Large calls of a client: what goes over the wire, and what comes back.
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <thread>
+
 #include "tests/e2e/large_peer.h"
 #include "tests/e2e/support/capture.h"
 #include "tests/e2e/support/handlers.h"
@@ -39,6 +42,25 @@ class LargeCallWire : public OverTransports {
     answer(received, "");
     EXPECT_NE(call.result(), nullptr);
     return received.sizes;
+  }
+
+  // How long a piece without an answer keeps the turn of calls: until then no other client's call
+  // comes.
+  Milliseconds time_of_a_piece(int fourth_argument) {
+    const ClientPtr caller = make_client();
+    EXPECT_TRUE(connect_client(caller.get(), address));
+    RawSocket callers_peer = server.take();
+    const auto begin = std::chrono::steady_clock::now();
+    TolkParams arguments;
+    call.begin(*caller, "m", &arguments, kLargeCallId, fourth_argument);
+    EXPECT_TRUE(read_piece(callers_peer).has_value());
+    std::thread other([&] { client->SendMsg("m", nullptr, 1, 1); });
+    EXPECT_TRUE(peer.read_message().has_value());
+    const auto time = std::chrono::steady_clock::now() - begin;
+    other.join();
+    callers_peer.close();
+    EXPECT_EQ(call.result(), nullptr);
+    return std::chrono::floor<Milliseconds>(time);
   }
 
   const PieceSizeRestored restored{};
@@ -126,6 +148,10 @@ TEST_P(LargeCallWire, PieceWithoutAnAnswerEndsTheSendingAndNotTheWait) {
   EXPECT_FALSE(call.is_over());
   peer.close();
   EXPECT_EQ(call.result(), nullptr);
+}
+
+TEST_P(LargeCallWire, PieceHasHalfASecondWhateverTheFourthArgument) {
+  for (const int limit : {1, 600000}) EXPECT_GE(time_of_a_piece(limit), Milliseconds(500)) << limit;
 }
 
 TEST_P(LargeCallWire, CallersBlockIsEmptied) {

@@ -121,11 +121,12 @@ class LargeCall {
   LargeCall(const LargeCall&) = delete;
   LargeCall& operator=(const LargeCall&) = delete;
 
-  void begin(IClient& client, const char* name, TolkParams* arguments, int call_id = 0) {
+  void begin(IClient& client, const char* name, TolkParams* arguments, int call_id = 0,
+             int unused_limit = 0) {
     join();
     over_ = Counter();
-    thread_ = std::thread([this, &client, name, arguments, call_id] {
-      result_ = client.SendMsgEx(name, arguments, call_id, 0);
+    thread_ = std::thread([this, &client, name, arguments, call_id, unused_limit] {
+      result_ = client.SendMsgEx(name, arguments, call_id, unused_limit);
       over_.add();
     });
   }

@@ -183,6 +183,27 @@ TEST_P(ServerCalls, LateAnswerIsKeptAndWakesNobody) {
   EXPECT_EQ(number_in(result), 2);
 }
 
+TEST_P(ServerCalls, AnswerWithoutACallIdIsDropped) {
+  Counter over;
+  TolkParams* result = nullptr;
+  std::thread caller([&] {
+    result = server->SendMsg(id, "m", nullptr, kCallId, kNever);
+    over.add();
+  });
+  const auto call = client->socket.read_message();
+  ASSERT_TRUE(call.has_value());
+  client->socket.send_frame(BlockWriter()
+                                .add(1)
+                                .keyed("s_c_sw_name", std::string("retval"))
+                                .keyed("s_c_sw_semid", *call->token())
+                                .bytes());
+  EXPECT_EQ(id_of(*client), id);  // so the server has read it
+  EXPECT_EQ(over.value(), 0);
+  client->socket.send_frame(reply_payload(*call, BlockWriter().add(2)));
+  caller.join();
+  EXPECT_EQ(number_in(result), 2);
+}
+
 TEST_P(ServerCalls, AnswerToAPostedCallIsKeptUnderItsCallId) {
   server->PostMsg(id, "m", nullptr, kCallId);
   const auto call = client->socket.read_message();
@@ -271,10 +292,14 @@ TEST_P(ServerCalls, TimeoutStepOfARunningServerCountsFromTheSweepAfterNext) {
 }
 
 TEST_P(ServerCalls, TimeoutStepBelowOneIsTheDefault) {
-  server->SetTimeoutStep(kNever);
-  server->SetTimeoutStep(-5);
-  let_the_sweep_begin();
-  EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 1), nullptr);
+  for (const int step : {0, -5}) {
+    server->SetTimeoutStep(kNever);
+    server->SetTimeoutStep(step);
+    let_the_sweep_begin();
+    // The sweep has looked once by now or soon: only a further look ends this one.
+    EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 700), nullptr) << step;
+    ASSERT_TRUE(client->socket.read_message().has_value());
+  }
 }
 
 // The sweep of one server ends the calls of all.

@@ -1,6 +1,7 @@
 // The four ways in which a server stops: what is printed, who is told, what happens to handlers.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "tests/e2e/support/process_state.h"
@@ -124,6 +125,27 @@ TEST_P(ServerShutdown, CloseasyncStopsAPipeServerAndKeepsHandlers) {
   if (!is_pipe()) {
     EXPECT_TRUE(RawClient(address).is_greeted());
   }
+}
+
+TEST_P(ServerShutdown, CloseasyncPrintsOnTheLoopThreadAndCloseOnTheCallers) {
+  std::atomic<std::thread::id> loop;
+  server->method("s_c_createport", on_call([&](int, TolkParams*, TolkParams*) {
+                   loop = std::this_thread::get_id();
+                 }));
+  std::atomic<int> lines{0};
+  std::atomic<std::thread::id> expected;
+  FunctionHandler sink{[&](int, TolkParams*, TolkParams*) {
+                         EXPECT_EQ(std::this_thread::get_id(), expected.load());
+                         ++lines;
+                       },
+                       deleted};
+  start();
+  server->method("s_c_log", &sink);
+  expected = is_pipe() ? loop.load() : std::this_thread::get_id();
+  EXPECT_TRUE(is_pipe() ? server->closeasync() : server->close());
+  EXPECT_EQ(lines, 2);
+  expected = std::this_thread::get_id();
+  server.reset();  // before the sink
 }
 
 TEST_P(ServerShutdown, SecondCloseasyncPrintsItsLine) {

@@ -27,6 +27,16 @@ TEST_F(ToolServe, GivesTheArgumentsAsJsonAndTakesJsonAsTheResult) {
   EXPECT_EQ(client.call<int>("method", 1, "x", arg("k", 2.0)).value(), 42);
 }
 
+// A process of its own shows where the count of accepted connections begins.
+TEST_F(ToolServe, TheLibrarysLinesCountAcceptedConnectionsFromZero) {
+  process = std::make_unique<Process>(tolk_words({"-v", "serve", at, "method", "--", "cat"}));
+  process->await("listening at " + at);
+  client.connect(at);
+  process->await("Accept success: 0 client id: ");
+  const Client another = connect(at);
+  process->await("Accept success: 1 client id: ");
+}
+
 TEST_F(ToolServe, TheCommandSeesAnArrayWithKeysAtItsEnd) {
   serve({"--", "sed", "s/.*/text: &/"});
   EXPECT_EQ(client.call<std::string>("method", 1, "x", arg("k", 2.0)).value(),
