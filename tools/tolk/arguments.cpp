@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "tools/tolk/json_text.h"
+#include "tools/tolk/streams.h"
 
 namespace tolk::tool {
 namespace {
@@ -61,7 +62,7 @@ std::string contents_of(const std::string& name) {
   struct Close {
     void operator()(std::FILE* file) const { (void)std::fclose(file); }
   };
-  const std::unique_ptr<std::FILE, Close> file(std::fopen(name.c_str(), "rb"));
+  const std::unique_ptr<std::FILE, Close> file(open_file(name, 'r'));
   if (file) return read_all(file.get(), name);
   throw BadArgument{name + ": " + std::strerror(errno),
                     "name a file that can be read, or write :string=@" + name + " for the text"};
@@ -221,11 +222,9 @@ void add_arguments(CLI::App& command, ArgumentTexts& texts, Options& options) {
       ->allow_extra_args(false);
 }
 
-std::vector<std::string> marked_words(int argc, const char* const* argv) {
-  std::vector<std::string> words;
-  for (int i = 1; i < argc; ++i) {
-    words.emplace_back(argv[i]);
-    if (needs_mark(words.back())) words.back().insert(0, 1, kMark);
+std::vector<std::string> marked(std::vector<std::string> words) {
+  for (std::string& word : words) {
+    if (needs_mark(word)) word.insert(0, 1, kMark);
   }
   return words;
 }

@@ -38,7 +38,7 @@ Values arguments_of(const ArgumentTexts& texts, const std::string& method,
 
 // The library of options takes -3 for an option and [a,b] for two values. So words like these are
 // marked before it sees them.
-std::vector<std::string> marked_words(int argc, const char* const* argv);
+std::vector<std::string> marked(std::vector<std::string> words);
 // The word as it was written.
 std::string unmarked(std::string word);
 

@@ -4,8 +4,7 @@
 // however it comes, because the server's standard input ends with it. Failure: Failure.
 #pragma once
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
 
 #include "tools/tolk/command.h"
@@ -25,9 +24,10 @@ class BenchServer {
   const std::string& address() const { return address_; }
 
  private:
+  class Process;
+
   std::string address_;
-  int input_ = -1;
-  pid_t process_ = -1;
+  std::unique_ptr<Process> process_;
 };
 
 // The subcommand that the process runs; --help does not show it.

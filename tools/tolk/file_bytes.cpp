@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "tools/tolk/command.h"
+#include "tools/tolk/streams.h"
 
 namespace tolk::tool {
 namespace {
@@ -20,7 +21,7 @@ struct Close {
 
 std::string file_bytes(const std::string& name) {
   const bool standard = name == kStandardInput;
-  const std::unique_ptr<std::FILE, Close> file(standard ? stdin : std::fopen(name.c_str(), "rbe"));
+  const std::unique_ptr<std::FILE, Close> file(standard ? stdin : open_file(name, 'r'));
   std::string bytes;
   if (file) {
     std::string part(std::size_t{1} << 16, '\0');

@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "tools/tolk/folder.h"
+
 namespace tolk::tool {
 
 // Why a file was not saved, in words for the sender: without the path of the directory.
@@ -22,9 +24,6 @@ struct Refused : std::runtime_error {
 class Inbox {
  public:
   Inbox(const std::string& directory, bool overwrite);
-  ~Inbox();
-  Inbox(const Inbox&) = delete;
-  Inbox& operator=(const Inbox&) = delete;
 
   // Saves `bytes` and returns the file's name. Without a name it gets one of its own: received-1.
   std::string save(const std::optional<std::string>& name, std::string_view bytes);
@@ -35,11 +34,10 @@ class Inbox {
   std::string begin(std::string_view bytes);
   void finish(const std::string& part, const std::string& name);
   std::string finish_unnamed(const std::string& part);
-  int link(const std::string& part, const std::string& name) const;
 
   const std::string directory_;
   const bool overwrite_;
-  int descriptor_ = -1;
+  Folder folder_;
   std::atomic<int> last_part_{0};
 };
 

@@ -1,12 +1,7 @@
 #include "tools/tolk/interrupt.h"
 
-#include <signal.h>
-
 #include <condition_variable>
 #include <mutex>
-#include <thread>
-
-#include "tools/tolk/output.h"
 
 namespace tolk::tool {
 namespace {
@@ -24,8 +19,9 @@ State& state() {
   return *kState;
 }
 
-// Whether the command ends by itself now.
-bool note_signal() {
+}  // namespace
+
+bool note_interrupt() {
   State& now = state();
   const std::lock_guard<std::mutex> lock(now.mutex);
   if (!now.by_itself || now.interrupted) return false;
@@ -33,28 +29,6 @@ bool note_signal() {
   now.wanted = true;
   now.changed.notify_all();
   return true;
-}
-
-void take_each(const sigset_t& signals) {
-  int signal = 0;
-  while (sigwait(&signals, &signal) == 0) {
-    if (!note_signal()) Output::get().leave(Exit::interrupted);
-  }
-}
-
-}  // namespace
-
-void take_signals() {
-  // A reader that has gone is an error of the write, and no reason to die.
-  (void)signal(SIGPIPE, SIG_IGN);
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int each : {SIGINT, SIGTERM}) sigaddset(&signals, each);
-  struct sigaction hang_up {};
-  sigaction(SIGHUP, nullptr, &hang_up);  // left alone under nohup
-  if (hang_up.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  std::thread([signals] { take_each(signals); }).detach();
 }
 
 void end_by_itself() {

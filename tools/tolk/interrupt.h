@@ -1,4 +1,5 @@
-// SIGINT, SIGTERM and SIGHUP: what happens when somebody wants the command to end.
+// SIGINT, SIGTERM and SIGHUP, on Windows Ctrl-C, Ctrl-Break and the end of the console: what
+// happens when somebody wants the command to end.
 //
 // A command that only calls ends at once, with exit code 130: the system ends its connections. One
 // that serves, or has a summary to print, says that it ends by itself, and is then asked.
@@ -11,6 +12,9 @@ namespace tolk::tool {
 
 // Before any other thread is made: they inherit who takes the signals.
 void take_signals();
+
+// For what takes them: whether the command ends by itself now.
+bool note_interrupt();
 
 // From now on a signal only makes `wait_for_end` return; a second one ends the process.
 void end_by_itself();

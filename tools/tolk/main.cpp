@@ -5,6 +5,7 @@
 #include "tools/tolk/command.h"
 #include "tools/tolk/interrupt.h"
 #include "tools/tolk/output.h"
+#include "tools/tolk/streams.h"
 
 namespace tolk::tool {
 namespace {
@@ -34,6 +35,7 @@ std::string help_of(const CLI::App& app) {
 }
 
 Exit run(int argc, const char* const* argv) {
+  set_up_streams();
   Output& output = Output::get();
   take_signals();
   CLI::App app("Calls between processes by method name.", "tolk");
@@ -42,7 +44,7 @@ Exit run(int argc, const char* const* argv) {
   // The flags are known once all of the line is read; only then the subcommand begins.
   app.parse_complete_callback([&] { output.set_up(options); });
   try {
-    std::vector<std::string> words = marked_words(argc, argv);
+    std::vector<std::string> words = marked(command_line(argc, argv));
     std::reverse(words.begin(), words.end());  // so the library of options wants them
     app.parse(std::move(words));
     return was_interrupted() ? Exit::interrupted : Exit::ok;

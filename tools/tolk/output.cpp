@@ -1,14 +1,11 @@
 #include "tools/tolk/output.h"
 
-#include <fcntl.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+
+#include "tools/tolk/streams.h"
 
 namespace tolk::tool {
 namespace {
@@ -30,18 +27,8 @@ bool no_color() {
 }
 
 Colors colors_for(When when, int descriptor) {
-  const bool automatic = isatty(descriptor) != 0 && !no_color();
+  const bool automatic = is_terminal(descriptor) && !no_color();
   return when == When::always || (when == When::automatic && automatic) ? kColors : Colors{};
-}
-
-// 0, or the system's error.
-int write_all(int descriptor, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = write(descriptor, bytes.data(), bytes.size());
-    if (written < 0 && errno != EINTR) return errno;
-    if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return 0;
 }
 
 }  // namespace
@@ -52,17 +39,17 @@ Output& Output::get() {
   return *kOutput;
 }
 
-Output::Output() : data_descriptor_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {}
+Output::Output() : data_descriptor_(private_copy(kStdout)) {}
 
 void Output::set_up(const Options& options) {
   quiet_ = options.quiet;
   verbose_ = options.verbose;
-  progress_ = !quiet_ && isatty(STDERR_FILENO) != 0;
+  progress_ = !quiet_ && is_terminal(kStderr);
   data_colors_ = colors_for(options.color, data_descriptor_);
-  note_colors_ = colors_for(options.color, STDERR_FILENO);
-  const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  dup2(verbose_ ? STDERR_FILENO : nothing, STDOUT_FILENO);
-  if (nothing >= 0) close(nothing);
+  note_colors_ = colors_for(options.color, kStderr);
+  const int nothing = open_nothing();
+  redirect(verbose_ ? kStderr : nothing, kStdout);
+  if (nothing >= 0) close_descriptor(nothing);
   // The library's lines come when they are written, and none is lost at the end.
   if (verbose_) (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
@@ -95,21 +82,20 @@ void Output::failure(std::string_view text, std::string_view hint) {
 void Output::progress(std::string_view line) {
   if (!progress_) return;
   const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
-  line_shown_ = write_all(STDERR_FILENO, "\r\033[K" + std::string(line)) == 0;
+  line_shown_ = write_all(kStderr, "\r\033[K" + std::string(line)) == 0;
 }
 
 void Output::end_progress() {
   const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
-  if (line_shown_) write_all(STDERR_FILENO, "\r\033[K");
+  if (line_shown_) write_all(kStderr, "\r\033[K");
   line_shown_ = false;
 }
 
-bool Output::data_is_terminal() const { return isatty(data_descriptor_) != 0; }
+bool Output::data_is_terminal() const { return is_terminal(data_descriptor_); }
 
 int Output::columns() const {
-  winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
-  return size.ws_col;
+  const int columns = columns_of(kStderr);
+  return columns > 0 ? columns : 80;
 }
 
 void Output::leave(Exit code) {
@@ -117,13 +103,13 @@ void Output::leave(Exit code) {
   constexpr std::chrono::milliseconds kEnough{100};
   std::unique_lock<std::recursive_timed_mutex> lock(mutex(), kEnough);
   if (lock) end_progress();
-  _exit(static_cast<int>(code));
+  std::_Exit(static_cast<int>(code));
 }
 
 bool Output::write_error(std::string_view text) {
   const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
   end_progress();
-  return write_all(STDERR_FILENO, text) == 0;
+  return write_all(kStderr, text) == 0;
 }
 
 }  // namespace tolk::tool

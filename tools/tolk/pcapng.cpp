@@ -1,7 +1,7 @@
 #include "tools/tolk/pcapng.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <uv.h>
 
 #include <array>
 #include <bit>
@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "tools/tolk/command.h"
+#include "tools/tolk/streams.h"
 
 namespace tolk::tool {
 namespace {
@@ -64,11 +65,11 @@ std::string tag(unsigned number, const std::string& value) {
 
 std::string host_tag(const std::string& host, unsigned ipv4, unsigned ipv6) {
   std::array<char, sizeof(in6_addr)> address{};
-  if (inet_pton(AF_INET, host.c_str(), address.data()) == 1) {
+  if (uv_inet_pton(AF_INET, host.c_str(), address.data()) == 0) {
     return tag(ipv4, {address.data(), sizeof(in_addr)});
   }
   // The scope of a link-local address has no place in a capture.
-  inet_pton(AF_INET6, host.substr(0, host.find('%')).c_str(), address.data());
+  uv_inet_pton(AF_INET6, host.substr(0, host.find('%')).c_str(), address.data());
   return tag(ipv6, {address.data(), address.size()});
 }
 
@@ -91,7 +92,7 @@ std::string packet(std::chrono::system_clock::time_point time, const std::string
 
 }  // namespace
 
-Pcapng::Pcapng(const std::string& file) : name_(file), file_(std::fopen(file.c_str(), "wbe")) {
+Pcapng::Pcapng(const std::string& file) : name_(file), file_(open_file(file, 'w')) {
   if (!file_) {
     throw Failure(Exit::failed, fmt::format("{}: {}", name_, std::strerror(errno)),
                   "name a file that can be written");

@@ -77,6 +77,8 @@ PipeClaim::PipeClaim(int number) : path_(pipe_path(number)) {
   unlink(path_.c_str());
 }
 
+void PipeClaim::close_to_others() const { chmod(path_.c_str(), S_IRUSR | S_IWUSR); }
+
 PipeClaim::~PipeClaim() {
   // Removed while it is still locked, or it could be the file of the next server.
   unlink(lock_path(path_).c_str());

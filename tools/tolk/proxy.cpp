@@ -1,7 +1,6 @@
 #include "tools/tolk/proxy.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <exception>
 #include <map>
@@ -67,7 +66,7 @@ class Proxy::Loop : public PassageOwner {
       claim_.emplace(from_.number());
       uv_pipe_init(&loop_, &listener_.pipe, 0);
       error = uv_pipe_bind(&listener_.pipe, claim_->path().c_str());
-      if (error == 0) chmod(claim_->path().c_str(), S_IRUSR | S_IWUSR);
+      if (error == 0) claim_->close_to_others();
     } else {
       uv_tcp_init(&loop_, &listener_.tcp);
       const sockaddr_storage where = socket_address(from_);

@@ -32,6 +32,13 @@ struct Send {
   std::string name;
 };
 
+// As UTF-8, whatever the system has its names in.
+std::string last_part(const std::string& path) {
+  const std::u8string name =
+      std::filesystem::path(std::u8string(path.begin(), path.end())).filename().u8string();
+  return {name.begin(), name.end()};
+}
+
 // A transfer is cancelled between two pieces. A server that does not answer a piece is not waited
 // for: it drops what it has when the connection ends.
 void end_even_if_stuck() {
@@ -47,7 +54,7 @@ void run_send(const Send& send, const Options& options) {
   const std::string data = file_bytes(send.file);
   std::string name = send.name;
   if (name.empty() && send.file != kStandardInput) {
-    name = std::filesystem::path(send.file).filename().string();
+    name = last_part(send.file);
   }
   Values rest;
   if (!name.empty()) rest.add(kNameKey, name);

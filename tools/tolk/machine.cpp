@@ -1,28 +1,27 @@
-#include <sys/utsname.h>
-
-#include <fstream>
-#include <thread>
-
 #include "tools/tolk/machine.h"
+
+#include <uv.h>
+
+#include <thread>
 
 namespace tolk::tool {
 namespace {
 
 // As the system tells it; empty where it does not.
 std::string processor() {
-  std::ifstream file("/proc/cpuinfo");
-  for (std::string line; std::getline(file, line);) {
-    const std::size_t colon = line.find(": ");
-    if (line.starts_with("model name") && colon != std::string::npos) return line.substr(colon + 2);
-  }
-  return {};
+  uv_cpu_info_t* all = nullptr;
+  int count = 0;
+  if (uv_cpu_info(&all, &count) != 0) return {};
+  std::string model = count > 0 && all[0].model != nullptr ? all[0].model : "";
+  uv_free_cpu_info(all, count);
+  return model == "unknown" ? "" : model;
 }
 
 }  // namespace
 
 std::string machine() {
-  utsname system{};
-  uname(&system);
+  uv_utsname_t system{};
+  uv_os_uname(&system);
   std::string text = processor();
   if (text.empty()) text = system.machine;
   const unsigned cores = std::thread::hardware_concurrency();
