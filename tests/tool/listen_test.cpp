@@ -50,6 +50,11 @@ TEST_F(ToolListen, AnswersTheLastCallToo) {
   EXPECT_EQ(process->end().code, 0);
 }
 
+TEST_F(ToolListen, AnswersWithAList) {
+  listen({"--answer", "[1, 2]", "--count", "1"});
+  EXPECT_EQ(connect(at).call<std::vector<int>>("anything").value(), (std::vector<int>{1, 2}));
+}
+
 TEST_F(ToolListen, ShowsCallsThatAreOnlyPosted) {
   listen({"--json=short"});
   EXPECT_EQ(tolk_command({"post", at, "note", "hello"}).code, 0);

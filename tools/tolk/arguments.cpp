@@ -195,10 +195,7 @@ Values arguments_of(const ArgumentTexts& texts, const std::string& method,
 void add_arguments(CLI::App& command, ArgumentTexts& texts, Options& options) {
   command
       .add_option_function<std::vector<std::string>>(
-          "ARGUMENT",
-          [&texts](const std::vector<std::string>& words) {
-            for (const std::string& word : words) texts.words.push_back(unmarked(word));
-          },
+          "ARGUMENT", [&texts](const std::vector<std::string>& words) { texts.words = words; },
           "3 2.5 true text @file name=value name:int=5 :string=5\n"
           "types: bool, int, double, string, bytes, json")
       ->type_name("");
@@ -211,7 +208,7 @@ void add_arguments(CLI::App& command, ArgumentTexts& texts, Options& options) {
               if (style) {
                 options.json = *style;
               } else {
-                texts.json.push_back(unmarked(word));
+                texts.json.push_back(word);
               }
             }
           },
@@ -232,6 +229,10 @@ std::vector<std::string> marked(std::vector<std::string> words) {
 std::string unmarked(std::string word) {
   word.erase(std::remove(word.begin(), word.end(), kMark), word.end());
   return word;
+}
+
+void unmark_words_of(CLI::App& command) {
+  for (CLI::Option* const option : command.get_options()) option->transform(unmarked);
 }
 
 }  // namespace tolk::tool

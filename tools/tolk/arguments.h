@@ -41,5 +41,7 @@ Values arguments_of(const ArgumentTexts& texts, const std::string& method,
 std::vector<std::string> marked(std::vector<std::string> words);
 // The word as it was written.
 std::string unmarked(std::string word);
+// For the words that a subcommand gets, before anything else sees them.
+void unmark_words_of(CLI::App& command);
 
 }  // namespace tolk::tool

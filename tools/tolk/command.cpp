@@ -8,8 +8,6 @@
 #include <mutex>
 #include <thread>
 
-#include "tools/tolk/arguments.h"
-
 namespace tolk::tool {
 namespace {
 
@@ -117,9 +115,8 @@ std::optional<JsonStyle> json_style_from(const std::string& word) {
 
 CLI::Option* add_address(CLI::App& command, std::string& address) {
   return command
-      .add_option_function<std::string>(
-          "ADDRESS", [&address](const std::string& word) { address = unmarked(word); },
-          "pipe:5000, tcp4:127.0.0.1:5000 or tcp6:[::1]:5000;\na bare number is a pipe")
+      .add_option("ADDRESS", address,
+                  "pipe:5000, tcp4:127.0.0.1:5000 or tcp6:[::1]:5000;\na bare number is a pipe")
       ->type_name("")
       ->required();
 }

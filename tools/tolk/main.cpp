@@ -26,6 +26,9 @@ void add_all(CLI::App& app, Options& options) {
   add_dump(app, options);
   add_bench(app, options);
   add_completion(app, options);
+  for (CLI::App* const command : app.get_subcommands([](CLI::App*) { return true; })) {
+    unmark_words_of(*command);
+  }
 }
 
 // The help of the subcommand that was meant.

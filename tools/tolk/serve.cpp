@@ -1,7 +1,6 @@
 // tolk serve: a method that a command implements.
 #include <memory>
 
-#include "tools/tolk/arguments.h"
 #include "tools/tolk/child.h"
 #include "tools/tolk/command.h"
 #include "tools/tolk/json_text.h"
@@ -73,13 +72,7 @@ void add_serve(CLI::App& app, Options& options) {
   const auto served = std::make_shared<Served>();
   add_address(command, served->address);
   command.add_option("METHOD", served->method, "The name of the method")->type_name("")->required();
-  command
-      .add_option_function<std::vector<std::string>>(
-          "COMMAND",
-          [served](const std::vector<std::string>& words) {
-            for (const std::string& word : words) served->command.push_back(unmarked(word));
-          },
-          "The command and its arguments, behind --")
+  command.add_option("COMMAND", served->command, "The command and its arguments, behind --")
       ->type_name("")
       ->required();
   command
