@@ -2,9 +2,13 @@
 // linker leads the library's calls here (--wrap, see CMakeLists.txt).
 //
 // Left out: uv_async_send and the semaphores, which end the process where they could fail.
+// Numbers that the library passes and nobody would notice otherwise are looked at on the way; the
+// process ends when one of them is not what is documented.
 #include <uv.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -15,12 +19,26 @@ using tolk::test::Chance;
 using tolk::test::fails_now;
 
 // int NAME(parameters): the real one, or the error.
-#define TOLK_FAILING(name, error, parameters, arguments)                \
-  int __real_##name parameters;                                         \
-  int __wrap_##name parameters;                                         \
-  int __wrap_##name parameters {                                        \
-    return fails_now(Chance::call) ? (error) : __real_##name arguments; \
+#define TOLK_FAILING(name, error, parameters, arguments)                       \
+  int __real_##name parameters;                                                \
+  int __wrap_##name parameters;                                                \
+  int __wrap_##name parameters {                                               \
+    return fails_now(Chance::call, #name) ? (error) : __real_##name arguments; \
   }
+
+namespace {
+
+constexpr int kBacklog = 2147483647;
+constexpr std::uint64_t kFirstSweepMs = 500;
+constexpr std::uint64_t kSweepStepMs = 100;
+
+void require(bool right, const char* what) {
+  if (right) return;
+  std::fprintf(stderr, "not as documented: %s\n", what);
+  std::abort();
+}
+
+}  // namespace
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker makes these names.
 extern "C" {
@@ -32,17 +50,12 @@ TOLK_FAILING(uv_tcp_init, UV_ENOMEM, (uv_loop_t * loop, uv_tcp_t* tcp), (loop, t
 TOLK_FAILING(uv_pipe_init, UV_ENOMEM, (uv_loop_t * loop, uv_pipe_t* pipe, int ipc),
              (loop, pipe, ipc))
 TOLK_FAILING(uv_timer_init, UV_ENOMEM, (uv_loop_t * loop, uv_timer_t* timer), (loop, timer))
-TOLK_FAILING(uv_timer_start, UV_EINVAL,
-             (uv_timer_t * timer, uv_timer_cb done, std::uint64_t first, std::uint64_t repeat),
-             (timer, done, first, repeat))
 TOLK_FAILING(uv_tcp_connect, UV_ENETUNREACH,
              (uv_connect_t * request, uv_tcp_t* tcp, const sockaddr* address, uv_connect_cb done),
              (request, tcp, address, done))
 TOLK_FAILING(uv_tcp_bind, UV_EADDRNOTAVAIL,
              (uv_tcp_t * tcp, const sockaddr* address, unsigned flags), (tcp, address, flags))
 TOLK_FAILING(uv_pipe_bind, UV_EACCES, (uv_pipe_t * pipe, const char* name), (pipe, name))
-TOLK_FAILING(uv_listen, UV_EADDRINUSE, (uv_stream_t * stream, int backlog, uv_connection_cb done),
-             (stream, backlog, done))
 TOLK_FAILING(uv_tcp_nodelay, UV_EINVAL, (uv_tcp_t * tcp, int on), (tcp, on))
 TOLK_FAILING(uv_read_start, UV_ENOTCONN, (uv_stream_t * stream, uv_alloc_cb room, uv_read_cb done),
              (stream, room, done))
@@ -55,6 +68,37 @@ TOLK_FAILING(uv_queue_work, UV_EINVAL,
              (loop, work, run, done))
 TOLK_FAILING(uv_ip4_addr, UV_EINVAL, (const char* text, int port, sockaddr_in* address),
              (text, port, address))
+
+int __real_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done);
+int __wrap_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done);
+int __wrap_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done) {
+  require(backlog == kBacklog, "the backlog of uv_listen");
+  return fails_now(Chance::call, "uv_listen") ? UV_EADDRINUSE
+                                              : __real_uv_listen(stream, backlog, done);
+}
+
+// The timers that repeat are the sweeps of time-outs.
+int __real_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
+                          std::uint64_t repeat);
+int __wrap_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
+                          std::uint64_t repeat);
+int __wrap_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
+                          std::uint64_t repeat) {
+  require(repeat == 0 || (first == kFirstSweepMs && repeat == kSweepStepMs),
+          "the first time and the period of a sweep");
+  return fails_now(Chance::call, "uv_timer_start")
+             ? UV_EINVAL
+             : __real_uv_timer_start(timer, done, first, repeat);
+}
+
+// No test here changes the period of a sweep; a client never does.
+void __real_uv_timer_set_repeat(uv_timer_t* timer, std::uint64_t repeat);
+void __wrap_uv_timer_set_repeat(uv_timer_t* timer, std::uint64_t repeat);
+void __wrap_uv_timer_set_repeat(uv_timer_t* timer, std::uint64_t repeat) {
+  require(repeat == kSweepStepMs, "the new period of a sweep");
+  __real_uv_timer_set_repeat(timer, repeat);
+}
+
 // Fails as the system does: the request is set up and has to be cleaned up.
 int __real_uv_fs_unlink(uv_loop_t* loop, uv_fs_t* request, const char* path, uv_fs_cb done);
 int __wrap_uv_fs_unlink(uv_loop_t* loop, uv_fs_t* request, const char* path, uv_fs_cb done);
@@ -68,7 +112,7 @@ int __real_uv_accept(uv_stream_t* listener, uv_stream_t* stream);
 int __wrap_uv_accept(uv_stream_t* listener, uv_stream_t* stream);
 int __wrap_uv_accept(uv_stream_t* listener, uv_stream_t* stream) {
   const int status = __real_uv_accept(listener, stream);
-  return fails_now(Chance::call) ? UV_ECONNABORTED : status;
+  return fails_now(Chance::call, "uv_accept") ? UV_ECONNABORTED : status;
 }
 
 // Tells of its failure by the callback.

@@ -1,6 +1,7 @@
 #include "tests/seam/faults.h"
 
 #include <atomic>
+#include <cstring>
 
 namespace tolk::test {
 namespace {
@@ -14,6 +15,7 @@ struct Plan {
 };
 
 constinit Plan plan;
+constinit std::atomic<const char*> next_to_fail{nullptr};
 thread_local int exemptions = 0;
 
 }  // namespace
@@ -32,6 +34,10 @@ int Faults::met() { return plan.met; }
 
 bool Faults::injected() { return plan.met >= plan.k; }
 
+NextFails::NextFails(const char* call) { next_to_fail = call; }
+
+NextFails::~NextFails() { next_to_fail = nullptr; }
+
 Exempt::Exempt() { ++exemptions; }
 
 Exempt::~Exempt() { --exemptions; }
@@ -40,7 +46,11 @@ Subject::Subject() : before_(exemptions) { exemptions = 0; }
 
 Subject::~Subject() { exemptions = before_; }
 
-bool fails_now(Chance chance) {
+bool fails_now(Chance chance, const char* call) {
+  const char* next = next_to_fail;
+  if (next != nullptr && std::strcmp(next, call) == 0) {
+    return next_to_fail.compare_exchange_strong(next, nullptr);
+  }
   if (!plan.on.load(std::memory_order_relaxed) || exemptions > 0 || plan.chance != chance) {
     return false;
   }

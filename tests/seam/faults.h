@@ -24,6 +24,16 @@ class Faults {
   static bool injected();
 };
 
+// While alive, the next call of libuv with this name fails, once, on whichever thread it comes.
+// Instead of a Faults, and one at a time.
+class NextFails {
+ public:
+  explicit NextFails(const char* call);  // a literal
+  ~NextFails();
+  NextFails(const NextFails&) = delete;
+  NextFails& operator=(const NextFails&) = delete;
+};
+
 // While alive, nothing fails on the calling thread.
 class Exempt {
  public:
@@ -45,8 +55,8 @@ class Subject {
   const int before_;
 };
 
-// For the replaced calls: whether this one shall fail.
-bool fails_now(Chance chance);
+// For the replaced calls: whether this one shall fail. `call` is its name; memory has none.
+bool fails_now(Chance chance, const char* call = "");
 
 // Once, before libuv is used: its memory comes from here too.
 void take_over_memory_of_libuv();

@@ -1,0 +1,95 @@
+// What is printed when one call of libuv fails, and what goes on afterwards. calls.cpp also ends
+// the process when a listener or a sweep begins with other numbers than documented.
+#include <gtest/gtest.h>
+
+#include "tests/e2e/support/server_test.h"
+#include "tests/seam/faults.h"
+
+namespace tolk::test {
+namespace {
+
+class FailedAccept : public ServerTest {
+ protected:
+  void SetUp() override {
+    register_echo();
+    server->method("s_c_connect", counting(connects));
+    start();
+  }
+
+  Counter connects;
+};
+TOLK_OVER_TRANSPORTS(FailedAccept);
+
+TEST_P(FailedAccept, IsOneLineAndTheHookHasBeenCalled) {
+  Capture capture;
+  const NextFails next("uv_accept");
+  RawClient failed(address, false);
+  EXPECT_TRUE(capture.wait_for_line("Accept error... ."));
+  EXPECT_EQ(capture.text(), "Accept error... .\n");
+  EXPECT_EQ(connects.value(), 1);
+  EXPECT_EQ(server->GetClientCount(), 0);
+  EXPECT_TRUE(failed.socket.ended());
+
+  RawClient client(address);
+  EXPECT_TRUE(serves(client));
+  EXPECT_EQ(connects.value(), 2);
+  EXPECT_EQ(server->GetClientCount(), 1);
+}
+
+// Also where only the lines that are always printed are wanted.
+TEST_P(FailedAccept, IsPrintedAtLevelZero) {
+  server->log(nullptr, 0);
+  Capture capture;
+  const NextFails next("uv_accept");
+  const RawClient failed(address, false);
+  EXPECT_TRUE(capture.wait_for_line("Accept error... ."));
+}
+
+class FailedSetup : public OverTransports {
+ protected:
+  // What a connect prints in which the next `call` fails.
+  static std::string printed_without(const char* call, IClient* client, const Address& address) {
+    const Capture capture;
+    const NextFails next(call);
+    EXPECT_FALSE(connect_client(client, address));
+    return capture.text();
+  }
+  // On purpose: only the IPv4 transport tells.
+  std::string on_tcp4(const std::string& line) const {
+    return GetParam() == Transport::tcp4 ? line : "";
+  }
+
+  ClientPtr client = make_client();
+};
+TOLK_OVER_TRANSPORTS(FailedSetup);
+
+TEST_P(FailedSetup, OfTheLoopIsTold) {
+  client->log(nullptr, 0);
+  EXPECT_EQ(printed_without("uv_loop_init", client.get(), address),
+            on_tcp4("uv_loop_init error\n"));
+}
+
+TEST_P(FailedSetup, OfTheStreamIsTold) {
+  client->log(nullptr, 0);
+  const char* const call = is_pipe() ? "uv_pipe_init" : "uv_tcp_init";
+  EXPECT_EQ(printed_without(call, client.get(), address), on_tcp4("uv_tcp_init error\n"));
+}
+
+class Sweeps : public ServerTest {};
+TOLK_OVER_TRANSPORTS(Sweeps);
+
+// Both sweeps begin here; calls.cpp looks at their numbers.
+TEST_P(Sweeps, KeepTheirPeriodWhateverStepAClientSets) {
+  register_echo();
+  server->method("s_c_connect", noting_id());
+  start();
+  const ClientPtr client = make_client();
+  client->method("m", answering("here"));
+  ASSERT_TRUE(connect_client(client.get(), address));
+  for (const int step : {1, 7, 100, 5000, 0, -1}) client->SetTimeoutStep(step);
+  EXPECT_NE(client->SendMsgFast("echo", nullptr, 1, 20000), nullptr);
+  EXPECT_EQ(string_at(server->SendMsg(*newest_id, "m", nullptr, 1, 20000), 0), "here");
+}
+
+}  // namespace
+}  // namespace tolk::test
