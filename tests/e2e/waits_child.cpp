@@ -1,5 +1,6 @@
 // A host that gets into a wait which nothing of its own ends, for required_waits_test.cpp: a
-// process of its own, since the wait takes process-wide locks or a worker with it.
+// process of its own, since the wait takes process-wide locks or a worker with it. And one whose
+// first call sets a log level, for log_unsync_test.cpp.
 //
 // It does what the lines of its standard input say and tells with lines that begin with "@".
 #include <tolk/tolk.h>
@@ -91,6 +92,16 @@ void server_calls(const std::string& transport, const char* port, const char* ot
   }
 }
 
+// Tells whether std::cout goes with stdio's output, before and after the level is set.
+template <class Object>
+void set_level(Object* object) {
+  std::string text("x");
+  // Asking for what is there from the start changes nothing.
+  tell(std::ios_base::sync_with_stdio(true) ? "in step" : "on its own");
+  object->log(text.data(), 1);
+  tell(std::ios_base::sync_with_stdio(false) ? "still in step" : "set free");
+}
+
 }  // namespace
 
 int main(int count, char** words) {
@@ -102,5 +113,7 @@ int main(int count, char** words) {
   if (count != 5) return 2;
   if (std::string(words[1]) == "large") large_calls(words[2], words[3], words[4]);
   if (std::string(words[1]) == "server") server_calls(words[2], words[3], words[4]);
+  if (std::string(words[1]) == "client log") set_level(CreateClient());
+  if (std::string(words[1]) == "server log") set_level(CreateServer());
   std::_Exit(0);  // the waits above are not for returning from main
 }

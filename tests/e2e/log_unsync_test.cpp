@@ -1,0 +1,34 @@
+// Setting a log level takes std::cout out of step with stdio: in a process of its own, since it is
+// done once for all of a process, and the tests' has done it already.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/e2e/support/child_program.h"
+
+namespace tolk::test {
+namespace {
+
+std::string told_by(const std::string& kind) {
+  ChildProgram child(TOLK_WAITS_CHILD, {kind, "-", "-", "-"});
+  const Stopwatch clock;
+  std::string heard;
+  while (heard.find("@set free\n") == std::string::npos &&
+         heard.find("@still in step\n") == std::string::npos) {
+    const auto more = child.read_some(kLimit - clock.elapsed());
+    if (!more) break;
+    heard += *more;
+  }
+  return heard;
+}
+
+TEST(LogLevel, SetByAClientFreesStandardOutputOfStdio) {
+  EXPECT_EQ(told_by("client log"), "@in step\n@set free\n");
+}
+
+TEST(LogLevel, SetByAServerFreesStandardOutputOfStdio) {
+  EXPECT_EQ(told_by("server log"), "@in step\n@set free\n");
+}
+
+}  // namespace
+}  // namespace tolk::test
