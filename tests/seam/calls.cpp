@@ -6,6 +6,7 @@
 // process ends when one of them is not what is documented.
 #include <uv.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -36,6 +37,16 @@ void require(bool right, const char* what) {
   if (right) return;
   std::fprintf(stderr, "not as documented: %s\n", what);
   std::abort();
+}
+
+// The library's; it has one for all listeners.
+constinit std::atomic<uv_connection_cb> connection_cb{nullptr};
+
+// A connection that failed before it could be accepted, just before one that did not.
+void tell_of_connection(uv_stream_t* listener, int status) {
+  const uv_connection_cb done = connection_cb;
+  if (tolk::test::is_next("connection_cb")) done(listener, UV_ECONNABORTED);
+  done(listener, status);
 }
 
 }  // namespace
@@ -73,8 +84,10 @@ int __real_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done);
 int __wrap_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done);
 int __wrap_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done) {
   require(backlog == kBacklog, "the backlog of uv_listen");
-  return fails_now(Chance::call, "uv_listen") ? UV_EADDRINUSE
-                                              : __real_uv_listen(stream, backlog, done);
+  connection_cb = done;
+  return fails_now(Chance::call, "uv_listen")
+             ? UV_EADDRINUSE
+             : __real_uv_listen(stream, backlog, tell_of_connection);
 }
 
 // The timers that repeat are the sweeps of time-outs.

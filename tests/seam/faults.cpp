@@ -46,11 +46,14 @@ Subject::Subject() : before_(exemptions) { exemptions = 0; }
 
 Subject::~Subject() { exemptions = before_; }
 
-bool fails_now(Chance chance, const char* call) {
+bool is_next(const char* call) {
   const char* next = next_to_fail;
-  if (next != nullptr && std::strcmp(next, call) == 0) {
-    return next_to_fail.compare_exchange_strong(next, nullptr);
-  }
+  return next != nullptr && std::strcmp(next, call) == 0 &&
+         next_to_fail.compare_exchange_strong(next, nullptr);
+}
+
+bool fails_now(Chance chance, const char* call) {
+  if (is_next(call)) return true;
   if (!plan.on.load(std::memory_order_relaxed) || exemptions > 0 || plan.chance != chance) {
     return false;
   }

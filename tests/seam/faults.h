@@ -55,6 +55,9 @@ class Subject {
   const int before_;
 };
 
+// For what is no chance of a Faults: whether the NextFails is for it, and has not come yet.
+bool is_next(const char* call);
+
 // For the replaced calls: whether this one shall fail. `call` is its name; memory has none.
 bool fails_now(Chance chance, const char* call = "");
 

@@ -45,6 +45,17 @@ TEST_P(FailedAccept, IsPrintedAtLevelZero) {
   EXPECT_TRUE(capture.wait_for_line("Accept error... ."));
 }
 
+// The error comes before a connection can be accepted: there is nothing to tell a hook of.
+TEST_P(FailedAccept, OfAConnectionThatFailedBeforeIsOneLine) {
+  server->log(nullptr, 0);
+  Capture capture;
+  const NextFails next("connection_cb");
+  RawClient client(address);
+  EXPECT_TRUE(serves(client));
+  EXPECT_EQ(capture.text(), "New client connection error...\n");
+  EXPECT_EQ(connects.value(), 1) << "of the connection that came after it";
+}
+
 class FailedSetup : public OverTransports {
  protected:
   // What a connect prints in which the next `call` fails.
