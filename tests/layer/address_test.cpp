@@ -38,7 +38,7 @@ TEST(LayerAddress, SaysWhatIsWrong) {
   EXPECT_THAT(why_not("pipe:"), testing::HasSubstr("the name of a pipe is a number"));
   EXPECT_THAT(why_not("pipe:-1"), testing::HasSubstr("the name of a pipe is a number"));
   EXPECT_THAT(why_not("pipe:5000x"), testing::HasSubstr("the name of a pipe is a number"));
-  EXPECT_THAT(why_not("pipe:99999999999"), testing::HasSubstr("the name of a pipe is a number"));
+  EXPECT_THAT(why_not("pipe:99999999999"), testing::HasSubstr("a number from 0 to 2147483647"));
   EXPECT_THAT(why_not("udp:1"), testing::HasSubstr("tcp4:HOST:PORT"));
   EXPECT_THAT(why_not("tcp4:127.0.0.1"), testing::HasSubstr("port is missing"));
   EXPECT_THAT(why_not("tcp4:127.0.0.1:x"), testing::HasSubstr("port is not a number"));
@@ -48,8 +48,25 @@ TEST(LayerAddress, SaysWhatIsWrong) {
   EXPECT_THAT(why_not("tcp4:1.2.3:80"), testing::HasSubstr("no IPv4 address"));
   EXPECT_THAT(why_not("tcp4:1.2.3.256:80"), testing::HasSubstr("no IPv4 address"));
   EXPECT_THAT(why_not("tcp4:1.2.3.4.5:80"), testing::HasSubstr("no IPv4 address"));
+  EXPECT_THAT(why_not("tcp4:127.0.0.01:80"), testing::HasSubstr("no IPv4 address"));
   EXPECT_THAT(why_not("tcp6:::1:80"), testing::HasSubstr("brackets"));
   EXPECT_THAT(why_not("tcp6:[host]:80"), testing::HasSubstr("no IPv6 address"));
+}
+
+TEST(LayerAddress, AnIp6AddressHasEightGroupsOrOneGap) {
+  for (const char* host : {"::", "::1", "1::", "1:2:3:4:5:6:7:8", "fe80::1:2%eth0",
+                           "::ffff:127.0.0.1", "1:2:3:4:5:6:127.0.0.1", "1:2:3:4:5:6:7::"}) {
+    EXPECT_EQ(Address(tcp6{host, 80}).host(), host);
+  }
+  for (const char* host : {":::::", ":", "", ":::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "1::2::3",
+                           "12345::", "1:2:3:4:5:6:7:", ":1:2:3:4:5:6:7", "::1.2.3",
+                           "1.2.3.4::", "1:2:3:4:5:6:7::8", "::1%", "::g"}) {
+    EXPECT_EQ(error_of([&] {
+                const Address address(tcp6{host, 80});
+              }).code(),
+              Errc::bad_address)
+        << host;
+  }
 }
 
 TEST(LayerAddress, StructsAreCheckedToo) {

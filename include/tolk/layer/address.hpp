@@ -16,7 +16,8 @@
 namespace tolk {
 inline namespace v1 {
 
-/// A local pipe, by its number.
+/// A local pipe, by its number. With `using namespace tolk` and <unistd.h> write `tolk::pipe`: the
+/// system has a function of that name.
 struct pipe {
   int number = 0;  ///< 0 … 2147483647
 };
@@ -99,7 +100,9 @@ class Address {
 
   static Address pipe_from(std::string_view whole, std::string_view number) {
     int value = 0;
-    if (!number_from(number, value)) refuse(whole, "the name of a pipe is a number");
+    if (!number_from(number, value)) {
+      refuse(whole, "the name of a pipe is a number from 0 to 2147483647");
+    }
     return pipe{value};
   }
 
@@ -132,17 +135,44 @@ class Address {
       const std::size_t dot = part < 3 ? host.find('.') : host.size();
       int value = 0;
       if (dot > 3) return false;  // also where there is none
-      if (!number_from(host.substr(0, dot), value) || value > 255) return false;
+      const std::string_view digits = host.substr(0, dot);
+      if (!number_from(digits, value) || value > 255) return false;
+      if (digits.size() > 1 && digits.front() == '0') return false;  // octal, to some
       host.remove_prefix(part < 3 ? dot + 1 : dot);
     }
     return host.empty();
   }
 
-  // Enough to tell an address from a name; the system has the last word.
+  // Eight groups, or fewer and one gap; an IPv4 address at the end stands for two. Whether the
+  // zone behind the % is one, the system knows.
   static bool is_ip6(std::string_view host) {
-    const std::string_view digits = host.substr(0, host.find('%'));
-    return digits.find(':') != std::string_view::npos &&
-           digits.find_first_not_of("0123456789abcdefABCDEF:.") == std::string_view::npos;
+    if (host.ends_with('%')) return false;
+    std::string_view rest = host.substr(0, host.find('%'));
+    int groups = 0;
+    bool gap = rest.starts_with("::");
+    if (gap) rest.remove_prefix(2);
+    while (!rest.empty()) {
+      const std::size_t colon = rest.find(':');
+      const std::string_view group = rest.substr(0, colon);
+      const bool ip4 = colon == std::string_view::npos && is_ip4(group);
+      if (!ip4 && !is_group(group)) return false;
+      groups += ip4 ? 2 : 1;
+      if (colon == std::string_view::npos) break;
+      rest.remove_prefix(colon + 1);
+      if (!rest.starts_with(':')) {
+        if (rest.empty()) return false;
+        continue;
+      }
+      if (gap) return false;
+      gap = true;
+      rest.remove_prefix(1);
+    }
+    return gap ? groups < 8 : groups == 8;
+  }
+
+  static bool is_group(std::string_view digits) {
+    return !digits.empty() && digits.size() <= 4 &&
+           digits.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
   }
 
   Transport transport_;
