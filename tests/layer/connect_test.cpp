@@ -1,4 +1,6 @@
 // Connecting and listening, and what is said when they fail.
+#include <atomic>
+#include <iostream>
 #include <thread>
 
 #include "tests/layer/joined.h"
@@ -47,7 +49,9 @@ TEST(LayerConnect, AFailedConnectCanBeTriedAgain) {
   const auto where = fresh();
   Client client;
   EXPECT_EQ(error_of([&] { client.connect(where); }).code(), Errc::not_connected);
-  EXPECT_EQ(client.call("m").error().code(), Errc::not_connected);
+  const Error error = client.call("m").error();
+  EXPECT_EQ(error.code(), Errc::not_connected);
+  EXPECT_STREQ(error.hint(), "connect the client before it calls");
   Server server;
   server.listen(where);
   client.connect(where);
@@ -65,6 +69,23 @@ TEST(LayerListen, ATakenAddressSaysWhy) {
   EXPECT_EQ(error.address(), where.text());
   EXPECT_THAT(error.detail(), testing::HasSubstr("EADDRINUSE"));
   EXPECT_FALSE(second.listening());
+}
+
+TEST(LayerListen, AQuietServerSaysWhyTooAndPrintsNothing) {
+  const auto where = fresh();
+  Server first(Options{.quiet = true});
+  first.listen(where);
+  std::atomic<int> lines{0};
+  testing::internal::CaptureStdout();
+  {
+    Server second(Options{.quiet = true});
+    second.log([&](std::string_view) { ++lines; });
+    const Error error = error_of([&] { second.listen(where); });
+    EXPECT_THAT(error.detail(), testing::HasSubstr("EADDRINUSE"));
+  }
+  std::cout.flush();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(lines, 0);
 }
 
 TEST(LayerListen, AFailedListenCanBeTriedAgain) {
@@ -107,6 +128,13 @@ TEST(LayerListen, WaitEndsWhenAClientClosesTheServer) {
   server.wait();
   closer.join();
   EXPECT_TRUE(eventually([&] { return !server.listening(); }));
+}
+
+TEST(LayerListen, WaitingForAServerThatNeverListenedIsMisuse) {
+  Server server;
+  const Error error = error_of([&] { server.wait(); });
+  EXPECT_EQ(error.code(), Errc::misuse);
+  EXPECT_EQ(error.detail(), "this server does not listen");
 }
 
 TEST(LayerListen, HooksTellOfClients) {

@@ -127,7 +127,9 @@ TEST_F(LayerReconnect, AClientThatLooksForItsServerCanBeClosed) {
   const Stopwatch watch;
   client.close();
   EXPECT_LT(watch.elapsed(), 8s);
-  EXPECT_EQ(client.call("add").error().code(), Errc::not_connected);
+  const Error error = client.call("add").error();
+  EXPECT_EQ(error.code(), Errc::not_connected);
+  EXPECT_STREQ(error.hint(), "make a new client: a closed one stays closed");
 }
 
 }  // namespace

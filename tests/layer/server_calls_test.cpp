@@ -42,7 +42,9 @@ TEST_F(LayerServerCalls, AHandlerCallsItsCallerBack) {
 }
 
 TEST_F(LayerServerCalls, AnUnknownClientIsNotConnected) {
-  EXPECT_EQ(server.call(id() + 1, "m").error().code(), Errc::not_connected);
+  const Error error = server.call(id() + 1, "m").error();
+  EXPECT_EQ(error.code(), Errc::not_connected);
+  EXPECT_STREQ(error.hint(), "take the ids of clients from on_connect, clients() or a Caller");
   EXPECT_EQ(server.post(id() + 1, "m").error().code(), Errc::not_connected);
 }
 
@@ -89,7 +91,9 @@ TEST_F(LayerServerCalls, ThreadsCallSideBySide) {
 
 TEST(LayerServerAlone, CallsOfAServerThatDoesNotListenSaySo) {
   Server server;
-  EXPECT_EQ(server.call(1, "m").error().code(), Errc::not_connected);
+  const Error error = server.call(1, "m").error();
+  EXPECT_EQ(error.code(), Errc::not_connected);
+  EXPECT_STREQ(error.hint(), "let the server listen, then call");
   EXPECT_EQ(server.post(1, "m").error().code(), Errc::not_connected);
 }
 

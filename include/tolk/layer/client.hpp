@@ -99,8 +99,7 @@ class Client {
     core->workers.add([=, self = core.get(), name = std::string(method)](bool wanted) {
       fulfil<T>(*promise, [&]() -> Result<T> {
         if (wanted) return made<T>(*self, name, *arguments, limit, begun);
-        return Error(Errc::not_connected, name, self->address(),
-                     "not connected: the client was closed");
+        return detail::client_closed(name, self->address());
       });
     });
     return future;
@@ -138,7 +137,7 @@ class Client {
                  const std::function<void(Progress)>& progress, const Args&... args) {
     return send<T>(method, std::as_bytes(std::span(data)), progress, args...);
   }
-  /// The same without progress.
+  /// The same without progress. With further arguments, pass nullptr as `progress` above.
   template <class T = void, class Data>
   Result<T> send(std::string_view method, const Data& data) {
     return send<T>(method, data, nullptr);

@@ -19,7 +19,9 @@ struct Reconnect {
   /// Whether calls wait for the new connection, as long as their limit allows. Otherwise they fail
   /// at once with Errc::gone.
   bool calls_wait = false;
-  /// Called on the reconnecting thread: `false` when the server has gone, `true` when it is back.
+  /// Called on the reconnecting thread: `false` when the server has gone, `true` when it is back
+  /// and the lost connection has been cleared away. That takes the library 300 ms, in which calls
+  /// work already; but its end interrupts those that are under way (Errc::interrupted).
   /// It must not close or destroy the client, which would wait for this thread. What it throws is
   /// dropped.
   std::function<void(bool connected)> changed = {};
@@ -236,8 +238,9 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
   std::string address_text() const { return where_ ? where_->text() : std::string(); }
 
   Error unconnected(const std::string& method) const {
-    return {Errc::not_connected, method, address(),
-            closed_ ? "not connected: the client was closed" : "not connected yet"};
+    if (closed_) return client_closed(method, address());
+    return {Errc::not_connected, method, address(), "not connected yet",
+            "connect the client before it calls"};
   }
 
   mutable std::mutex mutex_;

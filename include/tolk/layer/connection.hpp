@@ -20,13 +20,19 @@ struct Options {
   std::chrono::milliseconds patience{0};
   /// Threads of a client for Client::async; more calls than that wait in line.
   unsigned async_threads = 8;
-  /// Silences the library's own lines about connections on standard output. It also takes C++
+  /// Silences the library's own lines about connections on standard output; a few stay, such as
+  /// those of a TCP client's loop. It also takes C++
   /// streams out of step with C's, for the whole process, so set it before other threads print.
   bool quiet = false;
 };
 
 /// @cond internal
 namespace detail {
+
+inline Error client_closed(const std::string& method, const std::string& address) {
+  return {Errc::not_connected, method, address, "not connected: the client was closed",
+          "make a new client: a closed one stays closed"};
+}
 
 template <class Native>
 void silence(Native& native) {
@@ -168,8 +174,7 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
   }
 
   Error not_connected(const std::string& method) const {
-    if (closed_)
-      return failure(Errc::not_connected, method, "not connected: the client was closed");
+    if (closed_) return client_closed(method, address());
     return failure(Errc::gone, method, "the server is gone");
   }
 

@@ -72,13 +72,16 @@ inline const char* to_string(Errc code) noexcept {
 /// `add at pipe:5000: timed out after 500 ms`.
 class Error : public std::runtime_error {
  public:
-  /// `method` and `address` may be empty, where there is none. `detail` says what happened.
-  Error(Errc code, std::string_view method, std::string_view address, std::string_view detail)
+  /// `method` and `address` may be empty, where there is none. `detail` says what happened. `hint`,
+  /// a literal, is for a failure that the hint of its code does not fit.
+  Error(Errc code, std::string_view method, std::string_view address, std::string_view detail,
+        const char* hint = nullptr)
       : std::runtime_error(line(code, method, address, detail)),
         code_(code),
         method_(method),
         address_(address),
-        detail_(detail) {}
+        detail_(detail),
+        hint_(hint) {}
 
   /// The kind of failure.
   Errc code() const noexcept { return code_; }
@@ -90,7 +93,7 @@ class Error : public std::runtime_error {
   /// Errc::wrong_arguments it is the peer's own text.
   const std::string& detail() const noexcept { return detail_; }
   /// What to try, in one sentence without an end.
-  const char* hint() const noexcept { return hint_of(code_); }
+  const char* hint() const noexcept { return hint_ != nullptr ? hint_ : hint_of(code_); }
 
  private:
   static std::string line(Errc code, std::string_view method, std::string_view address,
@@ -142,6 +145,7 @@ class Error : public std::runtime_error {
   std::string method_;
   std::string address_;
   std::string detail_;
+  const char* hint_;
 };
 
 /// A value, or the Error why there is none.

@@ -21,7 +21,7 @@ inline namespace v1 {
 /// destroy the server only while no call to a client is under way, which would wait for this
 /// thread. Owner: the server holds its handlers. When `close` or the destructor has returned, no
 /// handler, hook or log line runs any more: it waits for those that do (not when it is called in
-/// one itself). Failure: `listen` and `on` throw tolk::Error; calls give a Result.
+/// one itself). Failure: `listen`, `wait` and `on` throw tolk::Error; calls give a Result.
 class Server {
  public:
   /// A server that does not listen yet. Of `options`, the limit and `quiet` are used.
@@ -73,8 +73,9 @@ class Server {
     return *this;
   }
   /// Takes the lines that the server writes while it listens, with their line ends: connections
-  /// that come and go, failures of handlers. Without it they are dropped. Lines come on whichever
-  /// thread writes them, several at a time. It must be short, and not use the server.
+  /// that come and go, failures of handlers. Without it they are dropped. Those that it writes
+  /// while it closes come to standard output, unless it is quiet. Lines come on whichever thread
+  /// writes them, several at a time. It must be short, and not use the server.
   Server& log(std::function<void(std::string_view line)> sink) {
     core_->side->log = std::move(sink);
     return *this;
@@ -91,7 +92,8 @@ class Server {
   }
   /// Whether it listens. A client can end that: any client may ask a server to close.
   bool listening() const { return core_->listening(); }
-  /// Waits until the server is closed, by another thread or by a client.
+  /// Waits until the server is closed, by another thread or by a client. Throws Errc::misuse when
+  /// it never listened.
   void wait() { core_->wait(); }
   /// Where it listens, as text.
   std::string address() const { return core_->address(); }

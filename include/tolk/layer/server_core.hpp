@@ -92,15 +92,20 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     // Set once: handlers of an attempt that failed may still read it.
     if (side->back.expired()) side->back = weak_from_this();
     auto fresh = std::make_shared<Listening>();
-    if (options.quiet) silence(*fresh->native);
     register_handlers(*fresh);
     set_address(where);
-    if (!start(*fresh->native, where)) {
+    starting_ = true;
+    const bool started = start(*fresh->native, where);
+    // Not before: the reason why it can't listen is one of the lines.
+    if (options.quiet) silence(*fresh->native);
+    starting_ = false;
+    if (!started) {
       throw Error(Errc::cannot_listen, "", where.text(), "can't listen: " + last_line());
     }
     fresh->started = true;
     const std::lock_guard<std::mutex> lock(mutex_);
     old = std::exchange(listening_, std::move(fresh));
+    ever_listened_ = true;
   }
 
   // The calls to clients end first: the library would leave them waiting for ever. Nothing is
@@ -125,6 +130,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   // Until the server is closed, by this program or by a client's request.
   void wait() {
     std::unique_lock<std::mutex> lock(mutex_);
+    if (!ever_listened_) throw Error(Errc::misuse, "", "", "this server does not listen");
     changed_.wait(lock, [&] { return ended_; });
   }
 
@@ -204,7 +210,9 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   // A handler does not wait: who closes waits for it.
   void wait_for_first() {
     side->end();
-    if (!side->gate.has_this_thread()) wait();
+    if (side->gate.has_this_thread()) return;
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return ended_; });
   }
 
   // When a client has stopped the server, nothing ends them any more: they are not waited for.
@@ -278,7 +286,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
       const std::lock_guard<std::mutex> lock(mutex_);
       last_line_ = line;
     }
-    side->log_line(line);
+    if (!(options.quiet && starting_)) side->log_line(line);
   }
   std::string last_line() const {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -354,14 +362,17 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     return failure(Errc::timed_out, to, method,
                    "timed out after " + std::to_string(limit.asked.count()) + " ms");
   }
-  Error failure(Errc code, int to, const std::string& method, std::string_view detail) const {
-    return {code, method, "client " + std::to_string(to) + " of " + address(), detail};
+  Error failure(Errc code, int to, const std::string& method, std::string_view detail,
+                const char* hint = nullptr) const {
+    return {code, method, "client " + std::to_string(to) + " of " + address(), detail, hint};
   }
   Error not_listening(int to, const std::string& method) const {
-    return failure(Errc::not_connected, to, method, "not connected: the server does not listen");
+    return failure(Errc::not_connected, to, method, "not connected: the server does not listen",
+                   "let the server listen, then call");
   }
   Error no_such_client(int to, const std::string& method) const {
-    return failure(Errc::not_connected, to, method, "not connected: there is no such client");
+    return failure(Errc::not_connected, to, method, "not connected: there is no such client",
+                   "take the ids of clients from on_connect, clients() or a Caller");
   }
   Error no_such_method(int to, const std::string& method) const {
     return failure(Errc::no_such_method, to, method, "there is no such method");
@@ -375,6 +386,8 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   std::string where_ = "not listening";
   std::string last_line_;
   bool ended_ = false;
+  bool ever_listened_ = false;         // under `mutex_`
+  std::atomic<bool> starting_{false};  // then a quiet server's lines are not silenced yet
   Gate calls_;
 };
 
