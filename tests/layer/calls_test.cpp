@@ -59,9 +59,31 @@ TEST_F(LayerCalls, WrongArgumentsAreToldByPosition) {
   EXPECT_EQ(why(1, 2, 3), "takes 2 arguments, got 3");
   EXPECT_EQ(why(1, "2"), "argument 2: wanted int, got string");
   EXPECT_EQ(why(0.5, 2), "argument 1: wanted int, got double");
+  server.on("one", [](int a) { return a; });
+  EXPECT_EQ(client.call<int>("one", 1, 2).error().detail(), "takes 1 argument, got 2");
   server.on("needs key", [](named<"level", int> level) { return level.value; });
   EXPECT_EQ(client.call<int>("needs key").error().detail(),
             "argument \"level\": wanted int, got nothing");
+}
+
+TEST_F(LayerCalls, AWrongElementOfAListIsToldByPosition) {
+  using Row = std::vector<int>;
+  server.on("sum", [](const Row& numbers) { return static_cast<int>(numbers.size()); });
+  server.on("table", [](const std::vector<Row>& rows, named<"more", std::optional<int>>) {
+    return static_cast<int>(rows.size());
+  });
+  server.on("keyed", [](named<"row", Row> row) { return static_cast<int>(row.value.size()); });
+  const auto why = [&](const char* method, const auto&... args) {
+    return client.call<int>(method, args...).error().detail();
+  };
+  const std::vector<std::string> texts{"x"};
+  EXPECT_EQ(why("sum", texts), "argument 1, element 1: wanted int, got string");
+  EXPECT_EQ(why("sum", std::vector<Value>{1, 2, 0.5}),
+            "argument 1, element 3: wanted int, got double");
+  EXPECT_EQ(why("sum", 3), "argument 1: wanted [int], got int");
+  EXPECT_EQ(why("table", std::vector<std::vector<Value>>{{1}, {2, true}}),
+            "argument 1, element 2, element 2: wanted int, got bool");
+  EXPECT_EQ(why("keyed", arg("row", texts)), "argument \"row\", element 1: wanted int, got string");
 }
 
 TEST_F(LayerCalls, AWrongResultTypeSaysWantedAndGot) {
@@ -179,6 +201,18 @@ TEST_F(LayerCalls, NamesThatAreTakenAreRefused) {
   server.on("once", [] {});
   for (const char* name : {"once", "", "retval", "s_c_version", "tolk.describe"}) {
     EXPECT_EQ(error_of([&] { server.on(name, [] {}); }).code(), Errc::misuse) << name;
+  }
+  EXPECT_EQ(error_of([&] { server.on("", [] {}); }).detail(),
+            "a method's name is not empty, not retval, and does not begin with s_c_ or tolk.");
+}
+
+TEST_F(LayerCalls, AKeyOfTheLibrarysIsRefused) {
+  for (const char* key : {"s_c_x", "tolk.x"}) {
+    const Error error = error_of([&] { (void)arg(key, 1); });
+    EXPECT_EQ(error.code(), Errc::misuse);
+    EXPECT_EQ(error.detail(),
+              "the key " + std::string(key) +
+                  ": a key does not begin with s_c_ or tolk., those are the library's");
   }
 }
 

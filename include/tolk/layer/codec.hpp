@@ -6,7 +6,8 @@
 /// | bool | bool |
 /// | int and smaller integers, enumerations | int; one that does not fit comes as a wrong type |
 /// | double, float | double; an int is taken for a double too |
-/// | std::string, std::string_view, const char* | string; with a zero byte inside, a stream |
+/// | std::string, std::string_view | string; with a zero byte inside, a stream |
+/// | const char* | string; it is sent only: a handler takes std::string |
 /// | tolk::bytes, std::vector<unsigned char>, std::span<const std::byte> | stream |
 /// | std::vector<T> | list; under a key, in a struct or a list: a stream that holds a block |
 /// | std::optional<T> | the value, or nothing at all |
@@ -18,6 +19,7 @@
 /// Failure: `get` says false for a value of another type.
 #pragma once
 
+#include <algorithm>
 #include <concepts>
 #include <cstdint>
 #include <limits>
@@ -275,17 +277,20 @@ requires(!ByteVector<std::vector<T>>) struct Codec<std::vector<T>> {
   static bool get(const TolkValue* from, std::vector<T>& to) {
     static_assert(!View<T>, "tolk: the elements of a received list need to be owned: std::string");
     to.clear();
+    return each(from, [&](const TolkValue* element) { return append(element, to); });
+  }
+  // False when there is no list, or `take` refuses an element.
+  template <class Take>
+  static bool each(const TolkValue* from, const Take& take) {
     if (from == nullptr) return false;
     if (from->IsList()) {
-      for (const TolkValue* element : *from->GetList()) {
-        if (!append(element, to)) return false;
-      }
-      return true;
+      const auto& elements = *from->GetList();
+      return std::all_of(elements.begin(), elements.end(), take);
     }
     TolkParams inner;
     if (!from->IsStream() || !parse_block(inner, bytes_of(*from))) return false;
     for (int i = 0; i < inner.ParamsSize(); ++i) {
-      if (!append(inner.GetValue(i), to)) return false;
+      if (!take(inner.GetValue(i))) return false;
     }
     return true;
   }
@@ -381,6 +386,32 @@ struct Codec<T> {
 
 // The type of a value that was received, for a message.
 inline std::string type_of(const TolkValue* value) { return Value::of(value).type_name(); }
+
+// What a value is that Codec<T> refuses, to stand behind the name of its place; of a list, the
+// first element that does not fit.
+template <class T>
+struct Misfit {
+  static std::string text(const TolkValue* from) {
+    return ": wanted " + Codec<T>::name() + ", got " + type_of(from);
+  }
+};
+
+template <class T>
+requires(!ByteVector<std::vector<T>>) struct Misfit<std::vector<T>> {
+  static std::string text(const TolkValue* from) {
+    int number = 0;
+    std::string misfit;
+    Codec<std::vector<T>>::each(from, [&](const TolkValue* element) {
+      ++number;
+      T ignored{};
+      if (Codec<T>::get(element, ignored)) return true;
+      misfit = ", element " + std::to_string(number) + Misfit<T>::text(element);
+      return false;
+    });
+    if (!misfit.empty()) return misfit;
+    return ": wanted " + Codec<std::vector<T>>::name() + ", got " + type_of(from);
+  }
+};
 
 }  // namespace detail
 /// @endcond

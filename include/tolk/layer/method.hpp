@@ -88,8 +88,7 @@ struct Parameter {
       if (from == nullptr && call.in.MapSize() > 0 && Codec<T>::get_fields(call.in, to)) return;
     }
     if (Codec<T>::get(from, to)) return;
-    throw BadArguments("argument " + std::to_string(position + 1) + ": wanted " + name() +
-                       ", got " + type_of(from));
+    throw BadArguments("argument " + std::to_string(position + 1) + Misfit<T>::text(from));
   }
 };
 
@@ -137,8 +136,7 @@ struct Parameter<named<Name, T>> : NotPositional<T> {
   static void fill(const Invocation& call, int, named<Name, T>& to) {
     const TolkValue* const from = call.in.GetMap(Name.characters);
     if (Codec<T>::get(from, to.value)) return;
-    throw BadArguments("argument \"" + std::string(Name.characters) + "\": wanted " +
-                       Codec<T>::name() + ", got " + type_of(from));
+    throw BadArguments("argument \"" + std::string(Name.characters) + "\"" + Misfit<T>::text(from));
   }
 };
 
@@ -151,6 +149,8 @@ constexpr bool check_parameter() {
   static_assert(
       !std::is_lvalue_reference_v<T> || std::is_const_v<std::remove_reference_t<T>>,
       "tolk: a handler can't change its caller's arguments: take them by value or const&");
+  static_assert(!std::is_same_v<Plain, const char*>,
+                "tolk: a handler takes a text as std::string or std::string_view, not const char*");
   if constexpr (Parameter<Plain>::kPositional) static_assert(check_carried<Plain>());
   return true;
 }
@@ -216,8 +216,9 @@ struct Adapter {
     const bool few = got < kNeeded && call.in.MapSize() == 0;
     if (kTakesAll || (!few && got <= kPositions)) return;
     const std::string bound = kNeeded == kPositions ? "" : few ? "at least " : "at most ";
-    throw BadArguments("takes " + bound + std::to_string(few ? kNeeded : kPositions) +
-                       " arguments, got " + std::to_string(got));
+    const int takes = few ? kNeeded : kPositions;
+    throw BadArguments("takes " + bound + std::to_string(takes) +
+                       (takes == 1 ? " argument, got " : " arguments, got ") + std::to_string(got));
   }
 
   // The position of the parameter with this index: how many positional ones stand before it.

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <tolk/layer/codec.hpp>
+#include <tolk/layer/error.hpp>
 
 namespace tolk {
 inline namespace v1 {
@@ -50,11 +51,17 @@ using Travels = std::conditional_t<std::is_convertible_v<std::decay_t<T>, const 
 /// @endcond
 
 /// An argument with a key: `client.post("log", tolk::arg("level", 3), "hello")`.
-/// Use it in the call itself: it refers to `value` if that is a variable.
+/// Use it in the call itself: it refers to `value` if that is a variable. Throws Errc::misuse for a
+/// key that begins with `s_c_` or `tolk.`: those are the library's, and would not arrive.
 template <class T>
 auto arg(std::string_view key, T&& value) {
   using Travels = detail::Travels<T>;
   static_assert(detail::check_carried<Travels>());
+  if (detail::is_reserved(key)) {
+    throw Error(Errc::misuse, "", "",
+                "the key " + std::string(key) +
+                    ": a key does not begin with s_c_ or tolk., those are the library's");
+  }
   if constexpr (std::is_same_v<Travels, const char*>) {
     return detail::Keyed<const char*>{std::string(key), value};
   } else {

@@ -128,7 +128,9 @@ class Side : public std::enable_shared_from_this<Side> {
   const Method& add(Method method) {
     const std::string name = method.info.name;
     if (name.empty() || name == "retval" || is_reserved(name)) {
-      throw Error(Errc::misuse, name, "", "this name can't be a method's");
+      throw Error(
+          Errc::misuse, name, "",
+          "a method's name is not empty, not retval, and does not begin with s_c_ or tolk.");
     }
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto [at, added] = methods_.emplace(name, std::move(method));

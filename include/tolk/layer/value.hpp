@@ -234,7 +234,8 @@ class Values {
     positional_.push_back(std::move(value));
     return *this;
   }
-  /// Sets the value of a key; a later one wins.
+  /// Sets the value of a key; a later one wins. A key that begins with `s_c_` or `tolk.` is the
+  /// library's and does not arrive.
   Values& add(const std::string& key, Value value) {
     keyed_[key] = std::move(value);
     return *this;

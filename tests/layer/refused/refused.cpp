@@ -23,6 +23,8 @@ void refused(tolk::Client& client, tolk::Server& server) {
   server.on("m", [](auto value) { return value; });
   // says: can't change its caller's arguments
   server.on("m", [](int& value) { value = 1; });
+  // says: a handler takes a text as std::string or std::string_view
+  server.on("m", [](const char* text) { (void)text; });
   // says: takes no other positional parameter
   server.on("m", [](const tolk::Values&, int) {});
 }
