@@ -24,7 +24,10 @@ class TOLK_API IClient {
 
   /// @{
   /// Connect and check the server's version; wait until that is decided: true if it is connected.
-  /// Over a local pipe, TCP on IPv4, TCP on IPv6. The bool is not used.
+  /// Over a local pipe, TCP on IPv4, TCP on IPv6. The bool is not used. A pipe's name is the
+  /// decimal number that its server has, without anything before or behind it: nobody listens on
+  /// another. The host is a numeric address. A port is a decimal number; what has no digits counts
+  /// as 0, and ports are taken modulo 65536.
   virtual bool InitTolkClient(const char* name, bool) = 0;
   virtual bool InitTolkClientTcp4(const char* host, const char* port, bool) = 0;
   virtual bool InitTolkClientTcp6(const char* host, const char* port, bool) = 0;

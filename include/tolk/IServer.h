@@ -21,12 +21,15 @@ class TolkParams;
 class TOLK_API IServer {
  public:
   /// Listens on a local pipe, on the calling thread, which has to call `run` then. For hosts with a
-  /// loop thread of their own. True if it listens.
+  /// loop thread of their own. True if it listens. A pipe's name is a decimal number from 0 to
+  /// 2147483647. What stands behind the digits is ignored, what has none counts as 0, and a larger
+  /// one as the largest: no failure tells of it.
   virtual bool ListenPipe(const char* port) = 0;
   /// Start a loop thread and wait until it listens; the result is isok().
   virtual bool InitTolkServer(const char* port) = 0;
   /// @{
-  /// As ListenPipe, on TCP.
+  /// As ListenPipe, on TCP. The host is a numeric address. A port is read as a pipe's name is, and
+  /// taken modulo 65536; for 0 the system chooses one.
   virtual bool ListenTcp4(const char* host, const char* port) = 0;
   virtual bool ListenTcp6(const char* host, const char* port) = 0;
   /// @}
