@@ -13,6 +13,7 @@ namespace {
 // Numbers of live pipes, and the methods of a server that tells them.
 constexpr char kPipes[] =
     "tolk list -q --timeout 500ms 2>/dev/null | sed -n 's/^pipe:\\([0-9]*\\).*/\\1/p'";
+constexpr char kShells[] = "bash zsh fish";
 constexpr char kMethods[] =
     "tolk describe {} -q --color=never --timeout 500ms 2>/dev/null | sed 's/(.*//'";
 
@@ -28,15 +29,17 @@ struct Command {
   std::vector<Flag> flags;
   bool has_address = false;
   bool has_method = false;
+  bool has_shell = false;
 };
 
 std::string first_sentence(const std::string& text) { return text.substr(0, text.find(". ")); }
 
 Command command_of(const CLI::App& app) {
-  Command command{app.get_name(), first_sentence(app.get_description()), {}, false, false};
+  Command command{app.get_name(), first_sentence(app.get_description()), {}};
   for (const CLI::Option* option : app.get_options()) {
     command.has_address |= option->get_name() == "ADDRESS";
     command.has_method |= option->get_name() == "METHOD";
+    command.has_shell |= option->get_name() == "SHELL";
     for (const std::string& name : option->get_lnames()) {
       const bool takes_value = option->get_items_expected_max() > 0;
       command.flags.push_back(
@@ -93,9 +96,10 @@ std::string cases_of(const std::vector<Command>& commands) {
   cases += "  esac\n";
   cases += fmt::format("  case $place:$command in\n    {}) words=$({}) ;;\n",
                        pattern_of(2, commands, &Command::has_address), kPipes);
-  cases +=
-      fmt::format("    {}) words=$({}) ;;\n  esac\n", pattern_of(3, commands, &Command::has_method),
-                  fmt::format(fmt::runtime(kMethods), "\"$address\""));
+  cases += fmt::format("    {}) words=$({}) ;;\n", pattern_of(3, commands, &Command::has_method),
+                       fmt::format(fmt::runtime(kMethods), "\"$address\""));
+  cases += fmt::format("    {}) words=$(echo {}) ;;\n  esac\n",
+                       pattern_of(2, commands, &Command::has_shell), kShells);
   return cases;
 }
 
@@ -169,6 +173,7 @@ std::string fish(const std::vector<Command>& commands) {
           fmt::format("complete -c tolk -f -n {} -a {}\n", quoted(when), quoted("(" + words + ")"));
     };
     if (command.has_address) at_place(2, kPipes);
+    if (command.has_shell) at_place(2, std::string("echo ") + kShells + " | tr ' ' '\\n'");
     if (command.has_method) {
       at_place(3, fmt::format(fmt::runtime(kMethods), "(commandline -opc)[3]"));
     }
