@@ -31,9 +31,39 @@ TEST_F(ToolExit, UsageIsTwo) {
   const Ended unknown = tolk_command({"call", at, "add", "--bogus"});
   EXPECT_EQ(unknown.code, 2);
   EXPECT_THAT(unknown.err, HasSubstr("--bogus"));
+  const Ended word = tolk_command({"lst"});
+  EXPECT_EQ(word.code, 2);
+  EXPECT_EQ(word.err, "tolk: there is no subcommand lst\ntry: tolk --help\n");
   const Ended time = tolk_command({"call", at, "add", "--timeout", "-5"});
   EXPECT_EQ(time.code, 2);
   EXPECT_THAT(time.err, AllOf(HasSubstr("\"-5\" is no duration"), HasSubstr("500ms")));
+}
+
+TEST_F(ToolExit, NumbersAndNamesThatAreNoneAreUsage) {
+  for (const char* const command : {"ping", "listen", "receive"}) {
+    for (const char* const count : {"abc", "-1", "1.5", "3000000000"}) {
+      const Ended ended = tolk_command({command, at, "-c", count});
+      EXPECT_EQ(ended.code, 2);
+      EXPECT_EQ(ended.err, "tolk: --count: \"" + std::string(count) +
+                               "\" is no whole number from 0 to 2147483647\ntry: tolk " + command +
+                               " --help\n");
+    }
+  }
+  for (const char* const command : {"call", "post"}) {
+    const Ended ended = tolk_command({command, at, ""});
+    EXPECT_EQ(ended.code, 2);
+    EXPECT_THAT(ended.err, StartsWith("tolk: METHOD: the name of a method is not empty\ntry: "));
+  }
+  for (const char* const time : {"none", "0s"}) {
+    const Ended ended = tolk_command({"bench", at, "--duration", time});
+    EXPECT_EQ(ended.code, 2);
+    EXPECT_THAT(ended.err, HasSubstr("\"" + std::string(time) + "\" is no time to measure in"));
+  }
+  const std::string where = fresh().text();
+  for (const char* const name : {"tolk.x", "s_c_x", "retval"}) {
+    expect_error(tolk_command({"serve", where, name, "--", "cat"}), 2, name + (" at " + where), "",
+                 "choose another name");
+  }
 }
 
 TEST_F(ToolExit, BadArgumentsAreUsage) {
@@ -41,6 +71,9 @@ TEST_F(ToolExit, BadArgumentsAreUsage) {
   expect_error(call({"echo", "3000000000"}), 2, where, "an int has 32 bits", ":string=3000000000");
   expect_error(call({"echo", "n:int=x"}), 2, where, "argument n:int=x: no int", "whole number");
   expect_error(call({"echo", "n:long=5"}), 2, where, "there is no type \"long\"", "double");
+  expect_error(call({"echo", ":json=1e999"}), 2, where, "number overflow parsing '1e999'", "quote");
+  expect_error(call({"echo", "s_c_x=1"}), 2, where,
+               "argument s_c_x=1: a key does not begin with s_c_ or tolk.", "another key");
   expect_error(call({"echo", "@/nowhere"}), 2, where, "/nowhere: No such file", ":string=@");
   expect_error(call({"echo", "--json", "{bad"}), 2, where, "no JSON from character 2", "pretty");
   expect_error(call({"echo", "--json", "[1, null]"}), 2, where, "null has no place", "--json");
@@ -58,9 +91,11 @@ TEST_F(ToolExit, CannotConnectIsThree) {
     expect_error(tolk_command({command, nowhere, "add"}), 3, "add at " + nowhere,
                  "not connected: nobody listens there", "start the server first");
   }
-  expect_error(tolk_command({"describe", nowhere}), 3, "tolk.describe at " + nowhere,
-               "nobody listens", "start the server");
+  expect_error(tolk_command({"describe", nowhere}), 3, "describe at " + nowhere, "nobody listens",
+               "start the server");
   expect_error(tolk_command({"ping", nowhere}), 3, "ping at " + nowhere, "nobody listens",
+               "start the server");
+  expect_error(tolk_command({"bench", nowhere}), 3, "bench at " + nowhere, "nobody listens",
                "start the server");
   expect_error(tolk_command({"bench", nowhere, "add"}), 3, "add at " + nowhere, "nobody listens",
                "start the server");
@@ -76,6 +111,18 @@ TEST_F(ToolExit, AServerThatTakesConnectionsAndIsSilentIsATimeOut) {
   RawListener silent(where);
   expect_error(tolk_command({"call", where.port, "add", "--timeout", "100ms"}), 4,
                "add at pipe:" + where.port, "did not answer within 100 ms", "--timeout 30s");
+}
+
+// A refused connect takes the library longer than that.
+TEST_F(ToolExit, NobodyListensIsThreeAlsoWithAShortTimeOut) {
+  const std::string nowhere = fresh().text();
+  for (const std::string& address :
+       {nowhere, layered(fresh_address(test::Transport::tcp4)).text()}) {
+    expect_error(tolk_command({"call", address, "add", "--timeout", "100ms"}), 3,
+                 "add at " + address, "nobody listens there", "start the server first");
+  }
+  expect_error(tolk_command({"ping", nowhere, "--timeout", "1ms"}), 3, "ping at " + nowhere,
+               "nobody listens", "start the server");
 }
 
 TEST_F(ToolExit, NoSuchMethodIsFive) {
@@ -137,6 +184,15 @@ TEST_F(ToolExit, OutputThatNobodyTakesIsOne) {
   EXPECT_EQ(ended.out, "code 1\n");
   EXPECT_THAT(ended.err,
               StartsWith("tolk: add at " + at + ": can't write to standard output: No space left"));
+  for (const std::string words : {"--version", "--help", "call --help"}) {
+    for (const std::string closed : {">/dev/full", ">&-"}) {
+      Process told({"/bin/sh", "-c", "tolk $0 " + closed + "; echo code $? >&2", words});
+      EXPECT_THAT(told.end().err,
+                  MatchesRegex("tolk: can't write to standard output: [A-Za-z ]+\ntry: look where "
+                               "it leads to\ncode 1\n"))
+          << words << closed;
+    }
+  }
 }
 
 }  // namespace

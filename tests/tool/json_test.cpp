@@ -51,6 +51,15 @@ TEST_F(ToolJson, StructsAreObjects) {
   EXPECT_EQ(printed("first", "[[{\"x\":7,\"y\":2}], 0]"), "7\n");
 }
 
+// Only arguments have keyed values at their end, so only there an empty object keeps them apart.
+TEST_F(ToolJson, AStructAtTheEndOfAnInnerListStaysTheLast) {
+  for (const std::string json :
+       {R"({"a":[1,{"b":2}]})", R"([1,[[{"b":2}]]])", R"({"a":[[1,{"b":2}]],"k":{"c":[{"d":1}]}})",
+        R"([[1,{"b":2}],{"k":[{"b":[{"c":3}]}]}])", R"([1,{"b":2},{}])"}) {
+    EXPECT_EQ(printed("echo", json), json + "\n");
+  }
+}
+
 TEST_F(ToolJson, TextThatIsNotUtf8IsShownAsBytes) {
   server.on("odd", [] { return std::string("a\xff"); });
   EXPECT_EQ(printed("odd"), "{\"$base64\":\"Yf8=\"}\n");
@@ -80,10 +89,14 @@ TEST_F(ToolJson, WhatCanNotTravelIsRefused) {
            {"{\"$base64\":\"a\"}", "base64 comes in groups of four"},
            {"{\"$base64\":\"a*==\"}", "no base64 character: *"},
            {"{\"$double\":\"one\"}", "$double takes nan, inf or -inf"},
-           {"[[null]]", "null has no place in a list"}}) {
+           {"[[null]]", "null has no place in a list"},
+           {"[1e999]", "[1e999]: number overflow parsing '1e999'\ntry: "},
+           {"{\"s_c_x\":1}", "a key does not begin with s_c_ or tolk., as s_c_x does"},
+           {"[{\"a\":{\"tolk.x\":1}},2]", "as tolk.x does"}}) {
     const Ended ended = call({"echo", "--json", json});
     EXPECT_EQ(ended.code, 2) << json;
     EXPECT_THAT(ended.err, HasSubstr(why)) << json;
+    EXPECT_THAT(ended.err, HasSubstr("\ntry: ")) << json;
   }
 }
 

@@ -37,6 +37,12 @@ TEST_F(ToolListen, PrintsEachCallAsALineOfJson) {
   EXPECT_EQ(Json::parse(ended.out.substr(cut + 1))["method"], "second");
 }
 
+TEST_F(ToolListen, ShowsAListInAStructAsItIs) {
+  listen({"--json=short", "--count", "1"});
+  (void)tolk_command({"call", at, "m", R"(--json={"a":[1,{"b":2}]})"});
+  EXPECT_EQ(Json::parse(process->end().out)["arguments"], Json::parse(R"([{"a":[1,{"b":2}]}])"));
+}
+
 TEST_F(ToolListen, PrintsLinesForPeople) {
   listen({"-c", "1"});
   (void)connect(at).call("first", 1);
@@ -78,6 +84,9 @@ TEST_F(ToolListen, ABadAnswerIsSaidBeforeItListens) {
   EXPECT_EQ(ended.code, 2);
   EXPECT_THAT(ended.err, AllOf(StartsWith("tolk: listen at " + at + ": --answer {no: no JSON"),
                                HasSubstr("\ntry: ")));
+  const Ended large = tolk_command({"listen", at, "--answer", "1e999"});
+  EXPECT_EQ(large.code, 2);
+  EXPECT_THAT(large.err, HasSubstr("--answer 1e999: number overflow parsing '1e999'\ntry: "));
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ TEST_F(ToolServe, GivesTheArgumentsAsJsonAndTakesJsonAsTheResult) {
 
 // A process of its own shows where the count of accepted connections begins.
 TEST_F(ToolServe, TheLibrarysLinesCountAcceptedConnectionsFromZero) {
-  process = std::make_unique<Process>(tolk_words({"-v", "serve", at, "method", "--", "cat"}));
+  process = std::make_unique<Process>(tolk_words({"serve", at, "method", "-v", "--", "cat"}));
   process->await("listening at " + at);
   client.connect(at);
   process->await("Accept success: 0 client id: ");
@@ -53,12 +53,26 @@ TEST_F(ToolServe, AnArrayIsAListAndAnObjectIsKeyedValues) {
   EXPECT_EQ(keyed.at("a"), Value(1));
 }
 
+TEST_F(ToolServe, InnerListsPassThroughAsTheyAre) {
+  serve({"--", "cat"});
+  const std::string json = R"([[1,{"b":2}]])";
+  EXPECT_EQ(tolk_command({"call", at, "method", "--json=short", "--json", json}).out, json + "\n");
+}
+
+TEST_F(ToolServe, WhatIsNoJsonThatTravelsIsAText) {
+  serve({"--", "echo", "[1.5e400]"});
+  EXPECT_EQ(client.call<std::string>("method").value(), "[1.5e400]");
+}
+
 TEST_F(ToolServe, ACommandThatFailsIsAFailedHandlerWithItsText) {
   serve({"--", "sh", "-c", "echo result; echo 'no such file' >&2; exit 3"});
   const auto result = client.call<int>("method");
   ASSERT_FALSE(result);
   EXPECT_EQ(result.error().code(), Errc::handler_failed);
   EXPECT_EQ(result.error().detail(), "no such file");
+  process->signal(SIGINT);
+  EXPECT_THAT(process->end().err,
+              MatchesRegex(".*\nclient -?[0-9]+: method: failed: no such file\n"));
 }
 
 TEST_F(ToolServe, ACommandThatFailsSilentlyIsNamed) {

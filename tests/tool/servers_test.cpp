@@ -56,7 +56,25 @@ TEST_F(ToolList, ShowsOneThatDoesNotAnswer) {
   const auto where = fresh_address(test::Transport::pipe);
   RawListener silent(where);
   EXPECT_EQ(listed("pipe:" + where.port, {"--timeout", "100ms"})["state"],
-            "the server took the connection and did not answer within 100 ms");
+            "the server did not answer within 100 ms");
+}
+
+TEST_F(ToolList, ShowsNoTimeOfOneThatRefuses) {
+  const auto where = fresh_address(test::Transport::pipe);
+  RawServer refuses(where, refusing());
+  const Json found = listed("pipe:" + where.port);
+  EXPECT_EQ(found["state"], "refused: the server is of another version");
+  EXPECT_EQ(found["ms"], nullptr);
+  EXPECT_THAT(tolk_command({"list"}).out,
+              HasSubstr("pipe:" + where.port + "            -  refused: "));
+}
+
+TEST_F(ToolList, LeavesOutOneThatGoesAway) {
+  const auto where = fresh_address(test::Transport::pipe);
+  RawServer leaves(where);
+  std::thread leaving([&] { leaves.take(); });
+  EXPECT_EQ(listed("pipe:" + where.port), nullptr);
+  leaving.join();
 }
 
 TEST_F(ToolList, ShowsOneThatDoesNotTell) {
@@ -86,7 +104,7 @@ TEST_F(ToolServers, DescribeSaysThatAPlainServerDoesNotOfferIt) {
   const Ended ended = tolk_command({"describe", where.port});
   EXPECT_EQ(ended.code, 5);
   EXPECT_EQ(ended.out, "");
-  EXPECT_THAT(ended.err, StartsWith("tolk: tolk.describe at pipe:" + where.port +
+  EXPECT_THAT(ended.err, StartsWith("tolk: describe at pipe:" + where.port +
                                     ": the server does not offer to tell its methods\ntry: "));
 }
 
@@ -110,6 +128,16 @@ TEST_F(ToolServers, PingThatIsInterruptedPrintsItsSummary) {
   const Ended ended = process.end();
   EXPECT_EQ(ended.code, 130);
   EXPECT_THAT(ended.out, HasSubstr(" answered; min/avg/max "));
+}
+
+TEST_F(ToolServers, PingOfAServerThatGoesNamesItself) {
+  const auto where = fresh_address(test::Transport::pipe);
+  RawServer leaves(where);
+  std::thread leaving([&] { leaves.take(); });
+  const Ended ended = tolk_command({"ping", where.port});
+  leaving.join();
+  EXPECT_EQ(ended.code, 3);
+  EXPECT_THAT(ended.err, StartsWith("tolk: ping at pipe:" + where.port + ": "));
 }
 
 TEST_F(ToolServers, PingReachesHostsWithoutTheLayer) {

@@ -53,6 +53,17 @@ TEST_F(ToolTerminal, BytesDoNoHarmToATerminal) {
               HasSubstr("\"G1sySg==\""));
 }
 
+TEST_F(ToolTerminal, TextsOfAPeerDoNoHarmToATerminal) {
+  server.on("harm", []() -> int { throw std::runtime_error("\"a\"\nb\033[2Jc\xc2\x9b"); });
+  server.on(
+      "told", [] {}, "all\033[2J");
+  EXPECT_THAT(call({"harm"}).err, HasSubstr("handler failed: \"a\"\nb\\x1b[2Jc\\xc2\\x9b\n"));
+  EXPECT_THAT(tolk_command({"describe", at}).out, HasSubstr("all\\x1b[2J\n"));
+  EXPECT_EQ(call({"echo", "a\tb\033[2J"}, both).out, "a\tb\\x1b[2J\r\n");
+  EXPECT_EQ(call({"echo", "a\033[2J"}).out, "a\033[2J\n");
+  EXPECT_EQ(call({"echo", "\x7f", "--json=short", "--color=never"}, both).out, "\"\\x7f\"\r\n");
+}
+
 TEST_F(ToolTerminal, BenchShowsProgressOnATerminalAlone) {
   const std::vector<std::string> words = {"bench", at, "--duration", "300ms"};
   const Ended shown = tolk_command(words, {.err_is_terminal = true});

@@ -150,6 +150,7 @@ void add_argument(Values& values, const std::string& word) {
   }
   Value value = parts->type.empty() ? plain_value(word, parts->value)
                                     : typed_value(word, parts->type, parts->value);
+  if (is_reserved_key(parts->name)) refuse(word, kReservedKey, "choose another key");
   if (parts->name.empty()) {
     values.add(std::move(value));
   } else {

@@ -43,7 +43,7 @@ class Calls {
   // Throws what a call has failed with.
   std::vector<double> times_us() {
     thread_.join();
-    if (failed_) throw failure_of(*failed_);
+    if (failed_) throw Error(*failed_);
     return std::move(times_us_);
   }
 
@@ -84,16 +84,17 @@ std::vector<double> measure(const Bench& bench, const Target& target, double& se
     std::this_thread::sleep_until(std::min<Clock::time_point>(end, Clock::now() + kStep));
   }
   std::vector<double> all;
-  std::optional<Failure> failed;
+  std::optional<Error> failed;
   for (auto& caller : callers) {
     try {
       std::vector<double> times = caller->times_us();
       all.insert(all.end(), times.begin(), times.end());
-    } catch (const Failure& failure) {
-      failed = failure;  // the others are waited for
+    } catch (const Error& error) {
+      failed = error;  // the others are waited for
     }
   }
-  if (failed) throw Failure(*failed);
+  if (failed)
+    throw bench.method.empty() ? failure_of(unnamed(*failed), "bench") : failure_of(*failed);
   seconds = std::chrono::duration<double>(Clock::now() - begun).count();
   output.end_progress();
   std::sort(all.begin(), all.end());
@@ -162,7 +163,8 @@ void run(const Bench& bench, const Options& options) {
     arguments.add(filler);
   }
   const std::string method = method_of(bench, server.has_value());
-  const Target target{connect_to(address, method, options), method, std::move(arguments)};
+  const Target target{connect_to(address, bench.method.empty() ? "bench" : method, options), method,
+                      std::move(arguments)};
   double seconds = 0;
   const std::vector<double> sorted = measure(bench, target, seconds);
   const Json report = report_of(bench, target, sorted, seconds);
@@ -191,7 +193,13 @@ void add_bench(CLI::App& app, Options& options) {
       ->type_name("N");
   command
       .add_option_function<std::string>(
-          "--duration", [bench](const std::string& text) { bench->duration = duration_from(text); },
+          "--duration",
+          [bench](const std::string& text) {
+            bench->duration = duration_from(text);
+            if (bench->duration == forever || bench->duration.count() == 0) {
+              throw CLI::ValidationError("--duration: \"" + text + "\" is no time to measure in");
+            }
+          },
           "How long to go on, 3s if not given")
       ->type_name("TIME");
   add_timeout_flag(command, options);

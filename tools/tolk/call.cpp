@@ -15,6 +15,11 @@ struct Call {
   ArgumentTexts arguments;
 };
 
+constexpr char kAboutStructs[] =
+    "A struct is an object: :json={...}, or within --json. There keyed arguments are an object at\n"
+    "the end of the array; behind an object that is a positional one, write {}. A struct that is\n"
+    "the only argument may be given field by field: title=T.";
+
 // Bytes are for a file or another program: as they are. On a terminal they would do harm.
 void print_result(const Values& values, const Options& options) {
   Output& output = Output::get();
@@ -50,8 +55,7 @@ void run_post(const Call& call, const Options& options) {
   if (!posted) throw failure_of(posted.error());
   const auto taken = round_trip(client, options.timeout);
   if (!taken) {
-    const Error& error = taken.error();
-    throw failure_of(Error(error.code(), call.method, error.address(), error.detail()));
+    throw failure_of(taken.error(), call.method);
   }
   Output::get().detail(call.method + " at " + client.address() + ": posted");
 }
@@ -63,7 +67,10 @@ CLI::App& add_command(CLI::App& app, Options& options, const char* name, const c
   CLI::App& command = *app.add_subcommand(name, about);
   const auto call = std::make_shared<Call>();
   add_address(command, call->address);
-  command.add_option("METHOD", call->method, "The name of the method")->type_name("")->required();
+  command.add_option("METHOD", call->method, "The name of the method")
+      ->check(name_of_method())
+      ->type_name("")
+      ->required();
   add_arguments(command, call->arguments, options);
   add_timeout_flag(command, options);
   add_output_flags(command, options);
@@ -81,7 +88,10 @@ void add_call(CLI::App& app, Options& options) {
                "  tolk call 5000 echo 'some text' --json=short\n"
                "  tolk call 5000 log level:int=3 text=hello --timeout 500ms\n"
                "  tolk call 5000 sum '--json=[[1, 2, 3]]'\n"
-               "  echo '[2, 3]' | tolk call 5000 add --json -");
+               "  echo '[2, 3]' | tolk call 5000 add --json -\n"
+               "  tolk call 5000 echo ':json={\"title\": \"T\"}' 3\n"
+               "  tolk call 5000 echo '--json=[{\"title\": \"T\"}, {}]'",
+               kAboutStructs);
 }
 
 void add_post(CLI::App& app, Options& options) {

@@ -58,6 +58,8 @@ const std::map<std::string, double>& units_ms() {
 
 }  // namespace
 
+Error unnamed(const Error& error) { return {error.code(), "", error.address(), error.detail()}; }
+
 Failure failure_of(const Error& error, std::string_view method) {
   if (!error.method().empty() || method.empty()) {
     return {exit_of(error.code()), error.what(), hint_of(error)};
@@ -130,6 +132,25 @@ void add_json_flag(CLI::App& command, Options& options) {
       ->type_name("STYLE");
 }
 
+CLI::Validator name_of_method() {
+  return {[](const std::string& name) {
+            return std::string(name.empty() ? "the name of a method is not empty" : "");
+          },
+          ""};
+}
+
+CLI::Validator count_from_zero() {
+  return {[](const std::string& text) {
+            int count = 0;
+            const char* const end = text.data() + text.size();
+            const auto parsed = std::from_chars(text.data(), end, count);
+            const bool valid = parsed.ec == std::errc() && parsed.ptr == end && count >= 0;
+            return valid ? std::string()
+                         : "\"" + text + "\" is no whole number from 0 to 2147483647";
+          },
+          ""};
+}
+
 void add_examples(CLI::App& command, const std::string& lines, const std::string& about) {
   command.footer(about + (about.empty() ? "" : "\n\n") + "Examples:\n" + lines);
 }
@@ -146,9 +167,12 @@ struct Connecting {
 
 Error too_slow(const std::string& address, std::chrono::milliseconds limit) {
   return {Errc::timed_out, "", address,
-          "the server took the connection and did not answer within " +
-              std::to_string(limit.count()) + " ms"};
+          "the server did not answer within " + std::to_string(limit.count()) + " ms"};
 }
+
+// The library takes 300 ms to say that nobody listens. A shorter time-out waits for that too, so
+// that it is not told of a server which is not there.
+constexpr std::chrono::milliseconds kRefusalIsTold{1000};
 
 void connect_within(Connecting& attempt, const Address& where, std::chrono::milliseconds limit) {
   std::future<void> done = attempt.done.get_future();
@@ -160,10 +184,13 @@ void connect_within(Connecting& attempt, const Address& where, std::chrono::mill
       attempt.done.set_exception(std::current_exception());
     }
   }).detach();
-  if (limit != forever && done.wait_for(limit) != std::future_status::ready) {
+  const bool late = limit != forever && done.wait_for(limit) != std::future_status::ready;
+  if (late && (limit >= kRefusalIsTold ||
+               done.wait_for(kRefusalIsTold - limit) != std::future_status::ready)) {
     throw too_slow(where.text(), limit);
   }
   done.get();
+  if (late) throw too_slow(where.text(), limit);
 }
 
 }  // namespace
@@ -189,7 +216,7 @@ Result<std::chrono::nanoseconds> round_trip(Client& client, std::chrono::millise
   const auto begun = std::chrono::steady_clock::now();
   // The version check is the one method that every server has, with this layer or without.
   const Result<Values> answer = client.call<Values>("s_c_version", limit);
-  if (!answer) return answer.error();
+  if (!answer) return unnamed(answer.error());
   return std::chrono::nanoseconds(std::chrono::steady_clock::now() - begun);
 }
 

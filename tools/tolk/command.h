@@ -39,6 +39,9 @@ struct Failure : std::runtime_error {
   std::string hint;
 };
 
+// The same without its method: that it is called is not for people who asked for something else.
+Error unnamed(const Error& error);
+
 // The failure that an error of the layer is. `method` stands in it when the error names none: what
 // was going to be called when the connect failed.
 Failure failure_of(const Error& error, std::string_view method = {});
@@ -67,6 +70,11 @@ void add_output_flags(CLI::App& command, Options& options);  // -q, -v, --color
 void add_timeout_flag(CLI::App& command, Options& options);  // --timeout 500ms
 void add_json_flag(CLI::App& command, Options& options);     // --json=pretty|short|off
 
+// A method that may be called: every name but none.
+CLI::Validator name_of_method();
+// A whole number from 0.
+CLI::Validator count_from_zero();
+
 // What --help ends with: examples, one command a line, which the tests run as they are printed; and
 // before them what there is to say at more length.
 void add_examples(CLI::App& command, const std::string& lines, const std::string& about = {});
@@ -80,7 +88,7 @@ std::chrono::milliseconds duration_from(const std::string& text);
 Client& connect_to(const std::string& address, std::string_view method, const Options& options);
 
 // Waits until the server has read all that was sent before. Every server answers this. How long it
-// took, or an error of the layer's.
+// took, or an error of the layer's without a method.
 Result<std::chrono::nanoseconds> round_trip(Client& client, std::chrono::milliseconds limit);
 
 void add_bench(CLI::App& app, Options& options);

@@ -7,9 +7,19 @@
 #include "tools/tolk/command.h"
 #include "tools/tolk/json_text.h"
 #include "tools/tolk/output.h"
+#include "tools/tolk/printable.h"
 
 namespace tolk::tool {
 namespace {
+
+std::vector<MethodInfo> as_shown(const std::vector<MethodInfo>& methods) {
+  std::vector<MethodInfo> shown;
+  shown.reserve(methods.size());
+  for (const auto& [name, signature, about] : methods) {
+    shown.push_back({harmless(name), harmless(signature), harmless(about)});
+  }
+  return shown;
+}
 
 std::string lines_of(const std::vector<MethodInfo>& methods) {
   const Colors& c = Output::get().data_colors();
@@ -38,20 +48,20 @@ Json json_of(const std::vector<MethodInfo>& methods) {
 }
 
 void run(const std::string& address, const Options& options) {
-  Client& client = connect_to(address, "tolk.describe", options);
+  Client& client = connect_to(address, "describe", options);
   const auto methods = client.describe();
   if (!methods && methods.error().code() == Errc::no_such_method) {
     throw Failure(
         Exit::no_such_method,
-        "tolk.describe at " + client.address() + ": the server does not offer to tell its methods",
+        "describe at " + client.address() + ": the server does not offer to tell its methods",
         "call the methods whose names you know; servers made with the C++ layer tell "
         "them");
   }
-  if (!methods) throw failure_of(methods.error());
+  if (!methods) throw failure_of(unnamed(methods.error()), "describe");
   Output& output = Output::get();
   if (methods->empty()) output.note(client.address() + " has no methods that it tells of");
   if (options.json == JsonStyle::off) {
-    output.data(lines_of(*methods));
+    output.data(lines_of(as_shown(*methods)));
   } else {
     output.data(colored(json_of(*methods), options.json, output.data_colors()) + "\n");
   }

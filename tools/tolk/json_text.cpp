@@ -4,6 +4,8 @@
 #include <cmath>
 #include <limits>
 
+#include "tools/tolk/printable.h"
+
 namespace tolk::tool {
 namespace {
 
@@ -61,6 +63,15 @@ class Nesting {
   Nesting& operator=(const Nesting&) = delete;
 };
 
+// What an inner block holds, as the list that value_from makes such a block of: only arguments need
+// the empty object that arguments_to_json adds.
+Json list_of(const Values& values) {
+  Json all = Json::array();
+  for (const Value& value : values.positional()) all.push_back(to_json(value));
+  if (!values.keyed().empty()) all.push_back(object_of(values));
+  return all;
+}
+
 // A struct or an inner list is a block inside bytes. Bytes that happen to be one look the same,
 // which is rare: its records carry their own offsets.
 Json json_of_stream(std::string_view data) {
@@ -68,7 +79,7 @@ Json json_of_stream(std::string_view data) {
   const bool may_be_block = !data.empty() && depth <= kDeepest;
   const auto inner = may_be_block ? Values::parse(data) : std::nullopt;
   if (!inner) return json_of_bytes(data);
-  return inner->size() == 0 ? object_of(*inner) : arguments_to_json(*inner);
+  return inner->size() == 0 ? object_of(*inner) : list_of(*inner);
 }
 
 // Whether it stands for bytes or a number in an object's clothes.
@@ -101,7 +112,10 @@ int int_from(const Json& json) {
 }
 
 void add_keyed(Values& values, const Json& object) {
-  for (const auto& [key, value] : object.items()) values.add(key, value_from(value));
+  for (const auto& [key, value] : object.items()) {
+    if (is_reserved_key(key)) throw BadJson(std::string(kReservedKey) + ", as " + key + " does");
+    values.add(key, value_from(value));
+  }
 }
 
 // A struct as the C++ layer sends it: a block inside bytes.
@@ -133,11 +147,22 @@ std::string_view color_of(std::string_view json, std::size_t at, std::size_t end
 
 }  // namespace
 
+// A receiver of the layer's takes them for its own, and drops what it does not know of them.
+bool is_reserved_key(std::string_view key) {
+  return key.starts_with("s_c_") || key.starts_with("tolk.");
+}
+
 Json json_from(std::string_view text) {
   try {
     return Json::parse(text);
   } catch (const Json::parse_error& error) {
     throw BadJson("no JSON from character " + std::to_string(error.byte) + " on");
+  } catch (const Json::exception& error) {
+    // A number that no double holds. Before the text stands the name of the exception, in brackets.
+    const std::string_view what = error.what();
+    const std::size_t name_end = what.find("] ");
+    throw BadJson(
+        std::string(name_end == std::string_view::npos ? what : what.substr(name_end + 2)));
   }
 }
 
@@ -167,12 +192,9 @@ Json to_json(TolkParams& block) {
 }
 
 Json arguments_to_json(const Values& values) {
-  Json all = Json::array();
-  for (const Value& value : values.positional()) all.push_back(to_json(value));
+  Json all = list_of(values);
   // A struct at the end would be taken for keyed values: an empty object behind it says otherwise.
-  if (!values.keyed().empty() || (!all.empty() && is_keyed(all.back()))) {
-    all.push_back(object_of(values));
-  }
+  if (values.keyed().empty() && !all.empty() && is_keyed(all.back())) all.push_back(Json::object());
   return all;
 }
 
@@ -232,6 +254,7 @@ std::string text_of(const Json& json, JsonStyle style) {
 
 std::string colored(const Json& json, JsonStyle style, const Colors& colors) {
   std::string text = text_of(json, style);
+  if (Output::get().data_is_terminal()) text = harmless(text);
   if (colors.off.empty() || (json.is_string() && style == JsonStyle::off)) return text;
   std::string painted;
   for (std::size_t at = 0; at < text.size();) {

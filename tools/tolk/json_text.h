@@ -9,8 +9,9 @@
 // | nothing | null |
 //
 // Arguments are an array of the positional values; keyed values are an object at its end:
-// [3, "x", {"level": 5}]. An object elsewhere in the array is a struct. An object alone is keyed
-// values, and any other value alone is the only argument.
+// [3, "x", {"level": 5}]. An object elsewhere in the array is a struct; behind one that stands at
+// the end is an empty object. An object alone is keyed values, and any other value alone is the
+// only argument. Inside a value there are no keyed values, so each object is a struct.
 // A result that is one value is that value, an object is keyed values, none is null; otherwise as
 // arguments.
 //
@@ -34,6 +35,10 @@ struct BadJson : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Keys that are none of the user's, and what is said of one.
+bool is_reserved_key(std::string_view key);
+inline constexpr const char* kReservedKey = "a key does not begin with s_c_ or tolk.";
+
 // The JSON that a text is. Throws BadJson, which says where it ends to be one.
 Json json_from(std::string_view text);
 
@@ -53,7 +58,8 @@ Values result_from(const Json& json);
 // the text itself, and nothing is empty.
 std::string text_of(const Json& json, JsonStyle style);
 
-// The same with colours, if there are any.
+// The same for standard output: with colours, if there are any, and on a terminal without a control
+// character of a peer's.
 std::string colored(const Json& json, JsonStyle style, const Colors& colors);
 
 // Bytes as base64, and back; `from_base64` throws BadJson.

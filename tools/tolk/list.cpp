@@ -3,12 +3,14 @@
 
 #include <future>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "tools/tolk/command.h"
 #include "tools/tolk/json_text.h"
 #include "tools/tolk/output.h"
 #include "tools/tolk/pipe_names.h"
+#include "tools/tolk/printable.h"
 
 namespace tolk::tool {
 namespace {
@@ -16,9 +18,9 @@ namespace {
 struct Found {
   std::string address;
   bool alive = false;
-  std::string state;  // what was found out, for people
-  double answer_ms = 0;
-  int methods = -1;  // how many it tells of; -1 when it does not tell
+  std::string state;                // what was found out, for people
+  std::optional<double> answer_ms;  // nothing when it did not answer
+  int methods = -1;                 // how many it tells of; -1 when it does not tell
 };
 
 // The reason alone: the address stands before it.
@@ -31,6 +33,7 @@ std::string reason_of(const Failure& failure, const std::string& address) {
 void look_closer(Client& client, const Options& options, Found& found) {
   const auto took = round_trip(client, options.timeout);
   if (!took) {
+    found.alive = took.error().code() != Errc::gone;
     found.state = took.error().detail();
     return;
   }
@@ -83,11 +86,13 @@ void run(const Options& options) {
       output.detail(found.address + ": " + found.state);
       continue;
     }
-    Json one = {{"address", found.address}, {"state", found.state}, {"ms", found.answer_ms}};
+    Json one = {{"address", found.address}, {"state", found.state}};
+    one["ms"] = found.answer_ms ? Json(*found.answer_ms) : Json();
     one["methods"] = found.methods < 0 ? Json() : Json(found.methods);
     all.push_back(std::move(one));
-    lines += fmt::format("{}{:<12}{}  {:>8.3f} ms  {}\n", c.name, found.address, c.off,
-                         found.answer_ms, found.state);
+    const std::string ms = found.answer_ms ? fmt::format("{:.3f} ms", *found.answer_ms) : "-";
+    lines += fmt::format("{}{:<12}{}  {:>11}  {}\n", c.name, found.address, c.off, ms,
+                         harmless(found.state));
   }
   if (options.json != JsonStyle::off) {
     output.data(colored(all, options.json, c) + "\n");

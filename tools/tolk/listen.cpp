@@ -13,6 +13,7 @@
 #include "tools/tolk/interrupt.h"
 #include "tools/tolk/json_text.h"
 #include "tools/tolk/output.h"
+#include "tools/tolk/printable.h"
 #include "tools/tolk/serving.h"
 
 namespace tolk::tool {
@@ -37,7 +38,7 @@ std::string line_of(const Caller& caller, const Json& arguments, JsonStyle style
     return colored(json, style, c) + "\n";
   }
   return fmt::format("{}{:%T}{} client {}: {}{}{} {}\n", c.dim, fmt::localtime(std::time(nullptr)),
-                     c.off, caller.id(), c.name, caller.method(), c.off,
+                     c.off, caller.id(), c.name, harmless(caller.method()), c.off,
                      colored(arguments, JsonStyle::brief, c));
 }
 
@@ -105,7 +106,7 @@ void add_listen(CLI::App& app, Options& options) {
   const auto listen = std::make_shared<Listen>();
   add_address(command, listen->address);
   command.add_option("-c,--count", listen->count, "End after so many calls; 0 is no end")
-      ->check(CLI::NonNegativeNumber)
+      ->check(count_from_zero())
       ->type_name("N");
   command.add_option("--answer", listen->answer, "The result of every call; none if not given")
       ->type_name("JSON");

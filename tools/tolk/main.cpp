@@ -37,6 +37,31 @@ std::string help_of(const CLI::App& app) {
   return meant.empty() ? "tolk --help" : "tolk " + meant.front()->get_name() + " --help";
 }
 
+// The library of options says only that one is missing.
+void check_subcommand(const CLI::App& app, const std::vector<std::string>& words) {
+  if (words.empty() || words.front().starts_with('-')) return;
+  const auto is_meant = [&](const CLI::App* sub) { return sub->get_name() == words.front(); };
+  if (!app.get_subcommands(is_meant).empty()) return;
+  throw Failure(Exit::usage, "there is no subcommand " + unmarked(words.front()), "tolk --help");
+}
+
+// Throws what keeps it from its work.
+Exit run_line(CLI::App& app, std::vector<std::string> words) {
+  Output& output = Output::get();
+  try {
+    check_subcommand(app, words);
+    std::reverse(words.begin(), words.end());  // so the library of options wants them
+    app.parse(std::move(words));
+  } catch (const CLI::CallForHelp&) {
+    output.data(app.help());
+    return Exit::ok;
+  } catch (const CLI::CallForVersion& version) {
+    output.data(std::string(version.what()) + "\n");
+    return Exit::ok;
+  }
+  return was_interrupted() ? Exit::interrupted : Exit::ok;
+}
+
 Exit run(int argc, const char* const* argv) {
   set_up_streams();
   Output& output = Output::get();
@@ -47,14 +72,7 @@ Exit run(int argc, const char* const* argv) {
   // The flags are known once all of the line is read; only then the subcommand begins.
   app.parse_complete_callback([&] { output.set_up(options); });
   try {
-    std::vector<std::string> words = marked(command_line(argc, argv));
-    std::reverse(words.begin(), words.end());  // so the library of options wants them
-    app.parse(std::move(words));
-    return was_interrupted() ? Exit::interrupted : Exit::ok;
-  } catch (const CLI::CallForHelp&) {
-    output.data(app.help());
-  } catch (const CLI::CallForVersion& version) {
-    output.data(std::string(version.what()) + "\n");
+    return run_line(app, marked(command_line(argc, argv)));
   } catch (const CLI::ParseError& error) {
     output.failure(unmarked(error.what()), help_of(app));
     return Exit::usage;
@@ -65,7 +83,6 @@ Exit run(int argc, const char* const* argv) {
     output.failure(error.what(), "");
     return Exit::failed;
   }
-  return Exit::ok;
 }
 
 }  // namespace

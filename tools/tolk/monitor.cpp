@@ -68,7 +68,7 @@ class Monitor : public ProxyWatcher {
                       seen.is_frame ? Pcapng::kFrames : Pcapng::kOther, seen.bytes);
     }
     if (!seen.line.is_null()) {
-      Output::get().data(text_of(seen.line, JsonStyle::brief) + "\n");
+      Output::get().data(colored(seen.line, JsonStyle::brief, Colors{}) + "\n");
     }
   }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "tools/tolk/printable.h"
 #include "tools/tolk/streams.h"
 
 namespace tolk::tool {
@@ -64,18 +65,20 @@ void Output::data(std::string_view bytes) {
 }
 
 void Output::note(std::string_view line) {
-  if (!quiet_) write_error(std::string(line) + "\n");
+  if (!quiet_) write_error(harmless(line) + "\n");
 }
 
 void Output::detail(std::string_view line) {
-  if (verbose_) write_error(std::string(line) + "\n");
+  if (verbose_) write_error(harmless(line) + "\n");
 }
 
 void Output::failure(std::string_view text, std::string_view hint) {
   const Colors& c = note_colors_;
   std::string lines;
-  lines.append(c.error).append("tolk: ").append(c.off).append(text).append("\n");
-  if (!hint.empty()) lines.append(c.hint).append("try: ").append(c.off).append(hint).append("\n");
+  lines.append(c.error).append("tolk: ").append(c.off).append(harmless(text)).append("\n");
+  if (!hint.empty()) {
+    lines.append(c.hint).append("try: ").append(c.off).append(harmless(hint)).append("\n");
+  }
   write_error(lines);
 }
 

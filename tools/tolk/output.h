@@ -30,7 +30,8 @@ class Output {
 
   // Data, as it is: the caller brings the line ends.
   void data(std::string_view bytes);
-  // A line for people; not with --quiet.
+  // A line for people; not with --quiet. Control characters, which may be a peer's, are escaped in
+  // this and the next two.
   void note(std::string_view line);
   // A line for people who asked for more with --verbose.
   void detail(std::string_view line);

@@ -90,7 +90,7 @@ void add_ping(CLI::App& app, Options& options) {
   add_address(command, ping->address);
   command.add_option("-c,--count", ping->count, "How often; 0 goes on until Ctrl-C")
       ->capture_default_str()
-      ->check(CLI::NonNegativeNumber)
+      ->check(count_from_zero())
       ->type_name("N");
   command
       .add_option_function<std::string>(

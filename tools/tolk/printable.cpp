@@ -53,6 +53,17 @@ std::string printable(std::string_view text) {
   return shown;
 }
 
+std::string harmless(std::string_view text) {
+  std::string shown;
+  while (!text.empty()) {
+    const bool blank = text.front() == '\n' || text.front() == '\t';
+    const std::size_t size = blank ? 1 : character_size(text);
+    shown += size == 0 ? escaped(text.front()) : std::string(text.substr(0, size));
+    text.remove_prefix(size == 0 ? 1 : size);
+  }
+  return shown;
+}
+
 bool is_printable(std::string_view text) {
   while (!text.empty()) {
     const std::size_t size = character_size(text);

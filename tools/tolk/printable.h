@@ -12,6 +12,9 @@ namespace tolk::tool {
 // backslash before them.
 std::string printable(std::string_view text);
 
+// For texts of whole lines: quotes, backslashes, line ends and tabs stay as they are.
+std::string harmless(std::string_view text);
+
 // Whether `printable` would leave it as it is, but for quotes and backslashes.
 bool is_printable(std::string_view text);
 

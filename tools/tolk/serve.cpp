@@ -38,10 +38,15 @@ std::string joined(const std::vector<std::string>& words) {
 Values run_for(const Served& served, const Options& options, const Caller& caller,
                const Values& arguments) {
   const std::string input = arguments_to_json(arguments).dump();
-  const std::string who = "client " + std::to_string(caller.id()) + ": " + served.method + " ";
-  Output::get().detail(who + input);
+  const std::string who = "client " + std::to_string(caller.id()) + ": " + served.method;
+  Output::get().detail(who + " " + input);
   const auto limit = options.timeout_given ? options.timeout : forever;
-  return result_in(output_of(served.command, input + "\n", limit));
+  try {
+    return result_in(output_of(served.command, input + "\n", limit));
+  } catch (const std::exception& error) {
+    Output::get().note(who + ": failed: " + error.what());
+    throw;
+  }
 }
 
 void run(const Served& served, const Options& options) {
@@ -52,16 +57,12 @@ void run(const Served& served, const Options& options) {
         "name one that is in PATH, or its path");
   }
   Server server;
-  try {
-    server.on(
-        served.method,
-        [&](const Caller& caller, const Values& arguments) {
-          return run_for(served, options, caller, arguments);
-        },
-        "runs " + joined(served.command));
-  } catch (const Error& error) {
-    throw failure_of(Error(error.code(), served.method, served.address, error.detail()));
-  }
+  add_method(
+      server, served.address, served.method,
+      [&](const Caller& caller, const Values& arguments) {
+        return run_for(served, options, caller, arguments);
+      },
+      "runs " + joined(served.command));
   serve_until_end(server, served.address, served.method, end_children);
 }
 

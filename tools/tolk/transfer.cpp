@@ -70,7 +70,7 @@ void run_send(const Send& send, const Options& options) {
       rest, options.timeout);
   Output::get().end_progress();
   if (result) {
-    const std::string text = text_of(result_to_json(*result), options.json);
+    const std::string text = colored(result_to_json(*result), options.json, Colors{});
     if (!text.empty()) Output::get().data(text + "\n");
     Output::get().detail(fmt::format("{} sent", size_text(data.size())));
     return;
@@ -157,8 +157,8 @@ void run_receive(const Receive& receive, const Options& options) {
   tolk::Options wanted;
   wanted.limit = options.timeout;
   Server server(wanted);
-  server.on(
-      receive.method,
+  add_method(
+      server, receive.address, receive.method,
       [&](const Caller& caller, const std::string& bytes,
           const named<"name", std::optional<std::string>>& name) {
         Output::get().end_progress();
@@ -182,6 +182,7 @@ void add_send(CLI::App& app, Options& options) {
   const auto send = std::make_shared<Send>();
   add_address(command, send->address);
   command.add_option("METHOD", send->method, "The name of the method; tolk receive has upload")
+      ->check(name_of_method())
       ->type_name("")
       ->required();
   command.add_option("FILE", send->file, "What to send; - is standard input")
@@ -211,7 +212,7 @@ void add_receive(CLI::App& app, Options& options) {
       ->type_name("DIRECTORY");
   command.add_flag("--overwrite", receive->overwrite, "Replace files that are there already");
   command.add_option("-c,--count", receive->count, "End after so many files; 0 is no end")
-      ->check(CLI::NonNegativeNumber)
+      ->check(count_from_zero())
       ->type_name("N");
   add_output_flags(command, options);
   add_examples(command,
