@@ -102,8 +102,8 @@ TEST_F(ToolExit, CannotConnectIsThree) {
 }
 
 TEST_F(ToolExit, TimedOutIsFour) {
-  const Ended ended = call({"slow", "--timeout", "100ms"});
-  expect_error(ended, 4, "slow at " + at, "timed out after 100 ms", "--timeout 30s");
+  const Ended ended = call({"slow", "--timeout", "1500ms"});
+  expect_error(ended, 4, "slow at " + at, "timed out after 1500 ms", "--timeout 30s");
 }
 
 TEST_F(ToolExit, AServerThatTakesConnectionsAndIsSilentIsATimeOut) {
