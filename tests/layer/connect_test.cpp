@@ -72,7 +72,7 @@ TEST(LayerListen, ATakenAddressSaysWhy) {
 }
 
 TEST(LayerListen, AQuietServerSaysWhyTooAndPrintsNothing) {
-  const auto where = fresh();
+  const auto where = layered(fresh_address(Transport::tcp4));
   Server first(Options{.quiet = true});
   first.listen(where);
   std::atomic<int> lines{0};
