@@ -76,6 +76,7 @@ TEST(LayerListen, AQuietServerSaysWhyTooAndPrintsNothing) {
   Server first(Options{.quiet = true});
   first.listen(where);
   std::atomic<int> lines{0};
+  std::cout.flush();  // the lines of the tests before
   testing::internal::CaptureStdout();
   {
     Server second(Options{.quiet = true});
