@@ -204,9 +204,31 @@ TEST_F(LayerValues, ANumberThatDoesNotFitIsAWrongType) {
 TEST_F(LayerValues, AStructIsReadFromKeyedValuesToo) {
   server.on("norm", [](Point p) { return p.x + p.y; });
   EXPECT_EQ(client.call<double>("norm", arg("x", 3), arg("y", 0.5)).value(), 3.5);
-  EXPECT_EQ(client.call<double>("norm", arg("x", 3)).error().code(), Errc::wrong_arguments);
+  const auto half = client.call<double>("norm", arg("x", 3));
+  EXPECT_EQ(half.error().code(), Errc::wrong_arguments);
+  EXPECT_EQ(half.error().detail(), "argument 1, field \"y\": wanted double, got nothing");
   server.on("keyed", [](const Values&) { return Values().add("x", 1).add("y", 2.0); });
   EXPECT_EQ(client.call<Point>("keyed").value(), (Point{1, 2.0}));
+}
+
+TEST_F(LayerValues, AWrongResultSaysWhichElementOrField) {
+  const auto misfit = [&]<class T>(const Values& result, const T&) {
+    server.on("result", [result] { return result; });
+    const auto error = client.call<T>("result").error();
+    EXPECT_EQ(error.code(), Errc::wrong_type);
+    return error.detail();
+  };
+  const Values list = Values().add(Value::List{1, 2, "three"});
+  EXPECT_EQ(misfit(list, std::vector<int>()),
+            "wrong result type, element 3: wanted int, got string");
+  EXPECT_EQ(misfit(Values().add(3), std::vector<int>()),
+            "wrong result type: wanted [int], got int");
+  EXPECT_EQ(misfit(list, Point()), "wrong result type: wanted {x: int, y: double}, got list");
+  EXPECT_EQ(misfit(Values().add("x", 1).add("y", "far"), Point()),
+            "wrong result type, field \"y\": wanted double, got string");
+  server.on("shape", [] { return Shape(); });
+  EXPECT_EQ(client.call<Point>("shape").error().detail(),
+            "wrong result type, field \"x\": wanted int, got nothing");
 }
 
 TEST_F(LayerValues, AStructResultCanBeReadByKey) {

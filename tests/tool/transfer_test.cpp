@@ -151,6 +151,27 @@ TEST_F(ToolTransfer, NamesOfPeersStayInTheDirectory) {
   EXPECT_THAT(received(), testing::ElementsAre("gr\xc3\xbc\xc3\x9f dich.txt"));
 }
 
+TEST_F(ToolTransfer, ALargerFileThanIsTakenIsRefused) {
+  write_file(root / "large", std::string(2'000'001, 'x'));
+  write_file(root / "fits", std::string(2'000'000, 'x'));
+  Process receiver(receiving({"--most", "2MB"}));
+  receiver.await("listening at");
+  const std::string why = "the file has 2000001 bytes, and no more than 2000000 are taken";
+  const Ended refused = send(root / "large");
+  EXPECT_EQ(refused.code, 6);
+  EXPECT_THAT(refused.err, HasSubstr(why));
+  receiver.await("refused: " + why);
+  EXPECT_EQ(send(root / "fits").code, 0);
+  // Not in pieces, as a host without the layer sends it.
+  Client client = connect(at);
+  const auto whole = client.call<std::string>("upload", std::string(2'000'001, 'x'));
+  EXPECT_EQ(whole.error().detail(), why);
+  EXPECT_THAT(received(), testing::ElementsAre("fits"));
+  const Ended no_size = tolk_command({"receive", at, "--most", "2 elephants"});
+  EXPECT_EQ(no_size.code, 2);
+  EXPECT_THAT(no_size.err, HasSubstr("--most"));
+}
+
 TEST_F(ToolTransfer, AFolderInTheWayOrGoneIsAnError) {
   fs::create_directory(inbox / "folder");
   write_file(root / "note.txt", "text");

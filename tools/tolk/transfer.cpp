@@ -87,6 +87,7 @@ struct Receive {
   std::string into = ".";
   bool overwrite = false;
   int count = 0;
+  std::uint64_t most_bytes = 0;  // 0 is any size
 };
 
 // How long the sender of the last file may take to hear that it is saved.
@@ -99,9 +100,19 @@ class Receiver {
   explicit Receiver(const Receive& receive)
       : receive_(receive), inbox_(receive.into, receive.overwrite) {}
 
+  // Throws Refused for a file of too many bytes: of one in pieces, with the first.
+  void check_size(const Caller& caller, std::uint64_t bytes) const {
+    if (receive_.most_bytes == 0 || bytes <= receive_.most_bytes) return;
+    const Refused refused(fmt::format("the file has {} bytes, and no more than {} are taken", bytes,
+                                      receive_.most_bytes));
+    note(caller, refused);
+    throw refused;
+  }
+
   // What the sender gets: the name of the file.
   std::string save(const Caller& caller, const std::optional<std::string>& name,
                    const std::string& bytes) {
+    check_size(caller, bytes.size());
     const std::lock_guard<std::mutex> lock(mutex_);
     if (receive_.count > 0 && saved_ >= receive_.count) {
       throw Refused("no more files are taken");
@@ -113,7 +124,7 @@ class Receiver {
       if (++saved_ == receive_.count) ask_to_end();
       return saved;
     } catch (const Refused& refused) {
-      Output::get().note(fmt::format("client {}: refused: {}", caller.id(), refused.what()));
+      note(caller, refused);
       throw;
     }
   }
@@ -132,6 +143,9 @@ class Receiver {
   }
 
  private:
+  static void note(const Caller& caller, const Refused& refused) {
+    Output::get().note(fmt::format("client {}: refused: {}", caller.id(), refused.what()));
+  }
   static void show(const std::string& path) {
     try {
       Output::get().data(path + "\n");
@@ -165,7 +179,8 @@ void run_receive(const Receive& receive, const Options& options) {
         return receiver.save(caller, name.value, bytes);
       },
       "saves a file");
-  server.on_receiving([&](const Caller&, Progress progress) {
+  server.on_receiving([&](const Caller& caller, Progress progress) {
+    receiver.check_size(caller, progress.total());
     const std::lock_guard<std::mutex> lock(bar_mutex);
     bar.show(progress);
   });
@@ -214,6 +229,11 @@ void add_receive(CLI::App& app, Options& options) {
   command.add_option("-c,--count", receive->count, "End after so many files; 0 is no end")
       ->check(count_from_zero())
       ->type_name("N");
+  command
+      .add_option("--most", receive->most_bytes,
+                  "Refuse files of more bytes than this: 500k, 20MB, 2G; 0 is no limit")
+      ->transform(CLI::AsSizeValue(true).description(""))
+      ->type_name("SIZE");
   add_output_flags(command, options);
   add_examples(command,
                "  tolk receive pipe:5001\n"

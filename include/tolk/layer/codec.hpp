@@ -376,8 +376,7 @@ struct Codec<T> {
       return Codec<Member>::get(block.GetMap(field.name), to.*field.member);
     });
   }
-
- private:
+  // False when `visit` said so of a field; it is not asked about the next ones then.
   template <class Visit>
   static bool each(const Visit& visit) {
     return std::apply([&](const auto&... field) { return (visit(field) && ...); }, describe<T>.all);
@@ -387,8 +386,8 @@ struct Codec<T> {
 // The type of a value that was received, for a message.
 inline std::string type_of(const TolkValue* value) { return Value::of(value).type_name(); }
 
-// What a value is that Codec<T> refuses, to stand behind the name of its place; of a list, the
-// first element that does not fit.
+// What a value is that Codec<T> refuses, to stand behind the name of its place. Of a list it names
+// the first element that does not fit, of a struct the first field.
 template <class T>
 struct Misfit {
   static std::string text(const TolkValue* from) {
@@ -410,6 +409,53 @@ requires(!ByteVector<std::vector<T>>) struct Misfit<std::vector<T>> {
     });
     if (!misfit.empty()) return misfit;
     return ": wanted " + Codec<std::vector<T>>::name() + ", got " + type_of(from);
+  }
+};
+
+template <Described T>
+struct Misfit<T> {
+  static std::string text(const TolkValue* from) {
+    TolkParams inner;
+    if (from != nullptr && from->IsStream() && parse_block(inner, bytes_of(*from))) {
+      return of_fields(inner);
+    }
+    return ": wanted " + Codec<T>::name() + ", got " + type_of(from);
+  }
+  static std::string of_fields(TolkParams& block) {
+    std::string misfit;
+    Codec<T>::each([&](const auto& field) {
+      using Member = std::remove_cvref_t<decltype(std::declval<T&>().*field.member)>;
+      const TolkValue* const from = block.GetMap(field.name);
+      Member ignored{};
+      if (Codec<Member>::get(from, ignored)) return true;
+      misfit = ", field \"" + std::string(field.name) + "\"" + Misfit<Member>::text(from);
+      return false;
+    });
+    return misfit;
+  }
+};
+
+// What stands at a place of `block`, null if nothing does. A struct is then read from the block's
+// own keyed values, as hosts without the layer write one.
+template <class T>
+struct Placed {
+  static bool get(const TolkValue* from, TolkParams& block, T& to) {
+    if constexpr (Described<T>) {
+      if (is_keyed(from, block)) return Codec<T>::get_fields(block, to);
+    }
+    return Codec<T>::get(from, to);
+  }
+  // Of what `get` refuses.
+  static std::string misfit(const TolkValue* from, TolkParams& block) {
+    if constexpr (Described<T>) {
+      if (is_keyed(from, block)) return Misfit<T>::of_fields(block);
+    }
+    return Misfit<T>::text(from);
+  }
+
+ private:
+  static bool is_keyed(const TolkValue* from, TolkParams& block) {
+    return from == nullptr && block.MapSize() > 0;
   }
 };
 

@@ -84,11 +84,9 @@ struct Parameter {
   static std::string name() { return Codec<T>::name(); }
   static void fill(const Invocation& call, int position, T& to) {
     const TolkValue* const from = call.at(position);
-    if constexpr (Described<T>) {
-      if (from == nullptr && call.in.MapSize() > 0 && Codec<T>::get_fields(call.in, to)) return;
-    }
-    if (Codec<T>::get(from, to)) return;
-    throw BadArguments("argument " + std::to_string(position + 1) + Misfit<T>::text(from));
+    if (Placed<T>::get(from, call.in, to)) return;
+    throw BadArguments("argument " + std::to_string(position + 1) +
+                       Placed<T>::misfit(from, call.in));
   }
 };
 

@@ -114,56 +114,43 @@ struct Answer {
   static_assert(check_carried<T>());
   static_assert(!View<T>, "tolk: a result needs to be owned: ask for std::string or tolk::bytes");
 
-  static std::string name() { return Codec<T>::name(); }
-  static bool get(TolkParams& block, T& to) {
-    const TolkValue* const first = first_in(block);
-    // A struct is also read from the keyed values of an answer, as hosts without the layer write
-    // them.
-    if constexpr (Described<T>) {
-      if (first == nullptr && block.MapSize() > 0) return Codec<T>::get_fields(block, to);
-    }
-    return Codec<T>::get(first, to);
-  }
-  static std::string got(TolkParams& block) { return type_of(first_in(block)); }
+  static bool get(TolkParams& block, T& to) { return Placed<T>::get(first_in(block), block, to); }
+  // What an answer is that `get` refuses.
+  static std::string misfit(TolkParams& block) { return Placed<T>::misfit(first_in(block), block); }
 };
 
 template <class... Ts>
 struct Answer<std::tuple<Ts...>> {
   static_assert((check_carried<Ts>() && ...));
 
-  static std::string name() { return list_of<Ts...>(); }
   static bool get(TolkParams& block, std::tuple<Ts...>& to) {
     return [&]<std::size_t... I>(std::index_sequence<I...>) {
       return (Codec<Ts>::get(block.GetValue(static_cast<int>(I)), std::get<I>(to)) && ...);
     }
     (std::index_sequence_for<Ts...>());
   }
-  static std::string got(TolkParams& block) {
+  static std::string name() {
     std::string text;
-    for (int i = 0; i < block.ParamsSize(); ++i) {
-      text += (i == 0 ? "" : ", ") + type_of(block.GetValue(i));
-    }
+    ((text += (text.empty() ? "" : ", ") + Codec<Ts>::name()), ...);
     return "(" + text + ")";
   }
-
- private:
-  template <class... All>
-  static std::string list_of() {
-    std::string text;
-    ((text += (text.empty() ? "" : ", ") + Codec<All>::name()), ...);
-    return "(" + text + ")";
+  static std::string misfit(TolkParams& block) {
+    std::string got;
+    for (int i = 0; i < block.ParamsSize(); ++i) {
+      got += (i == 0 ? "" : ", ") + type_of(block.GetValue(i));
+    }
+    return ": wanted " + name() + ", got (" + got + ")";
   }
 };
 
 template <>
 struct Answer<Values> {
-  static std::string name() { return "any"; }
   static bool get(TolkParams& block, Values& to) {
     to = Values::of(block);
     if (to.size() > 0 && last_is_the_librarys(block)) to.drop_last();
     return true;
   }
-  static std::string got(TolkParams&) { return {}; }
+  static std::string misfit(TolkParams&) { return {}; }  // anything fits
 };
 
 template <class T>
@@ -174,9 +161,8 @@ Result<T> result_in(TolkParams& block, const std::string& method, const Peer& pe
   } else {
     T value{};
     if (Answer<T>::get(block, value)) return value;
-    return Error(
-        Errc::wrong_type, method, peer.address(),
-        "wrong result type: wanted " + Answer<T>::name() + ", got " + Answer<T>::got(block));
+    return Error(Errc::wrong_type, method, peer.address(),
+                 "wrong result type" + Answer<T>::misfit(block));
   }
 }
 

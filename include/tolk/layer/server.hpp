@@ -67,7 +67,8 @@ class Server {
     core_->on_closed = std::move(hook);
     return *this;
   }
-  /// Called for each piece of large data that comes in (Client::send). It may cancel.
+  /// Called for each piece of large data that comes in (Client::send). It may cancel, or throw: the
+  /// sender gets the exception's text, as of a handler.
   Server& on_receiving(std::function<void(const Caller&, Progress)> hook) {
     core_->side->receiving = std::move(hook);
     return *this;
