@@ -152,12 +152,16 @@ TEST_P(LargeCallServer, CallIdZeroIsNamedAndNotCalledWith) {
 
 TEST_P(LargeCallServer, ResultPieceWithoutAnAnswerEndsTheSending) {
   server->SetBigfileBufferSize(60);
+  server->SetTimeoutStep(20);
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
-  const auto begin = std::chrono::steady_clock::now();
-  send_last(kLargeCallId, static_cast<int>(call.size()), call);
-  ASSERT_TRUE(read_piece(client->socket).has_value());  // stays without an answer: half a second
-  EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, Milliseconds(500));
+  // The first look at calls comes late, so that only the second piece has no more than its own time.
+  for (int piece = 0; piece < 2; ++piece) {
+    const auto begin = std::chrono::steady_clock::now();
+    send_last(kLargeCallId, static_cast<int>(call.size()), call);
+    ASSERT_TRUE(read_piece(client->socket).has_value());  // stays without an answer: half a second
+    EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, Milliseconds(500));
+  }
 }
 
 // On purpose: an answer that was left from an earlier piece counts for one that was not answered.
