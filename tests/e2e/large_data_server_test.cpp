@@ -154,7 +154,8 @@ TEST_P(LargeCallServer, ResultPieceWithoutAnAnswerEndsTheSending) {
   server->SetBigfileBufferSize(60);
   server->SetTimeoutStep(20);
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
-  // The first look at calls comes late, so that only the second piece has no more than its own time.
+  // The first look at calls comes late, so that only the second piece has no more than its own
+  // time.
   for (int piece = 0; piece < 2; ++piece) {
     const auto begin = std::chrono::steady_clock::now();
     send_last(kLargeCallId, static_cast<int>(call.size()), call);

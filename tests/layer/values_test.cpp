@@ -212,9 +212,11 @@ TEST_F(LayerValues, AStructIsReadFromKeyedValuesToo) {
 }
 
 TEST_F(LayerValues, AWrongResultSaysWhichElementOrField) {
+  int count = 0;
   const auto misfit = [&]<class T>(const Values& result, const T&) {
-    server.on("result", [result] { return result; });
-    const auto error = client.call<T>("result").error();
+    const std::string name = "result " + std::to_string(++count);
+    server.on(name, [result] { return result; });
+    const auto error = client.call<T>(name).error();
     EXPECT_EQ(error.code(), Errc::wrong_type);
     return error.detail();
   };

@@ -103,10 +103,10 @@ class Receiver {
   // Throws Refused for a file of too many bytes: of one in pieces, with the first.
   void check_size(const Caller& caller, std::uint64_t bytes) const {
     if (receive_.most_bytes == 0 || bytes <= receive_.most_bytes) return;
-    const Refused refused(fmt::format("the file has {} bytes, and no more than {} are taken", bytes,
-                                      receive_.most_bytes));
-    note(caller, refused);
-    throw refused;
+    const std::string why = fmt::format("the file has {} bytes, and no more than {} are taken",
+                                        bytes, receive_.most_bytes);
+    note(caller, why);
+    throw Refused(why);
   }
 
   // What the sender gets: the name of the file.
@@ -124,7 +124,7 @@ class Receiver {
       if (++saved_ == receive_.count) ask_to_end();
       return saved;
     } catch (const Refused& refused) {
-      note(caller, refused);
+      note(caller, refused.what());
       throw;
     }
   }
@@ -143,8 +143,8 @@ class Receiver {
   }
 
  private:
-  static void note(const Caller& caller, const Refused& refused) {
-    Output::get().note(fmt::format("client {}: refused: {}", caller.id(), refused.what()));
+  static void note(const Caller& caller, std::string_view why) {
+    Output::get().note(fmt::format("client {}: refused: {}", caller.id(), why));
   }
   static void show(const std::string& path) {
     try {
