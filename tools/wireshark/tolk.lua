@@ -7,6 +7,9 @@
 -- where a capture starts amid a connection. Captures of `tolk monitor` are exported PDUs that name the
 -- dissector "tolk_pdu": whole frames in each packet, or a part of a large one.
 
+-- It may be there already, as a plugin.
+if Dissector.get("tolk") then return end
+
 local tolk = Proto("tolk", "tolk calls")
 
 local kinds = { [0] = "call", [1] = "posted call", [2] = "reply" }
@@ -118,7 +121,8 @@ local function scalar(block, tree, at)
   return value, stop + 4
 end
 
--- The elements of a list or a map. The offset behind them; nothing when the block ends within.
+-- The elements of a list or a map, as a value, and the offset behind them; nothing when the block ends
+-- within.
 local function elements(block, tree, at, read)
   if at + 5 > block:len() then return nil end
   local tag, count = block(at, 1):uint(), block(at + 1, 4):le_int()
@@ -136,7 +140,7 @@ local function elements(block, tree, at, read)
     if not value.intact then return nil end
   end
   node:set_len(next_at - at)
-  return true, next_at
+  return { tag = tag, text = string.format("%s of %d", tags[tag], count), intact = true }, next_at
 end
 
 local function keyed(block, tree, at)
@@ -163,16 +167,17 @@ local function read_block(block, tree)
     if tag == KEYED then
       value, behind = keyed(block, tree, at)
       if value then keys[value.key] = value end
-    elseif tag == LIST then
-      value, behind = elements(block, tree, at, scalar)
-    elseif tag == MAP then
-      value, behind = elements(block, tree, at, keyed)
-    elseif tag <= STREAM then
-      value, behind = scalar(block, tree, at)
+    elseif tag <= MAP then
+      if tag == LIST then
+        value, behind = elements(block, tree, at, scalar)
+      elseif tag == MAP then
+        value, behind = elements(block, tree, at, keyed)
+      else
+        value, behind = scalar(block, tree, at)
+      end
       if value then values[#values + 1] = value end
     end
-    local intact = value == true or (value and value.intact)
-    if not intact then
+    if not (value and value.intact) then
       tree:add_proto_expert_info(e.malformed)
       return keys, values, false
     end
@@ -249,12 +254,12 @@ local function show_arguments(keys)
   return short_list(inner_values, inner_keys)
 end
 
-local function mark_unknown_method(values)
-  for _, value in ipairs(values) do
-    if value.tag == STRING and value.text:sub(1, 10) == "no event: " then
-      value.node:add_proto_expert_info(e.unknown)
-    end
-  end
+-- Behind other values it is what the library adds to a catch-all's answer; with "tolk.value" the method
+-- has answered so itself.
+local function mark_unknown_method(keys, values)
+  local first = values[1]
+  if not first or first.tag ~= STRING or keys["tolk.value"] then return end
+  if first.text:sub(1, 10) == "no event: " then first.node:add_proto_expert_info(e.unknown) end
 end
 
 -- Returns what the packet list says of it.
@@ -268,7 +273,7 @@ local function show_envelope(tree, pinfo, keys, values)
   local has_token = token and token.tag == STRING and token.range
   if has_token then tree:add(f.token, token.range):set_generated() end
   if kind == REPLY then
-    mark_unknown_method(values)
+    mark_unknown_method(keys, values)
     local called = has_token and show_call_of(tree, pinfo, token.text) or ""
     local to = called ~= "" and " to " .. called or ""
     return "reply" .. to .. " (" .. short_list(values, keys) .. ")"
