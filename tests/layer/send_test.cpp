@@ -47,6 +47,17 @@ TEST_F(LayerSend, OtherArgumentsStandBehindTheData) {
   EXPECT_EQ(client.send<int>("all of it", data).value(), int(kPiece + 1));
 }
 
+TEST_F(LayerSend, BytesAndTextsOfAnyKindAreTaken) {
+  server.on("text of", [](const std::string& data) { return data; });
+  const std::vector<unsigned char> octets{'a', 'b'};
+  const bytes whole{std::byte{'c'}, std::byte{'d'}};
+  EXPECT_EQ(client.send<std::string>("text of", octets).value(), "ab");
+  EXPECT_EQ(client.send<std::string>("text of", whole).value(), "cd");
+  EXPECT_EQ(client.send<std::string>("text of", std::string_view("efg").substr(0, 2)).value(),
+            "ef");
+  EXPECT_EQ(client.send<std::string>("text of", "gh", [](Progress) {}).value(), "gh");
+}
+
 TEST_F(LayerSend, CancelEndsItAndTheMethodIsNotCalled) {
   std::atomic<int> called{0};
   server.on("never", [&](std::string_view) { ++called; });
@@ -94,6 +105,25 @@ TEST(LayerReceive, TheReceiverSeesProgressAndMayCancel) {
   const auto cancelled = client.send("upload", pattern(11 * kPiece));
   EXPECT_EQ(cancelled.error().code(), Errc::handler_failed);
   EXPECT_EQ(seen, kPiece);
+}
+
+TEST(LayerReceive, ACatchAllGetsAllOfItInOneCall) {
+  Server server;
+  server.on("pieces", [](std::string_view data) { return int(data.size()); });
+  server.on_any([](const Caller& caller, const Values& all) {
+    return Values().add(caller.method()).add(int(all.at(0).get<bytes>().size())).add(all.at(1));
+  });
+  const auto where = fresh();
+  server.listen(where);
+  Client client = connect(where);
+  std::vector<std::uint64_t> done;
+  const auto note = [&](Progress p) { done.push_back(p.done()); };
+  const auto any = client.send<Values>("any", pattern(2 * kPiece), note, "x");
+  EXPECT_EQ(any.value(), Values().add("any").add(int(2 * kPiece)).add("x"));
+  EXPECT_THAT(done, testing::ElementsAre(0U, 2 * kPiece));
+  done.clear();
+  EXPECT_EQ(client.send<int>("pieces", pattern(2 * kPiece), note).value(), int(2 * kPiece));
+  EXPECT_THAT(done, testing::ElementsAre(0U, kPiece, 2 * kPiece));
 }
 
 TEST(LayerReceive, AnExceptionOfTheReceiverIsToldToTheSender) {

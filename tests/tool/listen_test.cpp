@@ -69,6 +69,14 @@ TEST_F(ToolListen, ShowsCallsThatAreOnlyPosted) {
   EXPECT_EQ(process->end().code, 130);
 }
 
+TEST_F(ToolListen, ShowsWhatIsSentInPiecesToOthers) {
+  listen({"--json=short", "--count", "1"});
+  EXPECT_EQ(tolk_command({"send", at, "upload", "-", "--name", "x"}, {.input = "hello"}).code, 0);
+  const Json line = Json::parse(process->end().out);
+  EXPECT_EQ(line["method"], "upload");
+  EXPECT_EQ(line["arguments"], Json::parse(R"([{"$base64": "aGVsbG8="}, {"name": "x"}])"));
+}
+
 TEST_F(ToolListen, EndsWhenNobodyReadsAnyMore) {
   Process listens({"/bin/sh", "-c", "tolk listen " + at + " | head -n 1; echo the end"});
   listens.await("listening at");

@@ -118,7 +118,8 @@ class Client {
   /// its first argument and `args` behind it.
   ///
   /// The limit, last among `args`, counts for each piece, and for the run of the method. A server
-  /// without this layer gets everything in one call: progress is 0 and then all.
+  /// without this layer, and a catch-all (Server::on_any), get everything in one call: progress is
+  /// 0 and then all.
   template <class T = void, class... Args>
   Result<T> send(std::string_view method, std::span<const std::byte> data,
                  const std::function<void(Progress)>& progress, const Args&... args) {
@@ -131,9 +132,15 @@ class Client {
                             if (progress) progress(now);
                           });
   }
+  /// The same with bytes of the other kind that travels.
+  template <class T = void, class... Args>
+  Result<T> send(std::string_view method, std::span<const unsigned char> data,
+                 const std::function<void(Progress)>& progress, const Args&... args) {
+    return send<T>(method, std::as_bytes(data), progress, args...);
+  }
   /// The same with the bytes of a string.
   template <class T = void, class... Args>
-  Result<T> send(std::string_view method, const std::string& data,
+  Result<T> send(std::string_view method, std::string_view data,
                  const std::function<void(Progress)>& progress, const Args&... args) {
     return send<T>(method, std::as_bytes(std::span(data)), progress, args...);
   }

@@ -264,6 +264,7 @@ inline void Side::join_piece(const Transfers::Piece& piece, int caller_id, TolkP
                              TolkParams& out) {
   const Method* const method = find(piece.method);
   if (method == nullptr) {
+    if (catch_all) return;  // as who knows no pieces: all of it comes in one call, of any name
     out.AddKeyValueString(kKeyError, "there is no such method");
     out.AddKeyValueString(kKeyKind, kKindMethod);
     return;
