@@ -106,6 +106,16 @@ TEST_F(LayerCalls, ATimeOutSaysAfterHowLong) {
   EXPECT_GE(watch.elapsed(), 150ms);
 }
 
+TEST_F(LayerCalls, ACallThatDoesNotSayHowLongTakesTheUsualTime) {
+  EXPECT_EQ(Options().limit, 5s);
+  Gate gate;
+  const OpenAtEnd open(gate);
+  server.on("slowest", [gate]() mutable { gate.pass(); });
+  Client brief = connect(server.address(), {.limit = 60ms});
+  EXPECT_EQ(brief.call("slowest").error().detail(), "timed out after 60 ms");
+  EXPECT_THROW(brief.async("slowest").get(), Error);
+}
+
 TEST_F(LayerCalls, ALimitOfNothingIsNotNoLimit) {
   Gate gate;
   const OpenAtEnd open(gate);

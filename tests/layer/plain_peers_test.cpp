@@ -80,6 +80,59 @@ TEST_P(LayerAndPlain, AServerOfTheLayerServesAPlainClient) {
   EXPECT_EQ(reply->GetValue(0)->GetInt(), 100000);
 }
 
+TEST_P(LayerAndPlain, APlainServerCallsAClientOfTheLayer) {
+  const ServerPtr server = make_server();
+  Counter came;
+  std::atomic<int> id{0};
+  server->method("here", on_call([&, came](int from, TolkParams*, TolkParams*) mutable {
+                   id = from;
+                   came.add();
+                 }));
+  ASSERT_TRUE(start_server(server.get(), address));
+  Client client = connect(layered(address));
+  client.on("add", [](int a, int b) { return a + b; });
+  client.on("fail", [] { throw std::runtime_error("no"); });
+  ASSERT_TRUE(client.call("here"));
+  ASSERT_TRUE(came.wait_for(1));
+
+  TolkParams two_and_three;
+  two_and_three.AddInt(2);
+  two_and_three.AddInt(3);
+  TolkParams* reply = server->SendMsg(id, "add", &two_and_three, 0, 20000);
+  ASSERT_NE(reply, nullptr);
+  EXPECT_EQ(reply->GetValue(0)->GetInt(), 5);
+  EXPECT_EQ(reply->ParamsSize(), 1);
+  EXPECT_EQ(reply->MapSize(), 3);  // the envelope alone
+  reply = server->SendMsg(id, "fail", nullptr, 0, 20000);
+  ASSERT_NE(reply, nullptr);
+  EXPECT_EQ(reply->ParamsSize(), 0);
+  EXPECT_STREQ(reply->GetMap("tolk.error")->GetString(), "no");
+}
+
+TEST_P(LayerAndPlain, AServerOfTheLayerCallsAPlainClient) {
+  Server server;
+  server.on("here", [](const Caller& caller) { return caller.id(); });
+  server.listen(layered(address));
+  const ClientPtr client = make_client();
+  Counter posted;
+  client->method("add", on_call([](int, TolkParams* in, TolkParams* out) {
+                   out->AddInt(in->GetValue(0)->GetInt() + in->GetMap("b")->GetInt());
+                   out->AddString("done");
+                 }));
+  client->method("note", counting(posted));
+  ASSERT_TRUE(connect_client(client.get(), address));
+  TolkParams* const reply = client->SendMsgFast("here", nullptr, 0, 20000);
+  ASSERT_NE(reply, nullptr);
+  const int id = reply->GetValue(0)->GetInt();
+
+  EXPECT_EQ(server.call<int>(id, "add", 2, arg("b", 3)).value(), 5);
+  EXPECT_EQ((server.call<std::tuple<int, std::string>>(id, "add", 2, arg("b", 4)).value()),
+            std::tuple(6, "done"));
+  EXPECT_EQ(server.call<bool>(id, "add", 2, arg("b", 3)).error().code(), Errc::wrong_type);
+  EXPECT_TRUE(server.post(id, "note"));
+  EXPECT_TRUE(posted.wait_for(1));
+}
+
 class LayerAndRaw : public testing::Test {
  protected:
   const tolk::test::Address address = fresh_address(Transport::pipe);

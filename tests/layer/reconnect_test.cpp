@@ -57,6 +57,58 @@ TEST_F(LayerReconnect, TimeOutsWorkOnTheNewConnection) {
   EXPECT_EQ(client.call("m", 50ms).error().code(), Errc::timed_out);
 }
 
+// A server that was there once, and then refuses whoever comes.
+class Refusals {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit Refusals(const test::Address& address)
+      : raw_(address, [this](RawSocket& socket) {
+          if (greeted_++ == 0) return accepting()(socket);
+          {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            times_.push_back(Clock::now());
+          }
+          refusing()(socket);
+        }) {}
+  // Sends the first client away.
+  void begin() { raw_.take().close(); }
+  std::vector<Clock::time_point> times() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return times_;
+  }
+
+ private:
+  int greeted_ = 0;
+  std::mutex mutex_;
+  std::vector<Clock::time_point> times_;
+  RawServer raw_;  // last: it uses the others
+};
+
+TEST_F(LayerReconnect, PausesGrow) {
+  const auto address = fresh_address(Transport::pipe);
+  Refusals refusals(address);
+  Client client = connect(layered(address));
+  client.reconnecting({.first = 200ms});
+  refusals.begin();
+  ASSERT_TRUE(eventually([&] { return refusals.times().size() >= 4; }));
+  client.close();
+  const auto times = refusals.times();
+  EXPECT_GE(times[1] - times[0], 200ms);
+  EXPECT_GE(times[2] - times[1], 400ms);
+  EXPECT_GE(times[3] - times[2], 800ms);
+}
+
+// Twice as long each time, the eighth attempt would come after two minutes.
+TEST_F(LayerReconnect, PausesAreNotLongerThanTheLongest) {
+  const auto address = fresh_address(Transport::pipe);
+  Refusals refusals(address);
+  Client client = connect(layered(address));
+  client.reconnecting({.first = 1s, .most = 1ms});
+  refusals.begin();
+  EXPECT_TRUE(eventually([&] { return refusals.times().size() >= 8; }));
+}
+
 TEST_F(LayerReconnect, CallsMayWaitForTheNewConnection) {
   start();
   Counter lost;

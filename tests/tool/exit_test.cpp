@@ -106,6 +106,10 @@ TEST_F(ToolExit, TimedOutIsFour) {
   expect_error(ended, 4, "slow at " + at, "timed out after 1500 ms", "--timeout 30s");
 }
 
+TEST_F(ToolExit, ATimeOutThatIsNotGivenIsFiveSeconds) {
+  expect_error(call({"slow"}), 4, "slow at " + at, "timed out after 5000 ms", "--timeout 30s");
+}
+
 TEST_F(ToolExit, AServerThatTakesConnectionsAndIsSilentIsATimeOut) {
   const auto where = fresh_address(test::Transport::pipe);
   RawListener silent(where);
