@@ -186,31 +186,27 @@ local function read_block(block, tree)
   return keys, values, true
 end
 
--- Calls and replies. A reply wakes the call of the other side that has its token.
+-- Calls and replies. A reply wakes the call of the other side that has its token; both sides may have
+-- calls of one token.
 
 local calls, answers = {}, {}
 function tolk.init() calls, answers = {}, {} end
 
-local function side(pinfo) return tostring(pinfo.src) .. ":" .. pinfo.src_port end
-
-local function conversation(pinfo)
-  local one, other = side(pinfo), tostring(pinfo.dst) .. ":" .. pinfo.dst_port
-  return one < other and one .. " " .. other or other .. " " .. one
-end
-
--- A reply comes from the other side. An exported PDU may not say who sent it.
-local function answers_to(call, pinfo) return pinfo.src_port == 0 or call.from ~= side(pinfo) end
+-- The two ends of a packet, which are the same in an exported PDU that does not say who sent it.
+local function source(pinfo) return tostring(pinfo.src) .. ":" .. pinfo.src_port end
+local function target(pinfo) return tostring(pinfo.dst) .. ":" .. pinfo.dst_port end
+local function call_key(from, to, token) return from .. " " .. to .. " " .. token end
 
 local function remember(pinfo, token, method)
   if pinfo.visited then return end
-  calls[conversation(pinfo) .. " " .. token] =
-    { packet = pinfo.number, time = pinfo.rel_ts, from = side(pinfo), method = method }
+  calls[call_key(source(pinfo), target(pinfo), token)] =
+    { packet = pinfo.number, time = pinfo.rel_ts, method = method }
 end
 
 -- The call that this reply answers, if it was seen.
 local function match(pinfo, token)
-  local call = calls[conversation(pinfo) .. " " .. token]
-  if not pinfo.visited and call and answers_to(call, pinfo) then
+  local call = calls[call_key(target(pinfo), source(pinfo), token)]
+  if not pinfo.visited and call then
     answers[pinfo.number .. " " .. token] = call
     answers[call.packet .. " call " .. token] = pinfo.number
   end
@@ -345,7 +341,7 @@ end
 -- The bytes with what earlier packets hold of their frame in front.
 local function whole_bytes(tvb, pinfo)
   if not pinfo.visited then
-    local way = side(pinfo) .. " " .. tostring(pinfo.dst) .. ":" .. pinfo.dst_port
+    local way = source(pinfo) .. " " .. target(pinfo)
     local bytes = begun[way]
     if bytes then bytes:append(tvb:bytes()) else bytes = tvb:bytes() end
     local size = frame_size(bytes)
