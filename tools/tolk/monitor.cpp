@@ -87,7 +87,7 @@ Address address_from(const std::string& text) {
   try {
     return text;
   } catch (const Error& error) {
-    throw failure_of(error);
+    throw failure_of(error, "monitor");
   }
 }
 
@@ -122,12 +122,17 @@ void pass_on(const Address& from, const Address& to, Monitor& watcher) {
 void monitor(const Settings& settings) {
   const Address from = address_from(settings.from);
   const Address to = address_from(settings.to);
-  if (from.text() == to.text()) {
-    throw Failure(Exit::usage, from.text() + ": both --from and --to",
-                  "let clients connect to another address, and pass that on to the server's");
+  try {
+    if (from.text() == to.text()) {
+      throw Failure(Exit::usage, "both --from and --to",
+                    "let clients connect to another address, and pass that on to the server's");
+    }
+    Monitor watcher(settings.capture);
+    pass_on(from, to, watcher);
+  } catch (const Failure& failure) {
+    throw Failure(failure.exit, fmt::format("monitor at {}: {}", from.text(), failure.what()),
+                  failure.hint);
   }
-  Monitor watcher(settings.capture);
-  pass_on(from, to, watcher);
 }
 
 }  // namespace

@@ -70,8 +70,7 @@ PipeClaim::PipeClaim(int number) : path_(pipe_path(number)) {
   }
   if (descriptor_ < 0 && errno != EWOULDBLOCK) throw unusable(lock, std::strerror(errno));
   if (descriptor_ < 0) {
-    throw Failure(Exit::failed,
-                  fmt::format("pipe:{}: cannot listen: another server has this number", number),
+    throw Failure(Exit::failed, "cannot listen: another server has this number",
                   "stop the other server, or choose another number");
   }
   unlink(path_.c_str());

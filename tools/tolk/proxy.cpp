@@ -79,8 +79,7 @@ class Proxy::Loop : public PassageOwner {
       });
     }
     if (error == 0) return;
-    throw Failure(Exit::failed,
-                  fmt::format("{}: cannot listen: {}", from_.text(), uv_strerror(error)),
+    throw Failure(Exit::failed, fmt::format("cannot listen: {}", uv_strerror(error)),
                   "stop the other server of that address, or choose another");
   }
 
