@@ -57,10 +57,9 @@ local HEADER_BYTES = 4
 
 -- Blocks. A reader stands at `at` in `bytes`, the block; offsets count from the block's first byte.
 
-local function text_of(range)
-  local text = range:string()
-  return #text > 60 and text:sub(1, 57) .. "..." or text
-end
+local function cut(text) return #text > 60 and text:sub(1, 57) .. "..." or text end
+
+local function text_of(range) return cut(range:string()) end
 
 -- The words for a value in a line of text.
 local function shown(value)
@@ -121,7 +120,7 @@ local function scalar(block, tree, at)
   return value, stop + 4
 end
 
--- The elements of a list or a map, as a value, and the offset behind them; nothing when the block ends
+-- The elements of a list or a map. The value and the offset behind it; nothing when the block ends
 -- within.
 local function elements(block, tree, at, read)
   if at + 5 > block:len() then return nil end
@@ -129,7 +128,7 @@ local function elements(block, tree, at, read)
   local node = tree:add(block(at, 5), string.format("%s of %d", tags[tag], count))
   node:add(f.tag, block(at, 1))
   node:add_le(f.count, block(at + 1, 4))
-  local next_at = at + 5
+  local next_at, words = at + 5, {}
   for _ = 1, count do
     if next_at >= block:len() then break end
     local first = block(next_at, 1):uint()
@@ -138,9 +137,12 @@ local function elements(block, tree, at, read)
     if not value then return nil end
     next_at = behind
     if not value.intact then return nil end
+    if #words < 20 then words[#words + 1] = (tag == MAP and value.key .. "=" or "") .. shown(value) end
   end
   node:set_len(next_at - at)
-  return { tag = tag, text = string.format("%s of %d", tags[tag], count), intact = true }, next_at
+  local open, close = tag == MAP and "{" or "[", tag == MAP and "}" or "]"
+  local text = open .. cut(table.concat(words, ", ")) .. close
+  return { tag = tag, node = node, text = text, intact = true }, next_at
 end
 
 local function keyed(block, tree, at)
@@ -167,16 +169,14 @@ local function read_block(block, tree)
     if tag == KEYED then
       value, behind = keyed(block, tree, at)
       if value then keys[value.key] = value end
-    elseif tag <= MAP then
-      if tag == LIST then
-        value, behind = elements(block, tree, at, scalar)
-      elseif tag == MAP then
-        value, behind = elements(block, tree, at, keyed)
-      else
-        value, behind = scalar(block, tree, at)
-      end
-      if value then values[#values + 1] = value end
+    elseif tag == LIST then
+      value, behind = elements(block, tree, at, scalar)
+    elseif tag == MAP then
+      value, behind = elements(block, tree, at, keyed)
+    elseif tag <= STREAM then
+      value, behind = scalar(block, tree, at)
     end
+    if value and tag ~= KEYED then values[#values + 1] = value end
     if not (value and value.intact) then
       tree:add_proto_expert_info(e.malformed)
       return keys, values, false
