@@ -16,8 +16,9 @@
 #pragma once
 
 #if defined(__cplusplus) && __cplusplus < 202002L && (!defined(_MSVC_LANG) || _MSVC_LANG < 202002L)
-#error "tolk.hpp needs C++20; tolk.h does with C++17"
-#endif
+// Nothing behind it, so that it is all that the compiler says.
+#error "tolk.hpp needs C++20 (-std=c++20); tolk.h does with C++17"
+#else
 
 #include <tolk/layer/address.hpp>
 #include <tolk/layer/caller.hpp>
@@ -28,3 +29,5 @@
 #include <tolk/layer/server.hpp>
 #include <tolk/layer/transfers.hpp>
 #include <tolk/layer/value.hpp>
+
+#endif
