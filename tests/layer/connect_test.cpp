@@ -25,7 +25,9 @@ TEST(LayerConnect, ARefusedVersionIsSaidSo) {
 TEST(LayerConnect, AServerThatHangsUpIsGone) {
   const auto address = fresh_address(Transport::pipe);
   RawServer server(address, hanging_up());
-  EXPECT_EQ(error_of([&] { connect(layered(address)); }).code(), Errc::gone);
+  const Error error = error_of([&] { connect(layered(address)); });
+  EXPECT_EQ(error.code(), Errc::gone);
+  EXPECT_THAT(error.hint(), testing::HasSubstr("it may be no server of this library"));
 }
 
 TEST(LayerConnect, ATextThatIsNoAddressIsSaidSo) {
@@ -68,7 +70,16 @@ TEST(LayerListen, ATakenAddressSaysWhy) {
   EXPECT_EQ(error.code(), Errc::cannot_listen);
   EXPECT_EQ(error.address(), where.text());
   EXPECT_THAT(error.detail(), testing::HasSubstr("EADDRINUSE"));
+  EXPECT_STREQ(error.hint(), "stop the other server of that address, or choose another");
   EXPECT_FALSE(second.listening());
+}
+
+TEST(LayerListen, AnAddressOfAnotherMachineSaysSo) {
+  Server server;
+  // For documentation: no machine has it.
+  const Error error = error_of([&] { server.listen("tcp4:192.0.2.1:5000"); });
+  EXPECT_EQ(error.code(), Errc::cannot_listen);
+  EXPECT_STREQ(error.hint(), "use an address that this machine has");
 }
 
 TEST(LayerListen, AQuietServerSaysWhyTooAndPrintsNothing) {

@@ -93,6 +93,7 @@ TEST(LayerServerAlone, CallsOfAServerThatDoesNotListenSaySo) {
   Server server;
   const Error error = server.call(1, "m").error();
   EXPECT_EQ(error.code(), Errc::not_connected);
+  EXPECT_STREQ(error.what(), "m at client 1: not connected: the server does not listen");
   EXPECT_STREQ(error.hint(), "let the server listen, then call");
   EXPECT_EQ(server.post(1, "m").error().code(), Errc::not_connected);
 }

@@ -94,7 +94,7 @@ class Address {
     if (text.starts_with("pipe:")) return pipe_from(text, text.substr(5));
     if (text.starts_with("tcp4:")) return host_from(text, Transport::tcp4);
     if (text.starts_with("tcp6:")) return host_from(text, Transport::tcp6);
-    if (text.find(':') == std::string_view::npos) return pipe_from(text, text);
+    if (is_digits(text)) return pipe_from(text, text);
     refuse(text, "an address is pipe:NUMBER, tcp4:HOST:PORT, tcp6:[HOST]:PORT or a number");
   }
 
@@ -121,6 +121,11 @@ class Address {
     int port = 0;
     if (!number_from(rest.substr(colon + 1), port)) refuse(whole, "the port is not a number");
     return {transport, host, port};
+  }
+
+  // A bare number is a pipe, and one that is no number was never meant to be.
+  static bool is_digits(std::string_view text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
   }
 
   static bool number_from(std::string_view digits, int& value) {

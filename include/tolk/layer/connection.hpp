@@ -73,11 +73,12 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
     ran_ = connect_natively();
     if (ran_) return std::nullopt;
     if (fate_->lost)
-      return failure(Errc::gone, "", "the server went away during the version check");
+      return failure(Errc::gone, "", "the server went away during the version check", kMaybeNone);
     if (may_try_again())
       return failure(Errc::not_connected, "", "not connected: nobody listens there");
     if (Clock::now() - begun >= kVersionLimit) {
-      return failure(Errc::timed_out, "", "the server did not answer the version check in 10 s");
+      return failure(Errc::timed_out, "", "the server did not answer the version check in 10 s",
+                     kMaybeNone);
     }
     return failure(Errc::refused_version, "", "refused: the server is of another version");
   }
@@ -126,6 +127,8 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
  private:
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::seconds kVersionLimit{10};
+  static constexpr const char* kMaybeNone =
+      "look what listens there, it may be no server of this library; if it is, connect again";
   // Answers of posted calls are kept too: all in one place, where nobody looks.
   static constexpr int kPostId = 0x40000001;
 
@@ -169,8 +172,9 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
     return native_->InitTolkClientTcp6(where_.host().c_str(), number.c_str(), false);
   }
 
-  Error failure(Errc code, const std::string& method, std::string_view detail) const {
-    return {code, method, address(), detail};
+  Error failure(Errc code, const std::string& method, std::string_view detail,
+                const char* hint = nullptr) const {
+    return {code, method, address(), detail, hint};
   }
 
   Error not_connected(const std::string& method) const {

@@ -100,7 +100,9 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     if (options.quiet) silence(*fresh->native);
     starting_ = false;
     if (!started) {
-      throw Error(Errc::cannot_listen, "", where.text(), "can't listen: " + last_line());
+      const std::string why = last_line();
+      throw Error(Errc::cannot_listen, "", where.text(), "can't listen: " + why,
+                  hint_of(why, where.transport()));
     }
     fresh->started = true;
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -294,6 +296,20 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     const bool says_why = last_line_.find("rror") != std::string::npos;
     return says_why ? last_line_.substr(0, end + 1) : "the address can't be used here";
   }
+  // What to try when the address is not just taken; null when it is.
+  static const char* hint_of(std::string_view why, Transport transport) {
+    const auto is = [&](std::string_view reason) { return why.ends_with(reason); };
+    if (is("EADDRNOTAVAIL")) return "use an address that this machine has";
+    if (is("EACCES") && transport != Transport::pipe) {
+      return "choose a port from 1024 on: lower ones are not for every user";
+    }
+    if (is("EACCES") || is("ENOTDIR")) {
+      return "see that the directory of the pipes, and what is in it, is this user's alone: "
+             "tolk(7), "
+             "FILES";
+    }
+    return nullptr;
+  }
   void set_address(const Address& where) {
     const std::lock_guard<std::mutex> lock(mutex_);
     where_ = where.text();
@@ -364,7 +380,9 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   }
   Error failure(Errc code, int to, const std::string& method, std::string_view detail,
                 const char* hint = nullptr) const {
-    return {code, method, "client " + std::to_string(to) + " of " + address(), detail, hint};
+    const std::string where = address();
+    const std::string of = where.empty() ? where : " of " + where;
+    return {code, method, "client " + std::to_string(to) + of, detail, hint};
   }
   Error not_listening(int to, const std::string& method) const {
     return failure(Errc::not_connected, to, method, "not connected: the server does not listen",
@@ -383,7 +401,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::shared_ptr<Listening> listening_;
-  std::string where_ = "not listening";
+  std::string where_;  // empty before it listens
   std::string last_line_;
   bool ended_ = false;
   bool ever_listened_ = false;         // under `mutex_`
