@@ -99,6 +99,12 @@ TEST(ToolDump, ArgumentsThatAreMalformedCountToo) {
   EXPECT_THAT(ended.out, HasSubstr("malformed: 0x3f begins no record"));
 }
 
+TEST(ToolDump, WhatLooksLikeSomethingElseIsToldHow) {
+  EXPECT_THAT(dump("00 07 00 00 00 05 00 00 00\n").err, HasSubstr("try: give --hex"));
+  EXPECT_THAT(dump("zz", {"--frames"}).err, Not(HasSubstr("--hex")));
+  EXPECT_THAT(dump("\x0a\x0d\x0d\x0a and so on").err, HasSubstr("try: open it with Wireshark"));
+}
+
 TEST(ToolDump, ReadsHexadecimalWithComments) {
   const std::string file = std::string(TOLK_GOLDEN_DIRECTORY) + "/call.hex";
   EXPECT_THAT(tolk_command({"dump", "--hex", file}).out, HasSubstr("call sum, id 5"));

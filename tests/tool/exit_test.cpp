@@ -30,13 +30,19 @@ TEST_F(ToolExit, UsageIsTwo) {
   EXPECT_THAT(missing.err, AllOf(HasSubstr("METHOD"), HasSubstr("try: tolk call --help")));
   const Ended unknown = tolk_command({"call", at, "add", "--bogus"});
   EXPECT_EQ(unknown.code, 2);
-  EXPECT_THAT(unknown.err, HasSubstr("--bogus"));
+  EXPECT_EQ(unknown.err, "tolk: this is not expected: --bogus\ntry: tolk call --help\n");
+  const Ended two = tolk_command({"ping", at, "-n", "2"});
+  EXPECT_EQ(two.code, 2);
+  EXPECT_EQ(two.err, "tolk: these are not expected: -n 2\ntry: tolk ping --help\n");
+  const Ended options = tolk_command({"serve", fresh().text(), "count", "wc", "-c"});
+  EXPECT_EQ(options.code, 2);
+  EXPECT_THAT(options.err, HasSubstr("try: write -- in front of the command to run\n"));
   const Ended word = tolk_command({"lst"});
   EXPECT_EQ(word.code, 2);
   EXPECT_EQ(word.err, "tolk: there is no subcommand lst\ntry: tolk --help\n");
   const Ended time = tolk_command({"call", at, "add", "--timeout", "-5"});
   EXPECT_EQ(time.code, 2);
-  EXPECT_THAT(time.err, AllOf(HasSubstr("\"-5\" is no duration"), HasSubstr("500ms")));
+  EXPECT_THAT(time.err, AllOf(HasSubstr("--timeout: \"-5\" is no duration"), HasSubstr("500ms")));
 }
 
 TEST_F(ToolExit, NumbersAndNamesThatAreNoneAreUsage) {
@@ -81,8 +87,8 @@ TEST_F(ToolExit, BadArgumentsAreUsage) {
 }
 
 TEST_F(ToolExit, ABadAddressIsUsage) {
-  expect_error(tolk_command({"call", "5000x", "add"}), 2, "add at 5000x", "is a number",
-               "tcp4:127.0.0.1:5000");
+  expect_error(tolk_command({"call", "5000x", "add"}), 2, "add at 5000x",
+               "an address is pipe:NUMBER", "tcp4:127.0.0.1:5000");
 }
 
 TEST_F(ToolExit, CannotConnectIsThree) {
@@ -114,7 +120,8 @@ TEST_F(ToolExit, AServerThatTakesConnectionsAndIsSilentIsATimeOut) {
   const auto where = fresh_address(test::Transport::pipe);
   RawListener silent(where);
   expect_error(tolk_command({"call", where.port, "add", "--timeout", "100ms"}), 4,
-               "add at pipe:" + where.port, "did not answer within 100 ms", "--timeout 30s");
+               "add at pipe:" + where.port, "did not answer within 100 ms",
+               "look what listens there, it may be no server of this library");
 }
 
 // A refused connect takes the library longer than that.
@@ -123,7 +130,8 @@ TEST_F(ToolExit, NobodyListensIsThreeAlsoWithAShortTimeOut) {
   for (const std::string& address :
        {nowhere, layered(fresh_address(test::Transport::tcp4)).text()}) {
     expect_error(tolk_command({"call", address, "add", "--timeout", "100ms"}), 3,
-                 "add at " + address, "nobody listens there", "start the server first");
+                 "add at " + address, "nobody listens there",
+                 address == nowhere ? "tolk list" : "the address and the port");
   }
   expect_error(tolk_command({"ping", nowhere, "--timeout", "1ms"}), 3, "ping at " + nowhere,
                "nobody listens", "start the server");

@@ -195,7 +195,7 @@ void add_bench(CLI::App& app, Options& options) {
       .add_option_function<std::string>(
           "--duration",
           [bench](const std::string& text) {
-            bench->duration = duration_from(text);
+            bench->duration = duration_from("--duration", text);
             if (bench->duration == forever || bench->duration.count() == 0) {
               throw CLI::ValidationError("--duration: \"" + text + "\" is no time to measure in");
             }

@@ -37,7 +37,10 @@ std::string hint_of(const Error& error) {
   const std::string& address = error.address();
   switch (error.code()) {
     case Errc::not_connected:
-      return "start the server first, as the same user; tolk list shows those that run";
+      // Those of other users and other machines are not for `tolk list`.
+      return address.starts_with("tcp")
+                 ? "start the server first, and look at the address and the port"
+                 : "start the server first, as the same user; tolk list shows those that run";
     case Errc::timed_out:
       return "allow more with --timeout 30s, or look what the handler is doing";
     case Errc::no_such_method:
@@ -58,16 +61,18 @@ const std::map<std::string, double>& units_ms() {
 
 }  // namespace
 
-Error unnamed(const Error& error) { return {error.code(), "", error.address(), error.detail()}; }
+Error unnamed(const Error& error) {
+  return {error.code(), "", error.address(), error.detail(), error.hint()};
+}
 
 Failure failure_of(const Error& error, std::string_view method) {
   if (!error.method().empty() || method.empty()) {
     return {exit_of(error.code()), error.what(), hint_of(error)};
   }
-  return failure_of(Error(error.code(), method, error.address(), error.detail()));
+  return failure_of(Error(error.code(), method, error.address(), error.detail(), error.hint()));
 }
 
-std::chrono::milliseconds duration_from(const std::string& text) {
+std::chrono::milliseconds duration_from(const char* option, const std::string& text) {
   if (text == "none") return forever;
   double amount = 0;
   const char* const end = text.data() + text.size();
@@ -77,7 +82,8 @@ std::chrono::milliseconds duration_from(const std::string& text) {
   const double amount_ms = valid ? amount * unit->second : 0;
   constexpr double kMost = 4'000'000'000;  // what a call can wait at most, 46 days
   if (!valid || !(amount_ms < kMost)) {
-    throw CLI::ValidationError("\"" + text + "\" is no duration; write 500ms, 2s, 1.5m or none");
+    throw CLI::ValidationError(option,
+                               "\"" + text + "\" is no duration; write 500ms, 2s, 1.5m or none");
   }
   return std::chrono::milliseconds(std::llround(std::ceil(amount_ms)));
 }
@@ -101,7 +107,7 @@ void add_timeout_flag(CLI::App& command, Options& options) {
       .add_option_function<std::string>(
           "--timeout",
           [&options](const std::string& text) {
-            options.timeout = duration_from(text);
+            options.timeout = duration_from("--timeout", text);
             options.timeout_given = true;
           },
           "How long to wait for an answer: 500ms, 2s, 1.5m, none; 5s if not given")
@@ -174,6 +180,10 @@ Error too_slow(const std::string& address, std::chrono::milliseconds limit) {
 // that it is not told of a server which is not there.
 constexpr std::chrono::milliseconds kRefusalIsTold{1000};
 
+constexpr char kSilent[] =
+    "look what listens there, it may be no server of this library; if it is, allow more with "
+    "--timeout 30s";
+
 void connect_within(Connecting& attempt, const Address& where, std::chrono::milliseconds limit) {
   std::future<void> done = attempt.done.get_future();
   std::thread([&attempt, where] {
@@ -208,7 +218,10 @@ Client& connect_to(const std::string& address, std::string_view method, const Op
     connect_within(attempt, where, options.timeout);
     return attempt.client;
   } catch (const Error& error) {
-    throw failure_of(error, method);
+    Failure failure = failure_of(error, method);
+    // It is no method that is slow.
+    if (error.code() == Errc::timed_out) failure.hint = kSilent;
+    throw failure;
   }
 }
 

@@ -79,8 +79,9 @@ CLI::Validator count_from_zero();
 // before them what there is to say at more length.
 void add_examples(CLI::App& command, const std::string& lines, const std::string& about = {});
 
-// 500ms, 2s, 1.5s, 3m, and "none" for no limit. Throws CLI::ValidationError.
-std::chrono::milliseconds duration_from(const std::string& text);
+// 500ms, 2s, 1.5s, 3m, and "none" for no limit. Throws CLI::ValidationError, which names the
+// option.
+std::chrono::milliseconds duration_from(const char* option, const std::string& text);
 
 // A client that is connected, within the time-out. It is never destroyed, which would take 300 ms:
 // the process ends without that, and the system ends the connection. `method` is what is going to

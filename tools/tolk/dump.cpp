@@ -64,6 +64,22 @@ std::optional<Flaw> end_of(const FrameCutter& cutter) {
   return cutter.lost() ? cutter.lost() : cutter.missing();
 }
 
+bool is_hex(const std::string& text) {
+  try {
+    return !bytes_from_hex(text).empty();
+  } catch (const Failure&) {
+    return false;
+  }
+}
+
+// What to try with bytes that are not what they were taken for.
+std::string hint_for(const std::string& bytes, const Settings& settings, bool frames) {
+  if (!settings.hex && is_hex(bytes)) return "give --hex, as they look like hexadecimal digits";
+  if (bytes.starts_with("\x0a\x0d\x0d\x0a")) return "open it with Wireshark, it is a capture";
+  if (settings.frames || settings.block) return "look whether it is what the option says";
+  return fmt::format("say what it is with {}", frames ? "--block" : "--frames");
+}
+
 // What is one without a flaw is that; what is neither is frames if it begins with one.
 bool are_frames(std::string_view bytes) {
   FrameCutter cutter = cutter_of(bytes);
@@ -127,9 +143,7 @@ void dump(const Settings& settings, const Options& options) {
   throw Failure(Exit::failed,
                 fmt::format("{}: no well-formed {}: at byte {}: {}", name,
                             frames ? "frames" : "block", flaw->offset, flaw->reason),
-                settings.frames || settings.block
-                    ? "look whether it is what the option says"
-                    : fmt::format("say what it is with {}", frames ? "--block" : "--frames"));
+                hint_for(bytes, settings, frames));
 }
 
 }  // namespace

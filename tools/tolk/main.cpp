@@ -45,6 +45,17 @@ void check_subcommand(const CLI::App& app, const std::vector<std::string>& words
   throw Failure(Exit::usage, "there is no subcommand " + unmarked(words.front()), "tolk --help");
 }
 
+// What stood there without being meant to, in its order. A command to run has options of its own,
+// which are not ours only behind --.
+Failure not_expected(const CLI::App& app) {
+  const std::vector<std::string> words = app.remaining(true);
+  std::string text = words.size() == 1 ? "this is not expected:" : "these are not expected:";
+  for (const std::string& word : words) text += " " + unmarked(word);
+  const auto meant = app.get_subcommands();
+  const bool serves = !meant.empty() && meant.front()->get_name() == "serve";
+  return {Exit::usage, text, serves ? "write -- in front of the command to run" : help_of(app)};
+}
+
 // Throws what keeps it from its work.
 Exit run_line(CLI::App& app, std::vector<std::string> words) {
   Output& output = Output::get();
@@ -73,6 +84,10 @@ Exit run(int argc, const char* const* argv) {
   app.parse_complete_callback([&] { output.set_up(options); });
   try {
     return run_line(app, marked(command_line(argc, argv)));
+  } catch (const CLI::ExtrasError&) {
+    const Failure failure = not_expected(app);
+    output.failure(failure.what(), failure.hint);
+    return failure.exit;
   } catch (const CLI::ParseError& error) {
     output.failure(unmarked(error.what()), help_of(app));
     return Exit::usage;

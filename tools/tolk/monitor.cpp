@@ -148,7 +148,7 @@ void add_monitor(CLI::App& app, Options& options) {
   command.add_option("--to", settings->to, "Where the server is")->required()->type_name("ADDRESS");
   command
       .add_option("--pcapng", settings->capture,
-                  "Also write a capture, for Wireshark with tools/wireshark/tolk.lua")
+                  "Also write a capture, for Wireshark with its dissector tolk.lua")
       ->type_name("FILE");
   add_output_flags(command, options);
   add_examples(

@@ -95,7 +95,7 @@ void add_ping(CLI::App& app, Options& options) {
   command
       .add_option_function<std::string>(
           "-i,--interval",
-          [ping](const std::string& text) { ping->interval = duration_from(text); },
+          [ping](const std::string& text) { ping->interval = duration_from("--interval", text); },
           "The pause between two, 1s if not given")
       ->type_name("TIME");
   add_json_flag(command, options);

@@ -80,7 +80,7 @@ void add_serve(CLI::App& app, Options& options) {
       .add_option_function<std::string>(
           "--timeout",
           [&options](const std::string& text) {
-            options.timeout = duration_from(text);
+            options.timeout = duration_from("--timeout", text);
             options.timeout_given = true;
           },
           "How long the command may take for a call: 500ms, 2s, 1.5m;\nno limit if not given")
