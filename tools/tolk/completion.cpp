@@ -10,9 +10,16 @@
 namespace tolk::tool {
 namespace {
 
-// Numbers of live pipes, and the methods of a server that tells them.
-constexpr char kPipes[] =
-    "tolk list -q --timeout 500ms 2>/dev/null | sed -n 's/^pipe:\\([0-9]*\\).*/\\1/p'";
+// Live pipes: their numbers, or pipe: and the number for who has begun with that. And the methods
+// of a server that tells them.
+constexpr char kPipes[] = "tolk list -q --timeout 500ms 2>/dev/null | sed -n \"$form\"";
+constexpr char kNumberForm[] = "'s/^pipe:\\([0-9]*\\).*/\\1/p'";
+constexpr char kPipeForm[] = "'s/^\\(pipe:[0-9]*\\).*/\\1/p'";
+constexpr char kFishPipes[] =
+    "string match -q 'p*' -- (commandline -ct); and set -l form {pipe}; or set -l form {number}; "
+    "{list}";
+constexpr char kColors[] = "auto always never";
+constexpr char kStyles[] = "pretty short off";
 constexpr char kShells[] = "bash zsh fish";
 constexpr char kMethods[] =
     "tolk describe {} -q --color=never --timeout 500ms 2>/dev/null | sed 's/(.*//'";
@@ -77,50 +84,68 @@ std::string quoted(std::string text) {
   return "'" + text + "'";
 }
 
-// A pattern for PLACE:COMMAND of those that have something there.
+// "--color=auto --color=always": each of the words behind the flag.
+std::string with_flag(const std::string& flag, const std::string& words) {
+  std::string text = flag;
+  for (const char character : words)
+    text += character == ' ' ? " " + flag : std::string(1, character);
+  return text;
+}
+
+// A pattern for PREVIOUS:PLACE:COMMAND of those that have something there.
 std::string pattern_of(int place, const std::vector<Command>& commands, bool Command::*what) {
   std::string pattern;
   for (const Command& command : commands) {
     if (!(command.*what)) continue;
-    pattern += fmt::format("{}{}:{}", pattern.empty() ? "" : "|", place, command.name);
+    pattern += fmt::format("{}*:{}:{}", pattern.empty() ? "" : "|", place, command.name);
   }
   return pattern;
 }
 
-// What bash and zsh share: which words can come, by the subcommand and the place.
-std::string cases_of(const std::vector<Command>& commands) {
+// What bash and zsh share: which words can come, by the subcommand, the place and the word before.
+// `words` is the variable that gets them.
+std::string cases_of(const std::vector<Command>& commands, const std::string& words) {
   std::string cases = "  case $command in\n";
   for (const Command& command : commands) {
     cases += fmt::format("    {}) flags={} ;;\n", command.name, quoted(flags_of(command)));
   }
   cases += "  esac\n";
-  cases += fmt::format("  case $place:$command in\n    {}) words=$({}) ;;\n",
-                       pattern_of(2, commands, &Command::has_address), kPipes);
-  cases += fmt::format("    {}) words=$({}) ;;\n", pattern_of(3, commands, &Command::has_method),
-                       fmt::format(fmt::runtime(kMethods), "\"$address\""));
-  cases += fmt::format("    {}) words=$(echo {}) ;;\n  esac\n",
-                       pattern_of(2, commands, &Command::has_shell), kShells);
+  cases += fmt::format("  form={}\n  if [[ $current == p* ]]; then form={}; fi\n", kNumberForm,
+                       kPipeForm);
+  cases += fmt::format("  case $previous:$place:$command in\n    --color:*) {}='{}' ;;\n", words,
+                       kColors);
+  cases += fmt::format("    --json:*) {}='{}' ;;\n", words, kStyles);
+  cases += fmt::format("    --from:*|--to:*|{}) {}=$({}) ;;\n",
+                       pattern_of(2, commands, &Command::has_address), words, kPipes);
+  cases += fmt::format("    {}) {}=$({}) ;;\n", pattern_of(3, commands, &Command::has_method),
+                       words, fmt::format(fmt::runtime(kMethods), "\"$address\""));
+  cases += fmt::format("    {}) {}='{}' ;;\n  esac\n", pattern_of(2, commands, &Command::has_shell),
+                       words, kShells);
+  cases += fmt::format(
+      "  case $current in\n    --color=*) flags='{}' ;;\n    --json=*) flags='{}' ;;\n"
+      "  esac\n",
+      with_flag("--color=", kColors), with_flag("--json=", kStyles));
   return cases;
 }
 
 std::string bash(const std::vector<Command>& commands) {
   return fmt::format(R"(# tolk completion bash, to be read by:  source <(tolk completion bash)
 _tolk() {{
-  local line words flags place command address current
+  local line words flags place command address current previous form
   # By blanks alone: bash would cut pipe:5000 in three.
   read -ra line <<<"${{COMP_LINE:0:COMP_POINT}}"
   [[ ${{COMP_LINE:0:COMP_POINT}} == *' ' ]] && line+=('')
   place=$((${{#line[@]}} - 1)) command=${{line[1]}} address=${{line[2]}} current=${{line[place]}}
+  previous=${{line[place - 1]}}
 {cases}  if ((place == 1)); then words={names}; fi
   if [[ $current == -* ]]; then words=$flags; fi
-  if [[ $current == --color=* ]]; then words='--color=auto --color=always --color=never'; fi
   COMPREPLY=($(compgen -W "$words" -- "$current"))
   # bash has cut the word at its last = or : and wants no more than what is behind it.
   if [[ $current == *[=:]* ]]; then COMPREPLY=("${{COMPREPLY[@]##*[=:]}}"); fi
 }}
 complete -o default -F _tolk tolk
 )",
-                     fmt::arg("cases", cases_of(commands)),
+                     fmt::arg("cases", cases_of(commands, "words")),
                      fmt::arg("names", quoted(names_of(commands) + "--help --version")));
 }
 
@@ -132,7 +157,8 @@ std::string zsh(const std::vector<Command>& commands) {
   return fmt::format(R"(#compdef tolk
 # tolk completion zsh: save it as _tolk in a folder of $fpath, or  source <(tolk completion zsh)
 _tolk() {{
-  local flags words_there place=$((CURRENT - 1)) command=$words[2] address=$words[3]
+  local flags words_there form place=$((CURRENT - 1)) command=$words[2] address=$words[3]
+  local current=$PREFIX previous=$words[CURRENT-1]
   local -a subcommands=(
 {described}  )
 {cases}  if ((place == 1)); then
@@ -145,18 +171,25 @@ _tolk() {{
 }}
 if [[ $funcstack[1] == _tolk ]]; then _tolk "$@"; else compdef _tolk tolk; fi
 )",
-                     fmt::arg("described", described), fmt::arg("cases", [&] {
-                       // `words` is the command line there.
-                       std::string cases = cases_of(commands);
-                       for (std::size_t at = 0;
-                            (at = cases.find("words=$", at)) != std::string::npos; at += 13) {
-                         cases.replace(at, 6, "words_there=");
-                       }
-                       return cases;
-                     }()));
+                     fmt::arg("described", described),
+                     // `words` is the command line there.
+                     fmt::arg("cases", cases_of(commands, "words_there")));
+}
+
+// What can stand behind a flag, for fish.
+std::string fish_values(const Flag& flag, const std::string& pipes) {
+  if (!flag.takes_value) return "";
+  if (flag.name == "--color") return fmt::format(" -x -a {}", quoted(kColors));
+  if (flag.name == "--json") return fmt::format(" -x -a {}", quoted(kStyles));
+  if (flag.name == "--from" || flag.name == "--to") {
+    return fmt::format(" -x -a {}", quoted("(" + pipes + ")"));
+  }
+  return " -r";
 }
 
 std::string fish(const std::vector<Command>& commands) {
+  const std::string pipes = fmt::format(fmt::runtime(kFishPipes), fmt::arg("pipe", kPipeForm),
+                                        fmt::arg("number", kNumberForm), fmt::arg("list", kPipes));
   std::string lines = "# tolk completion fish, to be read by:  tolk completion fish | source\n";
   for (const Command& command : commands) {
     lines += fmt::format("complete -c tolk -f -n __fish_use_subcommand -a {} -d {}\n", command.name,
@@ -164,7 +197,7 @@ std::string fish(const std::vector<Command>& commands) {
     const std::string seen = quoted("__fish_seen_subcommand_from " + command.name);
     for (const Flag& flag : command.flags) {
       lines += fmt::format("complete -c tolk -n {} -l {}{} -d {}\n", seen, flag.name.substr(2),
-                           flag.takes_value ? " -r" : "", quoted(flag.about));
+                           fish_values(flag, pipes), quoted(flag.about));
     }
     const auto at_place = [&](int place, const std::string& words) {
       const std::string when = "__fish_seen_subcommand_from " + command.name +
@@ -172,7 +205,7 @@ std::string fish(const std::vector<Command>& commands) {
       lines +=
           fmt::format("complete -c tolk -f -n {} -a {}\n", quoted(when), quoted("(" + words + ")"));
     };
-    if (command.has_address) at_place(2, kPipes);
+    if (command.has_address) at_place(2, pipes);
     if (command.has_shell) at_place(2, std::string("echo ") + kShells + " | tr ' ' '\\n'");
     if (command.has_method) {
       at_place(3, fmt::format(fmt::runtime(kMethods), "(commandline -opc)[3]"));
