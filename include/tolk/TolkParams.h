@@ -62,7 +62,9 @@ class TOLK_API TolkParams {
   long GetParamasSize();        ///< how many they are
   int Size();                   ///< bytes
   int ParamsSize();             ///< positional values, once parsed
-  int MapSize();                ///< keyed values, once parsed
+  /// Keyed values, once parsed. A result has those of its envelope too; their names begin with
+  /// s_c_.
+  int MapSize();
 
   /// Replaces the block by what `data[0..len)` encodes. False at the first malformed record; the
   /// values before it stay readable.

@@ -305,8 +305,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     }
     if (is("EACCES") || is("ENOTDIR")) {
       return "see that the directory of the pipes, and what is in it, is this user's alone: "
-             "tolk(7), "
-             "FILES";
+             "tolk(7), FILES";
     }
     return nullptr;
   }
