@@ -34,8 +34,8 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "calls between processes by method name - development files
 ${about}
 .
-This package has the headers, for C++17 and the layer for C++20, and what
-CMake and pkg-config need to find the library.")
+This package has the headers, for C++17 and the layer for C++20, what CMake
+and pkg-config need to find the library, the guide and examples.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
     "calls between processes by method name - command and dissector
 ${about}
@@ -63,4 +63,5 @@ configure_file(packaging/debian/changelog.in ${extra}/changelog.Debian @ONLY)
 configure_file(CHANGELOG.md ${extra}/changelog COPYONLY)
 configure_file(packaging/debian/copyright ${extra}/copyright COPYONLY)
 set(CPACK_TOLK_BUILD ${PROJECT_BINARY_DIR})
+set(CPACK_TOLK_SOURCE ${PROJECT_SOURCE_DIR})
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/package_debian_staged.cmake)

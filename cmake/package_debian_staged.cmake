@@ -25,6 +25,17 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   set(documents ${staged}/share/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
   file(COPY ${CPACK_TOLK_BUILD}/debian/changelog ${CPACK_TOLK_BUILD}/debian/changelog.Debian
             ${CPACK_TOLK_BUILD}/debian/copyright DESTINATION ${documents})
+  if(component STREQUAL development)
+    # As they lie beside one another in the repository, for their links.
+    file(
+      COPY ${CPACK_TOLK_SOURCE}/README.md ${CPACK_TOLK_SOURCE}/docs ${CPACK_TOLK_SOURCE}/examples
+      DESTINATION ${documents}
+      NO_SOURCE_PERMISSIONS
+      PATTERN man EXCLUDE
+      PATTERN Doxyfile EXCLUDE
+      PATTERN .clang-tidy EXCLUDE
+      PATTERN check* EXCLUDE)
+  endif()
   file(GLOB manual ${staged}/share/man/*/*)
   tolk_run(gzip -9n ${documents}/changelog ${documents}/changelog.Debian ${manual})
 

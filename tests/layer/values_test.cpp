@@ -196,8 +196,11 @@ TEST_F(LayerValues, AnIntServesAsADouble) {
 TEST_F(LayerValues, ANumberThatDoesNotFitIsAWrongType) {
   server.on("large", [] { return 70000; });
   EXPECT_EQ(client.call<short>("large").error().code(), Errc::wrong_type);
+  EXPECT_EQ(client.call<short>("large").error().detail(), "wrong result type: 70000 does not fit");
+  EXPECT_EQ(client.call<Colour>("large").error().detail(), "wrong result type: 70000 does not fit");
   server.on("small", [](unsigned char v) { return int(v); });
   EXPECT_EQ(client.call<int>("small", 256).error().code(), Errc::wrong_arguments);
+  EXPECT_EQ(client.call<int>("small", 256).error().detail(), "argument 1: 256 does not fit");
   EXPECT_EQ(client.call<int>("small", -1).error().code(), Errc::wrong_arguments);
 }
 

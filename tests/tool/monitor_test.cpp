@@ -299,7 +299,7 @@ TEST(ToolMonitor, RefusesWhatCanNotBe) {
   EXPECT_THAT(same.err, StartsWith("tolk: monitor at " + at + ": both --from and --to\ntry: "));
   const Ended nowhere = tolk_command({"monitor", "--from", at, "--to", "nowhere"});
   EXPECT_EQ(nowhere.code, 2);
-  EXPECT_THAT(nowhere.err, StartsWith("tolk: monitor at nowhere: the name of a pipe is "));
+  EXPECT_THAT(nowhere.err, StartsWith("tolk: monitor at nowhere: an address is pipe:NUMBER"));
   EXPECT_EQ(tolk_command({"monitor", "--to", at}).code, 2);
 
   Server server;

@@ -77,6 +77,14 @@ TEST_F(ToolTransfer, AFileArrivesWholeUnderItsName) {
   EXPECT_EQ(received().size(), 2U);  // and nothing besides
 }
 
+TEST_F(ToolTransfer, ItIsDescribedAndItsResultColouredAsThoseOfOthers) {
+  write_file(root / "note.txt", "text");
+  Process receiver(receiving());
+  receiver.await("listening at");
+  EXPECT_THAT(tolk_command({"describe", at}).out, HasSubstr("upload(bytes, name: string?)"));
+  EXPECT_THAT(send(root / "note.txt", {"--color=always", "--json=short"}).out, HasSubstr("\033["));
+}
+
 TEST_F(ToolTransfer, StandardInputHasNoNameUnlessOneIsGiven) {
   Process receiver(receiving({"--count", "3"}));
   receiver.await("listening at");
@@ -198,7 +206,8 @@ TEST_F(ToolTransfer, ErrorsNameMethodAndAddress) {
   EXPECT_THAT(no_method.err, HasSubstr("other at " + at));
   const Ended no_file = send(root / "missing");
   EXPECT_NE(no_file.code, 0);
-  EXPECT_THAT(no_file.err, HasSubstr((root / "missing").string()));
+  EXPECT_THAT(no_file.err,
+              HasSubstr("upload at " + at + ": " + (root / "missing").string() + ": No such file"));
 }
 
 TEST_F(ToolTransfer, ProgressIsShownOnATerminalAlone) {

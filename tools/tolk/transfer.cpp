@@ -39,6 +39,15 @@ std::string last_part(const std::string& path) {
   return {name.begin(), name.end()};
 }
 
+std::string bytes_to_send(const Send& send) {
+  try {
+    return file_bytes(send.file);
+  } catch (const Failure& failure) {
+    throw Failure(failure.exit, send.method + " at " + send.address + ": " + failure.what(),
+                  failure.hint);
+  }
+}
+
 // A transfer is cancelled between two pieces. A server that does not answer a piece is not waited
 // for: it drops what it has when the connection ends.
 void end_even_if_stuck() {
@@ -51,7 +60,7 @@ void end_even_if_stuck() {
 }
 
 void run_send(const Send& send, const Options& options) {
-  const std::string data = file_bytes(send.file);
+  const std::string data = bytes_to_send(send);
   std::string name = send.name;
   if (name.empty() && send.file != kStandardInput) {
     name = last_part(send.file);
@@ -70,9 +79,10 @@ void run_send(const Send& send, const Options& options) {
       rest, options.timeout);
   Output::get().end_progress();
   if (result) {
-    const std::string text = colored(result_to_json(*result), options.json, Colors{});
-    if (!text.empty()) Output::get().data(text + "\n");
-    Output::get().detail(fmt::format("{} sent", size_text(data.size())));
+    Output& output = Output::get();
+    const std::string text = colored(result_to_json(*result), options.json, output.data_colors());
+    if (!text.empty()) output.data(text + "\n");
+    output.detail(fmt::format("{} sent", size_text(data.size())));
     return;
   }
   if (result.error().code() != Errc::cancelled) throw failure_of(result.error());
@@ -111,7 +121,7 @@ class Receiver {
 
   // What the sender gets: the name of the file.
   std::string save(const Caller& caller, const std::optional<std::string>& name,
-                   const std::string& bytes) {
+                   std::string_view bytes) {
     check_size(caller, bytes.size());
     const std::lock_guard<std::mutex> lock(mutex_);
     if (receive_.count > 0 && saved_ >= receive_.count) {
@@ -173,10 +183,11 @@ void run_receive(const Receive& receive, const Options& options) {
   Server server(wanted);
   add_method(
       server, receive.address, receive.method,
-      [&](const Caller& caller, const std::string& bytes,
+      [&](const Caller& caller, std::span<const std::byte> bytes,
           const named<"name", std::optional<std::string>>& name) {
         Output::get().end_progress();
-        return receiver.save(caller, name.value, bytes);
+        return receiver.save(caller, name.value,
+                             {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
       },
       "saves a file");
   server.on_receiving([&](const Caller& caller, Progress progress) {

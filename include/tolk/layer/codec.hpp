@@ -396,6 +396,14 @@ struct Misfit {
 };
 
 template <class T>
+requires(NarrowInteger<T> || NarrowEnum<T>) struct Misfit<T> {
+  static std::string text(const TolkValue* from) {
+    if (from == nullptr || !from->IsInt()) return ": wanted int, got " + type_of(from);
+    return ": " + std::to_string(from->GetInt()) + " does not fit";
+  }
+};
+
+template <class T>
 requires(!ByteVector<std::vector<T>>) struct Misfit<std::vector<T>> {
   static std::string text(const TolkValue* from) {
     int number = 0;
