@@ -54,6 +54,7 @@ tolk.experts = e
 tolk.prefs.ports = Pref.range("TCP ports", "", "Ports that always carry tolk calls", 65535)
 
 local HEADER_BYTES = 4
+local ARGUMENTS = "s_c_sw_data"  -- the key of a call's arguments, a block
 
 -- Blocks. A reader stands at `at` in `bytes`, the block; offsets count from the block's first byte.
 
@@ -84,9 +85,27 @@ local fixed = {
   [DOUBLE] = { 8, function(range) return string.format("%.17g", range:le_float()) end, f.double },
 }
 
+-- A tree of nothing, for a look at bytes that may be no block.
+local nowhere
+nowhere = setmetatable({}, { __index = function() return function() return nowhere end end })
+local MOST_NESTED = 16
+local nested = 0
+local read_block
+
+-- A stream may hold a block: a struct, or a list within another value. It is one if every record of it
+-- is intact, as a record's check word is its own offset.
+local function add_nested(range, tree)
+  if tree == nowhere or nested == MOST_NESTED then return end
+  local _, _, intact = read_block(range:tvb(), nowhere)
+  if not intact then return end
+  nested = nested + 1
+  read_block(range:tvb(), tree)
+  nested = nested - 1
+end
+
 -- One scalar record. The value and the offset behind it; nothing when the block ends within it. A
--- value whose check word is wrong is the last.
-local function scalar(block, tree, at)
+-- value whose check word is wrong is the last. `closed`: what it holds is not looked at.
+local function scalar(block, tree, at, closed)
   if at >= block:len() then return nil end
   local tag = block(at, 1):uint()
   if tag > STREAM then return nil end
@@ -117,6 +136,7 @@ local function scalar(block, tree, at)
   value.intact = add_check(block, node, stop)
   node:set_len(stop + 4 - at)
   node:set_text(tags[tag] .. ": " .. shown(value))
+  if tag == STREAM and value.range and value.intact and not closed then add_nested(value.range, node) end
   return value, stop + 4
 end
 
@@ -153,16 +173,17 @@ local function keyed(block, tree, at)
   if not key or not key.intact then return nil end
   node:add(f.key, key.range or block(at, 1), key.range and key.range:string() or "")
   local value
-  value, behind = scalar(block, node, behind)
+  local name = key.range and key.range:string() or ""
+  value, behind = scalar(block, node, behind, name == ARGUMENTS)
   if not value then return nil end
-  value.key, value.entry = key.range and key.range:string() or "", node
+  value.key, value.entry = name, node
   node:set_len(behind - at)
   node:set_text(string.format("%s = %s", value.key, shown(value)))
   return value, behind
 end
 
 -- A whole block. Its keyed values by name, its positional ones in order, and whether it is intact.
-local function read_block(block, tree)
+function read_block(block, tree)
   local keys, values, at = {}, {}, 0
   while at < block:len() do
     local tag, value, behind = block(at, 1):uint(), nil, nil
@@ -243,7 +264,7 @@ local function short_list(values, keys)
 end
 
 local function show_arguments(keys)
-  local data = keys["s_c_sw_data"]
+  local data = keys[ARGUMENTS]
   if not data or not data.range then return "" end
   local node = data.entry:add(f.arguments, data.range)
   local inner_keys, inner_values = read_block(data.range:tvb(), node)
