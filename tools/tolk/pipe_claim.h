@@ -27,7 +27,7 @@ class PipeClaim {
 
  private:
   const std::string path_;
-  int descriptor_ = -1;  // of the lock file
+  [[maybe_unused]] int descriptor_ = -1;  // of the lock file; Windows needs none
 };
 
 }  // namespace tolk::tool
