@@ -218,10 +218,10 @@ Client& connect_to(const std::string& address, std::string_view method, const Op
     connect_within(attempt, where, options.timeout);
     return attempt.client;
   } catch (const Error& error) {
-    Failure failure = failure_of(error, method);
+    if (error.code() != Errc::timed_out) throw failure_of(error, method);
     // It is no method that is slow.
-    if (error.code() == Errc::timed_out) failure.hint = kSilent;
-    throw failure;
+    const Failure failure = failure_of(error, method);
+    throw Failure(failure.exit, failure.what(), kSilent);
   }
 }
 
