@@ -43,6 +43,8 @@ TEST_F(ToolExit, UsageIsTwo) {
   const Ended time = tolk_command({"call", at, "add", "--timeout", "-5"});
   EXPECT_EQ(time.code, 2);
   EXPECT_THAT(time.err, AllOf(HasSubstr("--timeout: \"-5\" is no duration"), HasSubstr("500ms")));
+  EXPECT_THAT(tolk_command({"ping", at, "-i", "5"}).err, HasSubstr("--interval: \"5\" is no"));
+  EXPECT_THAT(tolk_command({"bench", "--duration", "5"}).err, HasSubstr("--duration: \"5\" is no"));
 }
 
 TEST_F(ToolExit, NumbersAndNamesThatAreNoneAreUsage) {

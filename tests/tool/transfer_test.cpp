@@ -170,8 +170,14 @@ TEST_F(ToolTransfer, ALargerFileThanIsTakenIsRefused) {
   EXPECT_THAT(refused.err, HasSubstr(why));
   receiver.await("refused: " + why);
   EXPECT_EQ(send(root / "fits").code, 0);
-  // Not in pieces, as a host without the layer sends it.
+  // The first piece says it: no more is sent.
   Client client = connect(at);
+  std::uint64_t taken = 0;
+  const auto pieces = client.send("upload", std::string(2'000'001, 'x'),
+                                  [&](Progress progress) { taken = progress.done(); });
+  EXPECT_EQ(pieces.error().detail(), why);
+  EXPECT_EQ(taken, 0U);
+  // Not in pieces, as a host without the layer sends it.
   const auto whole = client.call<std::string>("upload", std::string(2'000'001, 'x'));
   EXPECT_EQ(whole.error().detail(), why);
   EXPECT_THAT(received(), testing::ElementsAre("fits"));

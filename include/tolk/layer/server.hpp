@@ -96,7 +96,7 @@ class Server {
   /// Waits until the server is closed, by another thread or by a client. Throws Errc::misuse when
   /// it never listened.
   void wait() { core_->wait(); }
-  /// Where it listens, as text.
+  /// Where it listens, as text; empty before it does.
   std::string address() const { return core_->address(); }
 
   /// The ids of the clients that are connected; none once the server is closed.
