@@ -6,11 +6,11 @@
 #include "platform/number.h"
 #include "platform/peer_user.h"
 #include "platform/pipe_name.h"
+#include "platform/standard_output.h"
 #include "transport/invoke_guarded.h"
 #include "transport/names.h"
 #include "transport/pause_point.h"
 #include "transport/read_buffer.h"
-#include "transport/stdout_line.h"
 
 namespace tolk {
 namespace {
@@ -112,7 +112,7 @@ bool ClientSession::connect() {
 // On purpose: only the IPv4 transport tells which step of the setup failed.
 bool ClientSession::tcp4_step_failed(int status, const char* line) const {
   if (status == 0) return false;
-  if (where_.transport == Transport::tcp4) stdout_line(line);
+  if (where_.transport == Transport::tcp4) platform::print_line(line);
   return true;
 }
 
@@ -170,7 +170,7 @@ bool ClientSession::go_live() {
   TOLK_PAUSE_POINT("loop.before_online");
   core_.connected = true;
   TOLK_PAUSE_POINT("loop.before_ready");
-  if (is_tcp()) stdout_line("run");
+  if (is_tcp()) platform::print_line("run");
   reach(Milestone::decided);
   return true;
 }
@@ -195,7 +195,7 @@ void ClientSession::run_connected() {
   run_loop();
   TOLK_PAUSE_POINT("loop.after_run");
   run_until_handles_closed();
-  if (is_tcp()) stdout_line("run out");
+  if (is_tcp()) platform::print_line("run out");
   uv_sleep(kEndPauseMs);
   TOLK_PAUSE_POINT("loop.before_clearmem");
   core_.ClearMem();

@@ -10,13 +10,13 @@
 #include "params/content.h"
 #include "params/encoder.h"
 #include "platform/process.h"
+#include "platform/standard_output.h"
 #include "platform/static_mutex.h"
 #include "platform/thread.h"
 #include "transport/names.h"
 #include "transport/pause_point.h"
 #include "transport/piece_assembler.h"
 #include "transport/piece_sender.h"
-#include "transport/stdout_line.h"
 
 namespace tolk {
 namespace {
@@ -128,7 +128,7 @@ void ClientCore::register_builtins() {
 TolkParams* ClientCore::SendMsgEx(const char* name, TolkParams* params, int threadid) {
   const auto turn = take_large_turn(of_this_process());
   if (!turn) {
-    stdout_line("sendmsgex: disconnect... .. .");
+    platform::print_line("sendmsgex: disconnect... .. .");
     return nullptr;
   }
   const TolkValue* const own = params != nullptr ? params->GetMap(kKeyCallId) : nullptr;
@@ -138,7 +138,7 @@ TolkParams* ClientCore::SendMsgEx(const char* name, TolkParams* params, int thre
     LargeAnswer answer;
     TOLK_PAUSE_POINT("ex.before_register");
     if (!answer.await_if_connected(*this, call_id)) {
-      stdout_line("sendmsgex: disconnect... .. .");
+      platform::print_line("sendmsgex: disconnect... .. .");
       return nullptr;
     }
     TOLK_PAUSE_POINT("ex.registered");

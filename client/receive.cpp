@@ -6,13 +6,13 @@
 
 #include "client/core.h"
 #include "params/content.h"
+#include "platform/standard_output.h"
 #include "transport/call_handler.h"
 #include "transport/frame_writer.h"
 #include "transport/invoke_guarded.h"
 #include "transport/names.h"
 #include "transport/pause_point.h"
 #include "transport/read_buffer.h"
-#include "transport/stdout_line.h"
 #include "transport/work_item.h"
 
 namespace tolk {
@@ -92,7 +92,7 @@ void ClientSession::DoQueueWork(std::string_view payload) {
   check_loop_thread();
   const Envelope envelope = Envelope::scan(payload);
   if (!envelope.well_formed) return;
-  if (!envelope.name) return stdout_line("event empty!");
+  if (!envelope.name) return platform::print_line("event empty!");
   if (envelope.is_reply()) return take_reply(envelope, payload);
   auto self = std::static_pointer_cast<ClientSession>(shared_from_this());
   WorkItem::begin(loop(),
@@ -113,7 +113,7 @@ void ClientSession::run_closed_hooks() {
   const int id = connection_id();
 
   if (const MethodRef hook = core_.methods.acquire(kHookClosed)) {
-    stdout_line("close server event!");
+    platform::print_line("close server event!");
     call_handler(core_.logger, kHookClosed, [&] { hook->callback(id, nullptr, nullptr); });
   }
   // After a lost connection the table is empty: the name then comes in without a handler.

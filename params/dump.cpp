@@ -1,16 +1,14 @@
 // The readable dump of a block's parsed values.
 
 #include <cstddef>
-#include <iostream>
 #include <locale>
-#include <mutex>
 #include <ostream>
 #include <sstream>
 #include <string>
 
 #include "params/content.h"
-#include "params/stdout_lock.h"
 #include "params/value_access.h"
+#include "platform/standard_output.h"
 
 namespace {
 
@@ -75,10 +73,4 @@ std::string dump(TolkParamsAccess::Content& content) {
 
 }  // namespace
 
-void TolkParams::print() {
-  const std::string text = dump(TolkParamsAccess::content(*this));
-  // In one piece, so that the dumps and log lines of several threads do not mix.
-  const std::lock_guard lock(tolk::stdout_mutex());
-  std::cout.write(text.data(), static_cast<std::streamsize>(text.size()));
-  std::cout.flush();
-}
+void TolkParams::print() { tolk::platform::print_lines(dump(TolkParamsAccess::content(*this))); }

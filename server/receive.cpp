@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "params/content.h"
+#include "platform/standard_output.h"
 #include "server/core.h"
 #include "transport/call_handler.h"
 #include "transport/frame_writer.h"
@@ -12,7 +13,6 @@
 #include "transport/names.h"
 #include "transport/pause_point.h"
 #include "transport/read_buffer.h"
-#include "transport/stdout_line.h"
 #include "transport/work_item.h"
 
 namespace tolk {
@@ -133,7 +133,7 @@ void ServerSession::on_message(Connection& connection, std::string_view payload)
   check_loop_thread();
   // On purpose the verdict does not matter: what stood before a malformed record is taken.
   const Envelope envelope = Envelope::scan(payload);
-  if (!envelope.name) return stdout_line("event empty!");
+  if (!envelope.name) return platform::print_line("event empty!");
   if (envelope.is_reply()) return take_reply(envelope, payload);
   if (envelope.name == kMethodCloseServer) return answer_close_request(connection, envelope);
   auto self = std::static_pointer_cast<ServerSession>(shared_from_this());

@@ -3,9 +3,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/standard_output.h"
 #include "transport/call_table.h"
 #include "transport/invoke_guarded.h"
-#include "transport/stdout_line.h"
 #include "transport/thread_safety.h"
 
 namespace tolk {
@@ -46,14 +46,14 @@ int write_frame(uv_stream_t* stream, Frame frame, uv_write_cb done) {
 }
 
 int refuse_frame(int status) {
-  stdout_line("write error");
+  platform::print_line("write error");
   return status;
 }
 
 void write_server_cb(uv_write_t* request, int status) {
   const Frame frame = Frame::adopt(request);
   if (status >= 0) return;
-  invoke_guarded([&] { stdout_line(std::string("Write error: ") + uv_strerror(status)); });
+  invoke_guarded([&] { platform::print_line(std::string("Write error: ") + uv_strerror(status)); });
 }
 
 std::size_t refused_frame_count() { return refused_frames().lock()->size(); }

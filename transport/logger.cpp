@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "platform/standard_output.h"
 #include "transport/invoke_guarded.h"
-#include "transport/stdout_line.h"
 
 namespace tolk {
 namespace {
@@ -40,7 +40,7 @@ void Logger::write_line(const char* format, std::va_list arguments) {
   // One byte less than the buffer: at most 1022 characters are kept.
   std::array<char, kLineBytes> line{};
   std::vsnprintf(line.data(), kLineBytes - 1, format, arguments);
-  if (!give_to_sink(line.data())) stdout_text(line.data());
+  if (!give_to_sink(line.data())) platform::print(line.data());
 }
 
 bool Logger::give_to_sink(const char* line) {
@@ -58,7 +58,7 @@ bool Logger::give_to_sink(const char* line) {
 }
 
 void Logger::set_level(int level) {
-  stdout_unsync();
+  platform::desync_standard_output();
   level_ = level;
 }
 

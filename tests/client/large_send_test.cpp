@@ -1,7 +1,7 @@
 // TolkClient::SendMsgLargeData: what it sends, what it leaves in the caller's block, when it fails.
 #include <gmock/gmock.h>
 #include <tests/pattern.h>
-#include <tests/transport/captured_stdout.h>
+#include <tests/platform/captured_stdout.h>
 
 #include <mutex>
 #include <vector>

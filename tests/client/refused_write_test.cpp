@@ -1,6 +1,6 @@
 // A stream that takes no frame: the caller is not told, and waits for its time-out.
 #include <gtest/gtest.h>
-#include <tests/transport/captured_stdout.h>
+#include <tests/platform/captured_stdout.h>
 
 #include "client/TolkClient.h"
 #include "tests/client/served.h"

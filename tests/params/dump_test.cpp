@@ -14,8 +14,8 @@
 #include <utility>
 
 #include "params/content.h"
-#include "params/stdout_lock.h"
 #include "params/value_access.h"
+#include "platform/standard_output.h"
 #include "tests/params/hex.h"
 
 namespace {
@@ -210,7 +210,7 @@ TEST(Dump, HoldsTheLockOfStandardOutputWhileItWrites) {
     bool was_free = false;
     int flushes = 0;
     std::streamsize xsputn(const char* text, std::streamsize size) override {
-      std::unique_lock probe(tolk::stdout_mutex(), std::defer_lock);
+      std::unique_lock probe(tolk::platform::standard_output_mutex(), std::defer_lock);
       std::thread([&] { was_free = was_free || probe.try_lock(); }).join();
       return std::stringbuf::xsputn(text, size);
     }
@@ -223,7 +223,8 @@ TEST(Dump, HoldsTheLockOfStandardOutputWhileItWrites) {
   std::cout.rdbuf(original);
   EXPECT_FALSE(probe.was_free);
   EXPECT_EQ(probe.flushes, 1);
-  EXPECT_TRUE(std::unique_lock(tolk::stdout_mutex(), std::try_to_lock).owns_lock());
+  EXPECT_TRUE(
+      std::unique_lock(tolk::platform::standard_output_mutex(), std::try_to_lock).owns_lock());
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <tests/params/hex.h>
-#include <tests/transport/captured_stdout.h>
+#include <tests/platform/captured_stdout.h>
 #include <tests/transport/fake_calls.h>
 
 #include <limits>

@@ -1,7 +1,7 @@
 #include "transport/logger.h"
 
 #include <gtest/gtest.h>
-#include <tests/transport/captured_stdout.h>
+#include <tests/platform/captured_stdout.h>
 #include <tolk/IServerMethod.h>
 #include <tolk/TolkParams.h>
 #include <tolk/TolkValue.h>

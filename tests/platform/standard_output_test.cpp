@@ -1,7 +1,7 @@
-#include "transport/stdout_line.h"
+#include "platform/standard_output.h"
 
 #include <gtest/gtest.h>
-#include <tests/transport/captured_stdout.h>
+#include <tests/platform/captured_stdout.h>
 
 #include <ios>
 #include <iostream>
@@ -40,7 +40,7 @@ class RefusingBuffer final : public std::streambuf {};
 class Redirected {
  public:
   explicit Redirected(std::streambuf& buffer) {
-    tolk::stdout_unsync();
+    tolk::platform::desync_standard_output();
     original_ = std::cout.rdbuf(&buffer);
   }
   ~Redirected() {
@@ -55,51 +55,51 @@ class Redirected {
   std::streambuf* original_ = nullptr;
 };
 
-TEST(StdoutLine, TextIsWrittenAsItIsAndNotFlushed) {
+TEST(StandardOutput, TextIsWrittenAsItIsAndNotFlushed) {
   CountingBuffer buffer;
   const Redirected redirected(buffer);
-  tolk::stdout_text("no end");
+  tolk::platform::print("no end");
   EXPECT_EQ(buffer.insertions, std::vector<std::string>{"no end"});
   EXPECT_EQ(buffer.flushes, 0);
 }
 
-TEST(StdoutLine, LineAndItsEndAreOneInsertionAndOneFlush) {
+TEST(StandardOutput, LineAndItsEndAreOneInsertionAndOneFlush) {
   CountingBuffer buffer;
   const Redirected redirected(buffer);
-  tolk::stdout_line("a line");
+  tolk::platform::print_line("a line");
   EXPECT_EQ(buffer.insertions, std::vector<std::string>{"a line\n"});
   EXPECT_EQ(buffer.flushes, 1);
 }
 
-TEST(StdoutLine, StreamThatRefusesDropsTheText) {
+TEST(StandardOutput, StreamThatRefusesDropsTheText) {
   RefusingBuffer buffer;
   const Redirected redirected(buffer);
-  EXPECT_NO_THROW(tolk::stdout_line("lost"));
-  EXPECT_NO_THROW(tolk::stdout_text("lost"));
+  EXPECT_NO_THROW(tolk::platform::print_line("lost"));
+  EXPECT_NO_THROW(tolk::platform::print("lost"));
 }
 
-TEST(StdoutLine, StreamThatThrowsDropsTheText) {
+TEST(StandardOutput, StreamThatThrowsDropsTheText) {
   RefusingBuffer buffer;
   const Redirected redirected(buffer);
   std::cout.exceptions(std::ios_base::badbit | std::ios_base::failbit);
-  EXPECT_NO_THROW(tolk::stdout_line("lost"));
+  EXPECT_NO_THROW(tolk::platform::print_line("lost"));
   std::cout.clear();
-  EXPECT_NO_THROW(tolk::stdout_text("lost"));
+  EXPECT_NO_THROW(tolk::platform::print("lost"));
 }
 
-TEST(StdoutLine, UnsyncTakesTheStreamsOutOfStep) {
-  tolk::stdout_unsync();
+TEST(StandardOutput, UnsyncTakesTheStreamsOutOfStep) {
+  tolk::platform::desync_standard_output();
   EXPECT_FALSE(std::ios_base::sync_with_stdio(false)) << "the state before this call";
 }
 
-TEST(StdoutLine, LinesOfManyThreadsStayWhole) {
+TEST(StandardOutput, LinesOfManyThreadsStayWhole) {
   const CapturedStdout out;
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([] {
       for (int i = 0; i < 200; ++i) {
-        tolk::stdout_line("0123456789");
-        tolk::stdout_unsync();
+        tolk::platform::print_line("0123456789");
+        tolk::platform::desync_standard_output();
       }
     });
   }

@@ -6,8 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "params/stdout_lock.h"
-#include "transport/stdout_line.h"
+#include "platform/standard_output.h"
 
 namespace tolk::test {
 
@@ -15,19 +14,19 @@ class CapturedStdout {
  public:
   CapturedStdout() {
     // The first call of the process replaces the stream's buffer: let it happen before.
-    stdout_unsync();
-    const std::lock_guard<std::mutex> lock(stdout_mutex());
+    platform::desync_standard_output();
+    const std::lock_guard<std::mutex> lock(platform::standard_output_mutex());
     original_ = std::cout.rdbuf(text_.rdbuf());
   }
   ~CapturedStdout() {
-    const std::lock_guard<std::mutex> lock(stdout_mutex());
+    const std::lock_guard<std::mutex> lock(platform::standard_output_mutex());
     std::cout.rdbuf(original_);
   }
   CapturedStdout(const CapturedStdout&) = delete;
   CapturedStdout& operator=(const CapturedStdout&) = delete;
 
   std::string text() const {
-    const std::lock_guard<std::mutex> lock(stdout_mutex());
+    const std::lock_guard<std::mutex> lock(platform::standard_output_mutex());
     return text_.str();
   }
 
