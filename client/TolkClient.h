@@ -1,8 +1,9 @@
-// What a host holds as an IClient: the door to a client's core.
+// What a host holds as an IClient: the facade of a client.
 //
-// Thread: as IClient. Owner: the host, from CreateClient to DestroyClient; copies open onto the
-// same client, and the last of them ends it. Operations take a reference to the core at entry, so
-// that a door that goes away under them takes nothing along.
+// Thread: as IClient. Owner: the host, from CreateClient to DestroyClient. Copies refer to the same
+// client, and the last of them ends it. Each operation holds a reference to the client, which
+// therefore outlives a facade that is destroyed meanwhile.
+// Failure: no exception leaves an operation; it returns its failure value.
 #pragma once
 
 #include <tolk/IClient.h>
@@ -15,7 +16,7 @@
 struct timeout_sem;
 
 namespace tolk {
-class ClientCore;
+class ClientSide;
 }
 
 class TolkClient : public IClient {
@@ -40,7 +41,7 @@ class TolkClient : public IClient {
   int GetBigfileBufferSize() override;
   void ClearRetvalMem() override;
 
-  // Members from before the core was split off; they lead there.
+  // Members beyond the interface. The library does not export them.
   bool SendMsgLargeData(const char* name, TolkParams* params, int threadid, int timeout);
   void ClearMem();
   void closeClient();
@@ -55,8 +56,8 @@ class TolkClient : public IClient {
  private:
   void SetCustomReleaseEvent() override;
 
-  struct Door;
-  std::shared_ptr<tolk::ClientCore> core() const;
+  struct Holder;
+  std::shared_ptr<tolk::ClientSide> side() const;
 
-  std::shared_ptr<Door> door_;
+  std::shared_ptr<Holder> holder_;
 };

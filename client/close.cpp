@@ -1,69 +1,99 @@
-// Closing: the host's side, the loop thread's, and the release of what the connection used.
-#include "client/core.h"
-#include "transport/pause_point.h"
-#include "transport/wait_list.h"
+// How a client ends, and what that prints, calls and releases. The steps of the session in between
+// are in sessions/close.cpp.
+#include "client/client_side.h"
+#include "platform/guarded.h"
+#include "platform/standard_output.h"
+#include "transport/reserved_names.h"
 
 namespace tolk {
+namespace {
+
+constexpr unsigned kEndPauseMs = 10;
+
+}  // namespace
 
 // Host.
 
-void ClientCore::close() {
+void ClientSide::close() {
   logger.formatted("Client Closing!\n");
-  if (!isok()) {
+  const auto current = session();
+  if (!isok() || !current) {
     logger.formatted("client closeasync\n");
     return;
   }
-  const auto current = session();
-  TOLK_PAUSE_POINT("close.before_request");
-  current->request_close();
-  TOLK_PAUSE_POINT("close.requested");
-  current->wait_for(LoopSession::Milestone::ended);
-  TOLK_PAUSE_POINT("close.ended");
-  // So it is when a hook or a handler's destructor closes, on the loop thread that can't wait for
+  current->ask_for_close();
+  current->wait_until_ended();
+  // Still true when a hook or the destructor of a handler closes: the loop thread cannot wait for
   // itself.
   if (isok()) logger.formatted("bad close\n");
   logger.formatted("Client Closed!\n");
 }
 
-void ClientCore::abandon() {
+void ClientSide::abandon() {
   destroyed_ = true;
   const auto current = session();
   if (!current) return;
-  TOLK_PAUSE_POINT("destroy.before_request");
-  current->request_close();
-  TOLK_PAUSE_POINT("destroy.requested");
-  current->wait_for(LoopSession::Milestone::ended);
+  current->ask_for_close();
+  current->wait_until_ended();
 }
 
 // The close of a client whose loop has no thread of its own. No operation makes one, so a connected
-// client takes the usual road.
-void ClientCore::closeClient() {
+// client is closed as usual.
+void ClientSide::closeClient() {
   ClearMem();
   if (isok()) close();
 }
 
-void ClientCore::ClearMem() {
+void ClientSide::ClearMem() {
   client_waits().wake_all();
-  methods.release_all(custom_release ? MethodRegistry::Custody::host
-                                     : MethodRegistry::Custody::library);
+  methods.release_all(custom_release ? MethodRegistry::Keeper::host
+                                     : MethodRegistry::Keeper::library);
 }
 
-// Any thread.
+// Loop: the host's close.
 
-void ClientSession::request_close() { post_ready(); }
+void ClientSide::on_closing() { logger.formatted("Client Closing!\n"); }
 
-// Loop.
+void ClientSide::on_closed() { logger.formatted("Client Closed!\n"); }
 
-void ClientSession::close_by_host() {
-  check_loop_thread();
-  core_.logger.formatted("Client Closing!\n");
-  TOLK_PAUSE_POINT("close.heard");
-  begin_stop();
-  TOLK_PAUSE_POINT("close.refusing");
-  close_all_handles();
-  TOLK_PAUSE_POINT("close.handles_closing");
-  core_.logger.formatted("Client Closed!\n");
-  stop_loop();
+// Loop: a lost server.
+
+void ClientSide::on_server_gone(int id) {
+  logger.formatted("Server Closed: %d\n", id);
+  guarded([&] {
+    enter_loop();
+    call_closed_hooks(id);
+  });
+  told_ = Told::nothing;
 }
+
+void ClientSide::call_closed_hooks(int id) {
+  if (const MethodRef hook = methods.acquire(kHookClosed)) {
+    platform::print_line("close server event!");
+    logger.run_guarded(kHookClosed, [&] { hook->callback(id, nullptr, nullptr); });
+  }
+  // The table is empty after a loss: the name then appears without a handler.
+  if (const MethodRef hook = methods.acquire_or_insert(kHookBuiltinClosed)) {
+    logger.run_guarded(kHookBuiltinClosed, [&] { hook->callback(id, nullptr, nullptr); });
+  }
+}
+
+// A large call that still saw the client connected has registered by now, or registers under the
+// lock that the second step takes.
+void ClientSide::on_lost() {
+  client_waits().wake_all();
+  large_wait().post_all_and_forget();
+}
+
+// Loop: every end.
+
+void ClientSide::on_run_out(const Endpoint& where) {
+  if (where.is_tcp()) platform::print_line("run out");
+  uv_sleep(kEndPauseMs);
+  ClearMem();
+  told_ = Told::nothing;
+}
+
+void ClientSide::on_abandoned() { on_lost(); }
 
 }  // namespace tolk

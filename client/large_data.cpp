@@ -1,22 +1,24 @@
 // Large data: SendMsgEx, and the receiver of its result's pieces.
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
 
-#include "client/core.h"
+#include "client/client_side.h"
+#include "params/argument.h"
 #include "params/content.h"
 #include "params/encoder.h"
-#include "platform/process.h"
+#include "platform/never_destroyed.h"
 #include "platform/standard_output.h"
 #include "platform/static_mutex.h"
 #include "platform/thread.h"
-#include "transport/names.h"
+#include "sessions/outgoing_call.h"
 #include "transport/pause_point.h"
 #include "transport/piece_assembler.h"
 #include "transport/piece_sender.h"
+#include "transport/process_exit.h"
+#include "transport/reserved_names.h"
 
 namespace tolk {
 namespace {
@@ -26,12 +28,12 @@ constexpr std::uint32_t kPieceLimitMs = 500;
 // On purpose held by SendMsgEx for its whole run: one large call at a time in the process.
 constinit platform::StaticMutex large_call_lock;
 
-// A hook does not wait for its turn: who has it may be waiting for the very loop that the hook is
-// holding up. Nor does a forked child, where nobody would hand the turn on.
+// A hook does not wait for its turn: the thread that has it may wait for the very loop that the
+// hook holds up. Nor does a forked child, where nobody would hand the turn on.
 std::unique_lock<platform::StaticMutex> take_large_turn(bool of_this_process) {
   std::unique_lock<platform::StaticMutex> turn(large_call_lock, std::defer_lock);
   if (!of_this_process) return turn;
-  if (LoopSession::on_a_loop_thread()) {
+  if (Session::on_a_loop_thread()) {
     turn.try_lock();
   } else {
     turn.lock();
@@ -42,7 +44,7 @@ std::unique_lock<platform::StaticMutex> take_large_turn(bool of_this_process) {
 void append_header(std::string& block, const char* name, int call_id) {
   Encoder<std::string> encoder(block, 0);
   encoder.add_key(kKeyName);
-  encoder.add_string(name == nullptr ? "" : name);
+  encoder.add_string(text_of(name));
   encoder.add_key(kKeyCallId);
   encoder.add_int(call_id);
 }
@@ -50,29 +52,28 @@ void append_header(std::string& block, const char* name, int call_id) {
 // Joins the pieces of a large result and wakes the call that waits for it.
 class RecvLargeDataClient final : public IServerMethod {
  public:
-  explicit RecvLargeDataClient(ClientCore& owner) : owner_(owner) {}
+  explicit RecvLargeDataClient(ClientSide& owner) : owner_(owner) {}
 
   void callback(int, TolkParams* in, TolkParams*) override {
     auto joined = pieces_.add(*in);
     if (!joined) return;
     const int call_id = joined->call_id;
     owner_.large_results.store_owned(call_id, std::move(joined->bytes));
-    TOLK_PAUSE_POINT("ex.result_stored");
     large_wait().post(call_id);
   }
 
  private:
-  ClientCore& owner_;  // has this handler
+  ClientSide& owner_;  // owns this handler
   PieceAssembler pieces_;
 };
 
-// The local hook of a lost server; nothing is left to do in it.
+// The local hook of a lost server. It has nothing to do.
 class ServerClosed final : public IServerMethod {
  public:
   void callback(int, TolkParams*, TolkParams*) override {}
 };
 
-// The wait of one large call. It is off the process's list before it is gone.
+// The wait of one large call. It leaves the process's list before it is destroyed.
 class LargeAnswer {
  public:
   LargeAnswer() { uv_sem_init(&semaphore_, 0); }
@@ -84,8 +85,9 @@ class LargeAnswer {
   LargeAnswer(const LargeAnswer&) = delete;
   LargeAnswer& operator=(const LargeAnswer&) = delete;
 
-  bool await_if_connected(const ClientCore& core, int call_id) {
-    return large_wait().add_if([&] { return core.isok(); }, call_id, &semaphore_);
+  template <class Connected>
+  bool await_if(Connected connected, int call_id) {
+    return large_wait().add_if(connected, call_id, &semaphore_);
   }
   void wait() { uv_sem_wait(&semaphore_); }
 
@@ -101,31 +103,21 @@ std::string take_bytes(TolkParams* block) {
   return bytes;
 }
 
+const AtProcessExit wake_handler_at_exit([] { large_wait().wake_handler(); });
+
 }  // namespace
 
 LargeWait& large_wait() {
-  static const std::uint32_t made_in = platform::generation();
-  static auto* const wait = [] {
-    std::atexit([] {
-      if (platform::generation() != made_in) return;  // no thread waits, and it may have the lock
-      note_process_exit();
-      large_wait().wake_handler();
-    });
-    return new LargeWait;
-  }();
+  static NeverDestroyed<LargeWait> wait;
   return *wait;
 }
 
-ClientCore::ClientCore() : process_(platform::generation()) {}
-
-ClientCore::~ClientCore() = default;
-
-void ClientCore::register_builtins() {
+void ClientSide::register_builtins() {
   methods.add_builtin(kMethodPieceBody, std::make_unique<RecvLargeDataClient>(*this));
   methods.add_builtin(kHookBuiltinClosed, std::make_unique<ServerClosed>());
 }
 
-TolkParams* ClientCore::SendMsgEx(const char* name, TolkParams* params, int threadid) {
+TolkParams* ClientSide::SendMsgEx(const char* name, TolkParams* params, int threadid) {
   const auto turn = take_large_turn(of_this_process());
   if (!turn) {
     platform::print_line("sendmsgex: disconnect... .. .");
@@ -136,32 +128,30 @@ TolkParams* ClientCore::SendMsgEx(const char* name, TolkParams* params, int thre
   if (threadid != 0) call_id = threadid;
   {
     LargeAnswer answer;
-    TOLK_PAUSE_POINT("ex.before_register");
-    if (!answer.await_if_connected(*this, call_id)) {
+    TOLK_PAUSE_POINT("large_call.before_register");
+    if (!answer.await_if([this] { return connected_session() != nullptr; }, call_id)) {
       platform::print_line("sendmsgex: disconnect... .. .");
       return nullptr;
     }
-    TOLK_PAUSE_POINT("ex.registered");
-    // The arguments may be the very block that the result is about to refresh: they are taken out
-    // before its present content loses its keeper.
+    TOLK_PAUSE_POINT("large_call.registered");
+    // The arguments may be the very block that the result is about to refresh: they are moved out
+    // before its present content is released.
     std::string block = take_bytes(params);
-    const ResultTable::Expectation content_may_go(large_results, call_id);
+    const ResultTable::Expectation releases_content(large_results, call_id);
     append_header(block, name, call_id);
     if (!fits_pieces(block)) {
       logger.plain("sendmsgex: too large: %zu bytes\n", block.size());
       return nullptr;
     }
     send_large(block, call_id, call_id, kPieceLimitMs, [&block] { std::string().swap(block); });
-    TOLK_PAUSE_POINT("ex.pieces_sent");
     // On purpose without a limit, and not woken by the client's own close: only the result or the
-    // loss of a server ends it. A hook on the loop thread can't wait for what that thread would do.
+    // loss of a server ends it. A hook cannot wait for what its own loop thread would do.
     if (!session()->on_own_thread()) answer.wait();
-    TOLK_PAUSE_POINT("ex.woken_before_unlist");
   }
   return destroyed_ ? nullptr : large_results.find(call_id);
 }
 
-bool ClientCore::SendMsgLargeData(const char* name, TolkParams* params, int threadid,
+bool ClientSide::SendMsgLargeData(const char* name, TolkParams* params, int threadid,
                                   std::uint32_t timeout_ms) {
   int call_id = threadid;
   const TolkValue* const own = params ? params->GetMap(kKeyCallId) : nullptr;
@@ -175,7 +165,7 @@ bool ClientCore::SendMsgLargeData(const char* name, TolkParams* params, int thre
   return send_large(held.get()->buffer, threadid, call_id, timeout_ms, [] {});
 }
 
-bool ClientCore::send_large(std::string_view block, int header_id, int call_id,
+bool ClientSide::send_large(std::string_view block, int header_id, int call_id,
                             std::uint32_t timeout_ms, const std::function<void()>& all_read) {
   const auto send = [&](TolkParams& piece) {
     return SendMsg(kMethodPieceBody, &piece, call_id, timeout_ms) != nullptr;

@@ -1,22 +1,23 @@
 // The calls of SendMsgEx that wait for their results, in the whole process.
 //
-// Thread: any. Owner: a semaphore belongs to the call, which takes it off before destroying it.
-// "Is the client connected?" and "register" are one step, and so is a client's going offline: a
-// call either sees that the server is gone or is woken by it.
+// Thread: any. Owner: a semaphore belongs to the call, which removes it before destroying it.
+// "Is the client connected?" and "register" are one step. A lost client is disconnected first and
+// posts then: a call either sees that the server is gone or is woken.
+// Failure: std::bad_alloc from add_if. Waking allocates nothing.
 #pragma once
 
 #include <uv.h>
 
 #include <map>
 
-#include "transport/handler_scope.h"
+#include "transport/process_exit.h"
 #include "transport/thread_safety.h"
 
 namespace tolk {
 
 class LargeWait {
  public:
-  // Registers unless `connected()` says no, and tells which.
+  // Registers unless `connected()` returns false, and returns the same.
   template <class Connected>
   bool add_if(Connected connected, int call_id, uv_sem_t* semaphore) {
     auto waiting = waiting_.lock();
@@ -25,13 +26,6 @@ class LargeWait {
     waiting->in_handler = HandlerScope::inside();
     if (waiting->in_handler && process_exits()) uv_sem_post(semaphore);
     return true;
-  }
-
-  // Runs `change` so that no registration comes in between.
-  template <class Change>
-  void exclusively(Change change) {
-    const auto waiting = waiting_.lock();
-    change();
   }
 
   void post(int call_id) {

@@ -3,7 +3,7 @@
 get_target_property(library_sources tolk_objects SOURCES)
 set(paused_sources)
 foreach(source IN LISTS library_sources)
-  file(STRINGS ${source} points REGEX "TOLK_PAUSE_POINT\\(")
+  file(STRINGS ${source} points REGEX "TOLK_PAUSE_[A-Z_]+\\(")
   if(points)
     list(APPEND paused_sources ${source})
   endif()

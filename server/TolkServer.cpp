@@ -6,131 +6,132 @@
 #include <string>
 #include <utility>
 
-#include "server/core.h"
-#include "transport/names.h"
-#include "transport/piece_size.h"
-#include "transport/shielded.h"
+#include "params/argument.h"
+#include "platform/guarded.h"
+#include "server/server_side.h"
+#include "transport/piece_sender.h"
 
-using tolk::shielded;
-using tolk::Transport;
+using tolk::guarded;
+using tolk::guarded_or;
+using Kind = tolk::Endpoint::Kind;
 
 namespace {
 
-tolk::Endpoint endpoint(Transport transport, const char* host, const char* port) {
-  return {transport, host == nullptr ? "" : host, port == nullptr ? "" : port};
+tolk::Endpoint endpoint(Kind kind, const char* host, const char* port) {
+  return {kind, std::string(tolk::text_of(host)), std::string(tolk::text_of(port))};
 }
 
 }  // namespace
 
-TolkServer::TolkServer() : core_(std::make_shared<tolk::ServerCore>()) {
-  core_->register_builtins();
+TolkServer::TolkServer() : side_(std::make_shared<tolk::ServerSide>()) {
+  side_->register_builtins();
 }
 
-TolkServer::~TolkServer() { let_go(); }
+TolkServer::~TolkServer() { release(); }
 
-void TolkServer::let_go() {
-  if (core_) core_->abandon();
-  core_.reset();
+void TolkServer::release() {
+  if (side_) side_->abandon();
+  side_.reset();
 }
 
 bool TolkServer::ListenPipe(const char* port) {
-  return shielded(
-      false, [&, core = core()] { return core->listen(endpoint(Transport::pipe, nullptr, port)); });
+  return guarded_or(
+      false, [&, side = side()] { return side->listen(endpoint(Kind::pipe, nullptr, port)); });
 }
 
 bool TolkServer::InitTolkServer(const char* port) {
-  return shielded(
-      false, [&, core = core()] { return core->start(endpoint(Transport::pipe, nullptr, port)); });
+  return guarded_or(
+      false, [&, side = side()] { return side->start(endpoint(Kind::pipe, nullptr, port)); });
 }
 
 bool TolkServer::ListenTcp4(const char* host, const char* port) {
-  return shielded(
-      false, [&, core = core()] { return core->listen(endpoint(Transport::tcp4, host, port)); });
+  return guarded_or(false,
+                    [&, side = side()] { return side->listen(endpoint(Kind::tcp4, host, port)); });
 }
 
 bool TolkServer::ListenTcp6(const char* host, const char* port) {
-  return shielded(
-      false, [&, core = core()] { return core->listen(endpoint(Transport::tcp6, host, port)); });
+  return guarded_or(false,
+                    [&, side = side()] { return side->listen(endpoint(Kind::tcp6, host, port)); });
 }
 
 bool TolkServer::InitTolkServerTcp4(const char* host, const char* port) {
-  return shielded(
-      false, [&, core = core()] { return core->start(endpoint(Transport::tcp4, host, port)); });
+  return guarded_or(false,
+                    [&, side = side()] { return side->start(endpoint(Kind::tcp4, host, port)); });
 }
 
 bool TolkServer::InitTolkServerTcp6(const char* host, const char* port) {
-  return shielded(
-      false, [&, core = core()] { return core->start(endpoint(Transport::tcp6, host, port)); });
+  return guarded_or(false,
+                    [&, side = side()] { return side->start(endpoint(Kind::tcp6, host, port)); });
 }
 
 bool TolkServer::run() {
-  shielded([core = core()] { core->run(); });
+  guarded([side = side()] { side->run(); });
   return true;
 }
 
 void TolkServer::SetTimeoutStep(int ms) {
-  shielded([&, core = core()] { core->SetTimeoutStep(ms); });
+  guarded([&, side = side()] { side->SetTimeoutStep(ms); });
 }
 
-bool TolkServer::isok() { return core()->isok(); }
+bool TolkServer::isok() { return side()->isok(); }
 
 bool TolkServer::close() {
-  shielded([core = core()] { core->close(); });
+  guarded([side = side()] { side->close(); });
   return true;
 }
 
 bool TolkServer::closeasync() {
-  shielded([core = core()] { core->closeasync(); });
+  guarded([side = side()] { side->closeasync(); });
   return true;
 }
 
 TolkParams* TolkServer::SendMsg(int clientid, const char* name, TolkParams* params, int threadid,
                                 int timeout) {
-  return shielded<TolkParams*>(nullptr, [&, core = core()] {
-    return core->SendMsg(clientid, name, params, threadid, static_cast<std::uint32_t>(timeout));
+  return guarded_or<TolkParams*>(nullptr, [&, side = side()] {
+    return side->SendMsg(clientid, name, params, threadid, static_cast<std::uint32_t>(timeout));
   });
 }
 
 TolkParams* TolkServer::PostMsg(int clientid, const char* name, TolkParams* params, int threadid) {
-  shielded([&, core = core()] { core->PostMsg(clientid, name, params, threadid); });
+  guarded([&, side = side()] { side->PostMsg(clientid, name, params, threadid); });
   return nullptr;
 }
 
 // The client's log sets the level first; the server has its own order.
 bool TolkServer::log(char* text, int level) {
-  return shielded(false, [&, core = core()] {
+  return guarded_or(false, [&, side = side()] {
     const bool has_text = tolk::Logger::set_text(text);
-    core->logger.set_level(level);
+    side->logger.set_level(level);
     return has_text;
   });
 }
 
 void TolkServer::method(const char* name, IServerMethod* m) {
-  shielded([&, core = core()] { core->method(name, m); });
+  guarded([&, side = side()] { side->method(name, m); });
 }
 
 void TolkServer::methodall(IMethodAll* m) {
-  shielded([&, core = core()] { core->methods.set_all(m); });
+  guarded([&, side = side()] { side->methods.set_all(m); });
 }
 
-int TolkServer::GetPort() { return core()->port; }
+int TolkServer::GetPort() { return side()->port; }
 
-int TolkServer::GetClientCount() { return core()->client_count; }
+int TolkServer::GetClientCount() { return side()->client_count; }
 
-bool TolkServer::IsPipe() { return core()->is_pipe; }
+bool TolkServer::IsPipe() { return side()->is_pipe; }
 
-void TolkServer::SetCustomReleaseEvent() { core()->custom_release = true; }
+void TolkServer::SetCustomReleaseEvent() { side()->custom_release = true; }
 
 void TolkServer::SetBigfileBufferSize(int size) { tolk::piece_bytes() = size; }
 
 void TolkServer::ClearRetvalMem() {
-  shielded([core = core()] { core->results.clear(); });
+  guarded([side = side()] { side->results.clear(); });
 }
 
 extern "C" {
 
 IServer* CreateServer() {
-  return shielded<IServer*>(nullptr, [] { return new TolkServer; });
+  return guarded_or<IServer*>(nullptr, [] { return new TolkServer; });
 }
 
 void DestroyServer(IServer* server) {
@@ -141,9 +142,9 @@ void DestroyServer(IServer* server) {
     server->close();
   }
   // On purpose the destructor does not run: no handler is released that the close above kept.
-  auto* const door = static_cast<TolkServer*>(server);
-  door->let_go();
-  ::operator delete(door);
+  auto* const facade = static_cast<TolkServer*>(server);
+  facade->release();
+  ::operator delete(facade);
 }
 
 }  // extern "C"

@@ -1,6 +1,8 @@
-// What a host holds as an IServer: the door to a server's core.
+// What a host holds as an IServer: the facade of a server.
 //
-// Thread: as IServer. Owner: the host, from CreateServer to DestroyServer.
+// Thread: as IServer. Owner: the host, from CreateServer to DestroyServer. Each operation holds a
+// reference to the server, which therefore outlives a facade that is destroyed meanwhile.
+// Failure: no exception leaves an operation; it returns its failure value.
 #pragma once
 
 #include <tolk/IServer.h>
@@ -8,7 +10,7 @@
 #include <memory>
 
 namespace tolk {
-class ServerCore;
+class ServerSide;
 }
 
 class TolkServer : public IServer {
@@ -40,11 +42,11 @@ class TolkServer : public IServer {
   void SetBigfileBufferSize(int size) override;
   void ClearRetvalMem() override;
 
-  // Lets the core go; the storage can then be freed without a destructor.
-  void let_go();
+  // Ends the server; the storage can then be freed without a destructor.
+  void release();
 
  private:
-  std::shared_ptr<tolk::ServerCore> core() const { return core_; }
+  std::shared_ptr<tolk::ServerSide> side() const { return side_; }
 
-  std::shared_ptr<tolk::ServerCore> core_;
+  std::shared_ptr<tolk::ServerSide> side_;
 };

@@ -3,11 +3,11 @@
 #include <utility>
 
 #include "params/content.h"
-#include "platform/process.h"
-#include "server/core.h"
-#include "transport/names.h"
+#include "server/server_side.h"
+#include "sessions/outgoing_call.h"
 #include "transport/piece_assembler.h"
 #include "transport/piece_sender.h"
+#include "transport/reserved_names.h"
 
 namespace tolk {
 namespace {
@@ -21,7 +21,7 @@ constexpr int kMalformed = -1;
 // piece. The order of what it adds to `out` is wire format, "retval" twice included.
 class RecvLargeDataServer final : public IServerMethod {
  public:
-  explicit RecvLargeDataServer(ServerCore& owner) : owner_(owner) {}
+  explicit RecvLargeDataServer(ServerSide& owner) : owner_(owner) {}
 
   void callback(int client_id, TolkParams* in, TolkParams* out) override {
     out->AddKeyValueString(kKeyName, kReply);
@@ -40,37 +40,36 @@ class RecvLargeDataServer final : public IServerMethod {
     out->AddInt(kComplete);
     out->AddKeyValueString(kKeyName, kReply);
     TolkParams result;
-    owner_.dispatch_large(client_id, std::string(*name), &call, &result);
-    call.Clear();  // large as it is, it need not be held while the result is on its way
+    if (!owner_.dispatch_large(client_id, std::string(*name), &call, &result)) return;
+    call.Clear();  // it is large, and nobody needs it while the result is sent
     owner_.send_large_result(client_id, joined.call_id, result);
   }
 
-  ServerCore& owner_;  // has this handler
+  ServerSide& owner_;  // owns this handler
   PieceAssembler pieces_;
 };
 
 }  // namespace
 
-ServerCore::ServerCore() : process_(platform::generation()) {}
-
-void ServerCore::register_builtins() {
+void ServerSide::register_builtins() {
   methods.add_builtin(kMethodPieceHeader, std::make_unique<RecvLargeDataServer>(*this));
   methods.add_builtin(kMethodPieceBody, std::make_unique<RecvLargeDataServer>(*this));
 }
 
 // A large call that names a receiver of pieces would nest without end: inside a large call the two
 // count as unregistered.
-void ServerCore::dispatch_large(int client_id, const std::string& name, TolkParams* arguments,
+bool ServerSide::dispatch_large(int client_id, const std::string& name, TolkParams* arguments,
                                 TolkParams* out) {
-  if (name == kMethodPieceHeader || name == kMethodPieceBody) {
-    answer_unknown(client_id, name, arguments, out);
-  } else {
-    dispatch(client_id, name, arguments, out);
+  if (name != kMethodPieceHeader && name != kMethodPieceBody) {
+    return dispatch(client_id, name, arguments, out);
   }
+  call_catch_all(client_id, name, arguments, out);
+  answer_unknown(name, out);
+  return true;
 }
 
 // `result` gets the two keys by which the client knows it.
-void ServerCore::send_large_result(int client_id, int call_id, TolkParams& result) {
+void ServerSide::send_large_result(int client_id, int call_id, TolkParams& result) {
   const int own_id = read::number(result.GetMap(kKeyCallId));
   const int send_id = call_id_or_own(call_id != 0 ? call_id : own_id);
   result.AddKeyValueString(kKeyName, kMethodLargeData);

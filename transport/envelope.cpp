@@ -10,7 +10,7 @@
 
 #include "params/encoder.h"
 #include "params/parser.h"
-#include "transport/names.h"
+#include "transport/reserved_names.h"
 
 namespace tolk {
 namespace {
@@ -141,7 +141,7 @@ Frame call_frame(std::string_view name, int call_id, std::optional<std::string_v
 
 Frame client_reply_frame(std::string result, std::optional<int> call_id,
                          std::optional<std::string_view> token) {
-  return Frame::build_behind(std::move(result), [&](auto& encoder) {
+  return Frame::build_after(std::move(result), [&](auto& encoder) {
     add_keyed_int(encoder, kKeyCallId, call_id.value_or(0));
     if (token) add_keyed_string(encoder, kKeyToken, *token);
     add_keyed_string(encoder, kKeyName, kReply);
@@ -150,7 +150,7 @@ Frame client_reply_frame(std::string result, std::optional<int> call_id,
 
 Frame server_reply_frame(std::string result, std::optional<int> call_id,
                          std::optional<std::string_view> token) {
-  return Frame::build_behind(std::move(result), [&](auto& encoder) {
+  return Frame::build_after(std::move(result), [&](auto& encoder) {
     add_keyed_string(encoder, kKeyName, kReply);
     if (call_id) add_keyed_int(encoder, kKeyCallId, *call_id);
     if (token) add_keyed_string(encoder, kKeyToken, *token);

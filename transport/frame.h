@@ -1,9 +1,9 @@
-// One message as it travels: a 4-byte little-endian length and that many bytes of a block.
+// One message as it travels.
 //
 // A frame is one heap block that holds libuv's write request, its buffer descriptors and the bytes,
-// so that writing it allocates and copies nothing more. A large result is not copied in: the frame
+// so that writing it allocates and copies nothing more. A large result is not copied: the frame
 // takes its string over and is written from three buffers, still with one write.
-// Thread: any, one at a time. Owner: whoever holds the Frame; while a write is under way, libuv
+// Thread: any, one at a time. Owner: whoever holds the Frame; libuv while a write is under way
 // (release() gives it away, adopt() takes it back in the completion callback).
 // Failure: std::bad_alloc.
 #pragma once
@@ -11,9 +11,7 @@
 #include <uv.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <new>
 #include <span>
@@ -22,17 +20,14 @@
 #include <utility>
 
 #include "params/encoder.h"
+#include "transport/frame_format.h"
 
 namespace tolk {
 
 class Frame {
  public:
-  static constexpr std::size_t kPrefixBytes = 4;
-  // The length travels through signed 32-bit numbers on both sides.
-  static constexpr std::size_t kMaxPayloadBytes =
-      std::numeric_limits<std::int32_t>::max() - kPrefixBytes;
-
-  // From this size on, what a frame is built behind is taken over instead of copied.
+  static constexpr std::size_t kPrefixBytes = frame_format::kPrefixBytes;
+  // From this size on, a head is taken over instead of copied.
   static constexpr std::size_t kTakeOverBytes = std::size_t{16} << 10;
 
   // A frame whose payload is what `fill(encoder)` writes. `fill` runs twice: first to measure, then
@@ -42,9 +37,9 @@ class Frame {
     return build_tail({}, fill);
   }
 
-  // The same behind the records of `head`, which were encoded at the start of a block.
+  // The same after the records of `head`, which were encoded at the start of a block.
   template <class Fill>
-  static Frame build_behind(std::string head, const Fill& fill) {
+  static Frame build_after(std::string head, const Fill& fill) {
     if (head.size() >= kTakeOverBytes) return build_tail(std::move(head), fill);
     return build([&](auto& encoder) {
       encoder.add_encoded(head);
@@ -139,7 +134,7 @@ class Frame {
       add_buffer(block_->head.data(), block_->head.size());
       add_buffer(own + kPrefixBytes, tail_bytes);
     }
-    store32(own, static_cast<std::uint32_t>(block_->payload_bytes));
+    frame_format::store_length(own, block_->payload_bytes);
   }
 
   void add_buffer(char* base, std::size_t size) {

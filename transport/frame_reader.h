@@ -7,9 +7,10 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <string_view>
+
+#include "transport/frame_format.h"
 
 namespace tolk {
 
@@ -21,7 +22,7 @@ class FrameReader {
   void feed(std::string_view bytes, Dispatch&& dispatch) {
     // On purpose: a read that is exactly one frame is handed on even while older bytes wait. Peers
     // rely on it.
-    if (bytes.size() >= kPrefixBytes && prefix(bytes) == payload_limit(bytes)) {
+    if (bytes.size() >= kPrefixBytes && frame_format::load_length(bytes) == payload_limit(bytes)) {
       dispatch(bytes.substr(kPrefixBytes));
       return;
     }
@@ -35,16 +36,8 @@ class FrameReader {
   std::size_t pending_bytes() const { return pending_.size(); }
 
  private:
-  static constexpr std::size_t kPrefixBytes = 4;
+  static constexpr std::size_t kPrefixBytes = frame_format::kPrefixBytes;
   static constexpr std::size_t kIdleCapacityBytes = std::size_t{1} << 20;
-
-  static std::int64_t prefix(std::string_view bytes) {
-    std::uint32_t length = 0;
-    for (unsigned i = 0; i < kPrefixBytes; ++i) {
-      length |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
-    }
-    return static_cast<std::int32_t>(length);
-  }
 
   static std::int64_t payload_limit(std::string_view bytes) {
     return static_cast<std::int64_t>(bytes.size()) - std::int64_t{kPrefixBytes};
@@ -55,7 +48,7 @@ class FrameReader {
   template <class Dispatch>
   static bool hand_on_one(std::string_view& rest, Dispatch& dispatch) {
     if (rest.size() < kPrefixBytes) return false;
-    const std::int64_t length = prefix(rest);
+    const std::int64_t length = frame_format::load_length(rest);
     if (length > payload_limit(rest)) return false;
     if (length < 0) return hand_on_negative(rest, length, dispatch);
     const std::string_view frame = rest.substr(0, kPrefixBytes + static_cast<std::size_t>(length));

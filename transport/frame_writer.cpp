@@ -3,9 +3,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/guarded.h"
+#include "platform/never_destroyed.h"
 #include "platform/standard_output.h"
-#include "transport/call_table.h"
-#include "transport/invoke_guarded.h"
+#include "transport/system_calls.h"
 #include "transport/thread_safety.h"
 
 namespace tolk {
@@ -14,31 +15,30 @@ namespace {
 constexpr int kRetries = 3;
 constexpr unsigned kRetryPauseMs = 1;
 
-// Never destroyed: loop threads may still write while the process exits.
 Guarded<std::vector<Frame>>& refused_frames() {
-  static auto* const frames = new Guarded<std::vector<Frame>>;
+  static NeverDestroyed<Guarded<std::vector<Frame>>> frames;
   return *frames;
 }
 
-int attempt(uv_stream_t* stream, Frame& frame, uv_write_cb done) {
+int attempt(uv_stream_t* stream, Frame& frame) {
   const auto buffers = frame.buffers();
-  return call_table.write(frame.request(), stream, buffers.data(),
-                          static_cast<unsigned>(buffers.size()), done);
+  return system_calls.write(frame.request(), stream, buffers.data(),
+                            static_cast<unsigned>(buffers.size()), write_server_cb);
 }
 
 }  // namespace
 
-int write_frame(uv_stream_t* stream, Frame frame, uv_write_cb done) {
+int write_frame(uv_stream_t* stream, Frame frame) {
   const auto* handle = reinterpret_cast<const uv_handle_t*>(stream);
   if (uv_is_closing(handle)) return refuse_frame(UV_EPIPE);
-  if (frame.payload_bytes() > Frame::kMaxPayloadBytes) return refuse_frame(UV_E2BIG);
-  int status = attempt(stream, frame, done);
+  if (frame.payload_bytes() > frame_format::kMaxPayloadBytes) return refuse_frame(UV_E2BIG);
+  int status = attempt(stream, frame);
   for (int retry = 0; status < 0 && retry < kRetries; ++retry) {
-    call_table.sleep_ms(kRetryPauseMs);
-    status = attempt(stream, frame, done);
+    system_calls.sleep_ms(kRetryPauseMs);
+    status = attempt(stream, frame);
   }
   if (status >= 0) {
-    frame.release();  // libuv's, until `done`
+    frame.release();  // libuv owns it until write_server_cb
     return status;
   }
   refused_frames().lock()->push_back(std::move(frame));
@@ -53,7 +53,7 @@ int refuse_frame(int status) {
 void write_server_cb(uv_write_t* request, int status) {
   const Frame frame = Frame::adopt(request);
   if (status >= 0) return;
-  invoke_guarded([&] { platform::print_line(std::string("Write error: ") + uv_strerror(status)); });
+  guarded([&] { platform::print_line(std::string("Write error: ") + uv_strerror(status)); });
 }
 
 std::size_t refused_frame_count() { return refused_frames().lock()->size(); }

@@ -3,19 +3,21 @@
 #include <tolk/TolkParams.h>
 
 #include <array>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <utility>
 
 #include "platform/standard_output.h"
-#include "transport/invoke_guarded.h"
 
 namespace tolk {
 namespace {
 
 constexpr std::size_t kLineBytes = 1024;
-// A sink whose work logs again is called again, this deep; further in, the line is printed.
+// A sink that logs is called again, this deep; deeper lines are printed.
 constexpr int kSinkDepth = 8;
+// A sink that waits for the thread that destroys the object does not hold it up forever.
+constexpr std::chrono::milliseconds kSinkLimit{1000};
 
 thread_local int sink_depth = 0;
 
@@ -40,20 +42,27 @@ void Logger::write_line(const char* format, std::va_list arguments) {
   // One byte less than the buffer: at most 1022 characters are kept.
   std::array<char, kLineBytes> line{};
   std::vsnprintf(line.data(), kLineBytes - 1, format, arguments);
-  if (!give_to_sink(line.data())) platform::print(line.data());
+  if (!write_to_sink(line.data())) platform::print(line.data());
 }
 
-bool Logger::give_to_sink(const char* line) {
-  const MethodRef sink = *sink_.lock();
-  if (!sink || sink_depth >= kSinkDepth) return false;
+bool Logger::write_to_sink(const char* line) {
+  MethodRef method;
+  {
+    auto sink = sink_.lock();
+    if (sink->ended) return true;
+    if (!sink->method || sink_depth >= kSinkDepth) return false;
+    method = sink->method;
+    ++sink->calls;
+  }
   ++sink_depth;
-  invoke_guarded([&] {
+  guarded([&] {
     TolkParams block;
     block.AddString(line);
     block.ToParams();
-    sink->callback(0, &block, nullptr);
+    method->callback(0, &block, nullptr);
   });
   --sink_depth;
+  if (--sink_.lock()->calls == 0) sink_is_idle_.notify_all();
   return true;
 }
 
@@ -64,15 +73,27 @@ void Logger::set_level(int level) {
 
 bool Logger::set_text(const char* text) { return text != nullptr && *text != '\0'; }
 
-void Logger::set_sink(MethodRef sink) {
-  // The earlier sink's reference goes out of the lock with `sink`.
-  std::swap(*sink_.lock(), sink);
+void Logger::set_sink(MethodRef method) {
+  // The earlier sink's reference is released with `method`, after the lock.
+  std::swap(sink_.lock()->method, method);
 }
 
-void Logger::drop_doomed_sink() {
+void Logger::drop_deleted_sink() {
   MethodRef dropped;
   auto sink = sink_.lock();
-  if (*sink && sink->owner->doomed()) dropped = std::exchange(*sink, MethodRef());
+  if (sink->method && sink->method.owner->marked_for_deletion()) std::swap(dropped, sink->method);
+}
+
+void Logger::end_sink() {
+  MethodRef dropped;
+  auto sink = sink_.lock();
+  if (!sink->method) return;
+  std::swap(dropped, sink->method);
+  sink->ended = true;
+  // A sink that destroys its own object does not wait for itself.
+  if (sink_depth == 0) {
+    sink.wait_for(sink_is_idle_, kSinkLimit, [](const Sink& now) { return now.calls == 0; });
+  }
 }
 
 }  // namespace tolk

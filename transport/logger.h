@@ -2,13 +2,16 @@
 //
 // Thread: any. A line goes to the sink, on the thread that logs, else to standard output, whole but
 // not flushed; line ends come from the format.
-// Owner: a sink stays the host's; the logger only shares in its being deleted late.
+// Owner: the host owns a sink; the logger's reference only delays its deletion by the library.
 // Failure: none. An exception of the sink is dropped.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdarg>
+#include <string_view>
 
+#include "platform/guarded.h"
 #include "transport/method_registry.h"
 #include "transport/thread_safety.h"
 
@@ -35,16 +38,42 @@ class Logger {
   // Whether there is a text. It is not kept; no file is opened.
   static bool set_text(const char* text);
   // An empty sink means standard output.
-  void set_sink(MethodRef sink);
-  // Lets the sink go if the library is about to delete it.
-  void drop_doomed_sink();
+  void set_sink(MethodRef method);
+  // Drops the sink if it is marked for deletion.
+  void drop_deleted_sink();
+  // The host destroys the object: its sink is not called any more, and lines for it go nowhere.
+  // Waits for calls of the sink on other threads, a second at most.
+  void end_sink();
+
+  // Calls a method. A handler of the library has no memory to go on when it throws: that is for the
+  // caller to see.
+  template <class Call>
+  void run_handler(std::string_view name, const MethodRef& method, Call&& call) {
+    if (method.of_library()) return call();
+    run_guarded(name, call);
+  }
+  // Runs code of the host: an exception ends here, in one line that names the method.
+  template <class Call>
+  void run_guarded(std::string_view method, Call&& call) {
+    guarded(call, [&](const char* what) {
+      plain("handler error: %.*s: %s\n", static_cast<int>(method.size()), method.data(), what);
+    });
+  }
 
  private:
+  struct Sink {
+    MethodRef method;
+    int calls = 0;  // under way
+    bool ended = false;
+  };
+
   void write_line(const char* format, std::va_list arguments);
-  bool give_to_sink(const char* line);
+  // False when standard output is the place for the line.
+  bool write_to_sink(const char* line);
 
   std::atomic<int> level_{1};
-  Guarded<MethodRef> sink_;
+  Guarded<Sink> sink_;
+  std::condition_variable sink_is_idle_;
 };
 
 }  // namespace tolk

@@ -2,13 +2,13 @@
 
 #include <utility>
 
-#include "transport/invoke_guarded.h"
+#include "platform/guarded.h"
 
 namespace tolk {
 
 HandlerOwner::~HandlerOwner() {
-  if (!doomed_) return;
-  invoke_guarded([this] {
+  if (!marked_for_deletion_) return;
+  guarded([this] {
     delete method_;
     delete all_;
   });
@@ -35,7 +35,7 @@ void MethodRegistry::add_if_absent(const char* name, IServerMethod* handler) {
 
 void MethodRegistry::replace(const char* name, IServerMethod* handler) {
   if (name == nullptr) return;
-  MethodRef earlier;  // a built-in dies here, after the lock
+  MethodRef earlier;  // a built-in is deleted here, after the lock
   auto tables = tables_.lock();
   earlier = std::exchange(tables->methods[name], reference(*tables, handler));
 }
@@ -44,8 +44,8 @@ void MethodRegistry::add_builtin(const char* name, std::unique_ptr<IServerMethod
   auto tables = tables_.lock();
   MethodRef builtin = reference(*tables, handler.get());
   builtin.owner->of_library_ = true;
-  builtin.owner->doom();
-  handler.release();  // the owner's now
+  builtin.owner->mark_for_deletion();
+  handler.release();  // the owner deletes it
   tables->methods.emplace(name, std::move(builtin));
 }
 
@@ -85,27 +85,34 @@ bool MethodRegistry::contains(std::string_view name) {
   return tables_.lock()->methods.contains(name);
 }
 
-void MethodRegistry::release_all(Custody custody) {
+void MethodRegistry::release_all(Keeper keeper) {
   Taken taken;
-  take_all(custody, taken);
-  // Out of the lock, the catch-all first, then by name: an idle object dies here.
+  take_all(keeper, taken);
+  // Without the lock, the catch-all first, then by name: an idle object is deleted here.
   taken.all = AllRef();
   for (auto& [name, method] : taken.methods) method = MethodRef();
 }
 
-void MethodRegistry::take_all(Custody custody, Taken& taken) {
+void MethodRegistry::take_all(Keeper keeper, Taken& taken) {
   auto tables = tables_.lock();
   taken.methods.swap(tables->methods);
-  if (custody == Custody::host) return;
+  if (keeper == Keeper::host) return;
   taken.all = std::exchange(tables->all, AllRef());
   taken.owners.swap(tables->owners);
-  if (taken.all.owner) taken.all.owner->doom();
+  if (taken.all.owner) taken.all.owner->mark_for_deletion();
   for (const auto& [name, method] : taken.methods) {
-    if (method.owner) method.owner->doom();
+    if (method.owner) method.owner->mark_for_deletion();
   }
 }
 
 void MethodRegistry::refuse() { tables_.lock()->refuses = true; }
+
+bool MethodRegistry::refuses() const { return tables_.lock()->refuses; }
+
+bool MethodRegistry::withholds(std::string_view name) const {
+  auto tables = tables_.lock();
+  return tables->refuses && (tables->all || tables->methods.contains(name));
+}
 
 std::size_t MethodRegistry::size() { return tables_.lock()->methods.size(); }
 

@@ -8,9 +8,9 @@
 #include <string_view>
 #include <utility>
 
-#include "transport/call_table.h"
 #include "transport/envelope.h"
-#include "transport/names.h"
+#include "transport/reserved_names.h"
+#include "transport/system_calls.h"
 
 namespace tolk {
 namespace {
@@ -42,7 +42,7 @@ std::optional<PieceAssembler::Joined> PieceAssembler::add(TolkParams& block) {
   {
     auto entries = entries_.lock();
     Entry& entry = (*entries)[piece->call_id];
-    const std::uint32_t now_ms = call_table.tick_ms();
+    const std::uint32_t now_ms = system_calls.tick_ms();
     if (now_ms - entry.touched_ms > kStaleMs) entry.bytes.clear();
     entry.touched_ms = now_ms;
     const std::int64_t declared = std::max<std::int64_t>(piece->total, 0);

@@ -5,8 +5,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "transport/names.h"
-#include "transport/piece_size.h"
+#include "transport/reserved_names.h"
 
 namespace tolk {
 namespace {
@@ -18,7 +17,7 @@ void fill(TolkParams& piece, std::string_view bytes, int header_id, std::size_t 
   piece.AddStream(bytes.data(), static_cast<long>(bytes.size()));
 }
 
-// Read once a transfer. A size that can't be sent in counts as the default.
+// Read once for each transfer. A size that cannot be used counts as the default.
 std::size_t current_piece_bytes() {
   const int set = piece_bytes();
   return static_cast<std::size_t>(set > 0 ? set : kDefaultPieceBytes);

@@ -6,6 +6,7 @@
 // 32-bit total that every piece carries.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string_view>
 
@@ -13,7 +14,16 @@ class TolkParams;
 
 namespace tolk {
 
-// Whether the block's size can be told in a piece.
+inline constexpr int kDefaultPieceBytes = 32768;
+
+// The piece size in bytes: one number for every client and server of the process. It is not checked
+// when it is set; a sender takes the default for 0 or less.
+inline std::atomic<int>& piece_bytes() {
+  static constinit std::atomic<int> bytes{kDefaultPieceBytes};
+  return bytes;
+}
+
+// Whether the block's size fits in the total that a piece carries.
 bool fits_pieces(std::string_view block);
 
 // `header_id`: the call id that the pieces name. `send(piece)`: whether the piece was answered.

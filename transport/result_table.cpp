@@ -2,12 +2,15 @@
 
 #include <utility>
 
-#include "transport/call_table.h"
+#include "transport/pause_point.h"
+#include "transport/system_calls.h"
 
 namespace tolk {
 
 void ResultTable::store(int call_id, std::string_view payload) {
+  TOLK_PAUSE_POINT("result.before_store");
   put(call_id, TolkParamsAccess::parsed(payload));
+  TOLK_PAUSE_POINT("result.stored");
 }
 
 void ResultTable::store_owned(int call_id, std::string payload) {
@@ -23,10 +26,11 @@ void ResultTable::put(int call_id, TolkParamsAccess::ContentRef content) {
   // Whoever reads the present content may still need it: its place is there before it is exchanged.
   entry.retained.reserve(entry.retained.size() + 1);
   if (!entry.block) {
-    entry.tick = call_table.tick_ms();
+    entry.tick = system_calls.tick_ms();
     entry.block = std::make_unique<TolkParams>();
     TolkParamsAccess::make_refreshable(*entry.block);
   }
+  if (expected_ == call_id) expected_reply_ = content;
   bool touched = false;
   content = TolkParamsAccess::exchange(*entry.block, std::move(content), &touched);
   if (!touched || expected_ == call_id) return;
@@ -44,8 +48,15 @@ ResultTable::Expectation::Expectation(ResultTable& table, int call_id) : table_(
 }
 
 ResultTable::Expectation::~Expectation() {
+  TolkParamsAccess::ContentRef released;  // dies after the lock
   const MutexLock lock(table_.lock_);
   table_.expected_.reset();
+  std::swap(released, table_.expected_reply_);
+}
+
+TolkParamsAccess::ContentRef ResultTable::Expectation::reply() {
+  const MutexLock lock(table_.lock_);
+  return table_.expected_reply_;
 }
 
 void ResultTable::drop_retained(int call_id) {

@@ -3,8 +3,8 @@
 // Thread: any. Owner: the table owns the blocks; a block that was handed to a host stays at its
 // address until the next synchronous call with that id (clients), clear() or the table's end.
 // A later reply for the same id refreshes the block in place, even while the host reads it: its
-// content is exchanged in one step. Contents that the host may still hold pointers into are kept
-// as long as the block, the last kRetained of them.
+// content is exchanged in one step. The last kRetained contents that the host may still hold
+// pointers into are kept as long as the block.
 // Failure: std::bad_alloc from store.
 #pragma once
 
@@ -35,14 +35,17 @@ class ResultTable {
   void store(int call_id, std::string_view payload);
   // The same without the copy of the payload.
   void store_owned(int call_id, std::string payload);
-  // While alive, a call with this id runs, which ends the life of what earlier ones left in its
-  // block: old contents go now, the present one as soon as it is refreshed. One at a time.
+  // While alive, a call with this id runs. Earlier contents of its block are released now, the
+  // present one as soon as it is refreshed. One at a time.
   class Expectation {
    public:
     Expectation(ResultTable& table, int call_id);
     ~Expectation();
     Expectation(const Expectation&) = delete;
     Expectation& operator=(const Expectation&) = delete;
+
+    // The reply that came, held: it stays readable whatever becomes of the table. Empty if none.
+    TolkParamsAccess::ContentRef reply();
 
    private:
     ResultTable& table_;
@@ -71,6 +74,7 @@ class ResultTable {
   Mutex& lock_;
   std::map<int, Entry> entries_ TOLK_GUARDED_BY(lock_);
   std::optional<int> expected_ TOLK_GUARDED_BY(lock_);
+  TolkParamsAccess::ContentRef expected_reply_ TOLK_GUARDED_BY(lock_);
 };
 
 // The result locks of all clients and of all servers of the process; both are leaves.

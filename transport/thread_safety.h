@@ -1,5 +1,10 @@
-// Locks that own their data, and marks by which clang checks who may touch what
+// Locks that own their data, and annotations by which clang checks who may touch what
 // (-Wthread-safety). Other compilers see plain mutexes.
+//
+// Being on a loop thread, or on a worker, is a capability as holding a lock is. A function that
+// needs it is annotated with TOLK_LOOP or TOLK_WORKER. A callback of libuv, a task and a lambda say
+// with enter_loop() or enter_worker() that they have it; sessions check at run time, in debug
+// builds, that the loop thread is their own.
 #pragma once
 
 #include <condition_variable>
@@ -22,6 +27,15 @@
 #define TOLK_ASSERTS(...) TOLK_THREAD_MARK(assert_capability(__VA_ARGS__))
 
 namespace tolk {
+
+class TOLK_CAPABILITY("thread role") ThreadRole {};
+inline constexpr ThreadRole loop_role;
+inline constexpr ThreadRole worker_role;
+#define TOLK_LOOP TOLK_REQUIRES(::tolk::loop_role)
+#define TOLK_WORKER TOLK_REQUIRES(::tolk::worker_role)
+
+inline void enter_loop() TOLK_ASSERTS(loop_role) {}
+inline void enter_worker() TOLK_ASSERTS(worker_role) {}
 
 // May be static.
 class TOLK_CAPABILITY("mutex") Mutex {
@@ -56,7 +70,7 @@ class Guarded {
     explicit Locked(const Guarded& owner) : lock_(owner.mutex_), value_(owner.value_) {}
     T* operator->() const { return &value_; }
     T& operator*() const { return value_; }
-    // Waits, with the lock let go meanwhile, until `done(value)`.
+    // Waits, with the lock released meanwhile, until `done(value)`.
     template <class Done>
     void wait(std::condition_variable& changed, Done done) {
       changed.wait(lock_, [&] { return done(value_); });

@@ -3,27 +3,36 @@
 #include <algorithm>
 #include <atomic>
 
-#include "transport/call_table.h"
-#include "transport/handler_scope.h"
+#include "platform/never_destroyed.h"
+#include "transport/pause_point.h"
+#include "transport/process_exit.h"
+#include "transport/system_calls.h"
 
 namespace tolk {
 namespace {
 
-// Odd steps from an odd base: a token is never 0 and looks like no small number of the host's.
+// Odd steps from an odd base: a token is never 0 and is unlike the small numbers that hosts use.
 std::uint64_t next_token() {
   static std::atomic<std::uint64_t> counter{uv_hrtime() | 1};
   return counter.fetch_add(2, std::memory_order_relaxed);
 }
 
+const AtProcessExit wake_handlers_at_exit([] {
+  client_waits().wake_handlers();
+  server_waits().wake_handlers();
+});
+
 }  // namespace
 
 void WaitList::add(timeout_sem& record) {
-  record.start = call_table.tick_ms();
-  record.token = next_token();
-  record.in_handler = HandlerScope::inside();
-  const MutexLock lock(mutex_);
-  records_.push_back(&record);
-  if (record.in_handler && process_exits()) uv_sem_post(&record.semaphore);
+  {
+    record.start = system_calls.tick_ms();
+    record.in_handler = HandlerScope::inside();
+    const MutexLock lock(mutex_);
+    records_.push_back(&record);
+    if (record.in_handler && process_exits()) uv_sem_post(&record.semaphore);
+  }
+  TOLK_PAUSE_POINT("wait.listed");
 }
 
 void WaitList::remove(timeout_sem& record) {
@@ -56,7 +65,7 @@ void WaitList::sweep() {
   const MutexLock lock(mutex_);
   // The tick is read under the lock: read before it, it could be older than a record that was
   // listed meanwhile, and the difference would wrap to a huge age.
-  const std::uint32_t now = call_table.tick_ms();
+  const std::uint32_t now = system_calls.tick_ms();
   records_.remove_if([&](timeout_sem* record) {
     if (!expired(*record, now)) return false;
     uv_sem_post(&record->semaphore);
@@ -75,13 +84,17 @@ bool WaitList::expired(const timeout_sem& record, std::uint32_t now) const {
 }
 
 WaitList& client_waits() {
-  static auto* const list = new WaitList(WaitList::Zero::no_limit);
+  static NeverDestroyed<WaitList> list(WaitList::Zero::no_limit);
   return *list;
 }
 
 WaitList& server_waits() {
-  static auto* const list = new WaitList(WaitList::Zero::next_sweep);
+  static NeverDestroyed<WaitList> list(WaitList::Zero::next_sweep);
   return *list;
 }
 
 }  // namespace tolk
+
+timeout_sem::timeout_sem(std::uint32_t limit_ms) : timeout(limit_ms), token(tolk::next_token()) {
+  uv_sem_init(&semaphore, 0);
+}

@@ -1,9 +1,10 @@
-// The synchronous calls of one side that wait for their answers.
+// The synchronous calls of one side that wait for their replies.
 //
-// Thread: any. Owner: a record belongs to the call that waits on it, which takes it off the list
+// Thread: any. Owner: a record belongs to the call that waits on it, which removes it from the list
 // before it destroys it; every post happens under the list's lock, so none can hit a dead record.
-// Who wakes, exactly once per listing: the reply that carries the record's token, the time-out
+// Who wakes, exactly once per listing: the reply that carries the record's token, the timeout
 // sweep, or a wake-all (which leaves records listed, so that they may be posted again).
+// Failure: std::bad_alloc from add. Waking and sweeping allocate nothing.
 #pragma once
 
 #include <uv.h>
@@ -16,7 +17,7 @@
 
 // The wait record of one synchronous call.
 struct timeout_sem {
-  explicit timeout_sem(std::uint32_t limit_ms) : timeout(limit_ms) { uv_sem_init(&semaphore, 0); }
+  explicit timeout_sem(std::uint32_t limit_ms);
   ~timeout_sem() { uv_sem_destroy(&semaphore); }
   timeout_sem(const timeout_sem&) = delete;
   timeout_sem& operator=(const timeout_sem&) = delete;
@@ -24,8 +25,9 @@ struct timeout_sem {
   uv_sem_t semaphore{};
   std::uint32_t start = 0;    // tick at listing
   std::uint32_t timeout = 0;  // ms
-  bool in_handler = false;    // of a call that a handler makes
-  std::uint64_t token = 0;    // never used twice in a process: a late answer wakes nobody else
+  bool in_handler = false;    // a handler makes the call
+  // Never used twice in a process: a late reply wakes no other call.
+  const std::uint64_t token;
 };
 
 namespace tolk {
@@ -37,16 +39,16 @@ class WaitList {
 
   explicit WaitList(Zero zero) : zero_(zero) {}
 
-  // Stamps the record with the tick and a token, and lists it.
+  // Stamps the record with the tick and lists it.
   void add(timeout_sem& record);
   void remove(timeout_sem& record);
-  // Posts the record that has this token, if it is still listed, and takes it off.
+  // Posts the record that has this token, if it is still listed, and removes it.
   void wake(std::uint64_t token);
   // Posts all and leaves them listed.
   void wake_all();
-  // At the exit of the process: posts those of handlers, now and as they come.
+  // At the exit of the process: posts the records of handlers, now and as they come.
   void wake_handlers();
-  // Posts the records whose limit has passed and takes them off.
+  // Posts the records whose limit has passed and removes them.
   void sweep();
   std::size_t size();
 
@@ -61,7 +63,20 @@ class WaitList {
   std::list<timeout_sem*> records_ TOLK_GUARDED_BY(mutex_);
 };
 
-// Both lists of the process; never destroyed, since loop threads outlive main.
+// A record that is on a list for as long as this lives.
+class Listed {
+ public:
+  Listed(WaitList& list, timeout_sem& record) : list_(list), record_(record) { list_.add(record_); }
+  ~Listed() { list_.remove(record_); }
+  Listed(const Listed&) = delete;
+  Listed& operator=(const Listed&) = delete;
+
+ private:
+  WaitList& list_;
+  timeout_sem& record_;
+};
+
+// Both lists of the process.
 WaitList& client_waits();
 WaitList& server_waits();
 

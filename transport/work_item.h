@@ -1,15 +1,17 @@
 // One call from the peer on its way through a worker thread and back.
 //
 // Thread: begin and end on the loop thread, run on a worker.
-// Owner: the item owns itself from begin to the end of `end`; what it refers to is kept alive by
-// the references that its subclass holds.
-// Failure: begin throws when the item can't be queued. While the process exits none is, without a
-// word. An exception out of run or end (no memory) ends there, and is told by fail.
+// Owner: the item owns itself from begin to the end of `end`; its subclass holds references to
+// what it uses.
+// Failure: begin throws when the item cannot be queued. While the process exits, items are dropped
+// silently. An exception out of run or end (no memory) ends there, and `fail` is called.
 #pragma once
 
 #include <uv.h>
 
 #include <memory>
+
+#include "transport/thread_safety.h"
 
 namespace tolk {
 
@@ -23,10 +25,10 @@ class WorkItem {
   static void begin(uv_loop_t* loop, std::unique_ptr<WorkItem> item);
 
  protected:
-  virtual void run() = 0;  // worker
-  virtual void end() = 0;  // loop
-  // Loop, last of all: run or end was broken off, so nobody has been answered.
-  virtual void fail() = 0;
+  virtual void run() TOLK_WORKER = 0;
+  virtual void end() TOLK_LOOP = 0;
+  // Last of all: run or end did not finish, so the peer has no reply.
+  virtual void fail() TOLK_LOOP = 0;
 
  private:
   static void run_task(uv_work_t* work);

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "client/TolkClient.h"
-#include "client/core.h"
+#include "client/client_side.h"
 #include "platform/thread.h"
 #include "tests/client/served.h"
-#include "transport/piece_size.h"
+#include "transport/piece_sender.h"
 
 namespace tolk::test {
 namespace {
@@ -160,29 +160,29 @@ TEST_F(LargeSend, NoBlockSendsTheTwoKeys) {
 // The answers to the pieces are the results of the id that they were called with.
 TEST_F(LargeSend, IdZeroIsNamedAndNotCalledWith) {
   start(1000);
-  const auto core = std::make_shared<ClientCore>();
-  core->register_builtins();
-  ASSERT_TRUE(core->connect({Transport::pipe, "", served.pipe}));
-  core->results.clear();
+  const auto side = std::make_shared<ClientSide>();
+  side->register_builtins();
+  ASSERT_TRUE(side->connect({Endpoint::Kind::pipe, "", served.pipe}));
+  side->results.clear();
 
   TolkParams plain;
   plain.AddInt(7);
-  EXPECT_TRUE(core->SendMsgLargeData("m", &plain, 0, kAnswerLimitMs));
-  EXPECT_NE(core->results.find(platform::own_call_id()), nullptr);
-  EXPECT_EQ(core->results.size(), 1U);
-  core->results.clear();
+  EXPECT_TRUE(side->SendMsgLargeData("m", &plain, 0, kAnswerLimitMs));
+  EXPECT_NE(side->results.find(platform::own_call_id()), nullptr);
+  EXPECT_EQ(side->results.size(), 1U);
+  side->results.clear();
 
   TolkParams with_id;
   with_id.AddKeyValueInt("s_c_sw_threadid", 9);
   ASSERT_TRUE(with_id.ToParams());  // only a parsed block holds the key
-  EXPECT_TRUE(core->SendMsgLargeData("m", &with_id, 0, kAnswerLimitMs));
-  EXPECT_NE(core->results.find(9), nullptr);
-  EXPECT_EQ(core->results.size(), 1U);
-  core->results.clear();
+  EXPECT_TRUE(side->SendMsgLargeData("m", &with_id, 0, kAnswerLimitMs));
+  EXPECT_NE(side->results.find(9), nullptr);
+  EXPECT_EQ(side->results.size(), 1U);
+  side->results.clear();
 
-  EXPECT_TRUE(core->SendMsgLargeData("m", &with_id, 4, kAnswerLimitMs));
-  EXPECT_NE(core->results.find(4), nullptr) << "an id of the caller's comes before the block's";
-  EXPECT_EQ(core->results.size(), 1U);
+  EXPECT_TRUE(side->SendMsgLargeData("m", &with_id, 4, kAnswerLimitMs));
+  EXPECT_NE(side->results.find(4), nullptr) << "an id of the caller's comes before the block's";
+  EXPECT_EQ(side->results.size(), 1U);
 
   const std::vector<SentPiece> pieces = sent.all();
   ASSERT_EQ(pieces.size(), 4U);  // the last block has the keys of two sends
@@ -194,8 +194,8 @@ TEST_F(LargeSend, IdZeroIsNamedAndNotCalledWith) {
   first.AddKeyValueString("s_c_sw_name", "m");
   first.AddKeyValueInt("s_c_sw_threadid", 0);
   EXPECT_EQ(pieces[0].bytes, bytes_of(first));
-  core->close();
-  core->abandon();
+  side->close();
+  side->abandon();
 }
 
 TEST_F(LargeSend, NotConnectedIsFalse) {

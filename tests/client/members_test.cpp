@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 #include <tests/params/hex.h>
 #include <tests/platform/captured_stdout.h>
-#include <tests/transport/fake_calls.h>
+#include <tests/transport/fake_system_calls.h>
 
 #include <algorithm>
 #include <cstdlib>
 
 #include "client/TolkClient.h"
-#include "client/core.h"
+#include "client/client_side.h"
 #include "tests/client/served.h"
 #include "transport/wait_list.h"
 
@@ -50,21 +50,21 @@ class ClientMembers : public testing::Test {
 };
 
 TEST(ClientTable, BeginsWithTheTwoBuiltInsAndEndsEmpty) {
-  const auto core = std::make_shared<ClientCore>();
-  core->register_builtins();
-  EXPECT_EQ(core->methods.size(), 2U);
-  EXPECT_TRUE(core->methods.contains("s_c_req_body"));
-  EXPECT_TRUE(core->methods.contains("s_c_buildin_closed"));
-  core->ClearMem();
-  EXPECT_EQ(core->methods.size(), 0U);
+  const auto side = std::make_shared<ClientSide>();
+  side->register_builtins();
+  EXPECT_EQ(side->methods.size(), 2U);
+  EXPECT_TRUE(side->methods.contains("s_c_req_body"));
+  EXPECT_TRUE(side->methods.contains("s_c_buildin_closed"));
+  side->ClearMem();
+  EXPECT_EQ(side->methods.size(), 0U);
 }
 
 TEST(ClientTable, EndsEmptyWithCustomReleaseToo) {
-  const auto core = std::make_shared<ClientCore>();
-  core->register_builtins();
-  core->custom_release = true;
-  core->ClearMem();
-  EXPECT_EQ(core->methods.size(), 0U);
+  const auto side = std::make_shared<ClientSide>();
+  side->register_builtins();
+  side->custom_release = true;
+  side->ClearMem();
+  EXPECT_EQ(side->methods.size(), 0U);
 }
 
 TEST_F(ClientMembers, ClearMemDeletesTheHandlersAndWakesWhoeverWaits) {
@@ -131,7 +131,7 @@ TEST_F(ClientMembers, WriteServerTellsWhetherTheClientIsConnected) {
 }
 
 TEST_F(ClientMembers, WritebuffWritesOneFrameAndReturnsTheStatus) {
-  FakeCalls calls;
+  FakeSystemCalls calls;
   uv_stream_t stream{};
   char bytes[] = "abc";
   calls.statuses = {7};
@@ -148,7 +148,7 @@ TEST_F(ClientMembers, WritebuffWritesOneFrameAndReturnsTheStatus) {
 }
 
 TEST_F(ClientMembers, SweepWakesThoseWhoseTimeIsOver) {
-  FakeCalls calls;
+  FakeSystemCalls calls;
   Waiter patient;
   Waiter limited(100);
   calls.tick = 100;

@@ -4,7 +4,7 @@
 
 #include "client/TolkClient.h"
 #include "tests/client/served.h"
-#include "transport/call_table.h"
+#include "transport/system_calls.h"
 
 namespace tolk::test {
 namespace {
@@ -21,16 +21,16 @@ int write_or_refuse(uv_write_t* request, uv_stream_t* stream, const uv_buf_t* bu
 // Made before there is any loop, and gone after all of them.
 class WritesThatMayBeRefused {
  public:
-  WritesThatMayBeRefused() { call_table.write = write_or_refuse; }
+  WritesThatMayBeRefused() { system_calls.write = write_or_refuse; }
   ~WritesThatMayBeRefused() {
     refusing = false;
-    call_table.write = before_;
+    system_calls.write = before_;
   }
   WritesThatMayBeRefused(const WritesThatMayBeRefused&) = delete;
   WritesThatMayBeRefused& operator=(const WritesThatMayBeRefused&) = delete;
 
  private:
-  const decltype(CallTable::write) before_ = call_table.write;
+  const decltype(SystemCalls::write) before_ = system_calls.write;
 };
 
 class RefusedWrite : public testing::Test {
@@ -50,9 +50,9 @@ class RefusedWrite : public testing::Test {
   std::uint32_t time_refused(const Call& call) {
     const CapturedStdout out;
     refusing = true;
-    const std::uint32_t begin = call_table.tick_ms();
+    const std::uint32_t begin = system_calls.tick_ms();
     EXPECT_EQ(call(), nullptr);
-    const std::uint32_t elapsed = call_table.tick_ms() - begin;
+    const std::uint32_t elapsed = system_calls.tick_ms() - begin;
     refusing = false;
     EXPECT_EQ(out.text(), "write error\n");
     return elapsed;

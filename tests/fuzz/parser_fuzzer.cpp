@@ -13,7 +13,7 @@
 #include "tests/params/block_text.h"
 #include "tests/params/naive_parser.h"
 #include "transport/envelope.h"
-#include "transport/names.h"
+#include "transport/reserved_names.h"
 
 extern "C" {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);

@@ -14,7 +14,7 @@ class HeldCall : public StepTest {
 TOLK_OVER_TRANSPORTS(HeldCall);
 
 TEST_P(HeldCall, ReturnsNullWhenItsServerWentAfterItLooked) {
-  Hold hold("call.after_connected");
+  Hold hold("wait.listed");
   CallMeanwhile caller = call();
   ASSERT_TRUE(hold.reached());
   DestroyServer(pair.server.release());
@@ -26,7 +26,7 @@ TEST_P(HeldCall, ReturnsNullWhenItsServerWentAfterItLooked) {
 
 // The wake-up handle is closed and its loop gone: nobody may touch either.
 TEST_P(HeldCall, ReturnsNullWhenItsLoopEndedBeforeItHandedItsFrameOver) {
-  Hold hold("call.before_handoff");
+  Hold hold("queue.before_post");
   CallMeanwhile caller = call();
   ASSERT_TRUE(hold.reached());
   pair.client->close();
@@ -37,10 +37,10 @@ TEST_P(HeldCall, ReturnsNullWhenItsLoopEndedBeforeItHandedItsFrameOver) {
 }
 
 TEST_P(HeldCall, ReturnsNullWhenItsFrameStillStandsInLineAtTheEnd) {
-  Hold loop("close.heard");
+  Hold loop("client.before.closed");
   Meanwhile closing([this] { pair.client->close(); });
   ASSERT_TRUE(loop.reached());
-  Hold in_line("call.before_wait");
+  Hold in_line("queue.posted");
   CallMeanwhile caller = call();
   ASSERT_TRUE(in_line.reached());  // handed over, and nobody will look at it
   loop.release();
@@ -52,7 +52,7 @@ TEST_P(HeldCall, ReturnsNullWhenItsFrameStillStandsInLineAtTheEnd) {
 
 // All waiting calls are woken twice when a server is lost: this one has still to leave the list.
 TEST_P(HeldCall, MayBeWokenTwiceBeforeItLeavesTheList) {
-  Hold hold("call.woken_before_unlist");
+  Hold hold("call.woken");
   CallMeanwhile caller = call();
   ASSERT_TRUE(hold.reached());
   DestroyServer(pair.server.release());
@@ -65,7 +65,7 @@ TEST_P(HeldCall, MayBeWokenTwiceBeforeItLeavesTheList) {
 }
 
 TEST_P(HeldCall, ReturnsNullAfterItsClientWasDestroyed) {
-  Hold hold("call.woken_before_unlist");
+  Hold hold("call.woken");
   CallMeanwhile caller = call();
   ASSERT_TRUE(hold.reached());
   DestroyClient(pair.client.release());
@@ -89,7 +89,7 @@ class HeldLoop : public StepTest {};
 TOLK_OVER_TRANSPORTS(HeldLoop);
 
 TEST_P(HeldLoop, HoldsUpNoOtherSession) {
-  Hold hold("handoff.before_write");
+  Hold hold("queue.before_task");
   CallMeanwhile caller(pair.client.get(), "echo", 1, 0);
   ASSERT_TRUE(hold.reached());
   EXPECT_TRUE(bystanders.serves());
@@ -102,7 +102,7 @@ class HeldPost : public StepTest {};
 TOLK_OVER_TRANSPORTS(HeldPost);
 
 TEST_P(HeldPost, ReturnsWhenItsLoopEndedBeforeItHandedItsFrameOver) {
-  Hold hold("post.before_handoff");
+  Hold hold("queue.before_post");
   Meanwhile posting([this] { pair.client->PostMsg("echo", nullptr, 1); });
   ASSERT_TRUE(hold.reached());
   pair.client->close();
@@ -113,10 +113,10 @@ TEST_P(HeldPost, ReturnsWhenItsLoopEndedBeforeItHandedItsFrameOver) {
 
 // Who has handed its frame over waits for that frame alone: nothing else would wake it.
 TEST_P(HeldPost, ReturnsWhenItsFrameStillStandsInLineAtTheEnd) {
-  Hold loop("close.heard");
+  Hold loop("client.before.closed");
   Meanwhile closing([this] { pair.client->close(); });
   ASSERT_TRUE(loop.reached());
-  Hold in_line("post.before_wait");
+  Hold in_line("queue.posted");
   Meanwhile posting([this] { pair.client->PostMsg("echo", nullptr, 1); });
   ASSERT_TRUE(in_line.reached());
   loop.release();
@@ -142,7 +142,7 @@ class HeldServerCall : public StepTest {
 TOLK_OVER_TRANSPORTS(HeldServerCall);
 
 TEST_P(HeldServerCall, ReturnsNullWhenItsServerStoppedBeforeItHandedItsFrameOver) {
-  Hold hold("call.before_handoff");
+  Hold hold("queue.before_post");
   auto caller = call();
   ASSERT_TRUE(hold.reached());
   pair.server->close();
@@ -152,7 +152,7 @@ TEST_P(HeldServerCall, ReturnsNullWhenItsServerStoppedBeforeItHandedItsFrameOver
 }
 
 TEST_P(HeldServerCall, ReturnsNullAfterItsServerWasDestroyed) {
-  Hold hold("server_call.before_result");
+  Hold hold("call.woken");
   auto caller = call();
   ASSERT_TRUE(hold.reached());
   DestroyServer(pair.server.release());
@@ -167,7 +167,7 @@ TOLK_OVER_TRANSPORTS(HeldLargeCall);
 // "Is it connected?" and "wait" are one step: a call that was about to wait when the server went
 // does not begin to.
 TEST_P(HeldLargeCall, ReturnsNullWhenItsServerWentBeforeItWaited) {
-  Hold hold("ex.before_register");
+  Hold hold("large_call.before_register");
   Meanwhile calling([this] { EXPECT_EQ(pair.client->SendMsgEx("echo", nullptr, 1, 0), nullptr); });
   ASSERT_TRUE(hold.reached());
   DestroyServer(pair.server.release());
@@ -178,7 +178,7 @@ TEST_P(HeldLargeCall, ReturnsNullWhenItsServerWentBeforeItWaited) {
 }
 
 TEST_P(HeldLargeCall, ReturnsWhenItsServerWentAfterItWaited) {
-  Hold hold("ex.registered");
+  Hold hold("large_call.registered");
   Meanwhile calling([this] { pair.client->SendMsgEx("echo", nullptr, 1, 0); });
   ASSERT_TRUE(hold.reached());
   DestroyServer(pair.server.release());

@@ -1,10 +1,12 @@
 #include "tests/steps/hold.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <string>
 #include <vector>
 
+#include "sessions/session.h"
 #include "transport/pause_point.h"
 
 namespace tolk::test {
@@ -71,4 +73,14 @@ void tolk::pause_point(const char* name) {
   state->taken = true;
   holds().changed.notify_all();
   holds().changed.wait(lock, [&] { return state->released; });
+}
+
+void tolk::pause_at_phase(const char* kind, const char* when, int phase) {
+  constexpr std::array kNames{"starting", "live",   "close_asked", "closeasync_asked",
+                              "lost",     "closed", "ended"};
+  static_assert(kNames.size() == static_cast<std::size_t>(Phase::ended) + 1);
+  if (tolk::test::holds().count.load(std::memory_order_relaxed) == 0) return;
+  const std::string name =
+      std::string(kind) + '.' + when + '.' + kNames[static_cast<std::size_t>(phase)];
+  pause_point(name.c_str());
 }

@@ -1,6 +1,6 @@
 // Holds a thread of the library at one of its pause points, for as long as the test likes.
 //
-//   Hold hold("call.before_handoff");
+//   Hold hold("queue.before_post");
 //   ... something that gets there, on a thread of its own ...
 //   ASSERT_TRUE(hold.reached());
 //   ... what shall happen meanwhile ...

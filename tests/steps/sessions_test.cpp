@@ -23,7 +23,7 @@ class HeldConnect : public OverTransports {
 TOLK_OVER_TRANSPORTS(HeldConnect);
 
 TEST_P(HeldConnect, IsNotSeenAsConnectedBeforeCallsCanBeMade) {
-  Hold hold("loop.before_online");
+  Hold hold("client.before.live");
   auto connected = connect();
   ASSERT_TRUE(hold.reached());
   EXPECT_FALSE(pair.client->isok());
@@ -34,7 +34,7 @@ TEST_P(HeldConnect, IsNotSeenAsConnectedBeforeCallsCanBeMade) {
 
 // A third thread may see the client as connected before the connecting one has returned.
 TEST_P(HeldConnect, AnswersTheCallOfAThreadThatSawItConnected) {
-  Hold hold("loop.before_ready");
+  Hold hold("client.after.live");
   auto connected = connect();
   ASSERT_TRUE(hold.reached());
   ASSERT_TRUE(pair.client->isok());
@@ -45,7 +45,7 @@ TEST_P(HeldConnect, AnswersTheCallOfAThreadThatSawItConnected) {
 }
 
 TEST_P(HeldConnect, FailsWhenItsClientIsClosedBeforeTheVersionCheck) {
-  Hold hold("connect.decided");
+  Hold hold("wait.listed");
   auto connected = connect();
   ASSERT_TRUE(hold.reached());
   pair.client->close();
@@ -55,7 +55,7 @@ TEST_P(HeldConnect, FailsWhenItsClientIsClosedBeforeTheVersionCheck) {
 }
 
 TEST_P(HeldConnect, FailsWhenItsClientIsClosedDuringTheVersionCheck) {
-  Hold hold("server_worker.before_handler");  // which would answer it
+  Hold hold("worker.before_handler");  // which would answer it
   auto connected = connect();
   ASSERT_TRUE(hold.reached());
   pair.client->close();
@@ -69,7 +69,7 @@ TOLK_OVER_TRANSPORTS(HeldEnd);
 
 // The old session still has to release what belongs to it: the new one must not be among it.
 TEST_P(HeldEnd, ANewConnectWaitsUntilTheOldSessionHasEnded) {
-  Hold hold("loop.before_clearmem");
+  Hold hold("client.before.ended");
   DestroyServer(pair.server.release());
   ASSERT_TRUE(goes_offline());
   ASSERT_TRUE(hold.reached());
@@ -84,7 +84,7 @@ TEST_P(HeldEnd, ANewConnectWaitsUntilTheOldSessionHasEnded) {
 }
 
 TEST_P(HeldEnd, TwoThreadsMayCloseAtOnce) {
-  Hold hold("loop.before_ended");
+  Hold hold("client.before.ended");
   Meanwhile one([this] { pair.client->close(); });
   ASSERT_TRUE(hold.reached());
   Meanwhile other([this] { pair.client->close(); });
@@ -95,7 +95,7 @@ TEST_P(HeldEnd, TwoThreadsMayCloseAtOnce) {
 }
 
 TEST_P(HeldEnd, TheObjectMayGoWhileItsLoopWindsDown) {
-  Hold hold("lost.offline");
+  Hold hold("client.after.lost");
   DestroyServer(pair.server.release());
   ASSERT_TRUE(hold.reached());
   Meanwhile destroying([client = pair.client.release()] { DestroyClient(client); });
@@ -112,7 +112,7 @@ TOLK_OVER_TRANSPORTS(HeldStop);
 TEST_P(HeldStop, EndsThoughItsServerIsDestroyedMeanwhile) {
   IServer* const server = CreateServer();
   ASSERT_TRUE(start_server(server, address));
-  Hold hold("server_close.before_release");
+  Hold hold("server.after.close_asked");
   Meanwhile closing([&] { server->close(); });
   ASSERT_TRUE(hold.reached());
   DestroyServer(server);
@@ -126,7 +126,7 @@ TOLK_OVER_TRANSPORTS(HeldStart);
 
 // Nobody could stop that server any more.
 TEST_P(HeldStart, LeavesNoServerBehindWhenItsObjectIsDestroyed) {
-  for (const char* step : {"start.before_hook", "start.before_running", "start.decided"}) {
+  for (const char* step : {"server.before.live", "server.after.live"}) {
     IServer* const server = CreateServer();
     Hold hold(step);
     Meanwhile starting([&] { start_server(server, address); });

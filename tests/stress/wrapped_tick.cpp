@@ -12,7 +12,7 @@
 #include "tests/e2e/support/raw_peer.h"
 #include "tests/stress/frame/rows.h"
 #include "tests/stress/frame/traffic.h"
-#include "transport/call_table.h"
+#include "transport/system_calls.h"
 
 namespace tolk::stress {
 namespace {
@@ -188,7 +188,7 @@ void wait_as_server(Run& run, WrappedTick& tick) {
 
 void wrap_the_tick(Run& run) {
   moved_by = kFirstTick - platform::tick_ms();
-  call_table.tick_ms = moved_tick;  // before there is any loop
+  system_calls.tick_ms = moved_tick;  // before there is any loop
   WrappedTick tick(run);
   run.at("client, seed ", run.seed());
   wait_as_client(run, tick);

@@ -18,7 +18,7 @@
 #include <utility>
 
 #include "params/encoder.h"
-#include "transport/names.h"
+#include "transport/reserved_names.h"
 
 namespace {
 

@@ -99,7 +99,7 @@ TEST(Frame, ALargeHeadIsTakenOverAndTheBytesAreTheSame) {
     tolk::Encoder<std::string> whole(block, 0);
     fill(whole);
     const char* const bytes_of_head = head.data();
-    const Frame frame = Frame::build_behind(std::move(head), fill);
+    const Frame frame = Frame::build_after(std::move(head), fill);
     const bool taken_over = size == Frame::kTakeOverBytes;
     EXPECT_EQ(frame.buffers().size(), taken_over ? 3u : 1u);
     if (taken_over) {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <tests/params/hex.h>
 #include <tests/platform/captured_stdout.h>
-#include <tests/transport/fake_calls.h>
+#include <tests/transport/fake_system_calls.h>
 
 #include <limits>
 #include <string>
@@ -14,7 +14,7 @@ namespace {
 using tolk::Frame;
 using tolk::write_frame;
 using tolk::test::CapturedStdout;
-using tolk::test::FakeCalls;
+using tolk::test::FakeSystemCalls;
 using tolk::test::to_hex;
 
 using Events = std::vector<std::string>;
@@ -25,7 +25,7 @@ class FrameWriter : public testing::Test {
   // What libuv would do some time after it took the frame.
   void complete(int status) { calls.writes.back().done(calls.writes.back().request, status); }
 
-  FakeCalls calls;
+  FakeSystemCalls calls;
   CapturedStdout out;
 
  private:
@@ -67,7 +67,7 @@ TEST_F(FrameWriter, EveryAttemptIsTheSameRequestWithTheSameBytes) {
   calls.status_afterwards = UV_EPIPE;
   write_frame(stream(), Frame::copy_of("abc"));
   ASSERT_EQ(calls.writes.size(), 4u);
-  for (const FakeCalls::Write& write : calls.writes) {
+  for (const FakeSystemCalls::Write& write : calls.writes) {
     EXPECT_EQ(write.request, calls.writes[0].request);
     EXPECT_EQ(write.buffers, calls.writes[0].buffers);
     EXPECT_EQ(write.done, &tolk::write_server_cb);
@@ -98,18 +98,6 @@ TEST_F(FrameWriter, FirstRetryThatSucceedsEndsTheAttempts) {
   EXPECT_EQ(tolk::refused_frame_count(), kept);
 }
 
-TEST_F(FrameWriter, OwnCompletionIsHandedToTheWrite) {
-  static int completed = 0;
-  completed = 0;
-  const uv_write_cb done = [](uv_write_t* request, int status) {
-    ++completed;
-    tolk::write_server_cb(request, status);
-  };
-  write_frame(stream(), Frame::copy_of("abc"), done);
-  complete(0);
-  EXPECT_EQ(completed, 1);
-}
-
 TEST_F(FrameWriter, CompletionErrorPrintsItsTextAndFreesTheFrame) {
   const std::size_t kept = tolk::refused_frame_count();
   write_frame(stream(), Frame::copy_of("abc"));
@@ -132,7 +120,7 @@ TEST_F(FrameWriter, CompletionWithoutErrorPrintsNothing) {
 
 TEST_F(FrameWriter, PayloadBeyondTheLengthFieldIsRefusedWithoutAnAttempt) {
   const std::size_t kept = tolk::refused_frame_count();
-  const std::size_t too_large = Frame::kMaxPayloadBytes + 1;
+  const std::size_t too_large = tolk::frame_format::kMaxPayloadBytes + 1;
   bool measured = false;
   // Memory of that size is asked for and never touched.
   Frame frame = Frame::build([&](auto& encoder) {

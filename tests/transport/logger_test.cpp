@@ -167,16 +167,16 @@ TEST_F(Log, SinkThatIsAboutToBeDeletedIsLetGo) {
   auto* const doomed = new Sink;
   registry.replace("also a method", doomed);
   install(doomed);
-  registry.release_all(MethodRegistry::Custody::library);  // the logger's reference is the last
-  logger.drop_doomed_sink();
+  registry.release_all(MethodRegistry::Keeper::library);  // the logger's reference is the last
+  logger.drop_deleted_sink();
   logger.plain("printed\n");
   EXPECT_EQ(out.text(), "printed\n");
 }
 
 TEST_F(Log, SinkThatStaysTheHostsIsNotLetGo) {
   install(&sink);
-  registry.release_all(MethodRegistry::Custody::library);
-  logger.drop_doomed_sink();
+  registry.release_all(MethodRegistry::Keeper::library);
+  logger.drop_deleted_sink();
   logger.plain("line\n");
   EXPECT_EQ(sink.lines.size(), 1u);
 }

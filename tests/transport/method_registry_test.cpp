@@ -17,7 +17,7 @@ using tolk::AllRef;
 using tolk::MethodRef;
 using tolk::MethodRegistry;
 using tolk::test::Event;
-using Custody = MethodRegistry::Custody;
+using Keeper = tolk::MethodRegistry::Keeper;
 using Deaths = std::vector<std::string>;
 
 // Says when it dies.
@@ -93,7 +93,7 @@ TEST_F(Registry, ReplacedHandlerIsNotDeletedAtTheReleaseEither) {
   Handler first(deaths, "first");
   registry.replace("m", &first);
   registry.replace("m", make("second"));
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(deaths, Deaths{"second"});
 }
 
@@ -135,7 +135,7 @@ TEST_F(Registry, NullHandlerMakesTheNamePresentAndNeverCalled) {
   EXPECT_TRUE(registry.acquire("m"));
   registry.replace("m", nullptr);
   EXPECT_FALSE(registry.acquire("m"));
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_TRUE(deaths.empty());
 }
 
@@ -172,7 +172,7 @@ TEST_F(Registry, ReleaseDeletesTheCatchAllFirstThenByName) {
   registry.add_if_absent("c", make("c"));
   registry.add_if_absent("a", make("a"));
   registry.set_all(new All(deaths));
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(deaths, (Deaths{"all", "a", "b", "c"}));
   EXPECT_EQ(registry.size(), 0u);
   EXPECT_FALSE(registry.acquire("a"));
@@ -182,8 +182,8 @@ TEST_F(Registry, ReleaseDeletesTheCatchAllFirstThenByName) {
 TEST_F(Registry, SecondReleaseFindsNothing) {
   registry.add_if_absent("a", make("a"));
   registry.set_all(new All(deaths));
-  registry.release_all(Custody::library);
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(deaths, (Deaths{"all", "a"}));
 }
 
@@ -192,7 +192,7 @@ TEST_F(Registry, HostsCustodyDeletesNothingAndKeepsTheCatchAll) {
   All all(deaths);
   registry.add_if_absent("a", &handler);
   registry.set_all(&all);
-  registry.release_all(Custody::host);
+  registry.release_all(Keeper::host);
   EXPECT_TRUE(deaths.empty());
   EXPECT_EQ(registry.size(), 0u);
   EXPECT_FALSE(registry.acquire("a"));
@@ -203,7 +203,7 @@ TEST_F(Registry, ObjectUnderTwoNamesIsDeletedOnce) {
   Handler* const twice = make("twice");
   registry.add_if_absent("a", twice);
   registry.add_if_absent("b", twice);
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(deaths, Deaths{"twice"});
 }
 
@@ -212,7 +212,7 @@ TEST_F(Registry, ObjectThatIsMethodAndCatchAllIsDeletedOnce) {
   registry.add_if_absent("a", both);
   registry.set_all(both);
   registry.add_if_absent("b", both);
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(deaths, Deaths{"both"});
 }
 
@@ -220,9 +220,9 @@ TEST_F(Registry, ReferenceFromOutsideSharesTheObjectsFate) {
   Handler* const handler = make("h");
   MethodRef reference = registry.refer_to(handler);
   registry.add_if_absent("a", handler);
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_TRUE(deaths.empty());
-  EXPECT_TRUE(reference.owner->doomed());
+  EXPECT_TRUE(reference.owner->marked_for_deletion());
   reference = {};
   EXPECT_EQ(deaths, Deaths{"h"});
 }
@@ -230,7 +230,7 @@ TEST_F(Registry, ReferenceFromOutsideSharesTheObjectsFate) {
 TEST_F(Registry, ReferenceAloneDeletesNothing) {
   Handler handler(deaths, "h");
   { const MethodRef reference = registry.refer_to(&handler); }
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_TRUE(deaths.empty());
   EXPECT_FALSE(registry.refer_to(nullptr));
 }
@@ -240,7 +240,7 @@ TEST_F(Registry, BusyHandlerIsDeletedWhenItsLastCallReturns) {
   registry.add_if_absent("idle", make("idle"));
   MethodRef one_call = registry.acquire("busy");
   MethodRef other_call = registry.acquire("busy");
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(deaths, Deaths{"idle"});
   one_call = {};
   EXPECT_EQ(deaths, Deaths{"idle"});
@@ -252,7 +252,7 @@ TEST_F(Registry, BusyHandlerIsDeletedWhenItsLastCallReturns) {
 TEST_F(Registry, BusyCatchAllIsDeletedWhenItsLastCallReturns) {
   registry.set_all(new All(deaths));
   AllRef call = registry.acquire_all();
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_TRUE(deaths.empty());
   call = {};
   EXPECT_EQ(deaths, Deaths{"all"});
@@ -273,7 +273,7 @@ TEST_F(Registry, BusyHandlerOfAnotherThreadDiesThere) {
   });
   const std::thread::id worker_id = worker.get_id();
   ASSERT_TRUE(acquired.wait());
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(died_on, std::thread::id());
   may_return.set();
   worker.join();
@@ -284,13 +284,13 @@ TEST_F(Registry, BuiltinDiesWithTheReleaseInItsPlaceByName) {
   registry.add_builtin("b", std::make_unique<Handler>(deaths, "builtin"));
   registry.add_if_absent("a", make("a"));
   registry.add_if_absent("b", nullptr);
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(deaths, (Deaths{"a", "builtin"}));
 }
 
 TEST_F(Registry, BuiltinDiesAlsoInTheHostsCustody) {
   registry.add_builtin("b", std::make_unique<Handler>(deaths, "builtin"));
-  registry.release_all(Custody::host);
+  registry.release_all(Keeper::host);
   EXPECT_EQ(deaths, Deaths{"builtin"});
 }
 
@@ -334,10 +334,10 @@ TEST_F(Registry, RefusalHidesEverythingAndEndsNoRegistration) {
 
 TEST_F(Registry, RegistryCanBeFilledAgainAfterARelease) {
   registry.add_if_absent("a", make("first"));
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   registry.add_if_absent("a", make("second"));
   EXPECT_TRUE(registry.acquire("a"));
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_EQ(deaths, (Deaths{"first", "second"}));
 }
 
@@ -348,7 +348,7 @@ TEST_F(Registry, DestructorMayUseTheRegistry) {
     registry.add_if_absent("late", nullptr);
   };
   registry.add_if_absent("a", handler);
-  registry.release_all(Custody::library);
+  registry.release_all(Keeper::library);
   EXPECT_TRUE(registry.contains("late"));
 }
 
@@ -372,7 +372,7 @@ TEST_F(Registry, RegistrationsComeAndGoBesideCalls) {
   };
   for (int i = 0; i < 500; ++i) {
     registry.add_if_absent("m", new Quiet);
-    registry.release_all(Custody::library);
+    registry.release_all(Keeper::library);
   }
   done = true;
   for (std::thread& caller : callers) caller.join();

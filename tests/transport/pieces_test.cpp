@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <tests/pattern.h>
-#include <tests/transport/fake_calls.h>
+#include <tests/transport/fake_system_calls.h>
 #include <tolk/TolkParams.h>
 #include <tolk/TolkValue.h>
 
@@ -16,10 +16,10 @@
 #include <thread>
 #include <vector>
 
-#include "transport/names.h"
+#include "transport/reserved_names.h"
 #include "transport/piece_assembler.h"
 #include "transport/piece_sender.h"
-#include "transport/piece_size.h"
+#include "transport/piece_sender.h"
 
 namespace {
 
@@ -235,7 +235,7 @@ TEST_F(Pieces, PieceOfAnAbandonedCallIsJoinedToTheNextOfItsId) {
 }
 
 TEST_F(Pieces, PiecesThatNothingWasAddedToForAMinuteAreDropped) {
-  tolk::test::FakeCalls world;
+  tolk::test::FakeSystemCalls world;
   world.tick = 0xFFFF'FF00;  // the tick wraps meanwhile
   EXPECT_FALSE(give(assembler, {1, 100, "old"}));
   world.tick += 60'000;

@@ -1,7 +1,7 @@
 #include "transport/result_table.h"
 
 #include <gtest/gtest.h>
-#include <tests/transport/fake_calls.h>
+#include <tests/transport/fake_system_calls.h>
 #include <tolk/TolkParams.h>
 #include <tolk/TolkValue.h>
 
@@ -16,7 +16,7 @@
 namespace {
 
 using tolk::ResultTable;
-using tolk::test::FakeCalls;
+using tolk::test::FakeSystemCalls;
 
 std::string payload(int number) {
   TolkParams block;
@@ -29,7 +29,7 @@ int number_in(TolkParams* block) { return block->GetValue(0)->GetInt(); }
 
 class Results : public testing::Test {
  protected:
-  FakeCalls calls;
+  FakeSystemCalls calls;
   tolk::Mutex lock;
   ResultTable table{lock};
 };

@@ -1,7 +1,7 @@
 #include "transport/wait_list.h"
 
 #include <gtest/gtest.h>
-#include <tests/transport/fake_calls.h>
+#include <tests/transport/fake_system_calls.h>
 
 #include <atomic>
 #include <cstdint>
@@ -13,7 +13,7 @@
 namespace {
 
 using tolk::WaitList;
-using tolk::test::FakeCalls;
+using tolk::test::FakeSystemCalls;
 using Zero = WaitList::Zero;
 
 // How often the record was posted since the last look.
@@ -25,7 +25,7 @@ int posts(timeout_sem& record) {
 
 class Waits : public testing::Test {
  protected:
-  FakeCalls calls;
+  FakeSystemCalls calls;
   WaitList list{Zero::no_limit};
 };
 

@@ -21,9 +21,9 @@ class Item final : public WorkItem {
   ~Item() override { log_.emplace_back("freed"); }
 
  private:
-  void run() override { run_(); }
-  void end() override { end_(); }
-  void fail() override { log_.emplace_back("failed"); }
+  void run() TOLK_WORKER override { run_(); }
+  void end() TOLK_LOOP override { end_(); }
+  void fail() TOLK_LOOP override { log_.emplace_back("failed"); }
 
   const std::function<void()> run_;
   const std::function<void()> end_;

@@ -1,0 +1,56 @@
+// One connection attempt of a client and the connection that comes of it.
+//
+// Thread: the loop thread, except what Session offers to others and end_by_host.
+// Owner: the side and the loop thread.
+// Failure: a failed attempt closes what it opened and ends the session.
+#pragma once
+
+#include <uv.h>
+
+#include <optional>
+#include <string>
+
+#include "sessions/events.h"
+#include "sessions/session.h"
+
+namespace tolk {
+
+class ClientSession final : public Session {
+ public:
+  ClientSession(ClientEvents& side, Endpoint where);
+
+  ClientEvents& side() override { return side_; }
+  bool deliver(int peer, Frame frame) TOLK_LOOP override;
+  bool begins_calls() const override;
+  void on_stream_end(PeerStream& stream, int status) TOLK_LOOP override;
+
+  // Any thread: asks the loop thread to close.
+  void ask_for_close();
+  // What hooks and handlers see as their id.
+  int connection_id() const { return stream_.id(); }
+  PeerStream& stream() { return stream_; }
+
+ private:
+  static void on_connect(uv_connect_t* request, int status);
+
+  void body() TOLK_LOOP override;
+  const char* kind() const override { return "client"; }
+  bool connect() TOLK_LOOP;
+  bool failed(int status, ClientEvents::SetupStep step) TOLK_LOOP;
+  int start_connecting() TOLK_LOOP;
+  int start_connecting_tcp() TOLK_LOOP;
+  bool server_is_trusted() TOLK_LOOP;
+  bool go_live() TOLK_LOOP;
+
+  // In close.cpp.
+  void end_as_asked() TOLK_LOOP override;
+  void on_abandoned() TOLK_LOOP override;
+
+  ClientEvents& side_;
+  const Endpoint where_;
+  PeerStream stream_;
+  uv_connect_t request_ TOLK_GUARDED_BY(loop_role){};
+  std::optional<int> connect_status_ TOLK_GUARDED_BY(loop_role);
+};
+
+}  // namespace tolk

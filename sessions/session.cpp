@@ -1,0 +1,177 @@
+#include "sessions/session.h"
+
+#include <atomic>
+#include <cassert>
+#include <exception>
+#include <utility>
+
+#include "platform/guarded.h"
+#include "platform/process.h"
+#include "platform/thread.h"
+#include "transport/pause_point.h"
+#include "transport/process_exit.h"
+
+namespace tolk {
+namespace {
+
+thread_local int loops_on_this_thread = 0;
+
+// While alive, the calling thread counts as one that runs a loop.
+struct LoopThreadScope {
+  LoopThreadScope() { ++loops_on_this_thread; }
+  ~LoopThreadScope() { --loops_on_this_thread; }
+  LoopThreadScope(const LoopThreadScope&) = delete;
+  LoopThreadScope& operator=(const LoopThreadScope&) = delete;
+};
+
+// The ways through a life. An ending that was asked for may be overtaken by another one, until the
+// loop thread has begun to carry one out.
+bool may_follow(Phase now, Phase next) {
+  switch (next) {
+    case Phase::starting:
+      return false;
+    case Phase::live:
+      return now == Phase::starting;
+    case Phase::close_asked:
+      return now == Phase::live || now == Phase::closeasync_asked;
+    case Phase::closeasync_asked:
+      return now == Phase::live;
+    case Phase::lost:
+      return now == Phase::live || now == Phase::close_asked;
+    case Phase::closed:
+      return now == Phase::close_asked || now == Phase::closeasync_asked;
+    case Phase::ended:
+      return now != Phase::ended;
+  }
+  return false;
+}
+
+}  // namespace
+
+Session::Session() : process_(platform::generation()) {
+  queue_.prepare(make_task([this] {
+    enter_loop();
+    end_as_asked();
+  }));
+}
+
+Session::~Session() = default;
+
+bool Session::start_thread() {
+  platform::pin_library();
+  install_exit_handler();
+  const platform::SignalsBlocked inherited_by_the_thread;
+  try {
+    auto self = std::static_pointer_cast<Session>(shared_from_this());
+    std::thread([self = std::move(self), side = side().shared_from_this()]() mutable {
+      self->run_thread();
+      self.reset();
+      side.reset();
+    }).detach();
+    return true;
+  } catch (const std::exception&) {  // no thread, or no memory for one
+    enter(Phase::ended);
+    return false;
+  }
+}
+
+void Session::run_thread() {
+  adopt_this_thread();
+  platform::name_this_thread("tolk-loop");
+  const LoopThreadScope runs_a_loop;
+  guarded([this] {
+    enter_loop();
+    body();
+  });
+  abandon_loop();
+  leave_thread();
+}
+
+void Session::adopt_this_thread() { owner_thread_ = std::this_thread::get_id(); }
+
+// The system may give the id to another thread.
+void Session::leave_thread() { owner_thread_ = std::thread::id(); }
+
+bool Session::on_a_loop_thread() { return loops_on_this_thread > 0; }
+
+bool Session::of_this_process() const { return process_ == platform::generation(); }
+
+bool Session::enter(Phase next) {
+  TOLK_PAUSE_AT_PHASE(kind(), "before", next);
+  {
+    auto now = phase_.lock();
+    if (!may_follow(*now, next)) return false;
+    *now = next;
+    phase_changed_.notify_all();
+  }
+  TOLK_PAUSE_AT_PHASE(kind(), "after", next);
+  return true;
+}
+
+void Session::wait_until_decided() {
+  if (on_own_thread() || !of_this_process()) return;
+  phase_.lock().wait(phase_changed_, [](Phase now) { return now != Phase::starting; });
+}
+
+void Session::wait_until_ended() {
+  if (on_own_thread() || !of_this_process()) return;
+  phase_.lock().wait(phase_changed_, [](Phase now) { return now == Phase::ended; });
+}
+
+bool Session::wait_until_ended(std::chrono::milliseconds limit) {
+  if (on_own_thread() || !of_this_process()) return false;
+  return phase_.lock().wait_for(phase_changed_, limit,
+                                [](Phase now) { return now == Phase::ended; });
+}
+
+bool Session::post(std::unique_ptr<Task> task) {
+  if (of_this_process()) return queue_.post(std::move(task));
+  task->refuse();
+  return false;
+}
+
+void Session::wake_for_end() {
+  const Phase now = phase();
+  if (now == Phase::starting || now == Phase::live) return;  // nothing was asked for
+  if (of_this_process()) queue_.post_prepared();
+}
+
+void Session::check_loop_thread() const { assert(on_own_thread()); }
+
+bool Session::takes_messages() const {
+  const Phase now = phase();
+  return now == Phase::live || now == Phase::close_asked || now == Phase::closeasync_asked;
+}
+
+int Session::open_loop() {
+  check_loop_thread();
+  const int status = uv_loop_init(&loop_);
+  loop_open_ = status == 0;
+  return status;
+}
+
+int Session::open_queue() {
+  const int status = uv_async_init(&loop_, &wake_up_, async_sendmsg);
+  if (status != 0) return status;
+  wake_up_.data = this;
+  queue_.open(&wake_up_);
+  return 0;
+}
+
+void Session::async_sendmsg(uv_async_t* wake_up) {
+  auto* const session = static_cast<Session*>(wake_up->data);
+  session->check_loop_thread();
+  session->queue_.drain();
+}
+
+bool Session::run_loop() {
+  check_loop_thread();
+  if (std::exchange(loop_ran_, true)) return false;
+  const LoopThreadScope runs_a_loop;
+  uv_run(&loop_, UV_RUN_DEFAULT);
+  return true;
+}
+
+void Session::stop_loop() { uv_stop(&loop_); }
+
+}  // namespace tolk

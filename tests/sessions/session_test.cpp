@@ -1,0 +1,242 @@
+#include "sessions/session.h"
+
+#include <gtest/gtest.h>
+#include <tests/e2e/support/waiting.h>
+#include <tests/sessions/test_session.h>
+#include <tests/transport/event.h>
+
+#include <chrono>
+#include <memory>
+#include <new>
+#include <thread>
+#include <vector>
+
+#if !defined(_WIN32)
+#include <tests/platform/child_process.h>
+#endif
+
+namespace {
+
+using namespace std::chrono_literals;
+using tolk::Phase;
+using tolk::test::Event;
+using tolk::test::TestSession;
+
+class Sessions : public testing::Test {
+ protected:
+  void start_and_wait() {
+    ASSERT_TRUE(session->start_thread());
+    session->wait_until_decided();
+  }
+  // Stops the session and drops the test's reference; true when its thread dropped its own too.
+  bool stop_and_drop() {
+    session->stop();
+    const auto gone = session->gone();
+    session.reset();
+    return gone->wait();
+  }
+
+  std::shared_ptr<TestSession> session = std::make_shared<TestSession>();
+};
+
+TEST_F(Sessions, PhasesComeInOrder) {
+  EXPECT_EQ(session->phase(), Phase::starting);
+  start_and_wait();
+  EXPECT_EQ(session->phase(), Phase::live);
+  EXPECT_FALSE(session->wait_until_ended(0ms));
+  session->stop();
+  session->wait_until_ended();
+  EXPECT_EQ(session->phase(), Phase::ended);
+  EXPECT_TRUE(stop_and_drop());
+}
+
+struct Step {
+  std::vector<Phase> way;
+  Phase next;
+  bool follows;
+};
+
+class PhaseOrder : public testing::TestWithParam<Step> {};
+
+TEST_P(PhaseOrder, OneEndingWinsAndNothingGoesBack) {
+  TestSession session;
+  for (const Phase phase : GetParam().way) ASSERT_TRUE(session.enter(phase));
+  const Phase before = session.phase();
+  EXPECT_EQ(session.enter(GetParam().next), GetParam().follows);
+  EXPECT_EQ(session.phase(), GetParam().follows ? GetParam().next : before);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, PhaseOrder,
+    testing::Values(Step{{}, Phase::starting, false}, Step{{}, Phase::close_asked, false},
+                    Step{{}, Phase::closeasync_asked, false}, Step{{}, Phase::lost, false},
+                    Step{{}, Phase::closed, false}, Step{{}, Phase::ended, true},
+                    Step{{Phase::live}, Phase::live, false},
+                    Step{{Phase::live}, Phase::closed, false},
+                    Step{{Phase::live}, Phase::lost, true},
+                    Step{{Phase::live, Phase::close_asked}, Phase::close_asked, false},
+                    Step{{Phase::live, Phase::close_asked}, Phase::closeasync_asked, false},
+                    Step{{Phase::live, Phase::closeasync_asked}, Phase::close_asked, true},
+                    Step{{Phase::live, Phase::close_asked}, Phase::lost, true},
+                    Step{{Phase::live, Phase::close_asked}, Phase::closed, true},
+                    Step{{Phase::live, Phase::closeasync_asked}, Phase::closed, true},
+                    Step{{Phase::live, Phase::lost}, Phase::close_asked, false},
+                    Step{{Phase::live, Phase::lost}, Phase::closed, false},
+                    Step{{Phase::live, Phase::close_asked, Phase::closed}, Phase::lost, false},
+                    Step{{Phase::ended}, Phase::live, false},
+                    Step{{Phase::ended}, Phase::ended, false}));
+
+TEST_F(Sessions, PostedFunctionRunsOnTheSessionsThread) {
+  start_and_wait();
+  EXPECT_FALSE(session->on_own_thread());
+  Event ran;
+  bool on_own = false;
+  EXPECT_TRUE(session->post_function([&] {
+    on_own = session->on_own_thread();
+    ran.set();
+  }));
+  ASSERT_TRUE(ran.wait());
+  EXPECT_TRUE(on_own);
+  EXPECT_TRUE(stop_and_drop());
+}
+
+TEST_F(Sessions, WaitOnTheOwnThreadEndsAtOnce) {
+  start_and_wait();
+  Event waited;
+  session->post_function([&] {
+    session->wait_until_ended();
+    EXPECT_FALSE(session->wait_until_ended(10s));
+    waited.set();
+  });
+  EXPECT_TRUE(waited.wait());
+  EXPECT_TRUE(stop_and_drop());
+}
+
+TEST_F(Sessions, PostsAreRefusedBeforeTheLoopIsThere) {
+  EXPECT_FALSE(session->post_function([] {}));
+}
+
+TEST_F(Sessions, PostsAreRefusedOnceStopped) {
+  start_and_wait();
+  EXPECT_TRUE(session->takes_messages());
+  session->stop();
+  session->wait_until_ended();
+  EXPECT_FALSE(session->takes_messages());
+  bool ran = false;
+  EXPECT_FALSE(session->post_function([&] { ran = true; }));
+  EXPECT_TRUE(stop_and_drop());
+  EXPECT_FALSE(ran);
+}
+
+TEST_F(Sessions, ThreadKeepsTheSideUntilItIsDone) {
+  const std::weak_ptr<tolk::MessageSide> watched = session->quiet_side();
+  start_and_wait();
+  EXPECT_GT(watched.use_count(), 1);
+  EXPECT_TRUE(stop_and_drop());
+  EXPECT_TRUE(tolk::test::eventually([&] { return watched.expired(); }));
+}
+
+TEST_F(Sessions, BodyThatThrowsStillEnds) {
+  session->at_start = [] { throw std::bad_alloc(); };
+  ASSERT_TRUE(session->start_thread());
+  EXPECT_TRUE(session->wait_until_ended(tolk::test::kPatience));
+}
+
+TEST_F(Sessions, EndIsReachedWhileWorkStillRuns) {
+  Event begun;
+  Event may_finish;
+  struct Work {
+    uv_work_t request;
+    Event* begun;
+    Event* may_finish;
+    bool ended;
+  } work{{}, &begun, &may_finish, false};
+  session->at_start = [&] {
+    session->check_loop_thread();
+    work.request.data = &work;
+    uv_queue_work(
+        session->loop(), &work.request,
+        [](uv_work_t* request) {
+          auto* const self = static_cast<Work*>(request->data);
+          self->begun->set();
+          self->may_finish->wait();
+        },
+        [](uv_work_t* request, int) { static_cast<Work*>(request->data)->ended = true; });
+  };
+  start_and_wait();
+  ASSERT_TRUE(begun.wait());
+  session->stop();
+  EXPECT_TRUE(session->wait_until_ended(tolk::test::kPatience));
+  const auto gone = session->gone();
+  session.reset();
+  EXPECT_FALSE(gone->happened()) << "the loop thread lingers for the work";
+  may_finish.set();
+  ASSERT_TRUE(gone->wait());
+  EXPECT_TRUE(work.ended) << "its completion ran on the lingering loop";
+}
+
+TEST_F(Sessions, AllHandlesAreClosedBeforeTheEnd) {
+  uv_timer_t timer{};
+  bool closed_before_end = false;
+  session->at_start = [&] {
+    session->check_loop_thread();
+    uv_timer_init(session->loop(), &timer);
+    uv_timer_start(
+        &timer, [](uv_timer_t*) {}, 1000000, 0);
+  };
+  session->before_ended = [&] {
+    closed_before_end = uv_is_closing(reinterpret_cast<uv_handle_t*>(&timer)) != 0;
+  };
+  start_and_wait();
+  session->stop();
+  session->wait_until_ended();
+  EXPECT_TRUE(closed_before_end);
+  EXPECT_TRUE(stop_and_drop());
+}
+
+TEST_F(Sessions, LoopThatNeverRanIsClosedWhereItIsAbandoned) {
+  session->adopt_this_thread();
+  ASSERT_EQ(session->open_loop(), 0);
+  ASSERT_EQ(session->open_queue(), 0);
+  bool ran = false;
+  EXPECT_TRUE(session->post_function([&] { ran = true; }));
+  session->abandon_loop();
+  EXPECT_FALSE(ran);
+  EXPECT_FALSE(session->post_function([] {}));
+  session->abandon_loop();
+}
+
+TEST_F(Sessions, AbandoningWhatNeverOpenedDoesNothing) { session->abandon_loop(); }
+
+#if !defined(_WIN32)
+TEST_F(Sessions, ForkedChildHasNoPartInTheSession) {
+  start_and_wait();
+  EXPECT_TRUE(session->of_this_process());
+  tolk::test::ChildProcess child([&] {
+    if (session->of_this_process()) return 1;
+    if (session->post_function([] {})) return 2;
+    session->wait_until_ended();  // must not wait for a thread that is not there
+    if (session->wait_until_ended(10s)) return 3;
+    return 0;
+  });
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_TRUE(stop_and_drop());
+}
+#endif
+
+TEST(SessionsOfThreads, AllWaitersAreReleasedAtTheEnd) {
+  for (int round = 0; round < 20; ++round) {
+    auto session = std::make_shared<TestSession>();
+    ASSERT_TRUE(session->start_thread());
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; ++i) {
+      waiters.emplace_back([session] { session->wait_until_ended(); });
+    }
+    session->wait_until_decided();
+    session->stop();
+    session->stop();
+    for (std::thread& waiter : waiters) waiter.join();
+  }
+}
+
+}  // namespace

@@ -1,0 +1,65 @@
+// Stands in for the outside world of the transport while it lives: writes are recorded and answered
+// as the test says, sleeps take no time, the tick moves only by hand.
+//
+// Thread: the test's own, and one object at a time.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "transport/system_calls.h"
+
+namespace tolk::test {
+
+class FakeSystemCalls {
+ public:
+  struct Write {
+    uv_write_t* request;
+    uv_stream_t* stream;
+    const uv_buf_t* buffers;
+    unsigned buffer_count;
+    uv_write_cb done;
+    std::string bytes;
+  };
+
+  FakeSystemCalls() : real_(system_calls) {
+    current_ = this;
+    system_calls = {write, sleep, read_tick};
+  }
+  ~FakeSystemCalls() {
+    system_calls = real_;
+    current_ = nullptr;
+  }
+  FakeSystemCalls(const FakeSystemCalls&) = delete;
+  FakeSystemCalls& operator=(const FakeSystemCalls&) = delete;
+
+  std::deque<int> statuses;         // of the next writes, in order
+  int status_afterwards = 0;        // of those that follow
+  std::vector<Write> writes;        // as they came
+  std::vector<std::string> events;  // "write" and "sleep <ms>", in order
+  std::uint32_t tick = 0;
+
+ private:
+  static int write(uv_write_t* request, uv_stream_t* stream, const uv_buf_t* buffers,
+                   unsigned count, uv_write_cb done) {
+    FakeSystemCalls& self = *current_;
+    std::string bytes;
+    for (unsigned i = 0; i < count; ++i) bytes.append(buffers[i].base, buffers[i].len);
+    self.writes.push_back({request, stream, buffers, count, done, std::move(bytes)});
+    self.events.emplace_back("write");
+    if (self.statuses.empty()) return self.status_afterwards;
+    const int status = self.statuses.front();
+    self.statuses.pop_front();
+    return status;
+  }
+
+  static void sleep(unsigned ms) { current_->events.push_back("sleep " + std::to_string(ms)); }
+  static std::uint32_t read_tick() { return current_->tick; }
+
+  static inline FakeSystemCalls* current_ = nullptr;
+  const SystemCalls real_;
+};
+
+}  // namespace tolk::test

@@ -1,0 +1,117 @@
+// One connected stream: a client has one, a server one for each connection.
+//
+// It reads, cuts the bytes into frames, tells replies from calls, lets workers run the calls and
+// writes frames. What differs between a client and a server, and between one kind of side and
+// another, is asked of two interfaces: the session that owns the stream and the side above it.
+//
+// Thread: the loop thread, except id(), which any thread may call.
+// Owner: the session, which keeps the storage until its loop is closed.
+// Failure: a stream that cannot go on (its peer left, a read failed, no memory for a message or for
+// a reply) tells its session by on_stream_end.
+#pragma once
+
+#include <uv.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "transport/envelope.h"
+#include "transport/frame.h"
+#include "transport/frame_reader.h"
+#include "transport/stream_handle.h"
+#include "transport/thread_safety.h"
+
+namespace tolk {
+
+class PeerStream;
+
+// A call that the peer made, taken out of its frame: what a worker needs to answer it.
+struct IncomingCall {
+  explicit IncomingCall(const Envelope& envelope);
+
+  std::string name;
+  std::optional<std::string> arguments;  // encoded
+  std::optional<int> call_id;
+  std::optional<std::string> token;
+};
+
+// What a side does with the messages of its peers.
+class MessageSide : public std::enable_shared_from_this<MessageSide> {
+ public:
+  virtual ~MessageSide() = default;
+
+  // Whether a message counts up to its first malformed record.
+  virtual bool accepts_malformed() const = 0;
+  virtual void on_message_without_name() TOLK_LOOP = 0;
+  virtual void on_reply(const Envelope& envelope, std::string_view payload) TOLK_LOOP = 0;
+  // True when the side has answered the call on the loop thread. Otherwise a worker runs it.
+  virtual bool answers_on_loop(PeerStream&, const Envelope&) TOLK_LOOP { return false; }
+  // Runs the call and builds the reply. None: the call is dropped.
+  virtual std::optional<Frame> answer(int peer, IncomingCall& call) TOLK_WORKER = 0;
+  virtual void on_reply_refused() TOLK_LOOP {}
+};
+
+// What a stream asks of its session.
+class StreamOwner : public std::enable_shared_from_this<StreamOwner> {
+ public:
+  virtual ~StreamOwner() = default;
+
+  virtual MessageSide& side() = 0;
+  virtual uv_loop_t* loop() TOLK_LOOP = 0;
+  // Debug builds: whether this is the thread of the loop.
+  virtual void check_loop_thread() const TOLK_ASSERTS(loop_role) = 0;
+  // The stream has read something, or its end, for the first time.
+  virtual void on_first_read(PeerStream&) TOLK_LOOP {}
+  virtual void on_stream_end(PeerStream& stream, int status) TOLK_LOOP = 0;
+  // Any thread: whether messages are still taken, and whether a queued call may begin.
+  virtual bool takes_messages() const = 0;
+  virtual bool begins_calls() const = 0;
+};
+
+class PeerStream {
+ public:
+  explicit PeerStream(StreamOwner& owner) : owner_(owner), reader_(new FrameReader) {}
+  PeerStream(const PeerStream&) = delete;
+  PeerStream& operator=(const PeerStream&) = delete;
+
+  int init(bool is_tcp) TOLK_LOOP { return handle_.init(owner_.loop(), is_tcp, this); }
+  int start_reading() TOLK_LOOP;
+  // After "write error", a negative status.
+  int write(Frame frame) TOLK_LOOP;
+  void write_reply(Frame reply) TOLK_LOOP;
+  // The server closes: what the peer still sends and late replies to it are dropped silently.
+  void mute() TOLK_LOOP { muted_ = true; }
+  bool is_muted() const TOLK_LOOP { return muted_; }
+  // Ends the writing side once all frames are out; the reading side goes on.
+  int shut_down_writing(uv_shutdown_cb done) TOLK_LOOP;
+  void close() TOLK_LOOP { close_handle(&handle_.handle); }
+  // The stream has ended: its partial frame goes.
+  void drop_pending() TOLK_LOOP { reader_.reset(); }
+  bool is_closing() const TOLK_LOOP { return uv_is_closing(&handle_.handle) != 0; }
+  // No memory to answer the peer: the stream cannot go on.
+  void end_unanswered() TOLK_LOOP;
+
+  // The low 32 bits of the handle's address: what handlers and hooks see as the peer's id.
+  int id() const;
+  bool has_read() const TOLK_LOOP { return has_read_; }
+  StreamHandle& handle() TOLK_LOOP { return handle_; }
+  StreamOwner& owner() { return owner_; }
+
+ private:
+  static void on_read_cb(uv_stream_t* stream, ssize_t count, const uv_buf_t* buffer);
+
+  void on_read(ssize_t count, const char* bytes) TOLK_LOOP;
+  void feed(std::string_view bytes) TOLK_LOOP;
+  void on_message(std::string_view payload) TOLK_LOOP;
+
+  StreamOwner& owner_;
+  StreamHandle handle_;
+  uv_shutdown_t shutdown_{};
+  std::unique_ptr<FrameReader> reader_;
+  bool has_read_ = false;
+  bool muted_ = false;
+};
+
+}  // namespace tolk

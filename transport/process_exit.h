@@ -1,0 +1,46 @@
+// Who is inside a handler, and what happens when the process exits.
+//
+// libuv waits for its workers when a process exits: a handler that waits for a reply at that time
+// would keep the process from ending. So the waits of handlers end when the exit begins.
+// Thread: any. Owner: none. Failure: none.
+#pragma once
+
+namespace tolk {
+
+// While alive, the calling worker is inside a handler.
+class HandlerScope {
+ public:
+  HandlerScope();
+  ~HandlerScope();
+  HandlerScope(const HandlerScope&) = delete;
+  HandlerScope& operator=(const HandlerScope&) = delete;
+
+  // Whether the calling thread is.
+  static bool inside();
+};
+
+// Work for the beginning of the exit. Static objects only.
+class AtProcessExit {
+ public:
+  explicit AtProcessExit(void (*work)()) noexcept;
+  AtProcessExit(const AtProcessExit&) = delete;
+  AtProcessExit& operator=(const AtProcessExit&) = delete;
+
+ private:
+  friend void note_process_exit();
+
+  void (*const work_)();
+  const AtProcessExit* const next_;
+};
+
+// Installs the library's only exit handler, once. A session calls it before its thread starts, so
+// that nothing has to be allocated later.
+void install_exit_handler();
+
+// True from the beginning of the exit.
+bool process_exits();
+
+// The beginning of the exit: runs all registered work.
+void note_process_exit();
+
+}  // namespace tolk
