@@ -197,6 +197,17 @@ TEST(OutOfMemory, ListsAddCopyAndAssignWhollyOrNotAtAll) {
                                    [](ListParams&) {});
 }
 
+TEST(Memory, ValueThatOneOfTwoMapsReplacesEndsWithTheOther) {
+  const long before = live_allocations;
+  {
+    TolkValue map(TolkValue::Map);
+    map.AddListMapString("k", long_text, 30);
+    const TolkValue copy(map);
+    map.AddListMapInt("k", 2);
+  }
+  EXPECT_EQ(live_allocations, before);
+}
+
 // Room for a few lines, without an allocation. Prints another line from inside a write.
 class FixedBuffer final : public std::streambuf {
  public:
