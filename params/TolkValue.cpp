@@ -9,6 +9,7 @@
 
 #include "params/argument.h"
 #include "params/value_access.h"
+#include "platform/text.h"
 
 namespace {
 

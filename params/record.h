@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <string_view>
 
 namespace tolk {
 
@@ -73,10 +72,5 @@ inline std::uint64_t load64(const char* from) {
 
 inline std::int32_t load_int(const char* from) { return static_cast<std::int32_t>(load32(from)); }
 inline double load_double(const char* from) { return std::bit_cast<double>(load64(from)); }
-
-// `text` up to its first zero byte.
-inline std::string_view cut_at_zero(std::string_view text) {
-  return text.substr(0, text.find('\0'));
-}
 
 }  // namespace tolk
