@@ -38,13 +38,20 @@ constexpr std::size_t keyed_bytes(std::size_t key_size, std::size_t value_record
   return 1 + string_record_bytes(key_size) + value_record_bytes;
 }
 
-// The same number with its bytes in little-endian order, and back.
-constexpr std::uint32_t little_endian(std::uint32_t word) {
-  return std::endian::native == std::endian::little ? word : __builtin_bswap32(word);
+// The same number with its bytes in reverse order. Compilers make one instruction of it.
+constexpr std::uint32_t reversed(std::uint32_t word) {
+  return word << 24 | (word & 0xFF00) << 8 | (word >> 8 & 0xFF00) | word >> 24;
 }
 
-constexpr std::uint64_t little_endian(std::uint64_t word) {
-  return std::endian::native == std::endian::little ? word : __builtin_bswap64(word);
+constexpr std::uint64_t reversed(std::uint64_t word) {
+  const std::uint64_t low = reversed(static_cast<std::uint32_t>(word));
+  return low << 32 | reversed(static_cast<std::uint32_t>(word >> 32));
+}
+
+// The same number with its bytes in little-endian order, and back.
+template <class Word>
+constexpr Word little_endian(Word word) {
+  return std::endian::native == std::endian::little ? word : reversed(word);
 }
 
 // By copy, since records stand at any address.
