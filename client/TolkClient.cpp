@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "client/client_side.h"
-#include "params/argument.h"
 #include "platform/guarded.h"
+#include "platform/text.h"
 #include "transport/frame_writer.h"
 #include "transport/piece_sender.h"
 

@@ -6,12 +6,12 @@
 #include <utility>
 
 #include "client/client_side.h"
-#include "params/argument.h"
 #include "params/content.h"
 #include "params/encoder.h"
 #include "platform/never_destroyed.h"
 #include "platform/standard_output.h"
 #include "platform/static_mutex.h"
+#include "platform/text.h"
 #include "platform/thread.h"
 #include "sessions/outgoing_call.h"
 #include "transport/pause_point.h"

@@ -15,6 +15,7 @@
 #include "params/content.h"
 #include "params/encoder.h"
 #include "params/value_access.h"
+#include "platform/text.h"
 
 using Access = TolkParamsAccess;
 using tolk::Argument;

@@ -9,6 +9,7 @@
 
 #include "params/argument.h"
 #include "params/value_access.h"
+#include "platform/text.h"
 
 namespace {
 
@@ -122,25 +123,26 @@ void TolkValue::AddListStream(const char* data, long len) {
   Access::adopt(list_, bytes_value(data, len, Stream));
 }
 
-// On purpose: the value that a key had before is dropped and never freed. Hosts may still hold it.
+// On purpose: the value that a key had before is dropped and not freed, since hosts may still hold
+// it. Only a copy of the map that shares it frees it, when the copy ends.
 void TolkValue::AddListMapBool(const char* key, bool v) {
-  Access::put_and_forget(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+  Access::put_and_drop(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
 }
 
 void TolkValue::AddListMapInt(const char* key, int v) {
-  Access::put_and_forget(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+  Access::put_and_drop(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
 }
 
 void TolkValue::AddListMapDouble(const char* key, double v) {
-  Access::put_and_forget(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+  Access::put_and_drop(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
 }
 
 void TolkValue::AddListMapString(const char* key, const char* data, long len) {
-  Access::put_and_forget(map_, tolk::text_of(key), bytes_value(data, len, String));
+  Access::put_and_drop(map_, tolk::text_of(key), bytes_value(data, len, String));
 }
 
 void TolkValue::AddListMapStream(const char* key, const char* data, long len) {
-  Access::put_and_forget(map_, tolk::text_of(key), bytes_value(data, len, Stream));
+  Access::put_and_drop(map_, tolk::text_of(key), bytes_value(data, len, Stream));
 }
 
 void TolkValue::clear() {

@@ -1,4 +1,4 @@
-// What hosts pass in: texts and lengths made safe, and arguments that lie inside the block itself.
+// What hosts pass in: lengths made safe, and arguments that lie inside the block itself.
 //
 // Thread: any; no state. Owner: the views borrow from the host until the operation returns.
 // Failure: std::bad_alloc from Argument.
@@ -11,11 +11,6 @@
 #include <string_view>
 
 namespace tolk {
-
-// Null counts as "".
-inline std::string_view text_of(const char* text) {
-  return text == nullptr ? std::string_view() : std::string_view(text);
-}
 
 // Null and a negative length count as empty.
 inline std::string_view bytes_of(const char* data, long len) {

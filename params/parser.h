@@ -23,6 +23,7 @@
 #include <string_view>
 
 #include "params/record.h"
+#include "platform/text.h"
 
 namespace tolk {
 

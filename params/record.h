@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <string_view>
 
 namespace tolk {
 
@@ -39,13 +38,20 @@ constexpr std::size_t keyed_bytes(std::size_t key_size, std::size_t value_record
   return 1 + string_record_bytes(key_size) + value_record_bytes;
 }
 
-// The same number with its bytes in little-endian order, and back.
-constexpr std::uint32_t little_endian(std::uint32_t word) {
-  return std::endian::native == std::endian::little ? word : __builtin_bswap32(word);
+// The same number with its bytes in reverse order. Compilers make one instruction of it.
+constexpr std::uint32_t reversed(std::uint32_t word) {
+  return word << 24 | (word & 0xFF00) << 8 | (word >> 8 & 0xFF00) | word >> 24;
 }
 
-constexpr std::uint64_t little_endian(std::uint64_t word) {
-  return std::endian::native == std::endian::little ? word : __builtin_bswap64(word);
+constexpr std::uint64_t reversed(std::uint64_t word) {
+  const std::uint64_t low = reversed(static_cast<std::uint32_t>(word));
+  return low << 32 | reversed(static_cast<std::uint32_t>(word >> 32));
+}
+
+// The same number with its bytes in little-endian order, and back.
+template <class Word>
+constexpr Word little_endian(Word word) {
+  return std::endian::native == std::endian::little ? word : reversed(word);
 }
 
 // By copy, since records stand at any address.
@@ -73,10 +79,5 @@ inline std::uint64_t load64(const char* from) {
 
 inline std::int32_t load_int(const char* from) { return static_cast<std::int32_t>(load32(from)); }
 inline double load_double(const char* from) { return std::bit_cast<double>(load64(from)); }
-
-// `text` up to its first zero byte.
-inline std::string_view cut_at_zero(std::string_view text) {
-  return text.substr(0, text.find('\0'));
-}
 
 }  // namespace tolk

@@ -74,20 +74,34 @@ struct TolkValueAccess {
   // Sets an entry to a new value and releases the earlier one.
   template <class Map>
   static void put(Map& entries, std::string_view key, std::unique_ptr<TolkValue> value) {
-    TolkValue* const earlier = put_and_forget(entries, key, std::move(value));
+    TolkValue* const earlier = exchange(entries, key, std::move(value));
     if (earlier != nullptr) release(earlier);
   }
 
-  // Sets an entry to a new value. Returns the earlier one, whose count nobody holds any more.
+  // Sets an entry to a new value. The earlier one is not deleted, though nobody else may hold it.
   template <class Map>
-  static TolkValue* put_and_forget(Map& entries, std::string_view key,
-                                   std::unique_ptr<TolkValue> value) {
+  static void put_and_drop(Map& entries, std::string_view key, std::unique_ptr<TolkValue> value) {
+    TolkValue* const earlier = exchange(entries, key, std::move(value));
+    if (earlier != nullptr) release_unless_last(*earlier);
+  }
+
+ private:
+  // What other maps share lives on until the last of them releases it.
+  static void release_unless_last(TolkValue& value) noexcept {
+    const std::atomic_ref owners(value.owners_);
+    std::uint32_t count = owners.load(std::memory_order_relaxed);
+    while (count > 1 &&
+           !owners.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel)) {
+    }
+  }
+
+  template <class Map>
+  static TolkValue* exchange(Map& entries, std::string_view key, std::unique_ptr<TolkValue> value) {
     TolkValue*& entry = entries.try_emplace(std::string(key)).first->second;
     retain(*value);
     return std::exchange(entry, value.release());
   }
 
- private:
   static const std::string* owned_bytes(const TolkValue& value) {
     const bool has_bytes = value.type_ == TolkValue::String || value.type_ == TolkValue::Stream;
     return has_bytes ? value.value_.bytes : nullptr;

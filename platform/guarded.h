@@ -4,7 +4,7 @@
 
 #include <exception>
 
-#if __has_include(<cxxabi.h>)
+#if defined(__GLIBCXX__)  // GNU's standard library ends a cancelled thread with an exception
 #include <cxxabi.h>
 #endif
 
@@ -14,7 +14,7 @@ template <class Call, class Report>
 void guarded(Call&& call, Report&& report) {
   try {
     call();
-#if __has_include(<cxxabi.h>)
+#if defined(__GLIBCXX__)
   } catch (const abi::__forced_unwind&) {
     throw;  // the cancellation of a thread must go on
 #endif

@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "params/argument.h"
 #include "platform/guarded.h"
+#include "platform/text.h"
 #include "server/server_side.h"
 #include "transport/piece_sender.h"
 

@@ -3,9 +3,9 @@
 #include <memory>
 #include <utility>
 
-#include "params/argument.h"
 #include "params/content.h"
 #include "platform/guarded.h"
+#include "platform/text.h"
 #include "platform/thread.h"
 #include "transport/envelope.h"
 #include "transport/pause_point.h"

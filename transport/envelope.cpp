@@ -10,12 +10,11 @@
 
 #include "params/encoder.h"
 #include "params/parser.h"
+#include "platform/text.h"
 #include "transport/reserved_names.h"
 
 namespace tolk {
 namespace {
-
-std::string_view up_to_zero(std::string_view bytes) { return bytes.substr(0, bytes.find('\0')); }
 
 int number_in(const Scalar& value) {
   switch (value.type) {
@@ -55,13 +54,13 @@ class EnvelopeSink {
 
   void keyed(std::string_view key, const Scalar& value) {
     if (key == kKeyName) {
-      envelope_.name = value.has_bytes() ? up_to_zero(value.bytes) : std::string_view();
+      envelope_.name = value.has_bytes() ? cut_at_zero(value.bytes) : std::string_view();
     } else if (key == kKeyCallId) {
       envelope_.call_id = number_in(value);
     } else if (key == kKeyArguments) {
       if (value.has_bytes()) envelope_.arguments = value.bytes;
     } else if (key == kKeyToken) {
-      if (value.type == TolkValue::String) envelope_.token = up_to_zero(value.bytes);
+      if (value.type == TolkValue::String) envelope_.token = cut_at_zero(value.bytes);
     }
   }
 
@@ -101,7 +100,7 @@ std::optional<std::string_view> read::bytes(const TolkValue* value) {
 
 std::optional<std::string_view> read::text(const TolkValue* value) {
   const auto all = bytes(value);
-  return all ? std::optional(up_to_zero(*all)) : std::nullopt;
+  return all ? std::optional(cut_at_zero(*all)) : std::nullopt;
 }
 
 int read::number(const TolkValue* value) {

@@ -7,16 +7,17 @@
 #include <iostream>
 #include <locale>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "params/content.h"
 #include "params/value_access.h"
 #include "platform/standard_output.h"
 #include "tests/params/hex.h"
+#include "tests/platform/redirected_stdout.h"
 
 namespace {
 
@@ -204,27 +205,36 @@ TEST(Dump, GlobalLocaleOfTheHostHasNoEffect) {
   EXPECT_EQ(text, frame(2, "  int: 1234567\n  double: 2.5\n", 0, ""));
 }
 
-TEST(Dump, HoldsTheLockOfStandardOutputWhileItWrites) {
-  // A stream buffer that tries the lock from another thread's point of view.
-  struct Probe : std::stringbuf {
-    bool was_free = false;
-    int flushes = 0;
-    std::streamsize xsputn(const char* text, std::streamsize size) override {
-      std::unique_lock probe(tolk::platform::standard_output_mutex(), std::defer_lock);
-      std::thread([&] { was_free = was_free || probe.try_lock(); }).join();
-      return std::stringbuf::xsputn(text, size);
-    }
-    int sync() override { return ++flushes, 0; }
-  };
+TEST(Dump, EachLineIsFlushed) {
   TolkParams block;
-  Probe probe;
-  std::streambuf* const original = std::cout.rdbuf(&probe);
+  block.AddInt(7);
+  block.AddKeyValueString("name", "x");
+  ASSERT_TRUE(block.ToParams());
+  tolk::test::WholeTextBuffer buffer;
+  const tolk::test::RedirectedStdout redirected(buffer);
+  std::vector<std::string> lines;
+  std::string seen;
+  buffer.on_flush = [&] {
+    lines.push_back(buffer.text().substr(seen.size()));
+    seen = buffer.text();
+  };
   block.print();
-  std::cout.rdbuf(original);
-  EXPECT_FALSE(probe.was_free);
-  EXPECT_EQ(probe.flushes, 1);
-  EXPECT_TRUE(
-      std::unique_lock(tolk::platform::standard_output_mutex(), std::try_to_lock).owns_lock());
+  EXPECT_EQ(lines,
+            (std::vector<std::string>{"\n", "params 1" + hyphens + "\n", "  int: 7\n", "\n",
+                                      "maps 1" + hyphens + "\n", "   name - string: x\n", "\n"}));
+}
+
+TEST(Dump, LinesOfOtherThreadsComeBehindIt) {
+  TolkParams block;
+  tolk::test::WholeTextBuffer buffer;
+  const tolk::test::RedirectedStdout redirected(buffer);
+  bool printed_another = false;
+  buffer.on_insertion = [&](const std::string&) {
+    if (std::exchange(printed_another, true)) return;
+    std::thread([] { tolk::platform::print_line("another thread's"); }).join();
+  };
+  block.print();
+  EXPECT_EQ(buffer.text(), frame(0, "", 0, "") + "another thread's\n");
 }
 
 }  // namespace

@@ -36,6 +36,12 @@ struct FixedBuffer {
   std::size_t size() const { return used; }
 };
 
+// What systems with the other order of bytes write.
+TEST(Words, ReversedHaveTheirBytesInTheOtherOrder) {
+  EXPECT_EQ(tolk::reversed(std::uint32_t{0x01F2E3D4}), std::uint32_t{0xD4E3F201});
+  EXPECT_EQ(tolk::reversed(std::uint64_t{0x01F2E3D4C5B6A798}), std::uint64_t{0x98A7B6C5D4E3F201});
+}
+
 TEST(Encoder, IntRecord) {
   EXPECT_EQ(written([](auto& to) { to.add_int(7); }), normal("00 07000000 05000000"));
   EXPECT_EQ(written([](auto& to) { to.add_int(-2); }), normal("00 FEFFFFFF 05000000"));

@@ -6,11 +6,18 @@
 #include <tolk/TolkParams.h>
 #include <tolk/TolkValue.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <new>
+#include <streambuf>
 #include <string>
+#include <string_view>
+
+#include "platform/standard_output.h"
+#include "tests/platform/redirected_stdout.h"
 
 namespace {
 
@@ -188,6 +195,46 @@ TEST(OutOfMemory, ListsAddCopyAndAssignWhollyOrNotAtAll) {
                                      assigned = copy;
                                    },
                                    [](ListParams&) {});
+}
+
+TEST(Memory, ValueThatOneOfTwoMapsReplacesEndsWithTheOther) {
+  const long before = live_allocations;
+  {
+    TolkValue map(TolkValue::Map);
+    map.AddListMapString("k", long_text, 30);
+    const TolkValue copy(map);
+    map.AddListMapInt("k", 2);
+  }
+  EXPECT_EQ(live_allocations, before);
+}
+
+// Room for a few lines, without an allocation. Prints another line from inside a write.
+class FixedBuffer final : public std::streambuf {
+ public:
+  std::string_view text() const { return {text_.data(), size_}; }
+
+ private:
+  std::streamsize xsputn(const char* text, std::streamsize size) override {
+    if (size_ == 0) tolk::platform::print_line("left without memory");
+    std::copy_n(text, size, text_.data() + size_);
+    size_ += static_cast<std::size_t>(size);
+    return size;
+  }
+
+  std::array<char, 100> text_{};
+  std::size_t size_ = 0;
+};
+
+TEST(OutOfMemory, ShortLinesComeOutUnlessTheyAreLeftToAWriter) {
+  FixedBuffer buffer;
+  const tolk::test::RedirectedStdout redirected(buffer);
+  const std::string long_line(300, 'x');
+  allocations_until_failure = 0;
+  EXPECT_NO_THROW(tolk::platform::print_line("one"));
+  EXPECT_NO_THROW(tolk::platform::print_line("two"));
+  EXPECT_NO_THROW(tolk::platform::print_line(long_line));
+  allocations_until_failure = -1;
+  EXPECT_EQ(buffer.text(), "one\ntwo\n");
 }
 
 }  // namespace

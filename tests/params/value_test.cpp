@@ -286,4 +286,18 @@ TEST(Value, AddListMapDropsTheEarlierValueWithoutFreeingIt) {
   TolkValueAccess::release(earlier);
 }
 
+TEST(Value, AddListMapGivesUpItsShareOfAnEarlierValueThatCopiesHold) {
+  TolkValue map(TolkValue::Map);
+  map.AddListMapInt("k", 1);
+  TolkValue copy(map);
+  TolkValue* const earlier = TolkValueAccess::map(map).at("k");
+  map.AddListMapInt("k", 2);
+  EXPECT_EQ(TolkValueAccess::map(copy).at("k"), earlier);
+  EXPECT_EQ(TolkValueAccess::owners(*earlier), 1U) << "it ends with the copy";
+  copy.AddListMapInt("k", 3);
+  EXPECT_EQ(TolkValueAccess::owners(*earlier), 1U) << "the last share is dropped with the value";
+  EXPECT_EQ(earlier->GetInt(), 1);
+  TolkValueAccess::release(earlier);
+}
+
 }  // namespace
