@@ -130,6 +130,13 @@ TEST_F(ClientMembers, WriteServerTellsWhetherTheClientIsConnected) {
   EXPECT_FALSE(client.isok());
 }
 
+// The client then counts as connected and has no session.
+TEST_F(ClientMembers, CloseAfterWriteServerWithoutAConnectionReturns) {
+  client.write_server(nullptr, 0);
+  client.close();
+  EXPECT_EQ(client.SendMsg("m", nullptr, 1, 1), nullptr);
+}
+
 TEST_F(ClientMembers, WritebuffWritesOneFrameAndReturnsTheStatus) {
   FakeSystemCalls calls;
   uv_stream_t stream{};

@@ -15,7 +15,10 @@ namespace tolk::test {
 
 class Scenario {
  public:
-  explicit Scenario(Transport transport);
+  // The other client and server: before everything else, or none before the failures are over.
+  enum class Bystander { first, none };
+
+  explicit Scenario(Transport transport, Bystander bystander = Bystander::first);
   ~Scenario();
   Scenario(const Scenario&) = delete;
   Scenario& operator=(const Scenario&) = delete;
@@ -23,7 +26,7 @@ class Scenario {
   // Under whatever Faults there are.
   std::string play();
   // Under them too, for the threads that are still on their way out.
-  static std::string loops_left();
+  std::string loops_left() const;
   // Without any: whether the process is as it was.
   std::string aftermath();
   // Operations that came back only because the test ended their waits. A large call whose result
