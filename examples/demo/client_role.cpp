@@ -201,7 +201,7 @@ class ClientRole {
                 "SendMsg(\"wait_for_go\"), " + std::to_string(kShortLimitMs) + " ms");
       TolkParams* const reply = client_->SendMsg("wait_for_go", nullptr, kTimeOutId, kShortLimitMs);
       const auto taken = step.stop();
-      step.shows("null: time-out after " + std::to_string(taken.count()) + " ms");
+      step.shows("null: timeout after " + std::to_string(taken.count()) + " ms");
       step.expect("reply", std::string("null"), shown(reply));
       step.expect("not before its time", true, taken.count() >= kShortLimitMs);
       step.expect("not long after it", true, taken.count() < kShortLimitMs + kLateMs);

@@ -28,7 +28,7 @@ void Director::play(const std::string& transport) {
   Actor& ada = enter_client("ada", transport, address);
   tell(ada, "connect");
 
-  transcript_.part("Synchronous, fast and posted calls; an unknown method; a time-out");
+  transcript_.part("Synchronous, fast and posted calls; an unknown method; a timeout");
   tell(ada, "calls");
 
   transcript_.part("Three more clients, all at once");

@@ -159,7 +159,7 @@ class ServerRole {
     const auto taken = step.stop();
     step.shows("null: clients don't answer that");
     step.expect("reply", std::string("null"), shown(reply));
-    step.expect("waited for the time-out", true, taken.count() >= kNoAnswerLimitMs);
+    step.expect("waited for the timeout", true, taken.count() >= kNoAnswerLimitMs);
   }
 
   void call_nobody() {
