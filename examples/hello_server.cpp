@@ -14,7 +14,7 @@ struct Greet : IServerMethod {
 int main(int argc, char** argv) {
   static Greet greet;
   IServer* server = CreateServer();
-  server->SetCustomReleaseEvent();  // the handler stays ours
+  server->SetCustomReleaseEvent();  // the program keeps its handler
   server->method("greet", &greet);
   if (!server->InitTolkServer(argc > 1 ? argv[1] : "4000")) return 1;
   std::cout << "press Enter to stop" << std::endl;

@@ -1,9 +1,9 @@
 // A client that reaches its server through a TLS proxy on its own machine; see docs/security.md.
 //
 //   tls_client tcp PORT      on 127.0.0.1
-//   tls_client pipe NAME     where the proxy listens at the pipe's socket file
+//   tls_client pipe NAME     the proxy listens on the socket file of the pipe
 //
-// Asks who answers there, has a block of 1 MB sent back, and prints "answer: " and the answer.
+// Asks the server for its word, has 1 MB sent back, and prints "answer: " and the word.
 #include <tolk/tolk.h>
 
 #include <iostream>

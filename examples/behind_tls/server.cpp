@@ -1,10 +1,10 @@
-// A server for one of the machines behind a TLS proxy; see docs/security.md.
+// A server on a machine behind a TLS proxy; see docs/security.md.
 //
 //   tls_server tcp PORT WORD      on 127.0.0.1
 //   tls_server pipe NAME WORD
 //
-// Its method "who" answers the word, and "back" the bytes that it was given. It stops when its
-// standard input ends.
+// The method "who" returns WORD, and "back" returns the bytes that it gets. The server stops when
+// its standard input ends.
 #include <tolk/tolk.h>
 
 #include <iostream>
@@ -32,7 +32,7 @@ int main(int argc, char** argv) {
   Who who(argv[3]);
   Back back;
   IServer* server = CreateServer();
-  server->SetCustomReleaseEvent();  // the handlers stay ours
+  server->SetCustomReleaseEvent();  // the program keeps its handlers
   server->method("who", &who);
   server->method("back", &back);
   const bool listens = std::string(argv[1]) == "pipe"

@@ -1,4 +1,4 @@
-// A member of the chat room: says the lines that it reads and prints those that it hears.
+// A member of the chat room: sends the lines that it reads and prints the lines that it gets.
 //
 //   chat_room_client PORT NAME        until the end of the input
 #include <tolk/tolk.h>
@@ -6,7 +6,7 @@
 #include <iostream>
 #include <string>
 
-// The server calls this. It runs on a worker thread, beside main.
+// The server calls this. It runs on a worker thread, concurrently with main.
 struct Hear : IServerMethod {
   void callback(int, TolkParams* in, TolkParams*) override {
     const TolkValue* line = in->GetValue(0);

@@ -1,8 +1,8 @@
-// A chat room: whatever a client says, the server tells all others.
+// A chat room: the server passes each client's lines to all other clients.
 //
 //   chat_room_server PORT        until Enter
 //
-// Clients join with a name and say lines; the server calls each of them back by its client id.
+// Clients join with a name and say lines. The server calls each client by its id.
 #include <tolk/tolk.h>
 
 #include <iostream>
@@ -10,8 +10,8 @@
 #include <mutex>
 #include <string>
 
-// Who is here. Handlers run on several threads at once, so there is a lock. It is never held while
-// the server is called: a call waits for the server's loop thread, which may be in our "left" hook
+// The members. Handlers run on several threads at once, so there is a lock. It is never held during
+// an outgoing call: the call waits for the server's loop thread, which may be in the "left" hook
 // and wait for this lock.
 class Room {
  public:
@@ -51,7 +51,7 @@ class Room {
     return names_;
   }
 
-  // Posted: nobody waits for a member that is slow. To one that has just left, nothing is sent.
+  // Posted, so that a slow member delays nobody. A member that has just left gets nothing.
   void tell_others(int id, const std::string& line) {
     TolkParams words;
     words.AddString(line.c_str());
@@ -65,7 +65,7 @@ class Room {
   std::map<int, std::string> names_;  // by client id
 };
 
-// The first value of a call, if it is a text. Never trust what a peer sends.
+// The first value of a call, if it is a string. Never trust what a peer sends.
 std::string text_in(TolkParams* in) {
   const TolkValue* value = in->GetValue(0);
   return value && value->IsString() ? value->GetString() : "";
@@ -86,7 +86,7 @@ struct Say : IServerMethod {
   Room& room;
 };
 
-// An event, not a call: there are no arguments and no result.
+// An event has neither arguments nor a result.
 struct Left : IServerMethod {
   explicit Left(Room& its_room) : room(its_room) {}
   void callback(int id, TolkParams*, TolkParams*) override { room.leave(id); }
@@ -99,7 +99,7 @@ int main(int argc, char** argv) {
   static Join join(room);
   static Say say(room);
   static Left left(room);
-  server->SetCustomReleaseEvent();  // the handlers stay ours
+  server->SetCustomReleaseEvent();  // the program keeps its handlers
   server->method("join", &join);
   server->method("say", &say);
   server->method("s_c_closed", &left);

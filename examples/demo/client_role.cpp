@@ -26,9 +26,9 @@ constexpr int kShortLimitMs = 300;
 constexpr int kLateMs = 2000;
 constexpr int kPosts = 100;
 constexpr int kCrowdThreads = 2;
-constexpr int kCrowdCalls = 250;  // of each thread
+constexpr int kCrowdCalls = 250;  // for each thread
 constexpr std::chrono::seconds kEventLimit{20};
-// Call ids of their own for calls whose answers may come late: results are kept by call id.
+// Separate call ids for calls whose answers may come late, because results are kept by call id.
 constexpr int kPostId = 7;
 constexpr int kTimeOutId = 8;
 
@@ -194,14 +194,14 @@ class ClientRole {
     step.expect("answer", std::string("\"no event: no_such_method\""), value_at(reply, 0));
   }
 
-  // The method waits for "go", which comes only after this call has given up.
+  // The method waits for "go", which is sent only after this call has timed out.
   void call_too_slow() {
     {
       Step step(name_, "server",
                 "SendMsg(\"wait_for_go\"), " + std::to_string(kShortLimitMs) + " ms");
       TolkParams* const reply = client_->SendMsg("wait_for_go", nullptr, kTimeOutId, kShortLimitMs);
       const auto taken = step.stop();
-      step.shows("null: time-out after " + std::to_string(taken.count()) + " ms");
+      step.shows("null: timeout after " + std::to_string(taken.count()) + " ms");
       step.expect("reply", std::string("null"), shown(reply));
       step.expect("not before its time", true, taken.count() >= kShortLimitMs);
       step.expect("not long after it", true, taken.count() < kShortLimitMs + kLateMs);

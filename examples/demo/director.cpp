@@ -9,7 +9,7 @@ namespace {
 constexpr int kLookMs = 50;
 constexpr std::chrono::seconds kStepLimit{120};
 
-// Away from the ports that systems hand out on their own, and different for demos side by side.
+// Below the ephemeral ports, and different for demos that run at the same time.
 std::string first_address() { return std::to_string(10000 + own_process_id() % 20000); }
 
 std::string title_of(const std::string& transport) {
@@ -28,7 +28,7 @@ void Director::play(const std::string& transport) {
   Actor& ada = enter_client("ada", transport, address);
   tell(ada, "connect");
 
-  transcript_.part("Synchronous, fast and posted calls; an unknown method; a time-out");
+  transcript_.part("Synchronous, fast and posted calls; an unknown method; a timeout");
   tell(ada, "calls");
 
   transcript_.part("Three more clients, all at once");
@@ -104,7 +104,7 @@ void Director::wait_until_done(const std::vector<Actor*>& actors, const std::str
     take_in(kLookMs);
     show_progress();
   }
-  // Whatever led to the last report was written before it, and so has arrived.
+  // Everything that led to the last report was written before it and has arrived.
   while (take_in(0)) {
   }
   end_progress();
@@ -114,7 +114,7 @@ void Director::wait_until_done(const std::vector<Actor*>& actors, const std::str
   }
 }
 
-// True when there may be more.
+// True when more may follow.
 bool Director::take_in(int limit_ms) {
   std::vector<Process*> processes;
   for (const auto& actor : actors_) {

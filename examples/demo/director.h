@@ -1,7 +1,7 @@
-// Starts the processes of the demo, tells them what to do, and writes down what they report.
+// Starts the processes of the demo, commands them, and writes down their reports.
 //
 // Thread: one. Owner: its actors, which it ends. Failure: a process that dies, hangs or reports
-// something wrong makes the transcript wrong; the play goes on where it can.
+// something wrong fails the transcript; the demo continues where it can.
 #pragma once
 
 #include <chrono>
@@ -42,7 +42,7 @@ class Director {
   Actor& enter(const std::string& name, std::vector<std::string> arguments);
   Actor& enter_client(const std::string& name, const std::string& transport,
                       const std::string& address);
-  // Both wait until each of them is done, and write down all that was reported meanwhile.
+  // Both wait until every actor is done, and write down all reports that arrive meanwhile.
   std::string tell(Actor& actor, const std::string& command);
   void tell_all(const std::vector<Actor*>& actors, const std::string& command);
   void wait_until_done(const std::vector<Actor*>& actors, const std::string& command);
@@ -51,7 +51,7 @@ class Director {
   void write_down();
   void show_progress();
   void end_progress();
-  // The actors leave, and what the library printed in them is shown.
+  // Ends the actors and shows the lines that the library printed in them.
   void curtain();
   void show_library_lines();
 

@@ -44,7 +44,7 @@ Options read_options(const std::vector<std::string>& arguments) {
   return options;
 }
 
-// A directory of the demo's own for its files, gone afterwards. Its processes work there.
+// A temporary working directory for the processes of the demo.
 class WorkDirectory {
  public:
   WorkDirectory()
@@ -73,7 +73,7 @@ int direct(const Options& options) {
   return director.verdict();
 }
 
-// `role`: what the director passes, without "--in DIRECTORY".
+// `role`: the arguments that the director passes, without "--in DIRECTORY".
 int act(const std::vector<std::string>& role) {
   demo::print_by_lines();
   if (role.size() == 3 && role[0] == "server") return demo::server_role({role[1], role[2]});

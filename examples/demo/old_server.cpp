@@ -1,5 +1,5 @@
-// A server of another version, without the library's server: a socket that reads one frame and
-// answers the version check with "no".
+// A server of another version: a plain socket that reads one frame and answers the version check
+// with "no".
 #include <tolk/tolk.h>
 
 #include <array>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr char kVersion[] = "Tolk Version: 0.9.0.1";
 
-// A frame is 4 bytes of length, the lowest first, and one block.
+// A frame is a little-endian 32-bit length and one block.
 std::string read_frame(OneClientServer& client) {
   std::array<unsigned char, 4> prefix{};
   if (!client.read_all(reinterpret_cast<char*>(prefix.data()), prefix.size())) return {};

@@ -1,8 +1,8 @@
-// What the demo needs of the system: to start itself again, to talk to what it started, and to know
-// a few things about processes and terminals.
+// The system functions of the demo: starting itself again, talking to its children, and facts about
+// processes and terminals.
 //
-// Thread: one thread uses all processes. Owner: a Process that goes away ends its child.
-// Failure: std::system_error where a process can't be started; silence elsewhere.
+// Thread: one thread uses all processes. Owner: the destructor of a Process ends its child.
+// Failure: std::system_error when a process cannot be started. Other failures are ignored.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace demo {
 
-// A child of this process, with this program in it.
+// A child process that runs this program.
 class Process {
  public:
   // `arguments`: without the program's name.
@@ -24,13 +24,13 @@ class Process {
 
   // To its standard input.
   void write_line(const std::string& line);
-  // The next whole line of its standard output that has arrived.
+  // The next complete line of its standard output.
   std::optional<std::string> next_line();
-  // Its output has come to an end.
+  // Its output has ended.
   bool silent() const { return silent_; }
-  // Closes its standard input, upon which it ends by itself.
+  // Closes its standard input; the child then exits.
   void dismiss();
-  // Dismisses it and waits. The exit status, or 128 and the signal's number.
+  // Dismisses it and waits. The exit status, or 128 plus the signal number.
   int wait();
   long id() const;
   // Bytes that it has read and written so far, where the system counts them.
@@ -47,13 +47,13 @@ class Process {
   bool silent_ = false;
 };
 
-// Waits until one of them has written something or ended, and takes in what there is. False when
-// nothing came in time.
+// Waits until a process has written something or ended, and reads what is there. False after the
+// timeout.
 bool read_any(const std::vector<Process*>& processes, int limit_ms);
 
 long own_process_id();
 bool output_is_terminal();
-// So that what this process prints arrives line by line, and whole.
+// Makes the standard output of this process line-buffered.
 void print_by_lines();
 
 }  // namespace demo

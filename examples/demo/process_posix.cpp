@@ -64,7 +64,7 @@ struct Process::System {
 Process::Process() : system_(std::make_unique<System>()) {}
 
 std::unique_ptr<Process> Process::start(const std::vector<std::string>& arguments) {
-  signal(SIGPIPE, SIG_IGN);  // a child that has died is noticed by its silence
+  signal(SIGPIPE, SIG_IGN);  // a write to a dead child fails instead
   std::unique_ptr<Process> process(new Process);
   const Pipe input;
   const Pipe output;

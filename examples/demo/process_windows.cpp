@@ -1,5 +1,5 @@
-// A child's input is an anonymous pipe; its output comes over one that is looked into every
-// millisecond, since such pipes can't be waited for together.
+// A child's input and output are anonymous pipes. The outputs are polled every millisecond, because
+// several such pipes cannot be waited for at once.
 #include <windows.h>
 // These need windows.h.
 #include <io.h>
@@ -22,7 +22,7 @@ void close_handle(HANDLE* handle) {
   if (*handle != nullptr) CloseHandle(std::exchange(*handle, nullptr));
 }
 
-// A pipe of which the child inherits the one end that it uses.
+// A pipe. The child inherits the end that it uses.
 struct Pipe {
   HANDLE read_end = nullptr;
   HANDLE write_end = nullptr;
@@ -158,7 +158,7 @@ long own_process_id() { return static_cast<long>(GetCurrentProcessId()); }
 
 bool output_is_terminal() { return _isatty(_fileno(stdout)) != 0; }
 
-// There is no buffering by lines there.
+// Windows has no line buffering.
 void print_by_lines() { std::setvbuf(stdout, nullptr, _IONBF, 0); }
 
 }  // namespace demo

@@ -12,7 +12,7 @@ constexpr char kMark = '\x1e';
 constexpr char kFieldEnd = '\x1f';
 constexpr std::size_t kFixedFields = 10;
 
-// Neither a field's end nor a line's can stand in a text.
+// A text must contain neither the end of a field nor a line end.
 std::string cleaned(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](char c) { return c == '\n' || c == kMark || c == kFieldEnd; },

@@ -1,5 +1,6 @@
-// The parts that a process of the demo can play. Each reads commands from its standard input, one a
-// line, reports each step it takes and then that the command is done; it ends with its input.
+// The roles that a process of the demo can have. Each reads one command a line from its standard
+// input, reports each step, and then reports that the command is done. It exits at the end of its
+// input.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +12,7 @@
 
 namespace demo {
 
-// "pipe", "tcp4" or "tcp6", and where on it: the pipe's name or the port.
+// "pipe", "tcp4" or "tcp6", and the name of the pipe or the port.
 struct Address {
   std::string transport;
   std::string name;
@@ -26,7 +27,7 @@ int client_role(const std::string& name, const Address& server, std::size_t file
 // A server of another version, on plain sockets. Commands: start, answer.
 int old_server_role();
 
-// Reads commands until the input ends; `run(command)` gives the text that goes with "done".
+// Reads commands until the input ends; `run(command)` returns the text that goes with "done".
 template <class Run>
 int obey(Run run) {
   std::string command;

@@ -1,4 +1,4 @@
-// The server of the demo: its methods, its calls to the clients, its end.
+// The server of the demo: its methods, its calls to the clients, its close.
 #include <tolk/tolk.h>
 
 #include <atomic>
@@ -88,7 +88,7 @@ class ServerRole {
     changed_.notify_all();
   }
 
-  // Posted calls run side by side, so this one may begin before the last of them has ended.
+  // Posted calls run concurrently, so this one may begin before the last of them has ended.
   void notes(int count, TolkParams* out) {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, kEventLimit, [&] { return note_count_ >= count; });
@@ -159,7 +159,7 @@ class ServerRole {
     const auto taken = step.stop();
     step.shows("null: clients don't answer that");
     step.expect("reply", std::string("null"), shown(reply));
-    step.expect("waited for the time-out", true, taken.count() >= kNoAnswerLimitMs);
+    step.expect("waited for the timeout", true, taken.count() >= kNoAnswerLimitMs);
   }
 
   void call_nobody() {
@@ -172,7 +172,7 @@ class ServerRole {
     step.expect("did not wait", true, taken.count() < kCallLimitMs);
   }
 
-  // Each call its own: a result that stays away can't be taken for an earlier one.
+  // One id for each call: a missing result cannot be mistaken for an earlier one.
   int next_call_id() { return ++last_call_id_; }
 
   void stop() {
@@ -193,7 +193,7 @@ class ServerRole {
     step.stop();
   }
 
-  // The count falls right after the hook has returned.
+  // The count is decremented right after the hook returns.
   void wait_for_no_clients() {
     const auto limit = std::chrono::steady_clock::now() + kEventLimit;
     while (server_->GetClientCount() > 0 && std::chrono::steady_clock::now() < limit) {

@@ -1,6 +1,6 @@
-// The little that the server of another version needs of the system: one TCP connection.
+// The one TCP connection that the server of another version needs.
 //
-// Thread: one. Owner: whoever holds it. Failure: port 0, false.
+// Thread: one. Owner: its holder. Failure: port 0, false.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ class OneClientServer {
   OneClientServer(const OneClientServer&) = delete;
   OneClientServer& operator=(const OneClientServer&) = delete;
 
-  // Listens on 127.0.0.1, at a port that the system chooses; 0 when it can't.
+  // Listens on 127.0.0.1, on a port that the system chooses; 0 on failure.
   std::uint16_t listen();
   // Waits for the client.
   void accept();

@@ -43,7 +43,7 @@ bool OneClientServer::read_all(char* to, std::size_t count) {
 }
 
 void OneClientServer::write_all(const char* from, std::size_t count) {
-  if (write(system_->client, from, count) < 0) return;  // its silence tells
+  if (write(system_->client, from, count) < 0) return;  // the client notices a failure as a timeout
 }
 
 }  // namespace demo

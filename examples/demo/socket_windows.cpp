@@ -45,7 +45,8 @@ bool OneClientServer::read_all(char* to, std::size_t count) {
 }
 
 void OneClientServer::write_all(const char* from, std::size_t count) {
-  send(system_->client, from, static_cast<int>(count), 0);  // when it fails, its silence tells
+  send(system_->client, from, static_cast<int>(count),
+       0);  // the client notices a failure as a timeout
 }
 
 }  // namespace demo

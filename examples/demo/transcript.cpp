@@ -22,7 +22,7 @@ constexpr std::size_t kWhatColumns = 38;
 constexpr std::size_t kResultColumns = 36;
 constexpr int kBarColumns = 40;
 
-// In characters: bytes that continue one don't count.
+// In characters: UTF-8 continuation bytes do not count.
 std::size_t columns(const std::string& text) {
   return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
     return (static_cast<unsigned char>(c) & 0xC0) != 0x80;

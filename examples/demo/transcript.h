@@ -1,4 +1,4 @@
-// The transcript that a person reads: who says what to whom, and what comes of it.
+// The transcript for the reader: each call with its caller, its peer and its outcome.
 //
 // Thread: one. Owner: values; writes to standard output. Failure: none.
 #pragma once
@@ -18,7 +18,7 @@ class Transcript {
   void title(const std::string& text);
   void part(const std::string& text);
   void step(const Event& event);
-  // What the library itself printed in a process, or the same in several.
+  // The lines that the library printed in a process, or the same lines in several.
   void library_lines(const std::string& who, const std::vector<std::string>& lines);
   void problem(const std::string& text);
   void progress(std::uint64_t moved, std::uint64_t total);

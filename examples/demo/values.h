@@ -1,6 +1,6 @@
-// The values that travel in the demo, and small tools to make, read and show them.
+// The values that the demo sends, and functions that make, read and show them.
 //
-// Thread: any. Owner: values. Failure: a value that is missing or of another kind shows as such.
+// Thread: any. Owner: values. Failure: a missing value, or one of another type, is shown as such.
 #pragma once
 
 #include <tolk/tolk.h>
@@ -25,7 +25,7 @@ class Method final : public IServerMethod {
   Function function_;
 };
 
-// What a value is, for people: `true`, `41`, `2.5`, `"ada"`, `00 ff 10`, `[1, "two"]`, or
+// A readable form of a value: `true`, `41`, `2.5`, `"ada"`, `00 ff 10`, `[1, "two"]`, or
 // `nothing`.
 std::string shown(const TolkValue* value);
 std::string shown(const TolkParams* reply);
@@ -37,7 +37,7 @@ std::string value_of(TolkParams* reply, const char* key);
 int int_at(TolkParams* block, int position);
 std::string text_at(TolkParams* block, int position);
 
-// One value of every type, and what the method "mirror" makes of them.
+// One value of every type, and what the method "mirror" returns for it.
 struct MirrorRow {
   const char* type;
   std::string sent;
@@ -51,7 +51,7 @@ std::string mirrored(TolkParams* reply, std::size_t row);
 
 // 64-bit FNV-1a in hexadecimal.
 std::string digest(std::string_view bytes);
-// Bytes that no compression and no shortcut could replace.
+// Pseudo-random bytes, which do not compress.
 std::string noise(std::size_t count);
 
 }  // namespace demo

@@ -3,8 +3,8 @@
 //   file_transfer_client PORT put FILE
 //   file_transfer_client PORT get NAME FILE
 //
-// SendMsgEx waits for its result without a time-out: it returns when the result is there or the
-// connection is lost. So nobody may close this client while it waits.
+// SendMsgEx waits without a timeout, until the result arrives or the connection is lost. No other
+// thread may close this client meanwhile.
 #include <tolk/tolk.h>
 
 #include <filesystem>

@@ -1,9 +1,9 @@
-// Keeps the files that clients send to it, and gives them back.
+// Stores the files that clients send, and returns them on request.
 //
 //   file_transfer_server PORT DIRECTORY        until Enter
 //
-// Files travel as large calls: the library cuts them into pieces and joins them again, and to a
-// handler they look like any other call.
+// Files are large calls: the library splits them into pieces and joins the pieces again. A handler
+// sees an ordinary call.
 #include <tolk/tolk.h>
 
 #include <filesystem>
@@ -13,8 +13,7 @@
 #include <string>
 #include <utility>
 
-// The name in a call, if it is that of a file right in our directory. Never trust what a peer
-// sends:
+// The name in a call, if it names a file directly in the directory. Never trust what a peer sends:
 // "../../secret" is a name too.
 std::string name_in(TolkParams* in) {
   const TolkValue* value = in->GetMap("name");
@@ -40,7 +39,7 @@ struct Put : IServerMethod {
   std::filesystem::path directory;
 };
 
-// Answers the bytes, or nothing when there is no such file.
+// Returns the bytes, or nothing when there is no such file.
 struct Get : IServerMethod {
   explicit Get(std::filesystem::path where) : directory(std::move(where)) {}
   void callback(int, TolkParams* in, TolkParams* out) override {
@@ -58,7 +57,7 @@ int main(int argc, char** argv) {
   static Put put(directory);
   static Get get(directory);
   IServer* server = CreateServer();
-  server->SetCustomReleaseEvent();  // the handlers stay ours
+  server->SetCustomReleaseEvent();  // the program keeps its handlers
   server->method("put", &put);
   server->method("get", &get);
   if (!server->InitTolkServer(argc > 1 ? argv[1] : "4002")) return 1;

@@ -15,10 +15,9 @@ int main(int argc, char** argv) {
   server.listen(where);
 
   tolk::Client client = tolk::connect(where, {.quiet = true});
-  // value() throws tolk::Error when there is none.
+  // value() throws the tolk::Error of a failed call.
   std::cout << client.call<int>("add", 2, 3).value() << "\n";
-  // Or ask first. The duration, always last, is how long this call may take: 5 s if it does not
-  // say.
+  // Or test the result. A duration, always last, limits the call; the default is 5 s.
   const tolk::Result<double> ratio = client.call<double>("divide", 1.0, 0.0, 500ms);
   if (!ratio) std::cout << ratio.error().detail() << "\n";
   std::cout << ratio.value_or(-1) << "\n";

@@ -12,7 +12,7 @@ int main(int argc, char** argv) {
 
   tolk::Client client = tolk::connect(where, {.quiet = true});
   const tolk::bytes data(1'000'000);
-  // The data is the method's first argument, what stands behind the callback are the others.
+  // The data is the first argument; the others follow the callback.
   const auto show = [](tolk::Progress now) {
     std::cout << static_cast<int>(100 * now.fraction()) << " %\n";
   };

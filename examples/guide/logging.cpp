@@ -7,9 +7,9 @@ int main(int argc, char** argv) {
   std::mutex mutex;
   std::string lines;
 
-  tolk::Server server;  // with quiet, it would have told no more than failures
+  tolk::Server server;  // quiet would leave only the failures
   server.on("fail", [] { throw std::runtime_error("out of paper"); });
-  // The server's lines, with their line ends, on whichever thread writes them.
+  // Gets each line with its line end, on the thread that logs it.
   server.log([&](std::string_view line) {
     const std::lock_guard lock(mutex);
     lines += line;

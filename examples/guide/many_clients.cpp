@@ -9,7 +9,7 @@ int main(int argc, char** argv) {
   std::latch joined(kClients), heard(kClients);
 
   tolk::Server server(tolk::Options{.quiet = true});
-  // A client can be called once it has sent something itself; ids are the handlers' callers'.
+  // A server can call a client after the client has sent something.
   server.on("join", [&] { joined.count_down(); });
   server.listen(where);
 

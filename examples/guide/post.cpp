@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
   server.listen(where);
 
   tolk::Client client = tolk::connect(where, {.quiet = true});
-  // On its way when this returns. Whether the method ran is not told.
+  // Returns when the call is on its way. Nothing reports whether the method ran.
   client.post("log", tolk::arg("level", 3), "disk nearly full");
   logged.get_future().wait();
 }

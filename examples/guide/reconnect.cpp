@@ -11,8 +11,8 @@ std::unique_ptr<tolk::Server> started(const tolk::Address& where) {
   return server;
 }
 
-// Not by std::cout: the library prints a line of its own when a server goes, on another thread, and
-// after `quiet` two threads must not use std::cout at once.
+// Not std::cout: the library prints a line on another thread when the server closes, and after
+// `quiet` two threads must not use std::cout at once.
 void print(const std::string& line) { std::puts(line.c_str()); }
 
 int main(int argc, char** argv) {
@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
 
   tolk::Client client = tolk::connect(where, {.quiet = true});
   std::atomic<bool> gone = false;
-  // calls_wait: a call waits for the new connection, as long as its limit allows.
+  // calls_wait: a call waits for the new connection until its own limit.
   client.reconnecting({.calls_wait = true, .changed = [&](bool connected) {
                          if (!connected) gone = true;
                          gone.notify_all();
@@ -32,8 +32,8 @@ int main(int argc, char** argv) {
   gone.wait(false);
   print("the server is gone");
   server = started(where);
-  // A call that is under way when the server goes, or when the old connection ends, is not made
-  // again by itself: only the host knows whether its method may run twice.
+  // The library does not repeat a call that was under way when the connection ended: only the host
+  // knows whether the method may run twice.
   const auto may_try_again = [](tolk::Errc code) {
     return code == tolk::Errc::gone || code == tolk::Errc::interrupted;
   };

@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
   server.on("square", [](int n) { return n * n; });
   server.listen(where);
 
-  // One client for all threads: their calls run side by side, and each gets its own result.
+  // Threads can share a client. Their calls run at the same time.
   tolk::Client client = tolk::connect(where, {.quiet = true});
   std::atomic<int> sum = 0;
   {
@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
   }
   std::cout << sum << "\n";
 
-  // Or without threads of one's own.
+  // The same on the client's threads.
   std::future<int> six = client.async<int>("square", 6);
   std::future<int> seven = client.async<int>("square", 7);
   std::cout << six.get() + seven.get() << "\n";

@@ -1,6 +1,6 @@
-// A worker of worker_pool_server: does what it is called for until the server goes away.
+// A worker of worker_pool_server: answers calls until the server closes.
 //
-//   worker_pool_client PORT [JOBS]        JOBS: dies in the middle of this one
+//   worker_pool_client PORT [JOBS]        dies during job number JOBS
 #include <tolk/tolk.h>
 
 #include <atomic>
@@ -15,11 +15,11 @@ bool is_prime(int number) {
   return number > 1;
 }
 
-// The server calls this; it runs on one of our worker threads.
+// The server calls this on a worker thread of this process.
 struct CountPrimes : IServerMethod {
   explicit CountPrimes(int its_last_job) : last_job(its_last_job) {}
   void callback(int, TolkParams* in, TolkParams* out) override {
-    if (++jobs == last_job) std::_Exit(3);  // as if somebody had killed us
+    if (++jobs == last_job) std::_Exit(3);  // as if the process had been killed
     const TolkValue* from = in->GetValue(0);
     const TolkValue* to = in->GetValue(1);
     if (!from || !from->IsInt() || !to || !to->IsInt()) return;
@@ -33,8 +33,7 @@ struct CountPrimes : IServerMethod {
   const int last_job;
 };
 
-// The event that the server has gone. It runs on the loop thread, where nothing may wait; so it
-// only lets main go on.
+// The server has closed. This runs on the loop thread, which must not wait, so it only wakes main.
 struct ServerGone : IServerMethod {
   void callback(int, TolkParams*, TolkParams*) override { gone.set_value(); }
   std::promise<void> gone;
@@ -44,7 +43,7 @@ int main(int argc, char** argv) {
   static CountPrimes count_primes(argc > 2 ? std::atoi(argv[2]) : 0);
   static ServerGone server_gone;
   IClient* client = CreateClient();
-  client->SetCustomReleaseEvent();  // the handlers stay ours
+  client->SetCustomReleaseEvent();  // the program keeps its handlers
   client->method("count primes", &count_primes);
   client->method("s_c_closed", &server_gone);
   const int time_out_ms = 2000;

@@ -1,9 +1,9 @@
-// Shares work among worker processes: counts the primes below LIMIT.
+// Divides work among worker processes: counts the primes below LIMIT.
 //
 //   worker_pool_server PORT WORKERS LIMIT
 //
-// Here the server is the one that calls. Workers connect and report; then the server hands each of
-// them one job at a time. A worker that dies loses nothing: its job goes to another.
+// Here the server makes the calls. Workers connect and report. The server then gives each worker
+// one job at a time. When a worker dies, another gets its job.
 #include <tolk/tolk.h>
 
 #include <condition_variable>
@@ -15,8 +15,8 @@
 #include <thread>
 #include <vector>
 
-// A range to search, and the call id under which its result comes. Every job has its own: a call
-// that is not answered returns what an earlier one with its id has left.
+// A range to search, and the call id for its result. Every job has its own id, because a call
+// without an answer returns the earlier result of its id.
 struct Job {
   int from;
   int to;
@@ -32,7 +32,7 @@ class Jobs {
     }
   }
 
-  // The next job; false when all are done. Waits while others may still give theirs back.
+  // The next job; false when all are done. Waits while another thread may still return its job.
   bool take(Job& job) {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [&] { return !jobs_.empty() || open_ == 0; });
@@ -81,7 +81,7 @@ struct Report : IServerMethod {
   std::vector<int> ids;
 };
 
-// One thread for each worker. It ends with the work, or with its worker.
+// One thread for each worker. It ends when the work is done or its worker is gone.
 void keep_busy(IServer* server, int worker, Jobs& jobs) {
   const int time_out_ms = 2000;
   for (Job job{}; jobs.take(job);) {
@@ -100,7 +100,7 @@ int main(int argc, char** argv) {
   Jobs jobs(argc > 3 ? std::atoi(argv[3]) : 1000000);
   static Report report;
   IServer* server = CreateServer();
-  server->SetCustomReleaseEvent();  // the handler stays ours
+  server->SetCustomReleaseEvent();  // the program keeps its handler
   server->method("report", &report);
   if (!server->InitTolkServer(argc > 1 ? argv[1] : "4003")) return 1;
   std::cout << "waiting for workers" << std::endl;

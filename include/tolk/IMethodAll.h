@@ -1,17 +1,18 @@
 /// @file
-/// The host's handler of every name that has no handler of its own. Only servers call it.
+/// The host's handler for every method name without a handler. Only servers call it.
 ///
-/// Thread, owner and failure: as IServerMethod.
+/// Thread, owner and failure: as for IServerMethod.
 #pragma once
 
 #include <tolk/export.h>
 
 class TolkParams;
 
-/// A handler of every name that has no handler of its own. See the head of the file.
+/// A handler for every method name without a handler. See the head of the file.
 class TOLK_API IMethodAll {
  public:
   virtual ~IMethodAll() = default;
-  /// As IServerMethod::callback; `name` is the method that was called.
+  /// Like IServerMethod::callback. `name` is the method. The server adds the text "no event: NAME"
+  /// after the values that the handler adds to `out`.
   virtual void callback(const char* name, int id, TolkParams* in, TolkParams* out) = 0;
 };

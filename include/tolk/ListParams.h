@@ -1,11 +1,10 @@
 /// @file
-/// Builder of a list record for TolkParams::AddList.
+/// A builder of a list for TolkParams::AddList.
 ///
-/// Thread: any, one at a time.
+/// Thread: one thread at a time.
 ///
-/// Owner: the host, until AddList takes the list over and frees it; so a list that goes to AddList
-/// is made with TolkParams::CreateListParams. Copies share the elements, which die with the last
-/// list or block that holds them.
+/// Owner: the host. AddList takes ownership of a list from TolkParams::CreateListParams and frees
+/// it. Copies share the elements, which are freed with the last list or block that holds them.
 ///
 /// Failure: std::bad_alloc only.
 #pragma once
@@ -16,18 +15,18 @@
 
 class TolkValue;
 
-/// A list on its way into a block. See the head of the file.
+/// A list that will be added to a block. See the head of the file.
 class TOLK_API ListParams {
  public:
   ListParams();  ///< empty
   /// Shares the elements of `other`.
   ListParams(const ListParams& other);
-  /// Shares the elements of `other`, in place of those it had.
+  /// Replaces the elements by those of `other`, which both lists then share.
   ListParams& operator=(const ListParams& other);
-  ~ListParams();  ///< frees elements that nothing else holds
+  ~ListParams();  ///< frees the elements that no other list or block holds
 
   /// @{
-  /// Append an element; a text or a stream of `len` bytes.
+  /// Append an element. A string or a stream has `len` bytes.
   void AddBool(bool v);
   void AddInt(int v);
   void AddDouble(double v);

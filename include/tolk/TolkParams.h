@@ -1,20 +1,21 @@
 /// @file
-/// The arguments or the results of one call.
+/// A parameter block: the arguments or the results of one call.
 ///
-/// A sender appends records with the Add… operations; a receiver parses received bytes and reads
-/// values by position (GetValue) and by key (GetMap). Adding does not make values readable: parse
-/// the block's own bytes with ToParams for that.
+/// A sender appends values with the Add… operations. A receiver parses received bytes and reads the
+/// values by position (GetValue) and by key (GetMap). An added value becomes readable when ToParams
+/// parses the block's own bytes.
 ///
-/// Thread: any, one at a time. A result block that a call returned may be refreshed by the library
-/// at any time with a later reply for the same call id; reading it meanwhile is safe.
+/// Thread: one thread at a time. The library may replace the content of a result block with a later
+/// reply for the same call id while one thread reads the block. Several threads must not read one
+/// result block at the same time.
 ///
-/// Owner: the block owns its bytes and values. What an accessor returns belongs to the block and is
-/// valid until the next Clear, Parser, ToParams or destruction.
+/// Owner: the block owns its bytes and values. A pointer from an accessor is valid until the next
+/// Clear, Parser or ToParams, or the end of the block.
 ///
-/// Failure: std::bad_alloc; Parser and ToParams say false.
+/// Failure: std::bad_alloc. Parser and ToParams return false for malformed bytes.
 ///
-/// Units: lengths are in bytes and travel as 32 bits; a negative one counts as 0. A null text or
-/// key counts as "", null data as empty.
+/// Units: lengths are in bytes and are sent as 32 bits. A negative length counts as 0, a null
+/// string or key as "", and null data as empty.
 #pragma once
 
 #include <tolk/export.h>
@@ -25,23 +26,23 @@
 class ListParams;
 class TolkValue;
 
-/// The arguments or the results of one call. See the head of the file.
+/// A parameter block. See the head of the file.
 class TOLK_API TolkParams {
  public:
   TolkParams();  ///< empty
-  /// Copies the bytes; shares the parsed values.
+  /// Copies the bytes and shares the parsed values.
   TolkParams(const TolkParams& other);
-  /// On purpose: both blocks then refer to the same bytes and values, and what is added to one is
-  /// seen through the other. The last of them frees them.
+  /// On purpose: both blocks then share bytes and values, and a value that is added to one appears
+  /// in the other. The last block frees them.
   TolkParams& operator=(const TolkParams& other);
-  ~TolkParams();  ///< frees what no copy shares
+  ~TolkParams();  ///< frees the content that no other block shares
 
   /// @{
   /// Append a value by position.
   void AddInt(int v);
   void AddBool(bool v);
   void AddDouble(double v);
-  void AddString(const char* s);               ///< append a text, up to its first zero byte
+  void AddString(const char* s);               ///< append a string, up to its first zero byte
   void AddStream(const char* data, long len);  ///< append bytes, zero bytes included
   /// @}
   /// @{
@@ -52,45 +53,46 @@ class TOLK_API TolkParams {
   void AddKeyValueString(const char* key, const char* s);
   void AddKeyValueStream(const char* key, const char* data, long len);
   /// @}
-  /// Takes `list` over and frees it; null is ignored.
+  /// Appends the list, takes ownership of it and frees it. Null is ignored.
   void AddList(ListParams* list);
-  /// A new, empty list on the heap, to be given to AddList.
+  /// Returns a new, empty list for AddList.
   static ListParams* CreateListParams();
 
-  std::string* GetParamas();    ///< the encoded bytes themselves
-  const char* GetParamasPtr();  ///< where they begin
-  long GetParamasSize();        ///< how many they are
-  int Size();                   ///< bytes
-  int ParamsSize();             ///< positional values, once parsed
-  /// Keyed values, once parsed. A result has those of its envelope too; their names begin with
-  /// s_c_.
+  std::string* GetParamas();    ///< the encoded bytes
+  const char* GetParamasPtr();  ///< the first of the encoded bytes
+  long GetParamasSize();        ///< the number of encoded bytes
+  int Size();                   ///< the number of encoded bytes
+  int ParamsSize();             ///< the number of parsed positional values
+  /// The number of parsed keyed values. A result includes the keys of its envelope, which begin
+  /// with s_c_.
   int MapSize();
 
-  /// Replaces the block by what `data[0..len)` encodes. False at the first malformed record; the
-  /// values before it stay readable.
+  /// Replaces the content by the values that `data[0..len)` encodes. Returns false at the first
+  /// malformed record; the values before it are readable.
   bool Parser(const char* data, int len);
-  /// Parses the block's own bytes.
+  /// Parses the block's own bytes. Returns false as Parser does.
   bool ToParams();
 
   TolkValue* GetValue(int i);          ///< null outside 0 … ParamsSize() - 1
-  TolkValue* GetMap(const char* key);  ///< null when there is none
-  /// The keyed values under the addresses of their key texts; made at the first use after a parse.
+  TolkValue* GetMap(const char* key);  ///< null if the key is missing
+  /// All keyed values. A map key is the address of the key's text, so look up by GetMap. The map is
+  /// made at the first use after a parse.
   std::map<const char*, TolkValue*>* GetMapPtr();
 
   /// @{
-  /// A flag for hosts; the library only keeps it.
+  /// A flag for the host: GetBuffer sets it. The library does not use it.
   void GetBuffer();
   bool IsGetBuffer();
   /// @}
 
-  /// Empties the block.
+  /// Removes all bytes and values.
   void Clear();
-  /// Writes a readable dump of the parsed values to standard output.
+  /// Prints the parsed values to standard output.
   void print();
 
  protected:
   /// @{
-  /// Parts of the encoding, for hosts that derive from the class.
+  /// Parts of the encoding, for derived classes.
   void IntTobytes(int v, std::string* out);
   void DoubleTobytes(double v, std::string* out);
   void AddCheckSize();
@@ -104,8 +106,9 @@ class TOLK_API TolkParams {
   struct Content;
 
   bool get_buffer_ = false;
-  bool refreshable_ = false;  // a result block that the library may refresh under the host's hands
-  // Bytes, positional values, keyed values, keyed view; counted. In a refreshable block the lowest
-  // bit of the pointer says that the host has used this content; const readers set it too.
+  bool refreshable_ = false;  // a result block whose content the library may replace
+  // Bytes, positional values, keyed values, keyed view; reference counted. In a refreshable block,
+  // the lowest bit of the pointer means that the host has used this content. Const readers set it
+  // too.
   mutable Content* content_;
 };

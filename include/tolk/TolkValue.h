@@ -2,16 +2,17 @@
 /// One typed value of a parameter block: nothing, bool, 32-bit int, double, string, byte stream,
 /// list of values, or map of named values.
 ///
-/// Thread: any, one at a time; no locks. Elements that two lists share may be released from two
-/// threads at once (they are counted), but not changed while another thread reads them.
+/// Thread: one thread at a time; there are no locks. Two threads may release elements that two
+/// lists share, because elements are reference counted. No thread may change an element while
+/// another thread reads it.
 ///
-/// Owner: a String or Stream owns its bytes. Elements of a List and entries of a Map belong to
-/// every value, block or ListParams that holds them, and die with the last one.
+/// Owner: a String or Stream owns its bytes. The elements of a List and the entries of a Map are
+/// shared by every value, block and ListParams that holds them, and are freed with the last one.
 ///
-/// Failure: std::bad_alloc only. An accessor of the wrong kind is harmless: GetString and GetStream
-/// give an empty text, the numeric ones the bytes of the value field.
+/// Failure: std::bad_alloc only. An accessor of the wrong type is harmless: GetString and GetStream
+/// return an empty string, and the numeric accessors return the bytes of the value field.
 ///
-/// Units: every `len` is in bytes; a negative one counts as 0, a null `data` as empty.
+/// Units: a `len` is in bytes. A negative `len` counts as 0, and null `data` as empty.
 #pragma once
 
 #include <tolk/export.h>
@@ -24,13 +25,13 @@
 /// One typed value. See the head of the file.
 class TOLK_API TolkValue {
  public:
-  /// The numbers are fixed. They are not the tag bytes of the wire encoding.
+  /// The numbers are fixed. They differ from the tag bytes of the wire encoding.
   enum Type : std::int32_t {
     None = 0,    ///< nothing
     Bool = 1,    ///< bool
     Int = 2,     ///< signed, 32 bits
     Double = 3,  ///< double
-    String = 4,  ///< text, zero-terminated
+    String = 4,  ///< zero-terminated string
     Stream = 5,  ///< bytes
     List = 6,    ///< values by position
     Map = 7,     ///< values by name
@@ -38,22 +39,22 @@ class TOLK_API TolkValue {
 
   TolkValue();  ///< nothing
   /// @{
-  /// A value of the argument's type; of a Type, an empty value of that kind.
+  /// A value of the argument's type. A Type makes an empty value of that type.
   TolkValue(bool v);
   TolkValue(int v);
   TolkValue(double v);
   TolkValue(Type type);
   /// @}
-  /// A copy of exactly `len` bytes, zero bytes included. For String and Stream.
+  /// A String or Stream with a copy of exactly `len` bytes, zero bytes included.
   TolkValue(const char* data, long len, Type type);
-  /// Strings and streams are copied; the elements of lists and maps are shared.
+  /// Copies strings and streams, and shares the elements of lists and maps.
   TolkValue(const TolkValue& other);
-  /// As the copy constructor; what the value held is released.
+  /// Like the copy constructor. Releases the earlier content.
   TolkValue& operator=(const TolkValue& other);
-  ~TolkValue();  ///< frees what nothing else holds
+  ~TolkValue();  ///< frees the elements that nothing else holds
 
   /// @{
-  /// Whether the value is of that kind.
+  /// Return whether the value has that type.
   bool IsBool() const;
   bool IsInt() const;
   bool IsDouble() const;
@@ -63,21 +64,21 @@ class TOLK_API TolkValue {
   /// @}
 
   /// @{
-  /// The value. Ask first whether it is of that kind.
+  /// Return the value. Test its type first.
   bool GetBool() const;
   int GetInt() const;
   double GetDouble() const;
   /// @}
   /// Zero-terminated; valid until the value is changed or destroyed.
   const char* GetString() const;
-  /// Stores the length in bytes into `len`. Same life time as GetString.
+  /// Stores the length in bytes in `len`. Valid as long as the result of GetString.
   const char* GetStream(long& len) const;
   /// Never null; empty unless the value is a List.
   const std::vector<TolkValue*>* GetList() const;
 
   /// @{
-  /// Append a new element. The value's type is neither tested nor changed: start with
-  /// TolkValue(TolkValue::List).
+  /// Append a new element. The operation neither tests nor changes the type of the value; start
+  /// with TolkValue(TolkValue::List).
   void AddListBool(bool v);
   void AddListInt(int v);
   void AddListDouble(double v);
@@ -86,8 +87,8 @@ class TOLK_API TolkValue {
   /// @}
 
   /// @{
-  /// Set an entry. Start with TolkValue(TolkValue::Map). On purpose: a value that the key already
-  /// had is dropped without being destroyed, as hosts have always seen it.
+  /// Set an entry. Start with TolkValue(TolkValue::Map). On purpose: the earlier value of a key is
+  /// dropped and not destroyed.
   void AddListMapBool(const char* key, bool v);
   void AddListMapInt(const char* key, int v);
   void AddListMapDouble(const char* key, double v);
@@ -95,7 +96,7 @@ class TOLK_API TolkValue {
   void AddListMapStream(const char* key, const char* data, long len);
   /// @}
 
-  /// Releases what the value owns; its type becomes None.
+  /// Releases the content; the type becomes None.
   void clear();
 
  private:
@@ -111,7 +112,7 @@ class TOLK_API TolkValue {
 
   Field value_;
   Type type_;
-  std::uint32_t owners_;  // how many lists, maps and blocks hold this element; changed atomically
+  std::uint32_t owners_;  // the lists, maps and blocks that hold this element; changed atomically
   std::vector<TolkValue*> list_;
   std::map<std::string, TolkValue*> map_;
 };

@@ -1,10 +1,10 @@
 /// @file
-/// Visibility of what the library exports.
-/// A host that links the static library or the objects defines TOLK_STATIC.
+/// Visibility of the exported names.
+/// A host that links the static library or its object files must define TOLK_STATIC.
 #pragma once
 
 /// @def TOLK_API
-/// What the library exports.
+/// Marks an exported class or function.
 #if defined(TOLK_STATIC)
 #define TOLK_API
 #elif defined(_WIN32)

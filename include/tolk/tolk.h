@@ -1,5 +1,5 @@
 /// @file
-/// Everything that a host includes, and the four factories.
+/// All of the plain interface, and its four factory functions.
 #pragma once
 
 #include <tolk/IClient.h>
@@ -13,14 +13,20 @@
 
 extern "C" {
 
-/// A client that is not connected yet; null when there is no memory.
+/// Returns a client that is not connected, or null without memory.
 TOLK_API IClient* CreateClient();
-/// Waits 300 ms, closes a connected client and frees it. Null is ignored.
+/// Waits 300 ms, closes the client if it is connected, and frees it. The close deletes the handlers
+/// unless SetCustomReleaseEvent was called. Null is ignored. An operation that is under way on
+/// another thread returns null or false; the host must not begin one afterwards.
 TOLK_API void DestroyClient(IClient* client);
 
-/// A server that is not started yet; null when there is no memory.
+/// Returns a server that is not started, or null without memory.
 TOLK_API IServer* CreateServer();
-/// Stops the server (`closeasync` for a pipe, `close` for TCP) and frees it. Null is ignored.
+/// Stops the server and frees it. Null is ignored. If IsPipe() is true, it calls `closeasync`,
+/// which takes 200 ms on a running server and deletes no handlers. Otherwise it calls `close`,
+/// which deletes the handlers of a running server unless SetCustomReleaseEvent was called. The log
+/// sink is never deleted, and it is not called any more when DestroyServer has returned. A handler
+/// that is running may return later.
 TOLK_API void DestroyServer(IServer* server);
 
 }  // extern "C"

@@ -1,6 +1,6 @@
 /// @file
-/// The C++ layer: servers, clients and calls with the types of the language. C++20, headers only,
-/// on the exported interface alone.
+/// The C++ layer: servers, clients and calls with C++ types. It needs C++20 and consists of headers
+/// that use only the exported interface.
 ///
 /// @code
 /// tolk::Server server;
@@ -11,12 +11,11 @@
 /// int sum = client.call<int>("add", 2, 3, 500ms).value();
 /// @endcode
 ///
-/// Both ends work with hosts that use the plain interface. What the layer adds to messages is in
-/// docs/wire.md.
+/// A peer may use the plain interface. docs/wire.md describes what the layer adds to messages.
 #pragma once
 
 #if defined(__cplusplus) && __cplusplus < 202002L && (!defined(_MSVC_LANG) || _MSVC_LANG < 202002L)
-// Nothing behind it, so that it is all that the compiler says.
+// Nothing follows the #error, so that it is the only message of the compiler.
 #error "tolk.hpp needs C++20 (-std=c++20); tolk.h does with C++17"
 #else
 

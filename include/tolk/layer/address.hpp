@@ -1,9 +1,10 @@
 /// @file
-/// Where a server is: a local pipe, or a TCP port.
+/// The address of a server: a local pipe or a TCP port.
 ///
-/// As text: `pipe:5000`, `tcp4:127.0.0.1:5000`, `tcp6:[::1]:5000`; a bare number is a pipe.
-/// Thread: values. Failure: an address that can not be is a tolk::Error (Errc::bad_address) when it
-/// is made; its text names what was wrong.
+/// The text forms are `pipe:5000`, `tcp4:127.0.0.1:5000` and `tcp6:[::1]:5000`. A bare number is a
+/// pipe.
+/// Thread: values. Failure: the constructor of an invalid address throws tolk::Error
+/// (Errc::bad_address), whose text says what is wrong.
 #pragma once
 
 #include <charconv>
@@ -16,35 +17,35 @@
 namespace tolk {
 inline namespace v1 {
 
-/// A local pipe, by its number. With `using namespace tolk` and <unistd.h> write `tolk::pipe`: the
-/// system has a function of that name.
+/// A local pipe. With `using namespace tolk` and <unistd.h>, write `tolk::pipe`, because <unistd.h>
+/// declares a function `pipe`.
 struct pipe {
   int number = 0;  ///< 0 … 2147483647
 };
 
-/// A TCP port on an IPv4 address. Host names are not looked up.
+/// A TCP port of an IPv4 address. Host names are not resolved.
 struct tcp4 {
-  std::string host;  ///< numbers: `"127.0.0.1"`
+  std::string host;  ///< a numeric address: `"127.0.0.1"`
   int port = 0;      ///< 1 … 65535
 };
 
-/// A TCP port on an IPv6 address. Host names are not looked up.
+/// A TCP port of an IPv6 address. Host names are not resolved.
 struct tcp6 {
-  std::string host;  ///< numbers, without brackets: `"::1"`
+  std::string host;  ///< a numeric address without brackets: `"::1"`
   int port = 0;      ///< 1 … 65535
 };
 
-/// Which way two processes are joined.
+/// The transport between two processes.
 enum class Transport { pipe, tcp4, tcp6 };
 
-/// Where a server is.
+/// The address of a server.
 class Address {
  public:
   /// A local pipe.
   Address(pipe where) : Address(Transport::pipe, "", where.number) {}
-  /// A port on an IPv4 address.
+  /// A port of an IPv4 address.
   Address(const tcp4& where) : Address(Transport::tcp4, where.host, where.port) {}
-  /// A port on an IPv6 address.
+  /// A port of an IPv6 address.
   Address(const tcp6& where) : Address(Transport::tcp6, where.host, where.port) {}
   /// The address that `text` names.
   Address(std::string_view text) : Address(parse(text)) {}
@@ -55,12 +56,12 @@ class Address {
 
   /// Pipe, IPv4 or IPv6.
   Transport transport() const noexcept { return transport_; }
-  /// The host's address; empty for a pipe.
+  /// The numeric address of the machine; empty for a pipe.
   const std::string& host() const noexcept { return host_; }
   /// The port, or the pipe's number.
   int number() const noexcept { return number_; }
 
-  /// As text that names the same address.
+  /// The text form of the address.
   std::string text() const {
     const std::string port = std::to_string(number_);
     if (transport_ == Transport::pipe) return "pipe:" + port;
@@ -123,7 +124,7 @@ class Address {
     return {transport, host, port};
   }
 
-  // A bare number is a pipe, and one that is no number was never meant to be.
+  // Digits alone name a pipe.
   static bool is_digits(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
   }
@@ -139,17 +140,17 @@ class Address {
     for (int part = 0; part < 4; ++part) {
       const std::size_t dot = part < 3 ? host.find('.') : host.size();
       int value = 0;
-      if (dot > 3) return false;  // also where there is none
+      if (dot > 3) return false;  // also when there is no dot
       const std::string_view digits = host.substr(0, dot);
       if (!number_from(digits, value) || value > 255) return false;
-      if (digits.size() > 1 && digits.front() == '0') return false;  // octal, to some
+      if (digits.size() > 1 && digits.front() == '0') return false;  // octal elsewhere
       host.remove_prefix(part < 3 ? dot + 1 : dot);
     }
     return host.empty();
   }
 
-  // Eight groups, or fewer and one gap; an IPv4 address at the end stands for two. Whether the
-  // zone behind the % is one, the system knows.
+  // Eight groups, or fewer and one gap. An IPv4 address at the end counts as two groups. The system
+  // checks the zone after the %.
   static bool is_ip6(std::string_view host) {
     if (host.ends_with('%')) return false;
     std::string_view rest = host.substr(0, host.find('%'));

@@ -1,5 +1,5 @@
 /// @file
-/// The ids under which the library keeps the results of calls.
+/// The call ids under which the library stores results.
 #pragma once
 
 #include <tolk/TolkParams.h>
@@ -17,9 +17,9 @@ inline namespace v1 {
 /// @cond internal
 namespace detail {
 
-// Lends an id to each call, so that no two calls share the slot of their result. An id comes back
-// when its answer has come: then no other answer can. One whose answer did not come is spoiled: a
-// late answer would look like that of the next call.
+// Lends an id to each call, so that no two calls share a result slot. An answered id is reused,
+// because no other answer can arrive for it. An unanswered id is spoiled: a late answer would look
+// like the answer to the next call.
 // Thread: any. Owner: plain numbers.
 class CallIds {
  public:
@@ -37,8 +37,8 @@ class CallIds {
 
   enum class Use { answered, spoiled, unused };
 
-  // `clear` empties the whole table of results. It runs when late answers may have gathered there
-  // and no call is under way whose answer could go with them; no call begins meanwhile.
+  // `clear` empties the whole result table. It runs when late answers may have accumulated there
+  // and no call is under way that could lose its answer. No call begins meanwhile.
   template <class Clear>
   void take_back(int id, Use use, const Clear& clear) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -55,10 +55,10 @@ class CallIds {
     clear();
   }
 
-  // The id that has been spoiled for longest, to look whether its late answer has come.
+  // The id that has been spoiled for the longest time, to test whether its late answer has arrived.
   std::optional<int> take_spoiled() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (spoiled_.size() < 2) return std::nullopt;  // the newest can't have come yet
+    if (spoiled_.size() < 2) return std::nullopt;  // the newest answer cannot have arrived yet
     const int id = spoiled_.front();
     spoiled_.pop_front();
     return id;
@@ -78,7 +78,7 @@ class CallIds {
   }
 
  private:
-  // Odd numbers beyond every system's thread numbers: hosts without the layer use those, and
+  // Odd numbers above the thread ids of every system. The plain interface uses thread ids and
   // addresses, which are even.
   static constexpr int kFirst = 0x40000001;
   static constexpr std::size_t kMostSpoiled = 4096;
@@ -92,13 +92,13 @@ class CallIds {
   std::deque<int> spoiled_;
 };
 
-// An id for the length of one call.
+// An id for the duration of one call.
 template <class Clear>
 class Lease {
  public:
   Lease(CallIds& ids, Clear clear) : ids_(ids), clear_(std::move(clear)), id_(ids.lend()) {}
   ~Lease() {
-    if (answer_ != nullptr) answer_->Clear();  // what was read from it is the host's own
+    if (answer_ != nullptr) answer_->Clear();  // the caller has copied its values
     ids_.take_back(id_, use_, clear_);
   }
   Lease(const Lease&) = delete;

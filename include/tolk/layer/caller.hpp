@@ -1,5 +1,5 @@
 /// @file
-/// Who calls a handler.
+/// The caller of a handler.
 #pragma once
 
 #include <tolk/layer/peer.hpp>
@@ -7,11 +7,11 @@
 namespace tolk {
 inline namespace v1 {
 
-/// Who calls a handler, and the way back to them. A handler takes it as a parameter of its own,
-/// wherever it likes; it is not among the arguments of the call.
+/// The caller of a handler. A handler takes it as an extra parameter in any position; the caller
+/// does not pass it as an argument.
 ///
-/// Thread: a value; `call` and `post` from any thread. A caller can be kept after the handler has
-/// returned. Failure: when the connection has ended, `call` and `post` say so.
+/// Thread: a value; `call` and `post` are safe on any thread. A handler may keep it after it
+/// returns. Failure: `call` and `post` return an Error after the connection has ended.
 class Caller {
  public:
   /// @cond internal
@@ -19,13 +19,13 @@ class Caller {
       : id_(id), method_(method), back_(std::move(back)) {}
   /// @endcond
 
-  /// On a server the client's id, as Server::call takes it. On a client the id of its connection.
+  /// On a server, the client's id for Server::call. On a client, the id of its connection.
   int id() const noexcept { return id_; }
-  /// The name of the method that is being called.
+  /// The name of the called method.
   const std::string& method() const noexcept { return method_; }
 
-  /// Calls a method of the caller. As Client::call.
-  /// While it waits, the handler keeps one of the process's four workers busy.
+  /// Calls a method of the caller, like Client::call. The handler occupies one of the four workers
+  /// of the process while it waits.
   template <class T = void, class... Args>
   Result<T> call(std::string_view method, const Args&... args) const {
     const auto peer = back_.lock();
@@ -33,7 +33,7 @@ class Caller {
     return detail::call<T>(*peer, id_, method, args...);
   }
 
-  /// Calls a method of the caller without waiting. As Client::post.
+  /// Posts a call to the caller, like Client::post.
   template <class... Args>
   Result<void> post(std::string_view method, const Args&... args) const {
     const auto peer = back_.lock();

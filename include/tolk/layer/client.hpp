@@ -1,5 +1,5 @@
 /// @file
-/// A client: one connection to a server, and calls in both directions.
+/// A client: one connection to a server, with calls in both directions.
 #pragma once
 
 #include <future>
@@ -14,21 +14,20 @@ inline namespace v1 {
 /// int sum = client.call<int>("add", 2, 3, 500ms).value();
 /// @endcode
 ///
-/// Thread: any operation from any thread; calls of different threads run side by side, and none
-/// shares a result with another. Handlers run on the library's workers, as a server's do.
-/// Owner: results are copies. The destructor ends the connection and waits for handlers that run
-/// (not when it is called in one); it takes a third of a second, in which what was posted last gets
-/// out.
-/// Failure: `connect` and `on` throw tolk::Error; calls give a Result that says why.
+/// Thread: every operation is safe on any thread. Calls of different threads run concurrently and
+/// get separate results. Handlers run on the library's worker threads, as on a server. Owner:
+/// results are copies. The destructor ends the connection and waits for running handlers, except
+/// when a handler calls it. It takes 300 ms, during which posted calls are still sent. Failure:
+/// `connect` and `on` throw tolk::Error. Calls return a Result.
 class Client {
  public:
-  /// A client that is not connected yet: for `on` before `connect`, when the server may call at
-  /// once.
+  /// A client that is not connected. Use it to call `on` before `connect`, because the server may
+  /// call at once.
   explicit Client(const Options& options = {})
       : core_(std::make_shared<detail::ClientCore>(options)) {}
-  /// One that was moved from can be destroyed or assigned to, and nothing else.
+  /// A moved-from client can only be destroyed or assigned to.
   Client(Client&&) noexcept = default;
-  /// Exchanges the two: what this one was ends with `other`.
+  /// Exchanges the two clients.
   Client& operator=(Client&& other) noexcept {
     std::swap(core_, other.core_);
     return *this;
@@ -36,34 +35,34 @@ class Client {
   /// Ends the connection.
   ~Client() { close(); }
 
-  /// Connects, and checks that the server is of the same version. Throws tolk::Error:
-  /// Errc::not_connected, Errc::refused_version, Errc::timed_out (of the version check, 10 s) or
-  /// Errc::gone. A client connects once.
+  /// Connects and checks the server's version. Throws tolk::Error: Errc::not_connected,
+  /// Errc::refused_version, Errc::timed_out (the version check took 10 s) or Errc::gone. A client
+  /// connects once.
   void connect(const Address& where) { core_->connect(where); }
 
-  /// From now on a lost connection is made anew, by a new object of the library's on a thread of
-  /// the client's, with pauses that grow. Methods are registered again. Calls that were under way
-  /// fail with Errc::gone; none is made twice.
+  /// Makes the client connect again after a lost connection, on a thread of the client, with
+  /// growing pauses. It registers the methods again. Calls that were under way fail with
+  /// Errc::gone; the client does not repeat them.
   void reconnecting(Reconnect how = {}) { core_->reconnecting(std::move(how)); }
 
-  /// Ends the connection, as the destructor does. Calls under way fail.
+  /// Ends the connection, as the destructor does. Calls that are under way fail.
   void close() {
     if (const auto core = core_) core->close();
   }
-  /// Whether the server is there.
+  /// Returns whether the client is connected.
   bool connected() const { return core_->is_connected(); }
-  /// Where the server is, as text; empty before `connect`.
+  /// Returns the text form of the server's address; empty before `connect`.
   std::string address() const { return core_->address(); }
 
-  /// Registers a method that the server can call. As Server::on; also while connected.
+  /// Registers a method that the server can call, like Server::on. The client may be connected.
   template <class Handler>
   Client& on(std::string_view method, Handler handler, std::string about = {}) {
     core_->add(detail::make_method(method, std::move(handler), std::move(about)));
     return *this;
   }
-  /// Called when the server has gone, on the loop thread: it must be short, and make no calls. Set
-  /// it before `connect`. It may close or destroy the client, but not one that reconnects or has
-  /// calls of `async` under way: those would wait for this thread.
+  /// Sets the hook for a lost connection; set it before `connect`. It runs on the loop thread, must
+  /// be short, and must make no calls. It may close or destroy the client, unless the client
+  /// reconnects or has calls of `async` under way, which would wait for this thread.
   Client& on_closed(std::function<void()> hook) {
     core_->on_closed = std::move(hook);
     return *this;
@@ -71,21 +70,21 @@ class Client {
 
   /// Calls a method and waits for its result.
   ///
-  /// `args` are what the method takes, keyed ones (tolk::arg) among them; a duration as the last
-  /// one is the limit of time, otherwise Options::limit counts. tolk::forever is no limit. The
-  /// library looks after limits every 100 ms: a call never ends before its limit, but up to two
-  /// steps later.
+  /// `args` are the arguments of the method; tolk::arg makes a keyed one. A duration as the last
+  /// argument is the timeout, which otherwise is Options::limit; tolk::forever means none. The
+  /// library checks timeouts every 100 ms. A call never ends before its timeout, and at most two
+  /// checks after it.
   template <class T = void, class... Args>
   Result<T> call(std::string_view method, const Args&... args) {
     const auto core = core_;
     return detail::call<T>(*core, 0, method, args...);
   }
 
-  /// Calls a method and does not wait. The future gives the result, or throws tolk::Error.
+  /// Calls a method and returns a future for the result, whose `get` throws tolk::Error.
   ///
-  /// Arguments are taken at once. The call itself is made by one of the client's own threads
-  /// (Options::async_threads, made when needed); the limit counts from here, so a call that has
-  /// waited in line for too long is not made. A future that is dropped waits for nothing.
+  /// The arguments are encoded at once. A thread of the client makes the call
+  /// (Options::async_threads, started when needed). The timeout includes the time in the queue; a
+  /// call that times out there is not made. The destructor of the future does not wait.
   template <class T = void, class... Args>
   std::future<T> async(std::string_view method, const Args&... args) {
     const auto core = core_;
@@ -95,7 +94,7 @@ class Client {
     const auto promise = std::make_shared<std::promise<T>>();
     std::future<T> future = promise->get_future();
     const auto begun = std::chrono::steady_clock::now();
-    // The core's own threads do not own it: the last owner joins them.
+    // The workers must not own the core, because its last owner joins them.
     core->workers.add([=, self = core.get(), name = std::string(method)](bool wanted) {
       fulfil<T>(*promise, [&]() -> Result<T> {
         if (wanted) return made<T>(*self, name, *arguments, limit, begun);
@@ -105,21 +104,21 @@ class Client {
     return future;
   }
 
-  /// Calls a method without waiting for an answer: it is on its way when this returns. Whether the
-  /// method ran is not told; the Result says only whether there was a connection.
+  /// Calls a method without waiting for an answer. Returns when the call is on its way. The Result
+  /// says only whether there was a connection; nothing reports whether the method ran.
   template <class... Args>
   Result<void> post(std::string_view method, const Args&... args) {
     const auto core = core_;
     return detail::post(*core, 0, method, args...);
   }
 
-  /// Calls a method whose first argument is large, in pieces: `progress` is called before the first
-  /// one and after each, on this thread, and may cancel. The method is called once, with `data` as
-  /// its first argument and `args` behind it.
+  /// Calls a method with a large first argument, which is sent in pieces. `progress` runs on this
+  /// thread before the first piece and after each piece, and may cancel. The method runs once, with
+  /// `data` as its first argument, followed by `args`.
   ///
-  /// The limit, last among `args`, counts for each piece, and for the run of the method. A server
-  /// without this layer, and a catch-all (Server::on_any), get everything in one call: progress is
-  /// 0 and then all.
+  /// The timeout, last among `args`, applies to each piece and to the run of the method. A server
+  /// without this layer, and a catch-all handler (Server::on_any), get the data in one call;
+  /// progress then is 0 and the total.
   template <class T = void, class... Args>
   Result<T> send(std::string_view method, std::span<const std::byte> data,
                  const std::function<void(Progress)>& progress, const Args&... args) {
@@ -132,7 +131,7 @@ class Client {
                             if (progress) progress(now);
                           });
   }
-  /// The same with bytes of the other kind that travels.
+  /// The same with unsigned characters.
   template <class T = void, class... Args>
   Result<T> send(std::string_view method, std::span<const unsigned char> data,
                  const std::function<void(Progress)>& progress, const Args&... args) {
@@ -144,14 +143,14 @@ class Client {
                  const std::function<void(Progress)>& progress, const Args&... args) {
     return send<T>(method, std::as_bytes(std::span(data)), progress, args...);
   }
-  /// The same without progress. With further arguments, pass nullptr as `progress` above.
+  /// The same without progress and further arguments. With arguments, pass nullptr as `progress`.
   template <class T = void, class Data>
   Result<T> send(std::string_view method, const Data& data) {
     return send<T>(method, data, nullptr);
   }
 
-  /// The methods that the server has, if it is made with this layer. One that is not has no such
-  /// method as "tolk.describe": Errc::no_such_method.
+  /// Returns the methods of a server that uses this layer. Another server has no method
+  /// "tolk.describe", which is Errc::no_such_method.
   Result<std::vector<MethodInfo>> describe() {
     using Column = std::vector<std::string>;
     auto columns = call<std::tuple<Column, Column, Column>>(detail::kMethodDescribe);
@@ -180,7 +179,7 @@ class Client {
     return detail::exchange<T>(core, 0, name, &arguments, limit);
   }
 
-  // Also when `make` throws or there is no memory for the result: the promise is always kept.
+  // Always sets the promise, also when `make` throws or there is no memory for the result.
   template <class T, class Make>
   static void fulfil(std::promise<T>& promise, const Make& make) {
     try {
@@ -199,8 +198,8 @@ class Client {
   std::shared_ptr<detail::ClientCore> core_;
 };
 
-/// A client that is connected to the server at `where`, which may be text: `"pipe:5000"`.
-/// Throws tolk::Error as Client::connect does, and Errc::bad_address.
+/// Returns a client that is connected to the server at `where`, which may be text: `"pipe:5000"`.
+/// Throws tolk::Error like Client::connect, and Errc::bad_address.
 inline Client connect(const Address& where, const Options& options = {}) {
   Client client(options);
   client.connect(where);

@@ -1,6 +1,6 @@
 /// @file
-/// What a client's object, its threads and its handlers share: the present connection, and how a
-/// lost one is replaced.
+/// The state that a client, its threads and its handlers share: the current connection, and the
+/// replacement of a lost one.
 #pragma once
 
 #include <condition_variable>
@@ -10,27 +10,27 @@
 namespace tolk {
 inline namespace v1 {
 
-/// How a lost connection is made anew: Client::reconnecting.
+/// The settings of Client::reconnecting.
 struct Reconnect {
-  /// The pause before the second attempt; the first one comes at once.
+  /// The pause before the second attempt. The first attempt has no pause.
   std::chrono::milliseconds first{100};
-  /// Each further pause is twice as long, up to this.
+  /// The longest pause. Each pause is twice as long as the previous one.
   std::chrono::milliseconds most{5000};
-  /// Whether calls wait for the new connection, as long as their limit allows. Otherwise they fail
-  /// at once with Errc::gone.
+  /// Whether calls wait for the new connection until their timeout. Otherwise they fail at once
+  /// with Errc::gone.
   bool calls_wait = false;
-  /// Called on the reconnecting thread: `false` when the server has gone, `true` when it is back
-  /// and the lost connection has been cleared away. That takes the library 300 ms, in which calls
-  /// work already; but its end interrupts those that are under way (Errc::interrupted).
-  /// It must not close or destroy the client, which would wait for this thread. What it throws is
-  /// dropped.
+  /// Runs on the reconnecting thread, with `false` when the connection is lost, and with `true`
+  /// when the client is connected again and the lost connection is freed. Freeing takes 300 ms.
+  /// Calls work meanwhile, but its end interrupts those that are under way (Errc::interrupted). The
+  /// callback must not close or destroy the client, which would wait for this thread. Exceptions
+  /// are dropped.
   std::function<void(bool connected)> changed = {};
 };
 
 /// @cond internal
 namespace detail {
 
-// Thread: any. The reconnecting thread is the only one that replaces a connection.
+// Thread: any. Only the reconnecting thread replaces a connection.
 class ClientCore final : public Peer, public std::enable_shared_from_this<ClientCore> {
  public:
   explicit ClientCore(const Options& wanted) : options(wanted), workers(wanted.async_threads) {}
@@ -43,7 +43,7 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
       if (where_) throw Error(Errc::misuse, "", where.text(), "this client is or was connected");
       where_ = where;
     }
-    // Set once: handlers of an attempt that failed may still read it.
+    // Set once, because handlers of a failed attempt may still read it.
     if (side->back.expired()) side->back = weak_from_this();
     auto fresh = new_connection();
     if (auto failed = try_for_a_while(fresh)) {
@@ -66,7 +66,7 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
     reconnector_ = std::thread([this] { reconnect(); });
   }
 
-  // Who comes second waits for the handlers alone: one of them may be the first.
+  // A second caller waits only for the handlers, because the first caller may be a handler.
   void close() {
     {
       std::unique_lock<std::mutex> lock(mutex_);
@@ -89,7 +89,7 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
     side->end();
   }
 
-  // Under the lock as a whole: a connection that is made meanwhile has the method once.
+  // The lock covers everything, so that a new connection registers the method exactly once.
   void add(Method method) {
     std::shared_ptr<Connection> coming;  // outlives the lock: this may be its last owner
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -164,7 +164,7 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
     return connection_;
   }
 
-  // What is left of the limit is what the call may take.
+  // Reduces the limit by the time of the wait.
   std::shared_ptr<Connection> await_connection(Limit& limit) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!how_ || !how_->calls_wait || (connection_ && connection_->is_connected())) {
@@ -181,7 +181,7 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
     return connection_;
   }
 
-  // Until the client is closed.
+  // Runs until the client is closed.
   void reconnect() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!closed_) {
@@ -192,13 +192,13 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
       auto fresh = connect_again();
       lock.lock();
       if (!fresh || closed_) {
-        lock.unlock();  // its end waits for its loop, which may want the lock
+        lock.unlock();  // the destructor of `fresh` waits for its loop, which may need the lock
         return;
       }
       std::swap(connection_, fresh);
       changed_.notify_all();
       lock.unlock();
-      fresh.reset();  // the lost one, unless a call is still leaving it
+      fresh.reset();  // frees the lost connection, unless a call still uses it
       tell(true);
       lock.lock();
     }
@@ -207,13 +207,13 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
   void tell(bool connected) const {
     try {
       if (how_->changed) how_->changed(connected);
-    } catch (...) {  // nobody on this thread could take it
+    } catch (...) {  // no caller on this thread could handle it
     }
   }
 
   bool lost() const { return connection_ && !connection_->is_connected(); }
 
-  // Null when the client is closed meanwhile.
+  // Returns null when the client is closed meanwhile.
   std::shared_ptr<Connection> connect_again() {
     std::shared_ptr<Connection> fresh;
     auto pause = how_->first;
@@ -225,7 +225,7 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
     }
   }
 
-  // No memory now, there may be later.
+  // Memory may be available at a later attempt.
   bool try_again(std::shared_ptr<Connection>& fresh) {
     try {
       if (!fresh || !fresh->may_try_again()) fresh = new_connection();
@@ -247,7 +247,7 @@ class ClientCore final : public Peer, public std::enable_shared_from_this<Client
   std::condition_variable changed_;
   std::optional<Address> where_;
   std::shared_ptr<Connection> connection_;
-  std::weak_ptr<Connection> coming_;  // the newest, which may still be connecting
+  std::weak_ptr<Connection> coming_;  // the newest connection, which may still be connecting
   std::optional<Reconnect> how_;
   std::thread reconnector_;
   int losses_ = 0;

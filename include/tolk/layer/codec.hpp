@@ -1,22 +1,22 @@
 /// @file
-/// Which C++ types travel, and as what.
+/// The C++ types that can be sent, and their types on the wire.
 ///
 /// | C++ | on the wire |
 /// |---|---|
 /// | bool | bool |
-/// | int and smaller integers, enumerations | int; one that does not fit comes as a wrong type |
-/// | double, float | double; an int is taken for a double too |
+/// | int and smaller integers, enumerations | int; a value that does not fit is a wrong type |
+/// | double, float | double; an int is accepted as a double |
 /// | std::string, std::string_view | string; with a zero byte inside, a stream |
-/// | const char* | string; it is sent only: a handler takes std::string |
+/// | const char* | string; send only, a handler takes std::string |
 /// | tolk::bytes, std::vector<unsigned char>, std::span<const std::byte> | stream |
 /// | std::vector<T> | list; under a key, in a struct or a list: a stream that holds a block |
-/// | std::optional<T> | the value, or nothing at all |
-/// | tolk::Value, tolk::Values | what it holds |
-/// | a struct that tolk::describe knows | a stream that holds a block of keyed values |
+/// | std::optional<T> | the value, or nothing |
+/// | tolk::Value, tolk::Values | the contained values |
+/// | a struct with a tolk::describe | a stream that holds a block of keyed values |
 ///
-/// Strings and streams are taken for one another. Wider integers are refused by the compiler: the
-/// wire has 32-bit ones.
-/// Failure: `get` says false for a value of another type.
+/// A string is accepted as a stream, and a stream as a string. Wider integers do not compile,
+/// because the wire has only 32-bit integers. Failure: `get` returns false for a value of another
+/// type.
 #pragma once
 
 #include <algorithm>
@@ -60,7 +60,7 @@ constexpr auto make_fields(const char* name, Member Struct::*member, More... mor
 }  // namespace detail
 /// @endcond
 
-/// Names the fields of a struct, in pairs of a name and a pointer to the member. See
+/// Lists the fields of a struct, as pairs of a name and a pointer to the member. See
 /// tolk::describe.
 template <class... NamesAndMembers>
 constexpr auto fields(NamesAndMembers... names_and_members) {
@@ -69,8 +69,8 @@ constexpr auto fields(NamesAndMembers... names_and_members) {
   return detail::make_fields(names_and_members...);
 }
 
-/// How a struct travels. Specialise it, and the struct can be an argument, a result, a field of
-/// another one and an element of a list. It must be default-constructible.
+/// The fields of a struct. A specialisation lets the struct be an argument, a result, a field of
+/// another struct and an element of a list. The struct must be default-constructible.
 /// @code
 /// struct Point { int x = 0; int y = 0; };
 /// template <>
@@ -83,7 +83,7 @@ inline constexpr auto describe = detail::Undescribed{};
 namespace detail {
 
 template <class T>
-struct Codec;  // defined for every type that travels
+struct Codec;  // defined for every type that can be sent
 
 template <class T>
 concept Described = !std::same_as<std::remove_cvref_t<decltype(describe<T>)>, Undescribed>;
@@ -108,7 +108,7 @@ template <class T>
 concept NarrowEnum =
     std::is_enum_v<T> && NarrowInteger<std::underlying_type_t<T>> && !std::same_as<T, std::byte>;
 
-// One place for the words that a compiler shows.
+// The compiler's messages for unsupported types, in one place.
 template <class T>
 constexpr bool check_carried() {
   static_assert(!Integer<T> || NarrowInteger<T>,
@@ -207,7 +207,7 @@ struct Codec<const char*> {
   }
 };
 
-// As a handler's parameter it points into the arguments, which live as long as the handler runs.
+// As a handler's parameter it points into the arguments, which are valid while the handler runs.
 template <>
 struct Codec<std::string_view> {
   static std::string name() { return "string"; }
@@ -279,7 +279,7 @@ requires(!ByteVector<std::vector<T>>) struct Codec<std::vector<T>> {
     to.clear();
     return each(from, [&](const TolkValue* element) { return append(element, to); });
   }
-  // False when there is no list, or `take` refuses an element.
+  // Returns false when there is no list, or when `take` refuses an element.
   template <class Take>
   static bool each(const TolkValue* from, const Take& take) {
     if (from == nullptr) return false;
@@ -376,18 +376,18 @@ struct Codec<T> {
       return Codec<Member>::get(block.GetMap(field.name), to.*field.member);
     });
   }
-  // False when `visit` said so of a field; it is not asked about the next ones then.
+  // Stops at the first field for which `visit` returns false, and returns false.
   template <class Visit>
   static bool each(const Visit& visit) {
     return std::apply([&](const auto&... field) { return (visit(field) && ...); }, describe<T>.all);
   }
 };
 
-// The type of a value that was received, for a message.
+// The type of a received value, for an error text.
 inline std::string type_of(const TolkValue* value) { return Value::of(value).type_name(); }
 
-// What a value is that Codec<T> refuses, to stand behind the name of its place. Of a list it names
-// the first element that does not fit, of a struct the first field.
+// The error text for a value that Codec<T> refuses; it follows the name of the argument. It names
+// the first element of a list, or the first field of a struct, that does not fit.
 template <class T>
 struct Misfit {
   static std::string text(const TolkValue* from) {
@@ -443,8 +443,8 @@ struct Misfit<T> {
   }
 };
 
-// What stands at a place of `block`, null if nothing does. A struct is then read from the block's
-// own keyed values, as hosts without the layer write one.
+// Reads a value of `block`. Without a positional value (`from` is null), a struct is read from the
+// keyed values of the block, because the plain interface writes a struct so.
 template <class T>
 struct Placed {
   static bool get(const TolkValue* from, TolkParams& block, T& to) {
@@ -453,7 +453,7 @@ struct Placed {
     }
     return Codec<T>::get(from, to);
   }
-  // Of what `get` refuses.
+  // The error text for a value that `get` refuses.
   static std::string misfit(const TolkValue* from, TolkParams& block) {
     if constexpr (Described<T>) {
       if (is_keyed(from, block)) return Misfit<T>::of_fields(block);

@@ -1,5 +1,5 @@
 /// @file
-/// One connection of a client: one object of the library's, from its connect to its end.
+/// One connection of a client: an IClient, from its connect to its end.
 #pragma once
 
 #include <tolk/IClient.h>
@@ -12,17 +12,17 @@
 namespace tolk {
 inline namespace v1 {
 
-/// How a client or a server behaves. All of it has usual values.
+/// The settings of a client or a server.
 struct Options {
-  /// How long a call waits for its answer when it does not say so itself.
+  /// The timeout of calls that have no timeout argument.
   std::chrono::milliseconds limit{5000};
-  /// How long tolk::connect goes on trying while nobody listens. 0: it tries once.
+  /// How long a connect keeps trying while nobody listens. 0 means one attempt.
   std::chrono::milliseconds patience{0};
-  /// Threads of a client for Client::async; more calls than that wait in line.
+  /// The largest number of threads for Client::async. Further calls wait in a queue.
   unsigned async_threads = 8;
-  /// Silences the library's own lines about connections on standard output; a few stay, such as
-  /// those of a TCP client's loop. It also takes C++
-  /// streams out of step with C's, for the whole process, so set it before other threads print.
+  /// Suppresses the library's lines about connections on standard output. A few lines remain, such
+  /// as those of a TCP client's loop. It also calls std::ios_base::sync_with_stdio(false), so set
+  /// it before other threads print.
   bool quiet = false;
 };
 
@@ -40,11 +40,11 @@ void silence(Native& native) {
   native.log(text, 0);
 }
 
-// Thread: any. Owner: its IClient, and the handlers of one that never ran.
-// Failure: errors that name method and address. Ending it takes the library 300 ms.
+// Thread: any. Owner: the IClient, and the handlers of one that never ran.
+// Failure: errors that name the method and the address. The destructor takes 300 ms.
 class Connection final : public Peer, public std::enable_shared_from_this<Connection> {
  public:
-  // `lost` is called on the loop thread when the server has gone.
+  // `lost` runs on the loop thread when the connection is lost.
   static std::shared_ptr<Connection> make(const std::shared_ptr<Side>& side, Address where,
                                           const Options& options, Hook::Happened lost) {
     auto connection = std::make_shared<Connection>(std::move(where), options);
@@ -64,8 +64,7 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  // Whether the connect was decided against us before there was a connection: then it may be tried
-  // again with this object.
+  // Whether the connect failed before there was a connection. The same object can then try again.
   bool may_try_again() const { return !custody_->is_taken() && !fate_->lost; }
 
   std::optional<Error> connect() {
@@ -85,8 +84,8 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
 
   bool is_connected() const { return !closed_ && !fate_->lost && native_->isok(); }
 
-  // No further calls. Who still waits for an answer is let go, which takes an end of the connection
-  // at once; otherwise it ends after a pause, in which what was posted last gets out.
+  // Refuses further calls. If calls are waiting, the connection ends at once, which wakes them.
+  // Otherwise it ends after a pause, during which posted calls are still sent.
   void let_go() {
     closed_ = true;
     if (ids_.under_way() != 0) native_->close();
@@ -100,7 +99,7 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
                                 Read read) override {
     if (auto large = too_large(arguments, method, address())) return large;
     const auto begun = Clock::now();
-    // Counted before it is asked: who closes sees us, or we see that they close.
+    // Counted before the test: either a close sees this call, or this call sees the close.
     Lease lease(ids_, [this] { native_->ClearRetvalMem(); });
     if (!is_connected()) {
       lease.note_unused();
@@ -129,16 +128,16 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
   static constexpr std::chrono::seconds kVersionLimit{10};
   static constexpr const char* kMaybeNone =
       "look what listens there, it may be no server of this library; if it is, connect again";
-  // Answers of posted calls are kept too: all in one place, where nobody looks.
+  // The library stores the answers of posted calls too. They share this slot, which nobody reads.
   static constexpr int kPostId = 0x40000001;
 
-  // What the library's own threads may still note when the connection is gone.
+  // Shared with the library's threads, which may set it after the end of the connection.
   struct Fate {
     std::atomic<bool> lost{false};
   };
 
-  // A client's catch-all is never called, so it is never busy when the library deletes it: its end
-  // tells that all handlers are the library's to delete.
+  // A client's catch-all is never called, so it is never busy when the library deletes it. Its
+  // destructor shows that the library deletes all handlers.
   class Sentinel final : public IMethodAll {
    public:
     explicit Sentinel(std::shared_ptr<Custody> custody) : custody_(std::move(custody)) {}
@@ -182,7 +181,7 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
     return failure(Errc::gone, method, "the server is gone");
   }
 
-  // The library ends the waiting calls of the whole process when one of its clients ends.
+  // The end of one client wakes the waiting calls of the whole process.
   Error why_unanswered(const std::string& method, Limit limit, Clock::time_point begun) const {
     if (!is_connected()) return not_connected(method);
     if (!limit.endless() && Clock::now() - begun >= limit.asked) {
@@ -199,7 +198,7 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
   const std::shared_ptr<Fate> fate_ = std::make_shared<Fate>();
   CallIds ids_;
   std::atomic<bool> closed_{false};
-  bool ran_ = false;  // then the doors are the library's, which may delete them after our end
+  bool ran_ = false;  // then the library deletes the handlers, possibly after this object's end
   IClient* const native_;
 };
 

@@ -1,7 +1,7 @@
 /// @file
-/// Why something did not work, and results that are a value or the reason why there is none.
+/// Errors, and results that are a value or an error.
 ///
-/// Thread: values, one thread at a time. Failure: Result::value() throws the Error that it holds.
+/// Thread: values, one thread at a time. Failure: Result::value() throws the Error of the result.
 #pragma once
 
 #include <cstddef>
@@ -15,25 +15,25 @@
 namespace tolk {
 inline namespace v1 {
 
-/// What kind of failure an Error tells of.
+/// The kind of a failure.
 enum class Errc {
-  not_connected,    ///< nobody listens there, or this end was never connected or is closed
-  refused_version,  ///< the server speaks another version
-  cannot_listen,    ///< the address of a server is taken or can not be used
+  not_connected,    ///< nobody listens there, or this end is closed or was never connected
+  refused_version,  ///< the server has another version
+  cannot_listen,    ///< the address is taken or cannot be used
   timed_out,        ///< no answer came within the limit; the method may still run
-  gone,             ///< the peer was connected and is not any more
-  interrupted,      ///< another client of this process ended: the call may have run; call again
+  gone,             ///< the connection has ended
+  interrupted,      ///< another client of this process closed; the call may have run
   no_such_method,   ///< the peer has no method of that name
-  handler_failed,   ///< the peer's handler threw; the detail is its text
+  handler_failed,   ///< the peer's handler threw; the detail is the exception's text
   wrong_arguments,  ///< the peer's handler takes other arguments; the detail says which
-  wrong_type,       ///< the result is of another type than asked for
+  wrong_type,       ///< the result has another type
   cancelled,        ///< a progress callback cancelled the transfer
   too_large,        ///< more bytes than one call can carry
-  bad_address,      ///< the text is no address
-  misuse,           ///< the program asked for something that can not be
+  bad_address,      ///< the text is not an address
+  misuse,           ///< an error in the calling program
 };
 
-/// The name of a code, as it stands in the enumeration: `"timed_out"`.
+/// Returns the name of the enumerator: `"timed_out"`.
 inline const char* to_string(Errc code) noexcept {
   switch (code) {
     case Errc::not_connected:
@@ -68,12 +68,12 @@ inline const char* to_string(Errc code) noexcept {
   return "misuse";
 }
 
-/// What failed, where, and why. `what()` says all of it in one line:
+/// A failure, with its method, address and reason. `what()` is one line with all of it:
 /// `add at pipe:5000: timed out after 500 ms`.
 class Error : public std::runtime_error {
  public:
-  /// `method` and `address` may be empty, where there is none. `detail` says what happened. `hint`,
-  /// a literal, is for a failure that the hint of its code does not fit.
+  /// `method` and `address` may be empty. `detail` says what happened. `hint`, a string literal,
+  /// replaces the hint of the code.
   Error(Errc code, std::string_view method, std::string_view address, std::string_view detail,
         const char* hint = nullptr)
       : std::runtime_error(line(code, method, address, detail)),
@@ -85,14 +85,14 @@ class Error : public std::runtime_error {
 
   /// The kind of failure.
   Errc code() const noexcept { return code_; }
-  /// The method that was called; empty where none was.
+  /// The called method, or an empty string.
   const std::string& method() const noexcept { return method_; }
-  /// The peer's address, as Address prints it; empty where there is none.
+  /// The text form of the peer's address, or an empty string.
   const std::string& address() const noexcept { return address_; }
-  /// What happened, without method and address. Of Errc::handler_failed and
-  /// Errc::wrong_arguments it is the peer's own text.
+  /// What happened, without method and address. For Errc::handler_failed and Errc::wrong_arguments
+  /// it is the peer's text.
   const std::string& detail() const noexcept { return detail_; }
-  /// What to try, in one sentence without an end.
+  /// A remedy, as a sentence without a full stop.
   const char* hint() const noexcept { return hint_ != nullptr ? hint_ : hint_of(code_); }
 
  private:
@@ -148,9 +148,9 @@ class Error : public std::runtime_error {
   const char* hint_;
 };
 
-/// A value, or the Error why there is none.
+/// A value or an Error.
 ///
-/// Thread: one at a time. Owner: holds the value itself, nothing of the library's.
+/// Thread: one thread at a time. Owner: the result owns a copy of the value.
 template <class T>
 class [[nodiscard]] Result {
  public:
@@ -164,25 +164,25 @@ class [[nodiscard]] Result {
   /// Whether there is a value.
   explicit operator bool() const noexcept { return has_value(); }
 
-  /// The value; throws the Error if there is none.
+  /// Returns the value, or throws the Error.
   const T& value() const& {
     throw_if_failed();
     return std::get<0>(state_);
   }
-  /// The value, moved out; throws the Error if there is none.
+  /// Returns the value, moved out of the result, or throws the Error.
   T value() && {
     throw_if_failed();
     return std::get<0>(std::move(state_));
   }
-  /// The value, or `other` if there is none.
+  /// Returns the value, or `other` without a value.
   T value_or(T other) const { return has_value() ? std::get<0>(state_) : std::move(other); }
 
-  /// The value. Only if there is one.
+  /// The value. There must be one.
   const T& operator*() const { return std::get<0>(state_); }
-  /// A member of the value. Only if there is one.
+  /// A member of the value. There must be a value.
   const T* operator->() const { return &std::get<0>(state_); }
 
-  /// Why there is no value. Only if there is none.
+  /// The error. There must be no value.
   const Error& error() const { return std::get<1>(state_); }
 
  private:
@@ -193,7 +193,7 @@ class [[nodiscard]] Result {
   std::variant<T, Error> state_;
 };
 
-/// Done, or the Error why not. It may be ignored.
+/// Success or an Error. It may be ignored.
 template <>
 class Result<void> {
  public:
@@ -202,15 +202,15 @@ class Result<void> {
   /// A failure.
   Result(Error error) : error_(std::move(error)) {}
 
-  /// Whether it was done.
+  /// Whether the operation succeeded.
   bool has_value() const noexcept { return !error_; }
-  /// Whether it was done.
+  /// Whether the operation succeeded.
   explicit operator bool() const noexcept { return has_value(); }
-  /// Throws the Error if it was not done.
+  /// Throws the Error of a failure.
   void value() const {
     if (error_) throw Error(*error_);
   }
-  /// Why it was not done. Only if it was not.
+  /// The error. The operation must have failed.
   const Error& error() const { return error_.value(); }
 
  private:

@@ -1,8 +1,8 @@
 /// @file
-/// A method as the layer keeps it: made from any callable whose parameters have types.
+/// A method: an adapter for a callable with typed parameters.
 ///
-/// Thread: a method is called on several workers at the same time.
-/// Failure: arguments that do not fit are a BadArguments, with a text for the caller.
+/// Thread: several workers call a method at the same time.
+/// Failure: wrong arguments throw BadArguments, with a text for the caller.
 #pragma once
 
 #include <functional>
@@ -11,12 +11,12 @@
 namespace tolk {
 inline namespace v1 {
 
-/// One method of a peer, as tolk.describe tells of it.
+/// The description of a method, from the method "tolk.describe".
 struct MethodInfo {
-  std::string name;       ///< as calls spell it
+  std::string name;       ///< the name in calls
   std::string signature;  ///< `"(int, int) -> int"`
-  std::string about;      ///< what the host wrote about it; may be empty
-  /// Whether all three are equal.
+  std::string about;      ///< the host's description; may be empty
+  /// Whether all members are equal.
   bool operator==(const MethodInfo& other) const = default;
 };
 
@@ -27,14 +27,14 @@ struct BadArguments : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// What a handler is called with. Lives as long as the call.
+// One call of a handler. Valid during the call.
 struct Invocation {
   int caller_id;
   std::string_view method;
   const std::weak_ptr<Peer>& back;
   TolkParams& in;
   TolkParams& out;
-  const TolkValue* whole = nullptr;  // in the place of the first value, when it came in pieces
+  const TolkValue* whole = nullptr;  // replaces the first value if it arrived in pieces
 
   const TolkValue* at(int position) const {
     return position == 0 && whole != nullptr ? whole : in.GetValue(position);
@@ -74,7 +74,7 @@ concept HasSignature = std::is_pointer_v<F> || requires {
   &F::operator();
 };
 
-// One parameter of a handler: whether it takes a position, how it is filled, how it is shown.
+// One parameter of a handler: whether it is positional, how it is filled, and its name.
 template <class T>
 struct Parameter {
   static constexpr bool kPositional = true;
@@ -153,14 +153,14 @@ constexpr bool check_parameter() {
   return true;
 }
 
-// What a handler returns, added to the answer.
+// Adds the return value of a handler to the answer.
 template <class T>
 struct Returned {
   static_assert(check_carried<T>());
   static std::string name() { return Codec<T>::name(); }
   static void put(TolkParams& out, const T& v) {
     if constexpr (Described<T>) {
-      Codec<T>::put_fields(out, v);  // so that a host without the layer can read them by name
+      Codec<T>::put_fields(out, v);  // so that the plain interface can read them by name
     } else {
       Codec<T>::put(Position{out}, v);
     }
@@ -219,7 +219,7 @@ struct Adapter {
                        (takes == 1 ? " argument, got " : " arguments, got ") + std::to_string(got));
   }
 
-  // The position of the parameter with this index: how many positional ones stand before it.
+  // The position of the parameter with this index: the number of positional parameters before it.
   static constexpr int position_of(std::size_t index) {
     constexpr bool kAre[] = {Parameter<std::remove_cvref_t<A>>::kPositional..., false};
     int position = 0;
@@ -255,7 +255,7 @@ Method make_method(std::string_view name, F handler, std::string about) {
                 "tolk: a handler is a function, or a lambda whose parameters have types (no auto)");
   if constexpr (HasSignature<F>) {
     using Adapted = typename Signature<F>::template Apply<Adapter>;
-    // Shared, so that a handler may hold what can not be copied.
+    // Shared, so that a handler may be move-only.
     const auto shared = std::make_shared<F>(std::move(handler));
     return {{std::string(name), Adapted::signature(), std::move(about)},
             [shared](const Invocation& call) { Adapted::run(*shared, call); }};

@@ -1,8 +1,7 @@
 /// @file
-/// The arguments of a call as they stand in the program: positional ones, keyed ones, and the
-/// limit.
+/// The arguments of a call: positional arguments, keyed arguments, and the timeout.
 ///
-/// Thread: any. Failure: an argument that can not travel does not compile, and says why.
+/// Thread: any. Failure: an argument of an unsupported type does not compile; the message says why.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +13,7 @@
 namespace tolk {
 inline namespace v1 {
 
-/// A limit that never passes, for calls that may take as long as they like.
+/// No timeout, as the last argument of a call.
 inline constexpr std::chrono::milliseconds forever = std::chrono::milliseconds::max();
 
 /// @cond internal
@@ -23,7 +22,7 @@ namespace detail {
 template <class T>
 struct Keyed {
   std::string key;
-  T value;  // a reference if it was given a name's value
+  T value;  // a reference if the argument is an lvalue
 };
 
 template <class T>
@@ -41,7 +40,7 @@ struct IsVector : std::false_type {};
 template <class T>
 struct IsVector<std::vector<T>> : std::true_type {};
 
-// As what an argument of type T travels: literals and arrays of characters are texts.
+// The type that an argument of type T is sent as. Literals and character arrays are strings.
 template <class T>
 using Travels = std::conditional_t<std::is_convertible_v<std::decay_t<T>, const char*> &&
                                        !std::is_class_v<std::decay_t<T>>,
@@ -50,9 +49,9 @@ using Travels = std::conditional_t<std::is_convertible_v<std::decay_t<T>, const 
 }  // namespace detail
 /// @endcond
 
-/// An argument with a key: `client.post("log", tolk::arg("level", 3), "hello")`.
-/// Use it in the call itself: it refers to `value` if that is a variable. Throws Errc::misuse for a
-/// key that begins with `s_c_` or `tolk.`: those are the library's, and would not arrive.
+/// Makes a keyed argument: `client.post("log", tolk::arg("level", 3), "hello")`.
+/// Use it directly in the call, because it refers to a variable that is passed as `value`. Throws
+/// Errc::misuse for a key that begins with `s_c_` or `tolk.`, which the library reserves.
 template <class T>
 auto arg(std::string_view key, T&& value) {
   using Travels = detail::Travels<T>;
@@ -74,24 +73,24 @@ template <std::size_t Size>
 struct KeyText {
   /// The characters of `text`.
   constexpr KeyText(const char (&text)[Size]) { std::copy_n(text, Size, characters); }
-  char characters[Size] = {};  ///< with the zero at the end
+  char characters[Size] = {};  ///< with the final zero
 };
 
 /// A handler's parameter that takes a keyed argument:
 /// `server.on("log", [](tolk::named<"level", int> level, std::string text) { … level.value … })`.
-/// It is an error of the caller's if the key is missing, unless `T` is an std::optional.
+/// A missing key is an error of the caller, unless `T` is an std::optional.
 template <KeyText Key, class T>
 struct named {
-  T value{};  ///< what the caller passed
-  /// What the caller passed.
+  T value{};  ///< the argument
+  /// The argument.
   operator const T&() const noexcept { return value; }
 };
 
 /// @cond internal
 namespace detail {
 
-// How long a call may take, as the library counts it. Never 0, which means "no limit" on one side
-// and "at once" on the other.
+// The timeout of a call in the units of the library. Never 0, which means "no limit" on a client
+// and "at once" on a server.
 struct Limit {
   std::chrono::milliseconds asked;
 
@@ -125,7 +124,7 @@ template <class... Args>
 inline constexpr bool kLastIsLimit =
     IsDuration<std::remove_cvref_t<typename Last<Args...>::Type>>::value;
 
-// Only as the last of the arguments is a duration a limit; elsewhere it does not compile.
+// A duration is the timeout as the last argument; elsewhere it does not compile.
 template <class... Args>
 Limit limit_of(std::chrono::milliseconds usual, const Args&... args) {
   if constexpr (kLastIsLimit<Args...>) {
@@ -155,7 +154,7 @@ void put_argument(TolkParams& block, const T& argument) {
   }
 }
 
-// All arguments but the limit.
+// All arguments except the timeout.
 template <class... Args>
 void put_arguments(TolkParams& block, const Args&... args) {
   [&]<std::size_t... I>(std::index_sequence<I...>) {

@@ -1,8 +1,8 @@
 /// @file
-/// The other side of a connection as calls see it, and the way of one call.
+/// The peer of a connection, and the steps of one call.
 ///
-/// What the layer adds on the wire stands here: the keys of an answer that is an error.
-/// Thread: any. Owner: results are copied out of the library's blocks before a call returns.
+/// It defines the keys that the layer adds to an answer.
+/// Thread: any. Owner: a call copies its result out of the library's block before it returns.
 #pragma once
 
 #include <memory>
@@ -15,8 +15,8 @@ inline namespace v1 {
 /// @cond internal
 namespace detail {
 
-// In an answer: why the method failed, which kind of failure it is, and that a first value that
-// begins like the library's own "no event: " is meant so.
+// Keys of an answer: the text of a failure, the kind of the failure, and a mark. The mark says that
+// a first value that begins with the library's "no event: " comes from the handler.
 inline constexpr char kKeyError[] = "tolk.error";
 inline constexpr char kKeyKind[] = "tolk.kind";
 inline constexpr char kKeyMeant[] = "tolk.value";
@@ -25,10 +25,10 @@ inline constexpr char kKindMethod[] = "method";
 
 inline constexpr std::string_view kNoMethod = "no event: ";
 
-// Below what a frame can hold, with room for the envelope.
+// The largest block; less than a frame can hold, because the envelope needs space.
 inline constexpr long kMostBytes = 2'147'000'000;
 
-// A function that is only borrowed.
+// A reference to a function.
 class Read {
  public:
   template <class F>
@@ -43,12 +43,12 @@ class Read {
   void (*call_)(const void*, TolkParams&);
 };
 
-// A peer, or all clients of a server, of which `to` says which one.
+// A peer, or all clients of a server; `to` is the client's id.
 class Peer {
  public:
   virtual ~Peer() = default;
-  // Calls, waits, and gives the answer's block to `read`. The block is the library's, and is gone
-  // when this returns.
+  // Calls, waits, and passes the answer's block to `read`. The library owns the block; it is
+  // invalid after the return.
   virtual std::optional<Error> exchange(int to, const std::string& method, TolkParams* arguments,
                                         Limit limit, Read read) = 0;
   virtual std::optional<Error> post(int to, const std::string& method, TolkParams* arguments) = 0;
@@ -63,7 +63,7 @@ inline std::optional<Error> too_large(TolkParams* arguments, const std::string& 
                "the arguments are larger than one call can carry");
 }
 
-// Null when the answer has no such text.
+// Returns null when the key is missing or not a string.
 inline const TolkValue* text_at(TolkParams& block, const char* key) {
   const TolkValue* const value = block.GetMap(key);
   return value != nullptr && value->IsString() ? value : nullptr;
@@ -79,13 +79,13 @@ inline bool is_no_method(TolkParams& block, std::string_view method) {
          block.GetMap(kKeyMeant) == nullptr;
 }
 
-// The library adds a value of its own behind what a catch-all has answered.
+// The library adds its own value after the answer of a catch-all handler.
 inline bool last_is_the_librarys(TolkParams& block) {
   const TolkValue* const meant = block.GetMap(kKeyMeant);
   return meant != nullptr && meant->IsInt();
 }
 
-// The first value that the method gave; null when it gave none.
+// The first value of the result; null without one.
 inline const TolkValue* first_in(TolkParams& block) {
   const TolkValue* const first = block.GetValue(0);
   const bool none =
@@ -93,7 +93,7 @@ inline const TolkValue* first_in(TolkParams& block) {
   return none ? nullptr : first;
 }
 
-// What the answer says against the call, if anything.
+// The error that the answer reports, if any.
 inline std::optional<Error> refusal_in(TolkParams& block, const std::string& method,
                                        const Peer& peer) {
   if (const TolkValue* const text = text_at(block, kKeyError)) {
@@ -115,7 +115,7 @@ struct Answer {
   static_assert(!View<T>, "tolk: a result needs to be owned: ask for std::string or tolk::bytes");
 
   static bool get(TolkParams& block, T& to) { return Placed<T>::get(first_in(block), block, to); }
-  // What an answer is that `get` refuses.
+  // The error text for an answer that `get` refuses.
   static std::string misfit(TolkParams& block) { return Placed<T>::misfit(first_in(block), block); }
 };
 
@@ -150,7 +150,7 @@ struct Answer<Values> {
     if (to.size() > 0 && last_is_the_librarys(block)) to.drop_last();
     return true;
   }
-  static std::string misfit(TolkParams&) { return {}; }  // anything fits
+  static std::string misfit(TolkParams&) { return {}; }  // every answer is accepted
 };
 
 template <class T>

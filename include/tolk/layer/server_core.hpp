@@ -1,5 +1,5 @@
 /// @file
-/// What a server's object, its handlers and its callers share.
+/// The state that a server, its handlers and its callers share.
 #pragma once
 
 #include <tolk/IServer.h>
@@ -15,8 +15,8 @@ inline namespace v1 {
 /// @cond internal
 namespace detail {
 
-// One listening object of the library's. Lives as long as a call through it.
-// Thread: any. Owner: its IServer, and the handlers of one that never listened.
+// An IServer. Every call through it keeps it alive.
+// Thread: any. Owner: the IServer, and the handlers of one that never listened.
 class Listening {
  public:
   Listening() : native(CreateServer()) {
@@ -33,10 +33,10 @@ class Listening {
   IServer* const native;
   const std::shared_ptr<Custody> custody = std::make_shared<Custody>();
   CallIds ids;
-  bool started = false;  // then the doors are the library's, which may delete them after our end
+  bool started = false;  // then the library deletes the handlers, possibly after this object's end
 };
 
-// Which clients there are, and what is known of them.
+// The connected clients.
 class Clients {
  public:
   void came(int id) {
@@ -61,7 +61,7 @@ class Clients {
     for (const auto& [id, silent] : known_) all.push_back(id);
     return all;
   }
-  // A client without the layer does not answer when it is asked for its methods.
+  // A client without the layer does not answer "tolk.describe".
   void note_silent(int id) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto at = known_.find(id);
@@ -75,7 +75,7 @@ class Clients {
 
  private:
   mutable std::mutex mutex_;
-  std::map<int, bool> known_;  // whether the client is known to be silent
+  std::map<int, bool> known_;  // by id: whether the client does not answer "tolk.describe"
 };
 
 class ServerCore final : public Peer, public std::enable_shared_from_this<ServerCore> {
@@ -85,18 +85,18 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   explicit ServerCore(const Options& wanted) : options(wanted) {}
 
   void listen(const Address& where) {
-    std::shared_ptr<Listening> old;  // one that a client ended; it goes after the locks
+    std::shared_ptr<Listening> old;  // a server that a client has stopped; freed after the locks
     const std::lock_guard<std::mutex> one_at_a_time(life_);
     if (closed_) throw Error(Errc::misuse, "", where.text(), "a closed server can't listen again");
     if (listening()) throw Error(Errc::misuse, "", where.text(), "this server listens already");
-    // Set once: handlers of an attempt that failed may still read it.
+    // Set once, because handlers of a failed attempt may still read it.
     if (side->back.expired()) side->back = weak_from_this();
     auto fresh = std::make_shared<Listening>();
     register_handlers(*fresh);
     set_address(where);
     starting_ = true;
     const bool started = start(*fresh->native, where);
-    // Not before: the reason why it can't listen is one of the lines.
+    // Not earlier, because a line gives the reason of a failure.
     if (options.quiet) silence(*fresh->native);
     starting_ = false;
     if (!started) {
@@ -110,8 +110,8 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     ever_listened_ = true;
   }
 
-  // The calls to clients end first: the library would leave them waiting for ever. Nothing is
-  // waited for under a lock: what is waited for may close the server too.
+  // Waits for the calls to clients first, because the library would leave them waiting forever. It
+  // holds no lock while it waits, because a handler may close the server too.
   void close() {
     std::shared_ptr<Listening> ending;
     if (!begin_end(ending)) return wait_for_first();
@@ -129,14 +129,14 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     const auto current = this->current();
     return current && current->native->isok();
   }
-  // Until the server is closed, by this program or by a client's request.
+  // Waits until this program or a client closes the server.
   void wait() {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!ever_listened_) throw Error(Errc::misuse, "", "", "this server does not listen");
     changed_.wait(lock, [&] { return ended_; });
   }
 
-  // Not beside `listen`: what starts meanwhile has the method once.
+  // Excludes `listen`, so that a new IServer registers the method exactly once.
   void add(Method method) {
     const std::lock_guard<std::mutex> one_at_a_time(life_);
     const Method& kept = side->add(std::move(method));
@@ -180,8 +180,8 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   using Clock = std::chrono::steady_clock;
   static constexpr int kPostId = 0x40000001;
 
-  // The lines of the server, and the sign that the library has its handlers to delete: it is
-  // registered under a name that nobody can know, too, so nobody can keep it busy then.
+  // The log sink. Its destructor shows that the library deletes the handlers. It is also registered
+  // under a secret name, which no peer can call, so it is never busy then.
   class Sink final : public IServerMethod {
    public:
     Sink(std::weak_ptr<ServerCore> core, std::shared_ptr<Custody> custody)
@@ -200,7 +200,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     const std::shared_ptr<Custody> custody_;
   };
 
-  // False when somebody did before.
+  // Returns false if a close has begun before.
   bool begin_end(std::shared_ptr<Listening>& ending) {
     const std::lock_guard<std::mutex> one_at_a_time(life_);
     if (std::exchange(closed_, true)) return false;
@@ -209,7 +209,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     return true;
   }
 
-  // A handler does not wait: who closes waits for it.
+  // A handler does not wait, because the first close waits for the handler.
   void wait_for_first() {
     side->end();
     if (side->gate.has_this_thread()) return;
@@ -217,7 +217,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     changed_.wait(lock, [&] { return ended_; });
   }
 
-  // When a client has stopped the server, nothing ends them any more: they are not waited for.
+  // Does not wait after a client has stopped the server, because nothing ends the calls then.
   void wait_for_calls(IServer& native) const {
     static constexpr std::chrono::milliseconds kLook{10};
     while (!calls_.is_empty() && native.isok()) std::this_thread::sleep_for(kLook);
@@ -296,7 +296,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     const bool says_why = last_line_.find("rror") != std::string::npos;
     return says_why ? last_line_.substr(0, end + 1) : "the address can't be used here";
   }
-  // What to try when the address is not just taken; null when it is.
+  // The hint for a failure other than a taken address; null otherwise.
   static const char* hint_of(std::string_view why, Transport transport) {
     const auto is = [&](std::string_view reason) { return why.ends_with(reason); };
     if (is("EADDRNOTAVAIL")) return "use an address that this machine has";
@@ -333,7 +333,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     const auto milliseconds = static_cast<int>(limit.server_ms());
     TolkParams* const answer =
         current->native->SendMsg(to, method.c_str(), arguments, lease.id(), milliseconds);
-    // Every answer has an envelope. A block without one is what an earlier call left, emptied.
+    // Every answer has an envelope. A block without one is an emptied result of an earlier call.
     if (answer != nullptr && answer->MapSize() > 0) {
       lease.note_answered(answer);
       read(*answer);
@@ -343,20 +343,20 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     return why_unanswered(to, method, limit, begun);
   }
 
-  // A late answer shows in the slot of its id. Once it has come and gone, the id is clean. The
-  // table can't be cleared as a whole: the library's own calls use it too.
+  // A late answer appears in the slot of its id. When it has been removed, the id is usable again.
+  // The library's own calls use the same table, so it cannot be cleared as a whole.
   static void reclaim_spoiled(Listening& current) {
     const auto id = current.ids.take_spoiled();
     if (!id) return;
-    // No client has the id 0: this only looks the slot up.
+    // No client has the id 0, so this only reads the slot.
     TolkParams* const late = current.native->SendMsg(0, "", nullptr, *id, 1);
     if (late == nullptr || late->MapSize() == 0) return current.ids.still_spoiled(*id);
     late->Clear();
     current.ids.clean_again(*id);
   }
 
-  // A client does not answer a call of a method that it does not have. One with the layer says
-  // which ones it has, at once; one without is asked a single time.
+  // A client does not answer a call of an unknown method. A client with the layer lists its methods
+  // at once. A client without it is asked only once.
   bool lacks_method(int to, const std::string& method) {
     static constexpr std::chrono::milliseconds kPatience{200};
     if (clients.is_silent(to)) return false;
@@ -400,11 +400,11 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::shared_ptr<Listening> listening_;
-  std::string where_;  // empty before it listens
+  std::string where_;  // empty before `listen`
   std::string last_line_;
   bool ended_ = false;
   bool ever_listened_ = false;         // under `mutex_`
-  std::atomic<bool> starting_{false};  // then a quiet server's lines are not silenced yet
+  std::atomic<bool> starting_{false};  // a quiet server is not silenced meanwhile
   Gate calls_;
 };
 

@@ -1,12 +1,11 @@
 /// @file
-/// What serves incoming calls: the methods of one client or server, and the handlers that stand for
+/// Dispatch of incoming calls: the methods of one client or server, and the handlers that represent
 /// them in the library.
 ///
-/// Thread: any. Handlers run on the library's workers, several at a time; none runs user code any
-/// more once `end` has returned.
-/// Owner: the library deletes a Door when its object ends (a busy one when it returns), but only if
-/// its object ever ran; Custody tells which, and frees the doors of one that did not.
-/// Failure: an exception of a handler becomes an answer that says so.
+/// Thread: any. Handlers run concurrently on the library's workers. No user code runs after `end`
+/// has returned. Owner: the library deletes a handler (Door) when its client or server ends, or
+/// when a busy handler returns, but only if the client or server ever ran. Otherwise Custody frees
+/// the handlers. Failure: an exception of a handler becomes an error in the answer.
 #pragma once
 
 #include <tolk/IMethodAll.h>
@@ -29,10 +28,10 @@ inline constexpr char kMethodDescribe[] = "tolk.describe";
 inline constexpr char kMethodPiece[] = "tolk.piece";
 inline constexpr char kNoStdException[] = "an exception that is no std::exception";
 
-// How many threads are inside, and whether anybody may still enter.
+// Counts the threads that run user code, and refuses new ones after `close`.
 class Gate {
  public:
-  // While alive, the thread is inside. False when the gate is closed.
+  // Counts its thread during its lifetime. False after `close`.
   class Pass {
    public:
     explicit Pass(Gate& gate) : gate_(gate), outer_(innermost()) {
@@ -60,14 +59,15 @@ class Gate {
     bool let_in_;
   };
 
-  // Nobody enters from now on.
+  // Refuses threads from now on.
   void close() { closed_ = true; }
-  // Until nobody is inside; not on a thread that is, which would wait for itself.
+  // Waits until no thread is counted. Returns at once on a counted thread, which would wait for
+  // itself.
   void wait_until_empty() {
     if (has_this_thread()) return;
     for (int inside = inside_; inside != 0; inside = inside_) inside_.wait(inside);
   }
-  // Whether there is nobody to wait for.
+  // Whether `wait_until_empty` would return at once.
   bool is_empty() const { return inside_ == 0 || has_this_thread(); }
   bool has_this_thread() const {
     for (const Pass* pass = Pass::innermost(); pass != nullptr; pass = pass->outer_) {
@@ -81,11 +81,12 @@ class Gate {
   std::atomic<bool> closed_{false};
 };
 
-// Whose the doors of one library object are. An object that never ran deletes none of them.
+// The ownership of the handlers of one IClient or IServer. An object that never ran does not delete
+// them.
 class Custody {
  public:
-  // The library is about to delete the doors: called by the destructor of one that is not busy
-  // while a start fails. Later it can be, and that the object ever ran is known without it.
+  // The library is about to delete the handlers. The destructor of a handler that is not busy
+  // during a failing start calls this. After a start, other members know that the object ran.
   void taken() {
     const std::lock_guard<std::mutex> lock(mutex_);
     taken_ = true;
@@ -102,7 +103,7 @@ class Custody {
     door.release();
     return raw;
   }
-  // When the object is gone.
+  // Called when the object is destroyed.
   void free_if_not_taken() {
     std::vector<std::function<void()>> doors;
     {
@@ -124,7 +125,7 @@ class Side : public std::enable_shared_from_this<Side> {
  public:
   using CatchAll = std::function<void(const Invocation&)>;
 
-  // Throws Errc::misuse for a name that is taken or not the host's to take.
+  // Throws Errc::misuse for a taken or reserved name.
   const Method& add(Method method) {
     const std::string name = method.info.name;
     if (name.empty() || name == "retval" || is_reserved(name)) {
@@ -144,7 +145,7 @@ class Side : public std::enable_shared_from_this<Side> {
     for (const auto& [name, method] : methods_) all.push_back(method.info);
     return all;
   }
-  // A method stays where it is for as long as the side lives.
+  // The pointer is valid as long as the side.
   const Method* find(const std::string& name) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto at = methods_.find(name);
@@ -156,30 +157,30 @@ class Side : public std::enable_shared_from_this<Side> {
     for (const auto& [name, method] : methods_) each(method);
   }
 
-  // One call of one method, on a worker.
+  // Runs one call of a method, on a worker.
   void serve(const Method& method, int caller_id, TolkParams& in, TolkParams& out) {
     run(method.info.name, method.run, Invocation{caller_id, method.info.name, back, in, out});
   }
   void serve_unknown(const char* name, int caller_id, TolkParams& in, TolkParams& out) {
     run(name, catch_all, Invocation{caller_id, name, back, in, out});
-    out.AddKeyValueInt(kKeyMeant, 1);  // the library adds "no event" behind
+    out.AddKeyValueInt(kKeyMeant, 1);  // the library adds "no event" after the result
   }
   void serve_piece(int caller_id, TolkParams& in, TolkParams& out);
   void serve_describe(TolkParams& out) const;
 
-  // No user code runs from now on, and what runs is waited for, but on a thread that runs it.
+  // Refuses new user code and waits for running user code, except on a thread that runs it.
   void end() {
     gate.close();
     gate.wait_until_empty();
   }
 
-  // User code as handlers are: none runs once `end` has returned.
+  // A sink is user code, so none runs after `end` has returned.
   void log_line(std::string_view line) {
     const Gate::Pass pass(gate);
     if (pass && log) log(line);
   }
 
-  // Set before the first call can come, and never again.
+  // Set once, before the first call can arrive.
   std::weak_ptr<Peer> back;
   CatchAll catch_all;
   LineSink log;
@@ -205,8 +206,8 @@ class Side : public std::enable_shared_from_this<Side> {
     }
   }
 
-  // A first value that begins like the library's own answer for an unknown method says that it is
-  // meant. In the encoded block: tag, four bytes of length, text.
+  // Marks a first value that begins like the library's answer for an unknown method. An encoded
+  // string is a tag, four bytes of length, and the text.
   static void note_lookalike(TolkParams& out) {
     constexpr long kHead = 5;
     constexpr char kStringTag = 3;
@@ -230,7 +231,7 @@ class Side : public std::enable_shared_from_this<Side> {
   std::map<std::string, Method> methods_;
 };
 
-// Lists of the names, the signatures and what was written about them.
+// Three lists: the names, the signatures and the descriptions.
 inline void Side::serve_describe(TolkParams& out) const {
   const auto column = [all = infos(), &out](std::string MethodInfo::*member) {
     put_list(out, [&](const Element& element) {
@@ -242,8 +243,8 @@ inline void Side::serve_describe(TolkParams& out) const {
   column(&MethodInfo::about);
 }
 
-// A piece of a large first argument. An exception must not leave an empty answer, which the sender
-// would take for a success.
+// Handles a piece of a large first argument. An exception must not leave an empty answer, which the
+// sender would read as a success.
 inline void Side::serve_piece(int caller_id, TolkParams& in, TolkParams& out) {
   const auto piece = Transfers::Piece::read(in);
   if (!piece) return fail(out, kMethodPiece, kKindArguments, "the piece is malformed");
@@ -259,12 +260,12 @@ inline void Side::serve_piece(int caller_id, TolkParams& in, TolkParams& out) {
   }
 }
 
-// The last piece is answered with the method's own answer.
+// The answer to the last piece is the method's answer.
 inline void Side::join_piece(const Transfers::Piece& piece, int caller_id, TolkParams& in,
                              TolkParams& out) {
   const Method* const method = find(piece.method);
   if (method == nullptr) {
-    if (catch_all) return;  // as who knows no pieces: all of it comes in one call, of any name
+    if (catch_all) return;  // an answer without a key: the sender then sends everything in one call
     out.AddKeyValueString(kKeyError, "there is no such method");
     out.AddKeyValueString(kKeyKind, kKindMethod);
     return;
@@ -288,7 +289,7 @@ inline void Side::join_piece(const Transfers::Piece& piece, int caller_id, TolkP
   run(piece.method, method->run, Invocation{caller_id, method->info.name, back, in, out, &whole});
 }
 
-// The library's handler of one of our methods.
+// The handler that the library calls for one method of the layer.
 class Door final : public IServerMethod {
  public:
   using Serve = std::function<void(Side&, int, TolkParams&, TolkParams&)>;
@@ -321,8 +322,8 @@ class Door final : public IServerMethod {
   const Serve serve_;
 };
 
-// An event of the library's, on its loop thread. A peer that calls its name like a method is
-// answered with nothing.
+// A hook of the library, on the loop thread. A peer that calls its name as a method gets an empty
+// answer.
 class Hook final : public IServerMethod {
  public:
   // `open`: user code may run.
@@ -341,7 +342,7 @@ class Hook final : public IServerMethod {
   const Happened happened_;
 };
 
-// Every method of a side, registered with one object of the library's.
+// Registers every method of a side with an IClient or IServer.
 template <class Native>
 void register_all(Native& native, Custody& custody, const std::shared_ptr<Side>& side) {
   side->for_each([&](const Method& method) {

@@ -1,8 +1,8 @@
 /// @file
-/// Large data in pieces: how far it is, the pieces themselves, and their joining.
+/// Large data in pieces: the progress, the pieces, and their reassembly.
 ///
-/// The pieces are calls of this layer's own method, so that there is an answer to each: that gives
-/// progress, a way to cancel, and a limit of time. A receiver holds the bytes that have come.
+/// A piece is a call of the layer's method "tolk.piece". The answer to each piece gives progress, a
+/// timeout, and a way to cancel. The receiver keeps the received bytes in memory.
 /// Thread: any. Failure: a piece that does not fit is refused.
 #pragma once
 
@@ -14,7 +14,7 @@
 namespace tolk {
 inline namespace v1 {
 
-/// How far a transfer is. A progress callback takes it by value and may cancel.
+/// The progress of a transfer. A progress callback takes it by value and may cancel.
 class Progress {
  public:
   /// @cond internal
@@ -22,16 +22,16 @@ class Progress {
       : done_(bytes_done), total_(bytes_total), cancelled_(&cancelled) {}
   /// @endcond
 
-  /// Bytes that the receiver has.
+  /// The bytes that the receiver has.
   std::uint64_t done() const noexcept { return done_; }
-  /// Bytes of the whole.
+  /// The bytes in total.
   std::uint64_t total() const noexcept { return total_; }
-  /// How much of the whole the receiver has, 0 … 1; 1 when there is nothing to send.
+  /// The part that the receiver has, 0 … 1; 1 when there is nothing to send.
   double fraction() const noexcept {
     return total_ == 0 ? 1 : static_cast<double>(done_) / static_cast<double>(total_);
   }
-  /// Ends the transfer: nothing more is sent, and the receiver drops what it has. Only inside the
-  /// callback. When the last byte is there already, it comes too late.
+  /// Ends the transfer, and the receiver drops its bytes. Call it only inside the callback. It has
+  /// no effect when the receiver has the last byte.
   void cancel() const noexcept { *cancelled_ = true; }
 
  private:
@@ -50,7 +50,7 @@ inline constexpr char kKeyTotal[] = "tolk.total";
 inline constexpr char kKeyCancel[] = "tolk.cancel";
 inline constexpr char kKeyDone[] = "tolk.done";
 
-// What receivers are joining, by sender and by the sender's number of the transfer.
+// The incomplete transfers of a receiver, by sender and by the sender's transfer number.
 class Transfers {
  public:
   struct Piece {
@@ -89,11 +89,11 @@ class Transfers {
   struct Taken {
     bool in_order = false;
     std::uint64_t done = 0;
-    std::optional<std::string> whole;  // once nothing is missing
+    std::optional<std::string> whole;  // set when nothing is missing
   };
 
-  // The first piece of a transfer is empty: it asks whether there is such a method, and answers
-  // whether the peer knows pieces at all.
+  // The first piece of a transfer is empty. It tests whether the method exists and whether the peer
+  // accepts pieces.
   Taken add(int sender, const Piece& piece) {
     const std::lock_guard<std::mutex> lock(mutex_);
     drop_stale();
@@ -135,7 +135,7 @@ class Transfers {
     Clock::time_point touched = Clock::now();
   };
 
-  // A sender that gave up without a word leaves what it had sent.
+  // Frees the bytes of senders that gave up without a cancel.
   void drop_stale() {
     const auto oldest = Clock::now() - kStale;
     std::erase_if(open_, [&](const auto& entry) { return entry.second.touched < oldest; });
@@ -145,7 +145,7 @@ class Transfers {
   std::map<std::pair<int, int>, Open> open_;
 };
 
-// The sender's end.
+// The sender of a transfer.
 class Sending {
  public:
   static constexpr std::size_t kPieceBytes = std::size_t{1} << 18;
@@ -153,7 +153,7 @@ class Sending {
   Sending(Peer& peer, int to, std::string_view method, std::string_view data, Limit limit)
       : peer_(peer), to_(to), method_(method), data_(data), limit_(limit) {}
 
-  // `put_rest` adds the arguments behind the data; `progress` may cancel.
+  // `put_rest` adds the arguments after the data; `progress` may cancel.
   template <class T, class PutRest, class Report>
   Result<T> run(const PutRest& put_rest, const Report& progress) {
     if (data_.size() > static_cast<std::size_t>(kMostBytes)) {
@@ -186,7 +186,7 @@ class Sending {
  private:
   static constexpr char kPieceMethod[] = "tolk.piece";
 
-  // A peer without the layer answers that it has no such method, and gets everything in one call.
+  // A peer without the layer answers that it lacks the method, and gets everything in one call.
   std::optional<Error> ask(bool& knows_pieces) {
     TolkParams first = piece(0, "");
     std::optional<Error> refused;
@@ -251,7 +251,7 @@ class Sending {
     peer_.post(to_, kPieceMethod, &block);
   }
 
-  // What happened to a piece happened to the call that the host made.
+  // Reports the failure of a piece as a failure of the host's call.
   Error renamed(const Error& error) const {
     return {error.code(), method_, error.address(), error.detail()};
   }

@@ -1,8 +1,8 @@
 /// @file
-/// Values whose types are known at run time only: one Value, and the Values of a call.
+/// Values whose types are known only at run time: one Value, and the Values of a call.
 ///
-/// Thread: values, one thread at a time. Owner: each owns its bytes; nothing points into a block of
-/// the library's. Failure: std::bad_alloc; Value's accessors throw std::bad_variant_access.
+/// Thread: values, one thread at a time. Owner: each value owns its bytes and does not point into a
+/// library block. Failure: std::bad_alloc; the accessors of Value throw std::bad_variant_access.
 #pragma once
 
 #include <tolk/ListParams.h>
@@ -22,7 +22,7 @@
 namespace tolk {
 inline namespace v1 {
 
-/// Bytes of any value. They travel as a byte stream, zero bytes included.
+/// Any bytes, zero bytes included. They are sent as a byte stream.
 using bytes = std::vector<std::byte>;
 
 /// @cond internal
@@ -39,14 +39,14 @@ inline bytes to_bytes(std::string_view text) {
 
 inline bool has_bytes(const TolkValue& value) { return value.IsString() || value.IsStream(); }
 
-// What a string or a stream holds; valid as long as the value.
+// The bytes of a string or a stream; valid as long as the value.
 inline std::string_view bytes_of(const TolkValue& value) {
   long size = 0;
   const char* const data = value.GetStream(size);
   return {data, static_cast<std::size_t>(size)};
 }
 
-// A position, a key and a list element are three places to put a scalar to.
+// The three places of a scalar: a position, a key, and a list element.
 struct Position {
   TolkParams& block;
   void boolean(bool v) const { block.AddBool(v); }
@@ -79,7 +79,7 @@ struct Element {
   void stream(std::string_view v) const { list.AddStream(v.data(), static_cast<long>(v.size())); }
 };
 
-// A string record ends at its first zero byte, so a text that holds one travels as a stream.
+// A string record ends at its first zero byte, so a string with a zero byte is sent as a stream.
 template <class Place>
 void put_text(const Place& place, const char* text, std::size_t size) {
   if (std::memchr(text, 0, size) == nullptr) {
@@ -89,20 +89,20 @@ void put_text(const Place& place, const char* text, std::size_t size) {
   }
 }
 
-// Adds a list whose elements `fill` adds.
+// Adds a list. `fill` adds its elements.
 template <class Fill>
 void put_list(TolkParams& block, const Fill& fill) {
   ListParams* const list = TolkParams::CreateListParams();
   try {
     fill(Element{*list});
   } catch (...) {
-    TolkParams().AddList(list);  // a block is who can free it
+    TolkParams().AddList(list);  // only a block can free it
     throw;
   }
   block.AddList(list);
 }
 
-// What has no place of its own on the wire travels as a stream that holds a block.
+// Sends a value without a wire type as a stream that holds a block.
 template <class Place, class Fill>
 void put_block(const Place& place, const Fill& fill) {
   TolkParams inner;
@@ -114,7 +114,7 @@ inline bool parse_block(TolkParams& block, std::string_view text) {
   return block.Parser(text.data(), static_cast<int>(text.size()));
 }
 
-// Keys of the envelope and of this layer are none of the host's.
+// The library reserves the keys of the envelope and of this layer.
 inline bool is_reserved(std::string_view name) {
   return name.starts_with("s_c_") || name.starts_with("tolk.");
 }
@@ -122,11 +122,11 @@ inline bool is_reserved(std::string_view name) {
 }  // namespace detail
 /// @endcond
 
-/// One value of any type that travels: nothing, bool, int, double, string, bytes, or a list.
-/// A map, which some peers send, can not be read and is nothing.
+/// One value of any type that can be sent: nothing, bool, int, double, string, bytes, or a list.
+/// A received map reads as nothing.
 class Value {
  public:
-  /// The elements of a list. On the wire a list inside a list is a stream that holds a block.
+  /// The elements of a list. On the wire, a list inside a list is a stream that holds a block.
   using List = std::vector<Value>;
 
   /// Nothing.
@@ -146,25 +146,25 @@ class Value {
   /// A list.
   Value(List v) : held_(std::move(v)) {}
 
-  /// Whether there is nothing.
+  /// Whether the value is nothing.
   bool is_none() const noexcept { return held_.index() == 0; }
   /// Whether the value is of type `T`: bool, int, double, std::string, bytes or List.
   template <class T>
   bool is() const noexcept {
     return std::holds_alternative<T>(held_);
   }
-  /// The value as a `T`; throws std::bad_variant_access if it is of another type.
+  /// Returns the value as a `T`. Throws std::bad_variant_access for another type.
   template <class T>
   const T& get() const {
     return std::get<T>(held_);
   }
-  /// The value as a `T`, or null if it is of another type.
+  /// Returns a pointer to the value as a `T`, or null for another type.
   template <class T>
   const T* get_if() const noexcept {
     return std::get_if<T>(&held_);
   }
 
-  /// Whether both are of one type and equal.
+  /// Whether both values have the same type and are equal.
   bool operator==(const Value& other) const = default;
 
   /// The name of the type: `"int"`, `"list"`, `"nothing"`.
@@ -217,10 +217,10 @@ class Value {
   std::variant<std::monostate, bool, int, double, std::string, bytes, List> held_;
 };
 
-/// The arguments or the results of a call, whatever they are: values by position, values by key.
+/// The arguments or the results of a call, of any types: positional values and keyed values.
 ///
-/// It can be passed as an argument (its values then stand among the others), asked for as a
-/// result, returned by a handler, and taken by a handler as its only positional parameter.
+/// It can be an argument (its values are inserted among the other arguments), the result type of a
+/// call, the return type of a handler, and the only positional parameter of a handler.
 /// @code
 /// tolk::Values arguments;
 /// arguments.add(3).add("name", "x.txt");
@@ -228,14 +228,13 @@ class Value {
 /// @endcode
 class Values {
  public:
-  /// Adds a positional value. Nothing takes no place in the message: what stands behind it moves
-  /// up.
+  /// Adds a positional value. A value that is nothing is not sent, so the following values move up.
   Values& add(Value value) {
     positional_.push_back(std::move(value));
     return *this;
   }
-  /// Sets the value of a key; a later one wins. A key that begins with `s_c_` or `tolk.` is the
-  /// library's and does not arrive.
+  /// Sets the value of a key, and replaces an earlier one. The library reserves keys that begin
+  /// with `s_c_` or `tolk.`; they do not arrive.
   Values& add(const std::string& key, Value value) {
     keyed_[key] = std::move(value);
     return *this;
@@ -243,15 +242,15 @@ class Values {
 
   /// The positional values, in order.
   const std::vector<Value>& positional() const noexcept { return positional_; }
-  /// The values that have keys.
+  /// The keyed values.
   const std::map<std::string, Value>& keyed() const noexcept { return keyed_; }
-  /// How many positional values there are.
+  /// The number of positional values.
   std::size_t size() const noexcept { return positional_.size(); }
-  /// A positional value; nothing if there are not so many.
+  /// A positional value, or nothing beyond the last one.
   const Value& at(std::size_t position) const noexcept {
     return position < positional_.size() ? positional_[position] : nothing();
   }
-  /// The value of a key; nothing if there is none.
+  /// The value of a key, or nothing.
   const Value& at(const std::string& key) const noexcept {
     const auto found = keyed_.find(key);
     return found == keyed_.end() ? nothing() : found->second;
@@ -259,7 +258,7 @@ class Values {
   /// Whether all values are equal.
   bool operator==(const Values& other) const = default;
 
-  /// What `text` holds if it is a whole block, as structs and inner lists are inside a stream.
+  /// Parses a complete block, such as the stream of a struct or of an inner list.
   static std::optional<Values> parse(std::string_view text) {
     TolkParams block;
     if (!detail::parse_block(block, text)) return std::nullopt;
@@ -267,7 +266,7 @@ class Values {
   }
 
   /// @cond internal
-  // `first` stands in the place of the first positional value, if it is given.
+  // `first`, if not null, replaces the first positional value.
   static Values of(TolkParams& block, const TolkValue* first = nullptr) {
     Values values;
     for (int i = 0; i < block.ParamsSize(); ++i) {
@@ -284,7 +283,7 @@ class Values {
     for (const auto& [key, value] : keyed_) value.put(detail::Key{block, key.c_str()});
   }
 
-  // For what a catch-all's answer has behind it.
+  // Removes the value that the library adds after the answer of a catch-all handler.
   void drop_last() { positional_.pop_back(); }
   /// @endcond
 

@@ -1,5 +1,5 @@
 /// @file
-/// The threads of a client for calls that nobody waits for at once.
+/// The threads of a client for asynchronous calls.
 #pragma once
 
 #include <condition_variable>
@@ -17,10 +17,10 @@ inline namespace v1 {
 /// @cond internal
 namespace detail {
 
-// A few threads that are made as they are needed, and a line of tasks.
-// Thread: any, but for `stop`, which no task may call. Owner: its threads, which `stop` joins.
-// Failure: std::system_error when there is no thread at all; a task that is not run any more is
-// called with `false`. A task throws nothing.
+// A task queue, and threads that are started when needed.
+// Thread: any, except that a task must not call `stop`. Owner: the threads, which `stop` joins.
+// Failure: std::system_error when not even one thread can start. A task that will not run is called
+// with `false`. A task must not throw.
 class Workers {
  public:
   using Task = std::function<void(bool wanted)>;
@@ -43,7 +43,7 @@ class Workers {
     task(false);
   }
 
-  // Tasks in line are not run any more.
+  // Cancels the queued tasks.
   void drop() {
     std::deque<Task> dropped;
     {
