@@ -13,8 +13,8 @@
 namespace {
 
 using tolk::FunctionTask;
-using tolk::TaskQueue;
 using tolk::Task;
+using tolk::TaskQueue;
 
 // Tells what became of it.
 class Told final : public Task {
@@ -38,17 +38,26 @@ class TaskQueues : public testing::Test {
     uv_async_init(&loop, &wake_up, [](uv_async_t* async) {
       auto* const self = static_cast<TaskQueues*>(async->data);
       ++self->wake_ups;
+      tolk::enter_loop();
       self->queue.drain();
     });
     wake_up.data = this;
   }
   ~TaskQueues() override {
-    queue.close();
+    close();
     uv_close(reinterpret_cast<uv_handle_t*>(&wake_up), nullptr);
     uv_run(&loop, UV_RUN_DEFAULT);
     uv_loop_close(&loop);
   }
 
+  void open() {
+    tolk::enter_loop();
+    queue.open(&wake_up);
+  }
+  void close() {
+    tolk::enter_loop();
+    queue.close();
+  }
   bool post(const std::string& name) { return queue.post(std::make_unique<Told>(log, name)); }
   template <class Function>
   bool post_function(Function function) {
@@ -70,7 +79,7 @@ TEST_F(TaskQueues, QueueThatNeverOpenedRefusesAtOnce) {
 }
 
 TEST_F(TaskQueues, TasksRunInOrderOnTheLoop) {
-  queue.open(&wake_up);
+  open();
   EXPECT_TRUE(post("a"));
   EXPECT_TRUE(post("b"));
   EXPECT_TRUE(post("c"));
@@ -80,7 +89,7 @@ TEST_F(TaskQueues, TasksRunInOrderOnTheLoop) {
 }
 
 TEST_F(TaskQueues, OneWakeUpServesAllThatStandInLine) {
-  queue.open(&wake_up);
+  open();
   for (int i = 0; i < 10; ++i) post("x");
   turn();
   EXPECT_EQ(wake_ups, 1);
@@ -88,7 +97,7 @@ TEST_F(TaskQueues, OneWakeUpServesAllThatStandInLine) {
 }
 
 TEST_F(TaskQueues, TaskAfterADrainWakesTheLoopAgain) {
-  queue.open(&wake_up);
+  open();
   post("a");
   turn();
   post("b");
@@ -99,7 +108,7 @@ TEST_F(TaskQueues, TaskAfterADrainWakesTheLoopAgain) {
 
 // Reads and time-outs have their turn in between, however fast others post.
 TEST_F(TaskQueues, TaskThatATaskPostsRunsAtTheNextWakeUp) {
-  queue.open(&wake_up);
+  open();
   post_function([this] { post("inner"); });
   turn();
   EXPECT_EQ(wake_ups, 1);
@@ -110,33 +119,33 @@ TEST_F(TaskQueues, TaskThatATaskPostsRunsAtTheNextWakeUp) {
 }
 
 TEST_F(TaskQueues, CloseRefusesWhatStandsInLineInOrder) {
-  queue.open(&wake_up);
+  open();
   post("a");
   post("b");
-  queue.close();
+  close();
   EXPECT_EQ(log, (Events{"a refused", "a freed", "b refused", "b freed"}));
   turn();
   EXPECT_EQ(log.size(), 4u) << "nothing runs any more";
 }
 
 TEST_F(TaskQueues, ClosedQueueRefusesAtOnce) {
-  queue.open(&wake_up);
-  queue.close();
+  open();
+  close();
   EXPECT_FALSE(post("late"));
   EXPECT_EQ(log, (Events{"late refused", "late freed"}));
 }
 
 TEST_F(TaskQueues, ClosingTwiceIsHarmless) {
-  queue.open(&wake_up);
+  open();
   post("a");
-  queue.close();
-  queue.close();
+  close();
+  close();
   EXPECT_EQ(log, (Events{"a refused", "a freed"}));
 }
 
 TEST_F(TaskQueues, TaskThatClosesEndsTheDrain) {
-  queue.open(&wake_up);
-  post_function([this] { queue.close(); });
+  open();
+  post_function([this] { close(); });
   post("behind it");
   turn();
   EXPECT_EQ(log, (Events{"behind it refused", "behind it freed"}));
@@ -152,9 +161,9 @@ TEST_F(TaskQueues, RefusedTaskMayPostAgain) {
    private:
     const std::function<void()> refused_;
   };
-  queue.open(&wake_up);
+  open();
   queue.post(std::make_unique<Stubborn>([this] { EXPECT_FALSE(post("again")); }));
-  queue.close();
+  close();
   EXPECT_EQ(log, (Events{"again refused", "again freed"}));
 }
 
@@ -195,7 +204,7 @@ TEST_F(TaskQueues, EveryTaskIsAnsweredWhenTheQueueClosesUnderItsPosters) {
   constexpr int kThreads = 4;
   constexpr int kTasks = 500;
   for (int round = 0; round < 20; ++round) {
-    queue.open(&wake_up);
+    open();
     Counts counts;
     std::atomic<int> accepted{0};
     std::vector<std::thread> posters;
@@ -207,7 +216,7 @@ TEST_F(TaskQueues, EveryTaskIsAnsweredWhenTheQueueClosesUnderItsPosters) {
       });
     }
     while (accepted < round * 40) turn();
-    queue.close();
+    close();
     for (std::thread& poster : posters) poster.join();
     EXPECT_EQ(counts.ran + counts.refused, kThreads * kTasks);
     EXPECT_EQ(counts.freed, kThreads * kTasks);
@@ -218,7 +227,7 @@ TEST_F(TaskQueues, EveryTaskIsAnsweredWhenTheQueueClosesUnderItsPosters) {
 
 TEST_F(TaskQueues, TheReadyTaskRunsInItsPlaceAndOnce) {
   queue.prepare(std::make_unique<Told>(log, "prepared"));
-  queue.open(&wake_up);
+  open();
   post("first");
   queue.post_prepared();
   queue.post_prepared();
@@ -231,7 +240,7 @@ TEST_F(TaskQueues, TheReadyTaskRunsInItsPlaceAndOnce) {
 TEST_F(TaskQueues, ThePreparedTaskStaysWhileTheQueueIsNotOpen) {
   queue.prepare(std::make_unique<Told>(log, "prepared"));
   queue.post_prepared();
-  queue.open(&wake_up);
+  open();
   turn();
   EXPECT_EQ(log, Events{});
   queue.post_prepared();
