@@ -328,6 +328,28 @@ TEST(ToolMonitor, LeavesItsPipeFree) {
   EXPECT_NO_THROW(server.listen(layered(monitored.from())));
 }
 
+// What a dead server left is removed; anything else of that name stays.
+TEST(ToolMonitor, ClaimsAPipeNameAsAServerDoes) {
+  const auto from = fresh_address(Transport::pipe);
+  const std::string path = pipe_path(from.port);
+  std::filesystem::create_directory(path);
+  const std::vector<std::string> words = {"monitor", "--from", layered(from).text(), "--to", "1"};
+  const Ended refused = tolk_command(words);
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_THAT(refused.err, HasSubstr(": cannot listen: illegal operation on a directory\ntry: "));
+  EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
+  EXPECT_TRUE(std::filesystem::remove(path));
+  for (int round = 0; round < 2; ++round) {
+    Process killed(tolk_words(words));
+    killed.await("passing on to");
+    killed.signal(SIGKILL);
+    EXPECT_EQ(killed.end().code, 128 + SIGKILL);
+    EXPECT_TRUE(std::filesystem::is_socket(path));
+  }
+  std::filesystem::remove(path);
+  std::filesystem::remove(path + ".lock");
+}
+
 TEST(ToolMonitor, EndsWhenNobodyReadsItsLines) {
   const std::string from = fresh().text();
   Server server;

@@ -1,6 +1,6 @@
 // The options that several subcommands share.
 //
-// Thread: the main thread fills them; then they only are read. Failure: none.
+// Thread: the main thread fills them in; afterwards any thread may read them. Failure: none.
 #pragma once
 
 #include <chrono>

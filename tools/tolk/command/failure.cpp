@@ -37,7 +37,7 @@ std::string hint_of(const Error& error) {
       return "allow more time with --timeout 30s, or check what the handler is doing";
     case Errc::no_such_method:
     case Errc::wrong_arguments:
-      return "tolk describe " + address + " shows the methods, if the server lists them";
+      return "tolk describe " + address + " shows the methods, if the server tells them";
     case Errc::handler_failed:
       return "read the text, it is the handler's own";
     default:

@@ -25,6 +25,13 @@ CLI::Validator count_from_zero() {
           ""};
 }
 
+CLI::Validator not_empty() {
+  return {[](const std::string& name) {
+            return std::string(name.empty() ? "the name of a method must not be empty" : "");
+          },
+          ""};
+}
+
 }  // namespace
 
 CLI::Option* add_address(CLI::App& command, std::string& address) {
@@ -33,6 +40,10 @@ CLI::Option* add_address(CLI::App& command, std::string& address) {
                   "pipe:5000, tcp4:127.0.0.1:5000 or tcp6:[::1]:5000;\na bare number is a pipe")
       ->type_name("")
       ->required();
+}
+
+void add_method_name(CLI::App& command, std::string& method, const std::string& about) {
+  command.add_option("METHOD", method, about)->check(not_empty())->type_name("")->required();
 }
 
 void add_output_flags(CLI::App& command, CommonOptions& options) {
@@ -72,13 +83,6 @@ void add_timeout_flag(CLI::App& command, CommonOptions& options, const std::stri
 
 CLI::Option* add_count_flag(CLI::App& command, int& count, const std::string& about) {
   return command.add_option("-c,--count", count, about)->check(count_from_zero())->type_name("N");
-}
-
-CLI::Validator method_name() {
-  return {[](const std::string& name) {
-            return std::string(name.empty() ? "the name of a method must not be empty" : "");
-          },
-          ""};
 }
 
 void add_examples(CLI::App& command, const std::string& lines, const std::string& about) {

@@ -16,6 +16,9 @@ namespace tolk::tool {
 // ADDRESS, which is required unless the subcommand says otherwise.
 CLI::Option* add_address(CLI::App& command, std::string& address);
 
+// METHOD, which is required and not empty.
+void add_method_name(CLI::App& command, std::string& method, const std::string& about);
+
 void add_output_flags(CLI::App& command, CommonOptions& options);  // -q, -v, --color
 void add_json_flag(CLI::App& command, CommonOptions& options);     // --json=pretty|short|off
 // --timeout 500ms. `about` is its help.
@@ -25,9 +28,6 @@ void add_timeout_flag(CLI::App& command, CommonOptions& options,
                           "none; 5s if not given");
 // -c, --count: a whole number from 0.
 CLI::Option* add_count_flag(CLI::App& command, int& count, const std::string& about);
-
-// Accepts every method name but the empty one.
-CLI::Validator method_name();
 
 // Ends --help with examples, one command on each line; the tests run them as they are printed.
 // `about` stands before the examples.

@@ -47,8 +47,8 @@ class ConnectedClients {
 };
 
 // Listens, prints that, and returns when the server has ended: after a signal, a client's request,
-// or a call of ask_to_end. `before_close` ends what handlers may be waiting for. `method` is the
-// method that is served, for the text of a Failure.
+// or a call of ask_to_end. `before_close` ends what handlers may be waiting for.
+// `method` is the method that is served, for the text of a Failure.
 void serve_until_end(Server& server, const std::string& address, const std::string& method,
                      const std::function<void()>& before_close = nullptr);
 

@@ -11,10 +11,7 @@ CLI::App& add_call_command(CLI::App& app, CommonOptions& options, const char* na
   CLI::App& command = *app.add_subcommand(name, about);
   const auto call = std::make_shared<CallOptions>();
   add_address(command, call->address);
-  command.add_option("METHOD", call->method, "The name of the method")
-      ->check(method_name())
-      ->type_name("")
-      ->required();
+  add_method_name(command, call->method, "The name of the method");
   add_arguments(command, call->texts, options);
   add_timeout_flag(command, options);
   add_output_flags(command, options);

@@ -25,7 +25,7 @@ struct ListenOptions {
   int count = 0;
 };
 
-// The calls that were printed. Thread: any.
+// The calls that were printed, by any thread.
 struct PrintedCalls {
   std::mutex mutex;
   int count = 0;

@@ -21,7 +21,9 @@ namespace tolk::tool {
 namespace {
 
 // Frames go to standard output and to the capture; the beginning and end of connections are notes
-// for people. Thread: that of the proxy.
+// for people.
+//
+// Thread: that of the proxy.
 class Monitor : public ProxyWatcher {
  public:
   explicit Monitor(const std::string& capture) {

@@ -29,6 +29,7 @@ struct ReceiveOptions {
 };
 
 // Saves the files that come, one at a time, so that it saves no more than the user has asked for.
+//
 // Thread: any.
 class Receiver {
  public:

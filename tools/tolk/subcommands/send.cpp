@@ -90,10 +90,7 @@ void add_send(CLI::App& app, CommonOptions& options) {
       "send", "Call a method with the bytes of a file, in pieces, and print its result");
   const auto send = std::make_shared<SendOptions>();
   add_address(command, send->address);
-  command.add_option("METHOD", send->method, "The name of the method; tolk receive has upload")
-      ->check(method_name())
-      ->type_name("")
-      ->required();
+  add_method_name(command, send->method, "The name of the method; tolk receive has upload");
   command.add_option("FILE", send->file, "What to send; - is standard input")
       ->type_name("")
       ->required();

@@ -1,6 +1,7 @@
-// The number that a text is, as a whole.
+// Converts a whole text to a number.
 //
-// Thread: any. Failure: nothing when the text is not such a number, or does not fit.
+// Thread: any. Failure: nothing when the text is not such a number, or when the number does not
+// fit.
 #pragma once
 
 #include <charconv>

@@ -2,9 +2,11 @@
 //
 // The library prints lines of its own to standard output. Therefore the process's descriptor 1 is
 // redirected before the library is used: to standard error if the user wants these lines, to
-// nothing otherwise. Data goes to a private copy of the real standard output. Thread: any; each
-// call writes its text in one piece. Failure: data that cannot be written is a Failure; text that
-// standard error does not take is lost.
+// nothing otherwise. Data goes to a private copy of the real standard output.
+//
+// Thread: any; each call writes its text in one piece.
+// Failure: data that cannot be written is a Failure; text that standard error does not take is
+// lost.
 #pragma once
 
 #include <cstdint>

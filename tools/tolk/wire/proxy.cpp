@@ -20,7 +20,7 @@ constexpr int kBacklog = 128;
 Failure cannot_listen(const Address& address, int error) {
   const bool others = address.transport() == Transport::pipe && error == UV_EACCES;
   return {Exit::failed, fmt::format("cannot listen: {}", uv_strerror(error)),
-          others ? "check whose the files of the pipe are; those of other users are left alone"
+          others ? "check who owns the files of the pipe; other users' files are left alone"
                  : "stop the other server at that address, or choose another address"};
 }
 
