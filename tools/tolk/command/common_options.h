@@ -8,7 +8,7 @@
 namespace tolk::tool {
 
 enum class JsonStyle { off, brief, pretty };
-enum class When { automatic, always, never };
+enum class ColorMode { automatic, always, never };
 
 struct CommonOptions {
   std::chrono::milliseconds timeout{5000};
@@ -16,7 +16,7 @@ struct CommonOptions {
   JsonStyle json = JsonStyle::off;
   bool quiet = false;
   bool verbose = false;
-  When color = When::automatic;
+  ColorMode color = ColorMode::automatic;
 };
 
 }  // namespace tolk::tool

@@ -50,11 +50,11 @@ void add_output_flags(CLI::App& command, CommonOptions& options) {
   command.add_flag("-q,--quiet", options.quiet, "Print data and errors, and nothing else");
   command.add_flag("-v,--verbose", options.verbose,
                    "Print more about what happens, and the library's own lines");
-  static const std::map<std::string, When> kWhen = {
-      {"auto", When::automatic}, {"always", When::always}, {"never", When::never}};
+  static const std::map<std::string, ColorMode> kModes = {
+      {"auto", ColorMode::automatic}, {"always", ColorMode::always}, {"never", ColorMode::never}};
   command
       .add_option_function<std::string>(
-          "--color", [&options](const std::string& word) { options.color = kWhen.at(word); },
+          "--color", [&options](const std::string& word) { options.color = kModes.at(word); },
           "Colours: auto (on a terminal, unless NO_COLOR is set), always or never")
       ->check(CLI::IsMember({"auto", "always", "never"}))
       ->type_name("WHEN");

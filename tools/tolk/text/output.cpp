@@ -27,9 +27,10 @@ bool no_color() {
   return value != nullptr && *value != 0;
 }
 
-Colors colors_for(When when, int descriptor) {
+Colors colors_for(ColorMode when, int descriptor) {
   const bool automatic = is_terminal(descriptor) && !no_color();
-  return when == When::always || (when == When::automatic && automatic) ? kColors : Colors{};
+  return when == ColorMode::always || (when == ColorMode::automatic && automatic) ? kColors
+                                                                                  : Colors{};
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ struct ProxiedConnection::Write {
   End* end = nullptr;
 };
 
-HostAndPort endpoint_from(const sockaddr_storage& address) {
+HostAndPort host_and_port_from(const sockaddr_storage& address) {
   std::array<char, 64> host{};
   uv_ip_name(reinterpret_cast<const sockaddr*>(&address), host.data(), host.size());
   const bool ipv4 = address.ss_family == AF_INET;
@@ -102,7 +102,7 @@ void ProxiedConnection::connected(int status) {
   for (End* end : {&client_, &server_}) {
     if (end->handle.handle.type == UV_TCP) uv_tcp_nodelay(&end->handle.tcp, 1);
   }
-  owner_.watcher().opened(number_, client_endpoint(), server_endpoint());
+  owner_.watcher().opened(number_, client_address(), server_address());
   read_from(client_);
   read_from(server_);
 }
@@ -267,25 +267,25 @@ void ProxiedConnection::finish_if_done() {
   owner_.finished(number_);
 }
 
-HostAndPort ProxiedConnection::client_endpoint() const {
+HostAndPort ProxiedConnection::client_address() const {
   if (from_.transport() == Transport::pipe) {
     return {"127.0.0.1", static_cast<std::uint32_t>(number_)};
   }
   sockaddr_storage address{};
   int size = sizeof address;
   uv_tcp_getpeername(&client_.handle.tcp, reinterpret_cast<sockaddr*>(&address), &size);
-  return endpoint_from(address);
+  return host_and_port_from(address);
 }
 
 // The address that the client connected to. For a pipe it is another host than that of the clients.
-HostAndPort ProxiedConnection::server_endpoint() const {
+HostAndPort ProxiedConnection::server_address() const {
   if (from_.transport() == Transport::pipe) {
     return {"127.0.0.2", static_cast<std::uint32_t>(from_.number())};
   }
   sockaddr_storage address{};
   int size = sizeof address;
   uv_tcp_getsockname(&client_.handle.tcp, reinterpret_cast<sockaddr*>(&address), &size);
-  return endpoint_from(address);
+  return host_and_port_from(address);
 }
 
 }  // namespace tolk::tool

@@ -29,7 +29,7 @@ class ConnectionOwner {
 };
 
 // The parts of a socket address, numeric.
-HostAndPort endpoint_from(const sockaddr_storage& address);
+HostAndPort host_and_port_from(const sockaddr_storage& address);
 sockaddr_storage socket_address(const Address& address);
 
 class ProxiedConnection {
@@ -76,8 +76,8 @@ class ProxiedConnection {
   static void handle_closed(uv_handle_t* handle);
   void finish_if_done();
 
-  HostAndPort client_endpoint() const;
-  HostAndPort server_endpoint() const;
+  HostAndPort client_address() const;
+  HostAndPort server_address() const;
   End& other(End& end) { return &end == &client_ ? server_ : client_; }
   const char* name_of(const End& end) const { return &end == &client_ ? "client" : "server"; }
 
