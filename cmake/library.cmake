@@ -1,7 +1,7 @@
 # libtolk for hosts, and the same objects as a static library for tests that see internals.
 add_library(tolk)
 add_library(tolk::tolk ALIAS tolk)
-target_sources(tolk PRIVATE $<TARGET_OBJECTS:tolk_objects>)
+target_sources(tolk PRIVATE $<TARGET_OBJECTS:tolk_objects> $<TARGET_OBJECTS:tolk_platform>)
 target_compile_features(tolk INTERFACE cxx_std_17)
 target_include_directories(
   tolk INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
@@ -28,7 +28,7 @@ elseif(NOT WIN32)
 endif()
 
 add_library(tolk_static STATIC EXCLUDE_FROM_ALL)
-target_sources(tolk_static PRIVATE $<TARGET_OBJECTS:tolk_objects>)
+target_sources(tolk_static PRIVATE $<TARGET_OBJECTS:tolk_objects> $<TARGET_OBJECTS:tolk_platform>)
 target_compile_features(tolk_static INTERFACE cxx_std_20)
 target_compile_definitions(tolk_static INTERFACE TOLK_STATIC)
 target_include_directories(tolk_static INTERFACE ${PROJECT_SOURCE_DIR}/include

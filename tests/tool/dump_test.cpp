@@ -74,15 +74,16 @@ TEST(ToolDump, FindsOutWhatItIsUnlessItIsSaid) {
 TEST(ToolDump, SaysWhichByteIsNoneAndWhy) {
   const Ended text = dump("hello\n");
   EXPECT_EQ(text.code, 1);
-  EXPECT_EQ(text.out, "       0  malformed: 0x68 begins no record\n");
-  EXPECT_THAT(text.err, HasSubstr("no well-formed block: at byte 0: 0x68 begins no record"));
+  EXPECT_EQ(text.out, "       0  malformed: 0x68 does not begin a record\n");
+  EXPECT_THAT(text.err,
+              HasSubstr("not a well-formed block: at byte 0: 0x68 does not begin a record"));
 
   std::string broken = golden("call");
   broken[58] = 'X';  // in the check word of a key
   const Ended wrong = dump(golden("call") + broken);
   EXPECT_EQ(wrong.code, 1);
-  EXPECT_THAT(wrong.out, HasSubstr("malformed: the check word says"));
-  EXPECT_THAT(wrong.err, HasSubstr("frames: at byte 220: the check word says"));
+  EXPECT_THAT(wrong.out, HasSubstr("malformed: the check word is"));
+  EXPECT_THAT(wrong.err, HasSubstr("not well-formed frames: at byte 220: the check word is"));
 
   const Ended cut_off = dump(golden("call") + golden("call").substr(0, 100));
   EXPECT_EQ(cut_off.code, 1);
@@ -96,7 +97,7 @@ TEST(ToolDump, ArgumentsThatAreMalformedCountToo) {
   const std::string payload = call_payload("add", 1, "?", "0x1");
   const Ended ended = dump(frame(payload));
   EXPECT_EQ(ended.code, 1);
-  EXPECT_THAT(ended.out, HasSubstr("malformed: 0x3f begins no record"));
+  EXPECT_THAT(ended.out, HasSubstr("malformed: 0x3f does not begin a record"));
 }
 
 TEST(ToolDump, WhatLooksLikeSomethingElseIsToldHow) {
@@ -111,7 +112,7 @@ TEST(ToolDump, ReadsHexadecimalWithComments) {
   const Ended odd = dump("00 0", {"--hex"});
   EXPECT_EQ(odd.code, 1);
   EXPECT_THAT(odd.err, HasSubstr("half a byte"));
-  EXPECT_THAT(dump("0x", {"--hex"}).err, HasSubstr("no hexadecimal digit: x"));
+  EXPECT_THAT(dump("0x", {"--hex"}).err, HasSubstr("not a hexadecimal digit: x"));
 }
 
 TEST(ToolDump, GivesJson) {

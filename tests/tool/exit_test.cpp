@@ -30,21 +30,23 @@ TEST_F(ToolExit, UsageIsTwo) {
   EXPECT_THAT(missing.err, AllOf(HasSubstr("METHOD"), HasSubstr("try: tolk call --help")));
   const Ended unknown = tolk_command({"call", at, "add", "--bogus"});
   EXPECT_EQ(unknown.code, 2);
-  EXPECT_EQ(unknown.err, "tolk: this is not expected: --bogus\ntry: tolk call --help\n");
+  EXPECT_EQ(unknown.err, "tolk: unexpected argument: --bogus\ntry: tolk call --help\n");
   const Ended two = tolk_command({"ping", at, "-n", "2"});
   EXPECT_EQ(two.code, 2);
-  EXPECT_EQ(two.err, "tolk: these are not expected: -n 2\ntry: tolk ping --help\n");
+  EXPECT_EQ(two.err, "tolk: unexpected arguments: -n 2\ntry: tolk ping --help\n");
   const Ended options = tolk_command({"serve", fresh().text(), "count", "wc", "-c"});
   EXPECT_EQ(options.code, 2);
-  EXPECT_THAT(options.err, HasSubstr("try: write -- in front of the command to run\n"));
+  EXPECT_THAT(options.err, HasSubstr("try: write -- before the command to run\n"));
   const Ended word = tolk_command({"lst"});
   EXPECT_EQ(word.code, 2);
   EXPECT_EQ(word.err, "tolk: there is no subcommand lst\ntry: tolk --help\n");
   const Ended time = tolk_command({"call", at, "add", "--timeout", "-5"});
   EXPECT_EQ(time.code, 2);
-  EXPECT_THAT(time.err, AllOf(HasSubstr("--timeout: \"-5\" is no duration"), HasSubstr("500ms")));
-  EXPECT_THAT(tolk_command({"ping", at, "-i", "5"}).err, HasSubstr("--interval: \"5\" is no"));
-  EXPECT_THAT(tolk_command({"bench", "--duration", "5"}).err, HasSubstr("--duration: \"5\" is no"));
+  EXPECT_THAT(time.err,
+              AllOf(HasSubstr("--timeout: \"-5\" is not a duration"), HasSubstr("500ms")));
+  EXPECT_THAT(tolk_command({"ping", at, "-i", "5"}).err, HasSubstr("--interval: \"5\" is not"));
+  EXPECT_THAT(tolk_command({"bench", "--duration", "5"}).err,
+              HasSubstr("--duration: \"5\" is not"));
 }
 
 TEST_F(ToolExit, NumbersAndNamesThatAreNoneAreUsage) {
@@ -53,19 +55,21 @@ TEST_F(ToolExit, NumbersAndNamesThatAreNoneAreUsage) {
       const Ended ended = tolk_command({command, at, "-c", count});
       EXPECT_EQ(ended.code, 2);
       EXPECT_EQ(ended.err, "tolk: --count: \"" + std::string(count) +
-                               "\" is no whole number from 0 to 2147483647\ntry: tolk " + command +
-                               " --help\n");
+                               "\" is not a whole number from 0 to 2147483647\ntry: tolk " +
+                               command + " --help\n");
     }
   }
   for (const char* const command : {"call", "post"}) {
     const Ended ended = tolk_command({command, at, ""});
     EXPECT_EQ(ended.code, 2);
-    EXPECT_THAT(ended.err, StartsWith("tolk: METHOD: the name of a method is not empty\ntry: "));
+    EXPECT_THAT(ended.err,
+                StartsWith("tolk: METHOD: the name of a method must not be empty\ntry: "));
   }
   for (const char* const time : {"none", "0s"}) {
     const Ended ended = tolk_command({"bench", at, "--duration", time});
     EXPECT_EQ(ended.code, 2);
-    EXPECT_THAT(ended.err, HasSubstr("\"" + std::string(time) + "\" is no time to measure in"));
+    EXPECT_THAT(ended.err,
+                HasSubstr("\"" + std::string(time) + "\" is not a duration to measure for"));
   }
   const std::string where = fresh().text();
   for (const char* const name : {"tolk.x", "s_c_x", "retval"}) {
@@ -76,15 +80,18 @@ TEST_F(ToolExit, NumbersAndNamesThatAreNoneAreUsage) {
 
 TEST_F(ToolExit, BadArgumentsAreUsage) {
   const std::string where = "echo at " + at;
-  expect_error(call({"echo", "3000000000"}), 2, where, "an int has 32 bits", ":string=3000000000");
-  expect_error(call({"echo", "n:int=x"}), 2, where, "argument n:int=x: no int", "whole number");
+  expect_error(call({"echo", "3000000000"}), 2, where, "does not fit in a 32-bit int",
+               ":string=3000000000");
+  expect_error(call({"echo", "n:int=x"}), 2, where, "argument n:int=x: not a 32-bit int",
+               "whole number");
   expect_error(call({"echo", "n:long=5"}), 2, where, "there is no type \"long\"", "double");
   expect_error(call({"echo", ":json=1e999"}), 2, where, "number overflow parsing '1e999'", "quote");
   expect_error(call({"echo", "s_c_x=1"}), 2, where,
-               "argument s_c_x=1: a key does not begin with s_c_ or tolk.", "another key");
+               "argument s_c_x=1: a key must not begin with s_c_ or tolk.", "another key");
   expect_error(call({"echo", "@/nowhere"}), 2, where, "/nowhere: No such file", ":string=@");
-  expect_error(call({"echo", "--json", "{bad"}), 2, where, "no JSON from character 2", "pretty");
-  expect_error(call({"echo", "--json", "[1, null]"}), 2, where, "null has no place", "--json");
+  expect_error(call({"echo", "--json", "{bad"}), 2, where, "not valid JSON from character 2",
+               "pretty");
+  expect_error(call({"echo", "--json", "[1, null]"}), 2, where, "null is not allowed", "--json");
   expect_error(call({"echo", "1", "--json", "[1]"}), 2, where, "given twice", "one --json");
 }
 
@@ -123,7 +130,7 @@ TEST_F(ToolExit, AServerThatTakesConnectionsAndIsSilentIsATimeOut) {
   RawListener silent(where);
   expect_error(tolk_command({"call", where.port, "add", "--timeout", "100ms"}), 4,
                "add at pipe:" + where.port, "did not answer within 100 ms",
-               "look what listens there, it may be no server of this library");
+               "check what listens there, it may not be a server of this library");
 }
 
 // A refused connect takes the library longer than that.
@@ -196,14 +203,15 @@ TEST_F(ToolExit, OutputThatNobodyTakesIsOne) {
   Process process({"/bin/sh", "-c", "tolk call " + at + " add 1 2 >/dev/full; echo code $?"});
   const Ended ended = process.end();
   EXPECT_EQ(ended.out, "code 1\n");
-  EXPECT_THAT(ended.err,
-              StartsWith("tolk: add at " + at + ": can't write to standard output: No space left"));
+  EXPECT_THAT(ended.err, StartsWith("tolk: add at " + at +
+                                    ": cannot write to standard output: No space left"));
   for (const std::string words : {"--version", "--help", "call --help"}) {
     for (const std::string closed : {">/dev/full", ">&-"}) {
       Process told({"/bin/sh", "-c", "tolk $0 " + closed + "; echo code $? >&2", words});
-      EXPECT_THAT(told.end().err,
-                  MatchesRegex("tolk: can't write to standard output: [A-Za-z ]+\ntry: look where "
-                               "it leads to\ncode 1\n"))
+      EXPECT_THAT(
+          told.end().err,
+          MatchesRegex("tolk: cannot write to standard output: [A-Za-z ]+\ntry: check where "
+                       "standard output goes\ncode 1\n"))
           << words << closed;
     }
   }

@@ -1,6 +1,4 @@
 // What the command makes of raw bytes: blocks, messages, frames, and what is none of them.
-#include "tools/tolk/frames.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tolk/TolkParams.h>
@@ -10,6 +8,8 @@
 
 #include "tests/e2e/support/golden.h"
 #include "tests/e2e/support/raw_block.h"
+#include "tools/tolk/wire/frame_cutter.h"
+#include "tools/tolk/wire/message.h"
 
 namespace tolk::test {
 namespace {
@@ -34,7 +34,7 @@ std::string every_record() {
 
 TEST(ToolBlock, HasEveryRecordWithItsOffset) {
   const std::string bytes = every_record();
-  const tool::Block block = tool::read_block(bytes);
+  const tool::DecodedBlock block = tool::decode_block(bytes);
   ASSERT_FALSE(block.flaw.has_value());
   ASSERT_EQ(block.records.size(), 8U);
   EXPECT_EQ(block.records[0].integer, 7);
@@ -52,9 +52,9 @@ TEST(ToolBlock, HasEveryRecordWithItsOffset) {
 
 TEST(ToolBlock, ALaterKeyWinsAndAKeyWithoutValueIsForgotten) {
   const std::string twice = BlockWriter().keyed("k", 1).keyed("k", 2).bytes();
-  EXPECT_EQ(tool::read_block(twice).find("k")->integer, 2);
+  EXPECT_EQ(tool::decode_block(twice).find("k")->integer, 2);
   const std::string lone = BlockWriter().keyed("k", 1).lone_key("k").list({}).bytes();
-  EXPECT_EQ(tool::read_block(lone).find("k"), nullptr);
+  EXPECT_EQ(tool::decode_block(lone).find("k"), nullptr);
 }
 
 struct Wrong {
@@ -66,18 +66,18 @@ struct Wrong {
 TEST(ToolBlock, SaysWhereAndWhyItIsMalformed) {
   const std::string seven("\0\7\0\0\0\5\0\0\0", 9);
   const Wrong wrongs[] = {
-      {seven + "hello", 9, "0x68 begins no record"},
+      {seven + "hello", 9, "0x68 does not begin a record"},
       {std::string("\0\7\0\0", 4), 0, "ends within an int"},
-      {std::string("\0\7\0\0\0\6\0\0\0", 9), 5, "the check word says 6, and stands at 5"},
+      {std::string("\0\7\0\0\0\6\0\0\0", 9), 5, "the check word is 6, but its offset is 5"},
       {std::string("\0\7\0\0\0\5\0", 7), 5, "ends within a check word"},
       {std::string("\3\xff\xff\xff\xff", 5), 0, "a string of -1 bytes, but 0 are left"},
       {std::string("\4\x0a\0\0\0abc", 8), 0, "a stream of 10 bytes, but 3 are left"},
       {std::string("\5\0", 2), 1, "a key is a string, not 0x00"},
-      {std::string("\6\2\0\0\0", 5), 5, "a list of 2, but the block ends behind 0"},
-      {BlockWriter().lone_key("k").bytes(), 11, "ends behind a key"},
+      {std::string("\6\2\0\0\0", 5), 5, "a list of 2, but the block ends after 0"},
+      {BlockWriter().lone_key("k").bytes(), 11, "ends after a key"},
   };
   for (const Wrong& wrong : wrongs) {
-    const tool::Block block = tool::read_block(wrong.bytes);
+    const tool::DecodedBlock block = tool::decode_block(wrong.bytes);
     ASSERT_TRUE(block.flaw.has_value()) << wrong.reason;
     EXPECT_EQ(block.flaw->offset, wrong.offset) << wrong.reason;
     EXPECT_THAT(block.flaw->reason, HasSubstr(wrong.reason));
@@ -91,7 +91,7 @@ TEST(ToolBlock, AgreesWithTheLibraryOnWhatIsMalformed) {
   const auto compare = [](const std::string& bytes) {
     TolkParams params;
     const bool good = params.Parser(bytes.data(), static_cast<int>(bytes.size()));
-    const tool::Block block = tool::read_block(bytes);
+    const tool::DecodedBlock block = tool::decode_block(bytes);
     ASSERT_EQ(!block.flaw.has_value(), good) << to_hex(bytes);
     ASSERT_EQ(block.find("name") != nullptr, params.GetMap("name") != nullptr) << to_hex(bytes);
     if (!good) return;
@@ -114,7 +114,7 @@ std::string payload_of(std::string_view name) { return golden(name).substr(4); }
 
 TEST(ToolMessage, TellsCallsPostsRepliesAndPieces) {
   const std::string call = payload_of("call");
-  const tool::Message seen = tool::read_message(call);
+  const tool::Message seen = tool::decode_message(call);
   EXPECT_EQ(seen.kind, Kind::call);
   EXPECT_EQ(seen.method, "sum");
   EXPECT_EQ(seen.call_id, 5);
@@ -122,30 +122,30 @@ TEST(ToolMessage, TellsCallsPostsRepliesAndPieces) {
   ASSERT_EQ(seen.arguments.records.size(), 2U);
   EXPECT_EQ(seen.arguments.records[0].integer, 7);
 
-  EXPECT_EQ(tool::read_message(payload_of("posted_call")).kind, Kind::post);
+  EXPECT_EQ(tool::decode_message(payload_of("posted_call")).kind, Kind::post);
   const std::string reply = payload_of("server_reply");
-  EXPECT_EQ(tool::read_message(reply).kind, Kind::reply);
-  EXPECT_TRUE(tool::read_message(reply).token.has_value());
-  EXPECT_EQ(tool::read_message(payload_of("large_piece")).kind, Kind::piece);
-  EXPECT_EQ(tool::read_message({}).kind, Kind::nameless);
+  EXPECT_EQ(tool::decode_message(reply).kind, Kind::reply);
+  EXPECT_TRUE(tool::decode_message(reply).token.has_value());
+  EXPECT_EQ(tool::decode_message(payload_of("large_piece")).kind, Kind::piece);
+  EXPECT_EQ(tool::decode_message({}).kind, Kind::nameless);
 }
 
 TEST(ToolMessage, APieceOfTheLayerIsCalledAsItsMethod) {
   const std::string inner = BlockWriter().keyed("tolk.method", std::string("upload")).bytes();
   const std::string payload = call_payload("tolk.piece", 3, inner, "0x1");
-  const tool::Message piece = tool::read_message(payload);
+  const tool::Message piece = tool::decode_message(payload);
   EXPECT_EQ(piece.kind, Kind::piece);
   EXPECT_EQ(piece.method, "upload");
 }
 
 TEST(ToolMessage, AReplyTellsWhyItsCallFailed) {
   const std::string reply = payload_of("server_no_method_reply");
-  EXPECT_THAT(tool::failure_in(tool::read_message(reply)), testing::StartsWith("no event: "));
+  EXPECT_THAT(tool::failure_in(tool::decode_message(reply)), testing::StartsWith("no event: "));
   const std::string good = payload_of("server_reply");
-  EXPECT_EQ(tool::failure_in(tool::read_message(good)), "");
+  EXPECT_EQ(tool::failure_in(tool::decode_message(good)), "");
   BlockWriter error;
   error.keyed("s_c_sw_name", std::string("retval")).keyed("tolk.error", std::string("no disk"));
-  EXPECT_EQ(tool::failure_in(tool::read_message(error.bytes())), "no disk");
+  EXPECT_EQ(tool::failure_in(tool::decode_message(error.bytes())), "no disk");
 }
 
 // The payloads of the frames that `cutter` has, and "kept 0" for one that was not kept.
@@ -187,7 +187,7 @@ TEST(FrameCutter, SeesTextOfAnotherProtocolAtOnce) {
   cutter.add("GET / HTTP/1.1\r\n");
   EXPECT_FALSE(cutter.next().has_value());
   ASSERT_TRUE(cutter.lost().has_value());
-  EXPECT_THAT(cutter.lost()->reason, HasSubstr("begins with no record"));
+  EXPECT_THAT(cutter.lost()->reason, HasSubstr("does not begin with a record"));
 }
 
 TEST(FrameCutter, CountsAFrameThatIsTooLargeToKeep) {

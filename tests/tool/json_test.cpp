@@ -83,15 +83,16 @@ TEST_F(ToolJson, BlocksThatAPeerNestsTooDeepAreShownAsBytes) {
 
 TEST_F(ToolJson, WhatCanNotTravelIsRefused) {
   for (const auto& [json, why] : std::vector<std::pair<std::string, std::string>>{
-           {"[2147483648]", "an int has 32 bits, 2147483648 has not"},
-           {"[-2147483649]", "an int has 32 bits"},
-           {"[18446744073709551615]", "an int has 32 bits"},
+           {"[2147483648]",
+            "2147483648 does not fit in a 32-bit int: write 2147483648.0 or a text"},
+           {"[-2147483649]", "does not fit in a 32-bit int"},
+           {"[18446744073709551615]", "does not fit in a 32-bit int"},
            {"{\"$base64\":\"a\"}", "base64 comes in groups of four"},
-           {"{\"$base64\":\"a*==\"}", "no base64 character: *"},
-           {"{\"$double\":\"one\"}", "$double takes nan, inf or -inf"},
-           {"[[null]]", "null has no place in a list"},
+           {"{\"$base64\":\"a*==\"}", "not a base64 character: *"},
+           {"{\"$double\":\"one\"}", "$double must be nan, inf or -inf"},
+           {"[[null]]", "null is not allowed in a list"},
            {"[1e999]", "[1e999]: number overflow parsing '1e999'\ntry: "},
-           {"{\"s_c_x\":1}", "a key does not begin with s_c_ or tolk., as s_c_x does"},
+           {"{\"s_c_x\":1}", "a key must not begin with s_c_ or tolk., as s_c_x does"},
            {"[{\"a\":{\"tolk.x\":1}},2]", "as tolk.x does"}}) {
     const Ended ended = call({"echo", "--json", json});
     EXPECT_EQ(ended.code, 2) << json;

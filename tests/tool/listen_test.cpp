@@ -84,14 +84,16 @@ TEST_F(ToolListen, EndsWhenNobodyReadsAnyMore) {
   }
   const Ended ended = listens.end();
   EXPECT_THAT(ended.out, testing::EndsWith("the end\n"));
-  EXPECT_THAT(ended.err, HasSubstr("tolk: listen at " + at + ": can't write to standard output: "));
+  EXPECT_THAT(ended.err,
+              HasSubstr("tolk: listen at " + at + ": cannot write to standard output: "));
 }
 
 TEST_F(ToolListen, ABadAnswerIsSaidBeforeItListens) {
   const Ended ended = tolk_command({"listen", at, "--answer", "{no"});
   EXPECT_EQ(ended.code, 2);
-  EXPECT_THAT(ended.err, AllOf(StartsWith("tolk: listen at " + at + ": --answer {no: no JSON"),
-                               HasSubstr("\ntry: ")));
+  EXPECT_THAT(ended.err,
+              AllOf(StartsWith("tolk: listen at " + at + ": --answer {no: not valid JSON"),
+                    HasSubstr("\ntry: ")));
   const Ended large = tolk_command({"listen", at, "--answer", "1e999"});
   EXPECT_EQ(large.code, 2);
   EXPECT_THAT(large.err, HasSubstr("--answer 1e999: number overflow parsing '1e999'\ntry: "));

@@ -171,7 +171,7 @@ TEST(ToolMonitor, BytesThatAreNoFramesPassUnchangedAndAreTold) {
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_EQ(lines[0]["kind"], "no frame");
   EXPECT_EQ(lines[0]["offset"], 0);
-  EXPECT_THAT(lines[0]["reason"].get<std::string>(), HasSubstr("begins with no record"));
+  EXPECT_THAT(lines[0]["reason"].get<std::string>(), HasSubstr("does not begin with a record"));
   EXPECT_EQ(lines[1]["kind"], "nameless");
   EXPECT_EQ(lines[2]["offset"], 4);
   EXPECT_THAT(lines[2]["reason"].get<std::string>(), HasSubstr("-7"));
@@ -193,7 +193,7 @@ TEST(ToolMonitor, AMalformedBlockIsNamedAndTheNextFrameIsRead) {
   const std::vector<Json> lines = lines_of(monitored.end().out);
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_EQ(lines[0]["malformed"],
-            "at byte " + std::to_string(good.size()) + ": 0x3f begins no record");
+            "at byte " + std::to_string(good.size()) + ": 0x3f does not begin a record");
   EXPECT_FALSE(lines[1].contains("malformed"));
   EXPECT_EQ(lines[2]["kind"], "no frame");
   EXPECT_THAT(lines[2]["reason"].get<std::string>(), HasSubstr("are missing"));
@@ -238,7 +238,7 @@ TEST_P(ToolMonitorEnds, AResetIsPassedOnWhereThereIsSuchAThing) {
   EXPECT_EQ(size, is_pipe() ? 0 : -1);
   if (!is_pipe()) {
     EXPECT_EQ(error, ECONNRESET);
-    monitored.process().await("the server is gone");
+    monitored.process().await("the server has disconnected");
   }
   monitored.end();
 }
@@ -296,7 +296,8 @@ TEST(ToolMonitor, RefusesWhatCanNotBe) {
   const std::string at = fresh().text();
   const Ended same = tolk_command({"monitor", "--from", at, "--to", at});
   EXPECT_EQ(same.code, 2);
-  EXPECT_THAT(same.err, StartsWith("tolk: monitor at " + at + ": both --from and --to\ntry: "));
+  EXPECT_THAT(same.err, StartsWith("tolk: monitor at " + at +
+                                   ": --from and --to name the same address\ntry: "));
   const Ended nowhere = tolk_command({"monitor", "--from", at, "--to", "nowhere"});
   EXPECT_EQ(nowhere.code, 2);
   EXPECT_THAT(nowhere.err, StartsWith("tolk: monitor at nowhere: an address is pipe:NUMBER"));
@@ -325,6 +326,28 @@ TEST(ToolMonitor, LeavesItsPipeFree) {
   EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
   Server server;
   EXPECT_NO_THROW(server.listen(layered(monitored.from())));
+}
+
+// What a dead server left is removed; anything else of that name stays.
+TEST(ToolMonitor, ClaimsAPipeNameAsAServerDoes) {
+  const auto from = fresh_address(Transport::pipe);
+  const std::string path = pipe_path(from.port);
+  std::filesystem::create_directory(path);
+  const std::vector<std::string> words = {"monitor", "--from", layered(from).text(), "--to", "1"};
+  const Ended refused = tolk_command(words);
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_THAT(refused.err, HasSubstr(": cannot listen: illegal operation on a directory\ntry: "));
+  EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
+  EXPECT_TRUE(std::filesystem::remove(path));
+  for (int round = 0; round < 2; ++round) {
+    Process killed(tolk_words(words));
+    killed.await("passing on to");
+    killed.signal(SIGKILL);
+    EXPECT_EQ(killed.end().code, 128 + SIGKILL);
+    EXPECT_TRUE(std::filesystem::is_socket(path));
+  }
+  std::filesystem::remove(path);
+  std::filesystem::remove(path + ".lock");
 }
 
 TEST(ToolMonitor, EndsWhenNobodyReadsItsLines) {

@@ -77,7 +77,7 @@ TEST_F(ToolServe, ACommandThatFailsIsAFailedHandlerWithItsText) {
 
 TEST_F(ToolServe, ACommandThatFailsSilentlyIsNamed) {
   serve({"--", "false"});
-  EXPECT_EQ(client.call<int>("method").error().detail(), "false ended with 1");
+  EXPECT_EQ(client.call<int>("method").error().detail(), "false ended with code 1");
 }
 
 TEST_F(ToolServe, ACommandThatTakesTooLongIsEnded) {

@@ -83,7 +83,7 @@ TEST_F(ToolList, ShowsOneThatDoesNotTell) {
   ASSERT_TRUE(start_server(plain.get(), where));
   const Json found = listed("pipe:" + where.port);
   EXPECT_EQ(found["methods"], nullptr);
-  EXPECT_EQ(found["state"], "does not tell its methods");
+  EXPECT_EQ(found["state"], "does not list its methods");
 }
 
 TEST_F(ToolServers, DescribePrintsNamesSignaturesAndTexts) {
@@ -105,7 +105,7 @@ TEST_F(ToolServers, DescribeSaysThatAPlainServerDoesNotOfferIt) {
   EXPECT_EQ(ended.code, 5);
   EXPECT_EQ(ended.out, "");
   EXPECT_THAT(ended.err, StartsWith("tolk: describe at pipe:" + where.port +
-                                    ": the server does not offer to tell its methods\ntry: "));
+                                    ": the server does not list its methods\ntry: "));
 }
 
 TEST_F(ToolServers, PingPrintsEachAnswerAndASummary) {

@@ -111,7 +111,7 @@ TEST_F(ToolTransfer, NothingIsOverwrittenUnlessItIsTold) {
     receiver.await("listening at");
     const Ended refused = send(root / "note.txt");
     EXPECT_EQ(refused.code, 6);
-    EXPECT_THAT(refused.err, HasSubstr("note.txt: there is such a file already"));
+    EXPECT_THAT(refused.err, HasSubstr("note.txt: a file of that name exists already"));
     EXPECT_THAT(refused.err, Not(HasSubstr(inbox.string())));  // is not the sender's business
     EXPECT_EQ(send(root / "note.txt", {"--name", "link"}).code, 6);
     EXPECT_EQ(send(root / "note.txt", {"--name", "dangling"}).code, 6);
@@ -164,7 +164,7 @@ TEST_F(ToolTransfer, ALargerFileThanIsTakenIsRefused) {
   write_file(root / "fits", std::string(2'000'000, 'x'));
   Process receiver(receiving({"--most", "2MB"}));
   receiver.await("listening at");
-  const std::string why = "the file has 2000001 bytes, and no more than 2000000 are taken";
+  const std::string why = "the file has 2000001 bytes, and at most 2000000 are accepted";
   const Ended refused = send(root / "large");
   EXPECT_EQ(refused.code, 6);
   EXPECT_THAT(refused.err, HasSubstr(why));

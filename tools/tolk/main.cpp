@@ -1,16 +1,17 @@
-// The `tolk` command: calls, servers and what is between them, from a shell.
+// The `tolk` command: calls methods, serves them and watches connections, from a shell.
 #include <algorithm>
 
-#include "tools/tolk/arguments.h"
-#include "tools/tolk/command.h"
-#include "tools/tolk/interrupt.h"
-#include "tools/tolk/output.h"
-#include "tools/tolk/streams.h"
+#include "tools/tolk/command/call_arguments.h"
+#include "tools/tolk/command/failure.h"
+#include "tools/tolk/subcommands/subcommands.h"
+#include "tools/tolk/system/interrupt.h"
+#include "tools/tolk/system/streams.h"
+#include "tools/tolk/text/output.h"
 
 namespace tolk::tool {
 namespace {
 
-void add_all(CLI::App& app, Options& options) {
+void add_all(CLI::App& app, CommonOptions& options) {
   app.require_subcommand(1);
   app.set_version_flag("--version", "tolk " TOLK_VERSION);
   add_call(app, options);
@@ -31,13 +32,13 @@ void add_all(CLI::App& app, Options& options) {
   }
 }
 
-// The help of the subcommand that was meant.
+// The command that shows the help of the subcommand in use.
 std::string help_of(const CLI::App& app) {
   const auto meant = app.get_subcommands();
   return meant.empty() ? "tolk --help" : "tolk " + meant.front()->get_name() + " --help";
 }
 
-// The library of options says only that one is missing.
+// The option parser would only say that a subcommand is missing.
 void check_subcommand(const CLI::App& app, const std::vector<std::string>& words) {
   if (words.empty() || words.front().starts_with('-')) return;
   const auto is_meant = [&](const CLI::App* sub) { return sub->get_name() == words.front(); };
@@ -45,23 +46,23 @@ void check_subcommand(const CLI::App& app, const std::vector<std::string>& words
   throw Failure(Exit::usage, "there is no subcommand " + unmarked(words.front()), "tolk --help");
 }
 
-// What stood there without being meant to, in its order. A command to run has options of its own,
-// which are not ours only behind --.
+// Names the words that nothing expects, in their order. The options of a command to run are left
+// alone only after --.
 Failure not_expected(const CLI::App& app) {
   const std::vector<std::string> words = app.remaining(true);
-  std::string text = words.size() == 1 ? "this is not expected:" : "these are not expected:";
+  std::string text = words.size() == 1 ? "unexpected argument:" : "unexpected arguments:";
   for (const std::string& word : words) text += " " + unmarked(word);
   const auto meant = app.get_subcommands();
   const bool serves = !meant.empty() && meant.front()->get_name() == "serve";
-  return {Exit::usage, text, serves ? "write -- in front of the command to run" : help_of(app)};
+  return {Exit::usage, text, serves ? "write -- before the command to run" : help_of(app)};
 }
 
-// Throws what keeps it from its work.
+// Throws the errors of the option parser, and Failure.
 Exit run_line(CLI::App& app, std::vector<std::string> words) {
   Output& output = Output::get();
   try {
     check_subcommand(app, words);
-    std::reverse(words.begin(), words.end());  // so the library of options wants them
+    std::reverse(words.begin(), words.end());  // the option parser takes the last word first
     app.parse(std::move(words));
   } catch (const CLI::CallForHelp&) {
     output.data(app.help());
@@ -78,9 +79,9 @@ Exit run(int argc, const char* const* argv) {
   Output& output = Output::get();
   take_signals();
   CLI::App app("Calls between processes by method name.", "tolk");
-  Options options;
+  CommonOptions options;
   add_all(app, options);
-  // The flags are known once all of the line is read; only then the subcommand begins.
+  // The flags are known after the whole line is parsed. The subcommand begins after that.
   app.parse_complete_callback([&] { output.set_up(options); });
   try {
     return run_line(app, marked(command_line(argc, argv)));
