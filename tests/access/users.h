@@ -10,8 +10,9 @@
 #include <sys/types.h>
 
 #include <functional>
-#include <memory>
 #include <string>
+
+#include "tests/child_process.h"
 
 namespace tolk::test {
 
@@ -37,9 +38,6 @@ class TestUser {
 class Talk {
  public:
   explicit Talk(int descriptor) : descriptor_(descriptor) {}
-  ~Talk();
-  Talk(const Talk&) = delete;
-  Talk& operator=(const Talk&) = delete;
 
   void tell(const std::string& word) const;
   std::string hear() const;  // "" when the other side is gone, or says nothing for too long
@@ -55,17 +53,18 @@ class Actor {
   Actor(const Actor&) = delete;
   Actor& operator=(const Actor&) = delete;
 
-  void tell(const std::string& word) const { talk_->tell(word); }
-  std::string hear() const { return talk_->hear(); }
+  void tell(const std::string& word) const { talk_.tell(word); }
+  std::string hear() const { return talk_.hear(); }
   // What it has written to standard output so far.
   std::string printed() const;
   bool prints(const std::string& text) const;  // waits for it
-  void kill();
+  void kill() { process_.kill_and_wait(); }
 
  private:
-  pid_t id_ = -1;
-  int output_ = -1;
-  std::unique_ptr<Talk> talk_;
+  SocketPair ends_{SOCK_SEQPACKET};  // packets: a word arrives as it was said
+  const Talk talk_{ends_.ours()};
+  const int output_;
+  ChildProcess process_;
 };
 
 }  // namespace tolk::test

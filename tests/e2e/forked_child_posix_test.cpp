@@ -3,9 +3,9 @@
 
 #include <thread>
 
+#include "tests/child_process.h"
 #include "tests/e2e/client_fixture.h"
 #include "tests/e2e/support/server_test.h"
-#include "tests/platform/child_process.h"
 
 namespace tolk::test {
 namespace {

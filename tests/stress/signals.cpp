@@ -3,18 +3,17 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/child_process.h"
 #include "tests/e2e/support/handlers.h"
 #include "tests/e2e/support/raw_peer.h"
 #include "tests/stress/frame/rows.h"
@@ -78,19 +77,9 @@ int inherited_descriptors() {
   return count;
 }
 
-// How many it really got; -1 when it died.
+// How many it really got; negative when it died.
 int run_a_program() {
-  std::array<std::string, 3> words{"tolk_stress", "--role", "list-descriptors"};
-  std::array<char*, 4> arguments{words[0].data(), words[1].data(), words[2].data(), nullptr};
-  const pid_t child = fork();
-  if (child == 0) {
-    execv("/proc/self/exe", arguments.data());
-    _exit(255);
-  }
-  int status = -1;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return test::ChildProcess({test::kThisProgram, "--role", "list-descriptors"}).wait();
 }
 
 // Clients of a server of the host's own that go away while it writes to them.

@@ -11,9 +11,9 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "tests/child_process.h"
 #include "tests/e2e/support/transports.h"
 #include "tests/e2e/support/waiting.h"
 
@@ -41,7 +41,7 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
-  pid_t id() const { return id_; }
+  pid_t id() const { return process_.id(); }
   bool tell(const std::string& line) { return channel_.tell(line); }
   std::optional<std::string> read_line(test::Milliseconds limit = test::kLimit) {
     return channel_.read_line(limit);
@@ -57,13 +57,13 @@ class Process {
   double processor_s() const;
 
  private:
-  Process(std::string role, std::pair<int, pid_t> started);
   void end();  // asks it to
-  void note_bad_end(int status) const;
+  void note_bad_end(const std::string& how) const;
 
   const std::string role_;
+  test::SocketPair ends_;
   LineChannel channel_;
-  pid_t id_ = -1;
+  test::ChildProcess process_;
 };
 
 // What a process of any id holds; "self" too.
