@@ -153,9 +153,7 @@ std::string nested_pieces(int depth, int call_id) {
         .add(static_cast<int>(inner))
         .bytes();
   };
-  const auto append_word = [](std::string& to, std::size_t word) {
-    for (unsigned i = 0; i < 4; ++i) to.push_back(static_cast<char>(word >> (8 * i)));
-  };
+  const auto size_word = [](std::size_t size) { return word(static_cast<std::uint32_t>(size)); };
   constexpr std::size_t kStreamRecordBytes = 9;
   std::vector<std::size_t> sizes{large_call(BlockWriter(), "hello", call_id).size()};
   for (int i = 0; i < depth; ++i) {
@@ -164,11 +162,10 @@ std::string nested_pieces(int depth, int call_id) {
   std::string block;
   for (std::size_t i = sizes.size() - 1; i > 0; --i) {
     block += head(sizes[i - 1]);
-    block += '\x04';
-    append_word(block, sizes[i - 1]);
+    block += kStreamTag + size_word(sizes[i - 1]);
   }
   block += large_call(BlockWriter(), "hello", call_id);
-  for (std::size_t i = 1; i < sizes.size(); ++i) append_word(block, sizes[i] - 4);
+  for (std::size_t i = 1; i < sizes.size(); ++i) block += size_word(sizes[i] - 4);
   return block;
 }
 

@@ -218,9 +218,10 @@ TEST_P(HostilePeer, DeclaredLengthReservesNothing) {
 }
 
 TEST_P(HostilePeer, CountsInsideBlocksAreNotBelieved) {
-  const std::string list = "\x06" + prefix(2147483647);
-  const std::string map = "\x07" + prefix(2147483647);
-  for (const std::string& bomb : {list, map, list + list, list + "\x05", map + "\x05\x03"}) {
+  const std::string list = kListTag + word(0x7FFFFFFF);
+  const std::string map = kMapTag + word(0x7FFFFFFF);
+  const std::string key{kKeyTag, kStringTag};
+  for (const std::string& bomb : {list, map, list + list, list + kKeyTag, map + key}) {
     for (int i = 0; i < 100; ++i) {
       ASSERT_TRUE(peer->socket.send_frame(bomb));
       ASSERT_TRUE(peer->post("echo", 1, bomb));

@@ -16,6 +16,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tests/e2e/support/raw_block.h"
+
 namespace tolk::stress {
 
 class FrameCuts {
@@ -75,13 +77,7 @@ class FrameCuts {
   }
 
   std::int64_t prefix_at(std::uint64_t at) const {
-    std::uint32_t length = 0;
-    for (std::size_t i = 0; i < kPrefixBytes; ++i) {
-      const auto byte =
-          static_cast<unsigned char>(held_[static_cast<std::size_t>(at - begin_) + i]);
-      length |= std::uint32_t{byte} << (8 * i);
-    }
-    return static_cast<std::int32_t>(length);
+    return static_cast<std::int32_t>(test::word_at(held_, static_cast<std::size_t>(at - begin_)));
   }
 
   std::string held_;

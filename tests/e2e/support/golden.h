@@ -4,13 +4,12 @@
 #include <string>
 #include <string_view>
 
+#include "tests/params/hex.h"
+
 namespace tolk::test {
 
 // The bytes of tests/golden/<name>.hex.
 std::string golden(std::string_view name);
-
-// For messages.
-std::string to_hex(std::string_view bytes);
 
 // The frame of `payload` with a token of the library's own making replaced by "0x1", as the golden
 // files have it. A token is the last record of a call: the replacement changes its length and its

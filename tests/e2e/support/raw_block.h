@@ -23,8 +23,26 @@ struct Stream {
 using Scalar = std::variant<int, bool, double, std::string, Stream>;
 using List = std::vector<Scalar>;
 
+// The first byte of each record.
+inline constexpr char kIntTag = 0;
+inline constexpr char kBoolTag = 1;
+inline constexpr char kDoubleTag = 2;
+inline constexpr char kStringTag = 3;
+inline constexpr char kStreamTag = 4;
+inline constexpr char kKeyTag = 5;
+inline constexpr char kListTag = 6;
+inline constexpr char kMapTag = 7;
+
+// The four bytes of a number, and the number in the four bytes from `at` on.
+std::string word(std::uint32_t value);
+std::uint32_t word_at(std::string_view bytes, std::size_t at = 0);
+
 class BlockWriter {
  public:
+  BlockWriter() = default;
+  // For records that follow `bytes_before` bytes of the same block.
+  explicit BlockWriter(std::size_t bytes_before) : bytes_before_(bytes_before) {}
+
   BlockWriter& add(const Scalar& value);
   BlockWriter& list(const List& elements);
   BlockWriter& map(const std::vector<std::pair<std::string, Scalar>>& entries);
@@ -35,10 +53,11 @@ class BlockWriter {
   const std::string& bytes() const { return bytes_; }
 
  private:
-  void word(std::uint32_t value);
-  void check_word() { word(static_cast<std::uint32_t>(bytes_.size())); }
+  void number(std::size_t value) { bytes_ += word(static_cast<std::uint32_t>(value)); }
+  void check_word() { number(bytes_before_ + bytes_.size()); }
   void text(char tag, std::string_view data);
 
+  std::size_t bytes_before_ = 0;
   std::string bytes_;
 };
 

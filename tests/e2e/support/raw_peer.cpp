@@ -63,11 +63,7 @@ std::optional<std::string> RawSocket::read(std::size_t count, Milliseconds limit
 std::optional<std::string> RawSocket::read_frame(Milliseconds limit) {
   const auto head = read(4, limit);
   if (!head) return std::nullopt;
-  std::uint32_t length = 0;
-  for (std::size_t i = 0; i < 4; ++i) {
-    length |= std::uint32_t{static_cast<unsigned char>((*head)[i])} << (8 * i);
-  }
-  return read(length, limit);
+  return read(word_at(*head), limit);
 }
 
 std::optional<Message> RawSocket::read_message(Milliseconds limit) {
