@@ -72,20 +72,20 @@ class EveryEnvelopeToAClient : public WithRawServer {
 };
 TOLK_OVER_TRANSPORTS(EveryEnvelopeToAClient);
 
-TEST_P(EveryEnvelopeToAClient, IsReadByItsTypes) { exchange_all(); }
+TEST_P(EveryEnvelopeToAClient, IsReadByTheTypesOfItsFields) { exchange_all(); }
 
 class EnvelopesToAPipeClient : public EveryEnvelopeToAClient {};
 INSTANTIATE_TEST_SUITE_P(, EnvelopesToAPipeClient, testing::Values(Transport::pipe),
                          transport_name);
 
-TEST_P(EnvelopesToAPipeClient, LeaveNoMemory) {
+TEST_P(EnvelopesToAPipeClient, LeakNoMemory) {
   exchange_all();
   const long before = resident_kib();
   exchange_all();
   EXPECT_LT(resident_kib() - before, kGrowthKib + held_back_kib());
 }
 
-TEST_P(EveryEnvelopeToAClient, AtRandomDisturbsNobody) {
+TEST_P(EveryEnvelopeToAClient, AtRandomDisturbsNoOtherCall) {
   const unsigned seed = test_seed();
   SCOPED_TRACE("--gtest_random_seed=" + std::to_string(seed));
   RecordProperty("seed", std::to_string(seed));

@@ -26,7 +26,7 @@ class InTheProcess : public OverTransports {
 };
 TOLK_OVER_TRANSPORTS(InTheProcess);
 
-TEST_P(InTheProcess, ServersThatHangUpLeaveNothing) {
+TEST_P(InTheProcess, ServersThatHangUpLeakNothing) {
   const ClientPtr client = make_client();
   RawListener listener(address);
   std::atomic<bool> done{false};
@@ -39,12 +39,12 @@ TEST_P(InTheProcess, ServersThatHangUpLeaveNothing) {
   hanging_up.join();
 }
 
-TEST_P(InTheProcess, ManyFailedConnectsLeaveNothing) {
+TEST_P(InTheProcess, FailedConnectsLeakNothing) {
   const ClientPtr client = make_client();
   expect_flat(rounds(1000), [&] { EXPECT_FALSE(connect_client(client.get(), address)); });
 }
 
-TEST_P(InTheProcess, ManyConnectionsClosedOrLostLeaveNothing) {
+TEST_P(InTheProcess, ClosedAndLostConnectionsLeakNothing) {
   RawServer server(address);
   int round = 0;
   const ClientPtr client = make_client();
@@ -117,7 +117,7 @@ TEST_P(ExitOfTheProcess, WithARunningClientAndServerIsClean) {
   std::exit(works && waits ? 0 : 1);
 }
 
-TEST_P(ExitOfTheProcess, DoesNotWaitForAHandlerThatWaits) {
+TEST_P(ExitOfTheProcess, DoesNotWaitForAWaitingHandler) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(exit_with_a_handler_that_waits(fresh_address(GetParam()), fresh_address(GetParam())),
               testing::ExitedWithCode(0), "");

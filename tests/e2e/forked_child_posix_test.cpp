@@ -33,7 +33,7 @@ TEST_P(ForkedClient, IsNotConnected) {
   EXPECT_NE(call.result(), nullptr);
 }
 
-TEST_P(ForkedClient, FindsNoConnectionEvenWhileTheParentCalls) {
+TEST_P(ForkedClient, HasNoConnectionEvenWhileTheParentCalls) {
   const ServerPtr server = make_server();
   Gate gate;
   const OpenAtEnd open(gate);

@@ -86,7 +86,7 @@ std::vector<std::string> slots_of_the_file() {
   return lines;
 }
 
-TEST(Exports, OperationsHaveTheSlotsThatHostsWereBuiltWith) {
+TEST(Exports, VirtualTableSlotsNeverChange) {
   EXPECT_EQ(slots_of_the_headers(), slots_of_the_file());
 }
 

@@ -82,7 +82,7 @@ class BadPieces : public OverTransports {
 };
 TOLK_OVER_TRANSPORTS(BadPieces);
 
-TEST_P(BadPieces, MissingAndMistypedFieldsCountAsIncompleteAndAreForgotten) {
+TEST_P(BadPieces, MissingAndMistypedFieldsAreAnsweredWithZeroAndDropped) {
   EXPECT_THAT(numbers_in(send(std::nullopt)), ElementsAre(kTaken));
   for (const std::string& piece : mistaken_pieces()) {
     EXPECT_THAT(numbers_in(send(piece)), ElementsAre(kTaken));
@@ -90,14 +90,14 @@ TEST_P(BadPieces, MissingAndMistypedFieldsCountAsIncompleteAndAreForgotten) {
   EXPECT_EQ(result_of_good_call(), "hello");
 }
 
-TEST_P(BadPieces, PieceWithoutBytesIsAnEmptyOne) {
+TEST_P(BadPieces, PieceWithoutBytesIsEmpty) {
   EXPECT_THAT(numbers_in(send(header(kLargeCallId).add(1).bytes())), ElementsAre(kTaken));
   // Nothing of nothing: a block without a name.
   EXPECT_THAT(numbers_in(send(header(kLargeCallId).add(0).bytes())),
               ElementsAre(kMalformed, kTaken));
 }
 
-TEST_P(BadPieces, BlockThatDoesNotParseIsAnsweredWithMinusOneAndDropped) {
+TEST_P(BadPieces, MalformedBlockIsAnsweredWithMinusOneAndDropped) {
   EXPECT_THAT(numbers_in(send(piece_arguments(kLargeCallId, 1, "x"))),
               ElementsAre(kMalformed, kTaken));
   EXPECT_THAT(numbers_in(send(piece_arguments(kLargeCallId, 3, "xy"))), ElementsAre(kTaken));
@@ -124,7 +124,7 @@ TEST_P(BadPieces, BlockWithoutANameIsAnsweredWithMinusOne) {
   }
 }
 
-TEST_P(BadPieces, MoreBytesThanDeclaredAreOneBlock) {
+TEST_P(BadPieces, BytesBeyondTheDeclaredTotalBelongToTheBlock) {
   const std::string call = large_call(BlockWriter(), "hello", kLargeCallId);
   for (const int declared : {1, 0, -5}) {
     client->post("s_c_req_body", kLargeCallId, piece_arguments(kLargeCallId, declared, call));
@@ -136,7 +136,7 @@ TEST_P(BadPieces, MoreBytesThanDeclaredAreOneBlock) {
   }
 }
 
-TEST_P(BadPieces, HugeDeclaredTotalsHoldNoMemory) {
+TEST_P(BadPieces, HugeDeclaredTotalReservesNoMemory) {
   for (int id = 1000; id < 1200; ++id) {
     const auto answer =
         client->call("s_c_req_body", id, piece_arguments(id, 0x7FFFFFFF, pattern(10)));
@@ -169,7 +169,7 @@ std::string nested_pieces(int depth, int call_id) {
   return block;
 }
 
-TEST_P(BadPieces, PieceInsideAPieceIsAnUnknownMethodHoweverDeep) {
+TEST_P(BadPieces, PieceInsideAPieceIsAnUnknownMethodAtAnyDepth) {
   for (const int depth : {1, 2, 20000}) {
     const std::string block = nested_pieces(depth, kLargeCallId);
     client->post("s_c_req_body", kLargeCallId,
@@ -183,7 +183,7 @@ TEST_P(BadPieces, PieceInsideAPieceIsAnUnknownMethodHoweverDeep) {
   EXPECT_EQ(result_of_good_call(), "hello");
 }
 
-TEST_P(BadPieces, NestedPieceForTheHeaderReceiverIsUnknownToo) {
+TEST_P(BadPieces, HeaderInsideAPieceIsAnUnknownMethod) {
   const std::string block = large_call(BlockWriter().add(0), "s_c_req_header", kLargeCallId);
   client->post("s_c_req_body", kLargeCallId,
                piece_arguments(kLargeCallId, static_cast<int>(block.size()), block));
@@ -195,7 +195,7 @@ class BadResultPieces : public OverTransports {};
 TOLK_OVER_TRANSPORTS(BadResultPieces);
 
 // The client answers them with the bare envelope, and goes on waiting for its result.
-TEST_P(BadResultPieces, AreAnsweredAndForgotten) {
+TEST_P(BadResultPieces, AreAnsweredAndDropped) {
   RawServer server(address);
   const ClientPtr client = make_client();
   ASSERT_TRUE(connect_client(client.get(), address));

@@ -98,7 +98,7 @@ TEST_P(LargeCallServer, LastPieceIsAnsweredWithOneAfterTheWholeResult) {
   EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
 }
 
-TEST_P(LargeCallServer, LastPieceIsNotAnsweredBeforeTheResultIsTaken) {
+TEST_P(LargeCallServer, LastPieceIsNotAnsweredBeforeTheResultIsAcknowledged) {
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto piece = read_piece(client->socket);
@@ -141,7 +141,7 @@ TEST_P(LargeCallServer, ResultPiecesNameTheCallAndTheTotal) {
 }
 
 // On purpose: with call id 0 the pieces name 0, and the calls that carry them the worker thread's.
-TEST_P(LargeCallServer, CallIdZeroIsNamedAndNotCalledWith) {
+TEST_P(LargeCallServer, CallIdZeroIsInThePiecesButNotInTheirCalls) {
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", 0);
   send_last(0, static_cast<int>(call.size()), call);
   const auto piece = read_piece(client->socket);
@@ -150,7 +150,7 @@ TEST_P(LargeCallServer, CallIdZeroIsNamedAndNotCalledWith) {
   EXPECT_NE(piece->call.call_id(), 0);
 }
 
-TEST_P(LargeCallServer, ResultPieceWithoutAnAnswerEndsTheSending) {
+TEST_P(LargeCallServer, UnansweredResultPieceEndsTheSending) {
   server->SetBigfileBufferSize(60);
   server->SetTimeoutStep(20);
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
@@ -177,7 +177,7 @@ TEST_P(LargeCallServer, StaleAnswerCountsForAResultPiece) {
   EXPECT_TRUE(read_piece(client->socket).has_value());  // and still there is a next one
 }
 
-TEST_P(LargeCallServer, UnknownMethodIsAnsweredLikeAnyCallOfOne) {
+TEST_P(LargeCallServer, UnknownMethodIsNamedInTheReply) {
   const std::string call = large_call(BlockWriter(), "nobody", kLargeCallId);
   send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto result = read_block(take_result().bytes);
@@ -185,7 +185,7 @@ TEST_P(LargeCallServer, UnknownMethodIsAnsweredLikeAnyCallOfOne) {
   EXPECT_EQ(result->string_at(0), "no event: nobody");
 }
 
-TEST_P(LargeCallServer, CatchAllTakesLargeCallsToo) {
+TEST_P(LargeCallServer, CatchAllGetsLargeCallsToo) {
   server->methodall(on_any_call([](const char* name, int, TolkParams* in, TolkParams* out) {
     out->AddString((std::string(name) + " " + string_at(in, 0)).c_str());
   }));
@@ -197,7 +197,7 @@ TEST_P(LargeCallServer, CatchAllTakesLargeCallsToo) {
   EXPECT_EQ(result->string_at(0), "anything hi");
 }
 
-TEST_P(LargeCallServer, VersionQuestionMayBeLarge) {
+TEST_P(LargeCallServer, VersionRequestMayBeALargeCall) {
   const std::string call = large_call(BlockWriter().keyed("VERSION", std::string(kVersion)),
                                       "s_c_version", kLargeCallId);
   send_last(kLargeCallId, static_cast<int>(call.size()), call);
@@ -208,7 +208,7 @@ TEST_P(LargeCallServer, VersionQuestionMayBeLarge) {
 }
 
 // Only an ordinary call closes the server.
-TEST_P(LargeCallServer, LargeCallOfTheCloseRequestIsAnUnknownMethod) {
+TEST_P(LargeCallServer, CloseRequestAsALargeCallIsAnUnknownMethod) {
   const std::string call = large_call(BlockWriter(), "s_c_close_server", kLargeCallId);
   send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto result = read_block(take_result().bytes);
@@ -217,7 +217,7 @@ TEST_P(LargeCallServer, LargeCallOfTheCloseRequestIsAnUnknownMethod) {
   EXPECT_TRUE(server->isok());
 }
 
-TEST_P(LargeCallServer, HeaderReceiverJoinsOnItsOwn) {
+TEST_P(LargeCallServer, HeaderReceiverAssemblesSeparately) {
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   const auto total = static_cast<int>(call.size());
   // Half a block under the same id at the other receiver changes nothing here.
@@ -258,7 +258,7 @@ TEST_P(LargeCallServer, PiecesOfTwoClientsWithTheSameIdAreMixed) {
 }
 
 // On purpose: what an abandoned call has sent waits for the next call with its id.
-TEST_P(LargeCallServer, PiecesOfAnAbandonedCallAreJoinedToTheNextOfItsId) {
+TEST_P(LargeCallServer, PiecesOfAnAbandonedCallArePrependedToTheNextWithItsId) {
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   const auto total = static_cast<int>(call.size());
   ASSERT_TRUE(send(kLargeCallId, total, call.substr(0, 10)).has_value());

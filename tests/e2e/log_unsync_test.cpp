@@ -22,11 +22,11 @@ std::string told_by(const std::string& kind) {
   return heard;
 }
 
-TEST(LogLevel, SetByAClientFreesStandardOutputOfStdio) {
+TEST(LogLevel, SetByAClientUnsynchronizesStandardOutputFromStdio) {
   EXPECT_EQ(told_by("client log"), "@in step\n@set free\n");
 }
 
-TEST(LogLevel, SetByAServerFreesStandardOutputOfStdio) {
+TEST(LogLevel, SetByAServerUnsynchronizesStandardOutputFromStdio) {
   EXPECT_EQ(told_by("server log"), "@in step\n@set free\n");
 }
 

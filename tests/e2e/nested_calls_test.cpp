@@ -70,7 +70,7 @@ TEST_P(NestedCalls, ThreeLevelsWork) {
 
 // The fifth handler would have to start while four wait for it: the fourth runs into its time-out,
 // and then all of them end.
-TEST_P(NestedCalls, OneLevelMoreThanWorkersEndsByTheTimeoutInside) {
+TEST_P(NestedCalls, OneLevelMoreThanWorkersTimesOutInside) {
   add_levels(700);
   connect();
   const Stopwatch watch;
@@ -79,7 +79,7 @@ TEST_P(NestedCalls, OneLevelMoreThanWorkersEndsByTheTimeoutInside) {
   EXPECT_LT(number_in(result), 0);
 }
 
-TEST_P(NestedCalls, AsManyWaitingHandlersAsWorkersStopUntilTheirTimeouts) {
+TEST_P(NestedCalls, HandlersThatWaitOnAllWorkersTimeOut) {
   Counter called_back;
   Gate all_inside;
   const OpenAtEnd open(all_inside);
@@ -107,7 +107,7 @@ TEST_P(NestedCalls, AsManyWaitingHandlersAsWorkersStopUntilTheirTimeouts) {
   EXPECT_TRUE(called_back.wait_for(kWorkers));  // the calls themselves were not lost
 }
 
-TEST_P(NestedCalls, OneWorkerLeftIsEnough) {
+TEST_P(NestedCalls, OneFreeWorkerIsEnough) {
   Counter called_back;
   Gate all_inside;
   const OpenAtEnd open(all_inside);
@@ -168,7 +168,7 @@ TEST_P(NestedCalls, SendMsgFastInsideSendMsgDoesNotWait) {
 }
 
 // The inner time-out is the server's, and the outer call goes on.
-TEST_P(NestedCalls, TimeoutInsideLeavesTheOuterCallToItsHandler) {
+TEST_P(NestedCalls, InnerTimeoutDoesNotEndTheOuterCall) {
   Gate gate;
   const OpenAtEnd open(gate);
   client->method("slow", blocking(gate));

@@ -146,7 +146,7 @@ TEST_P(UnansweredServerCall, EndsByItsTimeoutWhileTheServerRuns) {
 }
 
 // The loss of the client is no answer, and wakes nobody either.
-TEST_P(UnansweredServerCall, OutlivesItsClientUpToItsTimeout) {
+TEST_P(UnansweredServerCall, WaitsForItsTimeoutAfterItsClientIsGone) {
   client->socket.close();
   EXPECT_FALSE(host->told("call returned null", kQuiet));
   EXPECT_TRUE(host->told("call returned null"));

@@ -83,20 +83,20 @@ class EveryEnvelopeToAServer : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(EveryEnvelopeToAServer);
 
-TEST_P(EveryEnvelopeToAServer, IsReadByItsTypes) { exchange_all(); }
+TEST_P(EveryEnvelopeToAServer, IsReadByTheTypesOfItsFields) { exchange_all(); }
 
 class EnvelopesToAPipeServer : public EveryEnvelopeToAServer {};
 INSTANTIATE_TEST_SUITE_P(, EnvelopesToAPipeServer, testing::Values(Transport::pipe),
                          transport_name);
 
-TEST_P(EnvelopesToAPipeServer, LeaveNoMemory) {
+TEST_P(EnvelopesToAPipeServer, LeakNoMemory) {
   exchange_all();
   const long before = resident_kib();
   exchange_all();
   EXPECT_LT(resident_kib() - before, kGrowthKib + held_back_kib());
 }
 
-TEST_P(EveryEnvelopeToAServer, AtRandomDisturbsNobody) {
+TEST_P(EveryEnvelopeToAServer, AtRandomDisturbsNoOtherCall) {
   const unsigned seed = test_seed();
   SCOPED_TRACE("--gtest_random_seed=" + std::to_string(seed));
   RecordProperty("seed", std::to_string(seed));

@@ -40,7 +40,7 @@ class ServerFrames : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(ServerFrames);
 
-TEST_P(ServerFrames, SeveralInOneReadAreAllAnswered) {
+TEST_P(ServerFrames, SeveralInOneReadAreAllDispatched) {
   client->socket.send(echo_frame("a") + echo_frame("b") + echo_frame("c"));
   std::vector<std::string> answers{next_answer(), next_answer(), next_answer()};
   std::sort(answers.begin(), answers.end());  // handlers run beside one another
@@ -48,7 +48,7 @@ TEST_P(ServerFrames, SeveralInOneReadAreAllAnswered) {
   EXPECT_TRUE(serves(*client));
 }
 
-TEST_P(ServerFrames, ByteByByteIsOneFrame) {
+TEST_P(ServerFrames, FrameSentByteByByteIsDispatched) {
   for (const char byte : echo_frame("slow")) {
     client->socket.send(std::string(1, byte));
     let_it_be_read();
@@ -57,7 +57,7 @@ TEST_P(ServerFrames, ByteByByteIsOneFrame) {
   EXPECT_TRUE(client->socket.is_quiet());
 }
 
-TEST_P(ServerFrames, SplitInThreeIsDispatchedAfterTheThird) {
+TEST_P(ServerFrames, FrameSplitInThreeIsDispatchedAfterTheThirdPart) {
   const std::string all = echo_frame("split");
   client->socket.send(all.substr(0, 2));
   let_it_be_read();
@@ -68,7 +68,7 @@ TEST_P(ServerFrames, SplitInThreeIsDispatchedAfterTheThird) {
   EXPECT_EQ(next_answer(), "split");
 }
 
-TEST_P(ServerFrames, WholeFrameIsDispatchedAndThreeBytesWait) {
+TEST_P(ServerFrames, ThreeBytesAfterAWholeFrameWait) {
   const std::string next = echo_frame("next");
   client->socket.send(echo_frame("now") + next.substr(0, 3));
   EXPECT_EQ(next_answer(), "now");
@@ -77,7 +77,7 @@ TEST_P(ServerFrames, WholeFrameIsDispatchedAndThreeBytesWait) {
 }
 
 // On purpose: a read that is exactly one frame does not wait for what is pending.
-TEST_P(ServerFrames, ReadThatIsOneFrameOvertakesAPendingPart) {
+TEST_P(ServerFrames, ReadOfOneWholeFrameOvertakesAPartialFrame) {
   const std::string pending = echo_frame("pending");
   client->socket.send(echo_frame("first") + pending.substr(0, 10));
   EXPECT_EQ(next_answer(), "first");
@@ -100,21 +100,21 @@ TEST_P(ServerFrames, PartsOfTwoConnectionsDoNotMix) {
   EXPECT_EQ(other.socket.read_message()->string_at(0), "two");
 }
 
-TEST_P(ServerFrames, LargeFrameComesThrough) {
+TEST_P(ServerFrames, LargeFrameIsDispatched) {
   const std::string megabytes(4 << 20, 'm');
   std::thread sending([&] { client->socket.send(echo_frame(megabytes)); });
   EXPECT_EQ(next_answer(), megabytes);
   sending.join();
 }
 
-TEST_P(ServerFrames, EmptyOneIsAMessageWithoutName) {
+TEST_P(ServerFrames, EmptyFrameIsAMessageWithoutName) {
   Capture capture;
   client->socket.send(prefix(0));
   EXPECT_TRUE(capture.wait_for_text("event empty!\n")) << capture.text();
   EXPECT_TRUE(serves(*client));
 }
 
-TEST_P(ServerFrames, FewerThanFourBytesWaitWhateverTheyAre) {
+TEST_P(ServerFrames, FewerThanFourBytesWait) {
   Capture capture;
   client->socket.send(std::string("\xFF\xFF\xFF", 3));
   let_it_be_read();
@@ -136,7 +136,7 @@ TEST_P(ServerFrames, NegativePrefixIsAnEmptyFrameAndNeverStallsTheLoop) {
 }
 
 // -1 is FF FF FF FF: three bytes are skipped, and the last FF begins the next length.
-TEST_P(ServerFrames, SmallNegativePrefixSkipsThatFewBytes) {
+TEST_P(ServerFrames, LengthsOfMinusOneToMinusThreeSkipOnlyPartOfTheirPrefix) {
   for (const int length : {-1, -2, -3}) {
     Capture capture;
     RawClient hostile(address);
@@ -147,7 +147,7 @@ TEST_P(ServerFrames, SmallNegativePrefixSkipsThatFewBytes) {
   }
 }
 
-TEST_P(ServerFrames, EndInTheMiddleOfOneIsAnOrdinaryEnd) {
+TEST_P(ServerFrames, EndInsideAFrameIsAnOrdinaryEnd) {
   Capture capture;
   client->socket.send(echo_frame("half").substr(0, 30));
   client->socket.close();

@@ -67,7 +67,7 @@ class HostilePeer : public ServerTest {
 TOLK_OVER_TRANSPORTS(HostilePeer);
 
 // A name that is no text is the empty name.
-TEST_P(HostilePeer, NameOfEveryType) {
+TEST_P(HostilePeer, NameOfAnyTypeIsAnswered) {
   for (const auto& value : every_type()) {
     if (!value) continue;
     const bool named = value == Scalar(Stream{"echo"});
@@ -80,7 +80,7 @@ TEST_P(HostilePeer, NameOfEveryType) {
   }
 }
 
-TEST_P(HostilePeer, NameAbsent) {
+TEST_P(HostilePeer, MissingNamePrintsALineAndIsDropped) {
   Capture capture;
   peer->socket.send_frame(echo_with(kName, std::nullopt));
   EXPECT_TRUE(capture.wait_for_text("event empty!\n"));
@@ -88,7 +88,7 @@ TEST_P(HostilePeer, NameAbsent) {
   EXPECT_TRUE(serves(*peer));
 }
 
-TEST_P(HostilePeer, CallIdOfEveryType) {
+TEST_P(HostilePeer, CallIdOfAnyTypeIsAnswered) {
   for (const auto& value : every_type()) {
     const auto answer = answer_with(kCallId, value);
     ASSERT_TRUE(answer) << describe(value);
@@ -99,7 +99,7 @@ TEST_P(HostilePeer, CallIdOfEveryType) {
   }
 }
 
-TEST_P(HostilePeer, ArgumentsOfEveryType) {
+TEST_P(HostilePeer, ArgumentsOfAnyTypeAreAnswered) {
   for (const auto& value : every_type()) {
     const auto answer = answer_with(kArguments, value);
     ASSERT_TRUE(answer) << describe(value);
@@ -111,7 +111,7 @@ TEST_P(HostilePeer, ArgumentsOfEveryType) {
   EXPECT_EQ(answer->string_at(0), "in a string");
 }
 
-TEST_P(HostilePeer, TokenOfEveryType) {
+TEST_P(HostilePeer, TokenOfAnyTypeIsAnswered) {
   for (const auto& value : every_type()) {
     const auto answer = answer_with(kToken, value);
     ASSERT_TRUE(answer) << describe(value);
@@ -122,7 +122,7 @@ TEST_P(HostilePeer, TokenOfEveryType) {
   }
 }
 
-TEST_P(HostilePeer, RepliesNobodyWaitsForWithEveryTypeOfEnvelope) {
+TEST_P(HostilePeer, UnexpectedRepliesOfAnyTypeAreDroppedSilently) {
   Capture capture;
   for (const char* const key : {kCallId, kToken, kArguments}) {
     for (const auto& value : every_type()) {
@@ -138,7 +138,7 @@ TEST_P(HostilePeer, RepliesNobodyWaitsForWithEveryTypeOfEnvelope) {
   EXPECT_EQ(capture.text(), "");
 }
 
-TEST_P(HostilePeer, RepliesWithTokensThatAreNone) {
+TEST_P(HostilePeer, RepliesWithInvalidTokensDoNoHarm) {
   for (const char* const token : {"", "0x", "0x0", "-1", "0xffffffffffffffffffff", "(nil)", "%n"}) {
     BlockWriter reply;
     reply.keyed(kName, "retval").keyed(kCallId, 3).keyed(kToken, token);
@@ -147,7 +147,7 @@ TEST_P(HostilePeer, RepliesWithTokensThatAreNone) {
   EXPECT_TRUE(serves(*peer));
 }
 
-TEST_P(HostilePeer, EnvelopeBeforeAMalformedRecordCounts) {
+TEST_P(HostilePeer, EnvelopeBeforeAMalformedRecordIsUsed) {
   peer->socket.send_frame(call_payload("foo", 4, {}, "0x9") + "\xFFgarbage");
   const auto answer = peer->socket.read_message();
   ASSERT_TRUE(answer);
@@ -155,7 +155,7 @@ TEST_P(HostilePeer, EnvelopeBeforeAMalformedRecordCounts) {
   EXPECT_EQ(answer->call_id(), 4);
 }
 
-TEST_P(HostilePeer, EveryTruncationOfACall) {
+TEST_P(HostilePeer, TruncatedCallsDoNoHarm) {
   Capture capture;
   const std::string whole = echo_with(kName, Scalar("echo"));
   const std::size_t name_ends =
@@ -173,7 +173,7 @@ TEST_P(HostilePeer, EveryTruncationOfACall) {
   EXPECT_EQ(capture.count("event empty!"), without_name);
 }
 
-TEST_P(HostilePeer, GarbageInFrames) {
+TEST_P(HostilePeer, GarbageInFramesDoesNoHarm) {
   std::mt19937 random(20240607);
   for (int i = 0; i < 500; ++i) {
     std::string garbage(random() % 200, '\0');
@@ -183,7 +183,7 @@ TEST_P(HostilePeer, GarbageInFrames) {
   EXPECT_TRUE(serves(*peer));
 }
 
-TEST_P(HostilePeer, GarbageWithoutFrames) {
+TEST_P(HostilePeer, GarbageWithoutFramesDoesNoHarm) {
   std::mt19937 random(20240608);
   for (int connection = 0; connection < 50; ++connection) {
     RawClient hostile(address, false);
@@ -194,7 +194,7 @@ TEST_P(HostilePeer, GarbageWithoutFrames) {
   }
 }
 
-TEST_P(HostilePeer, DamagedCalls) {
+TEST_P(HostilePeer, DamagedCallsDoNoHarm) {
   std::mt19937 random(20240609);
   const std::string whole = echo_with(kName, Scalar("echo"));
   for (int i = 0; i < 1000; ++i) {
@@ -205,7 +205,7 @@ TEST_P(HostilePeer, DamagedCalls) {
   peer->socket.close();
 }
 
-TEST_P(HostilePeer, DeclaredLengthReservesNothing) {
+TEST_P(HostilePeer, DeclaredLengthReservesNoMemory) {
   const long before = resident_kib();
   std::vector<RawClient> promising;
   for (int i = 0; i < 50; ++i) {
@@ -217,7 +217,7 @@ TEST_P(HostilePeer, DeclaredLengthReservesNothing) {
   EXPECT_LT(resident_kib() - before, 64L * 1024 + held_back_kib());
 }
 
-TEST_P(HostilePeer, CountsInsideBlocksAreNotBelieved) {
+TEST_P(HostilePeer, DeclaredCountsReserveNoMemory) {
   const std::string list = kListTag + word(0x7FFFFFFF);
   const std::string map = kMapTag + word(0x7FFFFFFF);
   const std::string key{kKeyTag, kStringTag};
@@ -231,7 +231,7 @@ TEST_P(HostilePeer, CountsInsideBlocksAreNotBelieved) {
   EXPECT_TRUE(serves(*peer));
 }
 
-TEST_P(HostilePeer, ManyRecordsOfOneKeyLeaveNoMemory) {
+TEST_P(HostilePeer, ManyRecordsWithOneKeyLeakNoMemory) {
   BlockWriter many;
   while (many.bytes().size() < (1 << 20)) many.keyed("key", "value");
   ASSERT_TRUE(peer->call("echo", 1, many.bytes()));
@@ -240,7 +240,7 @@ TEST_P(HostilePeer, ManyRecordsOfOneKeyLeaveNoMemory) {
   EXPECT_LT(resident_kib() - before, 32L * 1024 + held_back_kib());
 }
 
-TEST_P(HostilePeer, ConnectAndSayNothing) {
+TEST_P(HostilePeer, SilentConnectionsAreNotCounted) {
   std::vector<RawClient> silent;
   silent.reserve(100);
   for (int i = 0; i < 100; ++i) silent.emplace_back(address, false);
@@ -248,7 +248,7 @@ TEST_P(HostilePeer, ConnectAndSayNothing) {
   EXPECT_EQ(server->GetClientCount(), 2);
 }
 
-TEST_P(HostilePeer, OneThatNeverReads) {
+TEST_P(HostilePeer, PeerThatNeverReadsDelaysNobody) {
   RawClient deaf(address, false);
   deaf.socket.shrink_receive_buffer();
   const std::string question =
@@ -258,7 +258,7 @@ TEST_P(HostilePeer, OneThatNeverReads) {
   deaf.socket.reset();
 }
 
-TEST_P(HostilePeer, HalfFramesThenClose) {
+TEST_P(HostilePeer, HalfFramesBeforeTheCloseDoNoHarm) {
   for (int i = 0; i < 50; ++i) {
     RawClient half(address, false);
     half.socket.send(prefix(1000) + std::string(static_cast<std::size_t>(i), 'x'));
@@ -267,7 +267,7 @@ TEST_P(HostilePeer, HalfFramesThenClose) {
   EXPECT_TRUE(eventually([&] { return server->GetClientCount() == 2; }));
 }
 
-TEST_P(HostilePeer, MalformedPiecesAreIncomplete) {
+TEST_P(HostilePeer, MalformedPiecesAreAnsweredWithZero) {
   const std::vector<std::string> pieces{
       "",
       BlockWriter().keyed(kCallId, 1).bytes(),
@@ -288,7 +288,7 @@ TEST_P(HostilePeer, MalformedPiecesAreIncomplete) {
   }
 }
 
-TEST_P(HostilePeer, JoinedBlockThatIsNoCallIsRefused) {
+TEST_P(HostilePeer, AssembledBlockThatIsNotACallIsRefused) {
   for (const std::string& block : {std::string("\xFF"), BlockWriter().add(1).bytes()}) {
     const std::string piece = BlockWriter()
                                   .keyed(kCallId, 40)

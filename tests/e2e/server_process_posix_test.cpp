@@ -25,7 +25,7 @@ class PosixServer : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(PosixServer);
 
-TEST_P(PosixServer, LoopAndWorkersLeaveTheProcessItsSignals) {
+TEST_P(PosixServer, LeavesTheSignalsOfTheProcessUnchanged) {
   RawClient client(address);
   struct sigaction before {};
   ASSERT_EQ(sigaction(SIGPIPE, nullptr, &before), 0);
@@ -35,7 +35,7 @@ TEST_P(PosixServer, LoopAndWorkersLeaveTheProcessItsSignals) {
   EXPECT_EQ(sigismember(&mask, SIGPIPE), 0) << "so is the mask of its threads";
 }
 
-TEST(ServerSignals, PipePeerThatReadsNoMoreIsOneWriteError) {
+TEST(ServerSignals, WriteToAPeerThatReadsNoMoreIsOneErrorLine) {
   ServerPtr server = make_server();
   const Address address = fresh_address(Transport::pipe);
   ASSERT_TRUE(start_server(server.get(), address));
@@ -54,7 +54,7 @@ void give_back(long descriptor) { syscall(SYS_close, descriptor); }
 
 // No descriptor is left for a new connection: those that are there are served, and so are new ones
 // once there are descriptors again.
-TEST_P(PosixServer, OutlivesAShortageOfDescriptors) {
+TEST_P(PosixServer, RecoversFromAShortageOfDescriptors) {
   RawClient client(address);
   ASSERT_TRUE(serves(client));
   std::vector<long> taken;
@@ -87,7 +87,7 @@ class PipeFiles : public testing::Test {
   ServerPtr server = make_server();
 };
 
-TEST_F(PipeFiles, SocketFileIsTheOwnersAlone) {
+TEST_F(PipeFiles, SocketFileIsAccessibleToItsOwnerOnly) {
   ASSERT_TRUE(start_server(server.get(), address));
   struct stat status {};
   ASSERT_EQ(stat(path.c_str(), &status), 0);
@@ -102,7 +102,7 @@ TEST_F(PipeFiles, RemovesItsFilesAtTheEnd) {
   EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
 }
 
-TEST_F(PipeFiles, ReplacesTheFileOfAServerThatDied) {
+TEST_F(PipeFiles, ReplacesTheFileOfADeadServer) {
   { std::ofstream(path) << "x"; }
   ASSERT_TRUE(start_server(server.get(), address));
   EXPECT_TRUE(RawClient(address).is_greeted());

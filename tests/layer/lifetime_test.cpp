@@ -19,7 +19,7 @@ auto holding(const Held& held) {
   return [token = held.token] { return *token; };
 }
 
-TEST(LayerLifetime, AServerFreesItsHandlers) {
+TEST(LayerLifetime, ServerFreesItsHandlers) {
   for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
     Held held;
     {
@@ -32,13 +32,13 @@ TEST(LayerLifetime, AServerFreesItsHandlers) {
   }
 }
 
-TEST(LayerLifetime, AServerThatNeverListenedFreesItsHandlers) {
+TEST(LayerLifetime, ServerThatNeverListenedFreesItsHandlers) {
   Held held;
   { Server().on("held", holding(held)); }
   EXPECT_TRUE(held.freed());
 }
 
-TEST(LayerLifetime, AServerThatAClientClosedFreesItsHandlers) {
+TEST(LayerLifetime, ServerThatAClientClosedFreesItsHandlers) {
   Held held;
   {
     const auto where = fresh();
@@ -51,7 +51,7 @@ TEST(LayerLifetime, AServerThatAClientClosedFreesItsHandlers) {
   EXPECT_TRUE(eventually([&] { return held.freed(); }));
 }
 
-TEST(LayerLifetime, AClientFreesItsHandlersHoweverItEnds) {
+TEST(LayerLifetime, ClientFreesItsHandlersHoweverItEnds) {
   const auto address = fresh_address(Transport::pipe);
   Held held;
   {
@@ -82,7 +82,7 @@ TEST(LayerLifetime, AClientFreesItsHandlersHoweverItEnds) {
   EXPECT_TRUE(held.freed());
 }
 
-TEST(LayerLifetime, CloseWaitsForHandlersThatRun) {
+TEST(LayerLifetime, CloseWaitsForRunningHandlers) {
   Gate gate;
   std::atomic<bool> returned{false};
   const auto where = fresh();
@@ -106,7 +106,7 @@ TEST(LayerLifetime, CloseWaitsForHandlersThatRun) {
   closer.join();
 }
 
-TEST(LayerLifetime, AHandlerMayCloseItsServer) {
+TEST(LayerLifetime, HandlerMayCloseItsServer) {
   const auto where = fresh();
   Server server;
   server.on("stop", [&] { server.close(); });
@@ -118,7 +118,7 @@ TEST(LayerLifetime, AHandlerMayCloseItsServer) {
 }
 
 // The destructor comes second, and waits for the handler that is still closing.
-TEST(LayerLifetime, AClientOutlivesTheHandlerThatClosesIt) {
+TEST(LayerLifetime, ClientOutlivesTheHandlerThatClosesIt) {
   const auto where = fresh();
   Server server;
   server.listen(where);
@@ -136,7 +136,7 @@ TEST(LayerLifetime, AClientOutlivesTheHandlerThatClosesIt) {
   EXPECT_TRUE(returned);
 }
 
-TEST(LayerLifetime, AHandlerMayCloseAServerThatIsBeingClosed) {
+TEST(LayerLifetime, HandlerMayCloseAServerThatIsBeingClosed) {
   Gate gate;
   std::atomic<bool> returned{false};
   const auto where = fresh();
@@ -160,7 +160,7 @@ TEST(LayerLifetime, AHandlerMayCloseAServerThatIsBeingClosed) {
   EXPECT_TRUE(server.clients().empty());
 }
 
-TEST(LayerLifetime, AServerOutlivesTheHandlerThatClosesIt) {
+TEST(LayerLifetime, ServerOutlivesTheHandlerThatClosesIt) {
   const auto where = fresh();
   std::atomic<bool> returned{false};
   Client client;
@@ -178,7 +178,7 @@ TEST(LayerLifetime, AServerOutlivesTheHandlerThatClosesIt) {
   EXPECT_TRUE(returned);
 }
 
-TEST(LayerLifetime, AHookMayCloseItsClient) {
+TEST(LayerLifetime, HookMayCloseItsClient) {
   for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
     Held held;
     {
@@ -199,7 +199,7 @@ TEST(LayerLifetime, AHookMayCloseItsClient) {
   }
 }
 
-TEST(LayerLifetime, AHookMayCloseItsServer) {
+TEST(LayerLifetime, HookMayCloseItsServer) {
   for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
     Held held;
     {
@@ -215,13 +215,13 @@ TEST(LayerLifetime, AHookMayCloseItsServer) {
   }
 }
 
-TEST(LayerLifetime, AClosedClientDoesNotConnect) {
+TEST(LayerLifetime, ClosedClientDoesNotConnect) {
   Client client;
   client.close();
   EXPECT_EQ(error_of([&] { client.connect(fresh()); }).code(), Errc::misuse);
 }
 
-TEST(LayerLifetime, CallsOfAClosedClientSaySo) {
+TEST(LayerLifetime, CallsOfAClosedClientFail) {
   const auto where = fresh();
   Server server;
   server.listen(where);
@@ -235,7 +235,7 @@ TEST(LayerLifetime, CallsOfAClosedClientSaySo) {
   EXPECT_EQ(error_of([&] { client.reconnecting(); }).code(), Errc::misuse);
 }
 
-TEST(LayerLifetime, CloseLetsWaitingCallsGo) {
+TEST(LayerLifetime, CloseWakesWaitingCalls) {
   Gate gate;
   const auto where = fresh();
   Server server;
@@ -252,7 +252,7 @@ TEST(LayerLifetime, CloseLetsWaitingCallsGo) {
   }
 }
 
-TEST(LayerLifetime, ALostServerEndsCallsAsGone) {
+TEST(LayerLifetime, LossOfTheServerEndsCallsAsGone) {
   const auto address = fresh_address(Transport::pipe);
   RawServer server(address);
   Counter closed;
@@ -269,7 +269,7 @@ TEST(LayerLifetime, ALostServerEndsCallsAsGone) {
   EXPECT_EQ(client.post("add").error().code(), Errc::gone);
 }
 
-TEST(LayerLifetime, TheEndOfAnotherClientInterruptsACallAndIsSaidSo) {
+TEST(LayerLifetime, EndOfAnotherClientEndsCallsAsInterrupted) {
   const auto address = fresh_address(Transport::pipe);
   RawServer server(address);
   Client waiting = connect(layered(address));
@@ -280,7 +280,7 @@ TEST(LayerLifetime, TheEndOfAnotherClientInterruptsACallAndIsSaidSo) {
   EXPECT_EQ(error_of([&] { call.get(); }).code(), Errc::interrupted);
 }
 
-TEST(LayerLifetime, ObjectsMove) {
+TEST(LayerLifetime, ObjectsAreMovable) {
   const auto where = fresh();
   Server server;
   server.on("one", [] { return 1; });
@@ -291,7 +291,7 @@ TEST(LayerLifetime, ObjectsMove) {
   EXPECT_EQ(other.call<int>("one").value(), 1);
 }
 
-TEST(LayerLifetime, AsyncCallsBeyondTheThreadsWaitInLine) {
+TEST(LayerLifetime, AsyncCallsBeyondTheThreadsAreQueued) {
   Gate gate;
   const auto where = fresh();
   Server server;
@@ -312,7 +312,7 @@ TEST(LayerLifetime, AsyncCallsBeyondTheThreadsWaitInLine) {
 }
 
 // What calls leave in the library's table does not add up, whether they are answered or not.
-TEST(LayerCallIds, AreLentToOneCallAtATime) {
+TEST(LayerCallIds, AreUsedByOneCallAtATime) {
   detail::CallIds ids;
   int cleared = 0;
   const auto clear = [&] { ++cleared; };
@@ -327,7 +327,7 @@ TEST(LayerCallIds, AreLentToOneCallAtATime) {
   EXPECT_EQ(cleared, 0);
 }
 
-TEST(LayerCallIds, LateAnswersAreClearedWhenNoCallIsUnderWay) {
+TEST(LayerCallIds, LateRepliesAreClearedWhenNoCallRuns) {
   detail::CallIds ids;
   int cleared = 0;
   const auto clear = [&] { ++cleared; };
@@ -339,7 +339,7 @@ TEST(LayerCallIds, LateAnswersAreClearedWhenNoCallIsUnderWay) {
   EXPECT_EQ(cleared, 1);
 }
 
-TEST(LayerCallIds, ASpoiledIdIsCleanOnceItsAnswerHasCome) {
+TEST(LayerCallIds, IdOfATimedOutCallIsReusedAfterItsReply) {
   detail::CallIds ids;
   using Use = detail::CallIds::Use;
   const int first = ids.lend();

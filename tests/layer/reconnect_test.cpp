@@ -20,7 +20,7 @@ class LayerReconnect : public testing::Test {
   std::optional<Server> server;
 };
 
-TEST_F(LayerReconnect, CallsGoOnWithANewServer) {
+TEST_F(LayerReconnect, CallsSucceedWithANewServer) {
   start();
   Counter lost;
   Counter back;
@@ -43,7 +43,7 @@ TEST_F(LayerReconnect, CallsGoOnWithANewServer) {
   }
 }
 
-TEST_F(LayerReconnect, TimeOutsWorkOnTheNewConnection) {
+TEST_F(LayerReconnect, TimeoutsWorkOnTheNewConnection) {
   const auto address = fresh_address(Transport::pipe);
   std::optional<RawServer> raw(std::in_place, address);
   Client client = connect(layered(address));
@@ -100,7 +100,7 @@ TEST_F(LayerReconnect, PausesGrow) {
 }
 
 // Twice as long each time, the eighth attempt would come after two minutes.
-TEST_F(LayerReconnect, PausesAreNotLongerThanTheLongest) {
+TEST_F(LayerReconnect, PausesStopGrowingAtTheMaximum) {
   const auto address = fresh_address(Transport::pipe);
   Refusals refusals(address);
   Client client = connect(layered(address));
@@ -134,7 +134,7 @@ TEST_F(LayerReconnect, CallsMayWaitForTheFirstConnection) {
   EXPECT_EQ(sum.get(), 3);
 }
 
-TEST_F(LayerReconnect, AMethodThatIsAddedWhileTheServerIsGoneIsThereAfterwards) {
+TEST_F(LayerReconnect, MethodAddedWhileDisconnectedIsRegisteredAfterwards) {
   start();
   Counter lost;
   Counter back;
@@ -153,7 +153,7 @@ TEST_F(LayerReconnect, AMethodThatIsAddedWhileTheServerIsGoneIsThereAfterwards) 
   EXPECT_EQ(server->call<int>(id, "later").value(), 8);
 }
 
-TEST_F(LayerReconnect, AnExceptionOfTheHostsIsDropped) {
+TEST_F(LayerReconnect, ExceptionOfTheCallbackIsDropped) {
   start();
   Counter back;
   Client client = connect(where);
@@ -167,7 +167,7 @@ TEST_F(LayerReconnect, AnExceptionOfTheHostsIsDropped) {
   EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
 }
 
-TEST_F(LayerReconnect, AClientThatLooksForItsServerCanBeClosed) {
+TEST_F(LayerReconnect, ReconnectingClientCanBeClosed) {
   start();
   Counter lost;
   Client client = connect(where);
