@@ -70,7 +70,7 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  pid_t id() const { return id_; }  // -1 once the child has been waited for
+  pid_t id() const { return id_; }  // -1 once wait has returned its result
 
   // The exit code (0 to 255), or the signal that ended the child as a negative number.
   int wait();

@@ -1,5 +1,5 @@
-// The directory of a user's pipes in the wrong hands: neither server nor client uses it, and
-// nothing in it changes.
+// An unsafe directory of a user's pipes: neither server nor client uses it, and nothing in it
+// changes.
 #include <filesystem>
 
 #include "tests/access/access_test.h"
@@ -25,7 +25,7 @@ class UnsafeDirectory : public AccessTest, public testing::WithParamInterface<Ca
   using AccessTest::make_link;
 
  protected:
-  // A directory of the other user's whose live server has the name and is open to all.
+  // A directory of the other user, with a live server of the same name that accepts everybody.
   void SetUp() override {
     AccessTest::SetUp();
     make_directory(elsewhere, other.id(), 0755);
@@ -113,7 +113,7 @@ TEST_P(UnsafeDirectory, ClientIsRefused) {
 INSTANTIATE_TEST_SUITE_P(, UnsafeDirectory, testing::ValuesIn(kCases),
                          [](const auto& one) { return one.param.name; });
 
-// The system's directory for a user's run-time files is passed over when anything is wrong with it.
+// The system's directory for a user's run-time files is skipped when anything is wrong with it.
 class RuntimeDirectory : public AccessTest {
  protected:
   void expect_passed_over() const {

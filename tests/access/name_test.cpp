@@ -1,5 +1,5 @@
-// Files of a pipe's name inside a directory that is as it should be. What the user's own servers
-// left is put right; what another user put there stays, and nobody talks to it.
+// Files at a pipe's name inside a directory with correct permissions. A server replaces what the
+// user's own servers left; what another user put there is kept and not used.
 #include <filesystem>
 
 #include "tests/access/access_test.h"
@@ -31,7 +31,7 @@ class NameOfAPipe : public AccessTest {
   }
   // A plain server of `who` that others can connect to, at the name.
   std::unique_ptr<Actor> squatter_of(uid_t who) const {
-    fs::permissions(directory, fs::perms::all);  // nobody else could put it there
+    fs::permissions(directory, fs::perms::all);  // or no other user could create it
     auto squatter = std::make_unique<Actor>(who, [&](Talk& talk) { be_raw_server(talk, socket); });
     EXPECT_EQ(squatter->hear(), "listens");
     fs::permissions(directory, fs::perms::owner_all);

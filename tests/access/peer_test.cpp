@@ -1,5 +1,5 @@
-// Connections that reach a pipe although its directory should have kept them away: somebody has
-// opened it after the server's start.
+// Connections of other users that reach a pipe because its directory was made accessible after the
+// server's start.
 #include <filesystem>
 
 #include "tests/access/access_test.h"
@@ -35,7 +35,7 @@ class OpenedDirectory : public AccessTest {
   std::unique_ptr<Actor> server;
 };
 
-// No hook runs, no message is read: not even the empty one, which has a line of its own.
+// No hook runs and no message is read, not even the empty one, which would print a line.
 TEST_F(OpenedDirectory, OtherUserIsRefusedBeforeAnyRead) {
   EXPECT_EQ(connection_of(other.id()), "refused");
   EXPECT_EQ(server->printed(), start_line() + refusal());

@@ -1,10 +1,10 @@
-// Users of the tests' own, and processes that run as them. The tests run as root.
+// Test users, and processes that run as them. The tests run as root.
 //
 //   Actor server(user, [](Talk& talk) { ... talk.tell("listens"); talk.hear(); ... });
 //   EXPECT_EQ(server.hear(), "listens");
 //
 // Thread: one in the test; the library is only ever used in actors, which are forked before it.
-// Failure: every wait has a limit; what was not said is "". An alarm ends an actor that never does.
+// Failure: every wait has a limit and then returns "". An alarm ends an actor that hangs.
 #pragma once
 
 #include <sys/types.h>
@@ -16,7 +16,7 @@
 
 namespace tolk::test {
 
-// A user id that nobody else uses, in this test run or beside it.
+// A user id that no other test uses, in this run or a concurrent one.
 class TestUser {
  public:
   TestUser();
@@ -34,13 +34,13 @@ class TestUser {
   std::string mark_;
 };
 
-// The way between a test and its actor: words, one at a time.
+// The channel between a test and its actor: words, one at a time.
 class Talk {
  public:
   explicit Talk(int descriptor) : descriptor_(descriptor) {}
 
   void tell(const std::string& word) const;
-  std::string hear() const;  // "" when the other side is gone, or says nothing for too long
+  std::string hear() const;  // "" if the other side has ended, or sends nothing within the limit
 
  private:
   const int descriptor_;
@@ -49,7 +49,7 @@ class Talk {
 class Actor {
  public:
   Actor(uid_t user, const std::function<void(Talk&)>& role);
-  ~Actor();  // ends it as by a kill, unless it has ended
+  ~Actor();  // kills it unless it has ended
   Actor(const Actor&) = delete;
   Actor& operator=(const Actor&) = delete;
 

@@ -50,7 +50,7 @@ void echo(int, TolkParams* in, TolkParams* out) {
 
 constexpr char kStream[] = "a\0b\xFF";
 
-// Every type of value, at its edges too.
+// Every type of value, extremes included.
 void fill(TolkParams& block) {
   block.AddInt(std::numeric_limits<int>::min());
   block.AddBool(true);
@@ -231,7 +231,7 @@ TEST_P(Calls, HandlerMayCallItsCallerBack) {
             "there and back");
 }
 
-// The same calls as a plain socket sees them.
+// Calls to a plain-socket server, which sees their bytes.
 class CallsToRawServer : public WithRawServer {
  protected:
   void SetUp() override { connect(); }

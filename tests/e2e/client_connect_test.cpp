@@ -208,7 +208,7 @@ TEST_P(ClientConnect, SucceedsAfterFailuresOnOtherTransports) {
 }
 
 TEST_P(ClientConnect, CallDuringTheHandshakeIsSent) {
-  // The client counts as connected before its server has been checked.
+  // isok() is true before the server has answered the version check.
   Gate gate;
   RawServer server(address, [gate](RawSocket& socket) mutable {
     const auto question = socket.read_message();
@@ -250,7 +250,7 @@ TEST_P(ClientConnect, SucceedsAfterEachOfAHundredLosses) {
   for (int round = 0; round < 100; ++round) {
     ASSERT_TRUE(connect()) << round;
     server.take().close();
-    // At once, while the earlier session is still on its way out.
+    // The next connect comes at once, while the earlier session is still ending.
     ASSERT_TRUE(eventually([this] { return !client->isok(); }));
   }
 }

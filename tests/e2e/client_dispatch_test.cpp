@@ -276,7 +276,7 @@ TEST_P(ClientDispatch, ManyCallsInOneWriteAreAllAnswered) {
   EXPECT_EQ(std::count(answered.begin(), answered.end(), true), 500);
 }
 
-// What a server may send that makes no sense.
+// Malformed messages from a server.
 class BadInputToAClient : public ClientDispatch {
  protected:
   void SetUp() override {
@@ -286,7 +286,7 @@ class BadInputToAClient : public ClientDispatch {
   }
   void TearDown() override {
     EXPECT_TRUE(bystander->isok());
-    // The end of a client wakes every call, twice; its handlers are let go after that.
+    // The end of a client wakes every call, twice; its handlers are deleted after that.
     if (!client->isok()) {
       EXPECT_TRUE(deleted.wait_for(1));
     }
@@ -387,12 +387,13 @@ TEST_P(BadInputToAClient, HugeLengthReservesNoMemory) {
   peer.send(prefix(std::numeric_limits<int>::max()) + "little");
   EXPECT_TRUE(peer.is_quiet());
   EXPECT_TRUE(client->isok());
-  EXPECT_LT(resident_kib() - before, 200L * 1024) << "memory follows what came, not what was said";
+  EXPECT_LT(resident_kib() - before, 200L * 1024)
+      << "memory follows the bytes received, not the declared length";
 }
 
 TEST_P(BadInputToAClient, ReadOfOneWholeFrameOvertakesAPartialFrame) {
   peer.send(prefix(100000) + "half");
-  // Two writes may come in one read; then both wait. Until one comes alone, which the answer shows.
+  // One read may return two writes; then both wait. So this repeats until a frame is read alone.
   EXPECT_TRUE(eventually([this] {
     peer.send_frame(call_payload("alive", 1));
     return peer.read_frame(Milliseconds(50)).has_value();

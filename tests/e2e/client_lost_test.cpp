@@ -1,4 +1,4 @@
-// Connections that are lost, and what a client finds that connects again.
+// Lost connections, and the state of a client that connects again.
 #include "tests/e2e/client_ending.h"
 
 namespace tolk::test {
@@ -225,7 +225,7 @@ TEST_P(LostConnection, ReplyOfARunningHandlerPrintsWriteErrors) {
   peer.close();
   ASSERT_TRUE(goes_offline());
   char any[] = "x";
-  client->log(any, 0);  // both lines are failures, which every level has
+  client->log(any, 0);  // both lines report failures, which every level prints
   const Capture out;
   gate.open();
   EXPECT_TRUE(ends(deleted));
@@ -338,7 +338,7 @@ TEST_P(Reconnect, KeepsEarlierResults) {
 }
 
 TEST_P(Reconnect, WaitsUntilTheEarlierConnectionHasEnded) {
-  // The hook keeps the old session from ending; the client is connected until the hook returns.
+  // The destructor of the handler keeps the old session from ending.
   Gate gate;
   const OpenAtEnd at_end(gate);
   client->method("m", new LastWords([gate]() mutable { gate.pass(); }));

@@ -1,4 +1,4 @@
-// A client object before and beside its connections.
+// A client object without a connection, and its settings.
 #include "tests/e2e/client_fixture.h"
 
 namespace tolk::test {

@@ -27,7 +27,7 @@ class Replies : public WithRawServer {
     connect();
   }
 
-  // Everything that was sent so far has been read by the client.
+  // Returns when the client has read everything that was sent so far.
   void settle() { ASSERT_TRUE(client_answers()); }
 
   // A call that is answered at once.
@@ -61,7 +61,7 @@ TEST_P(Replies, ReplyWithoutTokenIsStoredAndWakesNobody) {
   peer.send_frame(reply_to(7, 42));
   settle();
   EXPECT_FALSE(call.is_done(Milliseconds(0)));
-  EXPECT_EQ(int_in(call.result()), 42) << "found when the time is over";
+  EXPECT_EQ(int_in(call.result()), 42) << "returned when the call times out";
 }
 
 TEST_P(Replies, WrongTokenWakesNobody) {

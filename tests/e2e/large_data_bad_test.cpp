@@ -1,4 +1,4 @@
-// Pieces that no sender of this library makes: every one is answered, and changes nothing.
+// Malformed pieces: the receiver answers each one and drops it.
 #include <gmock/gmock.h>
 
 #include "tests/e2e/large_peer.h"
@@ -26,7 +26,7 @@ BlockWriter header(int call_id) {
   return BlockWriter().keyed("s_c_largedata", true).keyed("s_c_sw_threadid", call_id);
 }
 
-// Each is a piece that says "one byte of one", but for one mistake.
+// Each is a complete piece of one byte with one mistake.
 std::vector<std::string> mistaken_pieces() {
   const Scalar byte = Stream{"x"};
   return {
@@ -65,7 +65,7 @@ class BadPieces : public OverTransports {
   std::optional<Message> send(const std::optional<std::string>& arguments) {
     return client->call("s_c_req_body", kLargeCallId, arguments);
   }
-  // A large call that is all right, with the call id of the bad ones.
+  // A correct large call with the call id of the bad ones.
   std::string result_of_good_call() {
     const std::string call = large_call(BlockWriter(), "hello", kLargeCallId);
     client->post("s_c_req_body", kLargeCallId,
@@ -92,7 +92,7 @@ TEST_P(BadPieces, MissingAndMistypedFieldsAreAnsweredWithZeroAndDropped) {
 
 TEST_P(BadPieces, PieceWithoutBytesIsEmpty) {
   EXPECT_THAT(numbers_in(send(header(kLargeCallId).add(1).bytes())), ElementsAre(kTaken));
-  // Nothing of nothing: a block without a name.
+  // A total of 0: an empty block, which has no name.
   EXPECT_THAT(numbers_in(send(header(kLargeCallId).add(0).bytes())),
               ElementsAre(kMalformed, kTaken));
 }

@@ -14,7 +14,7 @@ namespace {
 using testing::ElementsAre;
 using Sizes = std::vector<std::size_t>;
 
-// A client of the library's and a server on plain sockets.
+// A library client and a server on plain sockets.
 class LargeCallClient : public OverTransports {
  protected:
   void SetUp() override {
@@ -44,8 +44,8 @@ class LargeCallClient : public OverTransports {
     return received.sizes;
   }
 
-  // How long a piece without an answer keeps the turn of calls: until then no other client's call
-  // comes.
+  // How long an unanswered piece holds the lock of calls: until then no call of another client is
+  // sent.
   Milliseconds time_of_a_piece(int fourth_argument) {
     const ClientPtr caller = make_client();
     EXPECT_TRUE(connect_client(caller.get(), address));
@@ -92,7 +92,7 @@ TEST_P(LargeCallClient, PieceSizeSetOnAnyObjectApplies) {
   EXPECT_THAT(cut(3 * std::size_t{32768}), ElementsAre(3 * std::size_t{32768}));
 }
 
-// On purpose: the setting is not checked; only a sender takes the default for what can't be sent.
+// On purpose: the setting is not checked; a sender uses the default in place of an invalid size.
 TEST_P(LargeCallClient, InvalidPieceSizesMeanTheDefault) {
   for (const int size : {0, -1}) {
     client->SetBigfileBufferSize(size);
@@ -270,7 +270,7 @@ TEST_P(LargeCallClient, ClearRetvalMemDropsLargeResults) {
   EXPECT_EQ(call.result(), nullptr);
 }
 
-// A result that comes when its call has been ended from outside is the next one's older block.
+// The result of a call that another client's loss has ended is kept for the next call.
 TEST_P(LargeCallClient, LateResultIsReturnedByTheNextCallWithoutAResult) {
   const Address elsewhere = fresh_address(GetParam());
   RawServer other_server(elsewhere);
@@ -331,7 +331,7 @@ TEST(LargeCall, WithoutAConnectionPrintsALineAndKeepsTheBlock) {
   EXPECT_EQ(arguments.Size(), 9);
 }
 
-// The loop thread could never hear the result: it does not wait for it.
+// The loop thread would have to read the result itself: so the call does not wait.
 TEST(LargeCall, FromAHookOnTheLoopThreadReturns) {
   const Address address = fresh_address(Transport::pipe);
   RawServer server(address);

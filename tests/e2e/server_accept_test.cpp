@@ -1,4 +1,4 @@
-// Clients that come and go: hooks, ids, counts and lines.
+// Clients that connect and leave: hooks, ids, counts and lines.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -130,7 +130,7 @@ TEST_P(ServerClients, OneByteIsEnoughToBeCounted) {
   EXPECT_TRUE(eventually([&] { return server->GetClientCount() == 1; }));
 }
 
-// Also one that never sent anything: its end is its first read.
+// This holds for a client that never sent anything, too: its end is its first read.
 TEST_P(ServerClients, CountInHooksExcludesTheNewAndIncludesTheLeavingClient) {
   Journal journal;
   IServer* const raw = server.get();
@@ -208,7 +208,8 @@ TEST_P(ServerClients, ConnectHookMayPostToAnotherClient) {
   EXPECT_FALSE(post->token());
 }
 
-// A client whose end a hook hears may still be called: it is in the table until the hook is over.
+// A client may still be called in the hook of its end: it stays in the table until the hook
+// returns.
 TEST_P(ServerClients, CallFromTheClosedHookReturns) {
   Counter returned;
   IServer* const raw = server.get();

@@ -1,4 +1,4 @@
-// Calls of a server's host to one client: how they are answered, and how they are not.
+// Calls from a server to one client: their answers, their timeouts and their failures.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -12,10 +12,10 @@ namespace tolk::test {
 namespace {
 
 constexpr int kCallId = 77;
-// No test waits so long: a call with this limit is woken or it hangs.
+// No test waits that long: a call with this limit is either woken or hangs.
 constexpr int kNever = 600000;
 
-// A server of the library's that knows its clients by "who", and clients on plain sockets.
+// A library server, whose method "who" returns the caller's id, and clients on plain sockets.
 class ServerCalls : public OverTransports {
  protected:
   void SetUp() override {
@@ -45,9 +45,9 @@ class ServerCalls : public OverTransports {
     answering.join();
     return result;
   }
-  // What is kept under a call id; asked for by a call that can't be delivered.
+  // The result that is kept under a call id, as a call that cannot be delivered returns it.
   TolkParams* kept(int call_id) { return server->SendMsg(0, "m", nullptr, call_id, kNever); }
-  // Until the sweep has begun: a call that nobody answers ends.
+  // Returns when the sweep runs: an unanswered call has timed out.
   void let_the_sweep_begin() {
     server->SendMsg(id, "m", nullptr, 999, 0);
     ASSERT_TRUE(client->socket.read_message().has_value());
@@ -117,7 +117,7 @@ TEST_P(ServerCalls, CallToAnUnknownClientDoesNotWait) {
   EXPECT_EQ(server->SendMsg(0, "m", nullptr, kCallId, kNever), nullptr);
 }
 
-// On purpose: a client counts from the first thing that it has sent.
+// On purpose: a client is known to the server once it has sent something.
 TEST_P(ServerCalls, CallToAClientThatHasSentNothingDoesNotWait) {
   Counter connected;
   std::atomic<int> newcomer{0};
@@ -143,13 +143,13 @@ TEST_P(ServerCalls, CallToAClientThatHasLeftDoesNotWait) {
   EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, kNever), nullptr);
 }
 
-// On purpose: without an answer the result is what an earlier answer left, the same block.
+// On purpose: without an answer a call returns the block of an earlier answer.
 TEST_P(ServerCalls, CallThatTimesOutReturnsTheEarlierResult) {
   TolkParams* const first = answered_call(kCallId, 1);
   EXPECT_EQ(number_in(first), 1);
   EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 1), first);
   EXPECT_EQ(number_in(first), 1);
-  EXPECT_EQ(kept(kCallId), first);  // nor does one that is not delivered ask
+  EXPECT_EQ(kept(kCallId), first);  // and so does a call that cannot be delivered
 }
 
 TEST_P(ServerCalls, DistinctCallIdsTellFreshFromStale) {
@@ -218,7 +218,7 @@ TEST_P(ServerCalls, ClearRetvalMemDropsResults) {
   EXPECT_EQ(kept(kCallId), nullptr);
 }
 
-// On purpose: a client's answer to a method that it has not names no call.
+// On purpose: a client's answer to an unknown method has no call id.
 TEST_P(ServerCalls, MethodThatTheClientLacksTimesOut) {
   const ClientPtr callee = make_client();
   ASSERT_TRUE(connect_client(callee.get(), address));
@@ -251,9 +251,9 @@ TEST_P(ServerCalls, ConcurrentCallsGetTheirOwnAnswers) {
   for (int i = 0; i < kCallers; ++i) EXPECT_EQ(results.at(static_cast<std::size_t>(i)), i);
 }
 
-// Time-outs.
+// Timeouts.
 
-// On purpose, unlike a client's: a time-out of 0 is over at the next sweep.
+// On purpose, unlike in a client: a timeout of 0 ends at the next sweep.
 TEST_P(ServerCalls, TimeoutOfZeroEndsAtTheFirstSweep) {
   const Stopwatch watch;
   EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 0), nullptr);
@@ -296,7 +296,7 @@ TEST_P(ServerCalls, TimeoutStepBelowOneIsTheDefault) {
     server->SetTimeoutStep(kNever);
     server->SetTimeoutStep(step);
     let_the_sweep_begin();
-    // The sweep has looked once by now or soon: only a further look ends this one.
+    // The sweep looks once now or soon: only a further look ends this call.
     EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 700), nullptr) << step;
     ASSERT_TRUE(client->socket.read_message().has_value());
   }

@@ -1,4 +1,4 @@
-// What a server does with a call: which handler runs, with what, and what goes back.
+// How a server handles a call: which handler runs, with which arguments, and what it replies.
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -21,7 +21,7 @@ class ServerDispatch : public ServerTest {
     EXPECT_TRUE(client.is_greeted());
     return client;
   }
-  // The verdict on these arguments of the version question.
+  // The answer to a version request with these arguments.
   Scalar verdict_on(RawClient& client, const std::optional<std::string>& arguments) {
     const auto answer = client.call("s_c_version", 1, arguments);
     if (!answer || !answer->at(0)) return "no answer";
@@ -117,7 +117,7 @@ TEST_P(ServerDispatch, NamesAreComparedWhole) {
   EXPECT_EQ(client.call("Echo")->string_at(0), "no event: Echo");
 }
 
-// On purpose: the text is added behind what the catch-all has answered.
+// On purpose: the text follows the values of the catch-all.
 TEST_P(ServerDispatch, CatchAllIsFollowedByTheNoEventText) {
   Journal journal;
   server->methodall(
@@ -187,7 +187,7 @@ TEST_P(ServerDispatch, VersionRequestIsAnsweredByTheServerItself) {
   EXPECT_EQ(asked.value(), 0);
 }
 
-// On purpose: an event's handler is a method like any other for whoever calls it.
+// On purpose: a client may call the handler of an event like any other method.
 TEST_P(ServerDispatch, EventHooksCanBeCalledByClients) {
   Journal journal;
   for (const char* const name : {"s_c_connect", "s_c_closed", "s_c_createport"}) {
@@ -271,7 +271,7 @@ TEST_P(ServerDispatch, HandlersCanBeRegisteredUnderTraffic) {
   EXPECT_EQ(client.call("m499")->string_at(0), "x");
 }
 
-// Two callers, one of them in a handler that does not return: the other is served meanwhile.
+// One handler does not return: another call is served meanwhile.
 TEST_P(ServerDispatch, HandlersRunConcurrently) {
   Gate gate;
   const OpenAtEnd open(gate);
@@ -313,7 +313,7 @@ TEST_P(ServerDispatch, LibraryClientIsAnswered) {
   EXPECT_EQ(server->GetClientCount(), 1);
 }
 
-// A reply to a connection that is gone meets a closed stream.
+// A reply to a lost connection is written to a closed stream.
 TEST_P(ServerDispatch, ReplyToAClientThatHasLeftPrintsOneLine) {
   Gate gate;
   const OpenAtEnd open(gate);

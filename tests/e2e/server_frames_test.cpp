@@ -1,7 +1,7 @@
 // How a server cuts the bytes of a connection into messages.
 //
-// Splits are made visible by what is answered in between: a reply proves that what was sent before
-// it has been read, so that what is sent after it comes in a read of its own.
+// A reply proves that the server has read everything sent before it, so that what is sent after it
+// arrives in a separate read.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,8 +31,8 @@ class ServerFrames : public ServerTest {
     const auto answer = client->socket.read_message();
     return answer ? answer->string_at(0) : "nothing came";
   }
-  // Until the server has read all that `client` has sent: its socket has nothing queued any more.
-  // A call of another client, sent later, is then read later too, or in the same turn.
+  // Returns when the server has read all that `client` has sent: a call of another client, sent
+  // later, has been answered.
   void let_it_be_read() { ASSERT_TRUE(serves(*bystander)); }
 
   std::unique_ptr<RawClient> client;
@@ -43,7 +43,7 @@ TOLK_OVER_TRANSPORTS(ServerFrames);
 TEST_P(ServerFrames, SeveralInOneReadAreAllDispatched) {
   client->socket.send(echo_frame("a") + echo_frame("b") + echo_frame("c"));
   std::vector<std::string> answers{next_answer(), next_answer(), next_answer()};
-  std::sort(answers.begin(), answers.end());  // handlers run beside one another
+  std::sort(answers.begin(), answers.end());  // handlers run concurrently
   EXPECT_EQ(answers, (std::vector<std::string>{"a", "b", "c"}));
   EXPECT_TRUE(serves(*client));
 }
@@ -123,7 +123,7 @@ TEST_P(ServerFrames, FewerThanFourBytesWait) {
 }
 
 TEST_P(ServerFrames, NegativePrefixIsAnEmptyFrameAndNeverStallsTheLoop) {
-  // -4 covers nothing and would never move; below it, all that waits is dropped.
+  // -4 would cover no byte at all; from -4 down, everything pending is dropped.
   for (const int length : {-4, -5, -1000, -2147483647}) {
     Capture capture;
     RawClient hostile(address);

@@ -1,5 +1,5 @@
-// Peers that send what no client of this library sends. Each gets the outcome that its bytes have
-// by the rules of the format; a bystander is served all the while.
+// Peers that send what no library client sends. The server treats each message by the rules of the
+// format, and serves another client meanwhile.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -38,7 +38,7 @@ class HostilePeer : public ServerTest {
     EXPECT_TRUE(RawClient(address).is_greeted());
   }
 
-  // A call of "echo" whose value of `key` is another one.
+  // A call of "echo" with another value of `key`.
   static std::string echo_with(const char* key, const std::optional<Scalar>& value) {
     const std::vector<std::pair<const char*, Scalar>> usual{
         {kName, "echo"},
@@ -66,7 +66,7 @@ class HostilePeer : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(HostilePeer);
 
-// A name that is no text is the empty name.
+// A name that is not a text is the empty name.
 TEST_P(HostilePeer, NameOfAnyTypeIsAnswered) {
   for (const auto& value : every_type()) {
     if (!value) continue;
@@ -93,7 +93,7 @@ TEST_P(HostilePeer, CallIdOfAnyTypeIsAnswered) {
     const auto answer = answer_with(kCallId, value);
     ASSERT_TRUE(answer) << describe(value);
     EXPECT_EQ(answer->string_at(0), "ping");
-    // A number's first bytes count: those of true are 1, those of 1.5 are 0; a text's don't.
+    // The first bytes of a number are the id: 1 for true, 0 for 1.5; a text means 0.
     const int expected = value == Scalar(7) ? 7 : value == Scalar(true) ? 1 : 0;
     EXPECT_EQ(answer->call_id(), value ? std::optional(expected) : std::nullopt) << describe(value);
   }
@@ -177,7 +177,7 @@ TEST_P(HostilePeer, GarbageInFramesDoesNoHarm) {
   std::mt19937 random(20240607);
   for (int i = 0; i < 500; ++i) {
     std::string garbage(random() % 200, '\0');
-    for (char& byte : garbage) byte = static_cast<char>(random() % 9);  // tags above all
+    for (char& byte : garbage) byte = static_cast<char>(random() % 9);  // mostly tags
     ASSERT_TRUE(peer->socket.send_frame(garbage));
   }
   EXPECT_TRUE(serves(*peer));
@@ -302,7 +302,7 @@ TEST_P(HostilePeer, AssembledBlockThatIsNotACallIsRefused) {
   }
 }
 
-// A large call that names the receiver of pieces does not start over inside itself.
+// A large call of the receiver of pieces is not assembled again.
 TEST_P(HostilePeer, LargeCallsDoNotNest) {
   std::string block = BlockWriter().keyed(kName, "echo").bytes();
   for (int depth = 0; depth < 500; ++depth) {

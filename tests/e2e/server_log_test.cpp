@@ -1,4 +1,4 @@
-// The server's lines: levels, the sink, and what each of them does not touch.
+// The lines of a server: log levels and the sink.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -19,7 +19,7 @@ class ServerLog : public ServerTest {
 
   // A sink that notes the lines. Its owner is the test: the server never deletes a sink.
   void install_sink() { server->method("s_c_log", &sink); }
-  // A line of the plain log; any thread can have one written.
+  // Causes a line of the log, on any thread.
   void refuse_a_call() { EXPECT_EQ(server->PostMsg(1, "x", nullptr, 1), nullptr); }
   bool log(const char* text, int level) {
     std::string copy(text);
@@ -91,7 +91,7 @@ TEST_P(ServerLog, LevelAppliesToTheSinkToo) {
   EXPECT_EQ(lines.notes(), std::vector<std::string>{kRefused});
 }
 
-// Those two go straight to standard output, whoever collects the log.
+// These two kinds of line go to standard output even when there is a sink.
 TEST_P(ServerLog, EmptyEventsAndWriteErrorsBypassTheSink) {
   Gate gate;
   const OpenAtEnd open(gate);
@@ -136,7 +136,7 @@ TEST_P(ServerLog, SinkCannotBeCalledAsAMethod) {
   EXPECT_EQ(lines.notes().size(), before);
 }
 
-// Deleted as a method by close, it must not hear the line behind that.
+// close deletes it as a method; it must not get the line that follows.
 TEST_P(ServerLog, SinkThatIsAlsoAMethodGetsNoLineAfterItsDeletion) {
   Counter deleted;
   Journal heard;
@@ -152,7 +152,7 @@ TEST_P(ServerLog, SinkThatIsAlsoAMethodGetsNoLineAfterItsDeletion) {
   EXPECT_EQ(capture.text(), kClosed);
 }
 
-// Its own lines come back to it only so deep; further in they are printed.
+// Lines that it causes itself reach it up to a limit of nesting; deeper ones are printed.
 TEST_P(ServerLog, SinkThatLogsDoesNotRecurseForever) {
   Counter entered;
   IServer* const raw = server.get();
@@ -195,7 +195,7 @@ TEST_P(ServerLog, SinkMayCallTheServer) {
   server.reset();
 }
 
-// The connection that the line is about goes with the server: it has no end of its own.
+// The connection of that line ends with the server, without lines for its own end.
 TEST_P(ServerLog, SinkMayCloseTheServerWhenAClientIsAccepted) {
   IServer* const raw = server.get();
   FunctionHandler closing([this, raw](int, TolkParams* in, TolkParams*) {

@@ -1,5 +1,4 @@
-// A server among what only a POSIX process has: signals, descriptors that run out, the files of a
-// pipe.
+// A server and what only a POSIX process has: signals, a limit of descriptors, the files of a pipe.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -29,7 +28,7 @@ TEST_P(PosixServer, LeavesTheSignalsOfTheProcessUnchanged) {
   RawClient client(address);
   struct sigaction before {};
   ASSERT_EQ(sigaction(SIGPIPE, nullptr, &before), 0);
-  EXPECT_EQ(before.sa_handler, SIG_DFL) << "the disposition is the host's";
+  EXPECT_EQ(before.sa_handler, SIG_DFL) << "the disposition belongs to the host";
   sigset_t mask;
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
   EXPECT_EQ(sigismember(&mask, SIGPIPE), 0) << "so is the mask of its threads";
@@ -52,8 +51,8 @@ TEST(ServerSignals, WriteToAPeerThatReadsNoMoreIsOneErrorLine) {
 long take() { return syscall(SYS_dup, 0); }
 void give_back(long descriptor) { syscall(SYS_close, descriptor); }
 
-// No descriptor is left for a new connection: those that are there are served, and so are new ones
-// once there are descriptors again.
+// No descriptor is left for a new connection: existing connections are served, and new ones are
+// accepted once there are descriptors again.
 TEST_P(PosixServer, RecoversFromAShortageOfDescriptors) {
   RawClient client(address);
   ASSERT_TRUE(serves(client));
@@ -69,7 +68,7 @@ TEST_P(PosixServer, RecoversFromAShortageOfDescriptors) {
     taken.pop_back();
   };
   ASSERT_FALSE(taken.empty());
-  give_back_one();  // for the socket of the one that will find no place
+  give_back_one();  // for the socket of the client that is not accepted
   {
     RawClient turned_away(address, false);
     EXPECT_TRUE(serves(client));

@@ -1,4 +1,4 @@
-// A server among the things of its process.
+// A server and its process: writes to lost clients, several servers.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -19,7 +19,7 @@ class ServerProcess : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(ServerProcess);
 
-// The loop stands in a hook while both replies become ready and their receiver goes away.
+// A hook blocks the loop while both replies become ready and their receiver disconnects.
 TEST_P(ServerProcess, WriteToALostClientDoesNotEndTheProcess) {
   ServerPtr other = make_server();
   const Address elsewhere = fresh_address(GetParam());

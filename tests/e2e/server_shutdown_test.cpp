@@ -1,4 +1,4 @@
-// The four ways in which a server stops: what is printed, who is told, what happens to handlers.
+// The four ways to stop a server: what is printed, which hooks run, which handlers are deleted.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -86,7 +86,7 @@ TEST_P(ServerShutdown, CloseEndsEveryConnectionSilently) {
   EXPECT_EQ(greeted.socket.read_until_end(), "");
   EXPECT_TRUE(silent.socket.ended());
   EXPECT_EQ(capture.text(), kClosing + kClosed);
-  EXPECT_EQ(told.value(), 0) << "only connections that end by themselves are told of";
+  EXPECT_EQ(told.value(), 0) << "the hook runs only for connections that end by themselves";
   EXPECT_EQ(server->GetClientCount(), 1) << "the count keeps its last value";
 }
 
@@ -114,7 +114,7 @@ TEST_P(ServerShutdown, CloseasyncOfANeverStartedServerPrintsALine) {
   EXPECT_EQ(capture.text(), "server closeasync\n");
 }
 
-// Only a pipe server hears it; a TCP server goes on.
+// Only a pipe server obeys closeasync; a TCP server goes on.
 TEST_P(ServerShutdown, CloseasyncStopsAPipeServerAndKeepsHandlers) {
   start_with_handlers();
   Capture capture;
@@ -207,7 +207,7 @@ TEST_P(ServerShutdown, NothingAfterACloseRequestIsDispatched) {
   EXPECT_EQ(called.value(), 0);
 }
 
-// The answer waits behind a reply that the client has not read yet.
+// The answer is queued after a reply that the client has not read yet.
 TEST_P(ServerShutdown, AnswerToACloseRequestFollowsALargeReply) {
   register_echo();
   start();
@@ -226,7 +226,7 @@ TEST_P(ServerShutdown, AnswerToACloseRequestFollowsALargeReply) {
   EXPECT_EQ(*second->at(0), Scalar(true));
 }
 
-// A client that does not read its answer can't keep the server from closing.
+// A client that does not read its answer cannot keep the server from closing.
 TEST_P(ServerShutdown, CloseRequestOfAClientThatDoesNotReadIsObeyed) {
   register_echo();
   start();
@@ -318,7 +318,7 @@ TEST_P(ServerShutdown, CloseDropsQueuedCalls) {
   client.post("last");
   ASSERT_TRUE(RawClient(address, false).socket.is_quiet());
   server->close();
-  last.reset();  // the host's own: nothing may call it from now on
+  last.reset();  // the host deletes it: nothing may call it from now on
   gate.open();
   EXPECT_TRUE(eventually([] { return open_loops() == 0; }));
   EXPECT_EQ(called.value(), 0);

@@ -139,7 +139,7 @@ TEST_P(ServerStart, FromSeveralThreadsStartsOnce) {
   EXPECT_EQ(announced.value(), 1);
 }
 
-// A host with a loop thread of its own.
+// The host provides the loop thread.
 TEST_P(ServerStart, MayRunTheLoopOnAHostThread) {
   Counter listening;
   std::thread host([&] {
@@ -194,7 +194,7 @@ TEST_F(ServerStartTcp, OnANonNumericPortListensOnAnyPort) {
   EXPECT_EQ(server->GetPort(), 0);
 }
 
-// The directory that the test runs in, and back.
+// Changes the current directory and restores it at the end.
 class InDirectory {
  public:
   explicit InDirectory(const std::string& path) : before_(std::filesystem::current_path()) {
@@ -215,7 +215,7 @@ class ServerFiles : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(ServerFiles);
 
-// On purpose: a TCP server removes the file, a pipe server has no business with it.
+// On purpose: a TCP server removes the file; a pipe server leaves it.
 TEST_P(ServerFiles, TcpStartRemovesAFileNamedLikeThePort) {
   std::ofstream(directory / address.port) << "x";
   start();
@@ -236,7 +236,7 @@ class PipeServer : public testing::Test {
 TEST_F(PipeServer, NonNumericPortIsPipeZero) {
   Capture capture;
   if (!server->InitTolkServer("none")) {
-    // Another test process may have it just now.
+    // Another test process may hold the name at this moment.
     EXPECT_EQ(capture.lines().back(), "Bind error: EADDRINUSE");
   }
   EXPECT_EQ(capture.lines().front(), std::string("Pipe ") + kVersion + " port:0");

@@ -1,5 +1,5 @@
-// Operations that come together: calls beside a connect or a start, calls in hooks, a server on a
-// thread of the host's.
+// Concurrent operations: calls during a connect or a start, calls in hooks, a server whose loop
+// runs on a thread of the host.
 
 #include <gtest/gtest.h>
 #include <tolk/tolk.h>
@@ -20,7 +20,7 @@ using namespace tolk::test;
 class ConcurrentUse : public OverTransports {};
 TOLK_OVER_TRANSPORTS(ConcurrentUse);
 
-// Threads that do the same again and again until this ends.
+// Threads that repeat one action until the object is destroyed.
 class Busy {
  public:
   template <class Work>

@@ -1,4 +1,4 @@
-// Every kind of message, byte for byte as it travels, seen by a peer without the library.
+// Every kind of message, byte for byte, as a peer without the library sees it.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -22,7 +22,7 @@ std::string hex_of(const std::optional<std::string>& payload) {
   return payload ? to_hex(frame(*payload)) : "nothing came";
 }
 
-// A client of the library's, and the plain-socket server that it talks to.
+// A library client and the plain-socket server that it is connected to.
 class ClientWire : public OverTransports {
  protected:
   void SetUp() override { connect(); }
@@ -129,7 +129,7 @@ TEST_P(Handshake, RequestMatchesTheGoldenFile) {
   EXPECT_EQ(to_hex(with_token_masked(fixed_id)), to_hex(golden("handshake_request")));
 }
 
-// A server of the library's, and the plain-socket client that talks to it.
+// A library server and the plain-socket client that is connected to it.
 class ServerWire : public OverTransports {
  protected:
   void SetUp() override {
@@ -205,7 +205,7 @@ TEST_P(ServerWire, ReplyToAPieceMatchesTheGoldenFile) {
             to_hex(golden("server_piece_reply")));
 }
 
-// The last piece of a call: first the result comes in pieces of its own, then the answer.
+// The last piece of a call: first the pieces of the result come, then the answer.
 TEST_P(ServerWire, ResultAndReplyToTheLastPieceMatchTheGoldenFiles) {
   const std::string call = BlockWriter().keyed("s_c_sw_name", "sum").bytes();
   const std::string piece = BlockWriter()

@@ -1,4 +1,4 @@
-// Calls between two ends of the layer: what they say when they fail, and what they cost.
+// Calls between two ends of the layer: results, errors, limits, concurrency.
 #include <atomic>
 #include <future>
 #include <set>
@@ -123,7 +123,7 @@ TEST_F(LayerCalls, LimitOfZeroIsNotUnlimited) {
   EXPECT_EQ(client.call("slower", 0ms).error().code(), Errc::timed_out);
 }
 
-// The late answer of a call that gave up must not pass for that of a later one.
+// The late reply to a call that timed out must not be taken for the reply to a later one.
 TEST_F(LayerCalls, LateReplyReachesNoOtherCall) {
   Gate gate;
   std::atomic<int> answered{0};
@@ -156,7 +156,7 @@ TEST_F(LayerCalls, ConcurrentCallsGetTheirOwnResults) {
   EXPECT_EQ(wrong, 0);
 }
 
-// All of them are inside at once: none waits for another's turn.
+// All of them are in the handler at once: no call waits for another.
 TEST_F(LayerCalls, CallsRunConcurrently) {
   Gate gate;
   server.on("meet", [gate]() mutable { gate.pass(); });

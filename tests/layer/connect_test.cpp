@@ -1,4 +1,4 @@
-// Connecting and listening, and what is said when they fail.
+// Connecting and listening, and the errors when they fail.
 #include <atomic>
 #include <iostream>
 #include <thread>
@@ -76,7 +76,7 @@ TEST(LayerListen, TakenAddressIsReported) {
 
 TEST(LayerListen, AddressOfAnotherMachineIsReported) {
   Server server;
-  // For documentation: no machine has it.
+  // Reserved for documentation: no machine has this address.
   const Error error = error_of([&] { server.listen("tcp4:192.0.2.1:5000"); });
   EXPECT_EQ(error.code(), Errc::cannot_listen);
   EXPECT_STREQ(error.hint(), "use an address that this machine has");
@@ -168,7 +168,7 @@ TEST(LayerListen, HooksReportClients) {
     Client client = connect(where);
     EXPECT_TRUE(came.wait_for(1));
     EXPECT_THAT(server.clients(), testing::ElementsAre(id.load()));
-    // A peer may call a hook's name like a method: then it is none.
+    // A peer may call the name of a hook like a method: the hook does not run then.
     EXPECT_TRUE(client.call("s_c_closed"));
     EXPECT_EQ(went.value(), 0);
   }

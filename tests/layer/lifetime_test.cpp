@@ -1,4 +1,4 @@
-// When things end: handlers, connections, results.
+// Lifetimes: of handlers, connections, results.
 #include <atomic>
 #include <future>
 #include <memory>
@@ -117,7 +117,7 @@ TEST(LayerLifetime, HandlerMayCloseItsServer) {
   EXPECT_FALSE(server.listening());
 }
 
-// The destructor comes second, and waits for the handler that is still closing.
+// The destructor runs while the handler is still in close, and waits for it.
 TEST(LayerLifetime, ClientOutlivesTheHandlerThatClosesIt) {
   const auto where = fresh();
   Server server;
@@ -303,7 +303,7 @@ TEST(LayerLifetime, AsyncCallsBeyondTheThreadsAreQueued) {
   std::future<void> late = client.async("pass", 1ms);
   ASSERT_TRUE(gate.wait_entered());
   EXPECT_EQ(gate.entered(), 1);
-  std::this_thread::sleep_for(2ms);  // the limit of `late` has passed then, in line
+  std::this_thread::sleep_for(2ms);  // the limit of `late` passes while it is queued
   gate.open();
   first.get();
   second.get();
@@ -311,7 +311,7 @@ TEST(LayerLifetime, AsyncCallsBeyondTheThreadsAreQueued) {
   EXPECT_EQ(gate.entered(), 2);
 }
 
-// What calls leave in the library's table does not add up, whether they are answered or not.
+// Results in the library's table do not accumulate, whether calls are answered or not.
 TEST(LayerCallIds, AreUsedByOneCallAtATime) {
   detail::CallIds ids;
   int cleared = 0;

@@ -223,12 +223,13 @@ TEST_F(LayerAndRaw, RepliesToPostedCallsReachNoOtherCall) {
   EXPECT_EQ(result.get(), 2);
 }
 
-// A call that gave up keeps its id for ever: a late answer to it can't pass for that of a new call.
+// The id of a call that timed out is never reused: its late reply cannot be taken for that of a new
+// call.
 TEST_F(LayerAndRaw, UnansweredCallIdIsNotReused) {
   RawServer server(address);
   Client client = connect(layered(address));
   RawSocket socket = server.take();
-  // Not Client::async: such a call may be too late in line, and is not made then.
+  // Not Client::async: such a call may time out in the queue, and is not sent then.
   const auto call = [&](std::chrono::milliseconds limit) {
     return std::async(std::launch::async,
                       [&client, limit] { return client.call<int>("add", limit).error().code(); });

@@ -1,4 +1,4 @@
-// A client that connects again when its server has gone.
+// A client that connects again when it has lost its server.
 #include <atomic>
 #include <future>
 #include <optional>
@@ -37,7 +37,7 @@ TEST_F(LayerReconnect, CallsSucceedWithANewServer) {
     ASSERT_TRUE(back.wait_for(round));
     EXPECT_TRUE(client.connected());
     EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
-    // Its methods are registered again, and time-outs work as before.
+    // Its methods are registered again, and timeouts work as before.
     const int id = server->clients().at(0);
     EXPECT_EQ(server->call<int>(id, "double", 4).value(), 8);
   }
@@ -57,7 +57,7 @@ TEST_F(LayerReconnect, TimeoutsWorkOnTheNewConnection) {
   EXPECT_EQ(client.call("m", 50ms).error().code(), Errc::timed_out);
 }
 
-// A server that was there once, and then refuses whoever comes.
+// A server that accepts one client and refuses every later one.
 class Refusals {
  public:
   using Clock = std::chrono::steady_clock;
@@ -71,7 +71,7 @@ class Refusals {
           }
           refusing()(socket);
         }) {}
-  // Sends the first client away.
+  // Disconnects the first client.
   void begin() { raw_.take().close(); }
   std::vector<Clock::time_point> times() {
     const std::lock_guard<std::mutex> lock(mutex_);

@@ -85,7 +85,7 @@ TEST_F(LayerSend, FailuresAreReportedAsOfACall) {
   const auto absent = client.send("absent", data, [&](Progress) { ++reports; });
   EXPECT_EQ(absent.error().code(), Errc::no_such_method);
   EXPECT_EQ(absent.error().method(), "absent");
-  EXPECT_EQ(reports, 0);  // told before anything was sent
+  EXPECT_EQ(reports, 0);  // the error came before anything was sent
 }
 
 TEST(LayerReceive, ReceiverSeesProgressAndMayCancel) {

@@ -61,7 +61,7 @@ TEST_F(LayerServerCalls, UnknownMethodIsReported) {
   EXPECT_EQ(server.call<int>(id(), "absent").value(), 1);
 }
 
-// On a server a call without an answer would find what an earlier one with its id left.
+// On a server an unanswered call would return the result of an earlier call with its id.
 TEST_F(LayerServerCalls, EarlierReplyIsNotReturnedAfterATimeout) {
   Gate gate;
   const OpenAtEnd open(gate);
@@ -123,7 +123,7 @@ TEST(LayerServerAlone, CloseWaitsForItsOwnCalls) {
   caller.join();
 }
 
-// Nothing looks after the limit of the call any more, until another server does.
+// The sweep that would end the call has stopped, until another server sweeps.
 TEST(LayerServerAlone, CloseDoesNotWaitForCallsOfAServerThatAClientStopped) {
   const auto address = fresh_address(Transport::pipe);
   Server server;

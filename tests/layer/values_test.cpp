@@ -1,5 +1,4 @@
-// What goes through a call comes out as it went in, and has the shape on the wire that hosts
-// without the layer can read.
+// Values arrive as they were sent, in a form on the wire that hosts without the layer can read.
 #include <climits>
 #include <cmath>
 #include <tuple>
@@ -143,7 +142,7 @@ TEST_F(LayerValues, AllValuesOfACallCanBePassedAndReturned) {
   EXPECT_EQ(back.at("size"), Value(3));
   EXPECT_TRUE(back.at("none").is_none());
   EXPECT_TRUE(back.at(9).is_none());
-  EXPECT_EQ(back.keyed().size(), 3U);  // the envelope is none of ours
+  EXPECT_EQ(back.keyed().size(), 3U);  // without the keys of the envelope
 }
 
 TEST_F(LayerValues, TextsOfEveryTypeArrive) {

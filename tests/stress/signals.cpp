@@ -31,7 +31,7 @@ std::atomic<long> signals_taken{0};
 
 void take_signal(int) { ++signals_taken; }
 
-// SIGALRM goes to any thread that does not keep it away: while this lives, it does not go here.
+// SIGALRM goes to any thread that does not block it: this object blocks it on its thread.
 class NoAlarms {
  public:
   NoAlarms() { change(SIG_BLOCK); }
@@ -67,7 +67,7 @@ class Alarms {
   }
 };
 
-// Descriptors that a program run from here gets, beyond the standard ones.
+// The number of descriptors that a program started here inherits, beyond the standard ones.
 int inherited_descriptors() {
   int count = 0;
   for (int i = kFirstNotStandard; i < kDescriptorsLooked; ++i) {
@@ -77,12 +77,12 @@ int inherited_descriptors() {
   return count;
 }
 
-// How many it really got; negative when it died.
+// How many descriptors it really got; negative when it died.
 int run_a_program() {
   return test::ChildProcess({test::kThisProgram, "--role", "list-descriptors"}).wait();
 }
 
-// Clients of a server of the host's own that go away while it writes to them.
+// Clients that disconnect while a server of the host writes to them.
 class DyingPeers {
  public:
   explicit DyingPeers(Run& run, test::Transport transport)

@@ -1,4 +1,4 @@
-// The pipes to and from it are named ones, since only those can be read with a limit.
+// Uses named pipes, since only those can be read with a limit.
 #include <windows.h>
 
 #include <array>
@@ -72,7 +72,7 @@ bool ChildProgram::write(const std::string& bytes) {
   return system_->to->write_some(bytes, kLimit) == bytes.size();
 }
 
-// Without the carriage returns that text output has there.
+// Removes the carriage returns of text output.
 std::optional<std::string> ChildProgram::read_some(Milliseconds limit) {
   std::array<char, 4096> some{};
   const auto count = system_->from->read_some(some.data(), some.size(), limit);

@@ -191,7 +191,7 @@ std::unique_ptr<RawChannel> open_pipe_channel(const std::string& name) {
     const HANDLE pipe = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                     OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
     if (pipe != INVALID_HANDLE_VALUE) return std::make_unique<PipeChannel>(pipe);
-    // Busy: there is such a server, and it will be back at its door at once.
+    // Busy: there is such a server, and it will listen again at once.
     if (GetLastError() != ERROR_PIPE_BUSY) return nullptr;
     WaitNamedPipeA(path.c_str(), 100);
   } while (std::chrono::steady_clock::now() < end);

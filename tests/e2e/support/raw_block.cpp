@@ -5,7 +5,7 @@
 namespace tolk::test {
 namespace {
 
-// Reads records from the front; `failed` once anything was not as it should be.
+// Reads records from the front; failed() after the first malformed one.
 class Reader {
  public:
   explicit Reader(std::string_view bytes) : bytes_(bytes) {}

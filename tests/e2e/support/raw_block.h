@@ -1,7 +1,7 @@
-// Blocks and messages as bytes, written and read without the library: its independent witness.
+// Blocks and messages as bytes, written and read without the library, to test it independently.
 //
-// A block is a row of records; a scalar record ends with a check word, the offset at which the
-// check word itself stands.
+// A block is a sequence of records; a scalar record ends with a check word, which is its own
+// offset.
 #pragma once
 
 #include <cstdint>
@@ -47,7 +47,7 @@ class BlockWriter {
   BlockWriter& list(const List& elements);
   BlockWriter& map(const std::vector<std::pair<std::string, Scalar>>& entries);
   BlockWriter& keyed(std::string_view key, const Scalar& value);
-  // A key without a value; what is added next stands where the value should.
+  // A key without a value; what is added next takes the place of the value.
   BlockWriter& lone_key(std::string_view key);
 
   const std::string& bytes() const { return bytes_; }

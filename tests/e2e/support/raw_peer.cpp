@@ -22,7 +22,7 @@ class Deadline {
   const Clock::time_point end_;
 };
 
-// Answers the version question of whoever has just connected.
+// Answers the version request of a new connection.
 Greeting answering_version(BlockWriter values) {
   return [values = std::move(values)](RawSocket& client) {
     const auto question = client.read_message();

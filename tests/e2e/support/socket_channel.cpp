@@ -16,7 +16,7 @@ constexpr int kNoMoreSending = 1;
 
 class SocketChannel final : public RawChannel {
  public:
-  // A small frame behind another one is sent at once. On a pipe that has no effect.
+  // A small frame after another one is sent at once. On a pipe this has no effect.
   explicit SocketChannel(Socket socket) : socket_(socket) {
     set_socket_option(socket_, IPPROTO_TCP, TCP_NODELAY, 1);
     make_impatient(socket_);

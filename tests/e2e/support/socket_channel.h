@@ -1,4 +1,4 @@
-// Channels and doors on sockets: those of TCP, and those of local pipes where a pipe is a socket.
+// Channels and listeners on sockets: TCP, and local pipes where a pipe is a socket.
 #pragma once
 
 #include <memory>

@@ -1,9 +1,9 @@
-// A second process of a row: this program again, in a role. It and the row speak in lines, over the
+// Another process of a row: this program again, in a role. It and the row exchange lines over the
 // role's standard input.
 //
 // Thread: one at a time. Owner: the object: the process ends with it, and by itself when this
-// process is gone. Failure: what does not come is nothing; figures of a dead process are 0. A
-// process that ended otherwise than it should, a sanitizer's verdict included, is printed and
+// process has ended. Failure: a line that does not come in time is std::nullopt; figures of a dead
+// process are 0. A process that ends abnormally, a sanitizer's report included, is printed and
 // counted.
 #pragma once
 
@@ -19,7 +19,7 @@
 
 namespace tolk::stress {
 
-// Both ends of the line that a row and a role speak over.
+// One end of the channel between a row and a role.
 class LineChannel {
  public:
   explicit LineChannel(int descriptor) : descriptor_(descriptor) {}
@@ -66,13 +66,13 @@ class Process {
   test::ChildProcess process_;
 };
 
-// What a process of any id holds; "self" too.
+// What any process holds, given its id or "self".
 long resident_kib_of(const std::string& process);
 int descriptors_of(const std::string& process);
 
 // In a role: the row at the other end.
 LineChannel& the_row();
-// No library line gets among the rows' own.
+// Drops the lines of the library, so that only those of the rows are printed.
 void drop_library_lines();
 
 std::string text_of(const test::Address& address);

@@ -1,4 +1,4 @@
-// A row runs in a process of its own, so that whatever it does to itself, the run ends and says
+// Each row runs in a separate process, so that even if it hangs or dies, the run ends and prints
 // where it was.
 #include <signal.h>
 #include <sys/mman.h>
@@ -25,7 +25,7 @@ namespace {
 
 constexpr int kShortLimitS = 55;
 
-// The row's process does not run to its usual end, where leaks would be looked for.
+// The row's process leaves by _exit, without the usual check for leaks at its end.
 bool leaks() {
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -39,7 +39,7 @@ bool leaks() {
 }
 
 int run_row(const Row& row, const Options& options, Progress& progress) {
-  setpgid(0, 0);                     // so that its processes end with it
+  setpgid(0, 0);                     // so that the processes of the row end with it
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // and it with the parent
   drop_library_lines();
   Run run(options, row.number, progress);
