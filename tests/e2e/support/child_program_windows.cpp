@@ -13,11 +13,11 @@ namespace {
 // One pipe: the end that the test has, and the one that its child inherits.
 struct Pipe {
   explicit Pipe(const std::string& name) {
-    const auto door = open_pipe_door(name);
+    const auto acceptor = open_pipe_acceptor(name);
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     child_end = CreateFileA(pipe_path(name).c_str(), GENERIC_READ | GENERIC_WRITE, 0, &inherited,
                             OPEN_EXISTING, 0, nullptr);
-    own_end = door->accept(kLimit);
+    own_end = acceptor->accept(kLimit);
   }
   ~Pipe() { CloseHandle(child_end); }
   Pipe(const Pipe&) = delete;

@@ -149,9 +149,9 @@ class PlaceForOne {
 };
 
 // Several may come before one is let in.
-class PipeDoor final : public RawDoor {
+class PipeAcceptor final : public RawAcceptor {
  public:
-  explicit PipeDoor(std::string path) : path_(std::move(path)) {
+  explicit PipeAcceptor(std::string path) : path_(std::move(path)) {
     for (int i = 0; i < kPlaces; ++i) add_place();
   }
 
@@ -198,8 +198,8 @@ std::unique_ptr<RawChannel> open_pipe_channel(const std::string& name) {
   return nullptr;
 }
 
-std::unique_ptr<RawDoor> open_pipe_door(const std::string& name) {
-  return std::make_unique<PipeDoor>(pipe_path(name));
+std::unique_ptr<RawAcceptor> open_pipe_acceptor(const std::string& name) {
+  return std::make_unique<PipeAcceptor>(pipe_path(name));
 }
 
 }  // namespace tolk::test

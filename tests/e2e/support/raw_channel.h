@@ -37,18 +37,18 @@ class RawChannel {
 };
 
 // A listener; its address is free again when it is destroyed.
-class RawDoor {
+class RawAcceptor {
  public:
-  virtual ~RawDoor() = default;
+  virtual ~RawAcceptor() = default;
   virtual std::unique_ptr<RawChannel> accept(Milliseconds limit) = 0;
 };
 
 std::unique_ptr<RawChannel> open_channel(const Address& address);
-std::unique_ptr<RawDoor> open_door(const Address& address);
+std::unique_ptr<RawAcceptor> open_acceptor(const Address& address);
 
 // The same for a local pipe: a file of pipe_channel_posix.cpp or pipe_channel_windows.cpp.
 std::unique_ptr<RawChannel> open_pipe_channel(const std::string& name);
-std::unique_ptr<RawDoor> open_pipe_door(const std::string& name);
+std::unique_ptr<RawAcceptor> open_pipe_acceptor(const std::string& name);
 // The path of a pipe of that name, computed without the library.
 std::string pipe_path(const std::string& name);
 

@@ -92,9 +92,9 @@ void RawSocket::reset() {
 
 // RawListener
 
-RawListener::RawListener(const Address& address) : door_(open_door(address)) {}
+RawListener::RawListener(const Address& address) : acceptor_(open_acceptor(address)) {}
 
-RawSocket RawListener::accept(Milliseconds limit) { return RawSocket(door_->accept(limit)); }
+RawSocket RawListener::accept(Milliseconds limit) { return RawSocket(acceptor_->accept(limit)); }
 
 // RawClient
 

@@ -65,10 +65,10 @@ class RawListener {
 
   // Closed if no connection came.
   RawSocket accept(Milliseconds limit = kLimit);
-  void stop() { door_.reset(); }
+  void stop() { acceptor_.reset(); }
 
  private:
-  std::unique_ptr<RawDoor> door_;
+  std::unique_ptr<RawAcceptor> acceptor_;
 };
 
 // A client that has shaken hands.
