@@ -1,24 +1,18 @@
 #include "bench/calls/peer_process.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
-#include <system_error>
 
 namespace bench {
 namespace {
 
-// The channel is the peer's standard input, in both directions.
-constexpr int kChannel = 0;
 constexpr char kAskUsage = 'u';
 
 const char* text_of(Kind kind) {
@@ -43,19 +37,10 @@ double microseconds(const timeval& time) {
   return 1e6 * static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec);
 }
 
-pid_t start_this_program(int channel, const char* kind, const char* transport) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, channel, kChannel);
-  // The library's own lines don't belong between the tables.
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  std::string words[] = {"tolk_bench_calls", kServeCommand, kind, transport};
-  char* arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(), nullptr};
-  pid_t process = -1;
-  const int status = posix_spawn(&process, "/proc/self/exe", &actions, nullptr, arguments, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (status != 0) throw std::system_error(status, std::generic_category(), "posix_spawn");
-  return process;
+// For the library's own lines, which don't belong between the tables.
+int nowhere() {
+  static const int descriptor = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  return descriptor;
 }
 
 }  // namespace
@@ -67,16 +52,10 @@ Usage usage_of_this_process() {
           static_cast<double>(used.ru_nvcsw) + static_cast<double>(used.ru_nivcsw)};
 }
 
-PeerProcess::PeerProcess(Kind kind, Transport transport) {
-  int ends[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    throw std::system_error(errno, std::generic_category(), "socketpair");
-  }
-  channel_ = Socket(ends[0]);
-  {
-    const Socket theirs(ends[1]);  // ours to close, so that the peer's end is an end
-    process_ = start_this_program(theirs.get(), text_of(kind), name_of(transport));
-  }
+PeerProcess::PeerProcess(Kind kind, Transport transport)
+    : process_({tolk::test::kThisProgram, kServeCommand, text_of(kind), name_of(transport)},
+               {ends_.theirs(), nowhere()}) {
+  ends_.close_theirs();
   // Its first words are its server's name; they come in one piece.
   std::array<char, 64> name;
   const ssize_t count = recv(channel_.get(), name.data(), name.size(), 0);
@@ -86,7 +65,7 @@ PeerProcess::PeerProcess(Kind kind, Transport transport) {
 
 PeerProcess::~PeerProcess() {
   channel_.end();
-  waitpid(process_, nullptr, 0);
+  process_.wait();
 }
 
 Usage PeerProcess::usage() const {
@@ -99,7 +78,7 @@ Usage PeerProcess::usage() const {
 }
 
 int serve(const std::string& kind, const std::string& transport) {
-  const Socket channel(kChannel);
+  const Socket channel(STDIN_FILENO);  // in both directions
   try {
     // A server on TCP removes a file of the current folder that is named like its port.
     if (chdir("/") != 0) return 1;

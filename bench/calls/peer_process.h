@@ -4,11 +4,10 @@
 // dies. Failure: std::runtime_error or std::system_error.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 
 #include "bench/calls/contestant.h"
+#include "tests/child_process.h"
 
 namespace bench {
 
@@ -31,8 +30,9 @@ class PeerProcess {
   Usage usage() const;
 
  private:
-  Socket channel_;
-  pid_t process_ = -1;
+  tolk::test::SocketPair ends_;
+  const Socket channel_{ends_.take_ours()};
+  tolk::test::ChildProcess process_;
   std::string name_;
 };
 

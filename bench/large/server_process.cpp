@@ -1,7 +1,5 @@
 #include "bench/large/server_process.h"
 
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <tolk/tolk.h>
 #include <unistd.h>
 
@@ -56,15 +54,6 @@ bool start(IServer& server, const std::string& transport, const std::string& por
 // A number that is most likely nobody else's.
 std::string some_port() { return std::to_string(20000 + getpid() % 10000); }
 
-[[noreturn]] void become_server(int channel, const std::string& transport,
-                                const std::string& port) {
-  dup2(channel, STDIN_FILENO);
-  std::string words[] = {"tolk_bench_large", kServeCommand, transport, port};
-  char* arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(), nullptr};
-  execv("/proc/self/exe", arguments);
-  _exit(127);
-}
-
 }  // namespace
 
 std::string sample(std::size_t bytes) {
@@ -77,24 +66,20 @@ std::string sample(std::size_t bytes) {
   return made;
 }
 
-ServerProcess::ServerProcess(const std::string& transport) : port_(some_port()) {
-  int ends[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    throw std::runtime_error("no channel to the server process");
-  }
-  channel_ = ends[0];
-  id_ = fork();
-  if (id_ == 0) become_server(ends[1], transport, port_);
-  close(ends[1]);
+ServerProcess::ServerProcess(const std::string& transport)
+    : port_(some_port()),
+      process_({tolk::test::kThisProgram, kServeCommand, transport, port_},
+               {.input = ends_.theirs()}) {
+  ends_.close_theirs();
   char ready = 0;
-  if (id_ < 0 || read(channel_, &ready, 1) != 1) {
+  if (read(ends_.ours(), &ready, 1) != 1) {
     throw std::runtime_error("the server process did not start on " + port_);
   }
 }
 
 ServerProcess::~ServerProcess() {
-  close(channel_);
-  waitpid(id_, nullptr, 0);
+  ends_.close_ours();
+  process_.wait();
 }
 
 int serve(const std::string& transport, const std::string& port) {

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <string>
 
+#include "tests/child_process.h"
+
 namespace bench {
 
 class ServerProcess {
@@ -18,13 +20,13 @@ class ServerProcess {
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
 
-  pid_t id() const { return id_; }
+  pid_t id() const { return process_.id(); }
   const std::string& port() const { return port_; }
 
  private:
-  std::string port_;
-  int channel_ = -1;  // its closing ends the process
-  pid_t id_ = -1;
+  const std::string port_;
+  tolk::test::SocketPair ends_;  // the end of the channel ends the process
+  tolk::test::ChildProcess process_;
 };
 
 // In that process: serves until its standard input ends. The exit code.

@@ -46,7 +46,7 @@ std::string describe(const fs::path& path) {
   return text.str();
 }
 
-// A log sink that closes the server while a stranger is turned away.
+// A log sink that closes the server while another user is refused.
 IServerMethod* closing_when_one_is_refused(IServer* server) {
   return on_call([server](int, TolkParams* in, TolkParams*) {
     if (string_at(in, 0).starts_with("Client refused")) server->close();

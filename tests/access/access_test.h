@@ -1,5 +1,5 @@
-// What the tests of access start from: two users, of whom one has pipes, and the parts that they
-// play. Nothing of theirs is left when a test ends.
+// The fixture of the access tests: two users, one of whom has pipes, and the parts that they play.
+// All their files are removed when a test ends.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,20 +12,20 @@
 
 namespace tolk::test {
 
-// The parts. Each tells how it went, and then waits for words until the test is over.
+// The parts. Each reports its result, and then takes commands until the test ends.
 
-// A server of the library's: tells "listens" or "failed"; "count" has it tell its descriptors. Its
+// A library server: reports "listens" or "failed"; on "count" it reports its descriptors. Its
 // hooks print "hook connect" and "hook closed".
 void be_server(Talk& talk, const std::string& name);
-// A client of the library's: tells "connected" or "failed"; "call" has it tell "answered" or
+// A library client: reports "connected" or "failed"; on "call" it reports "answered" or
 // "null".
 void be_client(Talk& talk, const std::string& name);
-// A plain socket that listens at `path`, open to all: tells "listens", then for its first
+// A plain socket that listens at `path`, open to all: reports "listens", then for its first
 // connection the number of bytes that came before it was closed.
 void be_raw_server(Talk& talk, const std::string& path);
 // A plain socket that sends an empty message, which a server has a line for, and a call of "echo":
-// tells "refused" when the connection ends without a byte, "served" when the answer comes, or
-// "no way" when nothing can be reached there.
+// reports "refused" when the connection ends without a byte, "served" when the answer comes, or
+// "no way" when the connect fails.
 void be_raw_client(Talk& talk, const std::string& path);
 
 class AccessTest : public testing::Test {
@@ -33,7 +33,7 @@ class AccessTest : public testing::Test {
   void SetUp() override { ASSERT_EQ(geteuid_of_test(), 0U) << "needs root"; }
 
   static unsigned geteuid_of_test();
-  // A directory of `owner`'s.
+  // A directory that `owner` owns.
   static void make_directory(const std::string& path, uid_t owner, unsigned mode);
   static void make_file(const std::string& path, uid_t owner, unsigned mode = 0600);
   static void make_link(const std::string& target, const std::string& path, uid_t owner);

@@ -1,5 +1,5 @@
-// The directory of a user's pipes in the wrong hands: neither server nor client uses it, and
-// nothing in it changes.
+// An unsafe directory of a user's pipes: neither server nor client uses it, and nothing in it
+// changes.
 #include <filesystem>
 
 #include "tests/access/access_test.h"
@@ -18,14 +18,14 @@ struct Case {
   friend void PrintTo(const Case& one, std::ostream* out) { *out << one.name; }
 };
 
-class DirectoryInTheWrongHands : public AccessTest, public testing::WithParamInterface<Case> {
+class UnsafeDirectory : public AccessTest, public testing::WithParamInterface<Case> {
  public:
   using AccessTest::make_directory;
   using AccessTest::make_file;
   using AccessTest::make_link;
 
  protected:
-  // A directory of the other user's whose live server has the name and is open to all.
+  // A directory of the other user, with a live server of the same name that accepts everybody.
   void SetUp() override {
     AccessTest::SetUp();
     make_directory(elsewhere, other.id(), 0755);
@@ -47,7 +47,7 @@ class DirectoryInTheWrongHands : public AccessTest, public testing::WithParamInt
   std::vector<std::string> before_elsewhere;
 };
 
-using Hands = DirectoryInTheWrongHands;
+using Hands = UnsafeDirectory;
 constexpr Case kCases[] = {
     {"AnothersAndClosed", "EACCES",
      [](const std::string& directory, uid_t, uid_t other, const std::string&) {
@@ -97,23 +97,23 @@ constexpr Case kCases[] = {
      }},
 };
 
-TEST_P(DirectoryInTheWrongHands, ServerIsRefused) {
+TEST_P(UnsafeDirectory, ServerIsRefused) {
   const auto server = server_of(user.id());
   EXPECT_EQ(server->hear(), "failed");
   EXPECT_TRUE(server->prints(std::string("Bind error: ") + GetParam().error + "\n"))
       << server->printed();
 }
 
-TEST_P(DirectoryInTheWrongHands, ClientIsRefused) {
+TEST_P(UnsafeDirectory, ClientIsRefused) {
   const auto client = client_of(user.id());
   EXPECT_EQ(client->hear(), "failed");
   EXPECT_TRUE(client->prints("cant connect: " + name + " \n")) << client->printed();
 }
 
-INSTANTIATE_TEST_SUITE_P(, DirectoryInTheWrongHands, testing::ValuesIn(kCases),
+INSTANTIATE_TEST_SUITE_P(, UnsafeDirectory, testing::ValuesIn(kCases),
                          [](const auto& one) { return one.param.name; });
 
-// The system's directory for a user's run-time files is passed over when anything is wrong with it.
+// The system's directory for a user's run-time files is skipped when anything is wrong with it.
 class RuntimeDirectory : public AccessTest {
  protected:
   void expect_passed_over() const {
@@ -123,30 +123,30 @@ class RuntimeDirectory : public AccessTest {
   }
 };
 
-TEST_F(RuntimeDirectory, OfTheUserIsTaken) {
+TEST_F(RuntimeDirectory, OfTheUserIsUsed) {
   make_directory(user.runtime(), user.id(), 0700);
   expect_recovered();
   EXPECT_FALSE(fs::exists(directory));
 }
 
-TEST_F(RuntimeDirectory, OfAnotherIsPassedOver) {
+TEST_F(RuntimeDirectory, OfAnotherUserIsSkipped) {
   make_directory(user.runtime(), other.id(), 0700);
   expect_passed_over();
 }
 
-TEST_F(RuntimeDirectory, OpenToAllIsPassedOver) {
+TEST_F(RuntimeDirectory, AccessibleToAllIsSkipped) {
   make_directory(user.runtime(), user.id(), 0777);
   expect_passed_over();
 }
 
-TEST_F(RuntimeDirectory, LinkIsPassedOver) {
+TEST_F(RuntimeDirectory, LinkIsSkipped) {
   make_directory(user.runtime() + "-elsewhere", user.id(), 0700);
   make_link(user.runtime() + "-elsewhere", user.runtime(), other.id());
   expect_passed_over();
   fs::remove_all(user.runtime() + "-elsewhere");
 }
 
-TEST_F(RuntimeDirectory, PlainFileIsPassedOver) {
+TEST_F(RuntimeDirectory, PlainFileIsSkipped) {
   fs::create_directories("/run/user");
   make_file(user.runtime(), other.id());
   expect_passed_over();

@@ -1,5 +1,5 @@
-// Two users need a test that starts as root: it gives each part to a process that is one of them
-// for good. Elsewhere there is nothing to run; scripts/test says so.
+// Tests with two users start as root: each part runs in a process that permanently becomes one of
+// the users. Without root there is nothing to run; scripts/test says so.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

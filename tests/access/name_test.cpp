@@ -1,5 +1,5 @@
-// Files of a pipe's name inside a directory that is as it should be. What the user's own servers
-// left is put right; what another user put there stays, and nobody talks to it.
+// Files at a pipe's name inside a directory with correct permissions. A server replaces what the
+// user's own servers left; what another user put there is kept and not used.
 #include <filesystem>
 
 #include "tests/access/access_test.h"
@@ -31,7 +31,7 @@ class NameOfAPipe : public AccessTest {
   }
   // A plain server of `who` that others can connect to, at the name.
   std::unique_ptr<Actor> squatter_of(uid_t who) const {
-    fs::permissions(directory, fs::perms::all);  // nobody else could put it there
+    fs::permissions(directory, fs::perms::all);  // or no other user could create it
     auto squatter = std::make_unique<Actor>(who, [&](Talk& talk) { be_raw_server(talk, socket); });
     EXPECT_EQ(squatter->hear(), "listens");
     fs::permissions(directory, fs::perms::owner_all);
@@ -45,7 +45,7 @@ TEST_F(NameOfAPipe, StaleSocketIsReplacedByAServer) {
   expect_recovered();
 }
 
-TEST_F(NameOfAPipe, StaleSocketIsLeftAloneByAClient) {
+TEST_F(NameOfAPipe, StaleSocketIsNotChangedByAClient) {
   server_of(user.id())->hear();
   ASSERT_TRUE(fs::is_socket(socket));
   expect_client_refused();
@@ -56,17 +56,17 @@ TEST_F(NameOfAPipe, OwnPlainFileIsReplacedByAServer) {
   expect_recovered();
 }
 
-TEST_F(NameOfAPipe, OwnPlainFileIsLeftAloneByAClient) {
+TEST_F(NameOfAPipe, OwnPlainFileIsNotChangedByAClient) {
   make_file(socket, user.id());
   expect_client_refused();
 }
 
-TEST_F(NameOfAPipe, OwnLockFileThatNobodyHoldsIsNoClaim) {
+TEST_F(NameOfAPipe, OwnLockFileWithoutALockIsIgnored) {
   make_file(lock, user.id());
   expect_recovered();
 }
 
-TEST_F(NameOfAPipe, LinkIsReplacedAndWhatItPointsToStays) {
+TEST_F(NameOfAPipe, LinkIsReplacedAndItsTargetIsKept) {
   make_file(directory + "/precious", user.id());
   make_link(directory + "/precious", socket, user.id());
   expect_recovered();
@@ -97,40 +97,40 @@ TEST_F(NameOfAPipe, LockAloneKeepsTheNameOfALiveServer) {
   expect_server_refused("EADDRINUSE");
 }
 
-TEST_F(NameOfAPipe, AnothersPlainFileIsNotRemoved) {
+TEST_F(NameOfAPipe, OtherUsersPlainFileIsNotRemoved) {
   make_file(socket, other.id(), 0666);
   expect_server_refused("EACCES");
   expect_client_refused();
 }
 
-TEST_F(NameOfAPipe, AnothersLinkIsNotRemoved) {
+TEST_F(NameOfAPipe, OtherUsersLinkIsNotRemoved) {
   make_link(directory, socket, other.id());
   expect_server_refused("EACCES");
   expect_client_refused();
 }
 
-TEST_F(NameOfAPipe, AnothersDirectoryIsNotRemoved) {
+TEST_F(NameOfAPipe, OtherUsersDirectoryIsNotRemoved) {
   make_directory(socket, other.id(), 0777);
   expect_server_refused("EACCES");
   expect_client_refused();
 }
 
-TEST_F(NameOfAPipe, AnothersOpenLockFileIsNeitherTakenNorRemoved) {
+TEST_F(NameOfAPipe, OtherUsersWritableLockFileIsNeitherUsedNorRemoved) {
   make_file(lock, other.id(), 0666);
   expect_server_refused("EACCES");
 }
 
-TEST_F(NameOfAPipe, AnothersClosedLockFileIsNotRemoved) {
+TEST_F(NameOfAPipe, OtherUsersPrivateLockFileIsNotRemoved) {
   make_file(lock, other.id());
   expect_server_refused("EACCES");
 }
 
-TEST_F(NameOfAPipe, AnothersLiveServerKeepsItsSocket) {
+TEST_F(NameOfAPipe, OtherUsersLiveServerKeepsItsSocket) {
   const auto squatter = squatter_of(other.id());
   expect_server_refused("EACCES");
 }
 
-TEST_F(NameOfAPipe, AnothersLiveServerGetsNotAByteFromAClient) {
+TEST_F(NameOfAPipe, OtherUsersLiveServerGetsNoByteFromAClient) {
   const auto squatter = squatter_of(other.id());
   const auto client = client_of(user.id());
   EXPECT_EQ(client->hear(), "failed");
@@ -139,7 +139,7 @@ TEST_F(NameOfAPipe, AnothersLiveServerGetsNotAByteFromAClient) {
                                    std::to_string(other.id()) + "\ncant connect: " + name + " \n");
 }
 
-TEST_F(NameOfAPipe, RootsServerIsAccepted) {
+TEST_F(NameOfAPipe, ServerOfRootIsAccepted) {
   const auto squatter = squatter_of(0);
   const auto client = client_of(user.id());
   // Its first bytes are the version check, which this one never answers.

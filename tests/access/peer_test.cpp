@@ -1,5 +1,5 @@
-// Connections that reach a pipe although its directory should have kept them away: somebody has
-// opened it after the server's start.
+// Connections of other users that reach a pipe because its directory was made accessible after the
+// server's start.
 #include <filesystem>
 
 #include "tests/access/access_test.h"
@@ -35,8 +35,8 @@ class OpenedDirectory : public AccessTest {
   std::unique_ptr<Actor> server;
 };
 
-// No hook runs, no message is read: not even the empty one, which has a line of its own.
-TEST_F(OpenedDirectory, AnotherUserIsRefusedUnread) {
+// No hook runs and no message is read, not even the empty one, which would print a line.
+TEST_F(OpenedDirectory, OtherUserIsRefusedBeforeAnyRead) {
   EXPECT_EQ(connection_of(other.id()), "refused");
   EXPECT_EQ(server->printed(), start_line() + refusal());
 }
@@ -48,7 +48,7 @@ TEST_F(OpenedDirectory, TheUserIsServed) {
 
 TEST_F(OpenedDirectory, RootIsServed) { EXPECT_EQ(connection_of(0), "served"); }
 
-TEST_F(OpenedDirectory, RefusalsDisturbNobodyAndLeaveNothing) {
+TEST_F(OpenedDirectory, RefusalsDisturbNobodyAndLeakNothing) {
   fs::permissions(directory, fs::perms::owner_all);  // or the client would not go there
   const auto client = client_of(user.id());
   ASSERT_EQ(client->hear(), "connected");
@@ -64,7 +64,7 @@ TEST_F(OpenedDirectory, RefusalsDisturbNobodyAndLeaveNothing) {
   EXPECT_EQ(server->printed().find("hook closed"), std::string::npos);
 }
 
-TEST_F(OpenedDirectory, LogSinkMayCloseTheServerInTheLineOfARefusal) {
+TEST_F(OpenedDirectory, LogSinkMayCloseTheServerDuringARefusal) {
   server->tell("close when one is refused");
   ASSERT_EQ(server->hear(), "will do");
   EXPECT_EQ(connection_of(other.id()), "refused");
@@ -72,7 +72,7 @@ TEST_F(OpenedDirectory, LogSinkMayCloseTheServerInTheLineOfARefusal) {
   EXPECT_EQ(server->hear(), "no");
 }
 
-TEST_F(OpenedDirectory, ClosedAgainNobodyElseGetsThere) {
+TEST_F(OpenedDirectory, OnceClosedRefusesOtherUsers) {
   fs::permissions(directory, fs::perms::owner_all);
   EXPECT_EQ(connection_of(other.id()), "no way");
   fs::permissions(directory, fs::perms::all);

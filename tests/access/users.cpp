@@ -7,14 +7,11 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <utility>
 
 #include "tests/e2e/support/waiting.h"
 
@@ -58,8 +55,6 @@ TestUser::~TestUser() {
   unlink(mark_.c_str());
 }
 
-Talk::~Talk() { close(descriptor_); }
-
 void Talk::tell(const std::string& word) const {
   send(descriptor_, word.data(), word.size(), MSG_NOSIGNAL);
 }
@@ -72,37 +67,25 @@ std::string Talk::hear() const {
   return {word.data(), static_cast<std::size_t>(size < 0 ? 0 : size)};
 }
 
-Actor::Actor(uid_t user, const std::function<void(Talk&)>& role) {
-  std::array<int, 2> pair{};
-  // Packets: a word arrives as it was said.
-  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0) std::abort();
-  output_ = memfd_create("output", MFD_CLOEXEC);
-  id_ = fork();
-  if (id_ == 0) {
-    alarm(kActorSeconds);
-    close(pair[0]);
-    dup2(output_, STDOUT_FILENO);
-    setvbuf(stdout, nullptr, _IONBF, 0);  // the library does not flush its lines
-    become(user);
-    {
-      Talk talk(pair[1]);
-      role(talk);
-    }
-    _exit(0);
-  }
-  close(pair[1]);
-  talk_ = std::make_unique<Talk>(pair[0]);
+Actor::Actor(uid_t user, const std::function<void(Talk&)>& role)
+    : output_(memfd_create("output", MFD_CLOEXEC)),
+      process_(
+          [&] {
+            ends_.close_ours();
+            dup2(output_, STDOUT_FILENO);
+            setvbuf(stdout, nullptr, _IONBF, 0);  // the library does not flush its lines
+            become(user);
+            Talk talk(ends_.theirs());
+            role(talk);
+            return 0;
+          },
+          kActorSeconds) {
+  ends_.close_theirs();
 }
 
 Actor::~Actor() {
   kill();
   close(output_);
-}
-
-void Actor::kill() {
-  if (id_ <= 0) return;
-  ::kill(id_, SIGKILL);
-  waitpid(std::exchange(id_, -1), nullptr, 0);
 }
 
 std::string Actor::printed() const {

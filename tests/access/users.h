@@ -1,21 +1,22 @@
-// Users of the tests' own, and processes that run as them. The tests run as root.
+// Test users, and processes that run as them. The tests run as root.
 //
 //   Actor server(user, [](Talk& talk) { ... talk.tell("listens"); talk.hear(); ... });
 //   EXPECT_EQ(server.hear(), "listens");
 //
 // Thread: one in the test; the library is only ever used in actors, which are forked before it.
-// Failure: every wait has a limit; what was not said is "". An alarm ends an actor that never does.
+// Failure: every wait has a limit and then returns "". An alarm ends an actor that hangs.
 #pragma once
 
 #include <sys/types.h>
 
 #include <functional>
-#include <memory>
 #include <string>
+
+#include "tests/child_process.h"
 
 namespace tolk::test {
 
-// A user id that nobody else uses, in this test run or beside it.
+// A user id that no other test uses, in this run or a concurrent one.
 class TestUser {
  public:
   TestUser();
@@ -33,16 +34,13 @@ class TestUser {
   std::string mark_;
 };
 
-// The way between a test and its actor: words, one at a time.
+// The channel between a test and its actor: words, one at a time.
 class Talk {
  public:
   explicit Talk(int descriptor) : descriptor_(descriptor) {}
-  ~Talk();
-  Talk(const Talk&) = delete;
-  Talk& operator=(const Talk&) = delete;
 
   void tell(const std::string& word) const;
-  std::string hear() const;  // "" when the other side is gone, or says nothing for too long
+  std::string hear() const;  // "" if the other side has ended, or sends nothing within the limit
 
  private:
   const int descriptor_;
@@ -51,21 +49,22 @@ class Talk {
 class Actor {
  public:
   Actor(uid_t user, const std::function<void(Talk&)>& role);
-  ~Actor();  // ends it as by a kill, unless it has ended
+  ~Actor();  // kills it unless it has ended
   Actor(const Actor&) = delete;
   Actor& operator=(const Actor&) = delete;
 
-  void tell(const std::string& word) const { talk_->tell(word); }
-  std::string hear() const { return talk_->hear(); }
+  void tell(const std::string& word) const { talk_.tell(word); }
+  std::string hear() const { return talk_.hear(); }
   // What it has written to standard output so far.
   std::string printed() const;
   bool prints(const std::string& text) const;  // waits for it
-  void kill();
+  void kill() { process_.kill_and_wait(); }
 
  private:
-  pid_t id_ = -1;
-  int output_ = -1;
-  std::unique_ptr<Talk> talk_;
+  SocketPair ends_{SOCK_SEQPACKET};  // packets: a word arrives as it was said
+  const Talk talk_{ends_.ours()};
+  const int output_;
+  ChildProcess process_;
 };
 
 }  // namespace tolk::test

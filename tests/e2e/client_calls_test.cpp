@@ -50,7 +50,7 @@ void echo(int, TolkParams* in, TolkParams* out) {
 
 constexpr char kStream[] = "a\0b\xFF";
 
-// Every type of value, at its edges too.
+// Every type of value, extremes included.
 void fill(TolkParams& block) {
   block.AddInt(std::numeric_limits<int>::min());
   block.AddBool(true);
@@ -191,7 +191,7 @@ TEST_P(Calls, ResultMayBeTheArgumentsOfTheNextCall) {
   EXPECT_EQ(string_at(reply, 0), "passed on");
 }
 
-TEST_P(Calls, ResultsOfDistinctCallIdsLiveSideBySide) {
+TEST_P(Calls, ResultsOfDistinctCallIdsStayValidTogether) {
   TolkParams one;
   one.AddString("one");
   TolkParams two;
@@ -202,7 +202,7 @@ TEST_P(Calls, ResultsOfDistinctCallIdsLiveSideBySide) {
   EXPECT_EQ(string_at(second, 0), "two");
 }
 
-TEST_P(Calls, EightThreadsGetTheirOwnAnswers) {
+TEST_P(Calls, ThreadsGetTheirOwnReplies) {
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
   for (int t = 1; t <= 8; ++t) {
@@ -219,7 +219,7 @@ TEST_P(Calls, EightThreadsGetTheirOwnAnswers) {
   EXPECT_EQ(wrong, 0);
 }
 
-TEST_P(Calls, ServersHandlerMayCallTheClientBack) {
+TEST_P(Calls, HandlerMayCallItsCallerBack) {
   IServer* const raw = server.get();
   server->method("call me back", on_call([raw](int id, TolkParams* in, TolkParams* out) {
                    TolkParams* const reply = raw->SendMsg(id, "echo", in, 55, 10000);
@@ -231,14 +231,14 @@ TEST_P(Calls, ServersHandlerMayCallTheClientBack) {
             "there and back");
 }
 
-// The same calls as a plain socket sees them.
-class CallsSeen : public WithRawServer {
+// Calls to a plain-socket server, which sees their bytes.
+class CallsToRawServer : public WithRawServer {
  protected:
   void SetUp() override { connect(); }
 };
-TOLK_OVER_TRANSPORTS(CallsSeen);
+TOLK_OVER_TRANSPORTS(CallsToRawServer);
 
-TEST_P(CallsSeen, OwnThreadIsTheCallIdUnlessAnotherIsGiven) {
+TEST_P(CallsToRawServer, CallIdIsThatOfTheThreadUnlessGiven) {
   client->PostMsgFast("m", nullptr, 0);
   auto message = peer.read_message();
   ASSERT_TRUE(message);
@@ -249,7 +249,7 @@ TEST_P(CallsSeen, OwnThreadIsTheCallIdUnlessAnotherIsGiven) {
   EXPECT_EQ(message->call_id(), -12);
 }
 
-TEST_P(CallsSeen, CallWithoutArgumentsHasNoDataKeyAndAnEmptyBlockHas) {
+TEST_P(CallsToRawServer, EmptyBlockHasADataKeyAndNoBlockHasNone) {
   TolkParams empty;
   client->PostMsgFast("m", nullptr, 1);
   client->PostMsgFast("m", &empty, 1);
@@ -262,14 +262,14 @@ TEST_P(CallsSeen, CallWithoutArgumentsHasNoDataKeyAndAnEmptyBlockHas) {
   EXPECT_EQ(with->arguments(), "");
 }
 
-TEST_P(CallsSeen, PostedCallHasNoToken) {
+TEST_P(CallsToRawServer, PostedCallHasNoToken) {
   client->PostMsg("m", nullptr, 1);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
   EXPECT_FALSE(message->token().has_value());
 }
 
-TEST_P(CallsSeen, PostedCallsArriveInOrder) {
+TEST_P(CallsToRawServer, PostedCallsArriveInOrder) {
   for (int i = 1; i <= 100; ++i) client->PostMsgFast("m", nullptr, i);
   for (int i = 1; i <= 100; ++i) {
     const auto message = peer.read_message();
@@ -278,7 +278,7 @@ TEST_P(CallsSeen, PostedCallsArriveInOrder) {
   }
 }
 
-TEST_P(CallsSeen, TimeoutIsNoticedAtASweepAfterIt) {
+TEST_P(CallsToRawServer, CallTimesOutAtTheNextSweep) {
   for (const int timeout : {1, 50, 150, 310}) {
     const Stopwatch watch;
     EXPECT_EQ(client->SendMsgFast("m", nullptr, 1, timeout), nullptr);
@@ -287,7 +287,7 @@ TEST_P(CallsSeen, TimeoutIsNoticedAtASweepAfterIt) {
   }
 }
 
-TEST_P(CallsSeen, FirstSweepComesHalfASecondAfterConnecting) {
+TEST_P(CallsToRawServer, FirstSweepComesHalfASecondAfterConnecting) {
   const ClientPtr other = make_client();
   client->close();  // its sweep would end the call as well
   const Stopwatch watch;
@@ -297,7 +297,7 @@ TEST_P(CallsSeen, FirstSweepComesHalfASecondAfterConnecting) {
   EXPECT_GE(watch.elapsed(), Milliseconds(495));
 }
 
-TEST_P(CallsSeen, TimeoutOfZeroWaitsForTheReply) {
+TEST_P(CallsToRawServer, TimeoutOfZeroWaitsForTheReply) {
   CallMeanwhile call(client.get(), "m", 1, 0);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
@@ -306,7 +306,7 @@ TEST_P(CallsSeen, TimeoutOfZeroWaitsForTheReply) {
   EXPECT_EQ(string_at(call.result(), 0), "late but here");
 }
 
-TEST_P(CallsSeen, NegativeTimeoutIsAVeryLongOne) {
+TEST_P(CallsToRawServer, NegativeTimeoutIsAVeryLongOne) {
   CallMeanwhile call(client.get(), "m", 1, -1);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
@@ -315,7 +315,7 @@ TEST_P(CallsSeen, NegativeTimeoutIsAVeryLongOne) {
   EXPECT_NE(call.result(), nullptr);
 }
 
-TEST_P(CallsSeen, LaterCallOfASlotEndsTheResultOfTheEarlier) {
+TEST_P(CallsToRawServer, NextCallWithTheSameIdDropsTheEarlierResult) {
   CallMeanwhile first(client.get(), "m", 9, 0);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
@@ -325,7 +325,7 @@ TEST_P(CallsSeen, LaterCallOfASlotEndsTheResultOfTheEarlier) {
   EXPECT_EQ(second.result(), nullptr);
 }
 
-TEST_P(CallsSeen, SweepOfOneClientEndsTheCallsOfAll) {
+TEST_P(CallsToRawServer, SweepOfOneClientTimesOutTheCallsOfAll) {
   client->close();
   connect();  // a second connection has no sweep
   CallMeanwhile call(client.get(), "m", 1, 50);
@@ -338,7 +338,7 @@ TEST_P(CallsSeen, SweepOfOneClientEndsTheCallsOfAll) {
   EXPECT_EQ(call.result(), nullptr);
 }
 
-TEST_P(CallsSeen, OneSendMsgAtATimeRunsInTheProcessAndFastOnesPass) {
+TEST_P(CallsToRawServer, OneSendMsgRunsAtATimeInTheProcessAndSendMsgFastDoesNotWait) {
   const ClientPtr other = make_client();
   RawSocket its_peer;
   connect(other.get(), its_peer);
@@ -368,7 +368,7 @@ TEST_P(CallsSeen, OneSendMsgAtATimeRunsInTheProcessAndFastOnesPass) {
   EXPECT_TRUE(posted.is_done());
 }
 
-TEST_P(CallsSeen, LargeCallLeavesItsArgumentsEmpty) {
+TEST_P(CallsToRawServer, LargeCallLeavesItsArgumentsEmpty) {
   TolkParams arguments;
   arguments.AddString("large");
   const Meanwhile call([&] { client->SendMsgEx("m", &arguments, 3, 0); });
@@ -380,7 +380,7 @@ TEST_P(CallsSeen, LargeCallLeavesItsArgumentsEmpty) {
   EXPECT_EQ(arguments.Size(), 0);
 }
 
-TEST_P(CallsSeen, WriteToAServerThatIsGoneDoesNotEndTheProcess) {
+TEST_P(CallsToRawServer, WriteToALostServerDoesNotEndTheProcess) {
   const Capture out;
   peer.reset();
   for (int i = 0; i < 1000 && client->isok(); ++i) client->PostMsgFast("m", nullptr, 1);

@@ -4,10 +4,10 @@
 namespace tolk::test {
 namespace {
 
-class Closing : public Ending {};
-TOLK_OVER_TRANSPORTS(Closing);
+class ClientClose : public Ending {};
+TOLK_OVER_TRANSPORTS(ClientClose);
 
-TEST_P(Closing, IsTheseLinesInThisOrder) {
+TEST_P(ClientClose, PrintsItsLinesInOrder) {
   connect();
   const Capture out;
   client->close();
@@ -16,7 +16,7 @@ TEST_P(Closing, IsTheseLinesInThisOrder) {
   EXPECT_TRUE(peer.ended());
 }
 
-TEST_P(Closing, TwiceIsTwoLinesTheSecondTime) {
+TEST_P(ClientClose, TwicePrintsTwoLinesTheSecondTime) {
   connect();
   client->close();
   const Capture out;
@@ -24,7 +24,7 @@ TEST_P(Closing, TwiceIsTwoLinesTheSecondTime) {
   EXPECT_EQ(out.text(), "Client Closing!\nclient closeasync\n");
 }
 
-TEST_P(Closing, DeletesTheHandlersBeforeItReturns) {
+TEST_P(ClientClose, DeletesTheHandlersBeforeItReturns) {
   Counter deleted;
   client->method("a", answering("x", deleted));
   client->method("b", answering("x", deleted));
@@ -35,7 +35,7 @@ TEST_P(Closing, DeletesTheHandlersBeforeItReturns) {
   EXPECT_EQ(deleted.value(), 4);
 }
 
-TEST_P(Closing, DeletesAHandlerOfTwoNamesOnce) {
+TEST_P(ClientClose, DeletesAHandlerOfTwoNamesOnce) {
   Counter deleted;
   IServerMethod* const handler = answering("x", deleted);
   client->method("a", handler);
@@ -45,7 +45,7 @@ TEST_P(Closing, DeletesAHandlerOfTwoNamesOnce) {
   EXPECT_EQ(deleted.value(), 1);
 }
 
-TEST_P(Closing, DeletesNothingInTheHostsCustody) {
+TEST_P(ClientClose, DeletesNoHandlerThatTheHostReleases) {
   Counter deleted;
   IServerMethod* const handler = answering("x", deleted);
   IMethodAll* const all = on_any_call([](auto...) {}, deleted);
@@ -60,7 +60,7 @@ TEST_P(Closing, DeletesNothingInTheHostsCustody) {
   delete all;
 }
 
-TEST_P(Closing, RunsNoHook) {
+TEST_P(ClientClose, DoesNotCallTheClosedHook) {
   Counter called;
   client->method("s_c_closed", counting(called));
   connect();
@@ -70,7 +70,7 @@ TEST_P(Closing, RunsNoHook) {
   EXPECT_EQ(out.count("close server event!"), 0);
 }
 
-TEST_P(Closing, WakesTheCallsOfAllClients) {
+TEST_P(ClientClose, WakesTheCallsOfAllClients) {
   connect();
   const ClientPtr other = make_client();
   RawSocket its_peer;
@@ -85,7 +85,7 @@ TEST_P(Closing, WakesTheCallsOfAllClients) {
   EXPECT_TRUE(other->isok());
 }
 
-TEST_P(Closing, FromTwoThreadsAtOnceEndsOnce) {
+TEST_P(ClientClose, FromTwoThreadsAtOnceClosesOnce) {
   for (int round = 0; round < 20; ++round) {
     connect();
     const Capture out;
@@ -99,7 +99,7 @@ TEST_P(Closing, FromTwoThreadsAtOnceEndsOnce) {
   }
 }
 
-TEST_P(Closing, UnderManyCallersReturnsThemAll) {
+TEST_P(ClientClose, UnderManyCallersWakesThemAll) {
   for (int round = 0; round < 10; ++round) {
     connect();
     Meanwhile serving([this] {
@@ -123,7 +123,7 @@ TEST_P(Closing, UnderManyCallersReturnsThemAll) {
   }
 }
 
-TEST_P(Closing, DoesNotWaitForRunningHandlers) {
+TEST_P(ClientClose, DoesNotWaitForRunningHandlers) {
   Gate gate;
   const OpenAtEnd at_end(gate);
   Counter busy_deleted;
@@ -143,7 +143,7 @@ TEST_P(Closing, DoesNotWaitForRunningHandlers) {
   EXPECT_EQ(busy_deleted.value(), 1);
 }
 
-TEST_P(Closing, HandlersThatHaveNotBegunAreNotBegun) {
+TEST_P(ClientClose, DropsQueuedCalls) {
   constexpr int kWorkers = 4;
   Gate gate;
   const OpenAtEnd at_end(gate);
@@ -167,7 +167,7 @@ TEST_P(Closing, HandlersThatHaveNotBegunAreNotBegun) {
   EXPECT_EQ(begun.value(), 0);
 }
 
-TEST_P(Closing, EndsACallThatAHandlerWaitsIn) {
+TEST_P(ClientClose, WakesACallThatAHandlerMakes) {
   IClient* const raw = client.get();
   Counter returned;
   client->method("m", on_call([raw, returned](int, TolkParams*, TolkParams*) mutable {
@@ -182,7 +182,7 @@ TEST_P(Closing, EndsACallThatAHandlerWaitsIn) {
   EXPECT_TRUE(returned.wait_for(1));
 }
 
-TEST_P(Closing, FromAHandlerEnds) {
+TEST_P(ClientClose, FromAHandlerReturns) {
   IClient* const raw = client.get();
   Counter returned;
   Counter deleted;
@@ -202,7 +202,7 @@ TEST_P(Closing, FromAHandlerEnds) {
   EXPECT_TRUE(peer.ended());
 }
 
-TEST_P(Closing, FromAHandlersDestructorDoesNotWaitForItself) {
+TEST_P(ClientClose, FromAHandlersDestructorDoesNotWaitForItself) {
   IClient* const raw = client.get();
   client->method("m", new LastWords([raw] { raw->close(); }));
   connect();
@@ -214,7 +214,7 @@ TEST_P(Closing, FromAHandlersDestructorDoesNotWaitForItself) {
                             "Client Closing!\nbad close\nClient Closed!\nClient Closed!\n");
 }
 
-TEST_P(Closing, CallsAndConnectsFromAHandlersDestructorReturn) {
+TEST_P(ClientClose, CallsAndConnectsFromAHandlersDestructorReturn) {
   IClient* const raw = client.get();
   const Address where = address;
   Counter done;
@@ -230,7 +230,7 @@ TEST_P(Closing, CallsAndConnectsFromAHandlersDestructorReturn) {
   EXPECT_FALSE(client->isok());
 }
 
-TEST_P(Closing, LargeCallThatWaitsIsNotWokenByItsClientsClose) {
+TEST_P(ClientClose, DoesNotWakeAWaitingLargeCall) {
   connect();
   TolkParams arguments;
   const Meanwhile call([&] { client->SendMsgEx("m", &arguments, 3, 0); });
@@ -247,7 +247,7 @@ TEST_P(Closing, LargeCallThatWaitsIsNotWokenByItsClientsClose) {
   EXPECT_TRUE(call.is_done());
 }
 
-TEST_P(Closing, DestroyingUnderEightWaitingCallsReturnsThemAll) {
+TEST_P(ClientClose, ByDestroyWakesAllWaitingCalls) {
   connect();
   IClient* const raw = client.get();
   std::vector<std::unique_ptr<CallMeanwhile>> calls;
@@ -259,7 +259,7 @@ TEST_P(Closing, DestroyingUnderEightWaitingCallsReturnsThemAll) {
   for (const auto& call : calls) EXPECT_EQ(call->result(), nullptr);
 }
 
-TEST_P(Closing, DestroyingFromAHandlerEnds) {
+TEST_P(ClientClose, ByDestroyFromAHandlerReturns) {
   IClient* const raw = client.release();
   Counter destroyed;
   Counter deleted;
@@ -276,7 +276,7 @@ TEST_P(Closing, DestroyingFromAHandlerEnds) {
   EXPECT_TRUE(peer.ended());
 }
 
-TEST_P(Closing, DestroyingWhileAHandlerRunsLetsItFinish) {
+TEST_P(ClientClose, ByDestroyLetsARunningHandlerFinish) {
   Gate gate;
   const OpenAtEnd at_end(gate);
   Counter deleted;

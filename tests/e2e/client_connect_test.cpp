@@ -7,7 +7,7 @@
 namespace tolk::test {
 namespace {
 
-class Connecting : public OverTransports {
+class ClientConnect : public OverTransports {
  protected:
   const char* label() const {
     if (is_pipe()) return "Pipe";
@@ -33,9 +33,9 @@ class Connecting : public OverTransports {
 
   ClientPtr client = make_client();
 };
-TOLK_OVER_TRANSPORTS(Connecting);
+TOLK_OVER_TRANSPORTS(ClientConnect);
 
-TEST_P(Connecting, SucceedsWithTheseLines) {
+TEST_P(ClientConnect, PrintsItsLinesOnSuccess) {
   RawServer server(address);
   const Capture out;
   EXPECT_TRUE(connect());
@@ -43,14 +43,14 @@ TEST_P(Connecting, SucceedsWithTheseLines) {
   EXPECT_EQ(out.text(), first_lines() + versions("Tolk Version: 1.1.0.12"));
 }
 
-TEST_P(Connecting, ToARealServerSucceeds) {
+TEST_P(ClientConnect, ToARealServerSucceeds) {
   const ServerPtr server = make_server();
   ASSERT_TRUE(start_server(server.get(), address));
   EXPECT_TRUE(connect());
   EXPECT_TRUE(client->isok());
 }
 
-TEST_P(Connecting, HandshakeIsACallWithTheVersionInItsArguments) {
+TEST_P(ClientConnect, HandshakeIsACallWithTheVersionAsArgument) {
   std::optional<Message> question;
   Counter seen;
   RawServer server(address, [&](RawSocket& socket) {
@@ -67,7 +67,7 @@ TEST_P(Connecting, HandshakeIsACallWithTheVersionInItsArguments) {
   EXPECT_TRUE(question->token().has_value());
 }
 
-TEST_P(Connecting, NobodyThereIsTwoLinesAndFalse) {
+TEST_P(ClientConnect, FailsWithTwoLinesWhenNobodyListens) {
   const Capture out;
   EXPECT_FALSE(connect());
   EXPECT_FALSE(client->isok());
@@ -75,7 +75,7 @@ TEST_P(Connecting, NobodyThereIsTwoLinesAndFalse) {
                             ": Tolk Version: 1.1.0.12\ncant connect: " + address.port + " \n");
 }
 
-TEST_P(Connecting, FailedAttemptKeepsTheHandlers) {
+TEST_P(ClientConnect, FailedAttemptKeepsTheHandlers) {
   Counter deleted;
   client->method("m", answering("still here", deleted));
   EXPECT_FALSE(connect());
@@ -89,7 +89,7 @@ TEST_P(Connecting, FailedAttemptKeepsTheHandlers) {
   EXPECT_EQ(reply->string_at(0), "still here");
 }
 
-TEST_P(Connecting, ServerOfAnotherVersionIsRefused) {
+TEST_P(ClientConnect, FailsWhenTheServerRefusesTheVersion) {
   RawServer server(address, replying(BlockWriter().add(false).keyed(
                                 "VERSION", std::string("Tolk Version: 1.1.0.13"))));
   const Capture out;
@@ -98,7 +98,7 @@ TEST_P(Connecting, ServerOfAnotherVersionIsRefused) {
   EXPECT_EQ(out.text(), refusal("Tolk Version: 1.1.0.13"));
 }
 
-TEST_P(Connecting, VerdictThatIsNotABoolInFrontIsARefusal) {
+TEST_P(ClientConnect, FailsUnlessTheReplyBeginsWithABool) {
   const std::string ours = kVersion;
   const BlockWriter replies[] = {
       BlockWriter().keyed("VERSION", ours),
@@ -116,7 +116,7 @@ TEST_P(Connecting, VerdictThatIsNotABoolInFrontIsARefusal) {
   }
 }
 
-TEST_P(Connecting, VersionTextThatIsNoStringIsShownEmpty) {
+TEST_P(ClientConnect, VersionThatIsNotAStringIsPrintedEmpty) {
   const BlockWriter replies[] = {BlockWriter().add(false),
                                  BlockWriter().add(false).keyed("VERSION", 7),
                                  BlockWriter().add(false).keyed("VERSION", Stream{"1.1"})};
@@ -128,7 +128,7 @@ TEST_P(Connecting, VersionTextThatIsNoStringIsShownEmpty) {
   }
 }
 
-TEST_P(Connecting, ClientTrustsTheVerdictAndDoesNotCompare) {
+TEST_P(ClientConnect, AcceptsAnyVersionThatTheServerAccepts) {
   RawServer server(address,
                    replying(BlockWriter().add(true).keyed("VERSION", std::string("anything"))));
   const Capture out;
@@ -136,7 +136,7 @@ TEST_P(Connecting, ClientTrustsTheVerdictAndDoesNotCompare) {
   EXPECT_EQ(out.text(), first_lines() + versions("anything"));
 }
 
-TEST_P(Connecting, ServerThatHangsUpIsAFailureAndCanBeTriedAgain) {
+TEST_P(ClientConnect, FailsWhenTheServerHangsUpAndCanBeRetried) {
   {
     RawServer server(address, hanging_up());
     EXPECT_FALSE(connect());
@@ -146,7 +146,7 @@ TEST_P(Connecting, ServerThatHangsUpIsAFailureAndCanBeTriedAgain) {
   EXPECT_TRUE(connect());
 }
 
-TEST_P(Connecting, ServerThatBreaksOffItsAnswerIsAFailure) {
+TEST_P(ClientConnect, FailsWhenTheReplyIsCutOff) {
   RawServer server(address, [](RawSocket& socket) {
     if (socket.read_message()) socket.send(prefix(100) + "half");
     socket.close();
@@ -157,7 +157,7 @@ TEST_P(Connecting, ServerThatBreaksOffItsAnswerIsAFailure) {
   EXPECT_EQ(out.count("Check Server Version Error!"), 1);
 }
 
-TEST_P(Connecting, ConnectedClientIsLeftAlone) {
+TEST_P(ClientConnect, OfAConnectedClientChangesNothing) {
   RawServer server(address);
   ASSERT_TRUE(connect());
   const Capture out;
@@ -167,7 +167,7 @@ TEST_P(Connecting, ConnectedClientIsLeftAlone) {
   EXPECT_FALSE(server.take(kQuiet).is_open());
 }
 
-TEST_P(Connecting, TwoThreadsAtOnceMakeOneConnection) {
+TEST_P(ClientConnect, FromTwoThreadsAtOnceMakesOneConnection) {
   RawServer server(address);
   for (int round = 0; round < 10; ++round) {
     std::atomic<int> connected{0};
@@ -183,7 +183,7 @@ TEST_P(Connecting, TwoThreadsAtOnceMakeOneConnection) {
   EXPECT_FALSE(server.take(kQuiet).is_open()) << "one a round";
 }
 
-TEST_P(Connecting, ThreadWithoutAMeaningForItsBoolConnects) {
+TEST_P(ClientConnect, IgnoresItsBoolArgument) {
   RawServer server(address);
   const char* const port = address.port.c_str();
   const bool connected = is_pipe() ? client->InitTolkClient(port, true)
@@ -193,7 +193,7 @@ TEST_P(Connecting, ThreadWithoutAMeaningForItsBoolConnects) {
   EXPECT_TRUE(connected);
 }
 
-TEST_P(Connecting, FailuresOfOtherTransportsInBetweenDoNoHarm) {
+TEST_P(ClientConnect, SucceedsAfterFailuresOnOtherTransports) {
   {
     RawServer server(address);
     ASSERT_TRUE(connect());
@@ -207,8 +207,8 @@ TEST_P(Connecting, FailuresOfOtherTransportsInBetweenDoNoHarm) {
   EXPECT_TRUE(connect());
 }
 
-TEST_P(Connecting, CallWhileTheHandshakeWaitsIsMade) {
-  // The client counts as connected before its server has been checked.
+TEST_P(ClientConnect, CallDuringTheHandshakeIsSent) {
+  // isok() is true before the server has answered the version check.
   Gate gate;
   RawServer server(address, [gate](RawSocket& socket) mutable {
     const auto question = socket.read_message();
@@ -228,7 +228,7 @@ TEST_P(Connecting, CallWhileTheHandshakeWaitsIsMade) {
   EXPECT_EQ(message->name(), "early");
 }
 
-TEST_P(Connecting, CloseDuringTheHandshakeMakesItFail) {
+TEST_P(ClientConnect, CloseDuringTheHandshakeMakesItFail) {
   Gate gate;
   RawServer server(address, [gate](RawSocket& socket) mutable {
     socket.read_message();
@@ -245,17 +245,17 @@ TEST_P(Connecting, CloseDuringTheHandshakeMakesItFail) {
   EXPECT_EQ(out.count("Check Server Version Error!"), 1);
 }
 
-TEST_P(Connecting, LoseAndConnectAgainStandsAHundredRounds) {
+TEST_P(ClientConnect, SucceedsAfterEachOfAHundredLosses) {
   RawServer server(address);
   for (int round = 0; round < 100; ++round) {
     ASSERT_TRUE(connect()) << round;
     server.take().close();
-    // At once, while the earlier session is still on its way out.
+    // The next connect comes at once, while the earlier session is still ending.
     ASSERT_TRUE(eventually([this] { return !client->isok(); }));
   }
 }
 
-TEST(ConnectingByPipe, SilentServerIsGivenUpAfterTenSeconds) {
+TEST(ClientConnectByPipe, FailsAfterTenSecondsOfSilence) {
   const Address address = fresh_address(Transport::pipe);
   RawServer server(address, silent());
   const ClientPtr client = make_client();
@@ -268,7 +268,7 @@ TEST(ConnectingByPipe, SilentServerIsGivenUpAfterTenSeconds) {
                             "Client Closing!\nClient Closing!\nClient Closed!\nClient Closed!\n");
 }
 
-TEST(ConnectingByPipe, NameThatFitsNoSocketAddressCannotBeConnected) {
+TEST(ClientConnectByPipe, FailsIfTheNameIsTooLongForASocketAddress) {
   const ClientPtr client = make_client();
   const std::string name(200, 'n');
   const Capture out;
@@ -276,7 +276,7 @@ TEST(ConnectingByPipe, NameThatFitsNoSocketAddressCannotBeConnected) {
   EXPECT_EQ(out.text(), "Pipe: Tolk Version: 1.1.0.12\ncant connect: " + name + " \n");
 }
 
-TEST(ConnectingByPipe, NameNeedNotBeANumber) {
+TEST(ClientConnectByPipe, NameNeedNotBeANumber) {
   Address address = fresh_address(Transport::pipe);
   address.port = "abc" + address.port;
   RawServer server(address);
@@ -284,14 +284,14 @@ TEST(ConnectingByPipe, NameNeedNotBeANumber) {
   EXPECT_TRUE(client->InitTolkClient(address.port.c_str(), false));
 }
 
-TEST(ConnectingByPipe, NullTextsAreEmptyOnes) {
+TEST(ClientConnectByTcp4, NullTextsCountAsEmpty) {
   const ClientPtr client = make_client();
   const Capture out;
   EXPECT_FALSE(client->InitTolkClientTcp4(nullptr, nullptr, false));
   EXPECT_EQ(out.text(), "Tcp4: Tolk Version: 1.1.0.12\nuv_ip4_addr error\ncant connect:  \n");
 }
 
-TEST(ConnectingByTcp4, TextThatIsNoAddressNeverReachesAServerOnThisMachine) {
+TEST(ClientConnectByTcp4, InvalidAddressReachesNoLocalServer) {
   const Address address = fresh_address(Transport::tcp4);
   RawServer server(address);
   const ClientPtr client = make_client();
@@ -305,21 +305,21 @@ TEST(ConnectingByTcp4, TextThatIsNoAddressNeverReachesAServerOnThisMachine) {
 }
 
 // The system refuses a stream to a broadcast or multicast address before anything is sent.
-TEST(ConnectingByTcp4, ConnectThatIsRefusedAtOnceIsALine) {
+TEST(ClientConnectByTcp4, ImmediateRefusalPrintsALine) {
   const ClientPtr client = make_client();
   const Capture out;
   EXPECT_FALSE(client->InitTolkClientTcp4("255.255.255.255", "1", false));
   EXPECT_EQ(out.text(), "Tcp4: Tolk Version: 1.1.0.12\nuv_tcp_connect error\ncant connect: 1 \n");
 }
 
-TEST(ConnectingByTcp6, ConnectThatIsRefusedAtOnceIsNoLineOfItsOwn) {
+TEST(ClientConnectByTcp6, ImmediateRefusalPrintsNoLineOfItsOwn) {
   const ClientPtr client = make_client();
   const Capture out;
   EXPECT_FALSE(client->InitTolkClientTcp6("ff02::1", "1", false));
   EXPECT_EQ(out.text(), "Tcp6: Tolk Version: 1.1.0.12\ncant connect: 1 \n");
 }
 
-TEST(ConnectingByTcp6, TextThatIsNoAddressFailsWithoutALineOfItsOwn) {
+TEST(ClientConnectByTcp6, InvalidAddressPrintsNoLineOfItsOwn) {
   const Address address = fresh_address(Transport::tcp6);
   RawServer server(address);
   const ClientPtr client = make_client();
@@ -331,14 +331,14 @@ TEST(ConnectingByTcp6, TextThatIsNoAddressFailsWithoutALineOfItsOwn) {
   EXPECT_FALSE(server.take(kQuiet).is_open());
 }
 
-TEST(ConnectingByTcp4, PortThatIsNoNumberIsPortZero) {
+TEST(ClientConnectByTcp4, NonNumericPortIsPortZero) {
   const ClientPtr client = make_client();
   const Capture out;
   EXPECT_FALSE(client->InitTolkClientTcp4("127.0.0.1", "port", false));
   EXPECT_EQ(out.line_starting("cant connect"), "cant connect: port ");
 }
 
-TEST(ConnectingByTcp4, PortIsReadLikeANumberAndShownAsGiven) {
+TEST(ClientConnectByTcp4, PortIsParsedAsANumberAndPrintedAsGiven) {
   const Address address = fresh_address(Transport::tcp4);
   RawServer server(address);
   const ClientPtr client = make_client();

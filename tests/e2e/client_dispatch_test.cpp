@@ -12,7 +12,7 @@ namespace {
 
 using Keys = std::vector<std::string>;
 
-class Dispatch : public WithRawServer {
+class ClientDispatch : public WithRawServer {
  protected:
   void method(const char* name, IServerMethod* handler) { client->method(name, handler); }
 
@@ -23,9 +23,9 @@ class Dispatch : public WithRawServer {
   }
   static BlockWriter named(const Scalar& name) { return BlockWriter().keyed("s_c_sw_name", name); }
 };
-TOLK_OVER_TRANSPORTS(Dispatch);
+TOLK_OVER_TRANSPORTS(ClientDispatch);
 
-TEST_P(Dispatch, ReplyIsTheHandlersValuesThenCallIdTokenAndName) {
+TEST_P(ClientDispatch, ReplyIsTheHandlersValuesThenCallIdTokenAndName) {
   method("m", on_call([](int, TolkParams* in, TolkParams* out) {
            out->AddString(in->GetValue(0)->GetString());
            out->AddKeyValueInt("own", 1);
@@ -40,7 +40,7 @@ TEST_P(Dispatch, ReplyIsTheHandlersValuesThenCallIdTokenAndName) {
   EXPECT_EQ(reply->name(), "retval");
 }
 
-TEST_P(Dispatch, HandlerThatAddsNothingStillAnswersWithTheThreeKeys) {
+TEST_P(ClientDispatch, EmptyResultIsRepliedWithTheThreeKeys) {
   method("m", on_call([](int, TolkParams*, TolkParams*) {}));
   connect();
   const auto reply = call_client("m");
@@ -49,14 +49,14 @@ TEST_P(Dispatch, HandlerThatAddsNothingStillAnswersWithTheThreeKeys) {
   EXPECT_EQ(reply->keys(), (Keys{"s_c_sw_threadid", "s_c_sw_semid", "s_c_sw_name"}));
 }
 
-TEST_P(Dispatch, UnregisteredNameIsAnsweredWithTheNameAlone) {
+TEST_P(ClientDispatch, UnregisteredNameIsRepliedWithTheNameKeyAlone) {
   connect();
   const auto reply = call_client("nobody");
   ASSERT_TRUE(reply);
   EXPECT_EQ(reply->payload, named(std::string("retval")).bytes());
 }
 
-TEST_P(Dispatch, NullHandlerCountsAsUnregistered) {
+TEST_P(ClientDispatch, NullHandlerCountsAsUnregistered) {
   method("m", nullptr);
   method("m", answering("too late"));
   connect();
@@ -65,7 +65,7 @@ TEST_P(Dispatch, NullHandlerCountsAsUnregistered) {
   EXPECT_EQ(reply->keys(), Keys{"s_c_sw_name"});
 }
 
-TEST_P(Dispatch, CallWithoutCallIdAndTokenIsAnsweredWithCallIdZero) {
+TEST_P(ClientDispatch, CallWithoutCallIdAndTokenIsAnsweredWithCallIdZero) {
   method("m", answering("x"));
   connect();
   const auto reply = answer_to(named(std::string("m")));
@@ -74,7 +74,7 @@ TEST_P(Dispatch, CallWithoutCallIdAndTokenIsAnsweredWithCallIdZero) {
   EXPECT_EQ(reply->call_id(), 0);
 }
 
-TEST_P(Dispatch, CallIdsAndTokensOfOtherTypesAreReadSafely) {
+TEST_P(ClientDispatch, CallIdsAndTokensOfOtherTypesDoNoHarm) {
   method("m", answering("x"));
   connect();
   const auto call_id_of = [this](const Scalar& value) {
@@ -93,7 +93,7 @@ TEST_P(Dispatch, CallIdsAndTokensOfOtherTypesAreReadSafely) {
   }
 }
 
-TEST_P(Dispatch, TokenIsCopiedAsItIs) {
+TEST_P(ClientDispatch, TokenIsCopiedAsItIs) {
   method("m", answering("x"));
   connect();
   for (const char* const token : {"", "anything at all", "0x12"}) {
@@ -103,7 +103,7 @@ TEST_P(Dispatch, TokenIsCopiedAsItIs) {
   }
 }
 
-TEST_P(Dispatch, NameMayBeAStreamAndIsCutAtItsFirstZero) {
+TEST_P(ClientDispatch, NameMayBeAStreamAndIsCutAtItsFirstZero) {
   method("m", answering("x"));
   connect();
   for (const Scalar& name : {Scalar(Stream{"m"}), Scalar(Stream{std::string("m\0rest", 6)}),
@@ -114,7 +114,7 @@ TEST_P(Dispatch, NameMayBeAStreamAndIsCutAtItsFirstZero) {
   }
 }
 
-TEST_P(Dispatch, ArgumentsThatAreNoBytesOrDoNotParseAreEmptyOrPartial) {
+TEST_P(ClientDispatch, MalformedArgumentsAreEmptyOrPartial) {
   method("m", on_call([](int, TolkParams* in, TolkParams* out) { out->AddInt(in->ParamsSize()); }));
   connect();
   const auto count_for = [this](const Scalar& data) {
@@ -133,7 +133,7 @@ TEST_P(Dispatch, ArgumentsThatAreNoBytesOrDoNotParseAreEmptyOrPartial) {
   EXPECT_EQ(count_for(1.5), 0);
 }
 
-TEST_P(Dispatch, FirstRegistrationOfANameStays) {
+TEST_P(ClientDispatch, FirstRegistrationOfANameStays) {
   Counter deleted;
   IServerMethod* const second = answering("second", deleted);
   method("m", answering("first"));
@@ -147,7 +147,7 @@ TEST_P(Dispatch, FirstRegistrationOfANameStays) {
   delete second;
 }
 
-TEST_P(Dispatch, BuiltInNamesCannotBeReplaced) {
+TEST_P(ClientDispatch, BuiltInNamesCannotBeReplaced) {
   Counter called;
   IServerMethod* const handler = counting(called);
   method("s_c_buildin_closed", handler);
@@ -160,7 +160,7 @@ TEST_P(Dispatch, BuiltInNamesCannotBeReplaced) {
   delete handler;
 }
 
-TEST_P(Dispatch, CatchAllIsNeverCalled) {
+TEST_P(ClientDispatch, CatchAllIsNeverCalled) {
   Counter called;
   Counter deleted;
   client->methodall(on_any_call([called](auto...) mutable { called.add(); }, deleted));
@@ -176,7 +176,7 @@ TEST_P(Dispatch, CatchAllIsNeverCalled) {
   delete second;
 }
 
-TEST_P(Dispatch, ThrowingHandlerStillAnswers) {
+TEST_P(ClientDispatch, ThrowingHandlerStillAnswers) {
   method("m", on_call([](int, TolkParams*, TolkParams* out) {
            out->AddInt(1);
            throw std::runtime_error("went wrong");
@@ -190,7 +190,7 @@ TEST_P(Dispatch, ThrowingHandlerStillAnswers) {
   EXPECT_TRUE(out.wait_for_line("handler error: m: went wrong"));
 }
 
-TEST_P(Dispatch, EveryCallNamesTheSameConnection) {
+TEST_P(ClientDispatch, EveryCallHasTheSameConnectionId) {
   std::vector<int> ids;
   std::mutex mutex;
   method("m", on_call([&](int id, TolkParams*, TolkParams*) {
@@ -205,7 +205,7 @@ TEST_P(Dispatch, EveryCallNamesTheSameConnection) {
   EXPECT_EQ(ids, std::vector<int>(3, std::stoi(line.substr(15))));
 }
 
-TEST_P(Dispatch, CallsRunAtTheSameTime) {
+TEST_P(ClientDispatch, CallsRunConcurrently) {
   Gate gate;
   const OpenAtEnd at_end(gate);
   method("wait", blocking(gate));
@@ -219,7 +219,7 @@ TEST_P(Dispatch, CallsRunAtTheSameTime) {
   EXPECT_TRUE(peer.read_message());
 }
 
-TEST_P(Dispatch, HandlerMayCallTheServer) {
+TEST_P(ClientDispatch, HandlerMayCallTheServer) {
   IClient* const raw = client.get();
   method("m", on_call([raw](int, TolkParams*, TolkParams* out) {
            out->AddString(string_at(raw->SendMsgFast("back", nullptr, 4, 0), 0).c_str());
@@ -235,7 +235,7 @@ TEST_P(Dispatch, HandlerMayCallTheServer) {
   EXPECT_EQ(reply->string_at(0), "nested");
 }
 
-TEST_P(Dispatch, ServerMayCallTheClosedHookAsAMethod) {
+TEST_P(ClientDispatch, ServerMayCallTheClosedHookAsAMethod) {
   method("s_c_closed", on_call([](int, TolkParams* in, TolkParams* out) {
            if (in != nullptr && out != nullptr) out->AddBool(true);
          }));
@@ -246,7 +246,7 @@ TEST_P(Dispatch, ServerMayCallTheClosedHookAsAMethod) {
   client->close();
 }
 
-TEST_P(Dispatch, ReservedNamesOfTheServerMeanNothingToAClient) {
+TEST_P(ClientDispatch, ReservedNamesOfTheServerAreUnregistered) {
   connect();
   for (const char* const name : {"s_c_version", "s_c_close_server", "s_c_req_header",
                                  "s_c_largedata", "s_c_createport", "s_c_log"}) {
@@ -257,7 +257,7 @@ TEST_P(Dispatch, ReservedNamesOfTheServerMeanNothingToAClient) {
   EXPECT_TRUE(client->isok());
 }
 
-TEST_P(Dispatch, ManyCallsInOneWriteAreAllAnswered) {
+TEST_P(ClientDispatch, ManyCallsInOneWriteAreAllAnswered) {
   method("m", on_call([](int, TolkParams* in, TolkParams* out) {
            out->AddInt(in->GetValue(0)->GetInt());
          }));
@@ -276,8 +276,8 @@ TEST_P(Dispatch, ManyCallsInOneWriteAreAllAnswered) {
   EXPECT_EQ(std::count(answered.begin(), answered.end(), true), 500);
 }
 
-// What a server may send that makes no sense.
-class BadInput : public Dispatch {
+// Malformed messages from a server.
+class BadInputToAClient : public ClientDispatch {
  protected:
   void SetUp() override {
     method("alive", answering("yes", deleted));
@@ -286,7 +286,7 @@ class BadInput : public Dispatch {
   }
   void TearDown() override {
     EXPECT_TRUE(bystander->isok());
-    // The end of a client wakes every call, twice; its handlers are let go after that.
+    // The end of a client wakes every call, twice; its handlers are deleted after that.
     if (!client->isok()) {
       EXPECT_TRUE(deleted.wait_for(1));
     }
@@ -301,9 +301,9 @@ class BadInput : public Dispatch {
   ClientPtr bystander = make_client();
   RawSocket its_peer;
 };
-TOLK_OVER_TRANSPORTS(BadInput);
+TOLK_OVER_TRANSPORTS(BadInputToAClient);
 
-TEST_P(BadInput, BlockWithoutNameIsOneLineAndDropped) {
+TEST_P(BadInputToAClient, BlockWithoutNameIsDroppedWithOneLine) {
   const Capture out;
   peer.send_frame("");
   peer.send_frame(BlockWriter().add(1).keyed("s_c_sw_threadid", 1).bytes());
@@ -311,7 +311,7 @@ TEST_P(BadInput, BlockWithoutNameIsOneLineAndDropped) {
   EXPECT_EQ(out.text(), "event empty!\nevent empty!\n");
 }
 
-TEST_P(BadInput, BlockThatDoesNotParseIsDroppedInSilence) {
+TEST_P(BadInputToAClient, MalformedBlockIsDroppedSilently) {
   const Capture out;
   peer.send_frame("garbage");
   peer.send_frame("\x09");
@@ -320,7 +320,7 @@ TEST_P(BadInput, BlockThatDoesNotParseIsDroppedInSilence) {
   EXPECT_EQ(out.text(), "");
 }
 
-TEST_P(BadInput, EveryKeyOfEveryTypeDoesNoHarm) {
+TEST_P(BadInputToAClient, KeysOfAnyTypeDoNoHarm) {
   const Scalar values[] = {
       std::string("text"), std::string(), Stream{"bytes"}, Stream{""}, 7, -1, true, 2.5e-310};
   const char* const keys[] = {"s_c_sw_name", "s_c_sw_threadid", "s_c_sw_data", "s_c_sw_semid",
@@ -339,7 +339,7 @@ TEST_P(BadInput, EveryKeyOfEveryTypeDoesNoHarm) {
   EXPECT_TRUE(client_answers());
 }
 
-TEST_P(BadInput, NameOfAnotherTypeIsAnEmptyNameWhichNobodyHas) {
+TEST_P(BadInputToAClient, NameOfAnotherTypeIsUnregistered) {
   for (const Scalar& name : {Scalar(7), Scalar(true), Scalar(1.5)}) {
     const auto reply = answer_to(named(name));
     ASSERT_TRUE(reply);
@@ -347,7 +347,7 @@ TEST_P(BadInput, NameOfAnotherTypeIsAnEmptyNameWhichNobodyHas) {
   }
 }
 
-TEST_P(BadInput, NegativeLengthsCountAsAnEmptyFrame) {
+TEST_P(BadInputToAClient, NegativeLengthIsAnEmptyFrame) {
   for (const int length : {-4, -5, -100, std::numeric_limits<int>::min()}) {
     const Capture out;
     peer.send(prefix(length) + "dropped");
@@ -356,7 +356,7 @@ TEST_P(BadInput, NegativeLengthsCountAsAnEmptyFrame) {
   }
 }
 
-TEST_P(BadInput, LengthsOfMinusOneToMinusThreeLeaveTheRestOfTheirPrefix) {
+TEST_P(BadInputToAClient, LengthsOfMinusOneToMinusThreeSkipOnlyPartOfTheirPrefix) {
   for (const int length : {-1, -2, -3}) {
     const Capture out;
     peer.send(prefix(length));
@@ -369,30 +369,31 @@ TEST_P(BadInput, LengthsOfMinusOneToMinusThreeLeaveTheRestOfTheirPrefix) {
   }
 }
 
-TEST_P(BadInput, FrameSplitInItsPrefixIsAnswered) {
+TEST_P(BadInputToAClient, FrameSplitInItsPrefixIsAnswered) {
   const std::string whole = frame(call_payload("alive", 1));
   peer.send(whole.substr(0, 2));
   peer.send(whole.substr(2));
   EXPECT_TRUE(peer.read_message());
 }
 
-TEST_P(BadInput, HalfAFrameThenTheEndIsTheEnd) {
+TEST_P(BadInputToAClient, EndInsideAFrameIsAnOrdinaryEnd) {
   peer.send(prefix(1000) + "half");
   peer.close();
   EXPECT_TRUE(eventually([this] { return !client->isok(); }));
 }
 
-TEST_P(BadInput, HugeLengthIsOnlyWaitedFor) {
+TEST_P(BadInputToAClient, HugeLengthReservesNoMemory) {
   const long before = resident_kib();
   peer.send(prefix(std::numeric_limits<int>::max()) + "little");
   EXPECT_TRUE(peer.is_quiet());
   EXPECT_TRUE(client->isok());
-  EXPECT_LT(resident_kib() - before, 200L * 1024) << "memory follows what came, not what was said";
+  EXPECT_LT(resident_kib() - before, 200L * 1024)
+      << "memory follows the bytes received, not the declared length";
 }
 
-TEST_P(BadInput, ReadThatIsOneFrameOvertakesHalfAFrame) {
+TEST_P(BadInputToAClient, ReadOfOneWholeFrameOvertakesAPartialFrame) {
   peer.send(prefix(100000) + "half");
-  // Two writes may come in one read; then both wait. Until one comes alone, which the answer shows.
+  // One read may return two writes; then both wait. So this repeats until a frame is read alone.
   EXPECT_TRUE(eventually([this] {
     peer.send_frame(call_payload("alive", 1));
     return peer.read_frame(Milliseconds(50)).has_value();

@@ -1,4 +1,4 @@
-// What the tests of closed and of lost connections share.
+// The fixture of the tests of closed and of lost connections.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,5 @@
-// Every envelope that there is, sent to a live client by its server. Each is answered as the format
-// says or not at all; a call of the client's own waits undisturbed, memory stays.
+// A server sends a client every possible envelope. The client answers each one as the format says,
+// or not at all; a waiting call of the client is not disturbed, and no memory is lost.
 #include "tests/e2e/client_fixture.h"
 #include "tests/e2e/support/envelopes.h"
 #include "tests/e2e/support/process_state.h"
@@ -19,14 +19,14 @@ class EveryEnvelopeToAClient : public WithRawServer {
     connect();
   }
 
-  // Whether the client comes through `batch` with a call of its own waiting.
+  // Expects that `batch` leaves a waiting call of the client undisturbed.
   template <class Batch>
   void expect_undisturbed(const Batch& batch) {
     CallMeanwhile waiting(client.get(), "question", kOwnCallId, 0);
     const auto question = peer.read_message();
     ASSERT_TRUE(question);
     batch();
-    EXPECT_FALSE(waiting.is_done(Milliseconds(0))) << "woken by a stranger";
+    EXPECT_FALSE(waiting.is_done(Milliseconds(0))) << "a foreign message woke it";
     EXPECT_TRUE(client->isok());
     peer.send_frame(reply_payload(*question, BlockWriter().add("answer")));
     EXPECT_EQ(string_at(waiting.result(), 0), "answer");
@@ -62,7 +62,7 @@ class EveryEnvelopeToAClient : public WithRawServer {
           empty += envelope.read_name() ? 0 : 1;
         });
         const auto alive = call_client("echo", BlockWriter().add("alive").bytes());
-        ASSERT_TRUE(alive) << name.shown;  // and nothing came that was not asked for
+        ASSERT_TRUE(alive) << name.shown;  // and no unexpected message came before
         EXPECT_EQ(alive->string_at(0), "alive") << name.shown;
         EXPECT_EQ(capture.count("event empty!"), empty) << name.shown;
       });
@@ -72,20 +72,20 @@ class EveryEnvelopeToAClient : public WithRawServer {
 };
 TOLK_OVER_TRANSPORTS(EveryEnvelopeToAClient);
 
-TEST_P(EveryEnvelopeToAClient, IsReadByItsTypes) { exchange_all(); }
+TEST_P(EveryEnvelopeToAClient, IsReadByTheTypesOfItsFields) { exchange_all(); }
 
 class EnvelopesToAPipeClient : public EveryEnvelopeToAClient {};
 INSTANTIATE_TEST_SUITE_P(, EnvelopesToAPipeClient, testing::Values(Transport::pipe),
                          transport_name);
 
-TEST_P(EnvelopesToAPipeClient, LeaveNoMemory) {
+TEST_P(EnvelopesToAPipeClient, LeakNoMemory) {
   exchange_all();
   const long before = resident_kib();
   exchange_all();
   EXPECT_LT(resident_kib() - before, kGrowthKib + held_back_kib());
 }
 
-TEST_P(EveryEnvelopeToAClient, AtRandomDisturbsNobody) {
+TEST_P(EveryEnvelopeToAClient, AtRandomDisturbsNoOtherCall) {
   const unsigned seed = test_seed();
   SCOPED_TRACE("--gtest_random_seed=" + std::to_string(seed));
   RecordProperty("seed", std::to_string(seed));
@@ -97,7 +97,7 @@ TEST_P(EveryEnvelopeToAClient, AtRandomDisturbsNobody) {
     for (auto answer = peer.read_message(); answer; answer = peer.read_message()) {
       if (answer->token() == "the end") return;
     }
-    FAIL() << "the client answers no more";
+    FAIL() << "the client no longer answers";
   });
 }
 

@@ -1,5 +1,4 @@
-// What the tests of the client start from: a client of the library's and a plain-socket server that
-// it talks to, over each transport.
+// The fixture of the client tests: a library client and a plain-socket server, over each transport.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,7 +18,7 @@
 
 namespace tolk::test {
 
-// Something that another thread does meanwhile.
+// An action on another thread.
 class Meanwhile {
  public:
   explicit Meanwhile(std::function<void()> action)
@@ -33,7 +32,7 @@ class Meanwhile {
   std::future<void> done_;
 };
 
-// A call that another thread makes meanwhile.
+// A call on another thread.
 class CallMeanwhile {
  public:
   CallMeanwhile(IClient* client, const char* name, int call_id, int timeout_ms)

@@ -1,16 +1,16 @@
-// Connections that are lost, and what a client finds that connects again.
+// Lost connections, and the state of a client that connects again.
 #include "tests/e2e/client_ending.h"
 
 namespace tolk::test {
 namespace {
 
-class Losing : public Ending {};
-TOLK_OVER_TRANSPORTS(Losing);
+class LostConnection : public Ending {};
+TOLK_OVER_TRANSPORTS(LostConnection);
 
-class Reconnecting : public Ending {};
-TOLK_OVER_TRANSPORTS(Reconnecting);
+class Reconnect : public Ending {};
+TOLK_OVER_TRANSPORTS(Reconnect);
 
-TEST_P(Losing, TheServerIsTheseLinesAndTheClientIsOffline) {
+TEST_P(LostConnection, PrintsItsLinesAndDisconnectsTheClient) {
   Counter deleted;
   client->method("m", answering("x", deleted));
   connect();
@@ -22,7 +22,7 @@ TEST_P(Losing, TheServerIsTheseLinesAndTheClientIsOffline) {
   EXPECT_EQ(out.text(), first + "\n" + tcp_only("run out\n"));
 }
 
-TEST_P(Losing, TheServerCallsTheHookOnceAndThenWakesTheCalls) {
+TEST_P(LostConnection, CallsTheHookOnceAndThenWakesTheCalls) {
   Counter called;
   std::atomic<int> id{0};
   std::atomic<bool> was_connected{false};
@@ -54,7 +54,7 @@ TEST_P(Losing, TheServerCallsTheHookOnceAndThenWakesTheCalls) {
   EXPECT_EQ(called.value(), 1);
 }
 
-TEST_P(Losing, TheServerByAResetIsTheSame) {
+TEST_P(LostConnection, ByAResetPrintsTheSameLine) {
   connect();
   const Capture out;
   peer.reset();
@@ -62,7 +62,7 @@ TEST_P(Losing, TheServerByAResetIsTheSame) {
   EXPECT_NE(out.line_starting("Server Closed: "), "");
 }
 
-TEST_P(Losing, TheServerWakesTheCallsOfAllClients) {
+TEST_P(LostConnection, WakesTheCallsOfAllClients) {
   connect();
   const ClientPtr other = make_client();
   RawSocket its_peer;
@@ -74,7 +74,7 @@ TEST_P(Losing, TheServerWakesTheCallsOfAllClients) {
   EXPECT_TRUE(other->isok());
 }
 
-TEST_P(Losing, TheServerLeavesCloseNothingToDo) {
+TEST_P(LostConnection, LeavesCloseNothingToDo) {
   connect();
   peer.close();
   ASSERT_TRUE(goes_offline());
@@ -85,7 +85,7 @@ TEST_P(Losing, TheServerLeavesCloseNothingToDo) {
   EXPECT_EQ(out.count("Client Closed!"), 0);
 }
 
-TEST_P(Losing, TheServerReturnsAllCallersOfAllThreads) {
+TEST_P(LostConnection, WakesTheCallersOfAllThreads) {
   for (int round = 0; round < 10; ++round) {
     connect();
     std::vector<std::thread> callers;
@@ -104,7 +104,7 @@ TEST_P(Losing, TheServerReturnsAllCallersOfAllThreads) {
   }
 }
 
-TEST_P(Losing, CloseFromTheHookDoesNotWaitForItself) {
+TEST_P(LostConnection, CloseFromTheHookDoesNotWaitForItself) {
   IClient* const raw = client.get();
   Counter deleted;
   client->method("s_c_closed",
@@ -119,7 +119,7 @@ TEST_P(Losing, CloseFromTheHookDoesNotWaitForItself) {
                             tcp_only("run out\n"));
 }
 
-TEST_P(Losing, CallsAndConnectsFromTheHookReturn) {
+TEST_P(LostConnection, CallsAndConnectsFromTheHookReturn) {
   IClient* const raw = client.get();
   const Address where = address;
   Counter done;
@@ -136,7 +136,7 @@ TEST_P(Losing, CallsAndConnectsFromTheHookReturn) {
   EXPECT_TRUE(goes_offline());
 }
 
-TEST_P(Losing, HookMayCallThroughAnotherClient) {
+TEST_P(LostConnection, HookMayCallThroughAnotherClient) {
   const ClientPtr other = make_client();
   RawSocket its_peer;
   connect(other.get(), its_peer);
@@ -151,7 +151,7 @@ TEST_P(Losing, HookMayCallThroughAnotherClient) {
   EXPECT_EQ(message->name(), "he is gone");
 }
 
-TEST_P(Losing, DestroyingFromTheHookEnds) {
+TEST_P(LostConnection, DestroyFromTheHookReturns) {
   IClient* const raw = client.release();
   Counter destroyed;
   Counter deleted;
@@ -167,7 +167,7 @@ TEST_P(Losing, DestroyingFromTheHookEnds) {
   EXPECT_TRUE(ends(deleted));
 }
 
-TEST_P(Losing, DestroyingFromAHandlersDestructorEnds) {
+TEST_P(LostConnection, DestroyFromAHandlersDestructorReturns) {
   IClient* const raw = client.release();
   Counter destroyed;
   raw->method("m", new LastWords([raw, destroyed]() mutable {
@@ -179,7 +179,7 @@ TEST_P(Losing, DestroyingFromAHandlersDestructorEnds) {
   EXPECT_TRUE(destroyed.wait_for(1));
 }
 
-TEST_P(Losing, DestroyingWhileTheHookRunsWaitsForIt) {
+TEST_P(LostConnection, DestroyWaitsForTheRunningHook) {
   Gate gate;
   const OpenAtEnd at_end(gate);
   Counter deleted;
@@ -195,7 +195,7 @@ TEST_P(Losing, DestroyingWhileTheHookRunsWaitsForIt) {
   EXPECT_EQ(deleted.value(), 1);
 }
 
-TEST_P(Losing, ThrowingHookDoesNoHarm) {
+TEST_P(LostConnection, ThrowingHookStillWakesTheCalls) {
   client->method("s_c_closed", on_call([](int, TolkParams*, TolkParams*) { throw 7; }));
   connect();
   CallMeanwhile call(client.get(), "m", 1, 0);
@@ -205,7 +205,7 @@ TEST_P(Losing, ThrowingHookDoesNoHarm) {
   EXPECT_TRUE(goes_offline());
 }
 
-TEST_P(Losing, NullHookIsAbsent) {
+TEST_P(LostConnection, NullHookIsNotCalled) {
   client->method("s_c_closed", nullptr);
   connect();
   const Capture out;
@@ -214,7 +214,7 @@ TEST_P(Losing, NullHookIsAbsent) {
   EXPECT_EQ(out.count("close server event!"), 0);
 }
 
-TEST_P(Losing, BusyHandlersReplyGoesNowhere) {
+TEST_P(LostConnection, ReplyOfARunningHandlerPrintsWriteErrors) {
   Gate gate;
   const OpenAtEnd at_end(gate);
   Counter deleted;
@@ -225,7 +225,7 @@ TEST_P(Losing, BusyHandlersReplyGoesNowhere) {
   peer.close();
   ASSERT_TRUE(goes_offline());
   char any[] = "x";
-  client->log(any, 0);  // both lines are failures, which every level has
+  client->log(any, 0);  // both lines report failures, which every level prints
   const Capture out;
   gate.open();
   EXPECT_TRUE(ends(deleted));
@@ -233,7 +233,7 @@ TEST_P(Losing, BusyHandlersReplyGoesNowhere) {
   EXPECT_EQ(out.count("write error"), 1);
 }
 
-TEST_P(Losing, LevelZeroLeavesTheLinesThatAreNoEvents) {
+TEST_P(LostConnection, LogLevelZeroKeepsTheLinesThatAreNotEvents) {
   char any[] = "x";
   client->log(any, 0);
   client->method("s_c_closed", on_call([](int, TolkParams*, TolkParams*) {}));
@@ -249,7 +249,7 @@ TEST_P(Losing, LevelZeroLeavesTheLinesThatAreNoEvents) {
                             "sendmsgex: disconnect... .. .\n");
 }
 
-TEST_P(Losing, LevelZeroLeavesNoLineOfACloseButTheLoops) {
+TEST_P(LostConnection, LogLevelZeroKeepsOnlyTheLoopsLinesOfAClose) {
   char any[] = "x";
   client->log(any, 0);
   const Capture out;
@@ -258,7 +258,7 @@ TEST_P(Losing, LevelZeroLeavesNoLineOfACloseButTheLoops) {
   EXPECT_EQ(out.text(), tcp_only("run\nrun out\n"));
 }
 
-TEST_P(Reconnecting, FindsTheMethodTableEmpty) {
+TEST_P(Reconnect, StartsWithAnEmptyMethodTable) {
   Counter deleted;
   client->method("m", answering("x", deleted));
   connect();
@@ -271,7 +271,7 @@ TEST_P(Reconnecting, FindsTheMethodTableEmpty) {
   }
 }
 
-TEST_P(Reconnecting, HandlersRegisteredInBetweenServe) {
+TEST_P(Reconnect, CallsHandlersRegisteredInBetween) {
   connect();
   client->close();
   client->method("m", answering("again"));
@@ -281,7 +281,7 @@ TEST_P(Reconnecting, HandlersRegisteredInBetweenServe) {
   EXPECT_EQ(reply->string_at(0), "again");
 }
 
-TEST_P(Reconnecting, CatchAllOfTheEarlierConnectionIsNotDeletedAgain) {
+TEST_P(Reconnect, DeletesTheEarlierCatchAllOnlyOnce) {
   Counter deleted;
   client->methodall(on_any_call([](auto...) {}, deleted));
   for (int round = 0; round < 3; ++round) {
@@ -291,7 +291,7 @@ TEST_P(Reconnecting, CatchAllOfTheEarlierConnectionIsNotDeletedAgain) {
   }
 }
 
-TEST_P(Reconnecting, LosesTheSecondServerLikeTheFirst) {
+TEST_P(Reconnect, LaterLossPrintsTheSameLine) {
   for (int round = 0; round < 3; ++round) {
     connect();
     const Capture out;
@@ -301,7 +301,7 @@ TEST_P(Reconnecting, LosesTheSecondServerLikeTheFirst) {
   }
 }
 
-TEST_P(Reconnecting, StartsWithAnEmptyReceiveBuffer) {
+TEST_P(Reconnect, StartsWithAnEmptyReceiveBuffer) {
   connect();
   peer.send(prefix(1000) + "half a frame");
   peer.close();
@@ -312,7 +312,7 @@ TEST_P(Reconnecting, StartsWithAnEmptyReceiveBuffer) {
   EXPECT_TRUE(peer.read_message());
 }
 
-TEST_P(Reconnecting, HasNoSweepOfItsOwnAnyMore) {
+TEST_P(Reconnect, HasNoTimeoutSweep) {
   connect();
   client->close();
   connect();
@@ -325,7 +325,7 @@ TEST_P(Reconnecting, HasNoSweepOfItsOwnAnyMore) {
   EXPECT_EQ(call.result(), nullptr) << "the first sweep of any client ends it";
 }
 
-TEST_P(Reconnecting, ResultsOfTheEarlierConnectionStay) {
+TEST_P(Reconnect, KeepsEarlierResults) {
   connect();
   CallMeanwhile call(client.get(), "m", 7, 0);
   const auto message = peer.read_message();
@@ -337,8 +337,8 @@ TEST_P(Reconnecting, ResultsOfTheEarlierConnectionStay) {
   EXPECT_EQ(string_at(held, 0), "kept");
 }
 
-TEST_P(Reconnecting, WaitsUntilTheEarlierConnectionHasEnded) {
-  // The hook keeps the old session from ending; the client is connected until the hook returns.
+TEST_P(Reconnect, WaitsUntilTheEarlierConnectionHasEnded) {
+  // The destructor of the handler keeps the old session from ending.
   Gate gate;
   const OpenAtEnd at_end(gate);
   client->method("m", new LastWords([gate]() mutable { gate.pass(); }));

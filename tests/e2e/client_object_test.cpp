@@ -1,4 +1,4 @@
-// A client object before and beside its connections.
+// A client object without a connection, and its settings.
 #include "tests/e2e/client_fixture.h"
 
 namespace tolk::test {
@@ -9,9 +9,9 @@ TOLK_OVER_TRANSPORTS(ClientObject);
 
 char* text(const char* characters) { return const_cast<char*>(characters); }
 
-TEST(Client, NewOneIsNotConnected) { EXPECT_FALSE(make_client()->isok()); }
+TEST(Client, StartsUnconnected) { EXPECT_FALSE(make_client()->isok()); }
 
-TEST(Client, EveryCallOfAnUnconnectedClientSaysSoAndReturnsNull) {
+TEST(Client, CallsWithoutAConnectionPrintALineAndReturnNull) {
   const ClientPtr client = make_client();
   TolkParams arguments;
   arguments.AddInt(1);
@@ -28,7 +28,7 @@ TEST(Client, EveryCallOfAnUnconnectedClientSaysSoAndReturnsNull) {
   EXPECT_EQ(arguments.Size(), 9) << "the arguments of a call that was not made stay";
 }
 
-TEST(Client, LevelZeroSilencesEventsButNotFailedCalls) {
+TEST(Client, LogLevelZeroSilencesEventsButNotFailedCalls) {
   const ClientPtr client = make_client();
   const Capture out;
   EXPECT_TRUE(client->log(text("any text"), 0));
@@ -40,14 +40,14 @@ TEST(Client, LevelZeroSilencesEventsButNotFailedCalls) {
   EXPECT_EQ(out.count("Client Closing!"), 1);
 }
 
-TEST(Client, LogTextIsOnlyTestedForBeingThere) {
+TEST(Client, LogReturnsFalseForAnEmptyText) {
   const ClientPtr client = make_client();
   EXPECT_TRUE(client->log(text("file"), 1));
   EXPECT_FALSE(client->log(text(""), 1));
   EXPECT_FALSE(client->log(nullptr, 1));
 }
 
-TEST(Client, LevelCountsAlsoWhenTheTextIsEmpty) {
+TEST(Client, LogSetsTheLevelEvenWithAnEmptyText) {
   const ClientPtr client = make_client();
   const Capture out;
   EXPECT_FALSE(client->log(text(""), 0));
@@ -55,14 +55,14 @@ TEST(Client, LevelCountsAlsoWhenTheTextIsEmpty) {
   EXPECT_EQ(out.text(), "");
 }
 
-TEST(Client, CloseOfAnUnconnectedClientIsTwoLines) {
+TEST(Client, CloseWithoutAConnectionPrintsTwoLines) {
   const ClientPtr client = make_client();
   const Capture out;
   client->close();
   EXPECT_EQ(out.text(), "Client Closing!\nclient closeasync\n");
 }
 
-TEST(Client, DestroyingPausesEvenWhenItNeverConnected) {
+TEST(Client, DestroyPausesEvenIfNeverConnected) {
   IClient* const client = CreateClient();
   const Capture out;
   const Stopwatch watch;
@@ -71,7 +71,7 @@ TEST(Client, DestroyingPausesEvenWhenItNeverConnected) {
   EXPECT_EQ(out.text(), "");
 }
 
-TEST(Client, DestroyingNothingIsHarmless) {
+TEST(Client, DestroyOfNullDoesNothing) {
   const Stopwatch watch;
   DestroyClient(nullptr);
   EXPECT_LT(watch.elapsed(), Milliseconds(200));
@@ -91,7 +91,7 @@ TEST(Client, HandlersOfAClientThatNeverConnectedAreNotDeleted) {
   delete all;
 }
 
-TEST(Client, PieceSizeIsOneForTheProcess) {
+TEST(Client, PieceSizeIsSharedByTheProcess) {
   const ClientPtr one = make_client();
   const ClientPtr other = make_client();
   const ServerPtr server = make_server();
@@ -105,7 +105,7 @@ TEST(Client, PieceSizeIsOneForTheProcess) {
   one->SetBigfileBufferSize(32768);
 }
 
-TEST(Client, SettersOfAnUnconnectedClientAreHarmless) {
+TEST(Client, SettersWithoutAConnectionDoNoHarm) {
   const ClientPtr client = make_client();
   client->SetTimeoutStep(5);
   client->SetTimeoutStep(-5);
@@ -118,7 +118,7 @@ TEST(Client, SettersOfAnUnconnectedClientAreHarmless) {
   EXPECT_FALSE(client->isok());
 }
 
-TEST_P(ClientObject, TimeoutStepNeverChangesThePeriodOfTheSweep) {
+TEST_P(ClientObject, TimeoutStepDoesNotChangeTheSweepPeriod) {
   connect();
   for (const int step : {1, 30000, 0, -1}) {
     client->SetTimeoutStep(step);
@@ -129,7 +129,7 @@ TEST_P(ClientObject, TimeoutStepNeverChangesThePeriodOfTheSweep) {
   }
 }
 
-TEST_P(ClientObject, ResultsEndWithClearRetvalMem) {
+TEST_P(ClientObject, ClearRetvalMemDropsResults) {
   connect();
   CallMeanwhile call(client.get(), "m", 9, 0);
   const auto message = peer.read_message();

@@ -1,4 +1,4 @@
-// What clients leave of the process that they run in: descriptors, threads, exits.
+// Clients and their process: descriptors, threads, exit.
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -14,7 +14,7 @@ class InTheProcess : public OverTransports {
   // Runs `round` many times; afterwards there are as many descriptors and threads as before.
   template <class Round>
   void expect_flat(int count, const Round& round) {
-    for (int i = 0; i < rounds(10); ++i) round();  // what is made once is made now
+    for (int i = 0; i < rounds(10); ++i) round();  // so that what the process creates once exists
     ASSERT_TRUE(eventually([] { return open_loops() == 0; }));
     const int descriptors = most_descriptors();
     const int running = most_threads();
@@ -26,25 +26,26 @@ class InTheProcess : public OverTransports {
 };
 TOLK_OVER_TRANSPORTS(InTheProcess);
 
-TEST_P(InTheProcess, ServersThatHangUpLeaveNothing) {
+TEST_P(InTheProcess, ServersThatHangUpLeakNothing) {
   const ClientPtr client = make_client();
   RawListener listener(address);
   std::atomic<bool> done{false};
   std::thread hanging_up([&] {
     while (!done) listener.accept(Milliseconds(10)).close();
   });
-  // A thousand and more over the three transports; each takes the pause at the end of a connection.
+  // More than a thousand over the three transports; each includes the pause at the end of a
+  // connection.
   expect_flat(rounds(350), [&] { EXPECT_FALSE(connect_client(client.get(), address)); });
   done = true;
   hanging_up.join();
 }
 
-TEST_P(InTheProcess, ManyFailedConnectsLeaveNothing) {
+TEST_P(InTheProcess, FailedConnectsLeakNothing) {
   const ClientPtr client = make_client();
   expect_flat(rounds(1000), [&] { EXPECT_FALSE(connect_client(client.get(), address)); });
 }
 
-TEST_P(InTheProcess, ManyConnectionsClosedOrLostLeaveNothing) {
+TEST_P(InTheProcess, ClosedAndLostConnectionsLeakNothing) {
   RawServer server(address);
   int round = 0;
   const ClientPtr client = make_client();
@@ -75,12 +76,12 @@ TEST_P(InTheProcess, LossOfTheServerDuringWritesDoesNotEndTheProcess) {
   }
 }
 
-// The body runs in a program of its own each time.
+// The body runs in a separate process each time.
 using ExitOfTheProcess = InTheProcess;
 TOLK_OVER_TRANSPORTS(ExitOfTheProcess);
 
 [[noreturn]] void exit_with_everything_running(const Address& address) {
-  // Static, so that they count as held until the very end.
+  // Static, so that a leak checker finds them until the process ends.
   static IServer* const server = CreateServer();
   static IClient* const client = CreateClient();
   server->method("echo", answering("x"));
@@ -117,7 +118,7 @@ TEST_P(ExitOfTheProcess, WithARunningClientAndServerIsClean) {
   std::exit(works && waits ? 0 : 1);
 }
 
-TEST_P(ExitOfTheProcess, DoesNotWaitForAHandlerThatWaits) {
+TEST_P(ExitOfTheProcess, DoesNotWaitForAWaitingHandler) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(exit_with_a_handler_that_waits(fresh_address(GetParam()), fresh_address(GetParam())),
               testing::ExitedWithCode(0), "");

@@ -27,7 +27,7 @@ class Replies : public WithRawServer {
     connect();
   }
 
-  // Everything that was sent so far has been read by the client.
+  // Returns when the client has read everything that was sent so far.
   void settle() { ASSERT_TRUE(client_answers()); }
 
   // A call that is answered at once.
@@ -61,10 +61,10 @@ TEST_P(Replies, ReplyWithoutTokenIsStoredAndWakesNobody) {
   peer.send_frame(reply_to(7, 42));
   settle();
   EXPECT_FALSE(call.is_done(Milliseconds(0)));
-  EXPECT_EQ(int_in(call.result()), 42) << "found when the time is over";
+  EXPECT_EQ(int_in(call.result()), 42) << "returned when the call times out";
 }
 
-TEST_P(Replies, TokenThatIsNotTheCallsWakesNobody) {
+TEST_P(Replies, WrongTokenWakesNobody) {
   CallMeanwhile call(client.get(), "m", 7, 0);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
@@ -90,7 +90,7 @@ TEST_P(Replies, TokenThatIsNotTheCallsWakesNobody) {
   EXPECT_EQ(int_in(call.result()), 2);
 }
 
-TEST_P(Replies, TokenDoesNotFollowTheHostsLocale) {
+TEST_P(Replies, TokenIgnoresTheLocale) {
   struct Grouping : std::numpunct<char> {
     char do_thousands_sep() const override { return '.'; }
     std::string do_grouping() const override { return "\1"; }
@@ -104,7 +104,7 @@ TEST_P(Replies, TokenDoesNotFollowTheHostsLocale) {
   std::locale::global(before);
 }
 
-TEST_P(Replies, LateReplyFillsTheSlotAndTheNextCallEmptiesIt) {
+TEST_P(Replies, LateReplyIsDroppedByTheNextCallWithItsId) {
   CallMeanwhile call(client.get(), "m", 7, 1);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
@@ -115,7 +115,7 @@ TEST_P(Replies, LateReplyFillsTheSlotAndTheNextCallEmptiesIt) {
   EXPECT_EQ(next.result(), nullptr);
 }
 
-TEST_P(Replies, LateReplyIsWhatTheNextCallOfItsIdReturnsWhenThatTimesOut) {
+TEST_P(Replies, LateReplyIsReturnedByATimedOutCallWithItsId) {
   CallMeanwhile call(client.get(), "first", 7, 1);
   const auto first = peer.read_message();
   ASSERT_TRUE(first);
@@ -145,7 +145,7 @@ TEST_P(Replies, LateReplyWakesNoLaterCallOfTheSameThread) {
   EXPECT_TRUE(caller.is_done());
 }
 
-TEST_P(Replies, ReplyForAnotherIdWithTheCallsTokenWakesItEmptyHanded) {
+TEST_P(Replies, ReplyWithAnotherCallIdWakesTheCallWithoutResult) {
   CallMeanwhile call(client.get(), "m", 7, 0);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
@@ -153,7 +153,7 @@ TEST_P(Replies, ReplyForAnotherIdWithTheCallsTokenWakesItEmptyHanded) {
   EXPECT_EQ(call.result(), nullptr);
 }
 
-TEST_P(Replies, SecondReplyOfATokenWakesNobodyButRefreshes) {
+TEST_P(Replies, SecondReplyRefreshesTheResultAndWakesNobody) {
   CallMeanwhile call(client.get(), "m", 7, 0);
   const auto message = peer.read_message();
   ASSERT_TRUE(message);
@@ -190,7 +190,7 @@ TEST_P(Replies, MalformedReplyIsDropped) {
   EXPECT_EQ(int_in(call.result()), 2);
 }
 
-TEST_P(Replies, ReplyThatCameJustBeforeTheEndIsReturned) {
+TEST_P(Replies, ReplyJustBeforeTheLossIsReturned) {
   CallMeanwhile call(client.get(), "m", 7, 0);
   ASSERT_TRUE(peer.read_message());
   peer.send_frame(reply_to(7, 5));  // no token: only the end wakes the call
@@ -198,7 +198,7 @@ TEST_P(Replies, ReplyThatCameJustBeforeTheEndIsReturned) {
   EXPECT_EQ(int_in(call.result()), 5);
 }
 
-TEST_P(Replies, RepliesOfManyCallersMayComeInAnyOrder) {
+TEST_P(Replies, RepliesMayComeInAnyOrder) {
   constexpr int kCallers = 8;
   std::vector<std::unique_ptr<CallMeanwhile>> callers;
   std::vector<Message> messages;

@@ -3,9 +3,9 @@
 
 #include <thread>
 
+#include "tests/child_process.h"
 #include "tests/e2e/client_fixture.h"
 #include "tests/e2e/support/server_test.h"
-#include "tests/platform/child_process.h"
 
 namespace tolk::test {
 namespace {
@@ -33,7 +33,7 @@ TEST_P(ForkedClient, IsNotConnected) {
   EXPECT_NE(call.result(), nullptr);
 }
 
-TEST_P(ForkedClient, FindsNoConnectionEvenWhileTheParentCalls) {
+TEST_P(ForkedClient, HasNoConnectionEvenWhileTheParentCalls) {
   const ServerPtr server = make_server();
   Gate gate;
   const OpenAtEnd open(gate);

@@ -1,5 +1,5 @@
-// The order of the operations in the tables of the interfaces: hosts that were built with an
-// earlier release call by position. It stands in tests/abi/exports.txt, for both systems.
+// The order of the virtual functions of the interfaces: hosts that were built with an earlier
+// release call them by position. tests/abi/exports.txt lists it for both systems.
 #include <gtest/gtest.h>
 #include <tolk/tolk.h>
 
@@ -12,9 +12,9 @@
 
 namespace {
 
-// The slot of a virtual operation, counted in the order of declaration. The compilers' pointer to
-// it holds its place in the table, times the size of an entry, plus one; in the table a destructor,
-// which is the first where there is one, has two entries.
+// The slot of a virtual function, counted in the order of declaration. The compilers' pointer to it
+// holds its position in the virtual table, times the size of an entry, plus one. A destructor,
+// which is always the first function, has two entries.
 template <class Interface, class Operation>
 int slot_of(Operation operation) {
   std::ptrdiff_t place = 0;
@@ -86,7 +86,7 @@ std::vector<std::string> slots_of_the_file() {
   return lines;
 }
 
-TEST(Exports, OperationsHaveTheSlotsThatHostsWereBuiltWith) {
+TEST(Exports, VirtualTableSlotsNeverChange) {
   EXPECT_EQ(slots_of_the_headers(), slots_of_the_file());
 }
 

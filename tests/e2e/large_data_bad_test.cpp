@@ -1,4 +1,4 @@
-// Pieces that no sender of this library makes: every one is answered, and changes nothing.
+// Malformed pieces: the receiver answers each one and drops it.
 #include <gmock/gmock.h>
 
 #include "tests/e2e/large_peer.h"
@@ -26,7 +26,7 @@ BlockWriter header(int call_id) {
   return BlockWriter().keyed("s_c_largedata", true).keyed("s_c_sw_threadid", call_id);
 }
 
-// Each is a piece that says "one byte of one", but for one mistake.
+// Each is a complete piece of one byte with one mistake.
 std::vector<std::string> mistaken_pieces() {
   const Scalar byte = Stream{"x"};
   return {
@@ -65,7 +65,7 @@ class BadPieces : public OverTransports {
   std::optional<Message> send(const std::optional<std::string>& arguments) {
     return client->call("s_c_req_body", kLargeCallId, arguments);
   }
-  // A large call that is all right, with the call id of the bad ones.
+  // A correct large call with the call id of the bad ones.
   std::string result_of_good_call() {
     const std::string call = large_call(BlockWriter(), "hello", kLargeCallId);
     client->post("s_c_req_body", kLargeCallId,
@@ -82,7 +82,7 @@ class BadPieces : public OverTransports {
 };
 TOLK_OVER_TRANSPORTS(BadPieces);
 
-TEST_P(BadPieces, MissingAndMistypedFieldsCountAsIncompleteAndAreForgotten) {
+TEST_P(BadPieces, MissingAndMistypedFieldsAreAnsweredWithZeroAndDropped) {
   EXPECT_THAT(numbers_in(send(std::nullopt)), ElementsAre(kTaken));
   for (const std::string& piece : mistaken_pieces()) {
     EXPECT_THAT(numbers_in(send(piece)), ElementsAre(kTaken));
@@ -90,14 +90,14 @@ TEST_P(BadPieces, MissingAndMistypedFieldsCountAsIncompleteAndAreForgotten) {
   EXPECT_EQ(result_of_good_call(), "hello");
 }
 
-TEST_P(BadPieces, PieceWithoutBytesIsAnEmptyOne) {
+TEST_P(BadPieces, PieceWithoutBytesIsEmpty) {
   EXPECT_THAT(numbers_in(send(header(kLargeCallId).add(1).bytes())), ElementsAre(kTaken));
-  // Nothing of nothing: a block without a name.
+  // A total of 0: an empty block, which has no name.
   EXPECT_THAT(numbers_in(send(header(kLargeCallId).add(0).bytes())),
               ElementsAre(kMalformed, kTaken));
 }
 
-TEST_P(BadPieces, BlockThatDoesNotParseIsAnsweredWithMinusOneAndDropped) {
+TEST_P(BadPieces, MalformedBlockIsAnsweredWithMinusOneAndDropped) {
   EXPECT_THAT(numbers_in(send(piece_arguments(kLargeCallId, 1, "x"))),
               ElementsAre(kMalformed, kTaken));
   EXPECT_THAT(numbers_in(send(piece_arguments(kLargeCallId, 3, "xy"))), ElementsAre(kTaken));
@@ -124,7 +124,7 @@ TEST_P(BadPieces, BlockWithoutANameIsAnsweredWithMinusOne) {
   }
 }
 
-TEST_P(BadPieces, MoreBytesThanDeclaredAreOneBlock) {
+TEST_P(BadPieces, BytesBeyondTheDeclaredTotalBelongToTheBlock) {
   const std::string call = large_call(BlockWriter(), "hello", kLargeCallId);
   for (const int declared : {1, 0, -5}) {
     client->post("s_c_req_body", kLargeCallId, piece_arguments(kLargeCallId, declared, call));
@@ -136,7 +136,7 @@ TEST_P(BadPieces, MoreBytesThanDeclaredAreOneBlock) {
   }
 }
 
-TEST_P(BadPieces, HugeDeclaredTotalsHoldNoMemory) {
+TEST_P(BadPieces, HugeDeclaredTotalReservesNoMemory) {
   for (int id = 1000; id < 1200; ++id) {
     const auto answer =
         client->call("s_c_req_body", id, piece_arguments(id, 0x7FFFFFFF, pattern(10)));
@@ -153,9 +153,7 @@ std::string nested_pieces(int depth, int call_id) {
         .add(static_cast<int>(inner))
         .bytes();
   };
-  const auto append_word = [](std::string& to, std::size_t word) {
-    for (unsigned i = 0; i < 4; ++i) to.push_back(static_cast<char>(word >> (8 * i)));
-  };
+  const auto size_word = [](std::size_t size) { return word(static_cast<std::uint32_t>(size)); };
   constexpr std::size_t kStreamRecordBytes = 9;
   std::vector<std::size_t> sizes{large_call(BlockWriter(), "hello", call_id).size()};
   for (int i = 0; i < depth; ++i) {
@@ -164,15 +162,14 @@ std::string nested_pieces(int depth, int call_id) {
   std::string block;
   for (std::size_t i = sizes.size() - 1; i > 0; --i) {
     block += head(sizes[i - 1]);
-    block += '\x04';
-    append_word(block, sizes[i - 1]);
+    block += kStreamTag + size_word(sizes[i - 1]);
   }
   block += large_call(BlockWriter(), "hello", call_id);
-  for (std::size_t i = 1; i < sizes.size(); ++i) append_word(block, sizes[i] - 4);
+  for (std::size_t i = 1; i < sizes.size(); ++i) block += size_word(sizes[i] - 4);
   return block;
 }
 
-TEST_P(BadPieces, PieceInsideAPieceIsAnUnknownMethodHoweverDeep) {
+TEST_P(BadPieces, PieceInsideAPieceIsAnUnknownMethodAtAnyDepth) {
   for (const int depth : {1, 2, 20000}) {
     const std::string block = nested_pieces(depth, kLargeCallId);
     client->post("s_c_req_body", kLargeCallId,
@@ -186,7 +183,7 @@ TEST_P(BadPieces, PieceInsideAPieceIsAnUnknownMethodHoweverDeep) {
   EXPECT_EQ(result_of_good_call(), "hello");
 }
 
-TEST_P(BadPieces, NestedPieceForTheHeaderReceiverIsUnknownToo) {
+TEST_P(BadPieces, HeaderInsideAPieceIsAnUnknownMethod) {
   const std::string block = large_call(BlockWriter().add(0), "s_c_req_header", kLargeCallId);
   client->post("s_c_req_body", kLargeCallId,
                piece_arguments(kLargeCallId, static_cast<int>(block.size()), block));
@@ -198,7 +195,7 @@ class BadResultPieces : public OverTransports {};
 TOLK_OVER_TRANSPORTS(BadResultPieces);
 
 // The client answers them with the bare envelope, and goes on waiting for its result.
-TEST_P(BadResultPieces, AreAnsweredAndForgotten) {
+TEST_P(BadResultPieces, AreAnsweredAndDropped) {
   RawServer server(address);
   const ClientPtr client = make_client();
   ASSERT_TRUE(connect_client(client.get(), address));

@@ -1,4 +1,4 @@
-// Large calls as a server takes them: joining the pieces, the answers, the way of the result back.
+// Large calls as a server receives them: it joins the pieces, answers them, and sends the result.
 #include <gmock/gmock.h>
 
 #include "tests/e2e/large_peer.h"
@@ -45,7 +45,7 @@ std::string payload_of(const std::optional<Message>& message) {
   return message ? message->payload : "nothing came";
 }
 
-// A server of the library's and a client on plain sockets.
+// A library server and a client on plain sockets.
 class LargeCallServer : public OverTransports {
  protected:
   void SetUp() override {
@@ -65,7 +65,7 @@ class LargeCallServer : public OverTransports {
     client->socket.send_frame(
         call_payload("s_c_req_body", call_id, piece_arguments(call_id, total, bytes), "0x1"));
   }
-  // Takes a whole result in; its last piece is answered too.
+  // Receives a whole result and answers its last piece too.
   Received take_result() {
     Received result = receive_large(client->socket);
     if (result.last) client->socket.send_frame(reply_payload(*result.last));
@@ -98,7 +98,7 @@ TEST_P(LargeCallServer, LastPieceIsAnsweredWithOneAfterTheWholeResult) {
   EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
 }
 
-TEST_P(LargeCallServer, LastPieceIsNotAnsweredBeforeTheResultIsTaken) {
+TEST_P(LargeCallServer, LastPieceIsNotAnsweredBeforeTheResultIsAcknowledged) {
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto piece = read_piece(client->socket);
@@ -109,7 +109,7 @@ TEST_P(LargeCallServer, LastPieceIsNotAnsweredBeforeTheResultIsTaken) {
 }
 
 TEST_P(LargeCallServer, ResultIsCutAtThePieceSize) {
-  // Positional stream, "said", and the two keys behind them.
+  // A positional stream, "said", and the two keys after them.
   const std::size_t around = 9 + (1 + 9 + 4 + 9 + 2) + added_bytes("s_c_largedata");
   const auto sizes_of_result = [&](std::size_t total) {
     const std::string call =
@@ -125,7 +125,7 @@ TEST_P(LargeCallServer, ResultIsCutAtThePieceSize) {
   EXPECT_THAT(sizes_of_result(32769), ElementsAre(32768, 1));
   EXPECT_THAT(sizes_of_result(3 * std::size_t{32768}), ElementsAre(32768, 32768, 32768));
   const ClientPtr other = make_client();
-  other->SetBigfileBufferSize(50000);  // the process's, and so this server's too
+  other->SetBigfileBufferSize(50000);  // for the process, and so for this server too
   EXPECT_THAT(sizes_of_result(3 * std::size_t{32768}), ElementsAre(50000, 3 * 32768 - 50000));
 }
 
@@ -140,8 +140,8 @@ TEST_P(LargeCallServer, ResultPiecesNameTheCallAndTheTotal) {
             piece_arguments(kLargeCallId, first->total(), first->bytes()));
 }
 
-// On purpose: with call id 0 the pieces name 0, and the calls that carry them the worker thread's.
-TEST_P(LargeCallServer, CallIdZeroIsNamedAndNotCalledWith) {
+// On purpose: with call id 0 the pieces hold 0, but their calls have the id of the worker thread.
+TEST_P(LargeCallServer, CallIdZeroIsInThePiecesButNotInTheirCalls) {
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", 0);
   send_last(0, static_cast<int>(call.size()), call);
   const auto piece = read_piece(client->socket);
@@ -150,22 +150,23 @@ TEST_P(LargeCallServer, CallIdZeroIsNamedAndNotCalledWith) {
   EXPECT_NE(piece->call.call_id(), 0);
 }
 
-TEST_P(LargeCallServer, ResultPieceWithoutAnAnswerEndsTheSending) {
+TEST_P(LargeCallServer, UnansweredResultPieceEndsTheSending) {
   server->SetBigfileBufferSize(60);
   server->SetTimeoutStep(20);
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
-  // The first look at calls comes late, so that only the second piece has no more than its own
-  // time.
+  // The first sweep comes late, so that only the second piece times out after exactly its own
+  // limit.
   for (int piece = 0; piece < 2; ++piece) {
     const auto begin = std::chrono::steady_clock::now();
     send_last(kLargeCallId, static_cast<int>(call.size()), call);
-    ASSERT_TRUE(read_piece(client->socket).has_value());  // stays without an answer: half a second
+    ASSERT_TRUE(
+        read_piece(client->socket).has_value());  // unanswered: it times out after half a second
     EXPECT_EQ(payload_of(client->socket.read_message()), complete_answer(kLargeCallId));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, Milliseconds(500));
   }
 }
 
-// On purpose: an answer that was left from an earlier piece counts for one that was not answered.
+// On purpose: the kept answer to an earlier piece is taken for the answer to an unanswered one.
 TEST_P(LargeCallServer, StaleAnswerCountsForAResultPiece) {
   server->SetBigfileBufferSize(30);
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
@@ -173,11 +174,11 @@ TEST_P(LargeCallServer, StaleAnswerCountsForAResultPiece) {
   const auto first = read_piece(client->socket);
   ASSERT_TRUE(first.has_value());
   client->socket.send_frame(reply_payload(first->call));
-  ASSERT_TRUE(read_piece(client->socket).has_value());  // stays without an answer
-  EXPECT_TRUE(read_piece(client->socket).has_value());  // and still there is a next one
+  ASSERT_TRUE(read_piece(client->socket).has_value());  // unanswered
+  EXPECT_TRUE(read_piece(client->socket).has_value());  // and still the next one comes
 }
 
-TEST_P(LargeCallServer, UnknownMethodIsAnsweredLikeAnyCallOfOne) {
+TEST_P(LargeCallServer, UnknownMethodIsNamedInTheReply) {
   const std::string call = large_call(BlockWriter(), "nobody", kLargeCallId);
   send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto result = read_block(take_result().bytes);
@@ -185,7 +186,7 @@ TEST_P(LargeCallServer, UnknownMethodIsAnsweredLikeAnyCallOfOne) {
   EXPECT_EQ(result->string_at(0), "no event: nobody");
 }
 
-TEST_P(LargeCallServer, CatchAllTakesLargeCallsToo) {
+TEST_P(LargeCallServer, CatchAllGetsLargeCallsToo) {
   server->methodall(on_any_call([](const char* name, int, TolkParams* in, TolkParams* out) {
     out->AddString((std::string(name) + " " + string_at(in, 0)).c_str());
   }));
@@ -197,7 +198,7 @@ TEST_P(LargeCallServer, CatchAllTakesLargeCallsToo) {
   EXPECT_EQ(result->string_at(0), "anything hi");
 }
 
-TEST_P(LargeCallServer, VersionQuestionMayBeLarge) {
+TEST_P(LargeCallServer, VersionRequestMayBeALargeCall) {
   const std::string call = large_call(BlockWriter().keyed("VERSION", std::string(kVersion)),
                                       "s_c_version", kLargeCallId);
   send_last(kLargeCallId, static_cast<int>(call.size()), call);
@@ -208,7 +209,7 @@ TEST_P(LargeCallServer, VersionQuestionMayBeLarge) {
 }
 
 // Only an ordinary call closes the server.
-TEST_P(LargeCallServer, LargeCallOfTheCloseRequestIsAnUnknownMethod) {
+TEST_P(LargeCallServer, CloseRequestAsALargeCallIsAnUnknownMethod) {
   const std::string call = large_call(BlockWriter(), "s_c_close_server", kLargeCallId);
   send_last(kLargeCallId, static_cast<int>(call.size()), call);
   const auto result = read_block(take_result().bytes);
@@ -217,7 +218,7 @@ TEST_P(LargeCallServer, LargeCallOfTheCloseRequestIsAnUnknownMethod) {
   EXPECT_TRUE(server->isok());
 }
 
-TEST_P(LargeCallServer, HeaderReceiverJoinsOnItsOwn) {
+TEST_P(LargeCallServer, HeaderReceiverAssemblesSeparately) {
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   const auto total = static_cast<int>(call.size());
   // Half a block under the same id at the other receiver changes nothing here.
@@ -244,8 +245,8 @@ TEST_P(LargeCallServer, PiecesOfTwoClientsWithTheirOwnIdsDoNotMix) {
   EXPECT_EQ(*read_block(receive_large(second.socket).bytes)->at(0), Scalar(Stream{pattern(600)}));
 }
 
-// On purpose: pieces are kept by call id alone. Ids of threads are unique on a machine; who passes
-// ids of his own has to keep them apart.
+// On purpose: pieces are kept by call id alone. Ids of threads are unique on a machine; a caller
+// that passes other ids has to keep them distinct.
 TEST_P(LargeCallServer, PiecesOfTwoClientsWithTheSameIdAreMixed) {
   RawClient second(address);
   ASSERT_TRUE(second.is_greeted());
@@ -258,7 +259,7 @@ TEST_P(LargeCallServer, PiecesOfTwoClientsWithTheSameIdAreMixed) {
 }
 
 // On purpose: what an abandoned call has sent waits for the next call with its id.
-TEST_P(LargeCallServer, PiecesOfAnAbandonedCallAreJoinedToTheNextOfItsId) {
+TEST_P(LargeCallServer, PiecesOfAnAbandonedCallArePrependedToTheNextWithItsId) {
   const std::string call = large_call(BlockWriter().add(Stream{"hi"}), "echo", kLargeCallId);
   const auto total = static_cast<int>(call.size());
   ASSERT_TRUE(send(kLargeCallId, total, call.substr(0, 10)).has_value());

@@ -14,8 +14,8 @@ namespace {
 using testing::ElementsAre;
 using Sizes = std::vector<std::size_t>;
 
-// A client of the library's and a server on plain sockets.
-class LargeCallWire : public OverTransports {
+// A library client and a server on plain sockets.
+class LargeCallClient : public OverTransports {
  protected:
   void SetUp() override {
     ASSERT_TRUE(connect_client(client.get(), address));
@@ -44,8 +44,8 @@ class LargeCallWire : public OverTransports {
     return received.sizes;
   }
 
-  // How long a piece without an answer keeps the turn of calls: until then no other client's call
-  // comes.
+  // How long an unanswered piece holds the lock of calls: until then no call of another client is
+  // sent.
   Milliseconds time_of_a_piece(int fourth_argument) {
     const ClientPtr caller = make_client();
     EXPECT_TRUE(connect_client(caller.get(), address));
@@ -69,9 +69,9 @@ class LargeCallWire : public OverTransports {
   LargeCall call;
   RawSocket peer;  // ends a call that is under way, so it goes first
 };
-TOLK_OVER_TRANSPORTS(LargeCallWire);
+TOLK_OVER_TRANSPORTS(LargeCallClient);
 
-TEST_P(LargeCallWire, BlocksAreCutAtThePieceSize) {
+TEST_P(LargeCallClient, BlocksAreCutAtThePieceSize) {
   EXPECT_THAT(cut(32767), ElementsAre(32767));
   EXPECT_THAT(cut(32768), ElementsAre(32768));
   EXPECT_THAT(cut(32769), ElementsAre(32768, 1));
@@ -79,7 +79,7 @@ TEST_P(LargeCallWire, BlocksAreCutAtThePieceSize) {
   EXPECT_THAT(cut(3 * std::size_t{32768} + 1), ElementsAre(32768, 32768, 32768, 1));
 }
 
-TEST_P(LargeCallWire, AnySizeSetAnywhereCutsThePieces) {
+TEST_P(LargeCallClient, PieceSizeSetOnAnyObjectApplies) {
   client->SetBigfileBufferSize(100);
   EXPECT_THAT(cut(200), ElementsAre(100, 100));
   const ServerPtr other = make_server();
@@ -92,8 +92,8 @@ TEST_P(LargeCallWire, AnySizeSetAnywhereCutsThePieces) {
   EXPECT_THAT(cut(3 * std::size_t{32768}), ElementsAre(3 * std::size_t{32768}));
 }
 
-// On purpose: the setting is not checked; only a sender takes the default for what can't be sent.
-TEST_P(LargeCallWire, SizesThatCannotBeSentInCountAsTheDefault) {
+// On purpose: the setting is not checked; a sender uses the default in place of an invalid size.
+TEST_P(LargeCallClient, InvalidPieceSizesMeanTheDefault) {
   for (const int size : {0, -1}) {
     client->SetBigfileBufferSize(size);
     EXPECT_EQ(client->GetBigfileBufferSize(), size);
@@ -101,7 +101,7 @@ TEST_P(LargeCallWire, SizesThatCannotBeSentInCountAsTheDefault) {
   }
 }
 
-TEST_P(LargeCallWire, PieceIsAnOrdinaryCallOfThePieceReceiver) {
+TEST_P(LargeCallClient, PieceIsAnOrdinaryCallOfThePieceReceiver) {
   TolkParams arguments;
   arguments.AddInt(7);
   call.begin(*client, "m", &arguments, kLargeCallId);
@@ -114,7 +114,7 @@ TEST_P(LargeCallWire, PieceIsAnOrdinaryCallOfThePieceReceiver) {
             piece_arguments(kLargeCallId, static_cast<int>(block.size()), block));
 }
 
-TEST_P(LargeCallWire, NoArgumentsLeaveTheTwoKeys) {
+TEST_P(LargeCallClient, CallWithoutArgumentsSendsTheTwoKeys) {
   const std::string keys = large_call(BlockWriter(), "m", kLargeCallId);
   TolkParams empty;
   for (TolkParams* const arguments : {&empty, static_cast<TolkParams*>(nullptr)}) {
@@ -126,7 +126,7 @@ TEST_P(LargeCallWire, NoArgumentsLeaveTheTwoKeys) {
   }
 }
 
-TEST_P(LargeCallWire, NextPieceWaitsForTheAnswer) {
+TEST_P(LargeCallClient, NextPieceWaitsForTheAnswer) {
   client->SetBigfileBufferSize(100);
   TolkParams arguments;
   fill_to(arguments, "m", 200);
@@ -138,7 +138,7 @@ TEST_P(LargeCallWire, NextPieceWaitsForTheAnswer) {
   EXPECT_TRUE(read_piece(peer).has_value());
 }
 
-TEST_P(LargeCallWire, PieceWithoutAnAnswerEndsTheSendingAndNotTheWait) {
+TEST_P(LargeCallClient, UnansweredPieceEndsTheSendingButNotTheWait) {
   client->SetBigfileBufferSize(100);
   TolkParams arguments;
   fill_to(arguments, "m", 250);
@@ -150,11 +150,11 @@ TEST_P(LargeCallWire, PieceWithoutAnAnswerEndsTheSendingAndNotTheWait) {
   EXPECT_EQ(call.result(), nullptr);
 }
 
-TEST_P(LargeCallWire, PieceHasHalfASecondWhateverTheFourthArgument) {
+TEST_P(LargeCallClient, PieceTimesOutAfterHalfASecondWhateverTheFourthArgument) {
   for (const int limit : {1, 600000}) EXPECT_GE(time_of_a_piece(limit), Milliseconds(500)) << limit;
 }
 
-TEST_P(LargeCallWire, CallersBlockIsEmptied) {
+TEST_P(LargeCallClient, ArgumentsAreEmptied) {
   TolkParams arguments;
   arguments.AddInt(7);
   arguments.AddKeyValueInt("k", 8);
@@ -167,7 +167,7 @@ TEST_P(LargeCallWire, CallersBlockIsEmptied) {
   EXPECT_EQ(arguments.MapSize(), 0);
 }
 
-TEST_P(LargeCallWire, CallIdIsTheThreadsUnlessTheBlockOrTheCallerSaysOtherwise) {
+TEST_P(LargeCallClient, CallIdIsThatOfTheThreadUnlessGiven) {
   TolkParams arguments;
   call.begin(*client, "m", &arguments, 0);
   Received received = receive_large(peer);
@@ -194,7 +194,7 @@ TEST_P(LargeCallWire, CallIdIsTheThreadsUnlessTheBlockOrTheCallerSaysOtherwise) 
   EXPECT_NE(call.result(), nullptr);
 }
 
-TEST_P(LargeCallWire, ResultInPiecesIsJoined) {
+TEST_P(LargeCallClient, ResultPiecesAreAssembled) {
   const std::string bytes = pattern(100000);
   const std::string result = BlockWriter().add(Stream{bytes}).bytes();
   call.begin(*client, "m", nullptr, kLargeCallId);
@@ -216,7 +216,7 @@ TEST_P(LargeCallWire, ResultInPiecesIsJoined) {
 }
 
 // The call ends with the result, however late the answer to its own last piece is.
-TEST_P(LargeCallWire, ResultEndsTheCallOnceTheLastPieceIsGivenUp) {
+TEST_P(LargeCallClient, ResultEndsTheCallAlthoughTheLastPieceIsUnanswered) {
   call.begin(*client, "m", nullptr, kLargeCallId);
   ASSERT_TRUE(receive_large(peer).last.has_value());
   ASSERT_TRUE(send_large(peer, kLargeCallId, BlockWriter().add(9).bytes()).has_value());
@@ -225,7 +225,7 @@ TEST_P(LargeCallWire, ResultEndsTheCallOnceTheLastPieceIsGivenUp) {
   EXPECT_EQ(result->GetValue(0)->GetInt(), 9);
 }
 
-TEST_P(LargeCallWire, ResultThatDoesNotParseIsKeptAsFarAsItDoes) {
+TEST_P(LargeCallClient, MalformedResultKeepsTheRecordsBefore) {
   std::string result = BlockWriter().add(1).add(2).bytes();
   result[9 + 5] ^= 1;  // the second check word: its value stays, what follows does not come
   result += BlockWriter().add(3).bytes();
@@ -236,7 +236,7 @@ TEST_P(LargeCallWire, ResultThatDoesNotParseIsKeptAsFarAsItDoes) {
   EXPECT_EQ(kept->ParamsSize(), 2);
 }
 
-TEST_P(LargeCallWire, EmptyResultIsAnEmptyBlock) {
+TEST_P(LargeCallClient, EmptyResultIsAnEmptyBlock) {
   call.begin(*client, "m", nullptr, kLargeCallId);
   answer(receive_large(peer), "");
   TolkParams* const result = call.result();
@@ -244,7 +244,7 @@ TEST_P(LargeCallWire, EmptyResultIsAnEmptyBlock) {
   EXPECT_EQ(result->Size(), 0);
 }
 
-TEST_P(LargeCallWire, ResultBlockMayBeTheNextArgument) {
+TEST_P(LargeCallClient, ResultMayBeTheArgumentsOfTheNextCall) {
   const std::string first = BlockWriter().add(Stream{pattern(50000)}).bytes();
   call.begin(*client, "m", nullptr, kLargeCallId);
   answer(receive_large(peer), first);
@@ -259,7 +259,7 @@ TEST_P(LargeCallWire, ResultBlockMayBeTheNextArgument) {
   EXPECT_EQ(block->GetValue(0)->GetInt(), 2);
 }
 
-TEST_P(LargeCallWire, ClearRetvalMemForgetsLargeResults) {
+TEST_P(LargeCallClient, ClearRetvalMemDropsLargeResults) {
   call.begin(*client, "m", nullptr, kLargeCallId);
   answer(receive_large(peer), "");
   EXPECT_NE(call.result(), nullptr);
@@ -270,8 +270,8 @@ TEST_P(LargeCallWire, ClearRetvalMemForgetsLargeResults) {
   EXPECT_EQ(call.result(), nullptr);
 }
 
-// A result that comes when its call has been ended from outside is the next one's older block.
-TEST_P(LargeCallWire, LateResultIsTheOlderBlockOfTheNextCall) {
+// The result of a call that another client's loss has ended is kept for the next call.
+TEST_P(LargeCallClient, LateResultIsReturnedByTheNextCallWithoutAResult) {
   const Address elsewhere = fresh_address(GetParam());
   RawServer other_server(elsewhere);
   const ClientPtr other = make_client();
@@ -290,7 +290,7 @@ TEST_P(LargeCallWire, LateResultIsTheOlderBlockOfTheNextCall) {
   EXPECT_EQ(older->GetValue(0)->GetInt(), 3);
 }
 
-TEST_P(LargeCallWire, DisconnectAtEveryPieceEndsTheCall) {
+TEST_P(LargeCallClient, DisconnectAtEveryPieceEndsTheCall) {
   for (int answered = 0; answered < 4; ++answered) {
     const Address fresh = fresh_address(GetParam());
     RawServer its_server(fresh);
@@ -313,7 +313,7 @@ TEST_P(LargeCallWire, DisconnectAtEveryPieceEndsTheCall) {
   }
 }
 
-TEST_P(LargeCallWire, DisconnectInsideTheResultEndsTheCall) {
+TEST_P(LargeCallClient, DisconnectInsideTheResultEndsTheCall) {
   call.begin(*client, "m", nullptr, kLargeCallId);
   ASSERT_TRUE(receive_large(peer).last.has_value());
   ASSERT_TRUE(send_piece(peer, kLargeCallId, 100, pattern(99)).has_value());
@@ -331,7 +331,7 @@ TEST(LargeCall, WithoutAConnectionPrintsALineAndKeepsTheBlock) {
   EXPECT_EQ(arguments.Size(), 9);
 }
 
-// The loop thread could never hear the result: it does not wait for it.
+// The loop thread would have to read the result itself: so the call does not wait.
 TEST(LargeCall, FromAHookOnTheLoopThreadReturns) {
   const Address address = fresh_address(Transport::pipe);
   RawServer server(address);

@@ -1,5 +1,5 @@
-// Large transfers for tests: pieces on plain sockets, blocks of a wanted size, and a large call
-// that is under way on a thread of its own.
+// Large transfers for tests: pieces on plain sockets, blocks of a given size, and a large call on
+// another thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ namespace tolk::test {
 
 inline constexpr int kDefaultPieceBytes = 32768;
 
-// The piece size is the whole process's: back to the default when a test ends.
+// Restores the piece size, which the whole process shares, when a test ends.
 class PieceSizeRestored {
  public:
   ~PieceSizeRestored() {
@@ -31,7 +31,7 @@ class PieceSizeRestored {
 
 inline constexpr int kLargeCallId = 77;
 
-// The two keys that a sender adds to a block, as bytes: how many.
+// The number of bytes of the two keys that a sender adds to a block.
 inline std::size_t added_bytes(std::string_view name) { return 30 + name.size() + 34; }
 
 // Fills `block` so that with the two keys of a call of `name` it is `total` bytes.
@@ -65,7 +65,7 @@ struct Received {
   std::optional<Message> last;  // nothing when the transfer broke off
 };
 
-// As a server answers a piece that leaves the block incomplete.
+// The answer of a server to a piece that leaves the block incomplete.
 inline std::string taken(const Message& call) {
   return reply_payload(call, BlockWriter().keyed("s_c_sw_name", std::string("retval")).add(0));
 }
@@ -106,14 +106,14 @@ inline std::optional<Message> send_large(RawSocket& socket, int call_id, std::st
   return send_piece(socket, call_id, static_cast<int>(block.size()), block);
 }
 
-// A large call's block: what the method shall get, and the keys that a client adds.
+// The block of a large call: the arguments of the method and the keys that a client adds.
 inline std::string large_call(BlockWriter arguments, std::string_view name, int call_id) {
   return arguments.keyed("s_c_sw_name", std::string(name))
       .keyed("s_c_sw_threadid", call_id)
       .bytes();
 }
 
-// SendMsgEx on a thread of its own. Make it before the sockets that end it.
+// SendMsgEx on another thread. Declare it before the sockets whose end wakes it.
 class LargeCall {
  public:
   LargeCall() = default;
@@ -131,7 +131,7 @@ class LargeCall {
     });
   }
   bool is_over(Milliseconds limit = kQuiet) const { return over_.wait_for(1, limit); }
-  // What it returned; null too when it never did.
+  // The result; null also if the call has not returned.
   TolkParams* result() {
     if (!is_over(kLimit)) return nullptr;
     join();
@@ -148,9 +148,9 @@ class LargeCall {
   std::thread thread_;
 };
 
-// Until nothing is under way on the workers: as many handlers as there are workers run at once. A
-// server that goes away under a worker that waits for a client's answer keeps that worker for good,
-// since nothing ends such a wait any more; so the tests of a server let all of them end first.
+// Waits until all worker threads are idle: as many handlers as there are workers then run at once.
+// If a server is destroyed while a worker waits for a client's answer, nothing ends that wait, and
+// the worker is lost for the process; so the tests of a server let all workers finish first.
 inline bool workers_are_free(IServer& server, const Address& address) {
   constexpr int kWorkers = 4;
   Gate gate;

@@ -1,5 +1,6 @@
-// Setting a log level takes std::cout out of step with stdio: in a process of its own, since it is
-// done once for all of a process, and the tests' has done it already.
+// Setting a log level ends the synchronization of std::cout with stdio. This is tested in a
+// separate process, since it happens once in a process and has already happened in that of the
+// tests.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -22,11 +23,11 @@ std::string told_by(const std::string& kind) {
   return heard;
 }
 
-TEST(LogLevel, SetByAClientFreesStandardOutputOfStdio) {
+TEST(LogLevel, SetByAClientUnsynchronizesStandardOutputFromStdio) {
   EXPECT_EQ(told_by("client log"), "@in step\n@set free\n");
 }
 
-TEST(LogLevel, SetByAServerFreesStandardOutputOfStdio) {
+TEST(LogLevel, SetByAServerUnsynchronizesStandardOutputFromStdio) {
   EXPECT_EQ(told_by("server log"), "@in step\n@set free\n");
 }
 

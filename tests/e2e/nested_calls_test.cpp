@@ -1,5 +1,5 @@
-// Handlers that call back the peer that called them, level by level, over the four workers of a
-// process. Here both sides live in one process and share those workers: the hardest case.
+// Handlers that call the caller back, several levels deep. A process has four worker threads; here
+// both sides are in one process and share them, which is the hardest case.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -43,7 +43,7 @@ class NestedCalls : public OverTransports {
       }
     }
   }
-  // A result that no other call has left.
+  // A call id that no other call uses, so that no earlier result is kept under it.
   static int fresh_id() {
     static std::atomic<int> last{1000};
     return ++last;
@@ -68,9 +68,9 @@ TEST_P(NestedCalls, ThreeLevelsWork) {
   EXPECT_EQ(number_in(client->SendMsgFast("level 3", nullptr, 0, kNever)), 3);
 }
 
-// The fifth handler would have to start while four wait for it: the fourth runs into its time-out,
-// and then all of them end.
-TEST_P(NestedCalls, OneLevelMoreThanWorkersEndsByTheTimeoutInside) {
+// The fifth handler would have to start while four handlers wait for it: the call of the fourth
+// times out, and then all of them end.
+TEST_P(NestedCalls, OneLevelMoreThanWorkersTimesOutInside) {
   add_levels(700);
   connect();
   const Stopwatch watch;
@@ -79,7 +79,7 @@ TEST_P(NestedCalls, OneLevelMoreThanWorkersEndsByTheTimeoutInside) {
   EXPECT_LT(number_in(result), 0);
 }
 
-TEST_P(NestedCalls, AsManyWaitingHandlersAsWorkersStopUntilTheirTimeouts) {
+TEST_P(NestedCalls, HandlersThatWaitOnAllWorkersTimeOut) {
   Counter called_back;
   Gate all_inside;
   const OpenAtEnd open(all_inside);
@@ -102,12 +102,12 @@ TEST_P(NestedCalls, AsManyWaitingHandlersAsWorkersStopUntilTheirTimeouts) {
   ASSERT_TRUE(all_inside.wait_entered(kWorkers));
   all_inside.open();
   for (std::thread& caller : callers) caller.join();
-  // The first to be given up frees a worker, so that a last one may just be answered.
+  // The first call that times out frees a worker, so that the last one may still be answered.
   EXPECT_GE(timed_out, 1);
   EXPECT_TRUE(called_back.wait_for(kWorkers));  // the calls themselves were not lost
 }
 
-TEST_P(NestedCalls, OneWorkerLeftIsEnough) {
+TEST_P(NestedCalls, OneFreeWorkerIsEnough) {
   Counter called_back;
   Gate all_inside;
   const OpenAtEnd open(all_inside);
@@ -132,8 +132,8 @@ TEST_P(NestedCalls, OneWorkerLeftIsEnough) {
   EXPECT_EQ(answered, kWorkers - 1);
 }
 
-// On purpose: one SendMsg at a time runs in a process. A handler's waits for the host's, which
-// waits for the handler; the server's call to that handler is what ends it.
+// On purpose: one SendMsg at a time runs in a process. The handler's SendMsg waits for the host's,
+// which waits for the handler, until the server's call to that handler times out.
 TEST_P(NestedCalls, SendMsgInsideSendMsgWaitsForTheServersTimeout) {
   Counter inner_over;
   client->method("back",
@@ -142,11 +142,11 @@ TEST_P(NestedCalls, SendMsgInsideSendMsgWaitsForTheServersTimeout) {
                    inner_over.add();
                  }));
   server->method("plain", answering("plain"));
-  server->method("call me back",
-                 on_call([s = server.get(), inner_over](int id, TolkParams*, TolkParams* out) {
-                   s->SendMsg(id, "back", nullptr, fresh_id(), 700);
-                   out->AddInt(inner_over.value());  // none: it stands in line behind the host
-                 }));
+  server->method(
+      "call me back", on_call([s = server.get(), inner_over](int id, TolkParams*, TolkParams* out) {
+        s->SendMsg(id, "back", nullptr, fresh_id(), 700);
+        out->AddInt(inner_over.value());  // 0: its SendMsg waits until the host's has returned
+      }));
   connect();
   const Stopwatch watch;
   EXPECT_EQ(number_in(client->SendMsg("call me back", nullptr, 0, kNever)), 0);
@@ -167,8 +167,8 @@ TEST_P(NestedCalls, SendMsgFastInsideSendMsgDoesNotWait) {
   EXPECT_EQ(number_in(client->SendMsg("call me back", nullptr, 0, kNever)), 1);
 }
 
-// The inner time-out is the server's, and the outer call goes on.
-TEST_P(NestedCalls, TimeoutInsideLeavesTheOuterCallToItsHandler) {
+// The inner call times out in the server, and the outer call goes on.
+TEST_P(NestedCalls, InnerTimeoutDoesNotEndTheOuterCall) {
   Gate gate;
   const OpenAtEnd open(gate);
   client->method("slow", blocking(gate));

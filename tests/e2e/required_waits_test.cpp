@@ -1,5 +1,5 @@
-// Waits that nothing of the waiting object ends, and what does end them. Each is had in a process
-// of its own, which is killed with the test. How a host avoids them stands in docs/threads.md.
+// Waiting calls that their own client or server cannot end, and what ends them. Each runs in a
+// separate process, which is killed with the test. docs/threads.md says how a host avoids them.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -12,7 +12,7 @@
 namespace tolk::test {
 namespace {
 
-// Longer than the time-outs of pieces (500 ms) and of the calls here (2 s), sweeps included.
+// Longer than the timeouts of pieces (500 ms) and of the calls here (2 s), sweeps included.
 constexpr Milliseconds kStillWaiting{3500};
 
 class Host {
@@ -20,9 +20,9 @@ class Host {
   Host(const char* kind, const Address& address, const Address& other)
       : program_(TOLK_WAITS_CHILD, {kind, name_of(address.transport), address.port, other.port}) {}
 
-  // Has it do something.
+  // Sends it a command.
   void tell(const std::string& word) { EXPECT_TRUE(program_.write(word + "\n")); }
-  // Until it has told so.
+  // Waits until it has reported this.
   bool told(const std::string& what, Milliseconds limit = kLimit) {
     const Stopwatch clock;
     while (heard_.find("\n@" + what + "\n") == std::string::npos) {
@@ -106,7 +106,7 @@ TEST_P(UnansweredLargeCall, EndsWithItsOwnServer) {
   EXPECT_TRUE(host->does("close"));
 }
 
-// A call with a time-out to a client that does not answer.
+// A call with a timeout to a client that does not answer.
 class UnansweredServerCall : public RequiredWaits {
  protected:
   void SetUp() override {
@@ -123,7 +123,7 @@ class UnansweredServerCall : public RequiredWaits {
 };
 TOLK_OVER_TRANSPORTS(UnansweredServerCall);
 
-// On purpose: who looks after the time-outs stops with the loop, and nobody is woken.
+// On purpose: the sweep of timeouts stops with the loop, and wakes no call.
 TEST_P(UnansweredServerCall, OutlivesTheCloseUntilTheSweepOfAnotherServer) {
   ASSERT_TRUE(host->does("close"));
   ASSERT_TRUE(client->socket.ended());
@@ -139,14 +139,14 @@ TEST_P(UnansweredServerCall, OutlivesItsServerObjectToo) {
   EXPECT_TRUE(host->told("call returned null"));
 }
 
-// How a host avoids it: a call with a time-out ends before the server is closed.
+// How a host avoids it: it closes the server only after the call has timed out.
 TEST_P(UnansweredServerCall, EndsByItsTimeoutWhileTheServerRuns) {
   EXPECT_TRUE(host->told("call returned null"));
   EXPECT_TRUE(host->does("close"));
 }
 
-// The loss of the client is no answer, and wakes nobody either.
-TEST_P(UnansweredServerCall, OutlivesItsClientUpToItsTimeout) {
+// The loss of the client wakes no call either.
+TEST_P(UnansweredServerCall, WaitsForItsTimeoutAfterItsClientIsGone) {
   client->socket.close();
   EXPECT_FALSE(host->told("call returned null", kQuiet));
   EXPECT_TRUE(host->told("call returned null"));

@@ -1,4 +1,4 @@
-// Clients that come and go: hooks, ids, counts and lines.
+// Clients that connect and leave: hooks, ids, counts and lines.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -36,7 +36,7 @@ class ServerClients : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(ServerClients);
 
-TEST_P(ServerClients, WholeLifeIsPrintedInOrder) {
+TEST_P(ServerClients, LinesOfAConnectionComeInOrder) {
   Capture capture;
   server->method("s_c_connect", noting_id());
   start();
@@ -60,7 +60,7 @@ TEST_P(ServerClients, AcceptLineCountsEveryAcceptOfTheProcess) {
   EXPECT_EQ(capture.lines().back() + "\n", accept_line(accepted + 1, *newest_id, 2));
 }
 
-TEST_P(ServerClients, LeavingWithAnErrorIsPrintedFirst) {
+TEST_P(ServerClients, ReadErrorIsPrintedBeforeTheCloseLine) {
   Capture capture;
   server->method("s_c_connect", noting_id());
   start();
@@ -109,7 +109,7 @@ TEST_P(ServerClients, MethodsGetTheIdThatTheHooksGot) {
   EXPECT_EQ(*answer->at(0), Scalar(newest_id->load()));
 }
 
-TEST_P(ServerClients, CountIsOfThoseThatHaveSentSomething) {
+TEST_P(ServerClients, CountIncludesOnlyClientsThatHaveSentSomething) {
   Capture capture;
   start();
   RawClient client(address, false);
@@ -123,15 +123,15 @@ TEST_P(ServerClients, CountIsOfThoseThatHaveSentSomething) {
   EXPECT_TRUE(eventually([&] { return server->GetClientCount() == 1; }));
 }
 
-TEST_P(ServerClients, OneByteMakesAClientCount) {
+TEST_P(ServerClients, OneByteIsEnoughToBeCounted) {
   start();
   RawClient client(address, false);
   client.socket.send("\x09");
   EXPECT_TRUE(eventually([&] { return server->GetClientCount() == 1; }));
 }
 
-// Also one that never sent anything: its end is its first read.
-TEST_P(ServerClients, CountInsideTheHooksLeavesOutNewAndHasLeaving) {
+// This holds for a client that never sent anything, too: its end is its first read.
+TEST_P(ServerClients, CountInHooksExcludesTheNewAndIncludesTheLeavingClient) {
   Journal journal;
   IServer* const raw = server.get();
   const auto count = [=](const char* name) {
@@ -150,7 +150,7 @@ TEST_P(ServerClients, CountInsideTheHooksLeavesOutNewAndHasLeaving) {
   EXPECT_TRUE(eventually([&] { return server->GetClientCount() == 0; }));
 }
 
-TEST_P(ServerClients, IdsNeverComeBack) {
+TEST_P(ServerClients, IdsAreNeverReused) {
   constexpr int kClients = 300;
   Capture capture;
   std::mutex mutex;
@@ -167,7 +167,7 @@ TEST_P(ServerClients, IdsNeverComeBack) {
   EXPECT_FALSE(ids.contains(0));
 }
 
-TEST_P(ServerClients, ThatHaveLeftKeepNoDescriptors) {
+TEST_P(ServerClients, ThatHaveLeftLeakNoDescriptors) {
   start();
   ASSERT_TRUE(serves_anybody());
   const int before = most_descriptors();
@@ -186,7 +186,7 @@ TEST_P(ServerClients, ThrowingHooksChangeNothing) {
   EXPECT_TRUE(greeted().is_greeted());
 }
 
-TEST_P(ServerClients, HookThatClosesTheServerIsTheLastThing) {
+TEST_P(ServerClients, NothingFollowsAConnectHookThatClosesTheServer) {
   Capture capture;
   IServer* const raw = server.get();
   server->method("s_c_connect",
@@ -198,7 +198,7 @@ TEST_P(ServerClients, HookThatClosesTheServerIsTheLastThing) {
   EXPECT_EQ(capture.text(), start_line() + "Server Closing!\nServer Closed!\n");
 }
 
-TEST_P(ServerClients, ConnectHookCanPostToAnother) {
+TEST_P(ServerClients, ConnectHookMayPostToAnotherClient) {
   start_with_posting_hook();
   RawClient first = greeted();
   const RawClient second(address, false);
@@ -208,7 +208,8 @@ TEST_P(ServerClients, ConnectHookCanPostToAnother) {
   EXPECT_FALSE(post->token());
 }
 
-// A client whose end a hook hears may still be called: it is in the table until the hook is over.
+// A client may still be called in the hook of its end: it stays in the table until the hook
+// returns.
 TEST_P(ServerClients, CallFromTheClosedHookReturns) {
   Counter returned;
   IServer* const raw = server.get();

@@ -1,4 +1,4 @@
-// Calls of a server's host to one client: how they are answered, and how they are not.
+// Calls from a server to one client: their answers, their timeouts and their failures.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -12,10 +12,10 @@ namespace tolk::test {
 namespace {
 
 constexpr int kCallId = 77;
-// No test waits so long: a call with this limit is woken or it hangs.
+// No test waits that long: a call with this limit is either woken or hangs.
 constexpr int kNever = 600000;
 
-// A server of the library's that knows its clients by "who", and clients on plain sockets.
+// A library server, whose method "who" returns the caller's id, and clients on plain sockets.
 class ServerCalls : public OverTransports {
  protected:
   void SetUp() override {
@@ -45,9 +45,9 @@ class ServerCalls : public OverTransports {
     answering.join();
     return result;
   }
-  // What is kept under a call id; asked for by a call that can't be delivered.
+  // The result that is kept under a call id, as a call that cannot be delivered returns it.
   TolkParams* kept(int call_id) { return server->SendMsg(0, "m", nullptr, call_id, kNever); }
-  // Until the sweep has begun: a call that nobody answers ends.
+  // Returns when the sweep runs: an unanswered call has timed out.
   void let_the_sweep_begin() {
     server->SendMsg(id, "m", nullptr, 999, 0);
     ASSERT_TRUE(client->socket.read_message().has_value());
@@ -64,7 +64,7 @@ class ServerCalls : public OverTransports {
 };
 TOLK_OVER_TRANSPORTS(ServerCalls);
 
-TEST_P(ServerCalls, ComeBackWithWhatTheClientsMethodFilled) {
+TEST_P(ServerCalls, ReturnTheResultOfTheClientsMethod) {
   const ClientPtr callee = make_client();
   callee->method("double", on_call([](int, TolkParams* in, TolkParams* out) {
                    out->AddInt(2 * in->GetValue(0)->GetInt());
@@ -82,7 +82,7 @@ TEST_P(ServerCalls, ComeBackWithWhatTheClientsMethodFilled) {
   EXPECT_EQ(arguments.Size(), 9);  // still the caller's
 }
 
-TEST_P(ServerCalls, ReachTheClientThatIsNamed) {
+TEST_P(ServerCalls, ReachTheClientWithThatId) {
   RawClient other(address);
   const int other_id = id_of(other);
   ASSERT_NE(other_id, id);
@@ -93,7 +93,7 @@ TEST_P(ServerCalls, ReachTheClientThatIsNamed) {
   EXPECT_TRUE(client->socket.is_quiet());
 }
 
-TEST_P(ServerCalls, OwnCallIdIsTheThreads) {
+TEST_P(ServerCalls, CallIdZeroMeansThatOfTheThread) {
   const auto id_of_call = [&] {
     server->PostMsg(id, "m", nullptr, 0);
     return client->socket.read_message()->call_id();
@@ -105,20 +105,20 @@ TEST_P(ServerCalls, OwnCallIdIsTheThreads) {
   EXPECT_NE(there, here);
 }
 
-TEST_P(ServerCalls, PostReturnsNullWhetherOrNotThereIsSuchAClient) {
+TEST_P(ServerCalls, PostReturnsNullForKnownAndUnknownClients) {
   EXPECT_EQ(server->PostMsg(id, "m", nullptr, 0), nullptr);
   EXPECT_EQ(server->PostMsg(id + 1, "m", nullptr, 0), nullptr);
   EXPECT_FALSE(client->socket.read_message()->token().has_value());
   EXPECT_TRUE(client->socket.is_quiet());
 }
 
-TEST_P(ServerCalls, UnknownClientIsNotWaitedFor) {
+TEST_P(ServerCalls, CallToAnUnknownClientDoesNotWait) {
   EXPECT_EQ(server->SendMsg(id + 1, "m", nullptr, kCallId, kNever), nullptr);
   EXPECT_EQ(server->SendMsg(0, "m", nullptr, kCallId, kNever), nullptr);
 }
 
-// On purpose: a client counts from the first thing that it has sent.
-TEST_P(ServerCalls, ClientThatHasSentNothingIsNotWaitedFor) {
+// On purpose: a client is known to the server once it has sent something.
+TEST_P(ServerCalls, CallToAClientThatHasSentNothingDoesNotWait) {
   Counter connected;
   std::atomic<int> newcomer{0};
   server->method("s_c_connect",
@@ -137,19 +137,19 @@ TEST_P(ServerCalls, ClientThatHasSentNothingIsNotWaitedFor) {
   EXPECT_TRUE(silent.socket.read_message().has_value());
 }
 
-TEST_P(ServerCalls, ClientThatHasLeftIsNotWaitedFor) {
+TEST_P(ServerCalls, CallToAClientThatHasLeftDoesNotWait) {
   client->socket.close();
   ASSERT_TRUE(eventually([&] { return server->GetClientCount() == 0; }));
   EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, kNever), nullptr);
 }
 
-// On purpose: without an answer the result is what an earlier answer left, the same block.
+// On purpose: without an answer a call returns the block of an earlier answer.
 TEST_P(ServerCalls, CallThatTimesOutReturnsTheEarlierResult) {
   TolkParams* const first = answered_call(kCallId, 1);
   EXPECT_EQ(number_in(first), 1);
   EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 1), first);
   EXPECT_EQ(number_in(first), 1);
-  EXPECT_EQ(kept(kCallId), first);  // nor does one that is not delivered ask
+  EXPECT_EQ(kept(kCallId), first);  // and so does a call that cannot be delivered
 }
 
 TEST_P(ServerCalls, DistinctCallIdsTellFreshFromStale) {
@@ -212,14 +212,14 @@ TEST_P(ServerCalls, AnswerToAPostedCallIsKeptUnderItsCallId) {
   EXPECT_TRUE(eventually([&] { return number_in(kept(kCallId)) == 5; }));
 }
 
-TEST_P(ServerCalls, ClearRetvalMemForgetsResults) {
+TEST_P(ServerCalls, ClearRetvalMemDropsResults) {
   EXPECT_NE(answered_call(kCallId, 1), nullptr);
   server->ClearRetvalMem();
   EXPECT_EQ(kept(kCallId), nullptr);
 }
 
-// On purpose: a client's answer to a method that it has not names no call.
-TEST_P(ServerCalls, MethodThatTheClientHasNotRunsIntoTheTimeout) {
+// On purpose: a client's answer to an unknown method has no call id.
+TEST_P(ServerCalls, MethodThatTheClientLacksTimesOut) {
   const ClientPtr callee = make_client();
   ASSERT_TRUE(connect_client(callee.get(), address));
   const int callee_id = number_in(callee->SendMsg("who", nullptr, 0, kNever));
@@ -228,7 +228,7 @@ TEST_P(ServerCalls, MethodThatTheClientHasNotRunsIntoTheTimeout) {
   EXPECT_GE(watch.elapsed(), Milliseconds(600));
 }
 
-TEST_P(ServerCalls, ManyWaitAtOnceAndEachGetsItsOwnAnswer) {
+TEST_P(ServerCalls, ConcurrentCallsGetTheirOwnAnswers) {
   constexpr int kCallers = 8;
   std::vector<std::thread> callers;
   std::array<int, kCallers> results{};
@@ -251,16 +251,16 @@ TEST_P(ServerCalls, ManyWaitAtOnceAndEachGetsItsOwnAnswer) {
   for (int i = 0; i < kCallers; ++i) EXPECT_EQ(results.at(static_cast<std::size_t>(i)), i);
 }
 
-// Time-outs.
+// Timeouts.
 
-// On purpose, unlike a client's: a time-out of 0 is over at the next sweep.
+// On purpose, unlike in a client: a timeout of 0 ends at the next sweep.
 TEST_P(ServerCalls, TimeoutOfZeroEndsAtTheFirstSweep) {
   const Stopwatch watch;
   EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 0), nullptr);
   EXPECT_GE(watch.elapsed(), Milliseconds(495));  // the first sweep comes 500 ms after this call
 }
 
-TEST_P(ServerCalls, TimeoutOfZeroStillTakesAnAnswerThatComesBeforeTheSweep) {
+TEST_P(ServerCalls, TimeoutOfZeroAcceptsAnAnswerBeforeTheSweep) {
   server->SetTimeoutStep(kNever);
   let_the_sweep_begin();  // and the next one is far
   std::thread answering([&] {
@@ -272,14 +272,14 @@ TEST_P(ServerCalls, TimeoutOfZeroStillTakesAnAnswerThatComesBeforeTheSweep) {
   answering.join();
 }
 
-TEST_P(ServerCalls, CallNeverEndsBeforeItsTimeout) {
+TEST_P(ServerCalls, CallNeverTimesOutEarly) {
   let_the_sweep_begin();
   const Stopwatch watch;
   EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 250), nullptr);
   EXPECT_GE(watch.elapsed(), Milliseconds(250));
 }
 
-TEST_P(ServerCalls, TimeoutStepOfARunningServerCountsFromTheSweepAfterNext) {
+TEST_P(ServerCalls, TimeoutStepSetWhileRunningAppliesAfterTheNextSweep) {
   server->SetTimeoutStep(2000);
   let_the_sweep_begin();
   server->SetTimeoutStep(50);  // the timer is set already: one more interval of 2 s
@@ -296,14 +296,14 @@ TEST_P(ServerCalls, TimeoutStepBelowOneIsTheDefault) {
     server->SetTimeoutStep(kNever);
     server->SetTimeoutStep(step);
     let_the_sweep_begin();
-    // The sweep has looked once by now or soon: only a further look ends this one.
+    // The sweep looks once now or soon: only a further look ends this call.
     EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, 700), nullptr) << step;
     ASSERT_TRUE(client->socket.read_message().has_value());
   }
 }
 
 // The sweep of one server ends the calls of all.
-TEST_P(ServerCalls, SweepOfAnotherServerEndsTheCallToo) {
+TEST_P(ServerCalls, SweepOfAnotherServerTimesOutTheCallToo) {
   server->SetTimeoutStep(kNever);
   let_the_sweep_begin();
   Counter over;
@@ -319,7 +319,7 @@ TEST_P(ServerCalls, SweepOfAnotherServerEndsTheCallToo) {
   caller.join();
 }
 
-TEST_P(ServerCalls, ServerThatDoesNotRunPrintsALine) {
+TEST_P(ServerCalls, CallsOfAServerThatDoesNotRunPrintALine) {
   const ServerPtr idle = make_server();
   Capture capture;
   EXPECT_EQ(idle->SendMsg(id, "m", nullptr, kCallId, kNever), nullptr);

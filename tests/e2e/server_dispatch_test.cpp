@@ -1,4 +1,4 @@
-// What a server does with a call: which handler runs, with what, and what goes back.
+// How a server handles a call: which handler runs, with which arguments, and what it replies.
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -21,7 +21,7 @@ class ServerDispatch : public ServerTest {
     EXPECT_TRUE(client.is_greeted());
     return client;
   }
-  // The verdict on these arguments of the version question.
+  // The answer to a version request with these arguments.
   Scalar verdict_on(RawClient& client, const std::optional<std::string>& arguments) {
     const auto answer = client.call("s_c_version", 1, arguments);
     if (!answer || !answer->at(0)) return "no answer";
@@ -67,7 +67,7 @@ TEST_P(ServerDispatch, CallWithoutArgumentsGetsAnEmptyBlock) {
   EXPECT_EQ(*answer->at(0), Scalar(0));
 }
 
-TEST_P(ServerDispatch, MalformedArgumentsKeepWhatStoodBefore) {
+TEST_P(ServerDispatch, MalformedArgumentsKeepTheRecordsBefore) {
   server->method("count", on_call([](int, TolkParams* in, TolkParams* out) {
                    out->AddInt(in->ParamsSize());
                  }));
@@ -117,7 +117,7 @@ TEST_P(ServerDispatch, NamesAreComparedWhole) {
   EXPECT_EQ(client.call("Echo")->string_at(0), "no event: Echo");
 }
 
-// On purpose: the text is added behind what the catch-all has answered.
+// On purpose: the text follows the values of the catch-all.
 TEST_P(ServerDispatch, CatchAllIsFollowedByTheNoEventText) {
   Journal journal;
   server->methodall(
@@ -133,7 +133,7 @@ TEST_P(ServerDispatch, CatchAllIsFollowedByTheNoEventText) {
   EXPECT_EQ(journal.notes(), std::vector<std::string>{"foo 1 argument"});
 }
 
-TEST_P(ServerDispatch, CatchAllIsNotAskedForRegisteredNamesAndThreeOthers) {
+TEST_P(ServerDispatch, CatchAllIsNotCalledForRegisteredNamesVersionAndHooks) {
   Counter caught;
   server->methodall(
       on_any_call([caught](const char*, int, TolkParams*, TolkParams*) mutable { caught.add(); }));
@@ -179,7 +179,7 @@ TEST_P(ServerDispatch, OnlyTheWholeVersionTextIsAccepted) {
             Scalar(false));
 }
 
-TEST_P(ServerDispatch, VersionQuestionIsAnsweredByTheServerItself) {
+TEST_P(ServerDispatch, VersionRequestIsAnsweredByTheServerItself) {
   Counter asked;
   server->method("s_c_version", counting(asked));
   RawClient client = connected();
@@ -187,8 +187,8 @@ TEST_P(ServerDispatch, VersionQuestionIsAnsweredByTheServerItself) {
   EXPECT_EQ(asked.value(), 0);
 }
 
-// On purpose: an event's handler is a method like any other for whoever calls it.
-TEST_P(ServerDispatch, EventHooksCanBeCalledFromTheWire) {
+// On purpose: a client may call the handler of an event like any other method.
+TEST_P(ServerDispatch, EventHooksCanBeCalledByClients) {
   Journal journal;
   for (const char* const name : {"s_c_connect", "s_c_closed", "s_c_createport"}) {
     server->method(name, on_call([=](int, TolkParams*, TolkParams* out) mutable {
@@ -202,7 +202,7 @@ TEST_P(ServerDispatch, EventHooksCanBeCalledFromTheWire) {
             (std::vector<std::string>{"s_c_connect", "s_c_closed", "s_c_createport"}));
 }
 
-TEST_P(ServerDispatch, ThrowingHandlerAnswersWhatItHasAddedSoFar) {
+TEST_P(ServerDispatch, ThrowingHandlerRepliesWithWhatItHasAdded) {
   server->method("throw", on_call([](int, TolkParams*, TolkParams* out) {
                    out->AddInt(1);
                    throw std::runtime_error("out of luck");
@@ -220,13 +220,13 @@ TEST_P(ServerDispatch, ThrowingHandlerAnswersWhatItHasAddedSoFar) {
   EXPECT_EQ(second->keys(), kServerEnvelope);
 }
 
-TEST_P(ServerDispatch, ThrowingCatchAllIsStillFollowedByTheText) {
+TEST_P(ServerDispatch, ThrowingCatchAllIsFollowedByTheNoEventText) {
   server->methodall(on_any_call([](const char*, int, TolkParams*, TolkParams*) { throw 1; }));
   RawClient client = connected();
   EXPECT_EQ(client.call("foo")->string_at(0), "no event: foo");
 }
 
-TEST_P(ServerDispatch, LaterHandlerReplacesTheEarlierAndLetsItLive) {
+TEST_P(ServerDispatch, LaterHandlerReplacesTheEarlierWithoutDeletingIt) {
   Counter deleted;
   FunctionHandler first([](int, TolkParams*, TolkParams*) { ADD_FAILURE(); }, deleted);
   server->method("a", &first);
@@ -237,7 +237,7 @@ TEST_P(ServerDispatch, LaterHandlerReplacesTheEarlierAndLetsItLive) {
   EXPECT_EQ(deleted.value(), 0);
 }
 
-TEST_P(ServerDispatch, NullHandlerCountsAsNone) {
+TEST_P(ServerDispatch, NullHandlerCountsAsUnregistered) {
   register_echo();
   server->method("a", nullptr);
   server->method("s_c_connect", nullptr);
@@ -271,8 +271,8 @@ TEST_P(ServerDispatch, HandlersCanBeRegisteredUnderTraffic) {
   EXPECT_EQ(client.call("m499")->string_at(0), "x");
 }
 
-// Two callers, one of them in a handler that does not return: the other is served meanwhile.
-TEST_P(ServerDispatch, HandlersRunBesideOneAnother) {
+// One handler does not return: another call is served meanwhile.
+TEST_P(ServerDispatch, HandlersRunConcurrently) {
   Gate gate;
   const OpenAtEnd open(gate);
   server->method("wait", blocking(gate));
@@ -285,7 +285,7 @@ TEST_P(ServerDispatch, HandlersRunBesideOneAnother) {
   EXPECT_TRUE(client.socket.read_message());
 }
 
-TEST_P(ServerDispatch, ReplyGoesToWhoAsked) {
+TEST_P(ServerDispatch, ReplyGoesToTheCaller) {
   register_echo();
   start();
   std::vector<RawClient> clients;
@@ -313,8 +313,8 @@ TEST_P(ServerDispatch, LibraryClientIsAnswered) {
   EXPECT_EQ(server->GetClientCount(), 1);
 }
 
-// A reply to a connection that is gone meets a closed stream.
-TEST_P(ServerDispatch, ReplyToOneThatHasLeftIsOneLine) {
+// A reply to a lost connection is written to a closed stream.
+TEST_P(ServerDispatch, ReplyToAClientThatHasLeftPrintsOneLine) {
   Gate gate;
   const OpenAtEnd open(gate);
   server->method("wait", blocking(gate));
@@ -332,7 +332,7 @@ TEST_P(ServerDispatch, ReplyToOneThatHasLeftIsOneLine) {
   EXPECT_EQ(capture.count("write error"), 1);
 }
 
-TEST_P(ServerDispatch, ManyRepliesToOneThatHasLeftHoldNobodyUp) {
+TEST_P(ServerDispatch, ManyRepliesToAClientThatHasLeftDelayNobody) {
   constexpr int kCalls = 2000;
   Gate gate;
   const OpenAtEnd open(gate);

@@ -1,5 +1,6 @@
-// Every envelope that there is, sent to a live server. Each is answered as the format says or not
-// at all; a bystander is served, a call of the server's own waits undisturbed, memory stays.
+// A client sends a server every possible envelope. The server answers each one as the format says,
+// or not at all; another client is served, a waiting call of the server is not disturbed, and no
+// memory is lost.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -26,7 +27,7 @@ class EveryEnvelopeToAServer : public ServerTest {
     ASSERT_TRUE(bystander->is_greeted() && peer->is_greeted());
   }
 
-  // Whether the server comes through `batch` with a call of its own to the bystander waiting.
+  // Expects that `batch` leaves a waiting call of the server to the bystander undisturbed.
   template <class Batch>
   void expect_undisturbed(const Batch& batch) {
     IServer* const raw = server.get();
@@ -38,7 +39,7 @@ class EveryEnvelopeToAServer : public ServerTest {
     batch();
     EXPECT_TRUE(serves(*bystander));
     EXPECT_EQ(waiting.wait_for(Milliseconds(0)), std::future_status::timeout)
-        << "woken by a stranger";
+        << "a foreign message woke it";
     bystander->socket.send_frame(reply_payload(*question, BlockWriter().add("answer")));
     EXPECT_EQ(waiting.get(), "answer");
   }
@@ -71,7 +72,7 @@ class EveryEnvelopeToAServer : public ServerTest {
           exchange(envelope, number);
           empty += envelope.read_name() ? 0 : 1;
         });
-        EXPECT_TRUE(serves(*peer)) << name.shown;  // nothing came that was not asked for
+        EXPECT_TRUE(serves(*peer)) << name.shown;  // no unexpected message came before
         EXPECT_EQ(capture.count("event empty!"), empty) << name.shown;
       });
       ASSERT_FALSE(HasFatalFailure());
@@ -83,20 +84,20 @@ class EveryEnvelopeToAServer : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(EveryEnvelopeToAServer);
 
-TEST_P(EveryEnvelopeToAServer, IsReadByItsTypes) { exchange_all(); }
+TEST_P(EveryEnvelopeToAServer, IsReadByTheTypesOfItsFields) { exchange_all(); }
 
 class EnvelopesToAPipeServer : public EveryEnvelopeToAServer {};
 INSTANTIATE_TEST_SUITE_P(, EnvelopesToAPipeServer, testing::Values(Transport::pipe),
                          transport_name);
 
-TEST_P(EnvelopesToAPipeServer, LeaveNoMemory) {
+TEST_P(EnvelopesToAPipeServer, LeakNoMemory) {
   exchange_all();
   const long before = resident_kib();
   exchange_all();
   EXPECT_LT(resident_kib() - before, kGrowthKib + held_back_kib());
 }
 
-TEST_P(EveryEnvelopeToAServer, AtRandomDisturbsNobody) {
+TEST_P(EveryEnvelopeToAServer, AtRandomDisturbsNoOtherCall) {
   const unsigned seed = test_seed();
   SCOPED_TRACE("--gtest_random_seed=" + std::to_string(seed));
   RecordProperty("seed", std::to_string(seed));
@@ -112,7 +113,7 @@ TEST_P(EveryEnvelopeToAServer, AtRandomDisturbsNobody) {
     for (auto answer = peer->socket.read_message(); answer; answer = peer->socket.read_message()) {
       if (answer->token() == "the end") return;
     }
-    FAIL() << "the server answers no more";
+    FAIL() << "the server no longer answers";
   });
 }
 

@@ -1,7 +1,7 @@
 // How a server cuts the bytes of a connection into messages.
 //
-// Splits are made visible by what is answered in between: a reply proves that what was sent before
-// it has been read, so that what is sent after it comes in a read of its own.
+// A reply proves that the server has read everything sent before it, so that what is sent after it
+// arrives in a separate read.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,8 +31,8 @@ class ServerFrames : public ServerTest {
     const auto answer = client->socket.read_message();
     return answer ? answer->string_at(0) : "nothing came";
   }
-  // Until the server has read all that `client` has sent: its socket has nothing queued any more.
-  // A call of another client, sent later, is then read later too, or in the same turn.
+  // Returns when the server has read all that `client` has sent: a call of another client, sent
+  // later, has been answered.
   void let_it_be_read() { ASSERT_TRUE(serves(*bystander)); }
 
   std::unique_ptr<RawClient> client;
@@ -40,15 +40,15 @@ class ServerFrames : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(ServerFrames);
 
-TEST_P(ServerFrames, SeveralInOneReadAreAllAnswered) {
+TEST_P(ServerFrames, SeveralInOneReadAreAllDispatched) {
   client->socket.send(echo_frame("a") + echo_frame("b") + echo_frame("c"));
   std::vector<std::string> answers{next_answer(), next_answer(), next_answer()};
-  std::sort(answers.begin(), answers.end());  // handlers run beside one another
+  std::sort(answers.begin(), answers.end());  // handlers run concurrently
   EXPECT_EQ(answers, (std::vector<std::string>{"a", "b", "c"}));
   EXPECT_TRUE(serves(*client));
 }
 
-TEST_P(ServerFrames, ByteByByteIsOneFrame) {
+TEST_P(ServerFrames, FrameSentByteByByteIsDispatched) {
   for (const char byte : echo_frame("slow")) {
     client->socket.send(std::string(1, byte));
     let_it_be_read();
@@ -57,7 +57,7 @@ TEST_P(ServerFrames, ByteByByteIsOneFrame) {
   EXPECT_TRUE(client->socket.is_quiet());
 }
 
-TEST_P(ServerFrames, SplitInThreeIsDispatchedAfterTheThird) {
+TEST_P(ServerFrames, FrameSplitInThreeIsDispatchedAfterTheThirdPart) {
   const std::string all = echo_frame("split");
   client->socket.send(all.substr(0, 2));
   let_it_be_read();
@@ -68,7 +68,7 @@ TEST_P(ServerFrames, SplitInThreeIsDispatchedAfterTheThird) {
   EXPECT_EQ(next_answer(), "split");
 }
 
-TEST_P(ServerFrames, WholeFrameIsDispatchedAndThreeBytesWait) {
+TEST_P(ServerFrames, ThreeBytesAfterAWholeFrameWait) {
   const std::string next = echo_frame("next");
   client->socket.send(echo_frame("now") + next.substr(0, 3));
   EXPECT_EQ(next_answer(), "now");
@@ -77,7 +77,7 @@ TEST_P(ServerFrames, WholeFrameIsDispatchedAndThreeBytesWait) {
 }
 
 // On purpose: a read that is exactly one frame does not wait for what is pending.
-TEST_P(ServerFrames, ReadThatIsOneFrameOvertakesAPendingPart) {
+TEST_P(ServerFrames, ReadOfOneWholeFrameOvertakesAPartialFrame) {
   const std::string pending = echo_frame("pending");
   client->socket.send(echo_frame("first") + pending.substr(0, 10));
   EXPECT_EQ(next_answer(), "first");
@@ -100,21 +100,21 @@ TEST_P(ServerFrames, PartsOfTwoConnectionsDoNotMix) {
   EXPECT_EQ(other.socket.read_message()->string_at(0), "two");
 }
 
-TEST_P(ServerFrames, LargeFrameComesThrough) {
+TEST_P(ServerFrames, LargeFrameIsDispatched) {
   const std::string megabytes(4 << 20, 'm');
   std::thread sending([&] { client->socket.send(echo_frame(megabytes)); });
   EXPECT_EQ(next_answer(), megabytes);
   sending.join();
 }
 
-TEST_P(ServerFrames, EmptyOneIsAMessageWithoutName) {
+TEST_P(ServerFrames, EmptyFrameIsAMessageWithoutName) {
   Capture capture;
   client->socket.send(prefix(0));
   EXPECT_TRUE(capture.wait_for_text("event empty!\n")) << capture.text();
   EXPECT_TRUE(serves(*client));
 }
 
-TEST_P(ServerFrames, FewerThanFourBytesWaitWhateverTheyAre) {
+TEST_P(ServerFrames, FewerThanFourBytesWait) {
   Capture capture;
   client->socket.send(std::string("\xFF\xFF\xFF", 3));
   let_it_be_read();
@@ -123,7 +123,7 @@ TEST_P(ServerFrames, FewerThanFourBytesWaitWhateverTheyAre) {
 }
 
 TEST_P(ServerFrames, NegativePrefixIsAnEmptyFrameAndNeverStallsTheLoop) {
-  // -4 covers nothing and would never move; below it, all that waits is dropped.
+  // -4 would cover no byte at all; from -4 down, everything pending is dropped.
   for (const int length : {-4, -5, -1000, -2147483647}) {
     Capture capture;
     RawClient hostile(address);
@@ -136,7 +136,7 @@ TEST_P(ServerFrames, NegativePrefixIsAnEmptyFrameAndNeverStallsTheLoop) {
 }
 
 // -1 is FF FF FF FF: three bytes are skipped, and the last FF begins the next length.
-TEST_P(ServerFrames, SmallNegativePrefixSkipsThatFewBytes) {
+TEST_P(ServerFrames, LengthsOfMinusOneToMinusThreeSkipOnlyPartOfTheirPrefix) {
   for (const int length : {-1, -2, -3}) {
     Capture capture;
     RawClient hostile(address);
@@ -147,7 +147,7 @@ TEST_P(ServerFrames, SmallNegativePrefixSkipsThatFewBytes) {
   }
 }
 
-TEST_P(ServerFrames, EndInTheMiddleOfOneIsAnOrdinaryEnd) {
+TEST_P(ServerFrames, EndInsideAFrameIsAnOrdinaryEnd) {
   Capture capture;
   client->socket.send(echo_frame("half").substr(0, 30));
   client->socket.close();

@@ -1,4 +1,4 @@
-// The server's lines: levels, the sink, and what each of them does not touch.
+// The lines of a server: log levels and the sink.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -19,7 +19,7 @@ class ServerLog : public ServerTest {
 
   // A sink that notes the lines. Its owner is the test: the server never deletes a sink.
   void install_sink() { server->method("s_c_log", &sink); }
-  // A line of the plain log; any thread can have one written.
+  // Causes a line of the log, on any thread.
   void refuse_a_call() { EXPECT_EQ(server->PostMsg(1, "x", nullptr, 1), nullptr); }
   bool log(const char* text, int level) {
     std::string copy(text);
@@ -37,14 +37,14 @@ class ServerLog : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(ServerLog);
 
-TEST_P(ServerLog, TextDecidesTheResultOfLog) {
+TEST_P(ServerLog, LogReturnsFalseForAnEmptyText) {
   EXPECT_TRUE(log("any", 1));
   EXPECT_TRUE(log("any", 0));
   EXPECT_FALSE(log("", 1));
   EXPECT_FALSE(server->log(nullptr, 1));
 }
 
-TEST_P(ServerLog, LevelZeroSilencesEventsButNotRefusals) {
+TEST_P(ServerLog, LevelZeroSilencesEventsButNotFailedCalls) {
   EXPECT_FALSE(log("", 0)) << "the level counts although the text is refused";
   Capture capture;
   refuse_a_call();
@@ -60,7 +60,7 @@ TEST_P(ServerLog, LevelZeroSilencesEventsButNotRefusals) {
   EXPECT_EQ(capture.text(), kRefused + reset_line());
 }
 
-TEST_P(ServerLog, NegativeLevelIsSilenceAndLevelOneIsBack) {
+TEST_P(ServerLog, NegativeLevelIsSilentAndPositiveLevelPrintsAgain) {
   log("x", -1);
   Capture capture;
   start();
@@ -70,7 +70,7 @@ TEST_P(ServerLog, NegativeLevelIsSilenceAndLevelOneIsBack) {
   EXPECT_EQ(capture.text(), kClosing + kClosed);
 }
 
-TEST_P(ServerLog, SinkGetsEveryLineAndStandardOutputNone) {
+TEST_P(ServerLog, SinkGetsEveryLineInsteadOfStandardOutput) {
   install_sink();
   Capture capture;
   refuse_a_call();
@@ -82,7 +82,7 @@ TEST_P(ServerLog, SinkGetsEveryLineAndStandardOutputNone) {
   EXPECT_EQ(capture.text(), "");
 }
 
-TEST_P(ServerLog, LevelCountsForTheSinkToo) {
+TEST_P(ServerLog, LevelAppliesToTheSinkToo) {
   install_sink();
   log("x", 0);
   start();
@@ -91,8 +91,8 @@ TEST_P(ServerLog, LevelCountsForTheSinkToo) {
   EXPECT_EQ(lines.notes(), std::vector<std::string>{kRefused});
 }
 
-// Those two go straight to standard output, whoever collects the log.
-TEST_P(ServerLog, EmptyEventsAndWriteErrorsPassTheSinkBy) {
+// These two kinds of line go to standard output even when there is a sink.
+TEST_P(ServerLog, EmptyEventsAndWriteErrorsBypassTheSink) {
   Gate gate;
   const OpenAtEnd open(gate);
   install_sink();
@@ -118,7 +118,7 @@ TEST_P(ServerLog, SinkIsNeverDeleted) {
   EXPECT_EQ(sink_deleted.value(), 0);
 }
 
-TEST_P(ServerLog, NullSinkGoesBackToStandardOutput) {
+TEST_P(ServerLog, NullSinkRestoresStandardOutput) {
   install_sink();
   server->method("s_c_log", nullptr);
   Capture capture;
@@ -127,7 +127,7 @@ TEST_P(ServerLog, NullSinkGoesBackToStandardOutput) {
   EXPECT_TRUE(lines.notes().empty());
 }
 
-TEST_P(ServerLog, SinkIsNoMethod) {
+TEST_P(ServerLog, SinkCannotBeCalledAsAMethod) {
   install_sink();
   start();
   RawClient client(address);
@@ -136,8 +136,8 @@ TEST_P(ServerLog, SinkIsNoMethod) {
   EXPECT_EQ(lines.notes().size(), before);
 }
 
-// Deleted as a method by close, it must not hear the line behind that.
-TEST_P(ServerLog, SinkThatIsAMethodTooIsLetGoBeforeItsEnd) {
+// close deletes it as a method; it must not get the line that follows.
+TEST_P(ServerLog, SinkThatIsAlsoAMethodGetsNoLineAfterItsDeletion) {
   Counter deleted;
   Journal heard;
   IServerMethod* const both = on_call(
@@ -152,8 +152,8 @@ TEST_P(ServerLog, SinkThatIsAMethodTooIsLetGoBeforeItsEnd) {
   EXPECT_EQ(capture.text(), kClosed);
 }
 
-// Its own lines come back to it only so deep; further in they are printed.
-TEST_P(ServerLog, SinkThatLogsDoesNotRecurseForEver) {
+// Lines that it causes itself reach it up to a limit of nesting; deeper ones are printed.
+TEST_P(ServerLog, SinkThatLogsDoesNotRecurseForever) {
   Counter entered;
   IServer* const raw = server.get();
   FunctionHandler recursive([=](int, TolkParams*, TolkParams*) mutable {
@@ -168,7 +168,7 @@ TEST_P(ServerLog, SinkThatLogsDoesNotRecurseForEver) {
   server.reset();
 }
 
-TEST_P(ServerLog, ThrowingSinkLosesItsLineOnly) {
+TEST_P(ServerLog, ThrowingSinkLosesOnlyItsLine) {
   FunctionHandler throwing([](int, TolkParams*, TolkParams*) { throw 1; });
   server->method("s_c_log", &throwing);
   Capture capture;
@@ -195,7 +195,7 @@ TEST_P(ServerLog, SinkMayCallTheServer) {
   server.reset();
 }
 
-// The connection that the line is about goes with the server: it has no end of its own.
+// The connection of that line ends with the server, without lines for its own end.
 TEST_P(ServerLog, SinkMayCloseTheServerWhenAClientIsAccepted) {
   IServer* const raw = server.get();
   FunctionHandler closing([this, raw](int, TolkParams* in, TolkParams*) {
@@ -225,7 +225,7 @@ TEST_P(ServerLog, LineIsCutAt1022Characters) {
   EXPECT_EQ(notes.back(), whole.substr(0, 1022));
 }
 
-TEST_P(ServerLog, PercentSignsInNamesAreText) {
+TEST_P(ServerLog, PercentSignsInNamesArePrinted) {
   server->method("%s%n", on_call([](int, TolkParams*, TolkParams*) { throw 1; }));
   install_sink();
   start();

@@ -1,5 +1,4 @@
-// A server among what only a POSIX process has: signals, descriptors that run out, the files of a
-// pipe.
+// A server and what only a POSIX process has: signals, a limit of descriptors, the files of a pipe.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -25,17 +24,17 @@ class PosixServer : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(PosixServer);
 
-TEST_P(PosixServer, LoopAndWorkersLeaveTheProcessItsSignals) {
+TEST_P(PosixServer, LeavesTheSignalsOfTheProcessUnchanged) {
   RawClient client(address);
   struct sigaction before {};
   ASSERT_EQ(sigaction(SIGPIPE, nullptr, &before), 0);
-  EXPECT_EQ(before.sa_handler, SIG_DFL) << "the disposition is the host's";
+  EXPECT_EQ(before.sa_handler, SIG_DFL) << "the disposition belongs to the host";
   sigset_t mask;
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
   EXPECT_EQ(sigismember(&mask, SIGPIPE), 0) << "so is the mask of its threads";
 }
 
-TEST(ServerSignals, PipePeerThatReadsNoMoreIsOneWriteError) {
+TEST(ServerSignals, WriteToAPeerThatReadsNoMoreIsOneErrorLine) {
   ServerPtr server = make_server();
   const Address address = fresh_address(Transport::pipe);
   ASSERT_TRUE(start_server(server.get(), address));
@@ -52,9 +51,9 @@ TEST(ServerSignals, PipePeerThatReadsNoMoreIsOneWriteError) {
 long take() { return syscall(SYS_dup, 0); }
 void give_back(long descriptor) { syscall(SYS_close, descriptor); }
 
-// No descriptor is left for a new connection: those that are there are served, and so are new ones
-// once there are descriptors again.
-TEST_P(PosixServer, OutlivesAShortageOfDescriptors) {
+// No descriptor is left for a new connection: existing connections are served, and new ones are
+// accepted once there are descriptors again.
+TEST_P(PosixServer, RecoversFromAShortageOfDescriptors) {
   RawClient client(address);
   ASSERT_TRUE(serves(client));
   std::vector<long> taken;
@@ -69,7 +68,7 @@ TEST_P(PosixServer, OutlivesAShortageOfDescriptors) {
     taken.pop_back();
   };
   ASSERT_FALSE(taken.empty());
-  give_back_one();  // for the socket of the one that will find no place
+  give_back_one();  // for the socket of the client that is not accepted
   {
     RawClient turned_away(address, false);
     EXPECT_TRUE(serves(client));
@@ -87,7 +86,7 @@ class PipeFiles : public testing::Test {
   ServerPtr server = make_server();
 };
 
-TEST_F(PipeFiles, SocketFileIsTheOwnersAlone) {
+TEST_F(PipeFiles, SocketFileIsAccessibleToItsOwnerOnly) {
   ASSERT_TRUE(start_server(server.get(), address));
   struct stat status {};
   ASSERT_EQ(stat(path.c_str(), &status), 0);
@@ -102,7 +101,7 @@ TEST_F(PipeFiles, RemovesItsFilesAtTheEnd) {
   EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
 }
 
-TEST_F(PipeFiles, ReplacesTheFileOfAServerThatDied) {
+TEST_F(PipeFiles, ReplacesTheFileOfADeadServer) {
   { std::ofstream(path) << "x"; }
   ASSERT_TRUE(start_server(server.get(), address));
   EXPECT_TRUE(RawClient(address).is_greeted());

@@ -1,4 +1,4 @@
-// A server among the things of its process.
+// A server and its process: writes to lost clients, several servers.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -19,8 +19,8 @@ class ServerProcess : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(ServerProcess);
 
-// The loop stands in a hook while both replies become ready and their receiver goes away.
-TEST_P(ServerProcess, WritingToOneThatIsGoneKillsNobody) {
+// A hook blocks the loop while both replies become ready and their receiver disconnects.
+TEST_P(ServerProcess, WriteToALostClientDoesNotEndTheProcess) {
   ServerPtr other = make_server();
   const Address elsewhere = fresh_address(GetParam());
   Gate first_gate;
@@ -50,7 +50,7 @@ TEST_P(ServerProcess, WritingToOneThatIsGoneKillsNobody) {
   EXPECT_TRUE(RawClient(elsewhere).is_greeted());
 }
 
-TEST_P(ServerProcess, OneProcessCanHaveManyServers) {
+TEST_P(ServerProcess, RunsSeveralServers) {
   std::vector<ServerPtr> servers;
   std::vector<Address> addresses;
   for (int i = 0; i < 5; ++i) {

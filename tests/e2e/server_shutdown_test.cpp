@@ -1,4 +1,4 @@
-// The four ways in which a server stops: what is printed, who is told, what happens to handlers.
+// The four ways to stop a server: what is printed, which hooks run, which handlers are deleted.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -52,7 +52,7 @@ TEST_P(ServerShutdown, SecondClosePrintsTheFirstLineOnly) {
   EXPECT_EQ(capture.text(), kClosing);
 }
 
-TEST_P(ServerShutdown, CloseOfOneThatNeverStartedPrintsTheFirstLine) {
+TEST_P(ServerShutdown, CloseOfANeverStartedServerPrintsTheFirstLine) {
   Capture capture;
   EXPECT_TRUE(server->close());
   EXPECT_EQ(capture.text(), kClosing);
@@ -64,7 +64,7 @@ TEST_P(ServerShutdown, CloseDeletesEveryHandler) {
   EXPECT_EQ(deleted.value(), kHandlers);
 }
 
-TEST_P(ServerShutdown, CloseOfOneThatNeverStartedDeletesNone) {
+TEST_P(ServerShutdown, CloseOfANeverStartedServerDeletesNoHandler) {
   FunctionHandler handler([](int, TolkParams*, TolkParams*) {}, deleted);
   server->method("a", &handler);
   server->close();
@@ -72,7 +72,7 @@ TEST_P(ServerShutdown, CloseOfOneThatNeverStartedDeletesNone) {
   EXPECT_EQ(deleted.value(), 0);
 }
 
-TEST_P(ServerShutdown, CloseEndsEveryConnectionWithoutAWord) {
+TEST_P(ServerShutdown, CloseEndsEveryConnectionSilently) {
   Counter told;
   server->method("s_c_closed", counting(told));
   Capture capture;
@@ -86,7 +86,7 @@ TEST_P(ServerShutdown, CloseEndsEveryConnectionWithoutAWord) {
   EXPECT_EQ(greeted.socket.read_until_end(), "");
   EXPECT_TRUE(silent.socket.ended());
   EXPECT_EQ(capture.text(), kClosing + kClosed);
-  EXPECT_EQ(told.value(), 0) << "only connections that end by themselves are told of";
+  EXPECT_EQ(told.value(), 0) << "the hook runs only for connections that end by themselves";
   EXPECT_EQ(server->GetClientCount(), 1) << "the count keeps its last value";
 }
 
@@ -98,7 +98,7 @@ TEST_P(ServerShutdown, AddressIsFreeAfterClose) {
   EXPECT_TRUE(RawClient(address).is_greeted());
 }
 
-TEST_P(ServerShutdown, CallsAfterwardsAreRefused) {
+TEST_P(ServerShutdown, CallsAfterCloseAreRefused) {
   start();
   server->close();
   Capture capture;
@@ -108,13 +108,13 @@ TEST_P(ServerShutdown, CallsAfterwardsAreRefused) {
   EXPECT_EQ(capture.text(), line + line);
 }
 
-TEST_P(ServerShutdown, CloseasyncOfOneThatNeverStartedPrintsALine) {
+TEST_P(ServerShutdown, CloseasyncOfANeverStartedServerPrintsALine) {
   Capture capture;
   EXPECT_TRUE(server->closeasync());
   EXPECT_EQ(capture.text(), "server closeasync\n");
 }
 
-// Only a pipe server hears it; a TCP server goes on.
+// Only a pipe server obeys closeasync; a TCP server goes on.
 TEST_P(ServerShutdown, CloseasyncStopsAPipeServerAndKeepsHandlers) {
   start_with_handlers();
   Capture capture;
@@ -164,7 +164,7 @@ TEST_P(ServerShutdown, DestroyDeletesHandlersOnTcpAndNoneOnAPipe) {
   EXPECT_EQ(deleted.value(), is_pipe() ? 0 : kHandlers);
 }
 
-TEST_P(ServerShutdown, RequestOfAClientIsAnsweredThenDeletesEveryHandler) {
+TEST_P(ServerShutdown, CloseRequestIsAnsweredThenDeletesEveryHandler) {
   start_with_handlers();
   Capture capture;
   close_from_a_client();
@@ -174,7 +174,7 @@ TEST_P(ServerShutdown, RequestOfAClientIsAnsweredThenDeletesEveryHandler) {
   EXPECT_TRUE(text.ends_with(kClosing + kClosed)) << text;
 }
 
-TEST_P(ServerShutdown, RequestOfALibraryClientComesBackTrue) {
+TEST_P(ServerShutdown, CloseRequestOfALibraryClientReturnsTrue) {
   start();
   ClientPtr client = make_client();
   ASSERT_TRUE(connect_client(client.get(), address));
@@ -185,7 +185,7 @@ TEST_P(ServerShutdown, RequestOfALibraryClientComesBackTrue) {
   EXPECT_TRUE(eventually([&] { return !server->isok(); }));
 }
 
-TEST_P(ServerShutdown, NothingBehindARequestToCloseIsHeard) {
+TEST_P(ServerShutdown, NothingAfterACloseRequestIsDispatched) {
   Counter called;
   server->SetCustomReleaseEvent();
   FunctionHandler handler([called](int, TolkParams*, TolkParams*) mutable { called.add(); });
@@ -207,8 +207,8 @@ TEST_P(ServerShutdown, NothingBehindARequestToCloseIsHeard) {
   EXPECT_EQ(called.value(), 0);
 }
 
-// The answer waits behind a reply that the client has not read yet.
-TEST_P(ServerShutdown, AnswerToARequestIsNotLostBehindALargeReply) {
+// The answer is queued after a reply that the client has not read yet.
+TEST_P(ServerShutdown, AnswerToACloseRequestFollowsALargeReply) {
   register_echo();
   start();
   RawClient client(address, false);
@@ -226,8 +226,8 @@ TEST_P(ServerShutdown, AnswerToARequestIsNotLostBehindALargeReply) {
   EXPECT_EQ(*second->at(0), Scalar(true));
 }
 
-// A client that does not read its answer can't keep the server from closing.
-TEST_P(ServerShutdown, RequestOfOneThatDoesNotReadClosesAllTheSame) {
+// A client that does not read its answer cannot keep the server from closing.
+TEST_P(ServerShutdown, CloseRequestOfAClientThatDoesNotReadIsObeyed) {
   register_echo();
   start();
   RawClient client(address, false);
@@ -252,7 +252,7 @@ TEST_P(ServerShutdown, CustomReleaseKeepsEveryHandler) {
   EXPECT_EQ(deleted.value(), 0);
 }
 
-TEST_P(ServerShutdown, CustomReleaseSurvivesARequestToClose) {
+TEST_P(ServerShutdown, CustomReleaseKeepsHandlersAfterACloseRequest) {
   FunctionHandler one([](int, TolkParams*, TolkParams*) {}, deleted);
   server->SetCustomReleaseEvent();
   server->method("a", &one);
@@ -283,7 +283,7 @@ TEST_P(ServerShutdown, BusyHandlerIsDeletedWhenItReturns) {
   EXPECT_EQ(deleted.value(), 1);
 }
 
-TEST_P(ServerShutdown, FromAHandlerWorks) {
+TEST_P(ServerShutdown, CloseFromAHandlerReturns) {
   Counter closed;
   IServer* const raw = server.get();
   server->method("close", on_call(
@@ -301,7 +301,7 @@ TEST_P(ServerShutdown, FromAHandlerWorks) {
   EXPECT_FALSE(server->isok());
 }
 
-TEST_P(ServerShutdown, QueuedCallsAreNotBegunAfterwards) {
+TEST_P(ServerShutdown, CloseDropsQueuedCalls) {
   Gate gate;
   const OpenAtEnd open(gate);
   Counter called;
@@ -318,13 +318,13 @@ TEST_P(ServerShutdown, QueuedCallsAreNotBegunAfterwards) {
   client.post("last");
   ASSERT_TRUE(RawClient(address, false).socket.is_quiet());
   server->close();
-  last.reset();  // the host's own: nothing may call it from now on
+  last.reset();  // the host deletes it: nothing may call it from now on
   gate.open();
   EXPECT_TRUE(eventually([] { return open_loops() == 0; }));
   EXPECT_EQ(called.value(), 0);
 }
 
-TEST_P(ServerShutdown, ReplyThatComesTooLateIsDroppedSilently) {
+TEST_P(ServerShutdown, ReplyAfterCloseIsDroppedSilently) {
   Gate gate;
   const OpenAtEnd open(gate);
   server->method("wait", blocking(gate));
@@ -339,7 +339,7 @@ TEST_P(ServerShutdown, ReplyThatComesTooLateIsDroppedSilently) {
   EXPECT_EQ(capture.text(), kClosing + kClosed);
 }
 
-TEST_P(ServerShutdown, DestroyWhileAHandlerRunsFreesNothingUnderIt) {
+TEST_P(ServerShutdown, DestroyLetsARunningHandlerFinish) {
   Gate gate;
   const OpenAtEnd open(gate);
   server->method("wait", blocking(gate, deleted));
@@ -353,7 +353,7 @@ TEST_P(ServerShutdown, DestroyWhileAHandlerRunsFreesNothingUnderIt) {
   EXPECT_EQ(deleted.value(), is_pipe() ? 0 : 1);
 }
 
-TEST_P(ServerShutdown, DestroyWhileAHookRunsGivesUpWaiting) {
+TEST_P(ServerShutdown, DestroyGivesUpWaitingForARunningHook) {
   Gate gate;
   const OpenAtEnd open(gate);
   server->method("s_c_connect", blocking(gate, deleted));
@@ -387,7 +387,7 @@ TEST_P(ServerShutdown, OneObjectUnderTwoNamesIsDeletedOnce) {
   EXPECT_EQ(deleted.value(), 1);
 }
 
-TEST_P(ServerShutdown, UnderTraffic) {
+TEST_P(ServerShutdown, CloseUnderTrafficEndsEveryConnection) {
   register_echo();
   start();
   Counter stop;
@@ -410,7 +410,7 @@ TEST_P(ServerShutdown, UnderTraffic) {
   EXPECT_EQ(stop.value(), 4);
 }
 
-TEST_P(ServerShutdown, FromSeveralThreadsHappensOnce) {
+TEST_P(ServerShutdown, CloseFromSeveralThreadsClosesOnce) {
   start_with_handlers();
   Capture capture;
   std::vector<std::thread> threads;
@@ -421,7 +421,7 @@ TEST_P(ServerShutdown, FromSeveralThreadsHappensOnce) {
   EXPECT_EQ(capture.count("Server Closed!"), 1);
 }
 
-TEST_P(ServerShutdown, LeavesNoThreadAndNoDescriptor) {
+TEST_P(ServerShutdown, CloseLeaksNoThreadAndNoDescriptor) {
   { RawClient warm_up(address, false); }
   const auto one_life = [&] {
     ServerPtr one = make_server();

@@ -25,7 +25,7 @@ TEST_P(ServerStart, PrintsOneLine) {
   EXPECT_EQ(capture.text(), start_line());
 }
 
-TEST_P(ServerStart, TellsPortAndKind) {
+TEST_P(ServerStart, SetsPortAndTransport) {
   EXPECT_FALSE(server->isok());
   start();
   EXPECT_TRUE(server->isok());
@@ -55,7 +55,7 @@ TEST_P(ServerStart, AnnouncesThePortOnce) {
   EXPECT_EQ(journal.notes(), std::vector<std::string>{"0 " + address.port + " 1 null"});
 }
 
-TEST_P(ServerStart, HookThatThrowsDoesNotStopIt) {
+TEST_P(ServerStart, SucceedsDespiteAThrowingHook) {
   server->method("s_c_createport", on_call([](int, TolkParams*, TolkParams*) { throw 1; }));
   start();
   EXPECT_TRUE(RawClient(address).is_greeted());
@@ -86,7 +86,7 @@ TEST_P(ServerStartTwice, OnATakenAddressFails) {
   EXPECT_TRUE(RawClient(address).is_greeted()) << "the first server has lost its address";
 }
 
-TEST_P(ServerStartTwice, AfterAFailedOneSucceeds) {
+TEST_P(ServerStartTwice, AfterAFailureSucceeds) {
   start();
   ServerPtr second = make_server();
   Counter announced;
@@ -98,7 +98,7 @@ TEST_P(ServerStartTwice, AfterAFailedOneSucceeds) {
   EXPECT_TRUE(RawClient(address).is_greeted());
 }
 
-TEST_P(ServerStartTwice, FailedOnesLeaveNothing) {
+TEST_P(ServerStartTwice, FailuresLeakNothing) {
   start();
   ServerPtr second = make_server();
   ASSERT_FALSE(start_server(second.get(), address));
@@ -109,7 +109,7 @@ TEST_P(ServerStartTwice, FailedOnesLeaveNothing) {
       << open_descriptors() << " of " << descriptors;
 }
 
-TEST_P(ServerStart, OfARunningOneChangesNothing) {
+TEST_P(ServerStart, OfARunningServerChangesNothing) {
   start();
   Capture capture;
   EXPECT_TRUE(start_server(server.get(), fresh_address(GetParam())));
@@ -117,7 +117,7 @@ TEST_P(ServerStart, OfARunningOneChangesNothing) {
   EXPECT_EQ(std::to_string(server->GetPort()), address.port);
 }
 
-TEST_P(ServerStart, OfAStoppedOneIsRefused) {
+TEST_P(ServerStart, OfAStoppedServerIsRefused) {
   start();
   server->close();
   Capture capture;
@@ -126,7 +126,7 @@ TEST_P(ServerStart, OfAStoppedOneIsRefused) {
   EXPECT_FALSE(server->isok());
 }
 
-TEST_P(ServerStart, FromSeveralThreadsHappensOnce) {
+TEST_P(ServerStart, FromSeveralThreadsStartsOnce) {
   Counter announced;
   server->method("s_c_createport", counting(announced));
   std::atomic<int> started{0};
@@ -139,8 +139,8 @@ TEST_P(ServerStart, FromSeveralThreadsHappensOnce) {
   EXPECT_EQ(announced.value(), 1);
 }
 
-// A host with a loop thread of its own.
-TEST_P(ServerStart, ByAHostThreadThatRunsTheLoop) {
+// The host provides the loop thread.
+TEST_P(ServerStart, MayRunTheLoopOnAHostThread) {
   Counter listening;
   std::thread host([&] {
     const char* const port = address.port.c_str();
@@ -159,7 +159,7 @@ TEST_P(ServerStart, ByAHostThreadThatRunsTheLoop) {
   host.join();
 }
 
-TEST_P(ServerStart, RunWithoutAListenReturns) {
+TEST_P(ServerStart, RunWithoutListenReturns) {
   EXPECT_TRUE(server->run());
   start();
   EXPECT_TRUE(server->run()) << "only the loop's own thread runs it";
@@ -170,7 +170,7 @@ class ServerStartTcp : public testing::Test {
   ServerPtr server = make_server();
 };
 
-TEST_F(ServerStartTcp, OnATextThatIsNoAddressFailsSilently) {
+TEST_F(ServerStartTcp, OnAnInvalidAddressFailsSilently) {
   for (const char* const text : {"", "localhost", "256.0.0.1", "127.0.0.1:80", "::g"}) {
     Capture capture;
     EXPECT_FALSE(server->InitTolkServerTcp4(text, "4999")) << text;
@@ -187,14 +187,14 @@ TEST_F(ServerStartTcp, OnAnAddressOfAnotherMachineFails) {
             std::string("Tcp ") + kVersion + " port:4999\nBind error: EADDRNOTAVAIL\n");
 }
 
-TEST_F(ServerStartTcp, OnAPortThatIsNoNumberListensSomewhere) {
+TEST_F(ServerStartTcp, OnANonNumericPortListensOnAnyPort) {
   Capture capture;
   ASSERT_TRUE(server->InitTolkServerTcp4("127.0.0.1", "http"));
   EXPECT_EQ(capture.text(), std::string("Tcp ") + kVersion + " port:0\n");
   EXPECT_EQ(server->GetPort(), 0);
 }
 
-// The directory that the test runs in, and back.
+// Changes the current directory and restores it at the end.
 class InDirectory {
  public:
   explicit InDirectory(const std::string& path) : before_(std::filesystem::current_path()) {
@@ -215,14 +215,14 @@ class ServerFiles : public ServerTest {
 };
 TOLK_OVER_TRANSPORTS(ServerFiles);
 
-// On purpose: a TCP server removes the file, a pipe server has no business with it.
-TEST_P(ServerFiles, AFileNamedLikeThePortIsRemovedByATcpStart) {
+// On purpose: a TCP server removes the file; a pipe server leaves it.
+TEST_P(ServerFiles, TcpStartRemovesAFileNamedLikeThePort) {
   std::ofstream(directory / address.port) << "x";
   start();
   EXPECT_EQ(std::filesystem::exists(directory / address.port), is_pipe());
 }
 
-TEST_P(ServerFiles, NothingIsMadeInTheCurrentDirectory) {
+TEST_P(ServerFiles, StartCreatesNothingInTheCurrentDirectory) {
   start();
   EXPECT_TRUE(RawClient(address).is_greeted());
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
@@ -233,29 +233,29 @@ class PipeServer : public testing::Test {
   ServerPtr server = make_server();
 };
 
-TEST_F(PipeServer, PortThatIsNoNumberIsPipeZero) {
+TEST_F(PipeServer, NonNumericPortIsPipeZero) {
   Capture capture;
   if (!server->InitTolkServer("none")) {
-    // Another test process may have it just now.
+    // Another test process may hold the name at this moment.
     EXPECT_EQ(capture.lines().back(), "Bind error: EADDRINUSE");
   }
   EXPECT_EQ(capture.lines().front(), std::string("Pipe ") + kVersion + " port:0");
   EXPECT_EQ(server->GetPort(), 0);
 }
 
-TEST(ServerObject, NullIsDestroyedWithoutEffect) {
+TEST(ServerObject, DestroyOfNullDoesNothing) {
   Capture capture;
   DestroyServer(nullptr);
   EXPECT_EQ(capture.text(), "");
 }
 
-TEST(ServerObject, NeverStartedIsDestroyedAsATcpServer) {
+TEST(ServerObject, DestroyOfANeverStartedServerPrintsOneLine) {
   Capture capture;
   make_server().reset();
   EXPECT_EQ(capture.text(), "Server Closing!\n");
 }
 
-TEST(ServerObject, NullTextsAreEmptyTexts) {
+TEST(ServerObject, NullTextsCountAsEmpty) {
   ServerPtr server = make_server();
   Capture capture;
   EXPECT_FALSE(server->InitTolkServerTcp4(nullptr, nullptr));

@@ -1,5 +1,5 @@
-// Operations that come together: calls beside a connect or a start, calls in hooks, a server on a
-// thread of the host's.
+// Concurrent operations: calls during a connect or a start, calls in hooks, a server whose loop
+// runs on a thread of the host.
 
 #include <gtest/gtest.h>
 #include <tolk/tolk.h>
@@ -17,10 +17,10 @@ namespace {
 
 using namespace tolk::test;
 
-class Together : public OverTransports {};
-TOLK_OVER_TRANSPORTS(Together);
+class ConcurrentUse : public OverTransports {};
+TOLK_OVER_TRANSPORTS(ConcurrentUse);
 
-// Threads that do the same again and again until this ends.
+// Threads that repeat one action until the object is destroyed.
 class Busy {
  public:
   template <class Work>
@@ -43,7 +43,7 @@ class Busy {
   std::vector<std::thread> threads_;
 };
 
-TEST_P(Together, CallsBesideTheFirstConnectFindAWholeSessionOrNone) {
+TEST_P(ConcurrentUse, CallsDuringTheFirstConnectSeeACompleteSessionOrNone) {
   const ServerPtr server = make_server();
   ASSERT_TRUE(start_server(server.get(), address));
   for (int round = 0; round < 5; ++round) {
@@ -55,7 +55,7 @@ TEST_P(Together, CallsBesideTheFirstConnectFindAWholeSessionOrNone) {
   }
 }
 
-TEST_P(Together, ServerCallsBesideItsStartFindAWholeSessionOrNone) {
+TEST_P(ConcurrentUse, ServerCallsDuringTheStartSeeACompleteSessionOrNone) {
   for (int round = 0; round < 5; ++round) {
     const ServerPtr server = make_server();
     const Capture lines_of_the_refused;
@@ -64,7 +64,7 @@ TEST_P(Together, ServerCallsBesideItsStartFindAWholeSessionOrNone) {
   }
 }
 
-TEST_P(Together, LargeCallInAHookDoesNotWaitForTheOneThatWaitsForTheHook) {
+TEST_P(ConcurrentUse, LargeCallInAHookDoesNotDeadlockWithAWaitingLargeCall) {
   ServerPtr server = make_server();
   Gate gate;
   const OpenAtEnd open(gate);
@@ -89,7 +89,7 @@ TEST_P(Together, LargeCallInAHookDoesNotWaitForTheOneThatWaitsForTheHook) {
   caller.join();
 }
 
-TEST(OwnThread, StartAfterAFailedListenOnTheSameThreadIsTried) {
+TEST(HostLoopThread, StartAfterAFailedListenSucceeds) {
   const Address busy = fresh_address(Transport::tcp4);
   const ServerPtr holder = make_server();
   ASSERT_TRUE(start_server(holder.get(), busy));
@@ -98,7 +98,7 @@ TEST(OwnThread, StartAfterAFailedListenOnTheSameThreadIsTried) {
   EXPECT_TRUE(start_server(server.get(), fresh_address(Transport::tcp4)));
 }
 
-TEST(OwnThread, ThreadThatListenedTakesItsTurnAgainAfterwards) {
+TEST(HostLoopThread, SendMsgOnAFormerLoopThreadWaitsItsTurn) {
   const Address address = fresh_address(Transport::tcp4);
   {
     const ServerPtr listener = make_server();

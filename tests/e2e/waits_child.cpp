@@ -1,8 +1,8 @@
-// A host that gets into a wait which nothing of its own ends, for required_waits_test.cpp: a
-// process of its own, since the wait takes process-wide locks or a worker with it. And one whose
-// first call sets a log level, for log_unsync_test.cpp.
+// A host with a call that only another client or server can end, for required_waits_test.cpp. It is
+// a separate process, since such a call holds process-wide locks or a worker thread. A second kind
+// of host sets a log level with its first call, for log_unsync_test.cpp.
 //
-// It does what the lines of its standard input say and tells with lines that begin with "@".
+// It executes the commands on its standard input and reports with lines that begin with "@".
 #include <tolk/tolk.h>
 
 #include <atomic>
@@ -15,7 +15,7 @@
 
 namespace {
 
-// Lines of its own kind of output: whole, between those of the library.
+// Reports one line, whole, between the lines of the library.
 void tell(const std::string& what) {
   const std::string line = "@" + what + "\n";
   std::fwrite(line.data(), 1, line.size(), stdout);
@@ -92,7 +92,7 @@ void server_calls(const std::string& transport, const char* port, const char* ot
   }
 }
 
-// Tells whether std::cout goes with stdio's output, before and after the level is set.
+// Reports whether std::cout is synchronized with stdio, before and after the level is set.
 template <class Object>
 void set_level(Object* object) {
   std::string text("x");
@@ -115,5 +115,5 @@ int main(int count, char** words) {
   if (std::string(words[1]) == "server") server_calls(words[2], words[3], words[4]);
   if (std::string(words[1]) == "client log") set_level(CreateClient());
   if (std::string(words[1]) == "server log") set_level(CreateServer());
-  std::_Exit(0);  // the waits above are not for returning from main
+  std::_Exit(0);  // main cannot return while those calls wait
 }

@@ -1,4 +1,4 @@
-// Every kind of message, byte for byte as it travels, seen by a peer without the library.
+// Every kind of message, byte for byte, as a peer without the library sees it.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -22,7 +22,7 @@ std::string hex_of(const std::optional<std::string>& payload) {
   return payload ? to_hex(frame(*payload)) : "nothing came";
 }
 
-// A client of the library's, and the plain-socket server that it talks to.
+// A library client and the plain-socket server that it is connected to.
 class ClientWire : public OverTransports {
  protected:
   void SetUp() override { connect(); }
@@ -45,7 +45,7 @@ class ClientWire : public OverTransports {
 };
 TOLK_OVER_TRANSPORTS(ClientWire);
 
-TEST_P(ClientWire, Call) {
+TEST_P(ClientWire, CallMatchesTheGoldenFile) {
   TolkParams arguments;
   fill(arguments);
   std::thread caller([&] { client->SendMsg("sum", &arguments, kCallIdOfTheFiles, 1); });
@@ -53,13 +53,13 @@ TEST_P(ClientWire, Call) {
   caller.join();
 }
 
-TEST_P(ClientWire, CallWithoutArguments) {
+TEST_P(ClientWire, CallWithoutArgumentsMatchesTheGoldenFile) {
   std::thread caller([&] { client->SendMsgFast("sum", nullptr, kCallIdOfTheFiles, 1); });
   EXPECT_EQ(next(), to_hex(golden("call_without_arguments")));
   caller.join();
 }
 
-TEST_P(ClientWire, PostedCall) {
+TEST_P(ClientWire, PostedCallMatchesTheGoldenFile) {
   TolkParams arguments;
   fill(arguments);
   client->PostMsg("sum", &arguments, kCallIdOfTheFiles);
@@ -68,7 +68,7 @@ TEST_P(ClientWire, PostedCall) {
   EXPECT_EQ(next(), to_hex(golden("posted_call")));
 }
 
-TEST_P(ClientWire, PieceOfALargeCall) {
+TEST_P(ClientWire, PieceOfALargeCallMatchesTheGoldenFile) {
   client->SetBigfileBufferSize(64);
   TolkParams arguments;
   arguments.AddStream(std::string(100, 'x').c_str(), 100);
@@ -87,22 +87,22 @@ class ClientReplyWire : public ClientWire {
 };
 TOLK_OVER_TRANSPORTS(ClientReplyWire);
 
-TEST_P(ClientReplyWire, Reply) {
+TEST_P(ClientReplyWire, ReplyMatchesTheGoldenFile) {
   peer.send_frame(call_payload("sum", kCallIdOfTheFiles, {}, "0x1"));
   EXPECT_EQ(hex_of(peer.read_frame()), to_hex(golden("client_reply")));
 }
 
-TEST_P(ClientReplyWire, ReplyToACallWithoutIdAndToken) {
+TEST_P(ClientReplyWire, ReplyToACallWithoutIdAndTokenMatchesTheGoldenFile) {
   peer.send_frame(BlockWriter().keyed("s_c_sw_name", "sum").bytes());
   EXPECT_EQ(hex_of(peer.read_frame()), to_hex(golden("client_reply_without_id")));
 }
 
-TEST_P(ClientReplyWire, ReplyWithoutMethod) {
+TEST_P(ClientReplyWire, ReplyWithoutMethodMatchesTheGoldenFile) {
   peer.send_frame(call_payload("foo", kCallIdOfTheFiles, {}, "0x1"));
   EXPECT_EQ(hex_of(peer.read_frame()), to_hex(golden("client_no_method_reply")));
 }
 
-TEST_P(ClientReplyWire, ReplyToAPiece) {
+TEST_P(ClientReplyWire, ReplyToAPieceMatchesTheGoldenFile) {
   const std::string piece = BlockWriter()
                                 .keyed("s_c_largedata", true)
                                 .keyed("s_c_sw_threadid", kCallIdOfTheFiles)
@@ -116,7 +116,7 @@ TEST_P(ClientReplyWire, ReplyToAPiece) {
 class Handshake : public OverTransports {};
 TOLK_OVER_TRANSPORTS(Handshake);
 
-TEST_P(Handshake, Request) {
+TEST_P(Handshake, RequestMatchesTheGoldenFile) {
   RawServer server(address, silent());
   ClientPtr client = make_client();
   std::thread connecting([&] { connect_client(client.get(), address); });
@@ -129,7 +129,7 @@ TEST_P(Handshake, Request) {
   EXPECT_EQ(to_hex(with_token_masked(fixed_id)), to_hex(golden("handshake_request")));
 }
 
-// A server of the library's, and the plain-socket client that talks to it.
+// A library server and the plain-socket client that is connected to it.
 class ServerWire : public OverTransports {
  protected:
   void SetUp() override {
@@ -157,42 +157,42 @@ class ServerWire : public OverTransports {
 };
 TOLK_OVER_TRANSPORTS(ServerWire);
 
-TEST_P(ServerWire, HandshakeReply) {
+TEST_P(ServerWire, HandshakeReplyMatchesTheGoldenFile) {
   EXPECT_EQ(answer_to(call_payload("s_c_version", 1, version_arguments(), "0x1")),
             to_hex(golden("handshake_reply")));
 }
 
-TEST_P(ServerWire, HandshakeReplyToAnotherVersion) {
+TEST_P(ServerWire, HandshakeReplyToAnotherVersionMatchesTheGoldenFile) {
   EXPECT_EQ(answer_to(call_payload("s_c_version", 1, version_arguments("2.0"), "0x1")),
             to_hex(golden("handshake_reply_refused")));
 }
 
-TEST_P(ServerWire, Reply) {
+TEST_P(ServerWire, ReplyMatchesTheGoldenFile) {
   EXPECT_EQ(answer_to(call_payload("sum", kCallIdOfTheFiles, {}, "0x1")),
             to_hex(golden("server_reply")));
 }
 
-TEST_P(ServerWire, ReplyToACallWithoutIdAndToken) {
+TEST_P(ServerWire, ReplyToACallWithoutIdAndTokenMatchesTheGoldenFile) {
   EXPECT_EQ(answer_to(BlockWriter().keyed("s_c_sw_name", "sum").bytes()),
             to_hex(golden("server_reply_without_id")));
 }
 
-TEST_P(ServerWire, ReplyWithoutMethod) {
+TEST_P(ServerWire, ReplyWithoutMethodMatchesTheGoldenFile) {
   EXPECT_EQ(answer_to(call_payload("foo", kCallIdOfTheFiles, {}, "0x1")),
             to_hex(golden("server_no_method_reply")));
 }
 
-TEST_P(ServerWire, ReplyToTheRequestToClose) {
+TEST_P(ServerWire, ReplyToACloseRequestMatchesTheGoldenFile) {
   EXPECT_EQ(answer_to(call_payload("s_c_close_server", kCallIdOfTheFiles, {}, "0x1")),
             to_hex(golden("close_server_reply")));
 }
 
-TEST_P(ServerWire, ReplyToTheRequestToCloseWithoutId) {
+TEST_P(ServerWire, ReplyToACloseRequestWithoutIdMatchesTheGoldenFile) {
   EXPECT_EQ(answer_to(BlockWriter().keyed("s_c_sw_name", "s_c_close_server").bytes()),
             to_hex(golden("close_server_reply_without_id")));
 }
 
-TEST_P(ServerWire, ReplyToAPiece) {
+TEST_P(ServerWire, ReplyToAPieceMatchesTheGoldenFile) {
   const std::string piece = BlockWriter()
                                 .keyed("s_c_largedata", true)
                                 .keyed("s_c_sw_threadid", kCallIdOfTheFiles)
@@ -205,8 +205,8 @@ TEST_P(ServerWire, ReplyToAPiece) {
             to_hex(golden("server_piece_reply")));
 }
 
-// The last piece of a call: first the result comes in pieces of its own, then the answer.
-TEST_P(ServerWire, ResultAndReplyToTheLastPiece) {
+// The last piece of a call: first the pieces of the result come, then the answer.
+TEST_P(ServerWire, ResultAndReplyToTheLastPieceMatchTheGoldenFiles) {
   const std::string call = BlockWriter().keyed("s_c_sw_name", "sum").bytes();
   const std::string piece = BlockWriter()
                                 .keyed("s_c_largedata", true)
@@ -222,7 +222,7 @@ TEST_P(ServerWire, ResultAndReplyToTheLastPiece) {
   EXPECT_EQ(hex_of(client.read_frame()), to_hex(golden("server_last_piece_reply")));
 }
 
-TEST_P(ServerWire, Call) {
+TEST_P(ServerWire, CallMatchesTheGoldenFile) {
   ASSERT_NE(answer_to(call_payload("sum", 1, {}, "0x1")), "nothing came");
   TolkParams arguments;
   fill(arguments);
@@ -231,7 +231,7 @@ TEST_P(ServerWire, Call) {
   caller.join();
 }
 
-TEST_P(ServerWire, PostedCall) {
+TEST_P(ServerWire, PostedCallMatchesTheGoldenFile) {
   ASSERT_NE(answer_to(call_payload("sum", 1, {}, "0x1")), "nothing came");
   TolkParams arguments;
   fill(arguments);

@@ -3,7 +3,7 @@
 //
 // A list header, a map header and a key's tag are only prefixes of the scalar records that follow.
 // So one flat walk finds every check word, whatever nests in what.
-// Thread: any. Owner: borrows the bytes. Failure: none; the walk stops at what can be no record.
+// Thread: any. Owner: borrows the bytes. Failure: none; the walk stops where no record can begin.
 #pragma once
 
 #include <cstddef>
@@ -17,8 +17,8 @@ class BlockRepair {
  public:
   BlockRepair(char* block, std::size_t size) : block_(block), size_(size) {}
 
-  // From now on the first text behind a whole record gets a length near 2^32 that, where sums wrap
-  // around, leads back to the check word of that record. There the walk ends.
+  // From now on the first text after a whole record gets a length near 2^32 that, where sums wrap
+  // around, leads back to the check word of that record. The walk ends there.
   void bend_a_length() { bend_ = true; }
 
   // Returns where the last whole record ends.

@@ -27,7 +27,7 @@ namespace {
 using tolk::Envelope;
 using tolk::test::expect;
 
-// Both hold what stood before a malformed record, so they are compared whatever the verdict is.
+// Both hold the records before a malformed one, so they are compared whatever the verdict is.
 void expect_envelope_of(TolkParams& block, const Envelope& envelope) {
   const TolkValue* const name = block.GetMap(tolk::kKeyName);
   const TolkValue* const call_id = block.GetMap(tolk::kKeyCallId);
@@ -46,7 +46,8 @@ void expect_envelope_of(TolkParams& block, const Envelope& envelope) {
 
 }  // namespace
 
-// libFuzzer's copy of the input has exactly its size, so a read behind it is seen.
+// libFuzzer's copy of the input has exactly its size, so that the sanitizer sees a read past its
+// end.
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const char* const bytes = reinterpret_cast<const char*>(data);
   const tolk::test::NaiveParser naive({bytes, size});
@@ -60,7 +61,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   return 0;
 }
 
-// Every fourth change is left as it is, every fourth keeps what stands behind the last record.
+// A quarter of the changes stays as it is; another quarter keeps the bytes after the last record.
 std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t max_size,
                                     unsigned seed) {
   const std::size_t changed = LLVMFuzzerMutate(data, size, max_size);

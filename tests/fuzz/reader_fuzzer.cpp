@@ -52,7 +52,7 @@ class Connection {
   }
 
  private:
-  // From memory of exactly that size, so that the sanitizer sees any read behind it.
+  // From memory of exactly that size, so that the sanitizer sees any read past its end.
   Payloads feed(std::string_view bytes) {
     const std::unique_ptr<char[]> exact(new char[bytes.size()]);
     bytes.copy(exact.get(), bytes.size());
@@ -83,8 +83,8 @@ void read_in_parts(Connection& connection, std::string_view stream, std::string_
 
 }  // namespace
 
-// Once, since it takes as long as a thousand inputs: a frame so large that the reader gives its
-// buffer away afterwards, and one more.
+// Once, since it takes as long as a thousand inputs: a frame so large that the reader frees its
+// buffer afterwards, and one more.
 int LLVMFuzzerInitialize(int*, char***) {
   Connection connection(0);
   connection.read(std::string_view("\x00\x00\x20\x00", 4));

@@ -12,7 +12,7 @@ std::string why_not(const char* text) {
   return error.detail();
 }
 
-TEST(LayerAddress, TextAndStructNameTheSame) {
+TEST(LayerAddress, TextAndStructMeanTheSameAddress) {
   EXPECT_EQ(Address("pipe:5000").text(), Address(pipe{5000}).text());
   EXPECT_EQ(Address("tcp4:127.0.0.1:80").text(), Address(tcp4{"127.0.0.1", 80}).text());
   EXPECT_EQ(Address("tcp6:[::1]:80").text(), Address(tcp6{"::1", 80}).text());
@@ -26,14 +26,14 @@ TEST(LayerAddress, BareNumberIsAPipe) {
   EXPECT_EQ(address.text(), "pipe:5000");
 }
 
-TEST(LayerAddress, PartsAreAsWritten) {
+TEST(LayerAddress, PartsAreKeptAsWritten) {
   const Address address("tcp6:[fe80::1%eth0]:65535");
   EXPECT_EQ(address.transport(), v1::Transport::tcp6);
   EXPECT_EQ(address.host(), "fe80::1%eth0");
   EXPECT_EQ(address.number(), 65535);
 }
 
-TEST(LayerAddress, SaysWhatIsWrong) {
+TEST(LayerAddress, InvalidTextIsExplained) {
   for (const char* const none : {"", "nowhere", "5000x", "-1"}) {
     EXPECT_THAT(why_not(none), testing::StartsWith("an address is pipe:NUMBER, tcp4:HOST:PORT"));
   }
@@ -83,7 +83,7 @@ TEST(LayerAddress, StructsAreCheckedToo) {
             Errc::bad_address);
 }
 
-TEST(LayerError, OneLineSaysMethodAddressAndWhy) {
+TEST(LayerError, MessageHasMethodAddressAndReason) {
   const Error error(Errc::timed_out, "add", "pipe:5000", "timed out after 500 ms");
   EXPECT_STREQ(error.what(), "add at pipe:5000: timed out after 500 ms");
   EXPECT_STREQ(to_string(error.code()), "timed_out");
@@ -101,7 +101,7 @@ TEST(LayerError, EveryCodeHasANameAndAHint) {
   EXPECT_STREQ(to_string(Errc::misuse), "misuse");
 }
 
-TEST(LayerResult, ValueThrowsTheErrorThatIsThere) {
+TEST(LayerResult, ValueThrowsTheError) {
   const Result<int> failed(Error(Errc::gone, "m", "a", "gone"));
   EXPECT_FALSE(failed);
   EXPECT_EQ(failed.value_or(7), 7);

@@ -1,4 +1,4 @@
-// Calls between two ends of the layer: what they say when they fail, and what they cost.
+// Calls between two ends of the layer: results, errors, limits, concurrency.
 #include <atomic>
 #include <future>
 #include <set>
@@ -13,7 +13,7 @@ namespace {
 
 class LayerCalls : public JoinedTest {};
 
-TEST_F(LayerCalls, TheCallerIsKnown) {
+TEST_F(LayerCalls, HandlerKnowsItsCaller) {
   std::atomic<int> seen{0};
   server.on("who", [&](Caller caller) {
     seen = caller.id();
@@ -25,7 +25,7 @@ TEST_F(LayerCalls, TheCallerIsKnown) {
   EXPECT_THAT(server.clients(), testing::ElementsAre(id));
 }
 
-TEST_F(LayerCalls, AHandlersExceptionComesWithItsText) {
+TEST_F(LayerCalls, ExceptionOfAHandlerReachesTheCallerWithItsText) {
   server.on("fail", [](const std::string& why) -> int { throw std::runtime_error(why); });
   const auto result = client.call<int>("fail", "the disk is full");
   ASSERT_FALSE(result);
@@ -37,18 +37,18 @@ TEST_F(LayerCalls, AHandlersExceptionComesWithItsText) {
   EXPECT_EQ(client.call("fail oddly").error().code(), Errc::handler_failed);
 }
 
-TEST_F(LayerCalls, AMethodThatIsNotThereIsNamed) {
+TEST_F(LayerCalls, UnknownMethodIsNamedInTheError) {
   const auto result = client.call<int>("absent", 1);
   EXPECT_EQ(result.error().code(), Errc::no_such_method);
   EXPECT_EQ(result.error().method(), "absent");
 }
 
-TEST_F(LayerCalls, AnAnswerThatLooksLikeAnUnknownMethodIsAnAnswer) {
+TEST_F(LayerCalls, ResultThatLooksLikeAnUnknownMethodIsAResult) {
   server.on("echo", [](std::string text) { return text; });
   EXPECT_EQ(client.call<std::string>("echo", "no event: echo").value(), "no event: echo");
 }
 
-TEST_F(LayerCalls, WrongArgumentsAreToldByPosition) {
+TEST_F(LayerCalls, WrongArgumentsAreReportedByPosition) {
   server.on("add", [](int a, int b) { return a + b; });
   const auto why = [&](const auto&... args) {
     const auto result = client.call<int>("add", args...);
@@ -66,7 +66,7 @@ TEST_F(LayerCalls, WrongArgumentsAreToldByPosition) {
             "argument \"level\": wanted int, got nothing");
 }
 
-TEST_F(LayerCalls, AWrongElementOfAListIsToldByPosition) {
+TEST_F(LayerCalls, WrongListElementIsReportedByPosition) {
   using Row = std::vector<int>;
   server.on("sum", [](const Row& numbers) { return static_cast<int>(numbers.size()); });
   server.on("table", [](const std::vector<Row>& rows, named<"more", std::optional<int>>) {
@@ -86,7 +86,7 @@ TEST_F(LayerCalls, AWrongElementOfAListIsToldByPosition) {
   EXPECT_EQ(why("keyed", arg("row", texts)), "argument \"row\", element 1: wanted int, got string");
 }
 
-TEST_F(LayerCalls, AWrongResultTypeSaysWantedAndGot) {
+TEST_F(LayerCalls, WrongResultTypeIsReportedWithTheWantedType) {
   server.on("text", [] { return std::string("abc"); });
   const auto result = client.call<int>("text");
   EXPECT_EQ(result.error().code(), Errc::wrong_type);
@@ -95,7 +95,7 @@ TEST_F(LayerCalls, AWrongResultTypeSaysWantedAndGot) {
             "wrong result type: wanted (int, bool), got (string)");
 }
 
-TEST_F(LayerCalls, ATimeOutSaysAfterHowLong) {
+TEST_F(LayerCalls, TimeoutErrorStatesTheLimit) {
   Gate gate;
   const OpenAtEnd open(gate);
   server.on("slow", [gate]() mutable { gate.pass(); });
@@ -106,7 +106,7 @@ TEST_F(LayerCalls, ATimeOutSaysAfterHowLong) {
   EXPECT_GE(watch.elapsed(), 150ms);
 }
 
-TEST_F(LayerCalls, ACallThatDoesNotSayHowLongTakesTheUsualTime) {
+TEST_F(LayerCalls, CallWithoutALimitUsesTheDefaultLimit) {
   EXPECT_EQ(Options().limit, 5s);
   Gate gate;
   const OpenAtEnd open(gate);
@@ -116,15 +116,15 @@ TEST_F(LayerCalls, ACallThatDoesNotSayHowLongTakesTheUsualTime) {
   EXPECT_THROW(brief.async("slowest").get(), Error);
 }
 
-TEST_F(LayerCalls, ALimitOfNothingIsNotNoLimit) {
+TEST_F(LayerCalls, LimitOfZeroIsNotUnlimited) {
   Gate gate;
   const OpenAtEnd open(gate);
   server.on("slower", [gate]() mutable { gate.pass(); });
   EXPECT_EQ(client.call("slower", 0ms).error().code(), Errc::timed_out);
 }
 
-// The late answer of a call that gave up must not pass for that of a later one.
-TEST_F(LayerCalls, ALateAnswerIsNobodysElse) {
+// The late reply to a call that timed out must not be taken for the reply to a later one.
+TEST_F(LayerCalls, LateReplyReachesNoOtherCall) {
   Gate gate;
   std::atomic<int> answered{0};
   server.on("late", [&, gate](int n) mutable {
@@ -138,7 +138,7 @@ TEST_F(LayerCalls, ALateAnswerIsNobodysElse) {
   for (int n = 1; n < 50; ++n) EXPECT_EQ(client.call<int>("late", n).value(), n);
 }
 
-TEST_F(LayerCalls, ThreadsCallSideBySideAndGetTheirOwn) {
+TEST_F(LayerCalls, ConcurrentCallsGetTheirOwnResults) {
   server.on("square", [](int n) { return n * n; });
   constexpr int kThreads = 16;
   constexpr int kCalls = 200;
@@ -156,8 +156,8 @@ TEST_F(LayerCalls, ThreadsCallSideBySideAndGetTheirOwn) {
   EXPECT_EQ(wrong, 0);
 }
 
-// All of them are inside at once: none waits for another's turn.
-TEST_F(LayerCalls, CallsTakeNoTurns) {
+// All of them are in the handler at once: no call waits for another.
+TEST_F(LayerCalls, CallsRunConcurrently) {
   Gate gate;
   server.on("meet", [gate]() mutable { gate.pass(); });
   std::vector<std::future<void>> calls;
@@ -169,7 +169,7 @@ TEST_F(LayerCalls, CallsTakeNoTurns) {
   for (auto& call : calls) call.get();
 }
 
-TEST_F(LayerCalls, APostedCallArrivesWithItsKeys) {
+TEST_F(LayerCalls, PostedCallArrivesWithItsKeys) {
   std::promise<std::string> arrived;
   server.on("log", [&](named<"level", int> level, const std::string& text) {
     arrived.set_value(std::to_string(level.value) + " " + text);
@@ -178,7 +178,7 @@ TEST_F(LayerCalls, APostedCallArrivesWithItsKeys) {
   EXPECT_EQ(arrived.get_future().get(), "3 hello");
 }
 
-TEST_F(LayerCalls, AFutureGivesTheResultOrThrows) {
+TEST_F(LayerCalls, FutureReturnsTheResultOrThrows) {
   server.on("read", [](const std::string& name) { return "text of " + name; });
   std::future<std::string> text = client.async<std::string>("read", "notes.txt");
   EXPECT_EQ(text.get(), "text of notes.txt");
@@ -188,7 +188,7 @@ TEST_F(LayerCalls, AFutureGivesTheResultOrThrows) {
   nothing.get();
 }
 
-TEST_F(LayerCalls, AFutureThatIsDroppedWaitsForNothing) {
+TEST_F(LayerCalls, DroppedFutureDoesNotWait) {
   Gate gate;
   const OpenAtEnd open(gate);
   server.on("wait", [gate]() mutable { gate.pass(); });
@@ -207,7 +207,7 @@ TEST_F(LayerCalls, MethodsDescribeThemselves) {
   EXPECT_EQ(methods, server.methods());
 }
 
-TEST_F(LayerCalls, NamesThatAreTakenAreRefused) {
+TEST_F(LayerCalls, DuplicateAndReservedNamesAreRefused) {
   server.on("once", [] {});
   for (const char* name : {"once", "", "retval", "s_c_version", "tolk.describe"}) {
     EXPECT_EQ(error_of([&] { server.on(name, [] {}); }).code(), Errc::misuse) << name;
@@ -216,7 +216,7 @@ TEST_F(LayerCalls, NamesThatAreTakenAreRefused) {
             "a method's name is not empty, not retval, and does not begin with s_c_ or tolk.");
 }
 
-TEST_F(LayerCalls, AKeyOfTheLibrarysIsRefused) {
+TEST_F(LayerCalls, ReservedKeysAreRefused) {
   for (const char* key : {"s_c_x", "tolk.x"}) {
     const Error error = error_of([&] { (void)arg(key, 1); });
     EXPECT_EQ(error.code(), Errc::misuse);
@@ -226,7 +226,7 @@ TEST_F(LayerCalls, AKeyOfTheLibrarysIsRefused) {
   }
 }
 
-TEST_F(LayerCalls, WhatIsTooLargeIsRefusedBeforeItIsSent) {
+TEST_F(LayerCalls, OversizedDataIsRefusedBeforeItIsSent) {
   class Endless final : public detail::Peer {
    public:
     std::optional<Error> exchange(int, const std::string&, TolkParams*, detail::Limit,

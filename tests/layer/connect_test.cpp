@@ -1,4 +1,4 @@
-// Connecting and listening, and what is said when they fail.
+// Connecting and listening, and the errors when they fail.
 #include <atomic>
 #include <iostream>
 #include <thread>
@@ -8,7 +8,7 @@
 namespace tolk::test {
 namespace {
 
-TEST(LayerConnect, NobodyThereIsNotConnected) {
+TEST(LayerConnect, FailsAsNotConnectedWhenNobodyListens) {
   const auto where = fresh();
   const Error error = error_of([&] { connect(where); });
   EXPECT_EQ(error.code(), Errc::not_connected);
@@ -16,13 +16,13 @@ TEST(LayerConnect, NobodyThereIsNotConnected) {
   EXPECT_EQ(error.what(), where.text() + ": not connected: nobody listens there");
 }
 
-TEST(LayerConnect, ARefusedVersionIsSaidSo) {
+TEST(LayerConnect, RefusedVersionIsReported) {
   const auto address = fresh_address(Transport::pipe);
   RawServer server(address, refusing());
   EXPECT_EQ(error_of([&] { connect(layered(address)); }).code(), Errc::refused_version);
 }
 
-TEST(LayerConnect, AServerThatHangsUpIsGone) {
+TEST(LayerConnect, ServerThatHangsUpIsReportedAsGone) {
   const auto address = fresh_address(Transport::pipe);
   RawServer server(address, hanging_up());
   const Error error = error_of([&] { connect(layered(address)); });
@@ -30,11 +30,11 @@ TEST(LayerConnect, AServerThatHangsUpIsGone) {
   EXPECT_THAT(error.hint(), testing::HasSubstr("it may be no server of this library"));
 }
 
-TEST(LayerConnect, ATextThatIsNoAddressIsSaidSo) {
+TEST(LayerConnect, InvalidAddressIsReported) {
   EXPECT_EQ(error_of([] { connect("nowhere"); }).code(), Errc::bad_address);
 }
 
-TEST(LayerConnect, PatienceWaitsForAServerThatComes) {
+TEST(LayerConnect, PatienceWaitsForALaterServer) {
   const auto where = fresh();
   Server server;
   server.on("add", [](int a, int b) { return a + b; });
@@ -47,7 +47,7 @@ TEST(LayerConnect, PatienceWaitsForAServerThatComes) {
   EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
 }
 
-TEST(LayerConnect, AFailedConnectCanBeTriedAgain) {
+TEST(LayerConnect, FailedConnectCanBeRetried) {
   const auto where = fresh();
   Client client;
   EXPECT_EQ(error_of([&] { client.connect(where); }).code(), Errc::not_connected);
@@ -61,7 +61,7 @@ TEST(LayerConnect, AFailedConnectCanBeTriedAgain) {
   EXPECT_EQ(error_of([&] { client.connect(where); }).code(), Errc::misuse);
 }
 
-TEST(LayerListen, ATakenAddressSaysWhy) {
+TEST(LayerListen, TakenAddressIsReported) {
   const auto where = layered(fresh_address(Transport::tcp4));
   Server first;
   first.listen(where);
@@ -74,15 +74,15 @@ TEST(LayerListen, ATakenAddressSaysWhy) {
   EXPECT_FALSE(second.listening());
 }
 
-TEST(LayerListen, AnAddressOfAnotherMachineSaysSo) {
+TEST(LayerListen, AddressOfAnotherMachineIsReported) {
   Server server;
-  // For documentation: no machine has it.
+  // Reserved for documentation: no machine has this address.
   const Error error = error_of([&] { server.listen("tcp4:192.0.2.1:5000"); });
   EXPECT_EQ(error.code(), Errc::cannot_listen);
   EXPECT_STREQ(error.hint(), "use an address that this machine has");
 }
 
-TEST(LayerListen, AQuietServerSaysWhyTooAndPrintsNothing) {
+TEST(LayerListen, QuietServerReportsTheReasonAndPrintsNothing) {
   const auto where = layered(fresh_address(Transport::tcp4));
   Server first(Options{.quiet = true});
   first.listen(where);
@@ -100,7 +100,7 @@ TEST(LayerListen, AQuietServerSaysWhyTooAndPrintsNothing) {
   EXPECT_EQ(lines, 0);
 }
 
-TEST(LayerListen, AFailedListenCanBeTriedAgain) {
+TEST(LayerListen, FailedListenCanBeRetried) {
   Server first;
   const auto where = layered(fresh_address(Transport::tcp4));
   first.listen(where);
@@ -113,7 +113,7 @@ TEST(LayerListen, AFailedListenCanBeTriedAgain) {
   EXPECT_EQ(error_of([&] { second.listen(where); }).code(), Errc::misuse);
 }
 
-TEST(LayerListen, LinesGoWhereTheHostWants) {
+TEST(LayerListen, LinesGoToTheLogFunction) {
   std::mutex mutex;
   std::vector<std::string> lines;
   Server server;
@@ -149,7 +149,7 @@ TEST(LayerListen, WaitingForAServerThatNeverListenedIsMisuse) {
   EXPECT_EQ(error.detail(), "this server does not listen");
 }
 
-TEST(LayerListen, HooksTellOfClients) {
+TEST(LayerListen, HooksReportClients) {
   Server server;
   Counter came;
   Counter went;
@@ -168,7 +168,7 @@ TEST(LayerListen, HooksTellOfClients) {
     Client client = connect(where);
     EXPECT_TRUE(came.wait_for(1));
     EXPECT_THAT(server.clients(), testing::ElementsAre(id.load()));
-    // A peer may call a hook's name like a method: then it is none.
+    // A peer may call the name of a hook like a method: the hook does not run then.
     EXPECT_TRUE(client.call("s_c_closed"));
     EXPECT_EQ(went.value(), 0);
   }

@@ -1,4 +1,4 @@
-// A server and a client of the C++ layer that are joined, for tests of calls.
+// A connected server and client of the C++ layer, for tests of calls.
 //
 // Ending a client takes the library a third of a second, so a suite shares one pair.
 #pragma once

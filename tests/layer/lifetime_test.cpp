@@ -1,4 +1,4 @@
-// When things end: handlers, connections, results.
+// Lifetimes: of handlers, connections, results.
 #include <atomic>
 #include <future>
 #include <memory>
@@ -19,7 +19,7 @@ auto holding(const Held& held) {
   return [token = held.token] { return *token; };
 }
 
-TEST(LayerLifetime, AServerFreesItsHandlers) {
+TEST(LayerLifetime, ServerFreesItsHandlers) {
   for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
     Held held;
     {
@@ -32,13 +32,13 @@ TEST(LayerLifetime, AServerFreesItsHandlers) {
   }
 }
 
-TEST(LayerLifetime, AServerThatNeverListenedFreesItsHandlers) {
+TEST(LayerLifetime, ServerThatNeverListenedFreesItsHandlers) {
   Held held;
   { Server().on("held", holding(held)); }
   EXPECT_TRUE(held.freed());
 }
 
-TEST(LayerLifetime, AServerThatAClientClosedFreesItsHandlers) {
+TEST(LayerLifetime, ServerThatAClientClosedFreesItsHandlers) {
   Held held;
   {
     const auto where = fresh();
@@ -51,7 +51,7 @@ TEST(LayerLifetime, AServerThatAClientClosedFreesItsHandlers) {
   EXPECT_TRUE(eventually([&] { return held.freed(); }));
 }
 
-TEST(LayerLifetime, AClientFreesItsHandlersHoweverItEnds) {
+TEST(LayerLifetime, ClientFreesItsHandlersHoweverItEnds) {
   const auto address = fresh_address(Transport::pipe);
   Held held;
   {
@@ -82,7 +82,7 @@ TEST(LayerLifetime, AClientFreesItsHandlersHoweverItEnds) {
   EXPECT_TRUE(held.freed());
 }
 
-TEST(LayerLifetime, CloseWaitsForHandlersThatRun) {
+TEST(LayerLifetime, CloseWaitsForRunningHandlers) {
   Gate gate;
   std::atomic<bool> returned{false};
   const auto where = fresh();
@@ -106,7 +106,7 @@ TEST(LayerLifetime, CloseWaitsForHandlersThatRun) {
   closer.join();
 }
 
-TEST(LayerLifetime, AHandlerMayCloseItsServer) {
+TEST(LayerLifetime, HandlerMayCloseItsServer) {
   const auto where = fresh();
   Server server;
   server.on("stop", [&] { server.close(); });
@@ -117,8 +117,8 @@ TEST(LayerLifetime, AHandlerMayCloseItsServer) {
   EXPECT_FALSE(server.listening());
 }
 
-// The destructor comes second, and waits for the handler that is still closing.
-TEST(LayerLifetime, AClientOutlivesTheHandlerThatClosesIt) {
+// The destructor runs while the handler is still in close, and waits for it.
+TEST(LayerLifetime, ClientOutlivesTheHandlerThatClosesIt) {
   const auto where = fresh();
   Server server;
   server.listen(where);
@@ -136,7 +136,7 @@ TEST(LayerLifetime, AClientOutlivesTheHandlerThatClosesIt) {
   EXPECT_TRUE(returned);
 }
 
-TEST(LayerLifetime, AHandlerMayCloseAServerThatIsBeingClosed) {
+TEST(LayerLifetime, HandlerMayCloseAServerThatIsBeingClosed) {
   Gate gate;
   std::atomic<bool> returned{false};
   const auto where = fresh();
@@ -160,7 +160,7 @@ TEST(LayerLifetime, AHandlerMayCloseAServerThatIsBeingClosed) {
   EXPECT_TRUE(server.clients().empty());
 }
 
-TEST(LayerLifetime, AServerOutlivesTheHandlerThatClosesIt) {
+TEST(LayerLifetime, ServerOutlivesTheHandlerThatClosesIt) {
   const auto where = fresh();
   std::atomic<bool> returned{false};
   Client client;
@@ -178,7 +178,7 @@ TEST(LayerLifetime, AServerOutlivesTheHandlerThatClosesIt) {
   EXPECT_TRUE(returned);
 }
 
-TEST(LayerLifetime, AHookMayCloseItsClient) {
+TEST(LayerLifetime, HookMayCloseItsClient) {
   for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
     Held held;
     {
@@ -199,7 +199,7 @@ TEST(LayerLifetime, AHookMayCloseItsClient) {
   }
 }
 
-TEST(LayerLifetime, AHookMayCloseItsServer) {
+TEST(LayerLifetime, HookMayCloseItsServer) {
   for (const Transport transport : {Transport::pipe, Transport::tcp4}) {
     Held held;
     {
@@ -215,13 +215,13 @@ TEST(LayerLifetime, AHookMayCloseItsServer) {
   }
 }
 
-TEST(LayerLifetime, AClosedClientDoesNotConnect) {
+TEST(LayerLifetime, ClosedClientDoesNotConnect) {
   Client client;
   client.close();
   EXPECT_EQ(error_of([&] { client.connect(fresh()); }).code(), Errc::misuse);
 }
 
-TEST(LayerLifetime, CallsOfAClosedClientSaySo) {
+TEST(LayerLifetime, CallsOfAClosedClientFail) {
   const auto where = fresh();
   Server server;
   server.listen(where);
@@ -235,7 +235,7 @@ TEST(LayerLifetime, CallsOfAClosedClientSaySo) {
   EXPECT_EQ(error_of([&] { client.reconnecting(); }).code(), Errc::misuse);
 }
 
-TEST(LayerLifetime, CloseLetsWaitingCallsGo) {
+TEST(LayerLifetime, CloseWakesWaitingCalls) {
   Gate gate;
   const auto where = fresh();
   Server server;
@@ -252,7 +252,7 @@ TEST(LayerLifetime, CloseLetsWaitingCallsGo) {
   }
 }
 
-TEST(LayerLifetime, ALostServerEndsCallsAsGone) {
+TEST(LayerLifetime, LossOfTheServerEndsCallsAsGone) {
   const auto address = fresh_address(Transport::pipe);
   RawServer server(address);
   Counter closed;
@@ -269,7 +269,7 @@ TEST(LayerLifetime, ALostServerEndsCallsAsGone) {
   EXPECT_EQ(client.post("add").error().code(), Errc::gone);
 }
 
-TEST(LayerLifetime, TheEndOfAnotherClientInterruptsACallAndIsSaidSo) {
+TEST(LayerLifetime, EndOfAnotherClientEndsCallsAsInterrupted) {
   const auto address = fresh_address(Transport::pipe);
   RawServer server(address);
   Client waiting = connect(layered(address));
@@ -280,7 +280,7 @@ TEST(LayerLifetime, TheEndOfAnotherClientInterruptsACallAndIsSaidSo) {
   EXPECT_EQ(error_of([&] { call.get(); }).code(), Errc::interrupted);
 }
 
-TEST(LayerLifetime, ObjectsMove) {
+TEST(LayerLifetime, ObjectsAreMovable) {
   const auto where = fresh();
   Server server;
   server.on("one", [] { return 1; });
@@ -291,7 +291,7 @@ TEST(LayerLifetime, ObjectsMove) {
   EXPECT_EQ(other.call<int>("one").value(), 1);
 }
 
-TEST(LayerLifetime, AsyncCallsBeyondTheThreadsWaitInLine) {
+TEST(LayerLifetime, AsyncCallsBeyondTheThreadsAreQueued) {
   Gate gate;
   const auto where = fresh();
   Server server;
@@ -303,7 +303,7 @@ TEST(LayerLifetime, AsyncCallsBeyondTheThreadsWaitInLine) {
   std::future<void> late = client.async("pass", 1ms);
   ASSERT_TRUE(gate.wait_entered());
   EXPECT_EQ(gate.entered(), 1);
-  std::this_thread::sleep_for(2ms);  // the limit of `late` has passed then, in line
+  std::this_thread::sleep_for(2ms);  // the limit of `late` passes while it is queued
   gate.open();
   first.get();
   second.get();
@@ -311,8 +311,8 @@ TEST(LayerLifetime, AsyncCallsBeyondTheThreadsWaitInLine) {
   EXPECT_EQ(gate.entered(), 2);
 }
 
-// What calls leave in the library's table does not add up, whether they are answered or not.
-TEST(LayerCallIds, AreLentToOneCallAtATime) {
+// Results in the library's table do not accumulate, whether calls are answered or not.
+TEST(LayerCallIds, AreUsedByOneCallAtATime) {
   detail::CallIds ids;
   int cleared = 0;
   const auto clear = [&] { ++cleared; };
@@ -327,7 +327,7 @@ TEST(LayerCallIds, AreLentToOneCallAtATime) {
   EXPECT_EQ(cleared, 0);
 }
 
-TEST(LayerCallIds, LateAnswersAreClearedWhenNoCallIsUnderWay) {
+TEST(LayerCallIds, LateRepliesAreClearedWhenNoCallRuns) {
   detail::CallIds ids;
   int cleared = 0;
   const auto clear = [&] { ++cleared; };
@@ -339,7 +339,7 @@ TEST(LayerCallIds, LateAnswersAreClearedWhenNoCallIsUnderWay) {
   EXPECT_EQ(cleared, 1);
 }
 
-TEST(LayerCallIds, ASpoiledIdIsCleanOnceItsAnswerHasCome) {
+TEST(LayerCallIds, IdOfATimedOutCallIsReusedAfterItsReply) {
   detail::CallIds ids;
   using Use = detail::CallIds::Use;
   const int first = ids.lend();

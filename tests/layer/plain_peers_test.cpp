@@ -11,7 +11,7 @@ namespace {
 class LayerAndPlain : public OverTransports {};
 TOLK_OVER_TRANSPORTS(LayerAndPlain);
 
-TEST_P(LayerAndPlain, APlainServerServesAClientOfTheLayer) {
+TEST_P(LayerAndPlain, PlainServerServesALayerClient) {
   const ServerPtr server = make_server();
   server->method("add", on_call([](int, TolkParams* in, TolkParams* out) {
                    out->AddInt(in->GetValue(0)->GetInt() + in->GetValue(1)->GetInt());
@@ -46,7 +46,7 @@ TEST_P(LayerAndPlain, APlainServerServesAClientOfTheLayer) {
   EXPECT_EQ(client.send("absent", data).error().code(), Errc::no_such_method);
 }
 
-TEST_P(LayerAndPlain, AServerOfTheLayerServesAPlainClient) {
+TEST_P(LayerAndPlain, LayerServerServesAPlainClient) {
   Server server;
   server.on("add", [](int a, int b) { return a + b; });
   server.on("fail", [] { throw std::runtime_error("no"); });
@@ -80,7 +80,7 @@ TEST_P(LayerAndPlain, AServerOfTheLayerServesAPlainClient) {
   EXPECT_EQ(reply->GetValue(0)->GetInt(), 100000);
 }
 
-TEST_P(LayerAndPlain, APlainServerCallsAClientOfTheLayer) {
+TEST_P(LayerAndPlain, PlainServerCallsALayerClient) {
   const ServerPtr server = make_server();
   Counter came;
   std::atomic<int> id{0};
@@ -109,7 +109,7 @@ TEST_P(LayerAndPlain, APlainServerCallsAClientOfTheLayer) {
   EXPECT_STREQ(reply->GetMap("tolk.error")->GetString(), "no");
 }
 
-TEST_P(LayerAndPlain, AServerOfTheLayerCallsAPlainClient) {
+TEST_P(LayerAndPlain, LayerServerCallsAPlainClient) {
   Server server;
   server.on("here", [](const Caller& caller) { return caller.id(); });
   server.listen(layered(address));
@@ -138,7 +138,7 @@ class LayerAndRaw : public testing::Test {
   const tolk::test::Address address = fresh_address(Transport::pipe);
 };
 
-TEST_F(LayerAndRaw, AnAnswerOfTheLayerHasNothingBesidesTheEnvelope) {
+TEST_F(LayerAndRaw, ReplyHasNoKeysBesidesTheEnvelope) {
   Server server;
   server.on("add", [](int a, int b) { return a + b; });
   server.listen(layered(address));
@@ -152,7 +152,7 @@ TEST_F(LayerAndRaw, AnAnswerOfTheLayerHasNothingBesidesTheEnvelope) {
               testing::ElementsAre("s_c_sw_name", "s_c_sw_threadid", "s_c_sw_semid"));
 }
 
-TEST_F(LayerAndRaw, AnAnswerOfAnErrorIsKeyedValues) {
+TEST_F(LayerAndRaw, ErrorReplyHasOnlyKeyedValues) {
   Server server;
   server.on("fail", [] { throw std::runtime_error("because"); });
   server.on("add", [](int a, int b) { return a + b; });
@@ -168,7 +168,7 @@ TEST_F(LayerAndRaw, AnAnswerOfAnErrorIsKeyedValues) {
   EXPECT_EQ(wrong->text("tolk.kind"), "arguments");
 }
 
-TEST_F(LayerAndRaw, ACallOfTheLayerIsAPlainCall) {
+TEST_F(LayerAndRaw, CallHasNoKeysBesidesTheEnvelope) {
   RawServer server(address);
   Client client = connect(layered(address));
   RawSocket socket = server.take();
@@ -182,7 +182,7 @@ TEST_F(LayerAndRaw, ACallOfTheLayerIsAPlainCall) {
   EXPECT_EQ(sum.get(), 5);
 }
 
-TEST_F(LayerAndRaw, AnAnswerOfAnyShapeIsAResultOrAnError) {
+TEST_F(LayerAndRaw, ReplyOfAnyShapeIsAResultOrAnError) {
   RawServer server(address);
   Client client = connect(layered(address));
   RawSocket socket = server.take();
@@ -206,7 +206,7 @@ TEST_F(LayerAndRaw, AnAnswerOfAnyShapeIsAResultOrAnError) {
   EXPECT_EQ(answered(BlockWriter().map({{"a", 1}})), "wrong_type");
 }
 
-TEST_F(LayerAndRaw, AnswersOfPostedCallsDoNotReachOtherCalls) {
+TEST_F(LayerAndRaw, RepliesToPostedCallsReachNoOtherCall) {
   RawServer server(address);
   Client client = connect(layered(address));
   RawSocket socket = server.take();
@@ -223,12 +223,13 @@ TEST_F(LayerAndRaw, AnswersOfPostedCallsDoNotReachOtherCalls) {
   EXPECT_EQ(result.get(), 2);
 }
 
-// A call that gave up keeps its id for ever: a late answer to it can't pass for that of a new call.
-TEST_F(LayerAndRaw, AnIdThatWasNotAnsweredIsNotLentAgain) {
+// The id of a call that timed out is never reused: its late reply cannot be taken for that of a new
+// call.
+TEST_F(LayerAndRaw, UnansweredCallIdIsNotReused) {
   RawServer server(address);
   Client client = connect(layered(address));
   RawSocket socket = server.take();
-  // Not Client::async: such a call may be too late in line, and is not made then.
+  // Not Client::async: such a call may time out in the queue, and is not sent then.
   const auto call = [&](std::chrono::milliseconds limit) {
     return std::async(std::launch::async,
                       [&client, limit] { return client.call<int>("add", limit).error().code(); });
@@ -246,7 +247,7 @@ TEST_F(LayerAndRaw, AnIdThatWasNotAnsweredIsNotLentAgain) {
   EXPECT_EQ(second.get(), Errc::timed_out);
 }
 
-TEST_F(LayerAndRaw, AnIdThatWasAnsweredIsLentAgain) {
+TEST_F(LayerAndRaw, AnsweredCallIdIsReused) {
   RawServer server(address);
   Client client = connect(layered(address));
   RawSocket socket = server.take();
@@ -262,7 +263,7 @@ TEST_F(LayerAndRaw, AnIdThatWasAnsweredIsLentAgain) {
   EXPECT_EQ(ids.size(), 1U);
 }
 
-TEST_F(LayerAndRaw, ACatchAllAnswersEveryName) {
+TEST_F(LayerAndRaw, CatchAllAnswersEveryName) {
   Server server;
   server.on_any([](const Caller& caller, const Values& values) {
     return values.size() == 0 ? Values() : Values().add(caller.method()).add(values.at(0));

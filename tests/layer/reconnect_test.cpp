@@ -1,4 +1,4 @@
-// A client that connects again when its server has gone.
+// A client that connects again when it has lost its server.
 #include <atomic>
 #include <future>
 #include <optional>
@@ -20,7 +20,7 @@ class LayerReconnect : public testing::Test {
   std::optional<Server> server;
 };
 
-TEST_F(LayerReconnect, CallsGoOnWithANewServer) {
+TEST_F(LayerReconnect, CallsSucceedWithANewServer) {
   start();
   Counter lost;
   Counter back;
@@ -37,13 +37,13 @@ TEST_F(LayerReconnect, CallsGoOnWithANewServer) {
     ASSERT_TRUE(back.wait_for(round));
     EXPECT_TRUE(client.connected());
     EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
-    // Its methods are registered again, and time-outs work as before.
+    // Its methods are registered again, and timeouts work as before.
     const int id = server->clients().at(0);
     EXPECT_EQ(server->call<int>(id, "double", 4).value(), 8);
   }
 }
 
-TEST_F(LayerReconnect, TimeOutsWorkOnTheNewConnection) {
+TEST_F(LayerReconnect, TimeoutsWorkOnTheNewConnection) {
   const auto address = fresh_address(Transport::pipe);
   std::optional<RawServer> raw(std::in_place, address);
   Client client = connect(layered(address));
@@ -57,7 +57,7 @@ TEST_F(LayerReconnect, TimeOutsWorkOnTheNewConnection) {
   EXPECT_EQ(client.call("m", 50ms).error().code(), Errc::timed_out);
 }
 
-// A server that was there once, and then refuses whoever comes.
+// A server that accepts one client and refuses every later one.
 class Refusals {
  public:
   using Clock = std::chrono::steady_clock;
@@ -71,7 +71,7 @@ class Refusals {
           }
           refusing()(socket);
         }) {}
-  // Sends the first client away.
+  // Disconnects the first client.
   void begin() { raw_.take().close(); }
   std::vector<Clock::time_point> times() {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -100,7 +100,7 @@ TEST_F(LayerReconnect, PausesGrow) {
 }
 
 // Twice as long each time, the eighth attempt would come after two minutes.
-TEST_F(LayerReconnect, PausesAreNotLongerThanTheLongest) {
+TEST_F(LayerReconnect, PausesStopGrowingAtTheMaximum) {
   const auto address = fresh_address(Transport::pipe);
   Refusals refusals(address);
   Client client = connect(layered(address));
@@ -134,7 +134,7 @@ TEST_F(LayerReconnect, CallsMayWaitForTheFirstConnection) {
   EXPECT_EQ(sum.get(), 3);
 }
 
-TEST_F(LayerReconnect, AMethodThatIsAddedWhileTheServerIsGoneIsThereAfterwards) {
+TEST_F(LayerReconnect, MethodAddedWhileDisconnectedIsRegisteredAfterwards) {
   start();
   Counter lost;
   Counter back;
@@ -153,7 +153,7 @@ TEST_F(LayerReconnect, AMethodThatIsAddedWhileTheServerIsGoneIsThereAfterwards) 
   EXPECT_EQ(server->call<int>(id, "later").value(), 8);
 }
 
-TEST_F(LayerReconnect, AnExceptionOfTheHostsIsDropped) {
+TEST_F(LayerReconnect, ExceptionOfTheCallbackIsDropped) {
   start();
   Counter back;
   Client client = connect(where);
@@ -167,7 +167,7 @@ TEST_F(LayerReconnect, AnExceptionOfTheHostsIsDropped) {
   EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
 }
 
-TEST_F(LayerReconnect, AClientThatLooksForItsServerCanBeClosed) {
+TEST_F(LayerReconnect, ReconnectingClientCanBeClosed) {
   start();
   Counter lost;
   Client client = connect(where);

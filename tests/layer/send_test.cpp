@@ -36,7 +36,7 @@ TEST_F(LayerSend, EverySizeArrivesWhole) {
   }
 }
 
-TEST_F(LayerSend, OtherArgumentsStandBehindTheData) {
+TEST_F(LayerSend, OtherArgumentsFollowTheData) {
   server.on("store", [](const bytes& data, const std::string& name, named<"mode", int> mode) {
     return name + " " + std::to_string(data.size()) + " " + std::to_string(mode.value);
   });
@@ -47,7 +47,7 @@ TEST_F(LayerSend, OtherArgumentsStandBehindTheData) {
   EXPECT_EQ(client.send<int>("all of it", data).value(), int(kPiece + 1));
 }
 
-TEST_F(LayerSend, BytesAndTextsOfAnyKindAreTaken) {
+TEST_F(LayerSend, AnyTypeOfBytesAndTextIsAccepted) {
   server.on("text of", [](const std::string& data) { return data; });
   const std::vector<unsigned char> octets{'a', 'b'};
   const bytes whole{std::byte{'c'}, std::byte{'d'}};
@@ -58,7 +58,7 @@ TEST_F(LayerSend, BytesAndTextsOfAnyKindAreTaken) {
   EXPECT_EQ(client.send<std::string>("text of", "gh", [](Progress) {}).value(), "gh");
 }
 
-TEST_F(LayerSend, CancelEndsItAndTheMethodIsNotCalled) {
+TEST_F(LayerSend, CancelledSendDoesNotCallTheMethod) {
   std::atomic<int> called{0};
   server.on("never", [&](std::string_view) { ++called; });
   int reports = 0;
@@ -73,7 +73,7 @@ TEST_F(LayerSend, CancelEndsItAndTheMethodIsNotCalled) {
   EXPECT_EQ(called, 0);
 }
 
-TEST_F(LayerSend, FailuresAreToldAsOfACall) {
+TEST_F(LayerSend, FailuresAreReportedAsOfACall) {
   server.on("refuses", [](std::string_view) { throw std::runtime_error("too ugly"); });
   server.on("takes int", [](int) {});
   const std::string data = pattern(2 * kPiece);
@@ -85,10 +85,10 @@ TEST_F(LayerSend, FailuresAreToldAsOfACall) {
   const auto absent = client.send("absent", data, [&](Progress) { ++reports; });
   EXPECT_EQ(absent.error().code(), Errc::no_such_method);
   EXPECT_EQ(absent.error().method(), "absent");
-  EXPECT_EQ(reports, 0);  // told before anything was sent
+  EXPECT_EQ(reports, 0);  // the error came before anything was sent
 }
 
-TEST(LayerReceive, TheReceiverSeesProgressAndMayCancel) {
+TEST(LayerReceive, ReceiverSeesProgressAndMayCancel) {
   Server server;
   std::atomic<std::uint64_t> seen{0};
   server.on("upload", [](std::string_view data) { return int(data.size()); });
@@ -107,7 +107,7 @@ TEST(LayerReceive, TheReceiverSeesProgressAndMayCancel) {
   EXPECT_EQ(seen, kPiece);
 }
 
-TEST(LayerReceive, ACatchAllGetsAllOfItInOneCall) {
+TEST(LayerReceive, CatchAllGetsTheWholeDataInOneCall) {
   Server server;
   server.on("pieces", [](std::string_view data) { return int(data.size()); });
   server.on_any([](const Caller& caller, const Values& all) {
@@ -126,7 +126,7 @@ TEST(LayerReceive, ACatchAllGetsAllOfItInOneCall) {
   EXPECT_THAT(done, testing::ElementsAre(0U, kPiece, 2 * kPiece));
 }
 
-TEST(LayerReceive, AnExceptionOfTheReceiverIsToldToTheSender) {
+TEST(LayerReceive, ExceptionOfTheReceiverReachesTheSender) {
   std::atomic<int> called{0};
   Server server;
   server.on("upload", [&](std::string_view) { ++called; });
@@ -147,7 +147,7 @@ TEST(LayerReceive, AnExceptionOfTheReceiverIsToldToTheSender) {
   EXPECT_EQ(called, 0);
 }
 
-TEST(LayerTransfers, PiecesOutOfOrderAreRefusedAndForgotten) {
+TEST(LayerTransfers, PiecesOutOfOrderAreRefusedAndDropped) {
   detail::Transfers transfers;
   const auto piece = [](int transfer, std::uint64_t offset, std::string_view data) {
     detail::Transfers::Piece made;
@@ -168,7 +168,7 @@ TEST(LayerTransfers, PiecesOutOfOrderAreRefusedAndForgotten) {
   EXPECT_EQ(transfers.count(), 0U);
 }
 
-TEST(LayerTransfers, WholeDataIsGivenOnce) {
+TEST(LayerTransfers, WholeDataIsDeliveredOnce) {
   detail::Transfers transfers;
   detail::Transfers::Piece piece;
   piece.total = 4;
@@ -179,7 +179,7 @@ TEST(LayerTransfers, WholeDataIsGivenOnce) {
   EXPECT_EQ(transfers.count(), 0U);
 }
 
-TEST(LayerTransfers, AMalformedPieceIsAnsweredWithAnError) {
+TEST(LayerTransfers, MalformedPieceIsAnsweredWithAnError) {
   const auto address = fresh_address(Transport::pipe);
   Server server;
   server.on("upload", [](std::string_view) {});

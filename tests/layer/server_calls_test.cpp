@@ -13,7 +13,7 @@ class LayerServerCalls : public JoinedTest {
   int id() { return server.clients().at(0); }
 };
 
-TEST_F(LayerServerCalls, AClientIsCalledLikeAServer) {
+TEST_F(LayerServerCalls, ClientIsCalledLikeAServer) {
   client.on("double", [](int n) { return 2 * n; });
   EXPECT_EQ(server.call<int>(id(), "double", 21).value(), 42);
   client.on("fail", [] { throw std::runtime_error("no"); });
@@ -21,7 +21,7 @@ TEST_F(LayerServerCalls, AClientIsCalledLikeAServer) {
   EXPECT_EQ(server.call<bool>(id(), "double", 21).error().code(), Errc::wrong_type);
 }
 
-TEST_F(LayerServerCalls, APostReachesTheClient) {
+TEST_F(LayerServerCalls, PostReachesTheClient) {
   Counter posted;
   client.on("note", [&](int n) {
     EXPECT_EQ(n, 5);
@@ -31,7 +31,7 @@ TEST_F(LayerServerCalls, APostReachesTheClient) {
   EXPECT_TRUE(posted.wait_for(1));
 }
 
-TEST_F(LayerServerCalls, AHandlerCallsItsCallerBack) {
+TEST_F(LayerServerCalls, HandlerMayCallItsCallerBack) {
   client.on("name", [] { return std::string("me"); });
   server.on("greet",
             [](Caller caller) { return "hello " + caller.call<std::string>("name").value(); });
@@ -41,28 +41,28 @@ TEST_F(LayerServerCalls, AHandlerCallsItsCallerBack) {
   EXPECT_EQ(server.call<int>(id(), "ask").value(), 3);
 }
 
-TEST_F(LayerServerCalls, AnUnknownClientIsNotConnected) {
+TEST_F(LayerServerCalls, UnknownClientIsNotConnected) {
   const Error error = server.call(id() + 1, "m").error();
   EXPECT_EQ(error.code(), Errc::not_connected);
   EXPECT_STREQ(error.hint(), "take the ids of clients from on_connect, clients() or a Caller");
   EXPECT_EQ(server.post(id() + 1, "m").error().code(), Errc::not_connected);
 }
 
-TEST_F(LayerServerCalls, ATimeOutIsSaidSo) {
+TEST_F(LayerServerCalls, TimeoutIsReported) {
   Gate gate;
   const OpenAtEnd open(gate);
   client.on("slow", [gate]() mutable { gate.pass(); });
   EXPECT_EQ(server.call(id(), "slow", 50ms).error().code(), Errc::timed_out);
 }
 
-TEST_F(LayerServerCalls, AMethodThatAClientOfTheLayerDoesNotHaveIsSaidSo) {
+TEST_F(LayerServerCalls, UnknownMethodIsReported) {
   EXPECT_EQ(server.call(id(), "absent", 50ms).error().code(), Errc::no_such_method);
   client.on("absent", [] { return 1; });
   EXPECT_EQ(server.call<int>(id(), "absent").value(), 1);
 }
 
-// On a server a call without an answer would find what an earlier one with its id left.
-TEST_F(LayerServerCalls, AnEarlierAnswerIsNoAnswer) {
+// On a server an unanswered call would return the result of an earlier call with its id.
+TEST_F(LayerServerCalls, EarlierReplyIsNotReturnedAfterATimeout) {
   Gate gate;
   const OpenAtEnd open(gate);
   client.on("first", [] { return 1; });
@@ -74,7 +74,7 @@ TEST_F(LayerServerCalls, AnEarlierAnswerIsNoAnswer) {
   EXPECT_EQ(server.call<int>(id(), "second", 50ms).error().code(), Errc::timed_out);
 }
 
-TEST_F(LayerServerCalls, ThreadsCallSideBySide) {
+TEST_F(LayerServerCalls, ConcurrentCallsGetTheirOwnResults) {
   client.on("square", [](int n) { return n * n; });
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
@@ -89,7 +89,7 @@ TEST_F(LayerServerCalls, ThreadsCallSideBySide) {
   EXPECT_EQ(wrong, 0);
 }
 
-TEST(LayerServerAlone, CallsOfAServerThatDoesNotListenSaySo) {
+TEST(LayerServerAlone, CallsOfAServerThatDoesNotListenFail) {
   Server server;
   const Error error = server.call(1, "m").error();
   EXPECT_EQ(error.code(), Errc::not_connected);
@@ -98,7 +98,7 @@ TEST(LayerServerAlone, CallsOfAServerThatDoesNotListenSaySo) {
   EXPECT_EQ(server.post(1, "m").error().code(), Errc::not_connected);
 }
 
-TEST(LayerServerAlone, AClientWithoutTheLayerDoesNotAnswerAnUnknownMethod) {
+TEST(LayerServerAlone, UnknownMethodOfAPlainClientTimesOut) {
   const auto address = fresh_address(Transport::pipe);
   Server server;
   server.listen(layered(address));
@@ -123,7 +123,7 @@ TEST(LayerServerAlone, CloseWaitsForItsOwnCalls) {
   caller.join();
 }
 
-// Nothing looks after the limit of the call any more, until another server does.
+// The sweep that would end the call has stopped, until another server sweeps.
 TEST(LayerServerAlone, CloseDoesNotWaitForCallsOfAServerThatAClientStopped) {
   const auto address = fresh_address(Transport::pipe);
   Server server;

@@ -1,5 +1,4 @@
-// What goes through a call comes out as it went in, and has the shape on the wire that hosts
-// without the layer can read.
+// Values arrive as they were sent, in a form on the wire that hosts without the layer can read.
 #include <climits>
 #include <cmath>
 #include <tuple>
@@ -71,7 +70,7 @@ class LayerValues : public JoinedTest {
 
 const std::string kZeroInside("a\0b", 3);
 
-TEST_F(LayerValues, AnExceptionOfAResultsTypeComesOutOfTheFuture) {
+TEST_F(LayerValues, ExceptionOfAResultTypeComesOutOfTheFuture) {
   server.on("one", [] { return 1; });
   std::future<Unmakable> future = client.async<Unmakable>("one");
   EXPECT_THROW(future.get(), std::runtime_error);
@@ -132,7 +131,7 @@ TEST_F(LayerValues, AnyValueComesBack) {
   EXPECT_EQ(client.call<Value>("any list", list).value(), list);
 }
 
-TEST_F(LayerValues, AllValuesOfACallCanBeTakenAndGiven) {
+TEST_F(LayerValues, AllValuesOfACallCanBePassedAndReturned) {
   server.on("all", [](const Values& all) { return Values(all).add("size", int(all.size())); });
   Values sent;
   sent.add(1).add("two").add("key", true);
@@ -143,10 +142,10 @@ TEST_F(LayerValues, AllValuesOfACallCanBeTakenAndGiven) {
   EXPECT_EQ(back.at("size"), Value(3));
   EXPECT_TRUE(back.at("none").is_none());
   EXPECT_TRUE(back.at(9).is_none());
-  EXPECT_EQ(back.keyed().size(), 3U);  // the envelope is none of ours
+  EXPECT_EQ(back.keyed().size(), 3U);  // without the keys of the envelope
 }
 
-TEST_F(LayerValues, TextsOfEverySpellingTravel) {
+TEST_F(LayerValues, TextsOfEveryTypeArrive) {
   server.on("join", [](std::string_view a, const std::string& b, std::string c) {
     return std::string(a) + b + std::move(c);
   });
@@ -155,7 +154,7 @@ TEST_F(LayerValues, TextsOfEverySpellingTravel) {
   EXPECT_EQ(client.call<std::string>("join", pointer, view, "literal").value(), "abliteral");
 }
 
-TEST_F(LayerValues, ByteSpansTravel) {
+TEST_F(LayerValues, ByteSpansArrive) {
   server.on("count", [](std::span<const std::byte> data) { return int(data.size()); });
   const bytes data(5);
   EXPECT_EQ(client.call<int>("count", std::span<const std::byte>(data)).value(), 5);
@@ -178,7 +177,7 @@ TEST_F(LayerValues, OptionalParametersMayBeLeftOut) {
   EXPECT_EQ(client.call<std::string>("greet", "a", 2, arg("loud", true)).value(), "a2!");
 }
 
-TEST_F(LayerValues, AnOptionalResultMayBeNothing) {
+TEST_F(LayerValues, OptionalResultMayBeAbsent) {
   server.on("find", [](int n) { return n > 0 ? std::optional(n) : std::nullopt; });
   EXPECT_EQ(client.call<std::optional<int>>("find", 3).value(), 3);
   EXPECT_EQ(client.call<std::optional<int>>("find", -3).value(), std::nullopt);
@@ -186,14 +185,14 @@ TEST_F(LayerValues, AnOptionalResultMayBeNothing) {
             "wrong result type: wanted int, got nothing");
 }
 
-TEST_F(LayerValues, AnIntServesAsADouble) {
+TEST_F(LayerValues, IntIsAcceptedAsADouble) {
   server.on("half", [](double v) { return v / 2; });
   EXPECT_EQ(client.call<double>("half", 3).value(), 1.5);
   server.on("three", [] { return 3; });
   EXPECT_EQ(client.call<double>("three").value(), 3.0);
 }
 
-TEST_F(LayerValues, ANumberThatDoesNotFitIsAWrongType) {
+TEST_F(LayerValues, NumberThatDoesNotFitIsAWrongType) {
   server.on("large", [] { return 70000; });
   EXPECT_EQ(client.call<short>("large").error().code(), Errc::wrong_type);
   EXPECT_EQ(client.call<short>("large").error().detail(), "wrong result type: 70000 does not fit");
@@ -204,7 +203,7 @@ TEST_F(LayerValues, ANumberThatDoesNotFitIsAWrongType) {
   EXPECT_EQ(client.call<int>("small", -1).error().code(), Errc::wrong_arguments);
 }
 
-TEST_F(LayerValues, AStructIsReadFromKeyedValuesToo) {
+TEST_F(LayerValues, StructIsReadFromKeyedValuesToo) {
   server.on("norm", [](Point p) { return p.x + p.y; });
   EXPECT_EQ(client.call<double>("norm", arg("x", 3), arg("y", 0.5)).value(), 3.5);
   const auto half = client.call<double>("norm", arg("x", 3));
@@ -214,7 +213,7 @@ TEST_F(LayerValues, AStructIsReadFromKeyedValuesToo) {
   EXPECT_EQ(client.call<Point>("keyed").value(), (Point{1, 2.0}));
 }
 
-TEST_F(LayerValues, AWrongResultSaysWhichElementOrField) {
+TEST_F(LayerValues, WrongResultIsReportedByElementOrField) {
   int count = 0;
   const auto misfit = [&]<class T>(const Values& result, const T&) {
     const std::string name = "result " + std::to_string(++count);
@@ -236,14 +235,14 @@ TEST_F(LayerValues, AWrongResultSaysWhichElementOrField) {
             "wrong result type, field \"x\": wanted int, got nothing");
 }
 
-TEST_F(LayerValues, AStructResultCanBeReadByKey) {
+TEST_F(LayerValues, StructResultCanBeReadByKey) {
   server.on("point", [] { return Point{4, 0.5}; });
   const Values result = client.call<Values>("point").value();
   EXPECT_EQ(result.at("x"), Value(4));
   EXPECT_EQ(result.at("y"), Value(0.5));
 }
 
-TEST_F(LayerValues, MoveOnlyHandlersAndPlainFunctionsServe) {
+TEST_F(LayerValues, MoveOnlyHandlersAndPlainFunctionsAreAccepted) {
   server.on("owner", [held = std::make_unique<int>(5)] { return *held; });
   EXPECT_EQ(client.call<int>("owner").value(), 5);
   server.on(
@@ -254,7 +253,7 @@ TEST_F(LayerValues, MoveOnlyHandlersAndPlainFunctionsServe) {
   EXPECT_EQ(client.call<int>("counter").value(), 2);
 }
 
-TEST_F(LayerValues, ABlockInsideAStreamCanBeRead) {
+TEST_F(LayerValues, BlockInsideAStreamCanBeRead) {
   server.on("points", [](const Values& values) {
     const auto& stream = values.at(0).get<bytes>();
     const auto inner = Values::parse(detail::chars(stream.data(), stream.size()));

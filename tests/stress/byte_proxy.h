@@ -2,7 +2,7 @@
 // splits and delays what it passes on, connects in another order than it was connected to, and ends
 // connections by half-closing, closing or resetting them in the middle.
 //
-// Thread: one of its own; the figures from any.
+// Thread: an internal one; the figures may be read from any thread.
 // Owner: the object; connections end with it.
 #pragma once
 

@@ -1,5 +1,5 @@
-// Connections that come and go, some of them in the middle of a frame of 1 MiB. What stays of each
-// is the block that keeps its id from coming back.
+// Clients connect and disconnect, some in the middle of a frame of 1 MiB. All that remains of each
+// connection is the block that keeps its id from being reused.
 #include <array>
 #include <atomic>
 #include <string>
@@ -42,7 +42,7 @@ void connect_on(Run& run, test::Transport transport, const std::string& name, in
   some(200, 100);  // what is made once is made now
   const Held before = server.held();
   some(count, 200);
-  const long allowed_kib = count + 2048;  // the 2 MiB: what an allocator can't give back
+  const long allowed_kib = count + 2048;  // the 2 MiB: what an allocator cannot give back
   const Held after = server.expect_back_to(before, allowed_kib);
   run.figure("connections, " + name, count, "");
   run.figure("growth for each, " + name,

@@ -26,7 +26,7 @@ bool is_served(test::RawClient& client) {
   return answer && answer->at(0) != nullptr && *answer->at(0) == test::Scalar(5);
 }
 
-// A client that the server has no descriptor for is hung up on, or waits: it is not greeted first.
+// A client for which the server has no descriptor is disconnected, or waits, without a greeting.
 Clients connect_all(const test::Address& address) {
   Clients clients;
   for (int i = 0; i < kClients; ++i) {
@@ -70,7 +70,7 @@ class Exhaustion {
   }
 
  private:
-  // Whoever is read an answer from is connected; the server takes them one after another.
+  // A client that gets an answer is connected; the server accepts them one after another.
   void connect() {
     waiting_ = connect_all(server_.address());
     for (auto& client : waiting_) {
@@ -97,7 +97,7 @@ class Exhaustion {
     run_.expect(server_.process().read_line().has_value(), "the server's process is gone");
   }
 
-  // Others knock all the time.
+  // Further clients try to connect all the time.
   void watch_processor() {
     const double before_s = server_.process().processor_s();
     const Stopwatch clock;

@@ -99,7 +99,7 @@ class EchoServer {
         random.between(0, static_cast<int>(clients_.size()) - 1))];
   }
 
-  // Every call has an id of its own, so that an answer can only be its own.
+  // Every call has a distinct id, so that it cannot get the answer to another.
   bool call_back(Random& random) {
     constexpr int kClearEvery = 1000;
     const int number = ++next_number_;

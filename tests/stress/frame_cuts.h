@@ -3,9 +3,9 @@
 //
 // A receiver hands on a read that is exactly one frame even while older bytes wait; peers rely on
 // it. So a read that begins inside a frame must not look like a whole one: a cut there would damage
-// the stream without any fault of the receiver's. Such cuts are left out, and bytes whose cut can't
-// be judged yet are held back; more of their frame is sure to follow.
-// Thread: one. Failure: none; what is no stream of frames comes out in larger pieces.
+// the stream although the receiver is correct. Such cuts are left out, and bytes whose cut cannot
+// be judged yet are held back; more of their frame is sure to follow. Thread: one. Failure: none;
+// what is no stream of frames comes out in larger pieces.
 #pragma once
 
 #include <algorithm>
@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tests/e2e/support/raw_block.h"
 
 namespace tolk::stress {
 
@@ -75,13 +77,7 @@ class FrameCuts {
   }
 
   std::int64_t prefix_at(std::uint64_t at) const {
-    std::uint32_t length = 0;
-    for (std::size_t i = 0; i < kPrefixBytes; ++i) {
-      const auto byte =
-          static_cast<unsigned char>(held_[static_cast<std::size_t>(at - begin_) + i]);
-      length |= std::uint32_t{byte} << (8 * i);
-    }
-    return static_cast<std::int32_t>(length);
+    return static_cast<std::int32_t>(test::word_at(held_, static_cast<std::size_t>(at - begin_)));
   }
 
   std::string held_;

@@ -1,5 +1,5 @@
-// Connections that send what the fuzzers have kept: bytes that are read in every way that there is,
-// most of them wrong. A bystander is served all along, and nothing stays.
+// Connections that send the corpus of the fuzzers, most of which is malformed. Another client is
+// served all along, and nothing leaks.
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -30,8 +30,8 @@ std::string bytes_of(const std::string& text) {
   return test::hex(digits);
 }
 
-// A stream as it is, or a payload with its length in front. One request any client may make, and
-// then there would be no server left: stopping it.
+// A stream as it is, or a payload with its length in front. Requests to close the server are left
+// out: any client may make one, and the row would end.
 void add_input(std::vector<std::string>& inputs, const fs::path& from, const std::string& text) {
   std::string bytes = bytes_of(text);
   if (bytes.find("close_server") != std::string::npos) return;
@@ -51,7 +51,7 @@ std::vector<std::string> read_inputs() {
       add_input(inputs, entry.path(), text);
     }
   }
-  std::sort(inputs.begin(), inputs.end());  // the order of a directory is anybody's
+  std::sort(inputs.begin(), inputs.end());  // a directory has no defined order
   return inputs;
 }
 
@@ -64,7 +64,7 @@ void attack(const test::Address& address, const std::vector<std::string>& inputs
         static_cast<std::size_t>(random.between(0, static_cast<int>(inputs.size()) - 1));
     if (!client.socket.send(inputs[at], Milliseconds(1000))) break;
   }
-  // Whatever was answered is read now and then, so that the bytes before have surely been, too.
+  // Waits now and then, so that the server reads the bytes before the end.
   if (random.one_in(10)) client.socket.is_quiet(Milliseconds(2));
   if (!address.is_pipe() && !random.one_in(20)) {
     client.socket.reset();

@@ -1,4 +1,4 @@
-// Ten thousand connections that say nothing, beside eight clients that call all the time.
+// Ten thousand silent connections, and eight clients that call all the time.
 #include <sys/resource.h>
 
 #include <algorithm>

@@ -14,7 +14,7 @@ namespace {
 
 constexpr int kKilledClients = 4;
 constexpr int kCallers = 16;
-// What a call may take beyond its time-out.
+// The time that a call may take beyond its timeout.
 constexpr int kLatestMs = 2 * kStepMs + 100;
 
 struct Report {
@@ -28,7 +28,7 @@ class Kills {
   explicit Kills(Run& run) : run_(run), random_(run.random(0)) {}
   ~Kills() {
     for (const auto& client : clients_) {
-      if (client) client->kill_now();  // its callers would go on for ever
+      if (client) client->kill_now();  // its callers would go on forever
     }
   }
   Kills(const Kills&) = delete;
@@ -97,7 +97,7 @@ class Kills {
     ++killed_servers_;
   }
 
-  // The server's calls to it return at their time-outs; the other clients notice nothing.
+  // The server's calls to it return at their timeouts; the other clients are not affected.
   void kill_client(std::unique_ptr<Process>& victim) {
     victim->kill_now();
     victim.reset();

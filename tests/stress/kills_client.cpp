@@ -25,7 +25,7 @@ class CallingClient {
                     }));
     if (!test::connect_client(client_.get(), address)) return false;
     punctuality_.sweeping_from(std::chrono::steady_clock::now());
-    client_->PostMsgFast("hello", nullptr, -1);  // no call's id: its answer is nobody's
+    client_->PostMsgFast("hello", nullptr, -1);  // no call has this id, so no call gets its answer
     return true;
   }
 
@@ -39,8 +39,8 @@ class CallingClient {
   }
 
  private:
-  // A third of the callers calls without a limit; two of all stand in line for SendMsg, whose
-  // time-out begins when it is their turn.
+  // A third of the callers calls without a limit; two of all use SendMsg, which runs one call at a
+  // time and whose timeout begins when the call is sent.
   bool call(int caller, Random& random) {
     const int number = ++next_number_;
     Question question(number, random.one_in(20) ? 50000 : 0);

@@ -1,5 +1,5 @@
 // A call times out, the next one of the same thread follows at once, and then the answer to the
-// first comes: the second must go on waiting for its own. Both directions, 32 threads each.
+// first comes: the second call must go on waiting. Both directions, 32 threads each.
 #include <array>
 #include <atomic>
 #include <functional>

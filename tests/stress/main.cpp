@@ -1,5 +1,5 @@
-// tolk_stress: does the worst to hosts and peers that it can, row by row of a matrix, and looks at
-// what must hold all the same. scripts/stress runs it; docs/reliability.md has the figures.
+// tolk_stress: puts hosts and peers under stress, one row of a matrix after another, and checks
+// what must hold nevertheless. scripts/stress runs it; docs/reliability.md has the figures.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -28,7 +28,7 @@ class Trend {
     resident_kib_.push_back(resident_kib);
     descriptors_.push_back(descriptors);
   }
-  // From the second quarter, when everything has been made that is made once, to the last.
+  // From the second quarter, when everything that is created once exists, to the last.
   long growth_kib() const { return median(resident_kib_, 3) - median(resident_kib_, 1); }
   long more_descriptors() const { return median(descriptors_, 3) - median(descriptors_, 1); }
   long last_kib() const { return resident_kib_.empty() ? 0 : resident_kib_.back(); }
@@ -214,7 +214,8 @@ class Mixture {
                   static_cast<double>(trend.growth_kib()), "KiB");
       run_.figure("descriptors more, " + name, static_cast<double>(trend.more_descriptors()), "");
       if (run_.is_short() || !run_.holds_memory()) continue;
-      // The block that keeps an id from coming back stays of each connection, of a server's alone.
+      // Only in the server, the block that keeps an id from being reused remains of each
+      // connection.
       const long allowed_kib = 2048 + (i < 2 ? connections : 0);
       run_.expect(trend.growth_kib() <= allowed_kib, name, " grew by ", trend.growth_kib(), " KiB");
       run_.expect(trend.more_descriptors() <= kFluctuation, name, " has ", trend.more_descriptors(),

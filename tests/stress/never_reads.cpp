@@ -1,5 +1,5 @@
-// A client that never reads, and very many posts to it: they pile up in the server's memory, as
-// documented, and disturb nobody else. When it goes, so do they.
+// A client that never reads, and very many posts to it: they accumulate in the server's memory, as
+// documented, and delay no other client. When it disconnects, the memory is freed.
 #include <string>
 
 #include "tests/e2e/support/raw_peer.h"

@@ -89,7 +89,7 @@ void RacingClient::hold_one_call() {
   shared_->held_returned = true;
 }
 
-// Until the call is surely under way, or over: who destroys a client must not be first.
+// Waits until the call has surely begun: the client must not be destroyed before.
 void RacingClient::wait_held() const {
   run_.expect(eventually([&] {
                 return shared_->held_returned ||

@@ -33,7 +33,7 @@ class CountedHandlers {
   test::Counter deleted_;
 };
 
-// Handlers and hooks that use their own object: none begins once it is being destroyed.
+// Uses of an object by its own handlers and hooks: none begins once it is being destroyed.
 class Users {
  public:
   // Runs `use` unless the end has begun.
@@ -43,7 +43,7 @@ class Users {
     use();
     leave();
   }
-  // From now on nobody begins; returns when all have left.
+  // From now on no use begins; returns when all have ended.
   void end();
 
  private:
@@ -62,7 +62,7 @@ class RacingServer {
 
   RacingServer(Run& run, Random& random, const test::Address& address);
 
-  void call_clients(Random& random);  // a few calls to whoever has said "hello"
+  void call_clients(Random& random);  // a few calls to clients that have sent "hello"
   void end();
   void destroy();
   void check_handlers() const;

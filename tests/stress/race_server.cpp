@@ -138,7 +138,7 @@ void RacingServer::end() {
   if (end_ == End::closeasync) server->closeasync();
   if (end_ == End::close || end_ == End::closeasync || end_ == End::destroy) return;
   shared_->closes_in_hook = end_ == End::by_connect_hook;
-  // Who comes closes the server by coming, or by what it says.
+  // A client closes the server by connecting, or by its request.
   test::RawClient last(address_, false);
   last.post(end_ == End::by_handler ? "close" : "s_c_close_server");
   run_.expect(eventually([&] { return !server->isok(); }), "a server did not close");

@@ -14,7 +14,7 @@ namespace tolk::stress {
 namespace {
 
 constexpr int kLanes = 32;
-constexpr char kWorkers[] = "16";  // of libuv's: the cycles share them
+constexpr char kWorkers[] = "16";  // libuv's worker threads, which the cycles share
 
 void pause(Random& random) {
   std::this_thread::sleep_for(std::chrono::microseconds(random.between(0, 10000)));

@@ -1,4 +1,4 @@
-// The role of a process whose clients come and go all the time.
+// The role of a process whose clients connect and disconnect all the time.
 //
 //   restless-client ADDRESS SEED
 //

@@ -3,18 +3,17 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/child_process.h"
 #include "tests/e2e/support/handlers.h"
 #include "tests/e2e/support/raw_peer.h"
 #include "tests/stress/frame/rows.h"
@@ -32,7 +31,7 @@ std::atomic<long> signals_taken{0};
 
 void take_signal(int) { ++signals_taken; }
 
-// SIGALRM goes to any thread that does not keep it away: while this lives, it does not go here.
+// SIGALRM goes to any thread that does not block it: this object blocks it on its thread.
 class NoAlarms {
  public:
   NoAlarms() { change(SIG_BLOCK); }
@@ -68,7 +67,7 @@ class Alarms {
   }
 };
 
-// Descriptors that a program run from here gets, beyond the standard ones.
+// The number of descriptors that a program started here inherits, beyond the standard ones.
 int inherited_descriptors() {
   int count = 0;
   for (int i = kFirstNotStandard; i < kDescriptorsLooked; ++i) {
@@ -78,22 +77,12 @@ int inherited_descriptors() {
   return count;
 }
 
-// How many it really got; -1 when it died.
+// How many descriptors it really got; negative when it died.
 int run_a_program() {
-  std::array<std::string, 3> words{"tolk_stress", "--role", "list-descriptors"};
-  std::array<char*, 4> arguments{words[0].data(), words[1].data(), words[2].data(), nullptr};
-  const pid_t child = fork();
-  if (child == 0) {
-    execv("/proc/self/exe", arguments.data());
-    _exit(255);
-  }
-  int status = -1;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return test::ChildProcess({test::kThisProgram, "--role", "list-descriptors"}).wait();
 }
 
-// Clients of a server of the host's own that go away while it writes to them.
+// Clients that disconnect while a server of the host writes to them.
 class DyingPeers {
  public:
   explicit DyingPeers(Run& run, test::Transport transport)

@@ -1,5 +1,5 @@
-// Connections that send one byte a second of a frame that promises 2 GiB: the server's memory must
-// follow what has come, not what was promised.
+// Connections that send one byte a second of a frame with a declared length of 2 GiB: the server's
+// memory must follow the bytes received, not the declared length.
 #include <string>
 #include <vector>
 

@@ -1,5 +1,5 @@
-// Clients reach their server through a proxy that treats their bytes badly. A call returns what it
-// asked for or nothing, and no call is made twice, in both directions.
+// Clients reach their server through a bad proxy. In both directions a call returns the right
+// result or nothing, and no call is executed twice.
 //
 // Each client is a process: within one, the end of any connection wakes the calls of all.
 #include <unistd.h>
@@ -25,7 +25,7 @@ namespace {
 constexpr int kProcesses = 12;
 constexpr int kNumbersOfOne = 10'000'000;
 
-// What both sides count; a handler may outlive whoever made it, so it is shared.
+// What both sides count; it is shared, since a handler may outlive its creator.
 struct Seen {
   std::atomic<int> answered{0};
   std::atomic<int> unanswered{0};

@@ -1,5 +1,5 @@
-// The tick of time-outs starts just before it wraps. Each time-out must end on time, the longest
-// ones after weeks, which the row lets pass by moving the tick.
+// The tick of timeouts starts just before it wraps. Each call must time out on time, the longest
+// ones after weeks, which the row skips by moving the tick.
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -62,7 +62,7 @@ class WrappedTick {
  public:
   explicit WrappedTick(Run& run) : run_(run) {}
 
-  // `zero_ends`: a server's time-out of 0 ends at the next sweep, a client's never.
+  // `zero_ends`: in a server a timeout of 0 ends at the next sweep, in a client never.
   template <class Call>
   void wait_on_a_side(const std::string& side, bool zero_ends, const Call& call) {
     const auto first_sweep_ms = static_cast<std::int64_t>(kFirstSweepMs);

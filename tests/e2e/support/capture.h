@@ -1,6 +1,6 @@
 // What the library writes to standard output, collected.
 //
-// One stream buffer of the tests' own sits in std::cout for the whole life of the test process (see
+// One stream buffer of the tests stays in std::cout for the whole life of the test process (see
 // environment.cpp), so that nothing is exchanged under a loop thread that may still be writing.
 // Outside of any Capture it drops what it gets: the test program itself prints through stdio.
 // Thread: any. One Capture at a time.
@@ -22,7 +22,7 @@ class Capture {
   Capture& operator=(const Capture&) = delete;
 
   std::string text() const;
-  // Without their line ends; a last line that has none yet counts too.
+  // Without line ends; includes an unfinished last line.
   std::vector<std::string> lines() const;
   void clear();
 

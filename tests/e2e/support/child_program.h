@@ -1,7 +1,7 @@
-// A program that a test runs beside itself and talks to over its standard input and output.
+// A program that a test starts, and with which it communicates over standard input and output.
 //
 // Thread: one at a time. Owner: the test; the program is killed with it.
-// Failure: of a start as a test failure; nothing where nothing came in time, or it has ended.
+// Failure: a failed start throws or fails the test; no output in time, or its end, is std::nullopt.
 #pragma once
 
 #include <memory>

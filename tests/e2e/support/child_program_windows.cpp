@@ -1,4 +1,4 @@
-// The pipes to and from it are named ones, since only those can be read with a limit.
+// Uses named pipes, since only those can be read with a limit.
 #include <windows.h>
 
 #include <array>
@@ -13,11 +13,11 @@ namespace {
 // One pipe: the end that the test has, and the one that its child inherits.
 struct Pipe {
   explicit Pipe(const std::string& name) {
-    const auto door = open_pipe_door(name);
+    const auto acceptor = open_pipe_acceptor(name);
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     child_end = CreateFileA(pipe_path(name).c_str(), GENERIC_READ | GENERIC_WRITE, 0, &inherited,
                             OPEN_EXISTING, 0, nullptr);
-    own_end = door->accept(kLimit);
+    own_end = acceptor->accept(kLimit);
   }
   ~Pipe() { CloseHandle(child_end); }
   Pipe(const Pipe&) = delete;
@@ -72,7 +72,7 @@ bool ChildProgram::write(const std::string& bytes) {
   return system_->to->write_some(bytes, kLimit) == bytes.size();
 }
 
-// Without the carriage returns that text output has there.
+// Removes the carriage returns of text output.
 std::optional<std::string> ChildProgram::read_some(Milliseconds limit) {
   std::array<char, 4096> some{};
   const auto count = system_->from->read_some(some.data(), some.size(), limit);

@@ -35,7 +35,7 @@ void write(BlockWriter& block, const char* key, const Field& field) {
   if (field.before) block.keyed(key, *field.before);
   if (field.value) block.keyed(key, *field.value);
   if (field.forgotten) {
-    // As keyed() begins, and then a record that is no scalar.
+    // The key, and then a record that is not a scalar.
     block.lone_key(key).list({1, "two"});
   }
 }
@@ -132,7 +132,7 @@ const std::vector<Field>& arguments() {
   return all;
 }
 
-// None of them is the token of a call: those are counted up from 1.
+// None of them is the token of a call: tokens count up from 1.
 const std::vector<Field>& tokens() {
   static const std::vector<Field> all{absent(),
                                       forgotten(),

@@ -1,5 +1,5 @@
 // Envelopes of every shape: each of the four keys absent, with a value of each type, and in places
-// where it does not count; and what the receiver must make of each.
+// where it is ignored; and how the receiver must read each.
 #pragma once
 
 #include <optional>
@@ -17,12 +17,12 @@ inline constexpr const char* kCallId = "s_c_sw_threadid";
 inline constexpr const char* kArguments = "s_c_sw_data";
 inline constexpr const char* kToken = "s_c_sw_semid";
 
-// How one key stands in a message.
+// One key of a message and its value.
 struct Field {
   std::string shown;             // for messages
-  std::optional<Scalar> value;   // absent when there is none, and when `forgotten`
+  std::optional<Scalar> value;   // std::nullopt if absent or `forgotten`
   bool forgotten = false;        // a list follows the key in place of a value
-  std::optional<Scalar> before;  // what the key had first, which does not count
+  std::optional<Scalar> before;  // an earlier value of the key, which is ignored
 };
 
 struct Envelope {
@@ -36,20 +36,20 @@ struct Envelope {
   std::string shown() const;
 
   // The receiver's reading, by the rules of the format.
-  std::optional<std::string> read_name() const;  // "" for a value that is no text
-  std::optional<int> read_call_id() const;       // 0 for a value that is no number
+  std::optional<std::string> read_name() const;  // "" for a value that is not a text
+  std::optional<int> read_call_id() const;       // 0 for a value that is not a number
   std::string read_argument() const;             // the first of the arguments, if it is a string
   std::optional<std::string> read_token() const;
 };
 
-// The forms of each key. Names are "echo", "nobody", "retval" and two of the library's own.
+// The forms of each key. Names are "echo", "nobody", "retval" and two of the library.
 const std::vector<Field>& names();
 const std::vector<Field>& call_ids();
 const std::vector<Field>& arguments();
 const std::vector<Field>& tokens();
 
-// Every how manieth combination is taken: all of them, but on Windows a sample in which each form
-// of each key comes up, since an exchange takes many times longer under Wine.
+// Each n-th combination is used: all of them, but on Windows a sample that contains each form of
+// each key, since an exchange takes many times longer under Wine.
 inline constexpr std::size_t kEnvelopeStride = kOnWindows ? 37 : 1;
 
 // Calls `visit(envelope, number)` with every combination.
@@ -69,7 +69,7 @@ void for_every_envelope(const Field& name, const Visit& visit) {
 // Any envelope, mostly damaged: keys missing, doubled, misspelt, bytes changed, the end cut off.
 std::string random_message(std::mt19937& random);
 
-// Another one in each run unless the test program is told one with --gtest_random_seed.
+// A different one in each run unless --gtest_random_seed is given.
 unsigned test_seed();
 
 }  // namespace tolk::test

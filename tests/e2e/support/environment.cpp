@@ -1,5 +1,5 @@
-// What every end-to-end test runs in: std::cout in the tests' hands, a watchdog, and no loop
-// left over from the test before.
+// The environment of every end-to-end test: std::cout is captured, a watchdog runs, and no loop of
+// the test before is left.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -58,7 +58,7 @@ class Watchdog {
 class Guard final : public testing::EmptyTestEventListener {
  private:
   void OnTestStart(const testing::TestInfo& test) override {
-    // A loop of the test before may still be on its way out, and would print into this one.
+    // A loop of the test before may still be ending, and would print into this one.
     eventually([] { return open_loops() == 0; }, Milliseconds(3000));
     watchdog_->begin(std::string(test.test_suite_name()) + "." + test.name());
   }

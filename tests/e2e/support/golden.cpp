@@ -8,20 +8,10 @@
 namespace tolk::test {
 namespace {
 
-// A keyed record up to where its value begins, for a key that stands at `at` in a payload.
-std::string key_record(std::string_view key, std::size_t at) {
-  const std::string before(at, '\0');  // check words count from the start of the block
-  std::string record = "\x05\x03";
-  record += prefix(static_cast<int>(key.size()));
-  record += key;
-  record += prefix(static_cast<int>(before.size() + record.size()));
-  return record;
-}
-
 // Where the value of `key` begins; npos when the payload has no such key.
 std::size_t value_of(std::string_view payload, std::string_view key) {
   for (std::size_t at = 0; at < payload.size(); ++at) {
-    const std::string record = key_record(key, at);
+    const std::string record = BlockWriter(at).lone_key(key).bytes();
     if (payload.substr(at, record.size()) == record) return at + record.size();
   }
   return std::string_view::npos;
@@ -41,26 +31,11 @@ std::string golden(std::string_view name) {
   return bytes;
 }
 
-std::string to_hex(std::string_view bytes) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string text;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    text += kDigits[byte / 16];
-    text += kDigits[byte % 16];
-    text += ' ';
-  }
-  return text;
-}
-
 std::string with_token_masked(std::string_view payload) {
   const std::size_t at = value_of(payload, "s_c_sw_semid");
   if (at == std::string_view::npos) return frame(payload);
-  const std::string token = "0x1";
-  std::string masked(payload.substr(0, at));
-  masked += "\x03" + prefix(static_cast<int>(token.size())) + token;
-  masked += prefix(static_cast<int>(masked.size()));
-  return frame(masked);
+  const std::string token = BlockWriter(at).add("0x1").bytes();
+  return frame(std::string(payload.substr(0, at)) + token);
 }
 
 std::string with_call_id(std::string_view payload, int call_id) {

@@ -2,7 +2,7 @@
 //
 //   server->method("sum", on_call([](int, TolkParams* in, TolkParams* out) { ... }, &deleted));
 //
-// Owner: the object that they are registered with, as always; whoever counts deletions passes a
+// Owner: the object that they are registered with, as always; a test that counts deletions passes a
 // Counter. A lambda that the library may still run when the test ends captures by value.
 #pragma once
 
@@ -82,7 +82,7 @@ inline IServerMethod* blocking(Gate gate, Counter deleted = {}) {
                  std::move(deleted));
 }
 
-// The string at a position of a block that a call returned; "" when there is none.
+// The string at a position of the result of a call; "" if there is no such string.
 inline std::string string_at(TolkParams* block, int position) {
   TolkValue* const value = block == nullptr ? nullptr : block->GetValue(position);
   return value != nullptr && value->IsString() ? value->GetString() : "";

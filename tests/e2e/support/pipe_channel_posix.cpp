@@ -28,25 +28,27 @@ SocketAddress local_address(const std::string& path) {
 }
 
 // The socket's file goes with it.
-class PipeDoor final : public RawDoor {
+class PipeAcceptor final : public RawAcceptor {
  public:
-  explicit PipeDoor(std::string path) : path_(std::move(path)) {
+  explicit PipeAcceptor(std::string path) : path_(std::move(path)) {
     mkdir(path_.substr(0, path_.rfind('/')).c_str(), S_IRWXU);
     unlink(path_.c_str());
-    door_ = listen_on_socket(local_address(path_));
+    acceptor_ = listen_on_socket(local_address(path_));
   }
-  ~PipeDoor() override {
-    door_.reset();
+  ~PipeAcceptor() override {
+    acceptor_.reset();
     unlink(path_.c_str());
   }
-  PipeDoor(const PipeDoor&) = delete;
-  PipeDoor& operator=(const PipeDoor&) = delete;
+  PipeAcceptor(const PipeAcceptor&) = delete;
+  PipeAcceptor& operator=(const PipeAcceptor&) = delete;
 
-  std::unique_ptr<RawChannel> accept(Milliseconds limit) override { return door_->accept(limit); }
+  std::unique_ptr<RawChannel> accept(Milliseconds limit) override {
+    return acceptor_->accept(limit);
+  }
 
  private:
   const std::string path_;
-  std::unique_ptr<RawDoor> door_;
+  std::unique_ptr<RawAcceptor> acceptor_;
 };
 
 }  // namespace
@@ -62,8 +64,8 @@ std::unique_ptr<RawChannel> open_pipe_channel(const std::string& name) {
   return connect_socket(local_address(pipe_path(name)));
 }
 
-std::unique_ptr<RawDoor> open_pipe_door(const std::string& name) {
-  return std::make_unique<PipeDoor>(pipe_path(name));
+std::unique_ptr<RawAcceptor> open_pipe_acceptor(const std::string& name) {
+  return std::make_unique<PipeAcceptor>(pipe_path(name));
 }
 
 }  // namespace tolk::test

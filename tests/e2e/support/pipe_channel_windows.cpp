@@ -149,9 +149,9 @@ class PlaceForOne {
 };
 
 // Several may come before one is let in.
-class PipeDoor final : public RawDoor {
+class PipeAcceptor final : public RawAcceptor {
  public:
-  explicit PipeDoor(std::string path) : path_(std::move(path)) {
+  explicit PipeAcceptor(std::string path) : path_(std::move(path)) {
     for (int i = 0; i < kPlaces; ++i) add_place();
   }
 
@@ -191,15 +191,15 @@ std::unique_ptr<RawChannel> open_pipe_channel(const std::string& name) {
     const HANDLE pipe = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                     OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
     if (pipe != INVALID_HANDLE_VALUE) return std::make_unique<PipeChannel>(pipe);
-    // Busy: there is such a server, and it will be back at its door at once.
+    // Busy: there is such a server, and it will listen again at once.
     if (GetLastError() != ERROR_PIPE_BUSY) return nullptr;
     WaitNamedPipeA(path.c_str(), 100);
   } while (std::chrono::steady_clock::now() < end);
   return nullptr;
 }
 
-std::unique_ptr<RawDoor> open_pipe_door(const std::string& name) {
-  return std::make_unique<PipeDoor>(pipe_path(name));
+std::unique_ptr<RawAcceptor> open_pipe_acceptor(const std::string& name) {
+  return std::make_unique<PipeAcceptor>(pipe_path(name));
 }
 
 }  // namespace tolk::test

@@ -1,5 +1,5 @@
-// What the process holds: descriptors (on Windows handles), threads, loops, memory. For tests that
-// nothing is left behind.
+// What the process holds: descriptors (on Windows handles), threads, loops, memory. For tests of
+// leaks.
 #pragma once
 
 #include "tests/e2e/support/system.h"
@@ -11,7 +11,7 @@ int threads();
 int open_loops();  // each has one epoll descriptor, or one completion port
 long resident_kib();
 
-// What there may be of them later if nothing is left behind from now on.
+// The most that there may be later if nothing leaks from now on.
 inline int most_descriptors() { return open_descriptors() + kThreadsOfTheSystem; }
 inline int most_threads() { return threads() + kThreadsOfTheSystem; }
 

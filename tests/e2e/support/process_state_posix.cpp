@@ -64,7 +64,7 @@ std::string link_target(const std::string& path) {
 }  // namespace
 
 int open_descriptors() {
-  return static_cast<int>(names_in("/proc/self/fd").size()) - 1;  // without the one that looks
+  return static_cast<int>(names_in("/proc/self/fd").size()) - 1;  // without that of this directory
 }
 
 int threads() { return static_cast<int>(names_in("/proc/self/task").size()); }

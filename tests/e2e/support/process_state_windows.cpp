@@ -15,7 +15,7 @@
 namespace tolk::test {
 namespace {
 
-// The kind of what a handle stands for; "" when there is no such handle.
+// The type of a handle's object; "" if there is no such handle.
 std::wstring_view kind_of(HANDLE handle, std::array<std::byte, 1024>* space) {
   constexpr auto kTypeInformation = static_cast<OBJECT_INFORMATION_CLASS>(2);
   ULONG size = 0;
@@ -83,7 +83,7 @@ bool pipe_names_are_exclusive() {
   return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr;
 }
 
-// Under an emulated system every start has a numbering of processes of its own.
+// Under an emulated system every start numbers its processes anew.
 int process_number() {
   static const int number = static_cast<int>(std::random_device()() % 1'000'000);
   return number;

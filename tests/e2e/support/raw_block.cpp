@@ -5,16 +5,7 @@
 namespace tolk::test {
 namespace {
 
-constexpr char kInt = 0;
-constexpr char kBool = 1;
-constexpr char kDouble = 2;
-constexpr char kString = 3;
-constexpr char kStream = 4;
-constexpr char kKeyed = 5;
-constexpr char kList = 6;
-constexpr char kMap = 7;
-
-// Reads records from the front; `failed` once anything was not as it should be.
+// Reads records from the front; failed() after the first malformed one.
 class Reader {
  public:
   explicit Reader(std::string_view bytes) : bytes_(bytes) {}
@@ -26,11 +17,7 @@ class Reader {
 
   std::uint32_t word() {
     const std::string_view four = take(4);
-    std::uint32_t value = 0;
-    for (std::size_t i = 0; i < four.size(); ++i) {
-      value |= std::uint32_t{static_cast<unsigned char>(four[i])} << (8 * i);
-    }
-    return value;
+    return failed_ ? 0 : word_at(four);
   }
 
   Scalar scalar() {
@@ -38,19 +25,19 @@ class Reader {
     skip_tag();
     Scalar value;
     switch (tag) {
-      case kInt:
+      case kIntTag:
         value = static_cast<int>(word());
         break;
-      case kBool:
+      case kBoolTag:
         value = take(1) == "1";
         break;
-      case kDouble:
+      case kDoubleTag:
         value = real();
         break;
-      case kString:
+      case kStringTag:
         value = std::string(take(word()));
         break;
-      case kStream:
+      case kStreamTag:
         value = Stream{std::string(take(word()))};
         break;
       default:
@@ -103,34 +90,44 @@ void read_list(Reader& reader, Block& block) {
 
 }  // namespace
 
-void BlockWriter::word(std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) bytes_ += static_cast<char>(value >> (8 * i));
+std::string word(std::uint32_t value) {
+  std::string bytes;
+  for (int i = 0; i < 4; ++i) bytes += static_cast<char>(value >> (8 * i));
+  return bytes;
+}
+
+std::uint32_t word_at(std::string_view bytes, std::size_t at) {
+  std::uint32_t value = 0;
+  for (std::size_t i = 0; i < 4; ++i) {
+    value |= std::uint32_t{static_cast<unsigned char>(bytes[at + i])} << (8 * i);
+  }
+  return value;
 }
 
 void BlockWriter::text(char tag, std::string_view data) {
   bytes_ += tag;
-  word(static_cast<std::uint32_t>(data.size()));
+  number(data.size());
   bytes_ += data;
   check_word();
 }
 
 BlockWriter& BlockWriter::add(const Scalar& value) {
   if (const auto* const text_value = std::get_if<std::string>(&value)) {
-    text(kString, *text_value);
+    text(kStringTag, *text_value);
   } else if (const auto* const stream = std::get_if<Stream>(&value)) {
-    text(kStream, stream->bytes);
+    text(kStreamTag, stream->bytes);
   } else if (const auto* const integer = std::get_if<int>(&value)) {
-    bytes_ += kInt;
-    word(static_cast<std::uint32_t>(*integer));
+    bytes_ += kIntTag;
+    bytes_ += word(static_cast<std::uint32_t>(*integer));
     check_word();
   } else if (const auto* const real = std::get_if<double>(&value)) {
-    bytes_ += kDouble;
+    bytes_ += kDoubleTag;
     char eight[sizeof *real];
     std::memcpy(eight, real, sizeof eight);
     bytes_.append(eight, sizeof eight);
     check_word();
   } else {
-    bytes_ += kBool;
+    bytes_ += kBoolTag;
     bytes_ += std::get<bool>(value) ? '1' : '0';
     check_word();
   }
@@ -138,15 +135,15 @@ BlockWriter& BlockWriter::add(const Scalar& value) {
 }
 
 BlockWriter& BlockWriter::list(const List& elements) {
-  bytes_ += kList;
-  word(static_cast<std::uint32_t>(elements.size()));
+  bytes_ += kListTag;
+  number(elements.size());
   for (const Scalar& element : elements) add(element);
   return *this;
 }
 
 BlockWriter& BlockWriter::map(const std::vector<std::pair<std::string, Scalar>>& entries) {
-  bytes_ += kMap;
-  word(static_cast<std::uint32_t>(entries.size()));
+  bytes_ += kMapTag;
+  number(entries.size());
   for (const auto& [key, value] : entries) keyed(key, value);
   return *this;
 }
@@ -156,8 +153,8 @@ BlockWriter& BlockWriter::keyed(std::string_view key, const Scalar& value) {
 }
 
 BlockWriter& BlockWriter::lone_key(std::string_view key) {
-  bytes_ += kKeyed;
-  text(kString, key);
+  bytes_ += kKeyTag;
+  text(kStringTag, key);
   return *this;
 }
 
@@ -189,9 +186,9 @@ std::optional<Block> read_block(std::string_view bytes) {
   Reader reader(bytes);
   Block block;
   while (!reader.at_end()) {
-    if (reader.next_tag() == kKeyed) {
+    if (reader.next_tag() == kKeyTag) {
       read_keyed(reader, block);
-    } else if (reader.next_tag() == kList) {
+    } else if (reader.next_tag() == kListTag) {
       read_list(reader, block);
     } else {
       block.values.emplace_back(reader.scalar());
@@ -249,12 +246,6 @@ std::string frame(std::string_view payload) {
   return prefix(static_cast<std::int32_t>(payload.size())) + std::string(payload);
 }
 
-std::string prefix(std::int32_t length) {
-  std::string bytes;
-  for (int i = 0; i < 4; ++i) {
-    bytes += static_cast<char>(static_cast<std::uint32_t>(length) >> (8 * i));
-  }
-  return bytes;
-}
+std::string prefix(std::int32_t length) { return word(static_cast<std::uint32_t>(length)); }
 
 }  // namespace tolk::test

@@ -1,7 +1,7 @@
-// Blocks and messages as bytes, written and read without the library: its independent witness.
+// Blocks and messages as bytes, written and read without the library, to test it independently.
 //
-// A block is a row of records; a scalar record ends with a check word, the offset at which the
-// check word itself stands.
+// A block is a sequence of records; a scalar record ends with a check word, which is its own
+// offset.
 #pragma once
 
 #include <cstdint>
@@ -23,22 +23,41 @@ struct Stream {
 using Scalar = std::variant<int, bool, double, std::string, Stream>;
 using List = std::vector<Scalar>;
 
+// The first byte of each record.
+inline constexpr char kIntTag = 0;
+inline constexpr char kBoolTag = 1;
+inline constexpr char kDoubleTag = 2;
+inline constexpr char kStringTag = 3;
+inline constexpr char kStreamTag = 4;
+inline constexpr char kKeyTag = 5;
+inline constexpr char kListTag = 6;
+inline constexpr char kMapTag = 7;
+
+// The four bytes of a number, and the number in the four bytes from `at` on.
+std::string word(std::uint32_t value);
+std::uint32_t word_at(std::string_view bytes, std::size_t at = 0);
+
 class BlockWriter {
  public:
+  BlockWriter() = default;
+  // For records that follow `bytes_before` bytes of the same block.
+  explicit BlockWriter(std::size_t bytes_before) : bytes_before_(bytes_before) {}
+
   BlockWriter& add(const Scalar& value);
   BlockWriter& list(const List& elements);
   BlockWriter& map(const std::vector<std::pair<std::string, Scalar>>& entries);
   BlockWriter& keyed(std::string_view key, const Scalar& value);
-  // A key without a value; what is added next stands where the value should.
+  // A key without a value; what is added next takes the place of the value.
   BlockWriter& lone_key(std::string_view key);
 
   const std::string& bytes() const { return bytes_; }
 
  private:
-  void word(std::uint32_t value);
-  void check_word() { word(static_cast<std::uint32_t>(bytes_.size())); }
+  void number(std::size_t value) { bytes_ += word(static_cast<std::uint32_t>(value)); }
+  void check_word() { number(bytes_before_ + bytes_.size()); }
   void text(char tag, std::string_view data);
 
+  std::size_t bytes_before_ = 0;
   std::string bytes_;
 };
 

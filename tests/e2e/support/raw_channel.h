@@ -1,8 +1,8 @@
 // A connection without the library, as the system has it: bytes and no frames. RawSocket and
 // RawListener are made of it.
 //
-// Thread: one at a time. Owner: whoever holds it; its destructor closes the connection.
-// Failure: null where there is nobody or nothing came in time.
+// Thread: one at a time. Owner: the holder of the pointer; the destructor closes the connection.
+// Failure: null where nobody listens or nothing came in time.
 #pragma once
 
 #include <cstddef>
@@ -27,29 +27,29 @@ class RawChannel {
   // Whether something is there to be read, if only the end.
   virtual bool is_readable(Milliseconds limit) = 0;
 
-  // For tests of POSIX systems that wait for several; -1 where a channel is none.
+  // For POSIX tests that wait for several; -1 where a channel has no descriptor.
   virtual int descriptor() const { return -1; }
-  // What a system has no such thing for has no effect.
+  // Operations that a system does not have do nothing.
   virtual void close_with_reset() {}
   virtual void end_sending() {}
   virtual void end_receiving() {}
   virtual void shrink_receive_buffer() {}
 };
 
-// A place that connections come to; it is free again when this ends.
-class RawDoor {
+// A listener; its address is free again when it is destroyed.
+class RawAcceptor {
  public:
-  virtual ~RawDoor() = default;
+  virtual ~RawAcceptor() = default;
   virtual std::unique_ptr<RawChannel> accept(Milliseconds limit) = 0;
 };
 
 std::unique_ptr<RawChannel> open_channel(const Address& address);
-std::unique_ptr<RawDoor> open_door(const Address& address);
+std::unique_ptr<RawAcceptor> open_acceptor(const Address& address);
 
 // The same for a local pipe: a file of pipe_channel_posix.cpp or pipe_channel_windows.cpp.
 std::unique_ptr<RawChannel> open_pipe_channel(const std::string& name);
-std::unique_ptr<RawDoor> open_pipe_door(const std::string& name);
-// Where a pipe of that name is, by the tests' own reckoning.
+std::unique_ptr<RawAcceptor> open_pipe_acceptor(const std::string& name);
+// The path of a pipe of that name, computed without the library.
 std::string pipe_path(const std::string& name);
 
 }  // namespace tolk::test

@@ -22,7 +22,7 @@ class Deadline {
   const Clock::time_point end_;
 };
 
-// Answers the version question of whoever has just connected.
+// Answers the version request of a new connection.
 Greeting answering_version(BlockWriter values) {
   return [values = std::move(values)](RawSocket& client) {
     const auto question = client.read_message();
@@ -63,11 +63,7 @@ std::optional<std::string> RawSocket::read(std::size_t count, Milliseconds limit
 std::optional<std::string> RawSocket::read_frame(Milliseconds limit) {
   const auto head = read(4, limit);
   if (!head) return std::nullopt;
-  std::uint32_t length = 0;
-  for (std::size_t i = 0; i < 4; ++i) {
-    length |= std::uint32_t{static_cast<unsigned char>((*head)[i])} << (8 * i);
-  }
-  return read(length, limit);
+  return read(word_at(*head), limit);
 }
 
 std::optional<Message> RawSocket::read_message(Milliseconds limit) {
@@ -96,9 +92,9 @@ void RawSocket::reset() {
 
 // RawListener
 
-RawListener::RawListener(const Address& address) : door_(open_door(address)) {}
+RawListener::RawListener(const Address& address) : acceptor_(open_acceptor(address)) {}
 
-RawSocket RawListener::accept(Milliseconds limit) { return RawSocket(door_->accept(limit)); }
+RawSocket RawListener::accept(Milliseconds limit) { return RawSocket(acceptor_->accept(limit)); }
 
 // RawClient
 

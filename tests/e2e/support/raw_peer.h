@@ -1,9 +1,8 @@
 // A peer on plain sockets, without the library: sends and reads frames byte by byte, and can stay
 // silent, stop, close and reset.
 //
-// Thread: each object from one thread at a time, but for RawServer, which greets its clients on a
-// thread of its own.
-// Failure: every read has a deadline; what did not come is nothing (std::nullopt, false).
+// Thread: each object from one thread at a time; RawServer greets its clients on an internal
+// thread. Failure: every read has a deadline; what did not come in time is std::nullopt or false.
 #pragma once
 
 #include <condition_variable>
@@ -64,12 +63,12 @@ class RawListener {
  public:
   explicit RawListener(const Address& address);
 
-  // Closed when nobody came.
+  // Closed if no connection came.
   RawSocket accept(Milliseconds limit = kLimit);
-  void stop() { door_.reset(); }
+  void stop() { acceptor_.reset(); }
 
  private:
-  std::unique_ptr<RawDoor> door_;
+  std::unique_ptr<RawAcceptor> acceptor_;
 };
 
 // A client that has shaken hands.
@@ -83,7 +82,7 @@ class RawClient {
   std::optional<Message> call(std::string_view name, int call_id = 1,
                               const std::optional<std::string>& arguments = {},
                               const std::optional<std::string>& token = "0x1");
-  // A call that nobody waits for.
+  // A posted call.
   bool post(std::string_view name, int call_id = 1,
             const std::optional<std::string>& arguments = {});
 
@@ -93,7 +92,7 @@ class RawClient {
   bool greeted_ = false;
 };
 
-// How a RawServer meets a client.
+// How a RawServer handles a new connection.
 using Greeting = std::function<void(RawSocket&)>;
 Greeting accepting();   // answers the handshake as a server of the same version does
 Greeting refusing();    // says that the version is wrong
@@ -101,7 +100,7 @@ Greeting silent();      // says nothing, reads nothing
 Greeting hanging_up();  // closes at once
 Greeting replying(BlockWriter values);  // answers the handshake with these values
 
-// Greets whoever connects, on a thread of its own, and then leaves the connection to the test.
+// Greets each new connection on an internal thread, and then passes it to the test.
 class RawServer {
  public:
   explicit RawServer(const Address& address, Greeting greeting = accepting());
@@ -109,7 +108,7 @@ class RawServer {
   RawServer(const RawServer&) = delete;
   RawServer& operator=(const RawServer&) = delete;
 
-  // The next connection that was greeted; closed when there is none.
+  // The next connection that was greeted; closed if none came.
   RawSocket take(Milliseconds limit = kLimit);
   int greeted() const { return greeted_.value(); }
   void stop();  // connections that were not taken are closed with it

@@ -1,5 +1,5 @@
-// What tests of a server have in common: a server at an address of each transport, and the lines
-// that it prints.
+// The fixture of the server tests: a server at an address of each transport, and the lines that it
+// prints.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -71,7 +71,7 @@ class ServerTest : public OverTransports {
                      out->AddString(string_at(in, 0).c_str());
                    }));
   }
-  // Whether the server answers `client` as if nothing were.
+  // Whether the server answers `client` normally.
   static bool serves(RawClient& client) {
     const auto answer = client.call("echo", 3, BlockWriter().add("ping").bytes());
     return answer && answer->string_at(0) == "ping" && answer->call_id() == 3;
@@ -81,7 +81,7 @@ class ServerTest : public OverTransports {
   ServerPtr server = make_server();
 };
 
-// The number behind `label` in a line: "… client id: 17 …".
+// The number after `label` in a line: "… client id: 17 …".
 inline int number_after(const std::string& line, const std::string& label) {
   const std::size_t at = line.find(label);
   return at == std::string::npos ? -1 : std::atoi(line.c_str() + at + label.size());

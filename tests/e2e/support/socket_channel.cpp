@@ -16,7 +16,7 @@ constexpr int kNoMoreSending = 1;
 
 class SocketChannel final : public RawChannel {
  public:
-  // A small frame behind another one is sent at once. On a pipe that has no effect.
+  // A small frame after another one is sent at once. On a pipe this has no effect.
   explicit SocketChannel(Socket socket) : socket_(socket) {
     set_socket_option(socket_, IPPROTO_TCP, TCP_NODELAY, 1);
     make_impatient(socket_);
@@ -49,16 +49,16 @@ class SocketChannel final : public RawChannel {
   const Socket socket_;
 };
 
-class SocketDoor final : public RawDoor {
+class SocketAcceptor final : public RawAcceptor {
  public:
-  explicit SocketDoor(const SocketAddress& at) : socket_(open_stream_socket(at.family())) {
+  explicit SocketAcceptor(const SocketAddress& at) : socket_(open_stream_socket(at.family())) {
     allow_early_reuse(socket_);
     EXPECT_EQ(bind(socket_, at.any(), at.size), 0);
     EXPECT_EQ(listen(socket_, SOMAXCONN), 0);
   }
-  ~SocketDoor() override { close_socket(socket_); }
-  SocketDoor(const SocketDoor&) = delete;
-  SocketDoor& operator=(const SocketDoor&) = delete;
+  ~SocketAcceptor() override { close_socket(socket_); }
+  SocketAcceptor(const SocketAcceptor&) = delete;
+  SocketAcceptor& operator=(const SocketAcceptor&) = delete;
 
   std::unique_ptr<RawChannel> accept(Milliseconds limit) override {
     if (!wait_for_socket(socket_, POLLIN, limit)) return nullptr;
@@ -109,16 +109,17 @@ std::unique_ptr<RawChannel> adopt_socket(Socket connected) {
   return std::make_unique<SocketChannel>(connected);
 }
 
-std::unique_ptr<RawDoor> listen_on_socket(const SocketAddress& address) {
-  return std::make_unique<SocketDoor>(address);
+std::unique_ptr<RawAcceptor> listen_on_socket(const SocketAddress& address) {
+  return std::make_unique<SocketAcceptor>(address);
 }
 
 std::unique_ptr<RawChannel> open_channel(const Address& address) {
   return address.is_pipe() ? open_pipe_channel(address.port) : connect_socket(tcp_address(address));
 }
 
-std::unique_ptr<RawDoor> open_door(const Address& address) {
-  return address.is_pipe() ? open_pipe_door(address.port) : listen_on_socket(tcp_address(address));
+std::unique_ptr<RawAcceptor> open_acceptor(const Address& address) {
+  return address.is_pipe() ? open_pipe_acceptor(address.port)
+                           : listen_on_socket(tcp_address(address));
 }
 
 }  // namespace tolk::test

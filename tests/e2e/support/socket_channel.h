@@ -1,4 +1,4 @@
-// Channels and doors on sockets: those of TCP, and those of local pipes where a pipe is a socket.
+// Channels and listeners on sockets: TCP, and local pipes where a pipe is a socket.
 #pragma once
 
 #include <memory>
@@ -11,6 +11,6 @@ namespace tolk::test {
 std::unique_ptr<RawChannel> connect_socket(const SocketAddress& address);
 // Takes a socket that is connected; it is closed with the channel.
 std::unique_ptr<RawChannel> adopt_socket(Socket connected);
-std::unique_ptr<RawDoor> listen_on_socket(const SocketAddress& address);
+std::unique_ptr<RawAcceptor> listen_on_socket(const SocketAddress& address);
 
 }  // namespace tolk::test

@@ -1,6 +1,6 @@
 // The plain sockets of whichever system, under one set of names. For the raw peers alone.
 //
-// Thread: each socket from one thread at a time. Owner: whoever opened it closes it.
+// Thread: each socket from one thread at a time. Owner: the code that opened it closes it.
 // Failure: kNoSocket, false; what is broken reads as ended.
 #pragma once
 
@@ -32,7 +32,7 @@ inline constexpr Socket kNoSocket = -1;
 // No child inherits it.
 Socket open_stream_socket(int family);
 void close_socket(Socket socket);
-// Sends and receives that would wait return instead. For sockets that are connected.
+// Makes a connected socket non-blocking.
 void make_impatient(Socket socket);
 Socket accept_from(Socket listener);
 // Has a bind succeed to the address of a server that has just stopped.

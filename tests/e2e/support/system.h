@@ -1,4 +1,4 @@
-// What the tests expect otherwise on Windows. Why it is so stands in docs/platforms.md.
+// What the tests expect to be different on Windows. docs/platforms.md gives the reasons.
 #pragma once
 
 #include <algorithm>
@@ -14,8 +14,8 @@ inline constexpr bool kOnWindows = false;
 // Whether the close of a pipe is an error for its other end if something was left unread.
 inline constexpr bool kPipesCanBeReset = !kOnWindows;
 
-// How often a test does what it does often. Windows takes 2 s to say that nobody listens at a port,
-// and under Wine each round takes many times longer.
+// The number of rounds of a test with many rounds. Windows takes 2 s to refuse a connect to a port
+// where nobody listens, and under Wine each round takes many times longer.
 constexpr int rounds(int many) { return kOnWindows ? std::max(many / 100, 8) : many; }
 
 // The system's own pool of threads comes and goes, and its handles with it.

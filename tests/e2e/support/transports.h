@@ -25,7 +25,7 @@ struct Address {
   bool is_pipe() const { return transport == Transport::pipe; }
 };
 
-// Where nobody listens and nobody else in this process or beside it will.
+// An address where nobody listens, and that no other test uses, in this process or another.
 Address fresh_address(Transport transport);
 
 bool start_server(IServer* server, const Address& address);
@@ -50,7 +50,7 @@ class OverTransports : public testing::TestWithParam<Transport> {
   const Address address = fresh_address(GetParam());
 };
 
-// Those over which an address that a server has is refused to another.
+// Those over which a second server at the same address is refused.
 std::vector<Transport> transports_of_one_server();
 
 std::string transport_name(const testing::TestParamInfo<Transport>& info);

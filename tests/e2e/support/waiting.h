@@ -17,10 +17,10 @@ using Milliseconds = std::chrono::milliseconds;
 
 // Far beyond what any step takes, on a loaded machine and under sanitizers too.
 inline constexpr Milliseconds kLimit{20000};
-// For what must not happen: long enough to see it come if it did.
+// For events that must not happen: long enough for them to be seen.
 inline constexpr Milliseconds kQuiet{100};
 
-// Looks again and again until `condition()` holds. False when it never did.
+// Polls until `condition()` holds. False if it did not within the limit.
 template <class Condition>
 bool eventually(const Condition& condition, Milliseconds limit = kLimit) {
   const auto end = std::chrono::steady_clock::now() + limit;
@@ -70,7 +70,7 @@ class Counter {
   std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
 };
 
-// Blocks who passes through it until the test opens it.
+// Blocks each thread that passes until the test opens it.
 class Gate {
  public:
   // In a handler: waits for open().
@@ -90,7 +90,7 @@ class Gate {
   Counter opened_;
 };
 
-// Opens a gate when the test ends, however it ends: no handler stays behind in it.
+// Opens a gate when the test ends, however it ends, so that no handler stays blocked.
 class OpenAtEnd {
  public:
   explicit OpenAtEnd(Gate gate) : gate_(std::move(gate)) {}

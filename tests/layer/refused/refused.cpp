@@ -1,4 +1,4 @@
-// None of this compiles; `check` wants the compiler to say why, in the words behind "says:".
+// None of this compiles; `check` expects the compiler to print each text after "says:".
 #include <cstdint>
 #include <map>
 #include <tolk/tolk.hpp>

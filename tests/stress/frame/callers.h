@@ -16,7 +16,7 @@
 
 namespace tolk::stress {
 
-// How late calls returned, against the latest moment that a call may take: its time-out, but not
+// How late calls returned, compared with the latest allowed moment: the timeout of a call, but not
 // before the first sweep.
 class Punctuality {
  public:
@@ -34,7 +34,7 @@ class Punctuality {
 
 class Callers {
  public:
-  // One call with a random time-out; false when there is nobody to call any more.
+  // One call with a random timeout; false when there is no peer left.
   using Call = std::function<bool(int caller, Random& random)>;
 
   Callers(int count, std::uint64_t seed, const Call& call);
@@ -44,7 +44,7 @@ class Callers {
 
   // Until every caller has ended; false when one did not.
   bool wait_ended(Milliseconds limit) const;
-  // Until every caller that has not ended has returned from the call that it is in now.
+  // Waits until every caller has returned from its current call, or has ended.
   bool wait_each_returned(Milliseconds limit) const;
   long calls() const;
 

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,44 +16,20 @@
 #include <iostream>
 #include <sstream>
 #include <streambuf>
-#include <utility>
 
 namespace tolk::stress {
 namespace {
 
-constexpr int kChannel = 0;  // of a role: its standard input, in both directions
-
 std::atomic<int> all_bad_ends{0};
 
-struct Ends {
-  int ours = -1;
-  int theirs = -1;
-};
-
-Ends open_channel() {
-  std::array<int, 2> ends{};
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) std::abort();
-  return {ends[0], ends[1]};
+std::vector<std::string> in_role(std::vector<std::string> words) {
+  words.insert(words.begin(), {test::kThisProgram, "--role"});
+  return words;
 }
 
-// Ours, and the child, which closes with its end of the channel.
-std::pair<int, pid_t> start_this_program(std::vector<std::string> words) {
-  const Ends ends = open_channel();
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, ends.theirs, kChannel);
-  words.insert(words.begin(), {"tolk_stress", "--role"});
-  std::vector<char*> arguments;
-  for (std::string& word : words) arguments.push_back(word.data());
-  arguments.push_back(nullptr);
-  pid_t process = -1;
-  if (posix_spawn(&process, "/proc/self/exe", &actions, nullptr, arguments.data(), environ) != 0) {
-    std::perror("posix_spawn");
-    process = -1;
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  close(ends.theirs);
-  return {ends.ours, process};
+std::string text_of_end(int result) {
+  return result < 0 ? "died of signal " + std::to_string(-result)
+                    : "exited with " + std::to_string(result);
 }
 
 class Dropping final : public std::streambuf {
@@ -96,15 +71,13 @@ std::optional<std::string> LineChannel::read_line(test::Milliseconds limit) {
 }
 
 Process::Process(const std::vector<std::string>& words)
-    : Process(words.front(), start_this_program(words)) {}
-
-Process::Process(std::string role, std::pair<int, pid_t> started)
-    : role_(std::move(role)), channel_(started.first), id_(started.second) {}
-
-Process::~Process() {
-  end();
-  close(channel_.descriptor());
+    : role_(words.front()),
+      channel_(ends_.ours()),
+      process_(in_role(words), {.input = ends_.theirs()}) {
+  ends_.close_theirs();
 }
+
+Process::~Process() { end(); }
 
 std::optional<std::string> Process::ask(const std::string& line, test::Milliseconds limit) {
   if (!tell(line)) return std::nullopt;
@@ -112,31 +85,22 @@ std::optional<std::string> Process::ask(const std::string& line, test::Milliseco
 }
 
 void Process::kill_now() {
-  if (id_ < 0) return;
-  kill(id_, SIGKILL);
-  int status = 0;
-  waitpid(id_, &status, 0);
-  id_ = -1;
-  if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL) note_bad_end(status);
+  const auto ended = process_.kill_and_wait();
+  if (ended && *ended != -SIGKILL) note_bad_end(text_of_end(*ended));
 }
 
 void Process::end() {
-  if (id_ < 0) return;
+  if (id() < 0) return;
   shutdown(channel_.descriptor(), SHUT_RDWR);
-  int status = 0;
-  if (test::eventually([&] { return waitpid(id_, &status, WNOHANG) == id_; })) {
-    id_ = -1;
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) note_bad_end(status);
-    return;
-  }
-  note_bad_end(-1);
+  const auto ended = process_.wait_for(test::kLimit);
+  if (ended == 0) return;
+  note_bad_end(ended ? text_of_end(*ended) : "did not end");
   kill_now();
 }
 
-void Process::note_bad_end(int status) const {
+void Process::note_bad_end(const std::string& how) const {
   ++all_bad_ends;
-  std::printf("  FAILED: the process in the role of %s ended with the wait status %d\n",
-              role_.c_str(), status);
+  std::printf("  FAILED: the process in the role of %s %s\n", role_.c_str(), how.c_str());
   std::fflush(stdout);
 }
 
@@ -144,8 +108,8 @@ int Process::bad_ends() { return all_bad_ends; }
 
 bool Process::is_alive() const {
   siginfo_t info{};
-  return id_ > 0 &&
-         waitid(P_PID, static_cast<id_t>(id_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+  return id() > 0 &&
+         waitid(P_PID, static_cast<id_t>(id()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
          info.si_pid == 0;
 }
 
@@ -170,11 +134,11 @@ int descriptors_of(const std::string& process) {
   return count;
 }
 
-long Process::resident_kib() const { return resident_kib_of(std::to_string(id_)); }
-int Process::descriptors() const { return descriptors_of(std::to_string(id_)); }
+long Process::resident_kib() const { return resident_kib_of(std::to_string(id())); }
+int Process::descriptors() const { return descriptors_of(std::to_string(id())); }
 
 double Process::processor_s() const {
-  std::ifstream file("/proc/" + std::to_string(id_) + "/stat");
+  std::ifstream file("/proc/" + std::to_string(id()) + "/stat");
   std::string text;
   std::getline(file, text);
   const std::size_t behind_name = text.rfind(')');
@@ -189,7 +153,7 @@ double Process::processor_s() const {
 }
 
 LineChannel& the_row() {
-  static LineChannel channel(kChannel);
+  static LineChannel channel(STDIN_FILENO);
   return channel;
 }
 

@@ -1,9 +1,9 @@
-// A second process of a row: this program again, in a role. It and the row speak in lines, over the
+// Another process of a row: this program again, in a role. It and the row exchange lines over the
 // role's standard input.
 //
 // Thread: one at a time. Owner: the object: the process ends with it, and by itself when this
-// process is gone. Failure: what does not come is nothing; figures of a dead process are 0. A
-// process that ended otherwise than it should, a sanitizer's verdict included, is printed and
+// process has ended. Failure: a line that does not come in time is std::nullopt; figures of a dead
+// process are 0. A process that ends abnormally, a sanitizer's report included, is printed and
 // counted.
 #pragma once
 
@@ -11,15 +11,15 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "tests/child_process.h"
 #include "tests/e2e/support/transports.h"
 #include "tests/e2e/support/waiting.h"
 
 namespace tolk::stress {
 
-// Both ends of the line that a row and a role speak over.
+// One end of the channel between a row and a role.
 class LineChannel {
  public:
   explicit LineChannel(int descriptor) : descriptor_(descriptor) {}
@@ -41,7 +41,7 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
-  pid_t id() const { return id_; }
+  pid_t id() const { return process_.id(); }
   bool tell(const std::string& line) { return channel_.tell(line); }
   std::optional<std::string> read_line(test::Milliseconds limit = test::kLimit) {
     return channel_.read_line(limit);
@@ -57,22 +57,22 @@ class Process {
   double processor_s() const;
 
  private:
-  Process(std::string role, std::pair<int, pid_t> started);
   void end();  // asks it to
-  void note_bad_end(int status) const;
+  void note_bad_end(const std::string& how) const;
 
   const std::string role_;
+  test::SocketPair ends_;
   LineChannel channel_;
-  pid_t id_ = -1;
+  test::ChildProcess process_;
 };
 
-// What a process of any id holds; "self" too.
+// What any process holds, given its id or "self".
 long resident_kib_of(const std::string& process);
 int descriptors_of(const std::string& process);
 
 // In a role: the row at the other end.
 LineChannel& the_row();
-// No library line gets among the rows' own.
+// Drops the lines of the library, so that only those of the rows are printed.
 void drop_library_lines();
 
 std::string text_of(const test::Address& address);

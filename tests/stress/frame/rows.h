@@ -31,10 +31,10 @@ void mix_everything(Run& run);           // mixed.cpp
 
 const std::vector<Row>& rows();
 
-// Runs a row in a process of its own; false when it failed, died or took too long.
+// Runs a row in a separate process; false if it failed, died or took too long.
 bool run_guarded(const Row& row, const Options& options);
 
-// A process of a row's own: this program again, with a role and its arguments.
+// Another process of a row: this program again, with a role and its arguments.
 using Role = int (*)(const std::vector<std::string>& arguments);
 int run_echo_server(const std::vector<std::string>& arguments);       // echo_server.cpp
 int run_calling_client(const std::vector<std::string>& arguments);    // kills_client.cpp

@@ -50,7 +50,7 @@ struct Options {
   std::string json;
 };
 
-// Where the row is, for the watchdog in the parent process. In shared memory.
+// The position of the row, for the watchdog in the parent process. In shared memory.
 struct Progress {
   char text[160];
 };

@@ -1,4 +1,4 @@
-// A server in a process of its own, and what that process holds: now, and against an earlier look.
+// A server in a separate process, and what that process holds, also compared with an earlier look.
 //
 // Thread: the row's. Owner: the object. Failure: the row's.
 #pragma once

@@ -1,4 +1,4 @@
-// Calls whose answers can be told from one another, and what their callers saw.
+// Calls whose answers differ from one another, and what their callers saw.
 //
 // Thread: a Question and a Latencies belong to one thread, a Bystander to the row's.
 #pragma once
@@ -38,7 +38,7 @@ class Question {
   TolkParams arguments_;
 };
 
-// The answer to a Question. Calls that are none get no values.
+// The answer to a Question. Other calls get no values.
 void answer_question(TolkParams* in, TolkParams* out);
 // The number of the question; -1 when there is none.
 int number_in(TolkParams* block);
@@ -54,7 +54,7 @@ class Latencies {
   std::vector<double> all_;
 };
 
-// A client that has nothing to do with what goes on beside it: its calls must be served all along.
+// A client that takes no part in the attack: its calls must be served all along.
 class Bystander {
  public:
   Bystander(Run& run, const test::Address& address, int call_id);

@@ -1,14 +1,14 @@
-// A row runs in a process of its own, so that whatever it does to itself, the run ends and says
+// Each row runs in a separate process, so that even if it hangs or dies, the run ends and prints
 // where it was.
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <optional>
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -16,6 +16,7 @@
 #endif
 #endif
 
+#include "tests/child_process.h"
 #include "tests/stress/frame/process.h"
 #include "tests/stress/frame/rows.h"
 
@@ -24,7 +25,7 @@ namespace {
 
 constexpr int kShortLimitS = 55;
 
-// The row's process does not run to its usual end, where leaks would be looked for.
+// The row's process leaves by _exit, without the usual check for leaks at its end.
 bool leaks() {
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -38,7 +39,7 @@ bool leaks() {
 }
 
 int run_row(const Row& row, const Options& options, Progress& progress) {
-  setpgid(0, 0);                     // so that its processes end with it
+  setpgid(0, 0);                     // so that the processes of the row end with it
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // and it with the parent
   drop_library_lines();
   Run run(options, row.number, progress);
@@ -55,9 +56,15 @@ Progress& shared_progress() {
   return *new (memory) Progress{};
 }
 
-// The exit status, or nothing when the limit came first.
-bool wait_for_end(pid_t process, Milliseconds limit, int& status) {
-  return eventually([&] { return waitpid(process, &status, WNOHANG) == process; }, limit);
+// One line if the row did not come to its end.
+void print_end(std::optional<int> result, int limit_s, const Progress& progress) {
+  if (!result) {
+    std::printf("  HANGS: no end within %d s, at: %s\n", limit_s, progress.text);
+  } else if (*result < 0) {
+    std::printf("  DIED of signal %d, at: %s\n", -*result, progress.text);
+  } else if (*result > 1) {
+    std::printf("  DIED with status %d, at: %s\n", *result, progress.text);
+  }
 }
 
 }  // namespace
@@ -69,27 +76,18 @@ bool run_guarded(const Row& row, const Options& options) {
               static_cast<unsigned long long>(options.seed));
   std::fflush(stdout);
   const Stopwatch clock;
-  const pid_t process = fork();
-  // Without the end of the program: the threads of the library may still run in it.
-  if (process == 0) _exit(run_row(row, options, progress));
+  test::ChildProcess process([&] { return run_row(row, options, progress); },
+                             test::ChildProcess::kNoLimit);
+  const pid_t group = process.id();
   int limit_s = options.is_short ? kShortLimitS : row.limit_s;
   if (options.seconds > 0) limit_s += 2 * options.seconds;
-  int status = -1;
-  const bool ended = wait_for_end(process, std::chrono::seconds(limit_s), status);
-  if (!ended) {
-    std::printf("  HANGS: no end within %d s, at: %s\n", limit_s, progress.text);
-  } else if (WIFSIGNALED(status)) {
-    std::printf("  DIED of signal %d, at: %s\n", WTERMSIG(status), progress.text);
-  } else if (WEXITSTATUS(status) > 1) {
-    std::printf("  DIED with status %d, at: %s\n", WEXITSTATUS(status), progress.text);
-  }
-  kill(-process, SIGKILL);
-  if (!ended) waitpid(process, &status, 0);
-  const bool passed = ended && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  std::printf("row %d: %s in %.1f s\n", row.number, passed ? "ok" : "FAILED",
+  const std::optional<int> result = process.wait_for(std::chrono::seconds(limit_s));
+  print_end(result, limit_s, progress);
+  kill(-group, SIGKILL);
+  std::printf("row %d: %s in %.1f s\n", row.number, result == 0 ? "ok" : "FAILED",
               static_cast<double>(clock.elapsed().count()) / 1000);
   std::fflush(stdout);
-  return passed;
+  return result == 0;
 }
 
 }  // namespace tolk::stress
