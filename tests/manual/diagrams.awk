@@ -48,7 +48,7 @@ function flowchart(line,   at, ends, arrow) {
   }
   if (line == "end") return depth-- > 0
   if (line ~ /^direction (LR|TB)$/) return depth > 0
-  arrow = "(<-->|-->|==>|-[.]->|---)([|][A-Za-z0-9 ,:'._-]+[|])?"
+  arrow = "(<-->|<==>|-->|==>|---)([|][A-Za-z0-9 ,:'._-]+[|])?"
   if (line !~ (" " arrow " ")) return is_node(line)
   match(line, " " arrow " ")
   return is_node(substr(line, 1, RSTART - 1)) && is_node(substr(line, RSTART + RLENGTH))
