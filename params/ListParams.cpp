@@ -14,7 +14,7 @@ ListParams::ListParams(const ListParams& other) : elements_(other.elements_) {
 }
 
 ListParams& ListParams::operator=(const ListParams& other) {
-  // Retain before release: the two may share elements, or be the same.
+  // Retain before release: the two lists may share elements, or be the same list.
   std::vector<TolkValue*> elements = other.elements_;
   Access::retain_all(elements);
   elements_.swap(elements);

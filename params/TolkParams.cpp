@@ -24,13 +24,13 @@ namespace {
 
 using BlockEncoder = tolk::Encoder<std::string>;
 
-// Behind a large record there is room for some small ones, among them the keys of a large call:
-// they don't make the block move, which would hold it twice meanwhile.
+// A block with a large record has spare room for some small records, such as the keys of a large
+// call. They do not make the block move, which would need the memory twice for a moment.
 constexpr std::size_t large_block_bytes = std::size_t{1} << 20;
 constexpr std::size_t spare_bytes = 4096;
 
-// Room for a whole record first, so that being out of memory leaves no half record. Doubling keeps
-// many small records cheap.
+// Makes room for a whole record, so that a failed allocation leaves no part of a record. Doubling
+// keeps many small records cheap.
 void make_room(std::string& buffer, std::size_t record_bytes) {
   const std::size_t needed = buffer.size() + record_bytes;
   if (needed <= buffer.capacity()) return;
@@ -56,7 +56,7 @@ void append_keyed(std::string& buffer, const char* key, std::size_t value_bytes,
   });
 }
 
-// On purpose: the text of a string element travels up to its first zero byte, a stream whole.
+// On purpose: a string element is encoded up to its first zero byte, a stream element whole.
 std::string_view element_bytes(const TolkValue& element) {
   const std::string_view bytes = tolk::wire_part(TolkValueAccess::bytes(element));
   return element.IsString() ? tolk::cut_at_zero(bytes) : bytes;
@@ -88,7 +88,7 @@ void add_element(BlockEncoder& encoder, const TolkValue& element) {
     case TolkValue::Stream:
       return encoder.add_stream(element_bytes(element));
     default:
-      return;  // a list record has no place for anything else
+      return;  // a list record holds scalars only
   }
 }
 
@@ -101,8 +101,8 @@ TolkParams::TolkParams(const TolkParams& other) : content_(new Content(Access::c
 TolkParams& TolkParams::operator=(const TolkParams& other) {
   if (this == &other) return *this;
   get_buffer_ = other.get_buffer_;
-  // Of a refreshable block the content is marked as used now, and so kept by its table until we
-  // hold a count of our own.
+  // This marks the content of a refreshable block as used. Its table then keeps the content until
+  // this block holds a count of its own.
   Content& shared = Access::content(other);
   shared.retain();
   Access::replace(*this, &shared);
@@ -186,7 +186,7 @@ int TolkParams::ParamsSize() { return static_cast<int>(Access::content(*this).va
 int TolkParams::MapSize() { return static_cast<int>(Access::content(*this).keyed.size()); }
 
 bool TolkParams::Parser(const char* data, int len) {
-  // Copied before anything is dropped: `data` may lie in the block's bytes or in one of its values.
+  // The copy comes first: `data` may point into the block's bytes or into one of its values.
   std::string bytes(tolk::bytes_of(data, len));
   return Access::content(*this).parse(std::move(bytes));
 }

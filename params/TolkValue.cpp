@@ -23,7 +23,7 @@ std::unique_ptr<TolkValue> bytes_value(const char* data, long len, TolkValue::Ty
   return std::make_unique<TolkValue>(data, len, type);
 }
 
-// Reads the value field as whatever kind the caller asks for; hosts may ask for the wrong one.
+// Reads the value field as the type that the caller asks for. Hosts may ask for the wrong type.
 template <class T, class Field>
 T field_as(const Field& field) {
   T value;
@@ -31,7 +31,7 @@ T field_as(const Field& field) {
   return value;
 }
 
-// On purpose: only the bytes of the kind are copied, the rest of the field keeps what it held.
+// On purpose: only the bytes of the type are copied. The other bytes of the field do not change.
 template <class Field>
 void copy_field_bytes(Field& to, const Field& from, std::size_t size) {
   std::memcpy(&to, &from, size);
@@ -83,7 +83,7 @@ TolkValue& TolkValue::operator=(const TolkValue& other) {
 
 TolkValue::~TolkValue() {
   clear();
-  // What a host added although the type was another.
+  // A host may have added elements to a value of another type.
   Access::release_all(list_);
   Access::release_all_of(map_);
 }
@@ -152,8 +152,8 @@ void TolkValue::clear() {
     delete value_.bytes;
     value_.all = 0;
   }
-  // On purpose: the elements of a value that is no List, and the entries of one that is no Map,
-  // stay.
+  // On purpose: a value that is not a List keeps its elements, and a value that is not a Map keeps
+  // its entries.
   if (type == List) Access::release_all(list_);
   if (type == Map) Access::release_all_of(map_);
 }

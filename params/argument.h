@@ -1,7 +1,7 @@
-// What hosts pass in: lengths made safe, and arguments that lie inside the block itself.
+// Arguments of hosts: safe lengths, and arguments that point into the block itself.
 //
-// Thread: any; no state. Owner: the views borrow from the host until the operation returns.
-// Failure: std::bad_alloc from Argument.
+// Thread: any; there is no state. Owner: the views borrow from the host until the operation
+// returns. Failure: std::bad_alloc from Argument.
 #pragma once
 
 #include <cstddef>
@@ -18,13 +18,13 @@ inline std::string_view bytes_of(const char* data, long len) {
   return {data, static_cast<std::size_t>(len)};
 }
 
-// The part of `bytes` whose length can travel.
+// The part of `bytes` whose length fits in the 32 bits of a record.
 inline std::string_view wire_part(std::string_view bytes) {
   return bytes.substr(0, static_cast<std::uint32_t>(bytes.size()));
 }
 
-// An argument of an operation that appends to `buffer`. It is copied when it lies inside, since the
-// buffer moves as it grows.
+// An argument of an operation that appends to `buffer`. An argument that points into the buffer is
+// copied, since the buffer moves as it grows.
 class Argument {
  public:
   Argument(const std::string& buffer, std::string_view bytes) : view_(bytes) {

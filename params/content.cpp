@@ -31,7 +31,7 @@ std::unique_ptr<TolkValue> make_value(const tolk::Scalar& scalar) {
   }
 }
 
-// The parser's sink that makes the values of a content.
+// The sink of the parser that fills a content with values.
 class Filler {
  public:
   explicit Filler(Content& content) : content_(content) {}
@@ -66,11 +66,11 @@ class Filler {
 
  private:
   Content& content_;
-  std::unique_ptr<TolkValue> open_;  // the list or map that has not ended yet
+  std::unique_ptr<TolkValue> open_;  // the list or map that the parser is inside
 };
 
-// The mark of a used content lives in the pointer itself, so that reading the pointer and marking
-// it are one step: no refresh can come between them, however many threads read.
+// The mark of a used content is a bit of the pointer itself. So reading the pointer and marking it
+// is one step, and no refresh can come between, even if several threads read.
 constexpr std::uintptr_t touched_bit = 1;
 static_assert(alignof(Content) > touched_bit);
 
@@ -112,15 +112,14 @@ void TolkParams::Content::clear() {
 }
 
 void TolkParams::Content::drop_values() noexcept {
-  view.clear();  // first: its keys lie in the nodes of `keyed`
+  view.clear();  // first: its keys point into the nodes of `keyed`
   Access::release_all(values);
   std::vector<TolkValue*>().swap(values);
   Access::release_all_of(keyed);
 }
 
 std::map<const char*, TolkValue*>& TolkParams::Content::keyed_view() {
-  // On purpose: a view that has entries is never brought up to date; only the next parse empties
-  // it.
+  // On purpose: a view that has entries is never updated. Only the next parse empties it.
   if (view.empty()) {
     std::map<const char*, TolkValue*> filled;
     for (const auto& [key, value] : keyed) filled.emplace(key.c_str(), value);
@@ -157,7 +156,7 @@ TolkParamsAccess::ContentRef TolkParamsAccess::exchange(TolkParams& block, Conte
                                                         bool* touched) noexcept {
   const std::atomic_ref<Content*> pointer(block.content_);
   Content* const old = pointer.exchange(fresh.take(), std::memory_order_acq_rel);
-  // A block that is not refreshable keeps no mark, so its content counts as used.
+  // A block that is not refreshable has no mark, so its content counts as used.
   *touched = is_touched(old) || !block.refreshable_;
   return ContentRef(address_of(old));
 }

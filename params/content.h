@@ -1,11 +1,12 @@
-// What a block holds: its encoded bytes and the values that were parsed from them.
+// The content of a block: its encoded bytes and the values that were parsed from them.
 //
-// Content is counted, because blocks that were assigned to one another refer to the same one.
+// A content is counted, because a block that was assigned from another shares its content.
 // TolkParamsAccess is the library's own access to blocks.
 //
-// Thread: any, one at a time, but for `exchange`, which may replace the content of a refreshable
-// block while a host's thread is reading it.
-// Failure: std::bad_alloc; a parse that it interrupts keeps the values it had made so far.
+// Thread: any, one at a time. One exception: `exchange` may replace the content of a refreshable
+// block while a thread of the host reads it.
+// Owner: the blocks and references that hold a count; the last one deletes the content.
+// Failure: std::bad_alloc. A parse that it ends keeps the values that were made until then.
 #pragma once
 
 #include <tolk/TolkParams.h>
@@ -27,7 +28,7 @@ struct TolkParams::Content {
   Content& operator=(const Content&) = delete;
   ~Content() { drop_values(); }
 
-  // Replaces everything by what `bytes` encodes.
+  // Replaces the bytes, and the values by those that `bytes` encodes.
   bool parse(std::string&& bytes);
   bool parse_own_bytes();
   void clear();
@@ -77,37 +78,39 @@ struct TolkParamsAccess {
     Content* content_ = nullptr;
   };
 
-  // The block's content, borrowed. Of a refreshable block it is marked as touched.
+  // The block's content, borrowed. The content of a refreshable block is marked as touched.
   static Content& content(const TolkParams& block) noexcept;
 
   static std::string_view bytes(const TolkParams& block) noexcept { return content(block).buffer; }
 
-  // A count of the block's content: what is read through it stays, whatever becomes of the block.
+  // A count of the block's content. The content stays for as long as the count, even if the block
+  // is changed or destroyed.
   static ContentRef hold(const TolkParams& block) noexcept {
     Content& held = content(block);
     held.retain();
     return ContentRef(&held);
   }
 
-  // The encoded bytes, out of a block that is about to go; a copy if other blocks refer to them.
+  // The encoded bytes of a block that is about to be destroyed: moved, or copied if other blocks
+  // share them.
   static std::string take_bytes(TolkParams& block);
 
-  // As TolkParams::Parser, without its copy.
+  // TolkParams::Parser without a copy of the bytes.
   static bool parse_owned(TolkParams& block, std::string bytes) {
     return content(block).parse(std::move(bytes));
   }
 
-  // A new content that holds what `bytes` encodes, as far as it is well formed.
+  // A new content with the values of `bytes`, up to the first malformed record.
   static ContentRef parsed(std::string_view bytes);
 
-  // Before the block is handed out: from then on `exchange` may run beside its reader.
+  // Call it before the host gets the block. From then on `exchange` may run while a thread reads.
   static void make_refreshable(TolkParams& block) noexcept { block.refreshable_ = true; }
 
-  // Puts `fresh`, which must not be empty, into the block and gives the old content back.
-  // `touched`: the host may still hold pointers into the old one, so keep it. Else it can go at
-  // once.
+  // Puts `fresh`, which must not be empty, into the block and returns the old content.
+  // `touched`: the host may still hold pointers into the old content, so the caller keeps it.
+  // Otherwise the caller can release it at once.
   static ContentRef exchange(TolkParams& block, ContentRef fresh, bool* touched) noexcept;
 
-  // Takes over one count of `content` and drops the block's own.
+  // Takes over one count of `content` and releases the block's count of its own content.
   static void replace(TolkParams& block, Content* content) noexcept;
 };

@@ -19,7 +19,7 @@ constexpr char hyphens[] = "----------------------------------------------------
 // On purpose: raw bytes of the GBK code page ("not text"), never converted to anything else.
 constexpr char stream_word[] = "\xB6\xFE\xBD\xF8\xD6\xC6";
 
-// Writes one scalar as a line that starts with `indent`; nothing at all for another type.
+// Writes one scalar as a line that starts with `indent`, and nothing for a value of another type.
 void dump_scalar(std::ostream& out, const char* indent, const TolkValue& value, const char* word) {
   switch (Access::type(value)) {
     case TolkValue::Int:
@@ -49,8 +49,8 @@ void dump_list(std::ostream& out, const TolkValue& list) {
   out << "  list end-----\n";
 }
 
-// On purpose: a Map prints nothing, a keyed one not even the end of its line, and a keyed stream
-// lacks the word, so that two blanks stand before its length.
+// On purpose: a Map prints nothing, and a keyed Map not even the end of its line. A keyed stream
+// has no word, so that two spaces come before its length.
 std::string dump(TolkParamsAccess::Content& content) {
   std::ostringstream out;
   out.imbue(std::locale::classic());

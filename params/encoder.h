@@ -1,9 +1,10 @@
-// Writes the records of one block to the end of a buffer.
+// Appends the records of one block to a buffer.
 //
 // The buffer is anything that offers `append(const char*, std::size_t)` and `size()`: a
 // std::string, or the memory of a frame that was allocated in one piece with the sizes of record.h.
-// Thread: the one that uses the buffer. Owner: borrows the buffer.
-// Failure: what the buffer's `append` throws; the record is then incomplete, so make room first.
+// Thread: the one that uses the buffer. Owner: the caller owns the buffer.
+// Failure: what the buffer's `append` throws. The record is then incomplete, so callers make room
+// first.
 #pragma once
 
 #include <bit>
@@ -38,7 +39,7 @@ class Encoder {
     append_checked(record);
   }
 
-  // Written as they are; who wants a text cut at its first zero byte cuts it before.
+  // The bytes are written as they are: the caller cuts a text at its first zero byte.
   void add_string(std::string_view text) { add_bytes(Tag::String, text); }
   void add_stream(std::string_view data) { add_bytes(Tag::Stream, data); }
 
@@ -52,8 +53,8 @@ class Encoder {
   // `count` scalar records must follow.
   void add_list_header(std::uint32_t count) { append_header(Tag::List, count); }
 
-  // Whole records that were encoded at the start of a block: only at the start of this one, where
-  // their check words stay true.
+  // Appends whole records that were encoded at the start of a block. Call it only at the start of
+  // this block, where their check words are right.
   void add_encoded(std::string_view records) { buffer_.append(records.data(), records.size()); }
 
  private:
@@ -65,7 +66,7 @@ class Encoder {
   }
 
   void add_bytes(Tag tag, std::string_view bytes) {
-    // The length travels as 32 bits; of anything longer only so many bytes may follow.
+    // The length has 32 bits, so at most that many bytes may follow.
     const auto size = static_cast<std::uint32_t>(bytes.size());
     append_header(tag, size);
     if (size > 0) buffer_.append(bytes.data(), size);

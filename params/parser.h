@@ -1,7 +1,7 @@
 // The parser of encoded blocks: hands every value to a sink, in wire order.
 //
-// One parser, several sinks: one fills a block with values, another only picks the envelope keys of
-// a received frame. So both always agree on what is malformed.
+// One sink fills a block with values, and another picks the envelope keys of a received frame. Both
+// use this parser, so they agree on what is malformed.
 //
 // A sink offers:
 //   positional(const Scalar&)
@@ -10,10 +10,11 @@
 //   begin_list(), list_element(const Scalar&), end_list()
 //   begin_map(), map_entry(std::string_view cut_key, const Scalar&), end_map()
 //
-// Thread: any; no state is kept. Owner: views point into the input.
-// Failure: false at the first malformed record. What was delivered before stays delivered; a list
-// or map that has begun and not ended is for the sink to discard. A sink may throw. Cost: linear in
-// the input whatever counts and lengths the input declares; allocates nothing.
+// Thread: any; there is no state. Owner: the caller owns the input; views point into it.
+// Failure: false at the first malformed record. The sink keeps what was delivered before, and
+// discards a list or map that has begun and not ended. A sink may throw.
+// Cost: linear in the size of the input, for any counts and lengths that the input declares.
+// Nothing is allocated.
 #pragma once
 
 #include <tolk/TolkValue.h>
@@ -27,7 +28,7 @@
 
 namespace tolk {
 
-// A value as it stands in the input. Only the member that `type` names is meaningful.
+// A value of the input. Only the member that `type` names is meaningful.
 struct Scalar {
   TolkValue::Type type = TolkValue::None;
   bool boolean = false;
@@ -38,8 +39,7 @@ struct Scalar {
   bool has_bytes() const { return type == TolkValue::String || type == TolkValue::Stream; }
 };
 
-// The steps behind parse_records. Offsets are 64 bits wide, so that no declared length wraps
-// around.
+// The steps of parse_records. Offsets have 64 bits, so that no declared length makes them wrap.
 template <class Sink>
 class RecordParser {
  public:
@@ -81,7 +81,7 @@ class RecordParser {
     return pass_check_word(end);
   }
 
-  // Reads the scalar record at the offset; `end` is where its check word stands.
+  // Reads the scalar record at the offset. `end` is the position of its check word.
   bool read_scalar(Scalar& value, std::uint64_t& end) const {
     const std::uint64_t at = offset_ + 1;
     switch (tag_at(offset_)) {
@@ -129,14 +129,14 @@ class RecordParser {
     const std::string_view cut_key = cut_at_zero(key);
     sink_.erase_key(cut_key);
     if (!inside(offset_, 1)) return false;
-    // On purpose: a key without a scalar is forgotten, and what follows it is a top-level record.
+    // On purpose: a key without a scalar is ignored, and what follows it is a top-level record.
     if (!is_scalar(tag_at(offset_))) return true;
-    // On purpose: only the keys of strings and streams keep what follows a zero byte.
+    // On purpose: only the keys of strings and streams keep the bytes after a zero byte.
     return scalar_record(
         [&](const Scalar& value) { sink_.keyed(value.has_bytes() ? key : cut_key, value); });
   }
 
-  // Reads the key record behind a key-and-value tag and moves on to the value.
+  // Reads the key record after a key-and-value tag and moves on to the value.
   bool read_key(std::string_view& key) {
     if (!inside(offset_, 10) || tag_at(offset_ + 1) != Tag::String) return false;
     const std::int32_t size = load_int(bytes_at(offset_ + 2));
@@ -152,8 +152,8 @@ class RecordParser {
     sink_.begin_list();
     for (; count > 0; --count) {
       if (!inside(offset_, 1)) return false;
-      // On purpose: no failure. Nothing moves past this byte, so every further pass would stop here
-      // too; it is then read as a top-level record.
+      // On purpose: this is not a failure. The list ends here, and this byte is read as the start
+      // of a top-level record.
       if (!is_scalar(tag_at(offset_))) break;
       if (!scalar_record([this](const Scalar& value) { sink_.list_element(value); })) return false;
     }

@@ -1,8 +1,8 @@
 // Numbers of the block encoding: record tags, record sizes, little-endian words.
 //
-// A block is a row of records from offset 0. A scalar record ends with a check word: the offset in
-// the block at which the check word itself stands.
-// Thread: any; no state. Failure: none.
+// A block is a sequence of records from offset 0. A scalar record ends with a check word: the
+// offset of the check word itself in the block. Thread: any; there is no state. Owner: none.
+// Failure: none.
 #pragma once
 
 #include <bit>
@@ -29,7 +29,7 @@ inline constexpr std::size_t bool_record_bytes = 1 + 1 + 4;
 inline constexpr std::size_t double_record_bytes = 1 + 8 + 4;
 inline constexpr std::size_t list_header_bytes = 1 + 4;
 
-// `size`: the bytes of the text, at most 32 bits wide.
+// `size`: the bytes of the text, which fit in 32 bits.
 constexpr std::size_t string_record_bytes(std::size_t size) { return 1 + 4 + size + 4; }
 constexpr std::size_t stream_record_bytes(std::size_t size) { return 1 + 4 + size + 4; }
 
@@ -54,7 +54,7 @@ constexpr Word little_endian(Word word) {
   return std::endian::native == std::endian::little ? word : reversed(word);
 }
 
-// By copy, since records stand at any address.
+// These copy, since a record may start at any address.
 inline void store32(char* to, std::uint32_t word) {
   word = little_endian(word);
   std::memcpy(to, &word, sizeof word);

@@ -1,9 +1,10 @@
 // The library's own access to TolkValue: counted elements, and bytes without a type mistake.
 //
-// An element belongs to every list, map and block that holds it; each holds one count, and the last
-// to release deletes it. A value that nobody counts (on a host's stack) has count 0.
-// Thread: counting from any thread; all else as TolkValue.
-// Failure: `adopt` and `put` may throw std::bad_alloc and then change nothing.
+// Thread: any thread may count; all else as TolkValue.
+// Owner: every list, map and block that holds an element has one count of it, and the last one to
+// release its count deletes the element. A value that is not an element (on a host's stack) has
+// count 0.
+// Failure: `adopt`, `put` and `put_and_drop` may throw std::bad_alloc and then change nothing.
 #pragma once
 
 #include <tolk/TolkValue.h>

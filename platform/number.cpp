@@ -9,7 +9,7 @@ namespace {
 
 using Limits = std::numeric_limits<std::int32_t>;
 
-// Own tests instead of isspace and isdigit, which follow the host's locale.
+// These replace isspace and isdigit, which depend on the host's locale.
 bool is_blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
@@ -22,7 +22,7 @@ int parse_int(const char* text) {
   if (negative || *text == '+') ++text;
   std::int64_t value = 0;
   for (; is_digit(*text); ++text) {
-    // One past the limit is enough to know that the text is beyond it, whatever follows.
+    // One past the limit is enough: further digits do not change the result.
     value = std::min<std::int64_t>(value * 10 + (*text - '0'), Limits::max() + std::int64_t{1});
   }
   if (negative) value = -value;

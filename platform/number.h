@@ -1,12 +1,12 @@
-// Decimal text to a number, for ports. As lenient as C's atoi, but defined for every input.
+// Converts decimal text to a number, for ports. Like the atoi of C, but defined for every input.
 //
-// Thread: any. Owner: none. Failure: none; what is no number is 0.
+// Thread: any. Owner: none. Failure: none; a text without a number gives 0.
 #pragma once
 
 namespace tolk::platform {
 
-// Blanks, one sign, digits; whatever follows is ignored. Beyond 32 bits the nearest limit.
-// Null is 0.
+// Reads blanks, one sign and digits, and ignores the rest. A number beyond 32 bits gives the
+// nearest limit, and null gives 0.
 int parse_int(const char* text);
 
 }  // namespace tolk::platform

@@ -8,7 +8,8 @@
 namespace tolk::platform {
 namespace {
 
-// The effective user of who listened or connected there, at that moment. Zero, or an errno.
+// Finds the effective user of the peer, as it was when the peer listened or connected. Returns 0 or
+// an errno.
 int user_at(int descriptor, uid_t* user) {
 #if defined(__linux__)
   ucred peer{};

@@ -1,4 +1,4 @@
-// The directory that socket files are in. Not on Windows.
+// The directory of the socket files. Windows has none.
 //
 // Thread: any. Owner: none. Failure: `error`, one of libuv's negative codes.
 #pragma once
@@ -12,9 +12,9 @@ struct PipeDirectory {
   int error = 0;
 };
 
-// `runtime_root`/<uid> if it is a directory that `uid` owns and nobody else can enter; otherwise
-// `temp_root`/tolk-<uid>, which is made if nothing is there and refused unless it is the same kind
-// of directory. Symbolic links are not followed: what is a link is not a directory.
+// Returns `runtime_root`/<uid> if it is a directory that `uid` owns and no other user can enter.
+// Otherwise it returns `temp_root`/tolk-<uid>: it makes that directory if nothing is there, and
+// refuses it unless it is private to `uid` as well. A symbolic link is refused.
 PipeDirectory pipe_directory(const std::string& runtime_root, const std::string& temp_root,
                              unsigned uid);
 

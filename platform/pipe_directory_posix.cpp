@@ -8,7 +8,7 @@
 namespace tolk::platform {
 namespace {
 
-// 0 when `path` is a real directory of `uid` that is closed to everybody else.
+// Returns 0 if `path` is a directory of `uid` that is closed to all other users.
 int check_private(const std::string& path, unsigned uid) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0) return uv_translate_sys_error(errno);
@@ -25,7 +25,7 @@ PipeDirectory pipe_directory(const std::string& runtime_root, const std::string&
   if (check_private(runtime, uid) == 0) return {std::move(runtime), 0};
 
   std::string own = temp_root + "/tolk-" + std::to_string(uid);
-  // Made first and looked at afterwards: whoever got there before us is found out by the check.
+  // The check comes after mkdir: it finds a directory that another user made before.
   if (mkdir(own.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
     return {{}, uv_translate_sys_error(errno)};
   }

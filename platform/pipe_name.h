@@ -1,6 +1,6 @@
-// Where a local pipe of a given name is, and who may listen there.
+// The address of a local pipe, and the claim of a server on its name.
 //
-// On Windows a pipe lives in the system's own name space. Elsewhere it is a socket file in a
+// On Windows a pipe is in the name space of the system. Elsewhere it is a socket file in a
 // directory that is private to the user, and a lock file beside it says whether a server is alive:
 //
 //   server                                   client
@@ -10,7 +10,7 @@
 //   ... close the listening handle, which removes the socket file ...
 //   PipeNameLock::release()
 //
-// Thread: any; one lock is used by one thread at a time. Owner: whoever holds the PipeNameLock.
+// Thread: any; one thread at a time uses a lock. Owner: the server owns its PipeNameLock.
 // Failure: 0, or one of libuv's negative error codes.
 #pragma once
 
@@ -25,16 +25,16 @@ struct PipeAddress {
   int error = 0;
 };
 
-// The address of the pipe called `name`. Makes the private directory if there is none; refuses one
-// that others own or can enter (UV_EACCES), a name that does not fit in a socket address
+// The address of the pipe `name`. Makes the private directory if there is none. Refuses a directory
+// that other users own or can enter (UV_EACCES), a name that does not fit in a socket address
 // (UV_ENAMETOOLONG), and a name that would leave the directory (UV_EINVAL).
 PipeAddress pipe_address(std::string_view name);
 
 // Lets no other user connect to the socket file at `path`. Call it between bind and listen.
 int restrict_to_owner(const std::string& path);
 
-// A server's claim on a pipe name. It ends with the object, or with the process however that dies,
-// unless a child that the process forked is still alive.
+// The claim of a server on a pipe name. It ends with the object, and also with the process, unless
+// a child that the process forked is still alive.
 class PipeNameLock {
  public:
   PipeNameLock() = default;
@@ -42,13 +42,12 @@ class PipeNameLock {
   PipeNameLock(const PipeNameLock&) = delete;
   PipeNameLock& operator=(const PipeNameLock&) = delete;
 
-  // Claims the pipe at `path` (from pipe_address) and removes a file that a dead server left there.
-  // UV_EADDRINUSE: a living server has it; its file is not touched. UV_EACCES: a file of the name
-  // is another user's; it is not touched either. Releases an earlier claim.
+  // Releases an earlier claim, claims the pipe at `path` (from pipe_address) and removes a file
+  // that a dead server left there. UV_EADDRINUSE: a server that is alive has the name; its file
+  // stays. UV_EACCES: a file of that name belongs to another user; it stays too.
   int acquire(const std::string& path);
 
-  // Ends the claim. Does nothing when there is none, or in a forked child: the claim is its
-  // parent's.
+  // Ends the claim, if there is one. In a forked child the files stay: the claim is its parent's.
   void release();
 
  private:

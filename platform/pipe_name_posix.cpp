@@ -16,14 +16,14 @@ namespace tolk::platform {
 namespace {
 
 constexpr std::size_t kLongestPathBytes = sizeof(sockaddr_un::sun_path) - 1;
-constexpr int kMostTries = 100;  // each one was lost to another server that came and went
+constexpr int kMostTries = 100;  // each of them failed because another server started and ended
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
 
 int last_error() { return uv_translate_sys_error(errno); }
 
 bool is_own(const struct stat& file) { return file.st_uid == geteuid(); }
 
-// Opens the lock file. Another user's, who could hold it as long as they like, is left alone.
+// Opens the lock file. Refuses the file of another user, who could hold the lock forever.
 int open_own(const std::string& path) {
   const int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
   const int descriptor = open(path.c_str(), flags, kOwnerOnly);
@@ -34,7 +34,7 @@ int open_own(const std::string& path) {
   return UV_EACCES;
 }
 
-// Opens the lock file and locks it. A descriptor, or a negative error.
+// Opens the lock file and locks it. Returns a descriptor, or a negative error.
 int open_locked(const std::string& path) {
   const int descriptor = open_own(path);
   if (descriptor < 0) return descriptor;
@@ -55,8 +55,8 @@ bool names_file(const std::string& path, int descriptor) {
   return named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
-// A file of the name is what a dead server of this user left. Another user's is not ours to remove,
-// and may be alive.
+// Removes the socket file that a dead server of this user left. The file of another user stays: its
+// server may be alive.
 int remove_stale(const std::string& path) {
   struct stat left {};
   if (lstat(path.c_str(), &left) == 0 && !is_own(left)) return UV_EACCES;
@@ -72,7 +72,7 @@ PipeAddress pipe_address(std::string_view name) {
   if (directory.error != 0) return {{}, directory.error};
   std::string path = std::move(directory.path);
   path.append("/echo.sock.").append(name);
-  // libuv would cut it without a word, and two long names could then be the same pipe.
+  // libuv would cut the path silently, and two long names could then be the same pipe.
   if (path.size() > kLongestPathBytes) return {{}, UV_ENAMETOOLONG};
   return {std::move(path), 0};
 }
@@ -81,15 +81,15 @@ int restrict_to_owner(const std::string& path) {
   return chmod(path.c_str(), kOwnerOnly) == 0 ? 0 : last_error();
 }
 
-// A server that ends removes its lock file, so the file that was opened may not be the one that
-// others will find. Timeline of what the second look is for:
+// A server that ends removes its lock file, so the file that was opened may not be the file that
+// other servers will find. This is why the name is checked again:
 //
 //   ending server            this one                 a third
 //                            open (old file)
 //   remove, close
 //                            lock (old file): granted
 //                                                     open, lock (new file): granted
-//                            name is another file: start again, refused
+//                            the name is another file: try again, refused
 int PipeNameLock::acquire(const std::string& path) {
   release();
   std::string lock_path = path + ".lock";
@@ -110,8 +110,8 @@ int PipeNameLock::acquire(const std::string& path) {
 void PipeNameLock::release() {
   if (descriptor_ < 0) return;
   if (generation_ == generation()) {
-    // Removed while it is still locked, or it could be the file of the next server. That frees the
-    // name even if a forked child still has a copy of the descriptor, and with it the lock.
+    // Remove the file while it is locked: later it could be the file of the next server. This frees
+    // the name even if a forked child has a copy of the descriptor, and so keeps the lock.
     if (names_file(lock_path_, descriptor_)) unlink(lock_path_.c_str());
   }
   close(descriptor_);

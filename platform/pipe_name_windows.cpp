@@ -9,7 +9,7 @@ PipeAddress pipe_address(std::string_view name) {
 // By default only the user that made a pipe may connect to it.
 int restrict_to_owner(const std::string&) { return 0; }
 
-// The system itself refuses a second server of a name, and forgets the name with its last handle.
+// The system refuses a second server of a name, and frees the name with its last handle.
 int PipeNameLock::acquire(const std::string&) { return 0; }
 
 void PipeNameLock::release() {}

@@ -1,19 +1,19 @@
-// Tells whether the threads that served a session can still be there.
+// Tells whether the threads that serve a session can still exist.
 //
-// A forked child has a copy of every session but none of the threads that serve it. On Windows the
-// same holds in a process that ends, from when its libraries are told so: the system has ended all
-// other threads by then. What remembers the generation that it was made in recognises that it has
-// no life there.
+// A forked child has a copy of every session, and none of the threads that serve it. On Windows the
+// same is true at the end of a process: the system ends all other threads before it tells the
+// libraries. An object stores the generation in which it was made. When the generation is another
+// one, the threads of the object do not exist any more.
 //
-// Thread: any. Owner: none. Failure: none. Cost: a load or two, no system call.
+// Thread: any. Owner: none. Failure: none. Cost: one or two loads, no system call.
 #pragma once
 
 #include <cstdint>
 
 namespace tolk::platform {
 
-// A number that is the same for as long as a process has its threads, and another one in each child
-// that it forks or, on Windows, at the process's end.
+// A number that stays the same for as long as the process has its threads. It is another number in
+// each forked child and, on Windows, at the end of the process.
 std::uint32_t generation();
 
 }  // namespace tolk::platform

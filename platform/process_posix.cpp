@@ -12,9 +12,9 @@ constinit std::atomic<bool> watching{false};
 
 void in_child() { current.fetch_add(1, std::memory_order_relaxed); }
 
-// Deliberately without a lock or a once-flag: a thread that is inside one when another thread forks
-// would leave it taken for ever in the child. Two threads may both get here; a child then counts
-// one step more, which is still a change.
+// On purpose there is no lock and no once-flag: if another thread forks while this thread holds it,
+// it stays taken forever in the child. Two threads may both register the handler. A child then
+// counts two steps instead of one, which is a change as well.
 void watch_forks() {
   if (pthread_atfork(nullptr, nullptr, in_child) == 0) {
     watching.store(true, std::memory_order_release);

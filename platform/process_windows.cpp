@@ -7,8 +7,8 @@ namespace {
 
 using InShutdown = BOOLEAN(NTAPI*)();
 
-// Of the system's own library, which every process has. Its import library is not part of every
-// development kit.
+// Looked up in the system library that every process has: not every development kit has an import
+// library for it.
 InShutdown find_in_shutdown() {
   const auto found = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
   return reinterpret_cast<InShutdown>(reinterpret_cast<void*>(found));  // NOLINT
@@ -16,7 +16,7 @@ InShutdown find_in_shutdown() {
 
 }  // namespace
 
-// A process that ends has lost all its threads but one before the libraries are told of it.
+// At the end of a process the system ends all other threads before it tells the libraries.
 std::uint32_t generation() {
   static const InShutdown in_shutdown = find_in_shutdown();
   return in_shutdown != nullptr && in_shutdown() != 0 ? 1 : 0;

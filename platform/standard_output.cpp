@@ -32,7 +32,7 @@ void write_lines(std::string_view text) {
   }
 }
 
-// One insertion a line, so that the host's own output does not come before its newline.
+// A line is one insertion, so that output of the host does not come before its newline.
 void write(Manner manner, std::string_view text) {
   guarded([&] {
     switch (manner) {
@@ -52,18 +52,18 @@ void write(Manner manner, std::string_view text) {
   });
 }
 
-// Who writes, and what others left to that thread.
+// The writer and the queue.
 class StandardOutput {
  public:
   void put(Manner manner, std::string_view text);
-  // At the end of the process: the writer may end with it at any moment.
-  void write_what_is_left();
+  // Call it at the end of the process, which also ends the thread that writes.
+  void write_rest();
 
  private:
   using Lock = std::unique_lock<std::mutex>;
   using Pieces = std::list<Piece>;
 
-  // Gives the role back also when the writer is cancelled inside a write.
+  // Gives the role back, also if the thread is cancelled inside a write.
   class WriterRole {
    public:
     explicit WriterRole(StandardOutput& output) : output_(output) {}
@@ -82,38 +82,38 @@ class StandardOutput {
   bool is_writer() const { return writer_ == std::this_thread::get_id(); }
   bool take_role();
   void end_role();
-  bool wait_until_nobody_writes(Lock& lock);
+  bool wait_for_the_role(Lock& lock);
 
-  bool begin_with_own();
-  bool begin_after_leaving(Manner manner, std::string_view text);
+  bool begin();
+  bool enqueue(Manner manner, std::string_view text);
   void write_pieces();
   bool take_piece(Pieces& piece, bool is_first);
 
   std::mutex mutex_;
   std::condition_variable role_is_free_;
-  std::thread::id writer_;  // nobody by default
+  std::thread::id writer_;  // by default no thread
   int takers_ = 0;          // threads that wait for the role
-  Pieces left_;
-  std::size_t bytes_left_ = 0;
+  Pieces queue_;
+  std::size_t queued_bytes_ = 0;
   const std::uint32_t generation_ = generation();
 };
 
 void StandardOutput::put(Manner manner, std::string_view text) {
-  if (begin_with_own()) {
+  if (begin()) {
     const WriterRole role(*this);
     write(manner, text);
     write_pieces();
-  } else if (guarded_or(false, [&] { return begin_after_leaving(manner, text); })) {
+  } else if (guarded_or(false, [&] { return enqueue(manner, text); })) {
     const WriterRole role(*this);
     write_pieces();
   }
 }
 
-void StandardOutput::write_what_is_left() {
-  if (generation_ != generation()) return;  // the threads that were here are not
+void StandardOutput::write_rest() {
+  if (generation_ != generation()) return;  // its writer does not exist any more
   {
     Lock lock(mutex_);
-    if (is_writer() || !wait_until_nobody_writes(lock)) return;
+    if (is_writer() || !wait_for_the_role(lock)) return;
     take_role();
   }
   const WriterRole role(*this);
@@ -131,8 +131,8 @@ void StandardOutput::end_role() {
   if (takers_ > 0) role_is_free_.notify_one();
 }
 
-// False when that takes too long: the writer may wait for the caller.
-bool StandardOutput::wait_until_nobody_writes(Lock& lock) {
+// Returns false if that takes too long: the writer may wait for this thread.
+bool StandardOutput::wait_for_the_role(Lock& lock) {
   struct Taker {
     explicit Taker(int& count) : count_(count) { ++count_; }
     ~Taker() { --count_; }
@@ -142,21 +142,21 @@ bool StandardOutput::wait_until_nobody_writes(Lock& lock) {
   return role_is_free_.wait_for(lock, kPatience, [&] { return writer_ == std::thread::id(); });
 }
 
-// True: the caller is the writer, and nothing comes before its own text.
-bool StandardOutput::begin_with_own() {
+// Returns true if the caller is now the writer. The queue is then empty.
+bool StandardOutput::begin() {
   const Lock lock(mutex_);
-  return left_.empty() && take_role();
+  return queue_.empty() && take_role();
 }
 
-// True: the caller is the writer, and its text is the last of the pieces.
-bool StandardOutput::begin_after_leaving(Manner manner, std::string_view text) {
+// Returns true if the caller is now the writer. Its text is then the last in the queue.
+bool StandardOutput::enqueue(Manner manner, std::string_view text) {
   Pieces piece;
   piece.push_back({manner, std::string(text)});
   Lock lock(mutex_);
-  const bool is_full = bytes_left_ >= kMostBytesLeft;
-  if (is_full && (is_writer() || !wait_until_nobody_writes(lock))) return false;
-  bytes_left_ += text.size();
-  left_.splice(left_.end(), piece);
+  const bool is_full = queued_bytes_ >= kMaxQueuedBytes;
+  if (is_full && (is_writer() || !wait_for_the_role(lock))) return false;
+  queued_bytes_ += text.size();
+  queue_.splice(queue_.end(), piece);
   return take_role();
 }
 
@@ -168,17 +168,17 @@ void StandardOutput::write_pieces() {
   }
 }
 
-// False: the caller is the writer no more. It hands the role to a thread that waits for it, or a
-// thread of a loop would go on writing for as long as others print. Each writer writes at least one
-// piece, so that threads that take the role in turn get on.
+// Returns false if the caller is not the writer any more. The writer gives the role to a thread
+// that waits for it: otherwise a loop thread would write for as long as other threads print. Each
+// writer writes at least one piece, so that the queue gets shorter.
 bool StandardOutput::take_piece(Pieces& piece, bool is_first) {
   const Lock lock(mutex_);
-  if (left_.empty() || (takers_ > 0 && !is_first)) {
+  if (queue_.empty() || (takers_ > 0 && !is_first)) {
     end_role();
     return false;
   }
-  piece.splice(piece.begin(), left_, left_.begin());
-  bytes_left_ -= piece.front().text.size();
+  piece.splice(piece.begin(), queue_, queue_.begin());
+  queued_bytes_ -= piece.front().text.size();
   return true;
 }
 
@@ -189,7 +189,7 @@ StandardOutput& standard_output() {
 
 struct AtExit {
   ~AtExit() {
-    guarded([] { standard_output().write_what_is_left(); });
+    guarded([] { standard_output().write_rest(); });
   }
 };
 const AtExit at_exit;

@@ -1,10 +1,11 @@
-// A mutex that may be static: ready before the first static initialiser of the process, and usable
-// after the last destructor, when loop threads may still run.
+// A mutex that may be static: it is ready before the first static initialiser of the process, and
+// usable after the last destructor, while loop threads may still run.
 //
-// That is std::mutex, but for Windows, where the standard library makes it at run time and destroys
-// it. There it is the system's own slim lock.
+// It is std::mutex except on Windows, where std::mutex has a constructor and a destructor that run
+// code. There it is the slim lock of the system.
 //
-// Thread: any. Owner: whoever locked it; it is not recursive. Failure: none.
+// Thread: any. It is not recursive. Owner: the object that has it as a member, or none if it is
+// static. Failure: none.
 #pragma once
 
 #if defined(_WIN32)
@@ -22,7 +23,7 @@ class StaticMutex {
   void unlock() noexcept;
 
  private:
-  void* state_ = nullptr;  // the system's type for it is one pointer, null at first
+  void* state_ = nullptr;  // the system's type is one pointer, which is null at first
 };
 
 }  // namespace tolk::platform

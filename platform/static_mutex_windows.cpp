@@ -5,7 +5,7 @@
 namespace tolk::platform {
 namespace {
 
-static_assert(sizeof(SRWLOCK) == sizeof(void*), "the lock fits in the place that is kept for it");
+static_assert(sizeof(SRWLOCK) == sizeof(void*), "the lock is as large as the member for it");
 
 SRWLOCK* system_lock(void** state) { return reinterpret_cast<SRWLOCK*>(state); }
 

@@ -32,7 +32,7 @@ int own_call_id() {
 int os_thread_id() { return gettid(); }
 
 void name_this_thread(const char* name) {
-  std::array<char, 16> cut{};  // a longer name is refused, not cut, by the system
+  std::array<char, 16> cut{};  // the system refuses a longer name
   std::copy_n(name, std::min(std::strlen(name), cut.size() - 1), cut.begin());
   pthread_setname_np(pthread_self(), cut.data());
 }
@@ -43,7 +43,7 @@ SignalsBlocked::SignalsBlocked() noexcept {
   static_assert(sizeof(sigset_t) <= kMaskBytes);
   sigset_t blocked;
   sigfillset(&blocked);
-  // Blocking these would turn a fault into a process that dies without its handler.
+  // If these are blocked, a fault ends the process without the handler of the host.
   for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS}) {
     sigdelset(&blocked, fault);
   }
@@ -65,7 +65,8 @@ BrokenPipeBlocked::~BrokenPipeBlocked() {
   if (!was_open_) return;
   const sigset_t pipe = only_broken_pipe();
   const timespec at_once{};
-  while (sigtimedwait(&pipe, nullptr, &at_once) == SIGPIPE) {  // it would strike on unblocking
+  while (sigtimedwait(&pipe, nullptr, &at_once) ==
+         SIGPIPE) {  // a pending signal would end the process
   }
   pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
 }

@@ -16,7 +16,7 @@ int own_call_id() {
 int os_thread_id() { return static_cast<std::int32_t>(GetCurrentThreadId()); }
 
 void name_this_thread(const char* name) {
-  // Looked up at run time: systems before 2016 don't have it.
+  // Looked up at run time: systems before 2016 do not have it.
   using SetDescription = HRESULT(WINAPI*)(HANDLE, PCWSTR);
   const auto found = GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "SetThreadDescription");
   const auto set_description =

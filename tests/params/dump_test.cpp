@@ -224,7 +224,7 @@ TEST(Dump, EachLineIsFlushed) {
                                       "maps 1" + hyphens + "\n", "   name - string: x\n", "\n"}));
 }
 
-TEST(Dump, LinesOfOtherThreadsComeBehindIt) {
+TEST(Dump, LinesOfOtherThreadsComeAfterIt) {
   TolkParams block;
   tolk::test::WholeTextBuffer buffer;
   const tolk::test::RedirectedStdout redirected(buffer);

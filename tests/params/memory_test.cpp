@@ -215,7 +215,7 @@ class FixedBuffer final : public std::streambuf {
 
  private:
   std::streamsize xsputn(const char* text, std::streamsize size) override {
-    if (size_ == 0) tolk::platform::print_line("left without memory");
+    if (size_ == 0) tolk::platform::print_line("no memory to enqueue");
     std::copy_n(text, size, text_.data() + size_);
     size_ += static_cast<std::size_t>(size);
     return size;
@@ -225,7 +225,7 @@ class FixedBuffer final : public std::streambuf {
   std::size_t size_ = 0;
 };
 
-TEST(OutOfMemory, ShortLinesComeOutUnlessTheyAreLeftToAWriter) {
+TEST(OutOfMemory, ShortLinesComeOutUnlessTheyAreEnqueued) {
   FixedBuffer buffer;
   const tolk::test::RedirectedStdout redirected(buffer);
   const std::string long_line(300, 'x');

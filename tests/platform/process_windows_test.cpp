@@ -1,4 +1,4 @@
-// The system's own numbers, which are visible to peers and to time-outs.
+// The system's own numbers, which are visible to peers and to timeouts.
 #include <gtest/gtest.h>
 #include <windows.h>
 

@@ -58,11 +58,11 @@ TEST(StandardOutput, WriterThatIsCancelledGivesTheRoleBack) {
   };
   CancellableThread writer([] { platform::print_line("of the cancelled thread"); });
   inside.get_future().wait();
-  platform::print_line("left to it");
+  platform::print_line("enqueued");
   ASSERT_TRUE(writer.cancel_and_join());
-  std::cout.clear();  // the stream notes that its buffer was left by force
+  std::cout.clear();  // the cancellation sets a bit of the stream
   platform::print_line("the next");
-  EXPECT_EQ(buffer.text(), "left to it\nthe next\n");
+  EXPECT_EQ(buffer.text(), "enqueued\nthe next\n");
 }
 
 // Writes to standard error, from a thread that is held until the process's exit handlers run.
@@ -82,20 +82,20 @@ class HeldUntilExit final : public std::streambuf {
   }
 };
 
-[[noreturn]] void leave_a_line_and_exit() {
+[[noreturn]] void enqueue_a_line_and_exit() {
   static auto* const buffer = new HeldUntilExit;
   platform::desync_standard_output();
   std::cout.rdbuf(buffer);
   std::atexit([] { buffer->exiting.set_value(); });
   std::thread([] { platform::print_line("first"); }).detach();
   buffer->inside.get_future().wait();
-  platform::print_line("left");
+  platform::print_line("enqueued");
   std::exit(0);
 }
 
 TEST(StandardOutputDeathTest, WhatIsLeftToAThreadIsWrittenBeforeTheProcessEnds) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(leave_a_line_and_exit(), testing::ExitedWithCode(0), "^first\nleft\n$");
+  EXPECT_EXIT(enqueue_a_line_and_exit(), testing::ExitedWithCode(0), "^first\nenqueued\n$");
 }
 
 }  // namespace

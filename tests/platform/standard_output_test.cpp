@@ -181,7 +181,7 @@ TEST(StandardOutput, LinesOfManyThreadsStayWholeAndEachThreadsLinesInOrder) {
   EXPECT_EQ(sorted_by_thread(out.text(), line(0, 0).size() + 1), expected);
 }
 
-TEST(StandardOutput, ThreadsThatPrintMoreThanIsLeftInMemoryLoseNothing) {
+TEST(StandardOutput, NothingIsLostWhenThreadsFillTheQueue) {
   const CapturedStdout out;
   constexpr std::size_t piece_bytes = std::size_t{1} << 17;
   std::vector<std::thread> threads;
