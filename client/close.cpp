@@ -16,11 +16,8 @@ constexpr unsigned kEndPauseMs = 10;
 
 void ClientSide::close() {
   logger.formatted("Client Closing!\n");
-  const auto current = session();
-  if (!isok() || !current) {
-    logger.formatted("client closeasync\n");
-    return;
-  }
+  const auto current = connected_session();
+  if (!current) return logger.formatted("client closeasync\n");
   current->ask_for_close();
   current->wait_until_ended();
   // Still true when a hook or the destructor of a handler closes: the loop thread cannot wait for
@@ -31,7 +28,7 @@ void ClientSide::close() {
 
 void ClientSide::abandon() {
   destroyed_ = true;
-  const auto current = session();
+  const auto current = of_this_process() ? session() : nullptr;
   if (!current) return;
   current->ask_for_close();
   current->wait_until_ended();

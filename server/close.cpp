@@ -17,8 +17,8 @@ constexpr unsigned kCloseAsyncPauseMs = 200;
 
 void ServerSide::close(PeerStream* answered) {
   logger.formatted("Server Closing!\n");
-  const auto current = session();
-  if (!isok() || !current->enter(Phase::close_asked)) return;
+  const auto current = running_session();
+  if (!current || !current->enter(Phase::close_asked)) return;
   methods.refuse();
   if (!custom_release) {
     methods.release_all(MethodRegistry::Keeper::library);
@@ -37,11 +37,8 @@ void ServerSide::close(PeerStream* answered) {
 
 // Only a pipe server has the wake-up for it: on TCP nothing hears the request.
 void ServerSide::closeasync() {
-  if (!isok()) {
-    logger.formatted("server closeasync\n");
-    return;
-  }
-  const auto current = session();
+  const auto current = running_session();
+  if (!current) return logger.formatted("server closeasync\n");
   if (!current->is_tcp()) {
     current->enter(Phase::closeasync_asked);
     current->wake_for_end();
@@ -53,6 +50,7 @@ void ServerSide::closeasync() {
 // The close before it finds nothing while a start is under way, or a loop thread that a hook holds.
 void ServerSide::abandon() {
   destroyed_ = true;
+  if (!of_this_process()) return;
   methods.refuse();
   logger.end_sink();
   const auto current = session();

@@ -65,6 +65,7 @@ class ServerSide final : public ServerEvents {
   // Host.
   std::shared_ptr<ServerSession> session() const { return *session_.lock(); }
   std::shared_ptr<ServerSession> running_session() const;
+  bool of_this_process() const;
   void log_disconnected();
 
   // Messages (receive.cpp).

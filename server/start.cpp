@@ -12,9 +12,13 @@ namespace tolk {
 
 ServerSide::ServerSide() : process_(platform::generation()) {}
 
+// In a forked child nothing waits, not even for a lock: the thread that held it is not there.
+bool ServerSide::of_this_process() const { return process_ == platform::generation(); }
+
 bool ServerSide::isok() const {
+  if (!of_this_process()) return false;
   const auto current = session();
-  return process_ == platform::generation() && current && current->takes_messages();
+  return current && current->takes_messages();
 }
 
 bool ServerSide::start(Endpoint where) {

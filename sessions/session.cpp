@@ -1,6 +1,5 @@
 #include "sessions/session.h"
 
-#include <atomic>
 #include <cassert>
 #include <exception>
 #include <utility>
@@ -99,9 +98,9 @@ bool Session::of_this_process() const { return process_ == platform::generation(
 bool Session::enter(Phase next) {
   TOLK_PAUSE_AT_PHASE(kind(), "before", next);
   {
-    auto now = phase_.lock();
-    if (!may_follow(*now, next)) return false;
-    *now = next;
+    const std::lock_guard<std::mutex> lock(phase_mutex_);
+    if (!may_follow(phase_, next)) return false;
+    phase_ = next;
     phase_changed_.notify_all();
   }
   TOLK_PAUSE_AT_PHASE(kind(), "after", next);
@@ -110,18 +109,20 @@ bool Session::enter(Phase next) {
 
 void Session::wait_until_decided() {
   if (on_own_thread() || !of_this_process()) return;
-  phase_.lock().wait(phase_changed_, [](Phase now) { return now != Phase::starting; });
+  std::unique_lock<std::mutex> lock(phase_mutex_);
+  phase_changed_.wait(lock, [this] { return phase_ != Phase::starting; });
 }
 
 void Session::wait_until_ended() {
   if (on_own_thread() || !of_this_process()) return;
-  phase_.lock().wait(phase_changed_, [](Phase now) { return now == Phase::ended; });
+  std::unique_lock<std::mutex> lock(phase_mutex_);
+  phase_changed_.wait(lock, [this] { return phase_ == Phase::ended; });
 }
 
 bool Session::wait_until_ended(std::chrono::milliseconds limit) {
   if (on_own_thread() || !of_this_process()) return false;
-  return phase_.lock().wait_for(phase_changed_, limit,
-                                [](Phase now) { return now == Phase::ended; });
+  std::unique_lock<std::mutex> lock(phase_mutex_);
+  return phase_changed_.wait_for(lock, limit, [this] { return phase_ == Phase::ended; });
 }
 
 bool Session::post(std::unique_ptr<Task> task) {

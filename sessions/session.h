@@ -14,9 +14,11 @@
 
 #include <uv.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "transport/peer_stream.h"
@@ -55,7 +57,7 @@ class Session : public StreamOwner {
   // Whether the calling thread runs a loop of any session.
   static bool on_a_loop_thread();
   bool of_this_process() const;
-  Phase phase() const { return *phase_.lock(); }
+  Phase phase() const { return phase_; }
   // Changes the phase. False when another ending came first; nothing changes then.
   bool enter(Phase next);
   // Until the attempt is decided: live, or over.
@@ -109,7 +111,8 @@ class Session : public StreamOwner {
   // Any thread.
   std::atomic<std::thread::id> owner_thread_{};
   TaskQueue queue_;
-  Guarded<Phase> phase_;
+  std::atomic<Phase> phase_{Phase::starting};  // changed under the mutex
+  std::mutex phase_mutex_;
   std::condition_variable phase_changed_;
   // Loop.
   uv_loop_t loop_ TOLK_GUARDED_BY(loop_role){};

@@ -16,10 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "transport/reserved_names.h"
 #include "transport/piece_assembler.h"
 #include "transport/piece_sender.h"
-#include "transport/piece_sender.h"
+#include "transport/reserved_names.h"
 
 namespace {
 

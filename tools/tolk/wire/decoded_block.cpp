@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "params/record.h"
+#include "platform/text.h"
 
 namespace tolk::tool {
 namespace {
