@@ -28,20 +28,6 @@ const char* label(Endpoint::Kind kind) {
   return "Tcp6";
 }
 
-const char* line_of(ClientEvents::SetupStep step) {
-  switch (step) {
-    case ClientEvents::SetupStep::loop:
-      return "uv_loop_init error";
-    case ClientEvents::SetupStep::stream:
-      return "uv_tcp_init error";
-    case ClientEvents::SetupStep::address:
-      return "uv_ip4_addr error";
-    case ClientEvents::SetupStep::connect:
-      break;
-  }
-  return "uv_tcp_connect error";
-}
-
 }  // namespace
 
 // Host.
@@ -122,7 +108,17 @@ void ClientSide::on_starting(const Endpoint& where) {
 
 // On purpose: only the IPv4 transport tells which step of the setup failed.
 void ClientSide::on_setup_failed(const Endpoint& where, SetupStep step) {
-  if (where.kind == Endpoint::Kind::tcp4) platform::print_line(line_of(step));
+  if (where.kind != Endpoint::Kind::tcp4) return;
+  switch (step) {
+    case SetupStep::loop:
+      return platform::print_line("uv_loop_init error");
+    case SetupStep::stream:
+      return platform::print_line("uv_tcp_init error");
+    case SetupStep::address:
+      return platform::print_line("uv_ip4_addr error");
+    case SetupStep::connect:
+      return platform::print_line("uv_tcp_connect error");
+  }
 }
 
 void ClientSide::on_server_refused(const std::string& user) {

@@ -61,9 +61,12 @@ void ServerSide::run() {
 // Loop.
 
 void ServerSide::on_starting(const Endpoint& where) {
-  const char* const kind = where.is_tcp() ? "Tcp" : "Pipe";
-  logger.formatted("%s %s port:%s\n", kind, kVersionText, where.name.c_str());
-  if (where.is_tcp()) is_pipe = false;
+  if (where.is_tcp()) {
+    logger.formatted("Tcp %s port:%s\n", kVersionText, where.name.c_str());
+    is_pipe = false;
+  } else {
+    logger.formatted("Pipe %s port:%s\n", kVersionText, where.name.c_str());
+  }
   port = where.port();
 }
 

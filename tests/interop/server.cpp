@@ -54,7 +54,7 @@ void register_methods(IServer* server) {
     const std::string data = large_data(kLargeBytes, kOfServer);
     out->AddStream(data.data(), static_cast<long>(data.size()));
   });
-  // Longer than any time-out of the client's, shorter than its patience with the process.
+  // Longer than any timeout of the client's, shorter than its patience with the process.
   method("sleep", [](int, TolkParams*, TolkParams* out) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2000));
     out->AddBool(true);

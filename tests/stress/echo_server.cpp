@@ -147,8 +147,8 @@ class EchoServer {
 
   // Takes every descriptor that comes free for a while, also those that others are about to use
   // again, as a host's other threads may; and keeps them. By bare system calls: the thread
-  // sanitizer takes a number that libuv has closed for one in use, and without descriptors it can't
-  // name the functions that a suppression would go by.
+  // sanitizer takes a number that libuv has closed for one in use, and without descriptors it
+  // cannot name the functions that a suppression would go by.
   std::string grab() {
     const Stopwatch clock;
     while (clock.elapsed() < Milliseconds(1000)) {

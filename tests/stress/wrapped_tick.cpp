@@ -117,7 +117,7 @@ class WrappedTick {
     note_end(waiting.took_ms(), limit, std::max(limit, earliest_ms));
   }
 
-  // Moves the tick to a moment before the time-out, and then waits for it.
+  // Moves the tick to a moment before the timeout, and then waits for it.
   void expect_after_weeks(const std::string& side, const Waiting& waiting) {
     constexpr std::uint32_t kBeforeMs = 500;
     moved_by += waiting.time_out_ms() - kBeforeMs - (moved_tick() - waiting.begin_tick());

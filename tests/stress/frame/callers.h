@@ -1,4 +1,4 @@
-// Threads that call and call, and watch that no call outlasts its time-out.
+// Threads that call and call, and watch that no call outlasts its timeout.
 //
 // Thread: the object from one; the callers are its own threads.
 #pragma once

@@ -21,7 +21,7 @@ namespace tolk::stress {
 inline constexpr std::array kTransports{test::Transport::pipe, test::Transport::tcp4,
                                         test::Transport::tcp6};
 
-inline constexpr int kStepMs = 100;        // of the sweep that notices time-outs
+inline constexpr int kStepMs = 100;        // of the sweep that notices timeouts
 inline constexpr int kFirstSweepMs = 500;  // after connecting, or after a server's first call
 
 // The arguments of one call. The answer must carry the same number and bytes.
