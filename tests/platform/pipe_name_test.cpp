@@ -15,7 +15,7 @@
 #include <fstream>
 #include <thread>
 
-#include "tests/platform/child_process.h"
+#include "tests/child_process.h"
 #include "tests/platform/temp_directory.h"
 
 namespace tolk::platform {

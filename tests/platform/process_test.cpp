@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "tests/platform/child_process.h"
+#include "tests/child_process.h"
 
 namespace tolk::platform {
 namespace {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #if !defined(_WIN32)
-#include <tests/platform/child_process.h>
+#include <tests/child_process.h>
 #endif
 
 namespace {
