@@ -77,7 +77,7 @@ void call_and_wait(Session& session, WaitList& waits, ResultTable& results, OldR
                    const OutgoingCall& call, std::uint32_t limit_ms) {
   timeout_sem record(limit_ms);
   // Encoded before the old result goes: a host may pass that very block as its arguments. And
-  // before the record is stamped: encoding is no part of the timeout.
+  // before the record is stamped: the timeout does not cover encoding.
   Frame frame = call_frame(call.name, call.call_id, call.arguments, record.token);
   if (old == OldResult::drop) {
     results.drop(call.call_id);

@@ -23,7 +23,7 @@ struct Envelope {
   bool well_formed = false;
   // Absent when the key is. A value that is not a text gives "".
   std::optional<std::string_view> name;
-  // A value that is no number gives 0; a bool or a double the number in its first bytes.
+  // A bool or a double gives the number in its first bytes, any other value 0.
   std::optional<int> call_id;
   // The caller's encoded arguments; absent also when the value is not a byte string.
   std::optional<std::string_view> arguments;
@@ -60,7 +60,7 @@ Frame server_reply_frame(std::string result, std::optional<int> call_id,
                          std::optional<std::string_view> token);
 
 // The client's reply to a method that it does not have: on purpose without call id and token, so
-// that the caller runs into its time-out.
+// that the caller runs into its timeout.
 Frame no_method_frame();
 
 }  // namespace tolk

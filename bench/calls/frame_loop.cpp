@@ -67,7 +67,7 @@ void FrameLoop::send(int connection, std::string frame) {
     first = line_.empty();
     line_.push_back({connection, std::move(frame)});
   }
-  if (first) wake();  // one wake-up serves all that stand in line
+  if (first) wake();  // one wake-up serves all that is queued
 }
 
 void FrameLoop::watch(int descriptor, unsigned events, bool again) {

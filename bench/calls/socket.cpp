@@ -64,7 +64,7 @@ int must(int result, const char* what) {
   return result;
 }
 
-// TCP without delays; and no read waits for ever, so that a broken peer is a failed run.
+// TCP without delays; and no read waits forever, so that a broken peer is a failed run.
 Socket ready(Socket socket) {
   const int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

@@ -1,4 +1,4 @@
-// A stream that takes no frame: the caller is not told, and waits for its time-out.
+// A stream that takes no frame: the caller is not told, and waits for its timeout.
 #include <gtest/gtest.h>
 #include <tests/platform/captured_stdout.h>
 
@@ -45,7 +45,7 @@ class RefusedWrite : public testing::Test {
     ASSERT_NE(served.server->SendMsg(served.client_id(), "m", nullptr, 2, 20000), nullptr);
   }
 
-  // How long `call` takes with a stream that refuses, by the clock of the time-outs; what it says.
+  // How long `call` takes with a stream that refuses, by the clock of the timeouts; what it says.
   template <class Call>
   std::uint32_t time_refused(const Call& call) {
     const CapturedStdout out;

@@ -14,7 +14,7 @@ TOLK_OVER_TRANSPORTS(ClearUnderConnect);
 
 // The client reads this large answer for some 10 ms. Results are cleared about every millisecond:
 // often enough to hit the reading, and seldom enough for the client to find the answer first. The
-// result of a connect is not asserted, since a cleared answer is no answer.
+// result of a connect is not asserted, since a cleared answer counts as missing.
 TEST_P(ClearUnderConnect, ResultsCanBeClearedWhileTheAnswerToTheVersionCheckIsRead) {
   const std::string large(40 << 20, 'v');
   const RawServer server(address, replying(BlockWriter().add(true).keyed("VERSION", large)));

@@ -32,8 +32,8 @@ class Script {
     check("the server calls back", is_empty_text(call("call back", TolkParams(), 20000)));
     check("the server's call times out", is_true(call("silence of the client", {}, 10000)));
     check("an unknown method", is_text(call("nobody", {}, 10000), "no event: nobody"));
-    check("a time-out", call("sleep", {}, 300) == nullptr && client_->isok());
-    check("after a time-out", fault(call("values", block_of_values(), 10000), kOfServer).empty());
+    check("a timeout", call("sleep", {}, 300) == nullptr && client_->isok());
+    check("after a timeout", fault(call("values", block_of_values(), 10000), kOfServer).empty());
     check("large data both ways", large());
     if (end == "close") check("remote close", remote_close());
     if (end == "die") check("server gone", server_gone());

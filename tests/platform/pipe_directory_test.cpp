@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 // Every one of them lets somebody else at least look a name up or make one.
 constexpr std::array<mode_t, 6> kOpenToOthers = {0777, 0755, 0750, 0701, 0710, 0720};
 
-// The user that runs the test, and two roots of the test's own in place of the system's.
+// The user that runs the test, and two roots that the test makes for itself.
 class PipeDirectoryTest : public testing::Test {
  protected:
   PipeDirectoryTest() {

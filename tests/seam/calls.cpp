@@ -90,7 +90,7 @@ int __wrap_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done) {
              : __real_uv_listen(stream, backlog, tell_of_connection);
 }
 
-// The timers that repeat are the sweeps of time-outs.
+// The timers that repeat are the sweeps of timeouts.
 int __real_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
                           std::uint64_t repeat);
 int __wrap_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,

@@ -1,4 +1,4 @@
-// Failures on purpose: of the system's and libuv's calls that the library makes, and of its and
+// Failures on purpose: of system calls and libuv calls that the library makes, and of its and
 // libuv's allocations.
 //
 // While a Faults lives, the k-th chance fails, once or from then on, on whichever thread it comes.

@@ -127,7 +127,7 @@ TEST_P(HeldPost, ReturnsWhenItsFrameStillStandsInLineAtTheEnd) {
 
 class HeldServerCall : public StepTest {
  protected:
-  // A call with a time-out. The bystanders' server looks after it when its own has stopped.
+  // A call with a timeout. The bystanders' server looks after it when its own has stopped.
   std::future<TolkParams*> call() {
     return std::async(std::launch::async,
                       [server = pair.server.get(), id = pair.client_id->load()] {

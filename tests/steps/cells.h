@@ -15,7 +15,7 @@ namespace tolk::test {
 
 // What gets a thread to the step.
 enum class Activity {
-  call,         // SendMsgFast, with and without a time-out
+  call,         // SendMsgFast, with and without a timeout
   turn_call,    // SendMsg
   post,         // PostMsg
   large_call,   // SendMsgEx

@@ -1,4 +1,4 @@
-// What tests of single steps start from: a server and a client of the library's, over each
+// What tests of single steps start from: a server and a client of the library, over each
 // transport, and a second pair that must stay usable.
 #pragma once
 

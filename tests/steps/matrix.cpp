@@ -34,7 +34,7 @@ constexpr char kUsage[] =
     "  --jobs N        cells that run at the same time, 8 unless said\n"
     "  --sample N      one cell of N, chosen by the seed\n"
     "  --only TEXT     cells whose name contains it\n"
-    "  --late-ms N     how late a caller may be beyond time-out and two sweeps, 100 unless said\n"
+    "  --late-ms N     how late a caller may be beyond timeout and two sweeps, 100 unless said\n"
     "  --short-pauses  the library's own pauses (300 ms before a client is destroyed, …) "
     "shortened\n"
     "  --list          the names of the cells\n";

@@ -24,7 +24,7 @@ constexpr std::size_t kLargeBytes = 80'000;  // three pieces
 constexpr Milliseconds kHang{20'000};
 constexpr Milliseconds kLargeCallMayWait{100};
 
-// A thread of the host's, and when it came back.
+// A host thread, and when it came back.
 class HostThread {
  public:
   explicit HostThread(std::function<void()> work)
@@ -150,7 +150,7 @@ class Round {
     return [=, this] { world_.relay.cut(ending); };
   }
 
-  // There is no answer, or it is the right one. The result of an object that another thread
+  // An answer is missing or right. The result of an object that another thread
   // destroys may not be looked at.
   template <class Send>
   std::function<void()> calling(const Send& send) {

@@ -2,7 +2,7 @@
 // through a relay, and beside them a bystander, a client and a server of the same process that must
 // stay usable whatever happens to the others.
 //
-// Thread: one, but for the operations of the client and the server themselves.
+// Thread: one, except for the operations of the client and the server themselves.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@
 namespace tolk::test {
 
 // Lives as long as the process. Its server's sweep runs, as does its client's: they end the calls
-// with a time-out of servers that have stopped, as documented.
+// with a timeout of servers that have stopped, as documented.
 class Bystander {
  public:
   using Clock = std::chrono::steady_clock;
@@ -65,7 +65,7 @@ class World {
 
   IServer* server = CreateServer();
   IClient* client = CreateClient();
-  // A call of "stay" is in this gate.
+  // A call of "stay" is held at this latch.
   Gate gate;
 
  private:

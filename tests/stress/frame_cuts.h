@@ -5,7 +5,7 @@
 // it. So a read that begins inside a frame must not look like a whole one: a cut there would damage
 // the stream although the receiver is correct. Such cuts are left out, and bytes whose cut cannot
 // be judged yet are held back; more of their frame is sure to follow. Thread: one. Failure: none;
-// what is no stream of frames comes out in larger pieces.
+// other input comes out in larger pieces.
 #pragma once
 
 #include <algorithm>

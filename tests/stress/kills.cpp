@@ -41,7 +41,7 @@ class Kills {
     run_.figure("kills of the server", killed_servers_, "");
     run_.figure("calls of the clients that lost their server", static_cast<double>(calls_), "");
     run_.figure("answers that were wrong", static_cast<double>(wrong_), "");
-    run_.figure("latest return after a time-out", worst_late_ms_, "ms");
+    run_.figure("latest return after a timeout", worst_late_ms_, "ms");
     run_.figure("latest return of all callers after a killed server", worst_return_ms_, "ms");
     run_.expect(wrong_ == 0, wrong_, " answers were wrong");
     if (!run_.holds_times()) return;

@@ -24,7 +24,7 @@ const std::vector<Row>& rows() {
       {8, "a million posts to a client that never reads", post_to_who_never_reads, 900},
       {9, "clients connect and disconnect, some within a frame", connect_often, 900},
       {10, "ten thousand idle connections beside eight busy ones", keep_idle_connections, 300},
-      {11, "the tick of time-outs wraps", wrap_the_tick, 120},
+      {11, "the tick of timeouts wraps", wrap_the_tick, 120},
       {12, "signals, dying peers, fork and exec during calls", interrupt_and_fork, 300},
       {13, "a proxy splits, delays, reorders, half-closes and resets", call_through_a_proxy, 900},
       {14, "all of it at low rates, for long", mix_everything, 2100},

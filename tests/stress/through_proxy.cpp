@@ -176,7 +176,7 @@ class ThroughProxy {
     run_.figure("calls of the server not answered", seen_->unanswered, "");
     run_.figure("wrong answers", wrong_, "");
     run_.figure("calls that came twice or damaged", broken_, "");
-    run_.figure("latest return after a time-out", late_ms_, "ms");
+    run_.figure("latest return after a timeout", late_ms_, "ms");
     run_.expect(wrong_ == 0, wrong_, " answers were wrong");
     run_.expect(broken_ == 0, broken_, " calls came twice or damaged");
     run_.expect(answered_ > 0 && seen_->answered > 0, "no call was answered");

@@ -79,7 +79,7 @@ class WrappedTick {
     expect_after_weeks(side, *long_ones.front());
     // It does not end at all: no difference of two ticks is larger.
     moved_by += kHalf - 60'000;
-    run_.expect(!has_returned_soon(*long_ones[1]), "a time-out of 2^32-1 ms ended, ", side);
+    run_.expect(!has_returned_soon(*long_ones[1]), "a timeout of 2^32-1 ms ended, ", side);
     waiting_.insert(waiting_.end(), std::make_move_iterator(long_ones.begin()),
                     std::make_move_iterator(long_ones.end()));
   }
@@ -92,11 +92,11 @@ class WrappedTick {
   }
 
   void report() const {
-    run_.figure("time-outs that ended before their time", early_, "");
-    run_.figure("latest end of a time-out, beyond it", static_cast<double>(worst_late_ms_), "ms");
-    run_.expect(early_ == 0, early_, " time-outs ended early");
+    run_.figure("timeouts that ended before their time", early_, "");
+    run_.figure("latest end of a timeout, beyond it", static_cast<double>(worst_late_ms_), "ms");
+    run_.expect(early_ == 0, early_, " timeouts ended early");
     if (run_.holds_times()) {
-      run_.expect(worst_late_ms_ <= kStepMs + kSchedulingMs, "a time-out ended ", worst_late_ms_,
+      run_.expect(worst_late_ms_ <= kStepMs + kSchedulingMs, "a timeout ended ", worst_late_ms_,
                   " ms late");
     }
   }
@@ -109,7 +109,7 @@ class WrappedTick {
                       const Call& call) {
     const Waiting waiting(limit_ms, call);
     waiting.wait();
-    if (!run_.expect(waiting.has_returned(), "a time-out of ", limit_ms, " ms never ended, ",
+    if (!run_.expect(waiting.has_returned(), "a timeout of ", limit_ms, " ms never ended, ",
                      side)) {
       return;
     }
@@ -123,7 +123,7 @@ class WrappedTick {
     moved_by += waiting.time_out_ms() - kBeforeMs - (moved_tick() - waiting.begin_tick());
     const Stopwatch clock;
     waiting.wait();
-    if (!run_.expect(waiting.has_returned(), "a time-out of 2^31 ms never ended, ", side)) return;
+    if (!run_.expect(waiting.has_returned(), "a timeout of 2^31 ms never ended, ", side)) return;
     note_end(clock.elapsed().count(), kBeforeMs, kBeforeMs);
   }
 
@@ -139,7 +139,7 @@ class WrappedTick {
 
   void expect_all_waiting(const Calls& calls, const char* when) {
     for (const auto& call : calls) {
-      run_.expect(!has_returned_soon(*call), "a time-out of ", call->time_out_ms(), " ms ended ",
+      run_.expect(!has_returned_soon(*call), "a timeout of ", call->time_out_ms(), " ms ended ",
                   when);
     }
   }

@@ -28,7 +28,7 @@ using tolk::test::hex;
 using tolk::test::to_hex;
 using Block = tolk::Encoder<std::string>;
 
-// What may stand behind a key.
+// What may follow a key.
 enum class Kind { absent, no_value, integer, boolean, real, string, stream };
 constexpr Kind kKinds[] = {Kind::absent, Kind::no_value, Kind::integer, Kind::boolean,
                            Kind::real,   Kind::string,   Kind::stream};

@@ -164,9 +164,9 @@ TEST_F(Log, SinkMayReplaceItselfWhileItRuns) {
 }
 
 TEST_F(Log, SinkThatIsAboutToBeDeletedIsLetGo) {
-  auto* const doomed = new Sink;
-  registry.replace("also a method", doomed);
-  install(doomed);
+  auto* const deleted = new Sink;
+  registry.replace("also a method", deleted);
+  install(deleted);
   registry.release_all(MethodRegistry::Keeper::library);  // the logger's reference is the last
   logger.drop_deleted_sink();
   logger.plain("printed\n");

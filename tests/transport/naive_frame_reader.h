@@ -42,7 +42,7 @@ class NaiveFrameReader {
     return length < std::int64_t{1} << 31 ? length : length - (std::int64_t{1} << 32);
   }
 
-  // A frame that covers nothing would come again for ever: with it, all that waits is dropped.
+  // A frame that covers nothing would come again forever: with it, all that waits is dropped.
   void erase_front(std::int64_t count) {
     if (count <= 0) count = static_cast<std::int64_t>(waiting_.size());
     waiting_.erase(0, static_cast<std::size_t>(count));

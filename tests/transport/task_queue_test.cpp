@@ -106,7 +106,7 @@ TEST_F(TaskQueues, TaskAfterADrainWakesTheLoopAgain) {
   EXPECT_EQ(log.back(), "b freed");
 }
 
-// Reads and time-outs have their turn in between, however fast others post.
+// Reads and timeouts have their turn in between, however fast others post.
 TEST_F(TaskQueues, TaskThatATaskPostsRunsAtTheNextWakeUp) {
   open();
   post_function([this] { post("inner"); });

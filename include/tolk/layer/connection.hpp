@@ -59,19 +59,19 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
   }
   ~Connection() override {
     DestroyClient(native_);
-    if (!ran_) custody_->free_if_not_taken();
+    if (!ran_) ownership_->free_if_not_taken();
   }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
   // Whether the connect failed before there was a connection. The same object can then try again.
-  bool may_try_again() const { return !custody_->is_taken() && !fate_->lost; }
+  bool may_try_again() const { return !ownership_->is_taken() && !outcome_->lost; }
 
   std::optional<Error> connect() {
     const auto begun = Clock::now();
     ran_ = connect_natively();
     if (ran_) return std::nullopt;
-    if (fate_->lost)
+    if (outcome_->lost)
       return failure(Errc::gone, "", "the server went away during the version check", kMaybeNone);
     if (may_try_again())
       return failure(Errc::not_connected, "", "not connected: nobody listens there");
@@ -82,7 +82,7 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
     return failure(Errc::refused_version, "", "refused: the server is of another version");
   }
 
-  bool is_connected() const { return !closed_ && !fate_->lost && native_->isok(); }
+  bool is_connected() const { return !closed_ && !outcome_->lost && native_->isok(); }
 
   // Refuses further calls. If calls are waiting, the connection ends at once, which wakes them.
   // Otherwise it ends after a pause, during which posted calls are still sent.
@@ -92,7 +92,8 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
   }
 
   void register_late(const std::shared_ptr<Side>& side, const Method& method) {
-    native_->method(method.info.name.c_str(), custody_->keep(Door::of_method(side, method)));
+    native_->method(method.info.name.c_str(),
+                    ownership_->keep(MethodHandler::of_method(side, method)));
   }
 
   std::optional<Error> exchange(int, const std::string& method, TolkParams* arguments, Limit limit,
@@ -132,7 +133,7 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
   static constexpr int kPostId = 0x40000001;
 
   // Shared with the library's threads, which may set it after the end of the connection.
-  struct Fate {
+  struct Outcome {
     std::atomic<bool> lost{false};
   };
 
@@ -140,22 +141,22 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
   // destructor shows that the library deletes all handlers.
   class Sentinel final : public IMethodAll {
    public:
-    explicit Sentinel(std::shared_ptr<Custody> custody) : custody_(std::move(custody)) {}
-    ~Sentinel() override { custody_->taken(); }
+    explicit Sentinel(std::shared_ptr<Ownership> ownership) : ownership_(std::move(ownership)) {}
+    ~Sentinel() override { ownership_->taken(); }
     void callback(const char*, int, TolkParams*, TolkParams*) override {}
 
    private:
-    const std::shared_ptr<Custody> custody_;
+    const std::shared_ptr<Ownership> ownership_;
   };
 
   void register_handlers(const std::shared_ptr<Side>& side, Hook::Happened lost) {
-    register_all(*native_, *custody_, side);
-    const auto note_loss = [fate = fate_, lost = std::move(lost)](int id, bool open) {
-      fate->lost = true;
+    register_all(*native_, *ownership_, side);
+    const auto note_loss = [outcome = outcome_, lost = std::move(lost)](int id, bool open) {
+      outcome->lost = true;
       lost(id, open);
     };
-    native_->method("s_c_closed", custody_->keep(std::make_unique<Hook>(side, note_loss)));
-    native_->methodall(custody_->keep(std::make_unique<Sentinel>(custody_)));
+    native_->method("s_c_closed", ownership_->keep(std::make_unique<Hook>(side, note_loss)));
+    native_->methodall(ownership_->keep(std::make_unique<Sentinel>(ownership_)));
   }
 
   bool connect_natively() {
@@ -194,8 +195,8 @@ class Connection final : public Peer, public std::enable_shared_from_this<Connec
 
   const Address where_;
   const std::chrono::milliseconds limit_;
-  const std::shared_ptr<Custody> custody_ = std::make_shared<Custody>();
-  const std::shared_ptr<Fate> fate_ = std::make_shared<Fate>();
+  const std::shared_ptr<Ownership> ownership_ = std::make_shared<Ownership>();
+  const std::shared_ptr<Outcome> outcome_ = std::make_shared<Outcome>();
   CallIds ids_;
   std::atomic<bool> closed_{false};
   bool ran_ = false;  // then the library deletes the handlers, possibly after this object's end

@@ -25,13 +25,13 @@ class Listening {
   ~Listening() {
     native->close();
     DestroyServer(native);
-    if (!started) custody->free_if_not_taken();
+    if (!started) ownership->free_if_not_taken();
   }
   Listening(const Listening&) = delete;
   Listening& operator=(const Listening&) = delete;
 
   IServer* const native;
-  const std::shared_ptr<Custody> custody = std::make_shared<Custody>();
+  const std::shared_ptr<Ownership> ownership = std::make_shared<Ownership>();
   CallIds ids;
   bool started = false;  // then the library deletes the handlers, possibly after this object's end
 };
@@ -143,7 +143,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     const auto current = this->current();
     if (!current) return;
     current->native->method(kept.info.name.c_str(),
-                            current->custody->keep(Door::of_method(side, kept)));
+                            current->ownership->keep(MethodHandler::of_method(side, kept)));
   }
 
   std::optional<Error> exchange(int to, const std::string& method, TolkParams* arguments,
@@ -184,10 +184,10 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
   // under a secret name, which no peer can call, so it is never busy then.
   class Sink final : public IServerMethod {
    public:
-    Sink(std::weak_ptr<ServerCore> core, std::shared_ptr<Custody> custody)
-        : core_(std::move(core)), custody_(std::move(custody)) {}
+    Sink(std::weak_ptr<ServerCore> core, std::shared_ptr<Ownership> ownership)
+        : core_(std::move(core)), ownership_(std::move(ownership)) {}
     ~Sink() override {
-      custody_->taken();
+      ownership_->taken();
       if (const auto core = core_.lock()) core->ended();
     }
     void callback(int, TolkParams* in, TolkParams* out) override {
@@ -197,7 +197,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
 
    private:
     const std::weak_ptr<ServerCore> core_;
-    const std::shared_ptr<Custody> custody_;
+    const std::shared_ptr<Ownership> ownership_;
   };
 
   // Returns false if a close has begun before.
@@ -230,13 +230,13 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
 
   void register_handlers(Listening& fresh) {
     IServer& native = *fresh.native;
-    Custody& custody = *fresh.custody;
-    auto* const sink = custody.keep(std::make_unique<Sink>(weak_from_this(), fresh.custody));
+    Ownership& ownership = *fresh.ownership;
+    auto* const sink = ownership.keep(std::make_unique<Sink>(weak_from_this(), fresh.ownership));
     native.method("s_c_log", sink);
     native.method(secret_name().c_str(), sink);
-    register_all(native, custody, side);
+    register_all(native, ownership, side);
     const auto hook = [&](const char* name, Hook::Happened happened) {
-      native.method(name, custody.keep(std::make_unique<Hook>(side, std::move(happened))));
+      native.method(name, ownership.keep(std::make_unique<Hook>(side, std::move(happened))));
     };
     hook("s_c_connect", [weak = weak_from_this()](int id, bool open) {
       if (const auto core = weak.lock()) core->client_came(id, open);
@@ -244,12 +244,12 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     hook("s_c_closed", [weak = weak_from_this()](int id, bool open) {
       if (const auto core = weak.lock()) core->client_went(id, open);
     });
-    if (side->catch_all) native.methodall(custody.keep(std::make_unique<CatchAllDoor>(side)));
+    if (side->catch_all) native.methodall(ownership.keep(std::make_unique<CatchAllHandler>(side)));
   }
 
-  class CatchAllDoor final : public IMethodAll {
+  class CatchAllHandler final : public IMethodAll {
    public:
-    explicit CatchAllDoor(std::shared_ptr<Side> side) : side_(std::move(side)) {}
+    explicit CatchAllHandler(std::shared_ptr<Side> side) : side_(std::move(side)) {}
     void callback(const char* name, int id, TolkParams* in, TolkParams* out) override {
       if (in != nullptr && out != nullptr) side_->serve_unknown(name, id, *in, *out);
     }
@@ -301,7 +301,7 @@ class ServerCore final : public Peer, public std::enable_shared_from_this<Server
     const auto is = [&](std::string_view reason) { return why.ends_with(reason); };
     if (is("EADDRNOTAVAIL")) return "use an address that this machine has";
     if (is("EACCES") && transport != Transport::pipe) {
-      return "choose a port from 1024 on: lower ones are not for every user";
+      return "choose a port from 1024 on: lower ones are not forevery user";
     }
     if (is("EACCES") || is("ENOTDIR")) {
       return "see that the directory of the pipes, and what is in it, is this user's alone: "

@@ -3,9 +3,9 @@
 /// them in the library.
 ///
 /// Thread: any. Handlers run concurrently on the library's workers. No user code runs after `end`
-/// has returned. Owner: the library deletes a handler (Door) when its client or server ends, or
-/// when a busy handler returns, but only if the client or server ever ran. Otherwise Custody frees
-/// the handlers. Failure: an exception of a handler becomes an error in the answer.
+/// has returned. Owner: the library deletes a handler (MethodHandler) when its client or server
+/// ends, or when a busy handler returns, but only if the client or server ever ran. Otherwise
+/// Ownership frees the handlers. Failure: an exception of a handler becomes an error in the answer.
 #pragma once
 
 #include <tolk/IMethodAll.h>
@@ -83,7 +83,7 @@ class Gate {
 
 // The ownership of the handlers of one IClient or IServer. An object that never ran does not delete
 // them.
-class Custody {
+class Ownership {
  public:
   // The library is about to delete the handlers. The destructor of a handler that is not busy
   // during a failing start calls this. After a start, other members know that the object ran.
@@ -96,27 +96,27 @@ class Custody {
     return taken_;
   }
   template <class Handler>
-  Handler* keep(std::unique_ptr<Handler> door) {
+  Handler* keep(std::unique_ptr<Handler> handler) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    Handler* const raw = door.get();
-    doors_.push_back([raw] { delete raw; });
-    door.release();
+    Handler* const raw = handler.get();
+    handlers_.push_back([raw] { delete raw; });
+    handler.release();
     return raw;
   }
   // Called when the object is destroyed.
   void free_if_not_taken() {
-    std::vector<std::function<void()>> doors;
+    std::vector<std::function<void()>> handlers;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
-      if (!taken_) doors.swap(doors_);
+      if (!taken_) handlers.swap(handlers_);
     }
-    for (const auto& free_door : doors) free_door();
+    for (const auto& free_handler : handlers) free_handler();
   }
 
  private:
   mutable std::mutex mutex_;
   bool taken_ = false;
-  std::vector<std::function<void()>> doors_;
+  std::vector<std::function<void()>> handlers_;
 };
 
 using LineSink = std::function<void(std::string_view)>;
@@ -290,27 +290,28 @@ inline void Side::join_piece(const Transfers::Piece& piece, int caller_id, TolkP
 }
 
 // The handler that the library calls for one method of the layer.
-class Door final : public IServerMethod {
+class MethodHandler final : public IServerMethod {
  public:
   using Serve = std::function<void(Side&, int, TolkParams&, TolkParams&)>;
 
-  Door(std::shared_ptr<Side> side, Serve serve)
+  MethodHandler(std::shared_ptr<Side> side, Serve serve)
       : side_(std::move(side)), serve_(std::move(serve)) {}
 
-  static std::unique_ptr<Door> of_method(const std::shared_ptr<Side>& side, const Method& method) {
-    return std::make_unique<Door>(side,
-                                  [&method](Side& to, int id, TolkParams& in, TolkParams& out) {
-                                    to.serve(method, id, in, out);
-                                  });
+  static std::unique_ptr<MethodHandler> of_method(const std::shared_ptr<Side>& side,
+                                                  const Method& method) {
+    return std::make_unique<MethodHandler>(
+        side, [&method](Side& to, int id, TolkParams& in, TolkParams& out) {
+          to.serve(method, id, in, out);
+        });
   }
-  static std::unique_ptr<Door> of_describe(const std::shared_ptr<Side>& side) {
-    return std::make_unique<Door>(
+  static std::unique_ptr<MethodHandler> of_describe(const std::shared_ptr<Side>& side) {
+    return std::make_unique<MethodHandler>(
         side, [](Side& to, int, TolkParams&, TolkParams& out) { to.serve_describe(out); });
   }
-  static std::unique_ptr<Door> of_pieces(const std::shared_ptr<Side>& side) {
-    return std::make_unique<Door>(side, [](Side& to, int id, TolkParams& in, TolkParams& out) {
-      to.serve_piece(id, in, out);
-    });
+  static std::unique_ptr<MethodHandler> of_pieces(const std::shared_ptr<Side>& side) {
+    return std::make_unique<MethodHandler>(
+        side,
+        [](Side& to, int id, TolkParams& in, TolkParams& out) { to.serve_piece(id, in, out); });
   }
 
   void callback(int id, TolkParams* in, TolkParams* out) override {
@@ -344,12 +345,12 @@ class Hook final : public IServerMethod {
 
 // Registers every method of a side with an IClient or IServer.
 template <class Native>
-void register_all(Native& native, Custody& custody, const std::shared_ptr<Side>& side) {
+void register_all(Native& native, Ownership& ownership, const std::shared_ptr<Side>& side) {
   side->for_each([&](const Method& method) {
-    native.method(method.info.name.c_str(), custody.keep(Door::of_method(side, method)));
+    native.method(method.info.name.c_str(), ownership.keep(MethodHandler::of_method(side, method)));
   });
-  native.method(kMethodDescribe, custody.keep(Door::of_describe(side)));
-  native.method(kMethodPiece, custody.keep(Door::of_pieces(side)));
+  native.method(kMethodDescribe, ownership.keep(MethodHandler::of_describe(side)));
+  native.method(kMethodPiece, ownership.keep(MethodHandler::of_pieces(side)));
 }
 
 }  // namespace detail

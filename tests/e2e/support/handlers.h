@@ -76,7 +76,7 @@ inline IServerMethod* counting(Counter calls, Counter deleted = {}) {
                  std::move(deleted));
 }
 
-// A handler that stays in its call until the test opens the gate.
+// A handler that stays in its call until the test opens the latch.
 inline IServerMethod* blocking(Gate gate, Counter deleted = {}) {
   return on_call([gate](int, TolkParams*, TolkParams*) mutable { gate.pass(); },
                  std::move(deleted));

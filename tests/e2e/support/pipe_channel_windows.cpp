@@ -1,4 +1,4 @@
-// A local pipe is a named pipe of the system's.
+// A local pipe is a named pipe of the system.
 #include <windows.h>
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 //
 // Every wait has a limit, so that a test fails rather than hangs; no test relies on how long a wait
 // takes. What threads of the library may still use when a test ends (gates and counters in
-// handlers) is shared: copies of a Gate or a Counter are the same gate or counter.
+// handlers) is shared: copies of one are the same thing.
 #pragma once
 
 #include <chrono>
@@ -78,7 +78,7 @@ class Gate {
     entered_.add();
     opened_.wait_for(1);
   }
-  // In the test: until `count` threads have come to the gate.
+  // In the test: until `count` threads have come.
   bool wait_entered(int count = 1, Milliseconds limit = kLimit) const {
     return entered_.wait_for(count, limit);
   }
@@ -90,7 +90,7 @@ class Gate {
   Counter opened_;
 };
 
-// Opens a gate when the test ends, however it ends, so that no handler stays blocked.
+// Opens it when the test ends, however it ends, so that no handler stays blocked.
 class OpenAtEnd {
  public:
   explicit OpenAtEnd(Gate gate) : gate_(std::move(gate)) {}
