@@ -5,6 +5,7 @@
 #include "client/client_side.h"
 #include "params/content.h"
 #include "platform/standard_output.h"
+#include "sessions/outgoing_call.h"
 
 namespace tolk {
 
@@ -12,12 +13,8 @@ namespace tolk {
 
 void ClientSide::on_message_without_name() { platform::print_line("event empty!"); }
 
-// Stored first, then woken: a woken caller always finds its reply.
 void ClientSide::on_reply(const Envelope& envelope, std::string_view payload) {
-  if (!envelope.call_id) return;
-  results.store(*envelope.call_id, payload);
-  if (!envelope.token) return;
-  if (const auto token = parse_token(*envelope.token)) client_waits().wake(*token);
+  take_reply(client_waits(), results, envelope, payload);
 }
 
 void ClientSide::on_reply_refused() { logger.plain("write data error\n"); }

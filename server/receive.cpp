@@ -8,6 +8,7 @@
 #include "params/content.h"
 #include "platform/standard_output.h"
 #include "server/server_side.h"
+#include "sessions/outgoing_call.h"
 #include "transport/reserved_names.h"
 
 namespace tolk {
@@ -16,12 +17,8 @@ namespace tolk {
 
 void ServerSide::on_message_without_name() { platform::print_line("event empty!"); }
 
-// Stored first, then woken: a woken caller always finds its reply.
 void ServerSide::on_reply(const Envelope& envelope, std::string_view payload) {
-  if (!envelope.call_id) return;
-  results.store(*envelope.call_id, payload);
-  if (!envelope.token) return;
-  if (const auto token = parse_token(*envelope.token)) server_waits().wake(*token);
+  take_reply(server_waits(), results, envelope, payload);
 }
 
 // A client's request to close is answered before it is carried out.

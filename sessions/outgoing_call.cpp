@@ -95,6 +95,14 @@ void call_and_wait(Session& session, WaitList& waits, ResultTable& results, OldR
   TOLK_PAUSE_POINT("call.woken");
 }
 
+void take_reply(WaitList& waits, ResultTable& results, const Envelope& reply,
+                std::string_view payload) {
+  if (!reply.call_id) return;
+  results.store(*reply.call_id, payload);
+  if (!reply.token) return;
+  if (const auto token = parse_token(*reply.token)) waits.wake(*token);
+}
+
 void post_call(Session& session, const OutgoingCall& call) {
   Written written;
   const auto post = [&written](bool) { uv_sem_post(&written.semaphore); };

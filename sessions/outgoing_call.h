@@ -39,6 +39,10 @@ enum class OldResult { drop, keep };
 void call_and_wait(Session& session, WaitList& waits, ResultTable& results, OldResult old,
                    const OutgoingCall& call, std::uint32_t limit_ms);
 
+// Takes a reply in: stored first, then its call is woken, so that a woken call finds its reply.
+void take_reply(WaitList& waits, ResultTable& results, const Envelope& reply,
+                std::string_view payload) TOLK_LOOP;
+
 // Sends the call and returns once its frame is on the stream, or cannot get there any more.
 void post_call(Session& session, const OutgoingCall& call);
 
