@@ -65,12 +65,13 @@ void ServerSide::abandon() {
 
 // Loop: closeasync.
 
-void ServerSide::on_closing_async() { logger.formatted("Server Closing!\n"); }
-
-// The handlers are the host's again; none is called any more.
-void ServerSide::on_closed_async() {
+// The handlers are the host's again; none is called any more. Refused before isok() turns false: a
+// start that sees that must see too that the server has been closed.
+void ServerSide::on_closing_async() {
+  logger.formatted("Server Closing!\n");
   methods.refuse();
-  logger.formatted("Server Closed!\n");
 }
+
+void ServerSide::on_closed_async() { logger.formatted("Server Closed!\n"); }
 
 }  // namespace tolk

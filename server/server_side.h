@@ -102,8 +102,10 @@ class ServerSide final : public ServerEvents {
   std::mutex lifecycle_;
   std::atomic<bool> destroyed_{false};
   std::atomic<int> timeout_step_ms_{SweepTimer::kStepMs};
-  Guarded<std::shared_ptr<ServerSession>> session_;
+  // Before the session: one that a host thread never ran closes its loop, and this timer with it,
+  // when it is destroyed.
   SweepTimer sweep_{server_waits()};
+  Guarded<std::shared_ptr<ServerSession>> session_;
 };
 
 }  // namespace tolk

@@ -41,15 +41,9 @@ namespace {
 
 constexpr unsigned kDrainLimitMs = 200;
 
-struct Kept {
-  const void* one;
-  const void* other;
-};
-
-void close_unless_kept(uv_handle_t* handle, void* kept_handles) {
+void close_unless_kept(uv_handle_t* handle, void* kept) {
   enter_loop();
-  const auto* const kept = static_cast<const Kept*>(kept_handles);
-  if (handle != kept->one && handle != kept->other) close_handle(handle);
+  if (handle != kept) close_handle(handle);
 }
 
 void note_handle(uv_handle_t*, void* found) { *static_cast<bool*>(found) = true; }
@@ -58,9 +52,8 @@ void note_handle(uv_handle_t*, void* found) { *static_cast<bool*>(found) = true;
 
 // All sessions.
 
-void Session::close_all_handles(const void* kept, const void* also_kept) {
-  Kept both{kept, also_kept};
-  if (loop_open_) uv_walk(&loop_, close_unless_kept, &both);
+void Session::close_all_handles(uv_handle_t* kept) {
+  if (loop_open_) uv_walk(&loop_, close_unless_kept, kept);
 }
 
 bool Session::has_handles() {
@@ -161,13 +154,11 @@ void ServerSession::close_here(PeerStream* answered) {
 }
 
 void ServerSession::drain(PeerStream& answered) {
+  close_all_handles(&answered.handle().handle);
   drain_limit_.data = this;
-  const bool drains = uv_timer_init(loop(), &drain_limit_) == 0 &&
-                      uv_timer_start(&drain_limit_, on_drain_limit, kDrainLimitMs, 0) == 0 &&
-                      answered.shut_down_writing(on_drained) == 0;
-  if (drains) {
-    close_all_handles(&answered.handle(), &drain_limit_);
-  } else {
+  if (uv_timer_init(loop(), &drain_limit_) != 0 ||
+      uv_timer_start(&drain_limit_, on_drain_limit, kDrainLimitMs, 0) != 0 ||
+      answered.shut_down_writing(on_drained) != 0) {
     close_all_handles();
   }
 }

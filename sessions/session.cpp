@@ -48,6 +48,7 @@ bool may_follow(Phase now, Phase next) {
 }  // namespace
 
 Session::Session() : process_(platform::generation()) {
+  install_exit_handler();
   queue_.prepare(make_task([this] {
     enter_loop();
     end_as_asked();
@@ -58,7 +59,6 @@ Session::~Session() = default;
 
 bool Session::start_thread() {
   platform::pin_library();
-  install_exit_handler();
   const platform::SignalsBlocked inherited_by_the_thread;
   try {
     auto self = std::static_pointer_cast<Session>(shared_from_this());

@@ -93,9 +93,8 @@ class Session : public StreamOwner {
   void stop_loop() TOLK_LOOP;     // makes run_loop return
   void leave_thread() TOLK_LOOP;  // the session has no thread from here on
   // In close.cpp:
-  void close_queue() TOLK_LOOP { queue_.close(); }  // refuses all posts from here on
-  // Those that are not closing yet, except `kept` and `also_kept`.
-  void close_all_handles(const void* kept = nullptr, const void* also_kept = nullptr) TOLK_LOOP;
+  void close_queue() TOLK_LOOP { queue_.close(); }                // refuses all posts from here on
+  void close_all_handles(uv_handle_t* kept = nullptr) TOLK_LOOP;  // that are not closing yet
   void run_until_handles_closed() TOLK_LOOP;
   void end() TOLK_LOOP;  // all handles are closed: waits for the end return
   void abandon_loop();   // one that was not run to its end

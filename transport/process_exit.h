@@ -33,8 +33,8 @@ class AtProcessExit {
   const AtProcessExit* const next_;
 };
 
-// Installs the library's only exit handler, once. A session calls it before its thread starts, so
-// that nothing has to be allocated later.
+// Installs the library's only exit handler, once. Every session calls it when it is made, also one
+// that a host thread runs: no memory is needed for it later.
 void install_exit_handler();
 
 // True from the beginning of the exit.

@@ -124,5 +124,29 @@ TEST_P(ExitOfTheProcess, DoesNotWaitForAWaitingHandler) {
               testing::ExitedWithCode(0), "");
 }
 
+// The server has no thread of its own: a thread of the host listens and runs it.
+[[noreturn]] void exit_with_a_waiting_handler_of_a_host_run_server(const Address& address) {
+  static IServer* const server = CreateServer();
+  Counter asked;
+  server->method("ask", on_call([asked](int client, TolkParams*, TolkParams*) mutable {
+                   asked.add();
+                   server->SendMsg(client, "m", nullptr, 3, 3600'000);
+                 }));
+  std::thread([name = address.port] {
+    if (server->ListenPipe(name.c_str())) server->run();
+  }).detach();
+  while (!server->isok()) std::this_thread::yield();
+  auto* const client = new RawClient(address);
+  client->post("ask");
+  const bool waits = client->socket.read_message().has_value() && asked.value() == 1;
+  std::exit(waits ? 0 : 1);
+}
+
+TEST(ExitOfAHostRunServer, DoesNotWaitForAWaitingHandler) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(exit_with_a_waiting_handler_of_a_host_run_server(fresh_address(Transport::pipe)),
+              testing::ExitedWithCode(0), "");
+}
+
 }  // namespace
 }  // namespace tolk::test

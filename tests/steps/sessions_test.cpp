@@ -138,5 +138,15 @@ TEST_P(HeldStart, LeavesNoServerBehindWhenItsObjectIsDestroyed) {
   }
 }
 
+TEST(HeldCloseAsync, ServerCannotStartAgainOnceItIsSeenStopped) {
+  const ServerPtr server = make_server();
+  ASSERT_TRUE(start_server(server.get(), fresh_address(Transport::pipe)));
+  Hold hold("server.after.closed");
+  Meanwhile closing([&] { server->closeasync(); });
+  ASSERT_TRUE(hold.reached());
+  EXPECT_FALSE(server->isok());
+  EXPECT_FALSE(start_server(server.get(), fresh_address(Transport::pipe)));
+}
+
 }  // namespace
 }  // namespace tolk::test
