@@ -60,7 +60,8 @@ class ClientSide final : public ClientEvents {
   std::atomic<bool> custom_release{false};
 
  private:
-  enum class Told { nothing, connected, disconnected };
+  // Set by write_server.
+  enum class StatusOverride { none, connected, disconnected };
 
   // Host.
   bool attempt(Endpoint where);
@@ -89,14 +90,14 @@ class ClientSide final : public ClientEvents {
   void on_closing() TOLK_LOOP override;
   void on_closed() TOLK_LOOP override;
   void on_run_out(const Endpoint& where) TOLK_LOOP override;
-  void on_abandoned() TOLK_LOOP override;
+  void on_broken_off() TOLK_LOOP override;
   bool begins_calls_when_lost() const override { return !custom_release; }
   void call_closed_hooks(int id) TOLK_LOOP;
 
   const std::uint32_t process_;
   std::mutex lifecycle_;
   Guarded<std::shared_ptr<ClientSession>> session_;
-  std::atomic<Told> told_{Told::nothing};
+  std::atomic<StatusOverride> status_override_{StatusOverride::none};
   std::atomic<bool> destroyed_{false};
   // On purpose for the client's whole life: timeouts are swept in its first session only.
   SweepTimer sweep_{client_waits()};

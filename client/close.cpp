@@ -61,7 +61,6 @@ void ClientSide::on_server_gone(int id) {
     enter_loop();
     call_closed_hooks(id);
   });
-  told_ = Told::nothing;
 }
 
 void ClientSide::call_closed_hooks(int id) {
@@ -78,8 +77,9 @@ void ClientSide::call_closed_hooks(int id) {
 // A large call that still saw the client connected has registered by now, or registers under the
 // lock that the second step takes.
 void ClientSide::on_lost() {
+  status_override_ = StatusOverride::none;
   client_waits().wake_all();
-  large_wait().post_all_and_forget();
+  large_wait().post_and_forget();
 }
 
 // Loop: every end.
@@ -88,9 +88,9 @@ void ClientSide::on_run_out(const Endpoint& where) {
   if (where.is_tcp()) platform::print_line("run out");
   uv_sleep(kEndPauseMs);
   ClearMem();
-  told_ = Told::nothing;
+  status_override_ = StatusOverride::none;
 }
 
-void ClientSide::on_abandoned() { on_lost(); }
+void ClientSide::on_broken_off() { on_lost(); }
 
 }  // namespace tolk

@@ -1,4 +1,5 @@
 // Connecting: the host's side of an attempt, the version check, and what an attempt prints.
+#include <array>
 #include <string>
 #include <utility>
 
@@ -16,17 +17,7 @@ namespace {
 
 constexpr std::uint32_t kHandshakeLimitMs = 10000;
 
-const char* label(Endpoint::Kind kind) {
-  switch (kind) {
-    case Endpoint::Kind::pipe:
-      return "Pipe";
-    case Endpoint::Kind::tcp4:
-      return "Tcp4";
-    case Endpoint::Kind::tcp6:
-      break;
-  }
-  return "Tcp6";
-}
+constexpr std::array kLabels{"Pipe", "Tcp4", "Tcp6"};  // by Endpoint::Kind
 
 }  // namespace
 
@@ -41,7 +32,8 @@ bool ClientSide::of_this_process() const { return process_ == platform::generati
 // handlers.
 bool ClientSide::isok() const {
   if (!of_this_process()) return false;
-  if (const Told told = told_; told != Told::nothing) return told == Told::connected;
+  const StatusOverride status = status_override_;
+  if (status != StatusOverride::none) return status == StatusOverride::connected;
   const auto current = session();
   if (!current) return false;
   const Phase now = current->phase();
@@ -49,7 +41,7 @@ bool ClientSide::isok() const {
 }
 
 void ClientSide::write_server(int status) {
-  told_ = status >= 0 ? Told::connected : Told::disconnected;
+  status_override_ = status >= 0 ? StatusOverride::connected : StatusOverride::disconnected;
 }
 
 bool ClientSide::connect(Endpoint where) {
@@ -103,7 +95,7 @@ bool ClientSide::CheckServer() {
 // Loop.
 
 void ClientSide::on_starting(const Endpoint& where) {
-  logger.formatted("%s: %s\n", label(where.kind), kVersionText);
+  logger.formatted("%s: %s\n", kLabels.at(static_cast<std::size_t>(where.kind)), kVersionText);
 }
 
 // On purpose: only the IPv4 transport tells which step of the setup failed.
@@ -128,7 +120,7 @@ void ClientSide::on_server_refused(const std::string& user) {
 bool ClientSide::on_connected(uv_loop_t* loop, const Endpoint& where) {
   const bool swept = sweep_.started() || (sweep_.init(loop) && sweep_.start(SweepTimer::kStepMs));
   if (!swept) return false;
-  told_ = Told::nothing;
+  status_override_ = StatusOverride::none;
   if (where.is_tcp()) platform::print_line("run");
   return true;
 }

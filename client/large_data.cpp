@@ -77,9 +77,8 @@ class ServerClosed final : public IServerMethod {
 class LargeAnswer {
  public:
   LargeAnswer() { uv_sem_init(&semaphore_, 0); }
-  // On purpose all waits of the process are forgotten; under the lock there is only this one.
   ~LargeAnswer() {
-    large_wait().forget_all();
+    large_wait().forget();
     uv_sem_destroy(&semaphore_);
   }
   LargeAnswer(const LargeAnswer&) = delete;

@@ -18,8 +18,8 @@ constexpr unsigned kCloseAsyncPauseMs = 200;
 void ServerSide::close(PeerStream* answered) {
   logger.formatted("Server Closing!\n");
   const auto current = running_session();
-  if (!current || !current->enter(Phase::close_asked)) return;
-  methods.refuse();
+  if (!current || !methods.refuse()) return;  // closed, or another thread is closing it
+  current->enter(Phase::close_asked);         // no effect after closeasync(), which goes on
   if (!custom_release) {
     methods.release_all(MethodRegistry::Keeper::library);
     logger.drop_deleted_sink();
@@ -30,7 +30,7 @@ void ServerSide::close(PeerStream* answered) {
   } else {
     current->wake_for_end();
     current->wait_until_ended(kCloseLimit);
-    current->enter(Phase::closed);  // unless the loop thread has
+    current->enter(Phase::closed);  // no effect if the loop thread has entered it already
   }
   logger.formatted("Server Closed!\n");
 }
@@ -47,19 +47,17 @@ void ServerSide::closeasync() {
   if (isok()) logger.formatted("bad close\n");
 }
 
-// The close before it finds nothing while a start is under way, or a loop thread that a hook holds.
+// DestroyServer has called close or closeasync. That has no effect during a start, or while a hook
+// holds up the loop thread.
 void ServerSide::abandon() {
   destroyed_ = true;
   if (!of_this_process()) return;
+  const auto current = session();
+  if (current && !is_pipe && current->phase() == Phase::live) close();
   methods.refuse();
   logger.end_sink();
-  const auto current = session();
   if (!current) return;
-  if (is_pipe) {
-    current->enter(Phase::closeasync_asked);
-  } else if (current->phase() == Phase::live) {
-    close();
-  }
+  if (is_pipe) current->enter(Phase::closeasync_asked);
   current->wake_for_end();
 }
 

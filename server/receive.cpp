@@ -59,7 +59,7 @@ bool ServerSide::dispatch(int client_id, const std::string& name, TolkParams* ar
 // for its host is dropped.
 bool ServerSide::dispatch_unknown(int client_id, const std::string& name, TolkParams* arguments,
                                   TolkParams* out) {
-  if (methods.withholds(name)) return false;
+  if (methods.refuses_known(name)) return false;
   call_catch_all(client_id, name, arguments, out);
   const MethodRef method = methods.acquire(name);
   if (!method) {

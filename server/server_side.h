@@ -81,7 +81,7 @@ class ServerSide final : public ServerEvents {
   static void answer_unknown(const std::string& name, TolkParams* out);
   static void answer_version_check(TolkParams* arguments, TolkParams* out);
 
-  // Life (start.cpp, clients.cpp, close.cpp).
+  // Life (start.cpp, accept.cpp, close.cpp).
   void on_starting(const Endpoint& where) TOLK_LOOP override;
   void on_listen_failed(const char* step, int status) TOLK_LOOP override;
   bool on_listening(uv_loop_t* loop, const Endpoint& where) TOLK_LOOP override;

@@ -130,8 +130,7 @@ void ServerSession::on_turned_away(uv_handle_t* handle) {
 
 void ServerSession::on_stream_end(PeerStream& stream, int status) {
   if (stream.is_muted()) return on_drained_end(stream, status);
-  if (takes_messages()) return end_connection(stream, status);
-  stream.close();
+  end_connection(stream, status);
 }
 
 void ServerSession::end_connection(PeerStream& connection, int status) {

@@ -1,6 +1,6 @@
 // One connection attempt of a client and the connection that comes of it.
 //
-// Thread: the loop thread, except what Session offers to others and end_by_host.
+// Thread: the loop thread, except what Session offers to others and ask_for_close.
 // Owner: the side and the loop thread.
 // Failure: a failed attempt closes what it opened and ends the session.
 #pragma once
@@ -44,7 +44,7 @@ class ClientSession final : public Session {
 
   // In close.cpp.
   void end_as_asked() TOLK_LOOP override;
-  void on_abandoned() TOLK_LOOP override;
+  void on_broken_off() TOLK_LOOP override;
 
   ClientEvents& side_;
   const Endpoint where_;

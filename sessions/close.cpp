@@ -80,10 +80,10 @@ void Session::linger_and_close_loop() {
 
 // A session that has ended has nothing left to do here. One that had no memory to go on, or that a
 // host thread listened for and never ran, still has all of it.
-void Session::abandon_loop() {
+void Session::finish_loop() {
   adopt_this_thread();
   if (phase() != Phase::ended) {
-    on_abandoned();
+    on_broken_off();
     close_queue();
     close_all_handles();
     run_until_handles_closed();
@@ -117,10 +117,10 @@ void ClientSession::on_stream_end(PeerStream&, int) {
   stop_loop();
 }
 
-void ClientSession::on_abandoned() {
+void ClientSession::on_broken_off() {
   if (phase() == Phase::starting) return;
   enter(Phase::lost);
-  side_.on_abandoned();
+  side_.on_broken_off();
 }
 
 // A server.
@@ -193,7 +193,7 @@ void ServerSession::close_async_here() {
   stop_loop();
 }
 
-void ServerSession::on_abandoned() {
+void ServerSession::on_broken_off() {
   enter(Phase::close_asked);
   enter(Phase::closed);
 }

@@ -37,7 +37,7 @@ class ClientEvents : public MessageSide {
   // The loop has run out, all handles are closed. The session ends when this returns.
   virtual void on_run_out(const Endpoint& where) TOLK_LOOP = 0;
   // Instead of all the above, when there was no memory to go on. Needs none.
-  virtual void on_abandoned() TOLK_LOOP = 0;
+  virtual void on_broken_off() TOLK_LOOP = 0;
   // Any thread: whether calls that were queued before the server went may still begin.
   virtual bool begins_calls_when_lost() const = 0;
 };

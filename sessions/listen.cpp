@@ -11,7 +11,7 @@ ServerSession::ServerSession(ServerEvents& side, Endpoint where)
     : side_(side), where_(std::move(where)) {}
 
 // A host thread may have listened and never run the loop.
-ServerSession::~ServerSession() { abandon_loop(); }
+ServerSession::~ServerSession() { finish_loop(); }
 
 void ServerSession::body() {
   if (listen()) serve();

@@ -23,8 +23,8 @@ struct LoopThreadScope {
   LoopThreadScope& operator=(const LoopThreadScope&) = delete;
 };
 
-// The ways through a life. An ending that was asked for may be overtaken by another one, until the
-// loop thread has begun to carry one out.
+// The ways through a life. What was asked for first is carried out, unless the server of a client
+// goes before.
 bool may_follow(Phase now, Phase next) {
   switch (next) {
     case Phase::starting:
@@ -32,7 +32,6 @@ bool may_follow(Phase now, Phase next) {
     case Phase::live:
       return now == Phase::starting;
     case Phase::close_asked:
-      return now == Phase::live || now == Phase::closeasync_asked;
     case Phase::closeasync_asked:
       return now == Phase::live;
     case Phase::lost:
@@ -82,7 +81,7 @@ void Session::run_thread() {
     enter_loop();
     body();
   });
-  abandon_loop();
+  finish_loop();
   leave_thread();
 }
 

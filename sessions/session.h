@@ -46,8 +46,8 @@ class Session : public StreamOwner {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // Host: runs the session on a detached thread that holds it and its side. False when there is no
-  // thread to be had.
+  // Host: runs the session on a detached thread that holds it and its side. False when no
+  // thread could be created.
   bool start_thread();
   // The calling thread becomes the loop thread.
   void adopt_this_thread() TOLK_ASSERTS(loop_role);
@@ -83,7 +83,7 @@ class Session : public StreamOwner {
   // Loop: carries out the ending that was asked for.
   virtual void end_as_asked() TOLK_LOOP = 0;
   // Loop: the body broke off before the session ended, for lack of memory. Needs none.
-  virtual void on_abandoned() TOLK_LOOP = 0;
+  virtual void on_broken_off() TOLK_LOOP = 0;
   virtual const char* kind() const = 0;
 
   // Loop. In the order of a life:
@@ -97,7 +97,7 @@ class Session : public StreamOwner {
   void close_all_handles(uv_handle_t* kept = nullptr) TOLK_LOOP;  // that are not closing yet
   void run_until_handles_closed() TOLK_LOOP;
   void end() TOLK_LOOP;  // all handles are closed: waits for the end return
-  void abandon_loop();   // one that was not run to its end
+  void finish_loop();    // one that was not run to its end
 
  private:
   static void async_sendmsg(uv_async_t* wake_up);

@@ -19,7 +19,25 @@ constexpr int kSinkDepth = 8;
 // A sink that waits for the thread that destroys the object does not hold it up forever.
 constexpr std::chrono::milliseconds kSinkLimit{1000};
 
-thread_local int sink_depth = 0;
+// The sinks that the thread is inside, the innermost first.
+struct SinkCall {
+  const Logger* logger;
+  const SinkCall* outer;
+};
+thread_local const SinkCall* innermost_sink = nullptr;
+
+int sink_depth() {
+  int depth = 0;
+  for (const SinkCall* call = innermost_sink; call != nullptr; call = call->outer) ++depth;
+  return depth;
+}
+
+bool is_inside_sink_of(const Logger& logger) {
+  for (const SinkCall* call = innermost_sink; call != nullptr; call = call->outer) {
+    if (call->logger == &logger) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -50,18 +68,19 @@ bool Logger::write_to_sink(const char* line) {
   {
     auto sink = sink_.lock();
     if (sink->ended) return true;
-    if (!sink->method || sink_depth >= kSinkDepth) return false;
+    if (!sink->method || sink_depth() >= kSinkDepth) return false;
     method = sink->method;
     ++sink->calls;
   }
-  ++sink_depth;
+  const SinkCall inside{this, innermost_sink};
+  innermost_sink = &inside;
   guarded([&] {
     TolkParams block;
     block.AddString(line);
     block.ToParams();
     method->callback(0, &block, nullptr);
   });
-  --sink_depth;
+  innermost_sink = inside.outer;
   if (--sink_.lock()->calls == 0) sink_is_idle_.notify_all();
   return true;
 }
@@ -91,7 +110,7 @@ void Logger::end_sink() {
   std::swap(dropped, sink->method);
   sink->ended = true;
   // A sink that destroys its own object does not wait for itself.
-  if (sink_depth == 0) {
+  if (!is_inside_sink_of(*this)) {
     sink.wait_for(sink_is_idle_, kSinkLimit, [](const Sink& now) { return now.calls == 0; });
   }
 }

@@ -105,11 +105,11 @@ void MethodRegistry::take_all(Keeper keeper, Taken& taken) {
   }
 }
 
-void MethodRegistry::refuse() { tables_.lock()->refuses = true; }
+bool MethodRegistry::refuse() { return !std::exchange(tables_.lock()->refuses, true); }
 
 bool MethodRegistry::refuses() const { return tables_.lock()->refuses; }
 
-bool MethodRegistry::withholds(std::string_view name) const {
+bool MethodRegistry::refuses_known(std::string_view name) const {
   auto tables = tables_.lock();
   return tables->refuses && (tables->all || tables->methods.contains(name));
 }

@@ -83,11 +83,11 @@ class MethodRegistry {
   // with Keeper::host none is, and a catch-all stays registered. Takes no memory: an object must
   // be able to end without any.
   void release_all(Keeper keeper);
-  // From now on acquire gives nothing; registrations stay.
-  void refuse();
+  // From now on acquire gives nothing; registrations stay. False when that was so already.
+  bool refuse();
   bool refuses() const;
   // Whether a handler for `name`, or a catch-all, is there and is refused.
-  bool withholds(std::string_view name) const;
+  bool refuses_known(std::string_view name) const;
 
   std::size_t size();
 

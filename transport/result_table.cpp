@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "transport/pause_point.h"
-#include "transport/system_calls.h"
 
 namespace tolk {
 
@@ -26,7 +25,6 @@ void ResultTable::put(int call_id, TolkParamsAccess::ContentRef content) {
   // Whoever reads the present content may still need it: its place is there before it is exchanged.
   entry.retained.reserve(entry.retained.size() + 1);
   if (!entry.block) {
-    entry.tick = system_calls.tick_ms();
     entry.block = std::make_unique<TolkParams>();
     TolkParamsAccess::make_refreshable(*entry.block);
   }
@@ -87,12 +85,6 @@ void ResultTable::clear() {
 std::size_t ResultTable::size() {
   const MutexLock lock(lock_);
   return entries_.size();
-}
-
-std::uint32_t ResultTable::tick_of(int call_id) {
-  const MutexLock lock(lock_);
-  const auto at = entries_.find(call_id);
-  return at == entries_.end() ? 0 : at->second.tick;
 }
 
 Mutex& client_result_lock() {

@@ -11,7 +11,6 @@
 #include <tolk/TolkParams.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -59,13 +58,10 @@ class ResultTable {
   void clear();
 
   std::size_t size();
-  // Tick at which the entry was made; a refresh does not renew it. 0 when there is none.
-  std::uint32_t tick_of(int call_id);
 
  private:
   struct Entry {
     std::unique_ptr<TolkParams> block;
-    std::uint32_t tick = 0;
     std::vector<TolkParamsAccess::ContentRef> retained;  // oldest first
   };
 

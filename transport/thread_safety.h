@@ -70,11 +70,7 @@ class Guarded {
     explicit Locked(const Guarded& owner) : lock_(owner.mutex_), value_(owner.value_) {}
     T* operator->() const { return &value_; }
     T& operator*() const { return value_; }
-    // Waits, with the lock released meanwhile, until `done(value)`.
-    template <class Done>
-    void wait(std::condition_variable& changed, Done done) {
-      changed.wait(lock_, [&] { return done(value_); });
-    }
+    // Waits, with the lock released meanwhile, until `done(value)` or the limit.
     template <class Duration, class Done>
     bool wait_for(std::condition_variable& changed, Duration limit, Done done) {
       return changed.wait_for(lock_, limit, [&] { return done(value_); });
@@ -86,9 +82,6 @@ class Guarded {
   };
 
   constexpr Guarded() = default;
-  template <class... Args>
-  explicit constexpr Guarded(std::in_place_t, Args&&... args)
-      : value_(std::forward<Args>(args)...) {}
   Locked lock() const { return Locked(*this); }
 
  private:

@@ -68,7 +68,7 @@ class Operation {
     while (!done_.wait_for(1, Milliseconds(20))) {
       client_waits().wake_all();
       server_waits().wake_all();
-      large_wait().post_all_and_forget();
+      large_wait().post_and_forget();
       if (since.elapsed() < kHang) continue;
       std::fputs("an operation hangs\n", stderr);
       std::abort();

@@ -76,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Step{{Phase::live}, Phase::lost, true},
                     Step{{Phase::live, Phase::close_asked}, Phase::close_asked, false},
                     Step{{Phase::live, Phase::close_asked}, Phase::closeasync_asked, false},
-                    Step{{Phase::live, Phase::closeasync_asked}, Phase::close_asked, true},
+                    Step{{Phase::live, Phase::closeasync_asked}, Phase::close_asked, false},
                     Step{{Phase::live, Phase::close_asked}, Phase::lost, true},
                     Step{{Phase::live, Phase::close_asked}, Phase::closed, true},
                     Step{{Phase::live, Phase::closeasync_asked}, Phase::closed, true},
@@ -200,13 +200,13 @@ TEST_F(Sessions, LoopThatNeverRanIsClosedWhereItIsAbandoned) {
   ASSERT_EQ(session->open_queue(), 0);
   bool ran = false;
   EXPECT_TRUE(session->post_function([&] { ran = true; }));
-  session->abandon_loop();
+  session->finish_loop();
   EXPECT_FALSE(ran);
   EXPECT_FALSE(session->post_function([] {}));
-  session->abandon_loop();
+  session->finish_loop();
 }
 
-TEST_F(Sessions, AbandoningWhatNeverOpenedDoesNothing) { session->abandon_loop(); }
+TEST_F(Sessions, AbandoningWhatNeverOpenedDoesNothing) { session->finish_loop(); }
 
 #if !defined(_WIN32)
 TEST_F(Sessions, ForkedChildHasNoPartInTheSession) {

@@ -57,7 +57,7 @@ class TestSession final : public Session {
     return peer_does(peer, std::string(frame.bytes().substr(Frame::kPrefixBytes)));
   }
 
-  using Session::abandon_loop;
+  using Session::finish_loop;
   using Session::open_loop;
   using Session::open_queue;
 
@@ -79,7 +79,7 @@ class TestSession final : public Session {
     close_all_handles();
     stop_loop();
   }
-  void on_abandoned() TOLK_LOOP override {}
+  void on_broken_off() TOLK_LOOP override {}
 
   const std::shared_ptr<QuietSide> side_ = std::make_shared<QuietSide>();
   const std::shared_ptr<Event> gone_ = std::make_shared<Event>();

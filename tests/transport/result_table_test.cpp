@@ -69,18 +69,6 @@ TEST_F(Results, LaterReplyRefreshesTheSameBlock) {
   EXPECT_EQ(table.size(), 1u);
 }
 
-TEST_F(Results, RefreshDoesNotRenewTheTick) {
-  calls.tick = 100;
-  table.store(5, payload(1));
-  calls.tick = 200;
-  table.store(5, payload(2));
-  EXPECT_EQ(table.tick_of(5), 100u);
-  table.drop(5);
-  EXPECT_EQ(table.tick_of(5), 0u);
-  table.store(5, payload(3));
-  EXPECT_EQ(table.tick_of(5), 200u);
-}
-
 TEST_F(Results, ValuesThatTheHostHoldsOutliveARefresh) {
   table.store(5, payload(1));
   const TolkValue* const held = table.find(5)->GetValue(0);
