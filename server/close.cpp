@@ -18,8 +18,11 @@ constexpr unsigned kCloseAsyncPauseMs = 200;
 void ServerSide::close(PeerStream* answered) {
   logger.formatted("Server Closing!\n");
   const auto current = running_session();
-  if (!current || !methods.refuse()) return;  // closed, or another thread is closing it
-  current->enter(Phase::close_asked);         // no effect after closeasync(), which goes on
+  if (!current) return;
+  // After closeasync() the loop thread carries that out; the handlers are released all the same.
+  const bool asked = current->enter(Phase::close_asked);
+  if (!asked && current->phase() != Phase::closeasync_asked) return;  // another thread closes it
+  methods.refuse();
   if (!custom_release) {
     methods.release_all(MethodRegistry::Keeper::library);
     logger.drop_deleted_sink();

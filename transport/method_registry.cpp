@@ -105,7 +105,7 @@ void MethodRegistry::take_all(Keeper keeper, Taken& taken) {
   }
 }
 
-bool MethodRegistry::refuse() { return !std::exchange(tables_.lock()->refuses, true); }
+void MethodRegistry::refuse() { tables_.lock()->refuses = true; }
 
 bool MethodRegistry::refuses() const { return tables_.lock()->refuses; }
 

@@ -83,8 +83,8 @@ class MethodRegistry {
   // with Keeper::host none is, and a catch-all stays registered. Takes no memory: an object must
   // be able to end without any.
   void release_all(Keeper keeper);
-  // From now on acquire gives nothing; registrations stay. False when that was so already.
-  bool refuse();
+  // From now on acquire gives nothing; registrations stay.
+  void refuse();
   bool refuses() const;
   // Whether a handler for `name`, or a catch-all, is there and is refused.
   bool refuses_known(std::string_view name) const;
