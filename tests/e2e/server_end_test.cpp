@@ -171,6 +171,24 @@ TEST_P(ServerEnd, CallToAHandlerThatIsDeletedIsAnsweredThatThereIsNoSuchMethod) 
   EXPECT_TRUE(closing.is_done());
 }
 
+// What was asked for first is carried out, so its lines come out too. On TCP nothing hears it.
+TEST_P(ServerEnd, CloseDuringAHeldCloseasyncLeavesTheLinesOfBoth) {
+  start_with_handlers();
+  const RawSocket held = hold_loop();
+  const Capture capture;
+  server->closeasync();
+  std::thread closing([this] { server->close(); });
+  ASSERT_TRUE(capture.wait_for_line("Server Closing!"));
+  loop.open();
+  closing.join();
+  EXPECT_TRUE(ends());
+  const std::string both = "Server Closing!\nServer Closed!\n";
+  std::string lines = capture.text();
+  lines.erase(lines.find("Accept success"), lines.find("Server Clos", 40) - lines.find("Accept"));
+  EXPECT_EQ(lines, is_pipe() ? "bad close\nServer Closing!\n" + both + "Server Closed!\n"
+                             : "bad close\n" + both);
+}
+
 class MadeOnDemand : public ServerTest {};
 TOLK_OVER_TRANSPORTS(MadeOnDemand);
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <tests/platform/captured_stdout.h>
+#include <tests/transport/event.h>
 #include <tolk/IServerMethod.h>
 #include <tolk/TolkParams.h>
 #include <tolk/TolkValue.h>
@@ -224,6 +225,46 @@ TEST_F(Log, SinkMayChangeWhileOthersLog) {
   logging.join();
   const auto printed = out.text().size() / std::string("line\n").size();
   EXPECT_EQ(printed + static_cast<std::size_t>(counter.calls), 500u);
+}
+
+// A host frees its sink when the end of the object has returned.
+TEST_F(Log, EndWaitsForTheSinkAlsoInsideASinkOfAnotherObject) {
+  tolk::test::Event entered;
+  tolk::test::Event may_return;
+  std::atomic<bool> ended{false};
+  install(&sink);
+  sink.then = [&] {
+    entered.set();
+    may_return.wait();
+  };
+  std::thread logging([this] { logger.plain("held\n"); });
+  ASSERT_TRUE(entered.wait());
+  Logger other;
+  Sink other_sink;
+  other.set_sink(registry.refer_to(&other_sink));
+  other_sink.then = [&] {
+    logger.end_sink();
+    ended = true;
+  };
+  std::thread ending([&] { other.plain("ends the first\n"); });
+  std::this_thread::yield();
+  EXPECT_FALSE(ended);
+  may_return.set();
+  logging.join();
+  ending.join();
+  EXPECT_TRUE(ended);
+  logger.plain("nowhere\n");
+  EXPECT_EQ(sink.lines.size(), 1u);
+  EXPECT_EQ(out.text(), "");
+}
+
+TEST_F(Log, SinkThatEndsItselfDoesNotWait) {
+  install(&sink);
+  sink.then = [this] { logger.end_sink(); };
+  logger.plain("last\n");
+  logger.plain("nowhere\n");
+  EXPECT_EQ(sink.lines.size(), 1u);
+  EXPECT_EQ(out.text(), "");
 }
 
 }  // namespace
