@@ -26,7 +26,7 @@ void ClientSession::body() {
     close_all_handles();
     run_until_handles_closed();
   }
-  end();
+  finish();
 }
 
 // Runs the loop until the attempt is decided. An error without a callback decides it too.

@@ -43,7 +43,7 @@ class ClientSession final : public Session {
   bool go_live() TOLK_LOOP;
 
   // In close.cpp.
-  void end_as_asked() TOLK_LOOP override;
+  void carry_out_ending() TOLK_LOOP override;
   void on_broken_off() TOLK_LOOP override;
 
   ClientEvents& side_;

@@ -1,35 +1,37 @@
-// How a session ends: every way, each on one page.
+// How a session ends. [host] and [loop] name the thread; "the side" is client/ or server/.
 //
-// A client                         host's close()      the server went
-//   phase on the way there         close_asked         live, or close_asked
-//   the side prints, calls hooks   on_closing          on_server_gone (isok() still true)
-//   phase                          closed              lost (isok() is false)
-//   queued posts are refused, the handles begin to close
-//   the side                       on_closed           on_lost: all waiting calls wake
-//   queued calls of the server     never begin         begin until the handlers are released
-//   the loop runs until all handles are closed; work under way is not waited for
-//   the side                       on_run_out: 10 ms, wakes all calls, releases the handlers
-//   phase ended                    close(), connect and DestroyClient go on
-//   the loop runs until no worker runs for it, is closed, and the thread drops the session
+// A host closes its client:
+//   [host] close() enters close_asked, wakes the loop thread and waits for ended.
+//   [loop] The side prints. Phase closed: the host still sees a connected client, so that only one
+//          close runs, but nothing begins any more. Queued posts are refused, handles close.
+// A client loses its server:
+//   [loop] The side prints and calls the hooks; the client is still connected. Phase lost: it is
+//          not. Queued posts are refused, handles close, all waiting calls wake. Calls that the
+//          server had queued still begin.
+// Either way:
+//   [loop] The loop runs until the handles are closed; it does not wait for handlers. The side
+//   waits
+//          10 ms, wakes all calls and releases the handlers. Phase ended: close(), connect and
+//          DestroyClient go on. The loop runs until no worker needs it, and is closed.
 //
-// A server                         close()                       closeasync()
-//   host thread                    close_asked: the side prints  closeasync_asked
-//                                  and releases the handlers
-//   loop thread                    close_here                    close_async_here
-//   the side prints                –                             on_closing_async
-//   queued posts are refused; connections, listener, then all other handles begin to close
-//   phase closed                   isok() is false
-//   the side                       close() prints and returns    on_closed_async: handlers are
-//                                                                the host's again
-//   all handles closed, phase ended, workers, as above
+// A host closes its server:
+//   [host] close() enters close_asked, releases the handlers, wakes the loop thread and waits for
+//          ended, a second at most; then it enters closed itself, whatever the loop thread does.
+//   [loop] Queued posts are refused; connections close in the order of their accept, then the
+//          listener, then the rest. Phase closed, last of all: isok() is false when the address is
+//          free. The end is as above, without the 10 ms; handlers are gone already.
+// A host calls closeasync():
+//   [host] It enters closeasync_asked, wakes the loop thread and sleeps 200 ms.
+//   [loop] The side prints and refuses handlers from here on. Posts, handles and phase as above.
+// A client asks with "s_c_close_server":
+//   [loop] The side answers and calls close() here, which does not wait. The connection that asked
+//          stays open: its writing side is shut down after the reply, and its input is read and
+//          dropped until it ends, 200 ms at most. Closed with unread input, it would be reset, and
+//          the reply lost.
 //
-// A client's request to close ("s_c_close_server") is close() on the loop thread. The connection
-// that asked stays open: its writing side is shut down behind the reply, and what it sends is read
-// and dropped until it ends, 200 ms at most. Closed with unread input, it would be reset, and the
-// reply lost with it.
-//
-// Destroying an object is its close, and then the side's own end (see client/close.cpp and
-// server/close.cpp).
+// DestroyClient and DestroyServer close first. The side then ends what a start under way may still
+// bring up. An attempt that fails goes from starting to ended. A loop thread that breaks off for
+// lack of memory does the same at the end of its thread: finish_loop.
 #include <cassert>
 
 #include "platform/guarded.h"
@@ -66,7 +68,7 @@ void Session::run_until_handles_closed() {
   while (has_handles()) uv_run(&loop_, UV_RUN_ONCE);
 }
 
-void Session::end() {
+void Session::finish() {
   enter(Phase::ended);
   linger_and_close_loop();
 }
@@ -87,7 +89,7 @@ void Session::finish_loop() {
     close_queue();
     close_all_handles();
     run_until_handles_closed();
-    end();
+    finish();
   } else {
     linger_and_close_loop();
   }
@@ -96,7 +98,7 @@ void Session::finish_loop() {
 
 // A client.
 
-void ClientSession::end_as_asked() {
+void ClientSession::carry_out_ending() {
   if (phase() != Phase::close_asked) return;
   side_.on_closing();
   enter(Phase::closed);
@@ -126,7 +128,7 @@ void ClientSession::on_broken_off() {
 // A server.
 
 // The phase is closed already when the host's close() has given up waiting for this thread.
-void ServerSession::end_as_asked() {
+void ServerSession::carry_out_ending() {
   if (phase() == Phase::closeasync_asked) {
     close_async_here();
   } else {

@@ -21,7 +21,7 @@ void ServerSession::serve() {
   const platform::BrokenPipeBlocked broken_pipes_are_errors;  // also on a thread of the host
   if (!run_loop()) return;
   run_until_handles_closed();
-  end();
+  finish();
   leave_thread();
 }
 
@@ -33,7 +33,7 @@ bool ServerSession::listen() {
     close_all_handles();
     run_until_handles_closed();
     name_lock_.release();
-    end();
+    finish();
     return false;
   }
   [[maybe_unused]] const bool entered = enter(Phase::live);

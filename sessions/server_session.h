@@ -77,7 +77,7 @@ class ServerSession final : public Session {
   // close.cpp
   static void on_drained(uv_shutdown_t* request, int status);
   static void on_drain_limit(uv_timer_t* timer);
-  void end_as_asked() TOLK_LOOP override;
+  void carry_out_ending() TOLK_LOOP override;
   void on_broken_off() TOLK_LOOP override;
   void close_async_here() TOLK_LOOP;
   void drain(PeerStream& answered) TOLK_LOOP;

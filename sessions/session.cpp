@@ -50,7 +50,7 @@ Session::Session() : process_(platform::generation()) {
   install_exit_handler();
   queue_.prepare(make_task([this] {
     enter_loop();
-    end_as_asked();
+    carry_out_ending();
   }));
 }
 

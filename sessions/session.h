@@ -81,7 +81,7 @@ class Session : public StreamOwner {
   // Loop: the whole life.
   virtual void body() TOLK_LOOP = 0;
   // Loop: carries out the ending that was asked for.
-  virtual void end_as_asked() TOLK_LOOP = 0;
+  virtual void carry_out_ending() TOLK_LOOP = 0;
   // Loop: the body broke off before the session ended, for lack of memory. Needs none.
   virtual void on_broken_off() TOLK_LOOP = 0;
   virtual const char* kind() const = 0;
@@ -96,8 +96,8 @@ class Session : public StreamOwner {
   void close_queue() TOLK_LOOP { queue_.close(); }                // refuses all posts from here on
   void close_all_handles(uv_handle_t* kept = nullptr) TOLK_LOOP;  // that are not closing yet
   void run_until_handles_closed() TOLK_LOOP;
-  void end() TOLK_LOOP;  // all handles are closed: waits for the end return
-  void finish_loop();    // one that was not run to its end
+  void finish() TOLK_LOOP;  // all handles are closed: waits for the end return
+  void finish_loop();       // one that was not run to its end
 
  private:
   static void async_sendmsg(uv_async_t* wake_up);

@@ -46,7 +46,7 @@ class TestSession final : public Session {
   // The same without asking, on the loop thread.
   void stop_here() TOLK_LOOP {
     enter(Phase::close_asked);
-    end_as_asked();
+    carry_out_ending();
   }
 
   MessageSide& side() override { return *side_; }
@@ -71,9 +71,9 @@ class TestSession final : public Session {
     run_loop();
     run_until_handles_closed();
     before_ended();
-    end();
+    finish();
   }
-  void end_as_asked() TOLK_LOOP override {
+  void carry_out_ending() TOLK_LOOP override {
     enter(Phase::closed);
     close_queue();
     close_all_handles();

@@ -50,6 +50,21 @@ TEST_P(HeldCall, ReturnsNullWhenItsFrameStillStandsInLineAtTheEnd) {
   EXPECT_TRUE(bystanders.serves());
 }
 
+// The timeout does not cover encoding: the frame is there when the call is stamped and listed.
+TEST_P(HeldCall, IsListedWhenItsArgumentsAreEncoded) {
+  TolkParams arguments;
+  arguments.AddString("encoded");
+  Hold hold("wait.listed");
+  auto caller = std::async(std::launch::async, [&] {
+    return string_at(pair.client->SendMsgFast("echo", &arguments, 1, 0), 0);
+  });
+  ASSERT_TRUE(hold.reached());
+  arguments.Clear();
+  arguments.AddString("too late");
+  hold.release();
+  EXPECT_EQ(caller.get(), "encoded");
+}
+
 // All waiting calls are woken twice when a server is lost: this one has still to leave the list.
 TEST_P(HeldCall, MayBeWokenTwiceBeforeItLeavesTheList) {
   Hold hold("call.woken");
