@@ -22,7 +22,8 @@ std::unique_lock<platform::StaticMutex> take_turn() {
 }  // namespace
 
 std::shared_ptr<ClientSession> ClientSide::connected_session() const {
-  return isok() ? session() : nullptr;
+  auto current = of_this_process() ? session() : nullptr;
+  return is_connected(current.get()) ? current : nullptr;
 }
 
 void ClientSide::log_disconnected() { logger.plain("send msg: disconnect... .. .\n"); }

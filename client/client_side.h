@@ -68,6 +68,7 @@ class ClientSide final : public ClientEvents {
   bool CheckServer();
   std::shared_ptr<ClientSession> session() const { return *session_.lock(); }
   std::shared_ptr<ClientSession> connected_session() const;
+  bool is_connected(const ClientSession* current) const;
   bool of_this_process() const;
   void log_disconnected();
   bool send_large(std::string_view block, int header_id, int call_id, std::uint32_t timeout_ms,

@@ -28,14 +28,14 @@ ClientSide::ClientSide() : process_(platform::generation()) {}
 // In a forked child nothing waits, not even for a lock: the thread that held it is not there.
 bool ClientSide::of_this_process() const { return process_ == platform::generation(); }
 
+bool ClientSide::isok() const { return of_this_process() && is_connected(session().get()); }
+
 // From a successful connect until the server goes, or until the host's close has released the
 // handlers.
-bool ClientSide::isok() const {
-  if (!of_this_process()) return false;
+bool ClientSide::is_connected(const ClientSession* current) const {
   const StatusOverride status = status_override_;
   if (status != StatusOverride::none) return status == StatusOverride::connected;
-  const auto current = session();
-  if (!current) return false;
+  if (current == nullptr) return false;
   const Phase now = current->phase();
   return now == Phase::live || now == Phase::close_asked || now == Phase::closed;
 }

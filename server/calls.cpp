@@ -8,7 +8,8 @@ namespace tolk {
 // Host.
 
 std::shared_ptr<ServerSession> ServerSide::running_session() const {
-  return isok() ? session() : nullptr;
+  auto current = of_this_process() ? session() : nullptr;
+  return current && current->takes_messages() ? current : nullptr;
 }
 
 void ServerSide::log_disconnected() { logger.plain("send msg: disconnect... .. .\n"); }

@@ -15,11 +15,7 @@ ServerSide::ServerSide() : process_(platform::generation()) {}
 // In a forked child nothing waits, not even for a lock: the thread that held it is not there.
 bool ServerSide::of_this_process() const { return process_ == platform::generation(); }
 
-bool ServerSide::isok() const {
-  if (!of_this_process()) return false;
-  const auto current = session();
-  return current && current->takes_messages();
-}
+bool ServerSide::isok() const { return running_session() != nullptr; }
 
 bool ServerSide::start(Endpoint where) {
   const auto current = session();
