@@ -29,7 +29,7 @@ class TolkConan(ConanFile):
 
     def export_sources(self):
         for name in ("CMakeLists.txt", "LICENSE", "cmake/*", "docs/man/*", "include/*", "params/*",
-                     "platform/*", "transport/*", "client/*", "server/*"):
+                     "platform/*", "transport/*", "sessions/*", "client/*", "server/*"):
             copy(self, name, self._sources, self.export_sources_folder)
 
     def layout(self):
