@@ -212,7 +212,7 @@ TEST_P(ServerShutdown, AnswerToACloseRequestFollowsALargeReply) {
   register_echo();
   start();
   RawClient client(address, false);
-  const std::string large(8 << 20, 'x');
+  const std::string large(4 << 20, 'x');
   std::thread sending(
       [&] { client.socket.send_frame(call_payload("echo", 1, BlockWriter().add(large).bytes())); });
   ASSERT_FALSE(client.socket.is_quiet(kLimit));  // the large reply is on its way
