@@ -22,7 +22,6 @@
 namespace {
 
 using tolk::Envelope;
-using tolk::Frame;
 using tolk::OldResult;
 using tolk::OutgoingCall;
 using tolk::WaitList;
