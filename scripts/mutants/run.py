@@ -1,0 +1,334 @@
+"""Plants the faults, one at a time, and runs the tests. scripts/mutate --help says how to use it."""
+
+import argparse
+import hashlib
+import os
+import queue
+import random
+import re
+import resource
+import shutil
+import signal
+import subprocess
+import sys
+import threading
+import time
+from collections import Counter
+from dataclasses import dataclass
+from pathlib import Path
+
+from faults import choose, faults_in
+from source import Source
+
+ROOT = Path(__file__).resolve().parents[2]
+COPIES = ROOT / "build" / "mutate"
+FOLDERS = ("params", "transport", "sessions", "client", "server", "platform")
+LEFT_OUT = shutil.ignore_patterns("build", ".git", ".cache")
+LEAST_LIMIT_S = 20
+LIMIT_FACTOR = 5
+MEMORY_BYTES = 12 << 30
+FILE_BYTES = 64 << 20
+FAILED_TEST = re.compile(r"^\[  FAILED  \] ([\w/]+\.[\w/]+)", re.M)
+
+KILLED, SURVIVED, SAME_CODE, NOT_BUILT = "killed", "survived", "same code", "did not build"
+
+
+@dataclass(frozen=True)
+class Program:
+    path: str
+    shards: int = 0  # of a program of GoogleTest
+    arguments: tuple = ()
+
+    def commands(self, build):
+        program = str(build / "tests" / self.path)
+        if self.shards == 0:
+            return [([program, *self.arguments], {})]
+        command = [program, "--gtest_brief=1", "--gtest_fail_fast"]
+        shards = [{"GTEST_TOTAL_SHARDS": str(self.shards), "GTEST_SHARD_INDEX": str(i)} for i in range(self.shards)]
+        return [(command, environment) for environment in shards]
+
+
+@dataclass(frozen=True)
+class Stage:
+    """Programs that run at the same time, and what has to be built for them."""
+
+    name: str
+    targets: tuple
+    programs: tuple
+
+
+# First what is quick to build and to run. The tests wait most of their time, so many run at once.
+STAGES = [
+    Stage("unit", ("tolk_unit_tests",), (Program("tolk_unit_tests", 4),)),
+    Stage("end to end", ("tolk", "tolk_e2e_tests"), (Program("tolk_e2e_tests", 24),)),
+    Stage(
+        "steps and failures",
+        ("tolk_steps_tests", "tolk_seam_tests"),
+        (Program("steps/tolk_steps_tests", 4), Program("seam/tolk_seam_tests", 1)),
+    ),
+    Stage(
+        "samples",
+        ("tolk_steps", "tolk_seam"),
+        (
+            Program("steps/tolk_steps", 0, ("--short-pauses", "--late-ms", "30000", "--sample", "4", "--seed", "1")),
+            Program("seam/tolk_seam", 0, ("--most", "3")),
+        ),
+    ),
+]
+if os.geteuid() == 0:
+    STAGES.append(Stage("two users", ("tolk_access_tests",), (Program("access/tolk_access_tests", 1),)))
+
+
+def limited():
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    resource.setrlimit(resource.RLIMIT_AS, (MEMORY_BYTES, MEMORY_BYTES))
+    resource.setrlimit(resource.RLIMIT_FSIZE, (FILE_BYTES, FILE_BYTES))
+
+
+def give_up(what, output):
+    print(f"{what}\n{output[-4000:]}", file=sys.stderr, flush=True)
+    sys.exit(2)  # of a thread: its copy takes no more faults
+
+
+class Run:
+    """One process of a test program. Its output goes to a file."""
+
+    def __init__(self, command, environment, log):
+        self.command, self.log = command, log
+        with open(log, "wb") as output:
+            self.process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, cwd=log.parent,
+                env={**os.environ, **environment}, start_new_session=True, preexec_fn=limited,
+            )  # fmt: skip
+
+    def end(self):
+        """Ends the process, if it still runs, and whatever it has started."""
+        try:
+            os.killpg(self.process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        self.process.wait()
+
+    def failed_tests(self):
+        return sorted(set(FAILED_TEST.findall(self.log.read_text(errors="replace"))))
+
+
+def first_failure(runs, limit_s):
+    """The first of the processes that fails, and how; (None, "") when none does."""
+    end = time.monotonic() + limit_s
+    try:
+        while True:
+            states = [run.process.poll() for run in runs]
+            for run, state in zip(runs, states):
+                if state not in (None, 0):
+                    return run, f"signal {-state}" if state < 0 else f"exit status {state}"
+            if None not in states:
+                return None, ""
+            if time.monotonic() > end:
+                return runs[states.index(None)], "time limit"
+            time.sleep(0.02)
+    finally:
+        for run in runs:
+            run.end()
+
+
+class Copy:
+    """A copy of the tree, in which a fault is built and tested."""
+
+    building = threading.Lock()
+    testing = threading.Lock()
+
+    def __init__(self, number):
+        self.source = COPIES / str(number) / "source"
+        self.build = COPIES / str(number) / "build"
+        self.work = COPIES / str(number) / "work"
+        self.limits = {}
+
+    def prepare(self):
+        """Brings the copy up to date, builds it and sees that its tests pass."""
+        self.work.mkdir(parents=True, exist_ok=True)
+        self._copy_tree()
+        self._command(
+            "cmake", "-S", self.source, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+            # Without debug information the same code is the same object file.
+            "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -DNDEBUG", "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache",
+            "-DCMAKE_UNITY_BUILD=OFF", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DTOLK_TOOLS=OFF",
+            "-DTOLK_EXAMPLES=OFF",
+        )  # fmt: skip
+        for stage in STAGES:
+            self._command("ninja", "-C", self.build, *stage.targets)
+        self.objects = self._hashes()
+        for stage in STAGES:
+            begin = time.monotonic()
+            with self.testing:
+                run, how = first_failure(self._start(stage), 600)
+            if run:
+                give_up(f"without a fault, {how}: {' '.join(run.command)}", run.log.read_text(errors="replace"))
+            took = time.monotonic() - begin
+            self.limits[stage] = max(LEAST_LIMIT_S, LIMIT_FACTOR * took)
+            print(f"without a fault: {stage.name} passes in {took:.0f} s", flush=True)
+
+    def outcome(self, fault):
+        """(outcome, note)"""
+        path = self.source / fault.path
+        original = path.read_text()
+        path.write_text(fault.planted_in(original))
+        try:
+            return self._built_and_tested()
+        finally:
+            path.write_text(original)
+
+    def _built_and_tested(self):
+        if not self._builds("tolk_objects"):
+            return NOT_BUILT, ""
+        if self._hashes() == self.objects:
+            return SAME_CODE, ""
+        notes = []
+        for stage in STAGES:
+            if not self._builds(*stage.targets):
+                return NOT_BUILT, ""
+            how = self._failure(stage, notes)
+            if how:
+                return KILLED, how
+        return SURVIVED, "; ".join(notes)
+
+    def _failure(self, stage, notes):
+        """How the tests of the stage fail twice, or "". A failure that does not come again is a note."""
+        with self.testing:
+            run, how = first_failure(self._start(stage), self.limits[stage])
+            if run is None:
+                return ""
+            tests = run.failed_tests()
+            if how == "time limit" or how.startswith("signal"):
+                return f"{stage.name}: {how}"
+            if tests:
+                again = [Run([run.command[0], "--gtest_filter=" + ":".join(tests)], {}, run.log.with_suffix(".again"))]
+                if first_failure(again, self.limits[stage])[0]:
+                    return f"{stage.name}: {tests[0]}"
+            run, how = first_failure(self._start(stage), self.limits[stage])
+            if run:
+                return f"{stage.name}: {(run.failed_tests() or [how])[0]}"
+            notes.append(f"failed once in {stage.name}: {(tests or [how])[0]}")
+            return ""
+
+    def _start(self, stage):
+        commands = [command for program in stage.programs for command in program.commands(self.build)]
+        return [
+            Run(command, environment, self.work / f"{index}.log")
+            for index, (command, environment) in enumerate(commands)
+        ]
+
+    def _builds(self, *targets):
+        with self.building:
+            result = subprocess.run(["ninja", "-C", self.build, *targets], stdout=subprocess.DEVNULL)
+        return result.returncode == 0
+
+    def _command(self, *words):
+        with self.building:
+            result = subprocess.run(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        if result.returncode != 0:
+            give_up(f"failed: {' '.join(map(str, words))}", result.stdout)
+
+    def _hashes(self):
+        folder = self.build / "CMakeFiles" / "tolk_objects.dir"
+        return {path: hashlib.sha256(path.read_bytes()).digest() for path in folder.rglob("*.o")}
+
+    def _copy_tree(self):
+        """Writes only what differs, so that only that is built again."""
+
+        def copy(source, target):
+            source, target = Path(source), Path(target)
+            if not target.exists() or target.read_bytes() != source.read_bytes():
+                shutil.copyfile(source, target)
+                shutil.copymode(source, target)
+
+        shutil.copytree(ROOT, self.source, ignore=LEFT_OUT, copy_function=copy, dirs_exist_ok=True)
+        for path in sorted(self.source.rglob("*"), reverse=True):
+            if path.is_file() and not (ROOT / path.relative_to(self.source)).exists():
+                path.unlink()
+
+
+def library_files():
+    found = (path for folder in FOLDERS for path in sorted((ROOT / folder).glob("*")))
+    return [str(path.relative_to(ROOT)) for path in found if path.suffix in (".h", ".cpp")]
+
+
+def chosen_faults(options):
+    files = [str(Path(path).resolve().relative_to(ROOT)) for path in options.file] or library_files()
+    files = [path for path in files if not path.endswith("_windows.cpp")]
+    faults = [fault for path in files for fault in faults_in(Source(path, (ROOT / path).read_text()))]
+    return choose(faults, options.count, options.seed)
+
+
+def show(fault, outcome="", note="", seconds=None):
+    before, after = fault.lines((ROOT / fault.path).read_text())
+    head = f"{outcome:13} " if outcome else ""
+    took = f" [{seconds:.0f} s]" if seconds is not None else ""
+    tail = f"   ({note})" if note else ""
+    print(f"{head}{fault.path}:{fault.line}{tail}{took}\n    - {before}\n    + {after}", flush=True)
+
+
+def measure(faults, workers):
+    """The outcome of each fault that was planted, as (fault, outcome, note). The other copies are made while
+    the first one works already."""
+    left, results, printing = queue.SimpleQueue(), [], threading.Lock()
+    for fault in faults:
+        left.put(fault)
+    first = Copy(0)
+    first.prepare()
+
+    def work(copy):
+        if copy is not first:
+            copy.prepare()
+        while not left.empty():
+            begin, fault = time.monotonic(), left.get()
+            outcome, note = copy.outcome(fault)
+            with printing:
+                results.append((fault, outcome, note))
+                show(fault, outcome, note, time.monotonic() - begin)
+
+    threads = [threading.Thread(target=work, args=(copy,)) for copy in [first, *map(Copy, range(1, workers))]]
+    for thread in threads:
+        thread.start()
+    try:
+        for thread in threads:
+            thread.join()
+    except KeyboardInterrupt:
+        print("ends with the faults under way", flush=True)
+        while not left.empty():
+            left.get()
+        for thread in threads:
+            thread.join()
+    return results
+
+
+def report(results):
+    print("\nsurvivors:")
+    for fault, outcome, note in sorted(results, key=lambda result: (result[0].path, result[0].line)):
+        if outcome == SURVIVED:
+            show(fault, "", note)
+    sums = Counter(outcome for _, outcome, _ in results)
+    print(
+        f"{sums[KILLED] + sums[SURVIVED]} mutants, {sums[KILLED]} killed, {sums[SURVIVED]} survived; "
+        f"{sums[NOT_BUILT]} did not build, {sums[SAME_CODE]} were the same code"
+    )
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/mutate", add_help=False)
+    parser.add_argument("--count", type=int, default=100)
+    parser.add_argument("--seed", type=int, default=random.randrange(1 << 32))
+    parser.add_argument("--file", nargs="+", default=[])
+    parser.add_argument("--workers", type=int, default=1)
+    parser.add_argument("--list", action="store_true")
+    options = parser.parse_args()
+    faults = chosen_faults(options)
+    print(f"seed {options.seed}", flush=True)
+    if options.list:
+        for fault in faults:
+            show(fault)
+    else:
+        report(measure(faults, options.workers))
+
+
+main()
