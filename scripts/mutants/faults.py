@@ -12,7 +12,7 @@ SWAPPED = {
 }  # fmt: skip
 STEPS = {"++": "--", "--": "++"}
 # No early return before these: it is not possible, or the next statement has one that does the same.
-NO_EARLY_RETURN = {"auto", "case", "const", "default", "else", "return"}
+NO_EARLY_RETURN = {"auto", "break", "case", "catch", "const", "continue", "default", "else", "return", "try"}
 
 
 @dataclass(frozen=True)
@@ -21,18 +21,12 @@ class Fault:
     line: int
     begin: int
     end: int
-    text: str  # stands instead of source[begin:end]
+    text: str  # stands instead of the characters from begin to end
+    before: str  # the line as it is, and as it becomes
+    after: str
 
     def planted_in(self, source):
         return source[: self.begin] + self.text + source[self.end :]
-
-    def lines(self, source):
-        """The line as it is and as it becomes."""
-        first = source.rfind("\n", 0, self.begin) + 1
-        last = source.find("\n", self.end)
-        before = source[first:last]
-        after = source[first : self.begin] + self.text + source[self.end : last]
-        return " ".join(before.split()), " ".join(after.split())
 
 
 def faults_in(source):
@@ -63,7 +57,11 @@ def choose(faults, count, seed):
 
 
 def _fault(source, begin, end, text):
-    return Fault(source.path, source.line_of(begin), begin, end, text)
+    whole = source.text
+    first, last = whole.rfind("\n", 0, begin) + 1, whole.find("\n", end)
+    before = " ".join(whole[first:last].split())
+    after = " ".join((whole[first:begin] + text + whole[end:last]).split())
+    return Fault(source.path, source.line_of(begin), begin, end, text, before, after)
 
 
 def _each(source):
@@ -111,11 +109,8 @@ def _conditions(source):
         if token.text not in ("if", "while") or source.word(index + 1) != "(":
             continue
         first, last = index + 2, source.partner[index + 1]
-        for at in range(first, last):
-            if source.word(at) == ";":
-                first = at + 1  # a declaration stands before it
         if source.word(first) in ("const", "auto"):
-            continue
+            continue  # a declaration
         begin, end = source.tokens[first].begin, source.tokens[last].begin
         yield _fault(source, begin, end, "!(" + source.text[begin:end] + ")")
 

@@ -24,6 +24,7 @@ ROOT = Path(__file__).resolve().parents[2]
 COPIES = ROOT / "build" / "mutate"
 FOLDERS = ("params", "transport", "sessions", "client", "server", "platform")
 LEFT_OUT = shutil.ignore_patterns("build", ".git", ".cache")
+FIRST_LIMIT_S = 600
 LEAST_LIMIT_S = 20
 LIMIT_FACTOR = 5
 MEMORY_BYTES = 12 << 30
@@ -137,17 +138,16 @@ class Copy:
 
     building = threading.Lock()
     testing = threading.Lock()
+    limits = dict.fromkeys(STAGES, FIRST_LIMIT_S)
 
     def __init__(self, number):
         self.source = COPIES / str(number) / "source"
         self.build = COPIES / str(number) / "build"
         self.work = COPIES / str(number) / "work"
-        self.limits = {}
 
     def prepare(self):
-        """Brings the copy up to date, builds it and sees that its tests pass."""
+        """Configures and builds what was copied."""
         self.work.mkdir(parents=True, exist_ok=True)
-        self._copy_tree()
         self._command(
             "cmake", "-S", self.source, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
             # Without debug information the same code is the same object file.
@@ -158,15 +158,17 @@ class Copy:
         for stage in STAGES:
             self._command("ninja", "-C", self.build, *stage.targets)
         self.objects = self._hashes()
+
+    def time_stages(self):
+        """Sees that the tests pass without a fault, and how long that takes."""
         for stage in STAGES:
-            begin = time.monotonic()
-            with self.testing:
-                run, how = first_failure(self._start(stage), 600)
-            if run:
-                give_up(f"without a fault, {how}: {' '.join(run.command)}", run.log.read_text(errors="replace"))
+            begin, notes = time.monotonic(), []
+            how = self._failure(stage, notes)
+            if how:
+                give_up(f"without a fault: {how}", f"the output is in {self.work}")
             took = time.monotonic() - begin
             self.limits[stage] = max(LEAST_LIMIT_S, LIMIT_FACTOR * took)
-            print(f"without a fault: {stage.name} passes in {took:.0f} s", flush=True)
+            print(f"without a fault: {stage.name} passes in {took:.0f} s", *notes, flush=True)
 
     def outcome(self, fault):
         """(outcome, note)"""
@@ -220,7 +222,9 @@ class Copy:
 
     def _builds(self, *targets):
         with self.building:
-            result = subprocess.run(["ninja", "-C", self.build, *targets], stdout=subprocess.DEVNULL)
+            command = ["ninja", "-C", self.build, *targets]
+            # An interrupt is not the build's.
+            result = subprocess.run(command, stdout=subprocess.DEVNULL, start_new_session=True)
         return result.returncode == 0
 
     def _command(self, *words):
@@ -233,7 +237,7 @@ class Copy:
         folder = self.build / "CMakeFiles" / "tolk_objects.dir"
         return {path: hashlib.sha256(path.read_bytes()).digest() for path in folder.rglob("*.o")}
 
-    def _copy_tree(self):
+    def copy_tree(self):
         """Writes only what differs, so that only that is built again."""
 
         def copy(source, target):
@@ -261,33 +265,42 @@ def chosen_faults(options):
 
 
 def show(fault, outcome="", note="", seconds=None):
-    before, after = fault.lines((ROOT / fault.path).read_text())
     head = f"{outcome:13} " if outcome else ""
     took = f" [{seconds:.0f} s]" if seconds is not None else ""
     tail = f"   ({note})" if note else ""
-    print(f"{head}{fault.path}:{fault.line}{tail}{took}\n    - {before}\n    + {after}", flush=True)
+    print(f"{head}{fault.path}:{fault.line}{tail}{took}\n    - {fault.before}\n    + {fault.after}", flush=True)
+
+
+def next_of(left):
+    try:
+        return left.get_nowait()
+    except queue.Empty:
+        return None
 
 
 def measure(faults, workers):
-    """The outcome of each fault that was planted, as (fault, outcome, note). The other copies are made while
-    the first one works already."""
+    """The outcome of each fault that was planted, as (fault, outcome, note). The other copies are built
+    while the first one works already."""
     left, results, printing = queue.SimpleQueue(), [], threading.Lock()
     for fault in faults:
         left.put(fault)
-    first = Copy(0)
-    first.prepare()
+    copies = [Copy(number) for number in range(workers)]
+    for copy in copies:
+        copy.copy_tree()
+    copies[0].prepare()
+    copies[0].time_stages()
 
     def work(copy):
-        if copy is not first:
+        if copy is not copies[0]:
             copy.prepare()
-        while not left.empty():
-            begin, fault = time.monotonic(), left.get()
+        while (fault := next_of(left)) is not None:
+            begin = time.monotonic()
             outcome, note = copy.outcome(fault)
             with printing:
                 results.append((fault, outcome, note))
                 show(fault, outcome, note, time.monotonic() - begin)
 
-    threads = [threading.Thread(target=work, args=(copy,)) for copy in [first, *map(Copy, range(1, workers))]]
+    threads = [threading.Thread(target=work, args=(copy,)) for copy in copies]
     for thread in threads:
         thread.start()
     try:
@@ -295,8 +308,8 @@ def measure(faults, workers):
             thread.join()
     except KeyboardInterrupt:
         print("ends with the faults under way", flush=True)
-        while not left.empty():
-            left.get()
+        while next_of(left) is not None:
+            pass
         for thread in threads:
             thread.join()
     return results
@@ -314,7 +327,13 @@ def report(results):
     )
 
 
+def interrupt(*_):
+    raise KeyboardInterrupt
+
+
 def main():
+    for way in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(way, interrupt)
     parser = argparse.ArgumentParser(prog="scripts/mutate", add_help=False)
     parser.add_argument("--count", type=int, default=100)
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 32))

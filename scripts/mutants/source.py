@@ -25,6 +25,8 @@ KEYWORDS = CONTROL | {
     "else", "enum", "explicit", "friend", "namespace", "new", "return", "static", "struct", "template",
     "throw", "try", "typedef", "union", "using", "virtual", "void",
 }  # fmt: skip
+# Checks of the compiler and of debug builds.
+WITHOUT_CODE = {"assert", "static_assert", "enter_loop", "enter_worker", "check_loop_thread"}
 
 
 @dataclass
@@ -80,7 +82,7 @@ class Source:
         skipped = set()
         for index, token in enumerate(self.tokens):
             opened = index + 1
-            is_macro = token.text in ("assert", "static_assert") or token.text.startswith("TOLK_")
+            is_macro = token.text in WITHOUT_CODE or token.text.startswith("TOLK_")
             if token.text == "[" and self.word(index + 1) == "[":
                 opened = index
             elif token.text == "template":
