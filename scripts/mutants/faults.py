@@ -44,7 +44,8 @@ def choose(faults, count, seed):
         by_line[fault.path, fault.line].append(fault)
     for left in by_line.values():
         chance.shuffle(left)
-        left.sort(key=lambda fault: not fault.text.startswith("return"))  # the last is chosen first
+        # The last is chosen first: an early return is the coarsest fault of a line.
+        left.sort(key=lambda fault: not fault.text.startswith("return"))
     chosen = []
     while by_line and len(chosen) < count:
         lines = list(by_line)

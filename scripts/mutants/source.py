@@ -25,6 +25,8 @@ KEYWORDS = CONTROL | {
     "else", "enum", "explicit", "friend", "namespace", "new", "return", "static", "struct", "template",
     "throw", "try", "typedef", "union", "using", "virtual", "void",
 }  # fmt: skip
+# A brace after one of these holds statements.
+BEFORE_CODE = {")", "]", "else", "do", "try", "const", "override", "noexcept", "mutable", ":", ";", "{", "}"}
 # Checks of the compiler and of debug builds.
 WITHOUT_CODE = {"assert", "static_assert", "enter_loop", "enter_worker", "check_loop_thread"}
 
@@ -135,28 +137,25 @@ class Source:
             return "outside", ""
         if before != ")" and {"class", "struct", "union", "enum"} & set(words) and kind != "code":
             return "class", ""
-        if before in (")", "]", "else", "do", "try", "const", "override", "noexcept", "mutable", ":", ";", "{", "}") or (
-            before.startswith("TOLK_")
-        ):
+        if before in BEFORE_CODE or before.startswith("TOLK_"):
             return "code", self._result_of(index, kind, result)
         return "values", result
 
     def _result_of(self, index, kind, outer):
-        """What a return at this `{` returns."""
-        opened = index - 1
-        while self.word(opened) not in (")", "]") and opened > 0 and self.tokens[opened].kind == "word":
-            opened -= 1
-        before = self.word(self.partner.get(opened, 0) - 1)
-        if self.word(opened) == "]" or before == "]":
-            return "return;"
-        if kind == "code":
-            return outer
-        head = self._head(index)
+        """What a return behind this `{` looks like: the function's, or that of a lambda."""
+        last = index - 1
+        while last > 0 and self.tokens[last].kind == "word":
+            last -= 1
+        if "]" in (self.word(last), self.word(self.partner.get(last, 0) - 1)):
+            return "return;"  # a lambda; one with a result does not build
+        return outer if kind == "code" else self._result_of_function(index)
+
+    def _result_of_function(self, index):
         words = []
-        for token in self.tokens[head:index]:
+        for token in self.tokens[self._head(index) : index]:
             if token.text == "(":
                 break
-            words.append(token.text)
-        words = [word for word in words if word not in ("inline", "explicit", "constexpr", "static")]
+            if token.text not in ("inline", "explicit", "constexpr", "static"):
+                words.append(token.text)
         is_constructor = len(words) == 1 or (len(words) > 2 and words[1] == "::" and words[0] == words[-1])
         return "return;" if "void" in words or "~" in words or is_constructor else "return {};"
