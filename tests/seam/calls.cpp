@@ -32,6 +32,7 @@ namespace {
 constexpr int kBacklog = 2147483647;
 constexpr std::uint64_t kFirstSweepMs = 500;
 constexpr std::uint64_t kSweepStepMs = 100;
+constexpr std::uint64_t kHourMs = 3'600'000;
 
 void require(bool right, const char* what) {
   if (right) return;
@@ -90,7 +91,7 @@ int __wrap_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done) {
              : __real_uv_listen(stream, backlog, tell_of_connection);
 }
 
-// The timers that repeat are the sweeps of time-outs.
+// The timers that repeat are the sweeps of time-outs. One that does not can be made to come late.
 int __real_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
                           std::uint64_t repeat);
 int __wrap_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
@@ -99,6 +100,7 @@ int __wrap_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t fir
                           std::uint64_t repeat) {
   require(repeat == 0 || (first == kFirstSweepMs && repeat == kSweepStepMs),
           "the first time and the period of a sweep");
+  if (repeat == 0 && tolk::test::is_next("single timer")) first = kHourMs;
   return fails_now(Chance::call, "uv_timer_start")
              ? UV_EINVAL
              : __real_uv_timer_start(timer, done, first, repeat);

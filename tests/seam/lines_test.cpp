@@ -2,6 +2,7 @@
 // the process when a listener or a sweep begins with other numbers than documented.
 #include <gtest/gtest.h>
 
+#include "tests/e2e/support/process_state.h"
 #include "tests/e2e/support/server_test.h"
 #include "tests/seam/faults.h"
 
@@ -100,6 +101,28 @@ TEST_P(Sweeps, KeepTheirPeriodWhateverStepAClientSets) {
   for (const int step : {1, 7, 100, 5000, 0, -1}) client->SetTimeoutStep(step);
   EXPECT_NE(client->SendMsgFast("echo", nullptr, 1, 20000), nullptr);
   EXPECT_EQ(string_at(server->SendMsg(*newest_id, "m", nullptr, 1, 20000), 0), "here");
+}
+
+class CloseRequest : public ServerTest {};
+TOLK_OVER_TRANSPORTS(CloseRequest);
+
+// The limit of the wait is for a client that neither reads nor ends.
+TEST_P(CloseRequest, OfAClientThatHasEndedIsCarriedOutOnceItHasRead) {
+  const int loops = open_loops();
+  const std::string large(16 << 20, 'x');
+  register_echo();
+  start();
+  RawClient client(address, false);
+  client.socket.send_frame(call_payload("echo", 1, BlockWriter().add(large).bytes()));
+  ASSERT_FALSE(client.socket.is_quiet(kLimit));
+  const Capture capture;
+  const NextFails comes_late("single timer");
+  client.socket.send_frame(call_payload("s_c_close_server", 2));
+  client.socket.end_sending();
+  ASSERT_TRUE(capture.wait_for_line("Server Closed!"));
+  EXPECT_TRUE(client.socket.read_message());
+  EXPECT_TRUE(client.socket.read_message());
+  EXPECT_TRUE(eventually([&] { return open_loops() <= loops; })) << "the server waits on";
 }
 
 }  // namespace
