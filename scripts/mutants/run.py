@@ -68,7 +68,11 @@ SLOW = ":".join(
 )
 # First what is quick to build and to run. The tests wait most of their time, so many run at once.
 STAGES = [
-    Stage("unit", ("tolk_unit_tests",), (Program("tolk_unit_tests", 4),)),
+    Stage(
+        "unit",
+        ("tolk_unit_tests", "tolk_memory_tests"),
+        (Program("tolk_unit_tests", 4), Program("params/tolk_memory_tests", 1)),
+    ),
     Stage("end to end", ("tolk", "tolk_e2e_tests"), (Program.end_to_end("-" + SLOW),)),
     Stage(
         "steps and failures",

@@ -30,6 +30,7 @@ using tolk::test::fails_now;
 namespace {
 
 constexpr int kBacklog = 2147483647;
+constexpr int kFailedConnections = 5;
 constexpr std::uint64_t kFirstSweepMs = 500;
 constexpr std::uint64_t kSweepStepMs = 100;
 constexpr std::uint64_t kHourMs = 3'600'000;
@@ -43,10 +44,12 @@ void require(bool right, const char* what) {
 // The library's; it has one for all listeners.
 constinit std::atomic<uv_connection_cb> connection_cb{nullptr};
 
-// A connection that failed before it could be accepted, just before one that did not.
+// Connections that failed before they could be accepted, just before one that did not: as many as
+// close a listener that has no descriptor for them.
 void tell_of_connection(uv_stream_t* listener, int status) {
   const uv_connection_cb done = connection_cb;
-  if (tolk::test::is_next("connection_cb")) done(listener, UV_ECONNABORTED);
+  const int failed = tolk::test::is_next("connection_cb") ? kFailedConnections : 0;
+  for (int i = 0; i < failed; ++i) done(listener, UV_ECONNABORTED);
   done(listener, status);
 }
 
