@@ -27,6 +27,8 @@ LEFT_OUT = shutil.ignore_patterns("build", ".git", ".cache")
 FIRST_LIMIT_S = 600
 LEAST_LIMIT_S = 20
 LIMIT_FACTOR = 5
+# A stage has done most of its work after this time. What is left waits for an event that does not come.
+BUSY_S = 15
 MEMORY_BYTES = 12 << 30
 FILE_BYTES = 64 << 20
 FAILED_TEST = re.compile(r"^\[  FAILED  \] ([\w/]+\.[\w/]+)", re.M)
@@ -127,21 +129,27 @@ class Run:
         return sorted(set(FAILED_TEST.findall(self.log.read_text(errors="replace"))))
 
 
-def first_failure(runs, limit_s):
-    """The first of the processes that fails, and how; (None, "") when none does."""
-    end = time.monotonic() + limit_s
+def first_failure(runs, limit_s, when_quiet=lambda: None):
+    """The first of the processes that fails, and how; (None, "") when none does. `when_quiet` is called
+    once: at the end, or when those that are left only wait."""
+    begin = time.monotonic()
     try:
         while True:
+            if when_quiet and time.monotonic() > begin + BUSY_S:
+                when_quiet()
+                when_quiet = None
             states = [run.process.poll() for run in runs]
             for run, state in zip(runs, states):
                 if state not in (None, 0):
                     return run, f"signal {-state}" if state < 0 else f"exit status {state}"
             if None not in states:
                 return None, ""
-            if time.monotonic() > end:
+            if time.monotonic() > begin + limit_s:
                 return runs[states.index(None)], "time limit"
             time.sleep(0.02)
     finally:
+        if when_quiet:
+            when_quiet()
         for run in runs:
             run.end()
 
@@ -209,22 +217,25 @@ class Copy:
 
     def _failure(self, stage, notes):
         """How the tests of the stage fail twice, or "". A failure that does not come again is a note."""
-        with self.testing:
-            run, how = first_failure(self._start(stage), self.limits.get(stage, FIRST_LIMIT_S))
-            if run is None:
-                return ""
-            tests = run.failed_tests()
-            if how == "time limit" or how.startswith("signal"):
-                return f"{stage.name}: {how}"
-            if tests:
-                again = [Run([run.command[0], "--gtest_filter=" + ":".join(tests)], {}, run.log.with_suffix(".again"))]
-                if first_failure(again, self.limits.get(stage, FIRST_LIMIT_S))[0]:
-                    return f"{stage.name}: {tests[0]}"
-            run, how = first_failure(self._start(stage), self.limits.get(stage, FIRST_LIMIT_S))
-            if run:
-                return f"{stage.name}: {(run.failed_tests() or [how])[0]}"
-            notes.append(f"failed once in {stage.name}: {(tests or [how])[0]}")
+        run, how = self._first_failure(stage)
+        if run is None:
             return ""
+        tests = run.failed_tests()
+        if how == "time limit" or how.startswith("signal"):
+            return f"{stage.name}: {how}"
+        if tests:
+            again = Run([run.command[0], "--gtest_filter=" + ":".join(tests)], {}, run.log.with_suffix(".again"))
+            if first_failure([again], self.limits.get(stage, FIRST_LIMIT_S))[0]:
+                return f"{stage.name}: {tests[0]}"
+        run, how = self._first_failure(stage)
+        if run:
+            return f"{stage.name}: {(run.failed_tests() or [how])[0]}"
+        notes.append(f"failed once in {stage.name}: {(tests or [how])[0]}")
+        return ""
+
+    def _first_failure(self, stage):
+        self.testing.acquire()
+        return first_failure(self._start(stage), self.limits.get(stage, FIRST_LIMIT_S), self.testing.release)
 
     def _start(self, stage):
         commands = [command for program in stage.programs for command in program.commands(self.build)]
