@@ -86,7 +86,7 @@ STAGES = [
         ("tolk_steps", "tolk_seam"),
         (
             Program("steps/tolk_steps", 0, ("--short-pauses", "--late-ms", "30000", "--sample", "4", "--seed", "1")),
-            Program("seam/tolk_seam", 0, ("--most", "3")),
+            Program("seam/tolk_seam", 0, ("--most", "25")),
         ),
     ),
 ]
