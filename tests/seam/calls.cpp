@@ -44,13 +44,16 @@ void require(bool right, const char* what) {
 // The library's; it has one for all listeners.
 constinit std::atomic<uv_connection_cb> connection_cb{nullptr};
 
-// Connections that failed before they could be accepted, just before one that did not: as many as
-// close a listener that has no descriptor for them.
+// Connections that failed before they could be accepted, just before one that did not, or in place
+// of it: as many as close a listener that has no descriptor for them.
 void tell_of_connection(uv_stream_t* listener, int status) {
   const uv_connection_cb done = connection_cb;
-  const int failed = tolk::test::is_next("connection_cb") ? kFailedConnections : 0;
-  for (int i = 0; i < failed; ++i) done(listener, UV_ECONNABORTED);
-  done(listener, status);
+  const bool none_left = tolk::test::is_next("descriptors");
+  const bool fails = none_left || tolk::test::is_next("connection_cb");
+  for (int i = 0; fails && i < kFailedConnections; ++i) {
+    done(listener, none_left ? UV_EMFILE : UV_ECONNABORTED);
+  }
+  if (!none_left) done(listener, status);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // What is printed when one call of libuv fails, and what goes on afterwards. calls.cpp also ends
 // the process when a listener or a sweep begins with other numbers than documented.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "tests/e2e/support/process_state.h"
 #include "tests/e2e/support/server_test.h"
@@ -55,6 +57,36 @@ TEST_P(FailedAccept, OfConnectionsThatFailedBeforeIsOneLineEach) {
   EXPECT_TRUE(serves(client));
   EXPECT_EQ(capture.lines(), std::vector<std::string>(5, "New client connection error..."));
   EXPECT_EQ(connects.value(), 1) << "of the connection that came after it";
+}
+
+// The port that a socket of this process listens at.
+std::string listening_port() {
+  for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+    int listens = 0;
+    socklen_t size = sizeof listens;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0) continue;
+    sockaddr_in at{};
+    size = sizeof at;
+    if (listens == 0 || getsockname(descriptor, reinterpret_cast<sockaddr*>(&at), &size) != 0) {
+      continue;
+    }
+    return std::to_string(ntohs(at.sin_port));
+  }
+  return "none";
+}
+
+TEST(ListenerWithoutDescriptors, ListensAgainAtThePortThatTheSystemChose) {
+  Address address = fresh_address(Transport::tcp4);
+  address.port = "0";
+  const ServerPtr server = make_server();
+  ASSERT_TRUE(start_server(server.get(), address));
+  address.port = listening_port();
+  {
+    const NextFails next("descriptors");
+    RawClient refused(address, false);
+    EXPECT_TRUE(refused.socket.ended());
+  }
+  EXPECT_TRUE(eventually([&] { return RawSocket::connect_to(address).is_open(); }));
 }
 
 class FailedSetup : public OverTransports {
