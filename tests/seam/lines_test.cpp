@@ -91,6 +91,22 @@ TEST_P(ListenerWithoutDescriptors, ListensAgainWhereItWas) {
   EXPECT_TRUE(eventually([&] { return RawSocket::connect_to(at).is_open(); }));
 }
 
+class CallWithoutWorker : public ServerTest {};
+TOLK_OVER_TRANSPORTS(CallWithoutWorker);
+
+// It has no reply, and its client would wait for one.
+TEST_P(CallWithoutWorker, EndsItsConnection) {
+  register_echo();
+  start();
+  RawClient client(address);
+  ASSERT_TRUE(client.is_greeted());
+  const NextFails next("uv_queue_work");
+  EXPECT_TRUE(client.post("echo"));
+  EXPECT_TRUE(client.socket.ended());
+  RawClient other(address);
+  EXPECT_TRUE(serves(other));
+}
+
 class FailedSetup : public OverTransports {
  protected:
   // What a connect prints in which the next `call` fails.
