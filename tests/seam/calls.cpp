@@ -97,7 +97,7 @@ int __wrap_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done) {
              : __real_uv_listen(stream, backlog, tell_of_connection);
 }
 
-// The timers that repeat are the sweeps of time-outs. One that does not can be made to come late.
+// The timers that repeat are the sweeps of timeouts. One that does not can be made to come late.
 int __real_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
                           std::uint64_t repeat);
 int __wrap_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
