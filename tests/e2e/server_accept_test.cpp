@@ -60,6 +60,18 @@ TEST_P(ServerClients, AcceptLineCountsEveryAcceptOfTheProcess) {
   EXPECT_EQ(capture.lines().back() + "\n", accept_line(accepted + 1, *newest_id, 2));
 }
 
+TEST_P(ServerClients, AcceptLineCountsNoConnectionThatHasEnded) {
+  Capture capture;
+  server->method("s_c_connect", noting_id());
+  start();
+  RawClient leaves = greeted();
+  const int accepted = number_after(capture.lines().back(), "success: ");
+  leaves.socket.close();
+  ASSERT_NE(capture.line_starting("Client Close: "), "");
+  const RawClient stays = greeted();
+  EXPECT_EQ(capture.lines().back() + "\n", accept_line(accepted + 1, *newest_id, 1));
+}
+
 TEST_P(ServerClients, ReadErrorIsPrintedBeforeTheCloseLine) {
   Capture capture;
   server->method("s_c_connect", noting_id());

@@ -98,12 +98,8 @@ TEST(HostLoopThread, StartAfterAFailedListenSucceeds) {
   EXPECT_TRUE(start_server(server.get(), fresh_address(Transport::tcp4)));
 }
 
-TEST(HostLoopThread, SendMsgOnAFormerLoopThreadWaitsItsTurn) {
-  const Address address = fresh_address(Transport::tcp4);
-  {
-    const ServerPtr listener = make_server();
-    ASSERT_TRUE(listener->ListenTcp4(address.host.c_str(), address.port.c_str()));
-  }
+// A call waits until the call of another thread has returned. On a loop thread it would not.
+void expect_this_thread_takes_turns() {
   const ServerPtr server = make_server();
   Gate gate;
   const OpenAtEnd open(gate);
@@ -125,6 +121,25 @@ TEST(HostLoopThread, SendMsgOnAFormerLoopThreadWaitsItsTurn) {
   EXPECT_TRUE(opened) << "its turn came only after the first call";
   opener.join();
   first.join();
+}
+
+TEST(HostLoopThread, SendMsgOnAFormerLoopThreadWaitsItsTurn) {
+  const Address address = fresh_address(Transport::tcp4);
+  {
+    const ServerPtr listener = make_server();
+    ASSERT_TRUE(listener->ListenTcp4(address.host.c_str(), address.port.c_str()));
+  }
+  expect_this_thread_takes_turns();
+}
+
+TEST(HostLoopThread, SendMsgAfterRunWaitsItsTurn) {
+  const Address address = fresh_address(Transport::tcp4);
+  const ServerPtr server = make_server();
+  ASSERT_TRUE(server->ListenTcp4(address.host.c_str(), address.port.c_str()));
+  std::thread closer([&] { server->close(); });
+  server->run();
+  closer.join();
+  expect_this_thread_takes_turns();
 }
 
 }  // namespace

@@ -228,6 +228,17 @@ struct OpenBlock : TolkParams {
   using TolkParams::IntTobytes;
 };
 
+// The keys of a large call fit behind the large record, and little more than that is held.
+TEST(Params, LargeRecordHasRoomForSmallOnesBehindIt) {
+  TolkParams block;
+  const std::string large(4 << 20, 'x');
+  block.AddStream(large.data(), static_cast<long>(large.size()));
+  const std::size_t capacity = block.GetParamas()->capacity();
+  EXPECT_LE(capacity, large.size() + 8192);
+  block.AddKeyValueString("key", std::string(4000, 'y').c_str());
+  EXPECT_EQ(block.GetParamas()->capacity(), capacity);
+}
+
 TEST(Params, DerivedBlocksCanWriteRecordsByHand) {
   OpenBlock block;
   block.GetParamas()->push_back('\0');

@@ -32,6 +32,16 @@ TEST(Generation, IsAnotherAgainInAGrandchild) {
   EXPECT_EQ(child.wait(), 1);
 }
 
+// Each registration for forks takes memory, and a child counts as many steps as there are.
+TEST(Generation, AskingAgainRegistersNothingMore) {
+  const auto steps_of_a_fork = [mine = generation()] {
+    return ChildProcess([&] { return static_cast<int>(generation() - mine); }).wait();
+  };
+  const int before = steps_of_a_fork();
+  for (int i = 0; i < 10; ++i) generation();
+  EXPECT_EQ(steps_of_a_fork(), before);
+}
+
 TEST(Generation, ChildThatAsksFirstAgreesWithItself) {
   EXPECT_EQ(ChildProcess([] { return generation() == generation(); }).wait(), 1);
 }

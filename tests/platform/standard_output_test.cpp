@@ -194,4 +194,16 @@ TEST(StandardOutput, NothingIsLostWhenThreadsFillTheQueue) {
   EXPECT_EQ(out.text().size(), 80 * piece_bytes);
 }
 
+// A piece that has been written takes no room any more.
+TEST(StandardOutput, NothingIsDroppedHoweverMuchWasLeftBefore) {
+  WholeTextBuffer buffer;
+  const RedirectedStdout redirected(buffer);
+  const std::string left(platform::kMostBytesLeft / 2, 'x');
+  buffer.on_insertion = [&](const std::string& text) {
+    if (text == "outer\n") platform::print(left);
+  };
+  for (int i = 0; i < 5; ++i) platform::print_line("outer");
+  EXPECT_EQ(buffer.text().size(), 5 * (left.size() + 6));
+}
+
 }  // namespace

@@ -115,5 +115,31 @@ TEST(SignalsBlocked, WriteToAClosedPeerIsAnError) {
   close(ends[1]);
 }
 
+TEST(BrokenPipeBlocked, WriteToAClosedPeerIsAnErrorAndNoSignalIsLeft) {
+  {
+    const BrokenPipeBlocked blocked;
+    EXPECT_TRUE(is_blocked(SIGPIPE));
+    EXPECT_FALSE(is_blocked(SIGALRM));
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    close(ends[0]);
+    EXPECT_EQ(write(ends[1], "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    close(ends[1]);
+  }
+  EXPECT_FALSE(is_blocked(SIGPIPE));
+}
+
+TEST(BrokenPipeBlocked, SignalThatTheHostHadBlockedStaysBlocked) {
+  std::thread([] {
+    sigset_t pipe_alone;
+    sigemptyset(&pipe_alone);
+    sigaddset(&pipe_alone, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_alone, nullptr);
+    { const BrokenPipeBlocked blocked; }
+    EXPECT_TRUE(is_blocked(SIGPIPE));
+  }).join();
+}
+
 }  // namespace
 }  // namespace tolk::platform

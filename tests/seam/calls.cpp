@@ -30,8 +30,10 @@ using tolk::test::fails_now;
 namespace {
 
 constexpr int kBacklog = 2147483647;
+constexpr int kFailedConnections = 5;
 constexpr std::uint64_t kFirstSweepMs = 500;
 constexpr std::uint64_t kSweepStepMs = 100;
+constexpr std::uint64_t kHourMs = 3'600'000;
 
 void require(bool right, const char* what) {
   if (right) return;
@@ -42,11 +44,16 @@ void require(bool right, const char* what) {
 // The library's; it has one for all listeners.
 constinit std::atomic<uv_connection_cb> connection_cb{nullptr};
 
-// A connection that failed before it could be accepted, just before one that did not.
+// Connections that failed before they could be accepted, just before one that did not, or in place
+// of it: as many as close a listener that has no descriptor for them.
 void tell_of_connection(uv_stream_t* listener, int status) {
   const uv_connection_cb done = connection_cb;
-  if (tolk::test::is_next("connection_cb")) done(listener, UV_ECONNABORTED);
-  done(listener, status);
+  const bool none_left = tolk::test::is_next("descriptors");
+  const bool fails = none_left || tolk::test::is_next("connection_cb");
+  for (int i = 0; fails && i < kFailedConnections; ++i) {
+    done(listener, none_left ? UV_EMFILE : UV_ECONNABORTED);
+  }
+  if (!none_left) done(listener, status);
 }
 
 }  // namespace
@@ -90,7 +97,7 @@ int __wrap_uv_listen(uv_stream_t* stream, int backlog, uv_connection_cb done) {
              : __real_uv_listen(stream, backlog, tell_of_connection);
 }
 
-// The timers that repeat are the sweeps of timeouts.
+// The timers that repeat are the sweeps of timeouts. One that does not can be made to come late.
 int __real_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
                           std::uint64_t repeat);
 int __wrap_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t first,
@@ -99,6 +106,7 @@ int __wrap_uv_timer_start(uv_timer_t* timer, uv_timer_cb done, std::uint64_t fir
                           std::uint64_t repeat) {
   require(repeat == 0 || (first == kFirstSweepMs && repeat == kSweepStepMs),
           "the first time and the period of a sweep");
+  if (repeat == 0 && tolk::test::is_next("single timer")) first = kHourMs;
   return fails_now(Chance::call, "uv_timer_start")
              ? UV_EINVAL
              : __real_uv_timer_start(timer, done, first, repeat);

@@ -1,7 +1,10 @@
 // What is printed when one call of libuv fails, and what goes on afterwards. calls.cpp also ends
 // the process when a listener or a sweep begins with other numbers than documented.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include "tests/e2e/support/process_state.h"
 #include "tests/e2e/support/server_test.h"
 #include "tests/seam/faults.h"
 
@@ -45,15 +48,63 @@ TEST_P(FailedAccept, IsPrintedAtLevelZero) {
   EXPECT_TRUE(capture.wait_for_line("Accept error... ."));
 }
 
-// The error comes before a connection can be accepted: there is nothing to tell a hook of.
-TEST_P(FailedAccept, OfAConnectionThatFailedBeforeIsOneLine) {
+// The errors come before a connection can be accepted: there is nothing to tell a hook of.
+TEST_P(FailedAccept, OfConnectionsThatFailedBeforeIsOneLineEach) {
   server->log(nullptr, 0);
   Capture capture;
   const NextFails next("connection_cb");
   RawClient client(address);
   EXPECT_TRUE(serves(client));
-  EXPECT_EQ(capture.text(), "New client connection error...\n");
+  EXPECT_EQ(capture.lines(), std::vector<std::string>(5, "New client connection error..."));
   EXPECT_EQ(connects.value(), 1) << "of the connection that came after it";
+}
+
+// The port that a socket of this process listens at.
+std::string listening_port() {
+  for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+    int listens = 0;
+    socklen_t size = sizeof listens;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0) continue;
+    sockaddr_in6 at{};  // the port of an IPv4 address is at the same place
+    size = sizeof at;
+    if (listens == 0 || getsockname(descriptor, reinterpret_cast<sockaddr*>(&at), &size) != 0) {
+      continue;
+    }
+    return std::to_string(ntohs(at.sin6_port));
+  }
+  return "none";
+}
+
+class ListenerWithoutDescriptors : public ServerTest {};
+TOLK_OVER_TRANSPORTS(ListenerWithoutDescriptors);
+
+TEST_P(ListenerWithoutDescriptors, ListensAgainWhereItWas) {
+  Address at = address;
+  if (!is_pipe()) at.port = "0";
+  ASSERT_TRUE(start_server(server.get(), at));
+  if (!is_pipe()) at.port = listening_port();
+  {
+    const NextFails next("descriptors");
+    RawClient refused(at, false);
+    EXPECT_TRUE(refused.socket.ended());
+  }
+  EXPECT_TRUE(eventually([&] { return RawSocket::connect_to(at).is_open(); }));
+}
+
+class CallWithoutWorker : public ServerTest {};
+TOLK_OVER_TRANSPORTS(CallWithoutWorker);
+
+// It has no reply, and its client would wait for one.
+TEST_P(CallWithoutWorker, EndsItsConnection) {
+  register_echo();
+  start();
+  RawClient client(address);
+  ASSERT_TRUE(client.is_greeted());
+  const NextFails next("uv_queue_work");
+  EXPECT_TRUE(client.post("echo"));
+  EXPECT_TRUE(client.socket.ended());
+  RawClient other(address);
+  EXPECT_TRUE(serves(other));
 }
 
 class FailedSetup : public OverTransports {
@@ -100,6 +151,28 @@ TEST_P(Sweeps, KeepTheirPeriodWhateverStepAClientSets) {
   for (const int step : {1, 7, 100, 5000, 0, -1}) client->SetTimeoutStep(step);
   EXPECT_NE(client->SendMsgFast("echo", nullptr, 1, 20000), nullptr);
   EXPECT_EQ(string_at(server->SendMsg(*newest_id, "m", nullptr, 1, 20000), 0), "here");
+}
+
+class CloseRequest : public ServerTest {};
+TOLK_OVER_TRANSPORTS(CloseRequest);
+
+// The limit of the wait is for a client that neither reads nor ends.
+TEST_P(CloseRequest, OfAClientThatHasEndedIsCarriedOutOnceItHasRead) {
+  const int loops = open_loops();
+  const std::string large(16 << 20, 'x');
+  register_echo();
+  start();
+  RawClient client(address, false);
+  client.socket.send_frame(call_payload("echo", 1, BlockWriter().add(large).bytes()));
+  ASSERT_FALSE(client.socket.is_quiet(kLimit));
+  const Capture capture;
+  const NextFails comes_late("single timer");
+  client.socket.send_frame(call_payload("s_c_close_server", 2));
+  client.socket.end_sending();
+  ASSERT_TRUE(capture.wait_for_line("Server Closed!"));
+  EXPECT_TRUE(client.socket.read_message());
+  EXPECT_TRUE(client.socket.read_message());
+  EXPECT_TRUE(eventually([&] { return open_loops() <= loops; })) << "the server waits on";
 }
 
 }  // namespace

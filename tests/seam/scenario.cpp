@@ -196,7 +196,8 @@ std::string Scenario::play() {
   const bool connected =
       started && operation([&] { return connect_client(side.client.get(), side.address); });
   std::string trouble;
-  if (connected) trouble = call_both_ways(operation, side);
+  if (connected && !side.client->isok()) trouble = "a connect says what is not true";
+  if (connected && trouble.empty()) trouble = call_both_ways(operation, side);
   const std::string at_the_end = end(operation, side);
   return trouble.empty() ? at_the_end : trouble;
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <set>
@@ -180,6 +181,17 @@ TEST_F(Log, SinkThatStaysTheHostsIsNotLetGo) {
   logger.drop_deleted_sink();
   logger.plain("line\n");
   EXPECT_EQ(sink.lines.size(), 1u);
+}
+
+// The end waits up to a second for a sink that is being called.
+TEST_F(Log, IdleSinkDoesNotHoldUpItsEnd) {
+  install(&sink);
+  logger.plain("line\n");
+  const auto begin = std::chrono::steady_clock::now();
+  logger.end_sink();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  logger.plain("after the end\n");
+  EXPECT_EQ(sink.lines, std::vector<std::string>{"line\n"});
 }
 
 TEST_F(Log, LinesOfManyThreadsStayWhole) {

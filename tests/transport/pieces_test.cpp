@@ -134,6 +134,12 @@ TEST_F(Pieces, BlockBeyondThe32BitTotalIsNotSentAtAll) {
   EXPECT_FALSE(sent);
 }
 
+TEST_F(Pieces, LargestTotalOf32BitsFits) {
+  const std::size_t largest = std::numeric_limits<std::int32_t>::max();
+  EXPECT_TRUE(tolk::fits_pieces(std::string_view("", largest)));
+  EXPECT_FALSE(tolk::fits_pieces(std::string_view("", largest + 1)));
+}
+
 TEST_F(Pieces, EndOfReadingIsToldBeforeTheLastPiece) {
   tolk::piece_bytes() = 10;
   std::string block = pattern(25);

@@ -110,6 +110,17 @@ TEST_F(Results, ContentThatTheHostTouchedStaysUntilItsBlockGoes) {
   EXPECT_EQ(owners_beside(copy), 1u);
 }
 
+TEST_F(Results, OldestOfNineTouchedContentsIsReleased) {
+  table.store(5, payload(0));
+  TolkParams copy(*table.find(5));
+  for (int i = 0; i <= static_cast<int>(ResultTable::kRetained); ++i) {
+    EXPECT_EQ(owners_beside(copy), 2u) << i;
+    table.store(5, payload(i + 1));
+    EXPECT_EQ(number_in(table.find(5)), i + 1);
+  }
+  EXPECT_EQ(owners_beside(copy), 1u);
+}
+
 TEST_F(Results, OwnedPayloadIsStoredLikeAnyOther) {
   table.store_owned(5, payload(1));
   TolkParams* const block = table.find(5);
