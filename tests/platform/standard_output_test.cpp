@@ -198,7 +198,7 @@ TEST(StandardOutput, NothingIsLostWhenThreadsFillTheQueue) {
 TEST(StandardOutput, NothingIsDroppedHoweverMuchWasLeftBefore) {
   WholeTextBuffer buffer;
   const RedirectedStdout redirected(buffer);
-  const std::string left(platform::kMostBytesLeft / 2, 'x');
+  const std::string left(platform::kMaxQueuedBytes / 2, 'x');
   buffer.on_insertion = [&](const std::string& text) {
     if (text == "outer\n") platform::print(left);
   };
