@@ -39,6 +39,31 @@ TEST_P(FailedAccept, IsOneLineAndTheHookHasBeenCalled) {
   EXPECT_EQ(server->GetClientCount(), 1);
 }
 
+// Two connections that there is no handle for, in one turn of the loop: each is hung up on, and the
+// next one is served.
+TEST(FailedAccepts, InOneTurnOfTheLoopAreAllHungUpOn) {
+  const Address address = fresh_address(Transport::tcp4);
+  const ServerPtr server = make_server();
+  Gate gate;
+  const OpenAtEnd open(gate);
+  std::atomic<int> left{2};
+  std::optional<NextFails> next;
+  server->method("echo", answering("ping"));
+  server->method("s_c_connect", on_call([&](int, TolkParams*, TolkParams*) {
+                   gate.pass();
+                   if (left-- > 0) next.emplace("uv_tcp_init");
+                 }));
+  ASSERT_TRUE(start_server(server.get(), address));
+  RawClient first(address, false);
+  ASSERT_TRUE(gate.wait_entered());
+  RawClient second(address, false);
+  gate.open();
+  EXPECT_TRUE(first.socket.ended());
+  EXPECT_TRUE(second.socket.ended());
+  RawClient third(address);
+  EXPECT_TRUE(third.is_greeted());
+}
+
 // Also where only the lines that are always printed are wanted.
 TEST_P(FailedAccept, IsPrintedAtLevelZero) {
   server->log(nullptr, 0);

@@ -1,0 +1,214 @@
+// One connected stream over a pair of sockets. The test is the peer, the session and the side.
+#include "transport/peer_stream.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <tests/platform/captured_stdout.h>
+#include <tests/transport/event.h>
+#include <unistd.h>
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using tolk::Envelope;
+using tolk::Frame;
+using tolk::IncomingCall;
+using tolk::PeerStream;
+using tolk::test::CapturedStdout;
+using Events = std::vector<std::string>;
+
+Frame call() { return tolk::call_frame("m", 7, std::nullopt, std::nullopt); }
+Frame reply() { return tolk::server_reply_frame("", 7, std::nullopt); }
+
+class Side final : public tolk::MessageSide {
+ public:
+  explicit Side(Events& log) : log_(log) {}
+
+  bool accepts_malformed() const override { return malformed_counts; }
+  void on_message_without_name() TOLK_LOOP override { log_.emplace_back("no name"); }
+  void on_reply(const Envelope& envelope, std::string_view) TOLK_LOOP override {
+    log_.push_back("reply " + std::to_string(envelope.call_id.value_or(0)));
+  }
+  std::optional<Frame> answer(int, IncomingCall& call) TOLK_WORKER override {
+    called = call.name;
+    return answers();
+  }
+  void on_reply_refused() TOLK_LOOP override { log_.emplace_back("refused"); }
+
+  bool malformed_counts = false;
+  std::string called;
+  std::function<std::optional<Frame>()> answers = [] { return reply(); };
+
+ private:
+  Events& log_;
+};
+
+class Owner final : public tolk::StreamOwner {
+ public:
+  explicit Owner(Events& log) : side_(std::make_shared<Side>(log)), log_(log) {}
+
+  tolk::MessageSide& side() override { return *side_; }
+  uv_loop_t* loop() TOLK_LOOP override { return &loop_; }
+  void check_loop_thread() const TOLK_ASSERTS(tolk::loop_role) override {}
+  void on_first_read(PeerStream&) TOLK_LOOP override { log_.emplace_back("first read"); }
+  void on_stream_end(PeerStream& stream, int status) TOLK_LOOP override {
+    log_.push_back(std::string("end ") + uv_err_name(status));
+    stream.close();
+  }
+  bool takes_messages() const override { return true; }
+  bool begins_calls() const override { return begins; }
+
+  bool begins = true;
+  uv_loop_t loop_{};
+  const std::shared_ptr<Side> side_;
+
+ private:
+  Events& log_;
+};
+
+class ConnectedStream : public testing::Test {
+ protected:
+  void SetUp() override {
+    tolk::enter_loop();
+    uv_loop_init(&owner->loop_);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets.data()), 0);
+    ASSERT_EQ(stream.init(false), 0);
+    ASSERT_EQ(uv_pipe_open(&stream.handle().pipe, sockets[0]), 0);
+    ASSERT_EQ(stream.start_reading(), 0);
+  }
+  void TearDown() override {
+    tolk::enter_loop();
+    hang_up();
+    stream.close();
+    uv_run(&owner->loop_, UV_RUN_DEFAULT);
+    EXPECT_EQ(uv_loop_close(&owner->loop_), 0);
+  }
+
+  void peer_sends(const std::string& bytes) const {
+    ASSERT_EQ(::write(sockets[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+  void peer_sends(const Frame& frame) const { peer_sends(std::string(frame.bytes())); }
+  void hang_up() {
+    if (sockets[1] >= 0) ::close(sockets[1]);
+    sockets[1] = -1;
+  }
+  // Until the stream has ended, or what is under way is done.
+  void run_until(const std::function<bool()>& done) {
+    while (!done()) uv_run(&owner->loop_, UV_RUN_ONCE);
+  }
+  void run_until_end() {
+    hang_up();
+    run_until([this] { return !log.empty() && log.back().starts_with("end"); });
+  }
+  std::string peer_reads() const {
+    std::array<char, 256> bytes{};
+    const ssize_t count = ::read(sockets[1], bytes.data(), bytes.size());
+    return {bytes.data(), static_cast<std::size_t>(count > 0 ? count : 0)};
+  }
+
+  // On the worker: not before the test allows it.
+  Frame late_reply() {
+    may_answer.wait();
+    return reply();
+  }
+
+  tolk::test::Event may_answer;
+  Events log;
+  const std::shared_ptr<Owner> owner = std::make_shared<Owner>(log);
+  Side& side = *owner->side_;
+  PeerStream stream{*owner};
+  std::array<int, 2> sockets{-1, -1};
+};
+
+TEST_F(ConnectedStream, TellsItsFirstReadOnceThenRepliesInOrderThenItsEnd) {
+  peer_sends(std::string(reply().bytes()) + std::string(reply().bytes()));
+  run_until([this] { return log.size() == 3; });
+  run_until_end();
+  EXPECT_EQ(log, (Events{"first read", "reply 7", "reply 7", "end EOF"}));
+}
+
+TEST_F(ConnectedStream, EndIsAFirstReadToo) {
+  run_until_end();
+  EXPECT_EQ(log, (Events{"first read", "end EOF"}));
+}
+
+TEST_F(ConnectedStream, MessageWithoutANameIsTold) {
+  peer_sends(Frame::copy_of(""));
+  run_until_end();
+  EXPECT_EQ(log, (Events{"first read", "no name", "end EOF"}));
+}
+
+TEST_F(ConnectedStream, MalformedMessageCountsWhereTheSideAcceptsIt) {
+  const std::string malformed = std::string(reply().bytes().substr(Frame::kPrefixBytes)) + '\x08';
+  peer_sends(Frame::copy_of(malformed));
+  run_until([this] { return !log.empty(); });
+  EXPECT_EQ(log, (Events{"first read"}));
+  side.malformed_counts = true;
+  peer_sends(Frame::copy_of(malformed));
+  run_until_end();
+  EXPECT_EQ(log, (Events{"first read", "reply 7", "end EOF"}));
+}
+
+TEST_F(ConnectedStream, CallIsAnsweredByAWorkerAndWrittenByTheLoop) {
+  peer_sends(call());
+  run_until([this] { return side.called == "m" && uv_loop_alive(&owner->loop_) != 0; });
+  run_until([this] { return owner.use_count() == 1; });
+  EXPECT_EQ(peer_reads(), reply().bytes());
+}
+
+TEST_F(ConnectedStream, CallThatMayNotBeginIsDropped) {
+  owner->begins = false;
+  peer_sends(call());
+  run_until([this] { return !log.empty(); });
+  run_until([this] { return owner.use_count() == 1; });
+  EXPECT_EQ(side.called, "");
+}
+
+// The peer must not wait for a reply that nobody can make.
+TEST_F(ConnectedStream, EndsWhenAReplyCannotBeMadeForLackOfMemory) {
+  side.answers = []() -> std::optional<Frame> { throw std::bad_alloc(); };
+  peer_sends(call());
+  run_until([this] { return log.size() == 2; });
+  EXPECT_EQ(log, (Events{"first read", "end ENOMEM"}));
+}
+
+TEST_F(ConnectedStream, LateReplyToAStreamThatIsClosedIsToldToTheSide) {
+  const CapturedStdout out;
+  side.answers = [this] { return late_reply(); };
+  peer_sends(call());
+  run_until([this] { return !log.empty(); });
+  {
+    tolk::enter_loop();
+    stream.close();
+  }
+  may_answer.set();
+  run_until([this] { return owner.use_count() == 1; });
+  EXPECT_EQ(log, (Events{"first read", "refused"}));
+  EXPECT_EQ(out.text(), "write error\n");
+}
+
+TEST_F(ConnectedStream, MutedOneDropsLateRepliesAndWhatItReads) {
+  const CapturedStdout out;
+  side.answers = [this] { return late_reply(); };
+  peer_sends(call());
+  run_until([this] { return !log.empty(); });
+  {
+    tolk::enter_loop();
+    stream.mute();
+  }
+  may_answer.set();
+  run_until([this] { return owner.use_count() == 1; });
+  peer_sends(reply());
+  run_until_end();
+  EXPECT_EQ(log, (Events{"first read", "end EOF"}));
+  EXPECT_EQ(out.text(), "");
+}
+
+}  // namespace

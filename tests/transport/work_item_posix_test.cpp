@@ -1,0 +1,40 @@
+// What becomes of work at the exit of the process.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "tests/child_process.h"
+#include "transport/process_exit.h"
+#include "transport/work_item.h"
+
+namespace tolk::test {
+namespace {
+
+class Counted final : public WorkItem {
+ public:
+  explicit Counted(int& freed) : freed_(freed) {}
+  ~Counted() override { ++freed_; }
+
+ private:
+  void run() TOLK_WORKER override {}
+  void end() TOLK_LOOP override {}
+  void fail() TOLK_LOOP override {}
+
+  int& freed_;
+};
+
+// libuv may have destroyed the lock of its queue by then: nothing is enqueued any more.
+TEST(WorkAtExit, IsDroppedWhenTheExitHasBegun) {
+  ChildProcess child([] {
+    uv_loop_t loop;
+    uv_loop_init(&loop);
+    int freed = 0;
+    note_process_exit();
+    WorkItem::begin(&loop, std::make_unique<Counted>(freed));
+    return freed == 1 && uv_loop_alive(&loop) == 0 ? 0 : 1;
+  });
+  EXPECT_EQ(child.wait(), 0);
+}
+
+}  // namespace
+}  // namespace tolk::test
