@@ -62,6 +62,10 @@ TEST(FailedAccepts, InOneTurnOfTheLoopAreAllHungUpOn) {
   EXPECT_TRUE(second.socket.ended());
   RawClient third(address);
   EXPECT_TRUE(third.is_greeted());
+  // That is all: the spare handle is not opened again and again.
+  const Faults counts_calls(Chance::call, Mode::once, 1 << 30);
+  for (int id = 1; id <= 20; ++id) EXPECT_TRUE(third.call("echo", id));
+  EXPECT_LT(Faults::met(), 200);
 }
 
 // Also where only the lines that are always printed are wanted.
