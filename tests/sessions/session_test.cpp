@@ -8,6 +8,7 @@
 #include <chrono>
 #include <memory>
 #include <new>
+#include <ostream>
 #include <thread>
 #include <vector>
 
@@ -55,6 +56,12 @@ struct Step {
   Phase next;
   bool follows;
 };
+
+// Otherwise its bytes are printed, the padding too.
+void PrintTo(const Step& step, std::ostream* out) {
+  for (const Phase phase : step.way) *out << static_cast<int>(phase) << ' ';
+  *out << "then " << static_cast<int>(step.next);
+}
 
 class PhaseOrder : public testing::TestWithParam<Step> {};
 
