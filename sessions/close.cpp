@@ -9,10 +9,9 @@
 //          not. Queued posts are refused, handles close, all waiting calls wake. Calls that the
 //          server had queued still begin.
 // Either way:
-//   [loop] The loop runs until the handles are closed; it does not wait for handlers. The side
-//   waits
-//          10 ms, wakes all calls and releases the handlers. Phase ended: close(), connect and
-//          DestroyClient go on. The loop runs until no worker needs it, and is closed.
+//   [loop] The loop runs until its handles are closed; it does not wait for handlers. The side
+//          waits 10 ms, wakes all calls and releases the handlers. Phase ended: close(), connect
+//          and DestroyClient go on. The loop runs until no worker needs it, and is closed.
 //
 // A host closes its server:
 //   [host] close() enters close_asked, releases the handlers, wakes the loop thread and waits for

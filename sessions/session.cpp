@@ -82,7 +82,6 @@ void Session::run_thread() {
     body();
   });
   finish_loop();
-  leave_thread();
 }
 
 void Session::adopt_this_thread() { owner_thread_ = std::this_thread::get_id(); }
