@@ -146,6 +146,15 @@ std::string TolkParamsAccess::take_bytes(TolkParams& block) {
   return held.owners == 1 ? std::move(held.buffer) : held.buffer;
 }
 
+tolk::SharedBytes TolkParamsAccess::share_bytes(const TolkParams& block) {
+  const auto copy = std::make_shared<const std::string>(bytes(block));
+  return {copy, *copy};
+}
+
+bool TolkParamsAccess::parse_shared(TolkParams& block, const tolk::SharedBytes& bytes) {
+  return parse_owned(block, std::string(bytes.view));
+}
+
 TolkParamsAccess::ContentRef TolkParamsAccess::parsed(std::string_view bytes) {
   ContentRef fresh(new Content);
   fresh.get()->parse(std::string(bytes));

@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "params/shared_bytes.h"
+
 class TolkValue;
 
 struct TolkParams::Content {
@@ -99,6 +101,13 @@ struct TolkParamsAccess {
   static bool parse_owned(TolkParams& block, std::string bytes) {
     return content(block).parse(std::move(bytes));
   }
+
+  // The encoded bytes of a block, for as long as they are held, even if the block is changed or
+  // destroyed.
+  static tolk::SharedBytes share_bytes(const TolkParams& block);
+
+  // TolkParams::Parser of bytes that stay where they are for as long as the block needs them.
+  static bool parse_shared(TolkParams& block, const tolk::SharedBytes& bytes);
 
   // A new content with the values of `bytes`, up to the first malformed record.
   static ContentRef parsed(std::string_view bytes);

@@ -1,0 +1,16 @@
+// Bytes that several holders read and nobody changes: a received message, or the encoded bytes of a
+// block that is being written.
+// Thread: any. Owner: the last holder of `owner` frees the bytes. Failure: none.
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+namespace tolk {
+
+struct SharedBytes {
+  std::shared_ptr<const void> owner;
+  std::string_view view;
+};
+
+}  // namespace tolk
