@@ -7,7 +7,6 @@
 #include "platform/guarded.h"
 #include "transport/frame_writer.h"
 #include "transport/pause_point.h"
-#include "transport/work_item.h"
 
 namespace tolk {
 namespace {
@@ -33,7 +32,7 @@ class CallItem final : public WorkItem {
         call_(envelope) {}
 
  private:
-  void run() TOLK_WORKER override {
+  void work() TOLK_WORKER override {
     if (!owner_->begins_calls()) return;
     TOLK_PAUSE_POINT("worker.before_handler");
     reply_ = side_->answer(stream_.id(), call_);
@@ -88,6 +87,7 @@ void PeerStream::on_read_cb(uv_stream_t* stream, ssize_t count, const uv_buf_t* 
   const std::unique_ptr<char, FreeReadBuffer> freed_at_the_end(buffer->base);
   auto* const self = static_cast<PeerStream*>(stream->data);
   self->owner_.check_loop_thread();
+  self->owner_.note_sign_of_life();
   self->on_read(count, buffer->base);
 }
 
@@ -121,7 +121,7 @@ void PeerStream::on_message(std::string_view payload) {
   if (!envelope.name) return side.on_message_without_name();
   if (envelope.is_reply()) return side.on_reply(envelope, payload);
   if (side.answers_on_loop(*this, envelope)) return;
-  WorkItem::begin(owner_.loop(), std::make_unique<CallItem>(*this, envelope));
+  owner_.begin_work(std::make_unique<CallItem>(*this, envelope));
 }
 
 }  // namespace tolk
