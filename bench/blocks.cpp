@@ -118,7 +118,7 @@ void read_small_frames(benchmark::State& state) {
     std::size_t frames = 0;
     for (std::string_view rest = stream; !rest.empty();
          rest.remove_prefix(std::min(kReadBytes, rest.size()))) {
-      reader.feed(rest.substr(0, kReadBytes), [&](std::string_view) { return ++frames > 0; });
+      reader.feed(rest.substr(0, kReadBytes), [&](const auto&) { return ++frames > 0; });
     }
     if (frames != expected) state.SkipWithError("frames were lost");
   }

@@ -77,7 +77,7 @@ class ClientSide final : public ClientEvents {
   // Messages (receive.cpp).
   bool accepts_malformed() const override { return false; }
   void on_message_without_name() TOLK_LOOP override;
-  void on_reply(const Envelope& envelope, std::string_view payload) TOLK_LOOP override;
+  void on_reply(const Envelope& envelope, const SharedBytes& payload) TOLK_LOOP override;
   std::optional<Frame> answer(int peer, IncomingCall& call) TOLK_WORKER override;
   void on_reply_refused() TOLK_LOOP override;
 

@@ -58,7 +58,7 @@ class RecvLargeDataClient final : public IServerMethod {
     auto joined = pieces_.add(*in);
     if (!joined) return;
     const int call_id = joined->call_id;
-    owner_.large_results.store_owned(call_id, std::move(joined->bytes));
+    owner_.large_results.store(call_id, std::exchange(joined->bytes, {}));
     large_wait().post(call_id);
   }
 

@@ -13,7 +13,7 @@ namespace tolk {
 
 void ClientSide::on_message_without_name() { platform::print_line("event empty!"); }
 
-void ClientSide::on_reply(const Envelope& envelope, std::string_view payload) {
+void ClientSide::on_reply(const Envelope& envelope, const SharedBytes& payload) {
   take_reply(client_waits(), results, envelope, payload);
 }
 
@@ -26,7 +26,9 @@ std::optional<Frame> ClientSide::answer(int peer, IncomingCall& call) {
   if (!method) return no_method_frame();
   TolkParams arguments;
   TolkParams out;
-  if (call.arguments) TolkParamsAccess::parse_owned(arguments, std::move(*call.arguments));
+  if (call.arguments) {
+    TolkParamsAccess::parse_shared(arguments, *std::exchange(call.arguments, std::nullopt));
+  }
   logger.run_handler(call.name, method, [&] { method->callback(peer, &arguments, &out); });
   return client_reply_frame(TolkParamsAccess::take_bytes(out), call.call_id, call.token);
 }

@@ -34,7 +34,7 @@ class RecvLargeDataServer final : public IServerMethod {
  private:
   void out_of_pieces(int client_id, PieceAssembler::Joined& joined, TolkParams* out) {
     TolkParams call;
-    const bool parsed = TolkParamsAccess::parse_owned(call, std::move(joined.bytes));
+    const bool parsed = TolkParamsAccess::parse_shared(call, std::exchange(joined.bytes, {}));
     const auto name = read::text(call.GetMap(kKeyName));
     if (!parsed || !name) return out->AddInt(kMalformed);
     out->AddInt(kComplete);

@@ -17,7 +17,7 @@ namespace tolk {
 
 void ServerSide::on_message_without_name() { platform::print_line("event empty!"); }
 
-void ServerSide::on_reply(const Envelope& envelope, std::string_view payload) {
+void ServerSide::on_reply(const Envelope& envelope, const SharedBytes& payload) {
   take_reply(server_waits(), results, envelope, payload);
 }
 
@@ -37,7 +37,9 @@ bool ServerSide::answers_on_loop(PeerStream& stream, const Envelope& envelope) {
 std::optional<Frame> ServerSide::answer(int peer, IncomingCall& call) {
   TolkParams arguments;
   TolkParams out;
-  if (call.arguments) TolkParamsAccess::parse_owned(arguments, std::move(*call.arguments));
+  if (call.arguments) {
+    TolkParamsAccess::parse_shared(arguments, *std::exchange(call.arguments, std::nullopt));
+  }
   if (!dispatch(peer, call.name, &arguments, &out)) return std::nullopt;
   return server_reply_frame(TolkParamsAccess::take_bytes(out), call.call_id, call.token);
 }

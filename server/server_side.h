@@ -71,7 +71,7 @@ class ServerSide final : public ServerEvents {
   // Messages (receive.cpp).
   bool accepts_malformed() const override { return true; }
   void on_message_without_name() TOLK_LOOP override;
-  void on_reply(const Envelope& envelope, std::string_view payload) TOLK_LOOP override;
+  void on_reply(const Envelope& envelope, const SharedBytes& payload) TOLK_LOOP override;
   bool answers_on_loop(PeerStream& stream, const Envelope& envelope) TOLK_LOOP override;
   std::optional<Frame> answer(int peer, IncomingCall& call) TOLK_WORKER override;
   bool dispatch_unknown(int client_id, const std::string& name, TolkParams* arguments,

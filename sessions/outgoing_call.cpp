@@ -69,7 +69,12 @@ struct Written {
 
 OutgoingCall::OutgoingCall(int to, const char* method, const TolkParams* params, int threadid)
     : peer(to), name(text_of(method)), call_id(call_id_or_own(threadid)) {
-  if (params != nullptr) arguments = TolkParamsAccess::bytes(*params);
+  if (params == nullptr) return;
+  arguments = TolkParamsAccess::bytes(*params);
+  if (arguments->size() < Frame::kTakeOverBytes) return;
+  SharedBytes shared = TolkParamsAccess::share_bytes(*params);
+  arguments = shared.view;
+  owner = std::move(shared.owner);
 }
 
 int call_id_or_own(int asked) { return asked != 0 ? asked : platform::own_call_id(); }
@@ -79,7 +84,7 @@ void call_and_wait(Session& session, WaitList& waits, ResultTable& results, OldR
   timeout_sem record(limit_ms);
   // Encoded before the old result goes: a host may pass that very block as its arguments. And
   // before the record is stamped: the timeout does not cover encoding.
-  Frame frame = call_frame(call.name, call.call_id, call.arguments, record.token);
+  Frame frame = call_frame(call.name, call.call_id, call.arguments, record.token, call.owner);
   if (old == OldResult::drop) {
     results.drop(call.call_id);
   } else {
@@ -97,9 +102,9 @@ void call_and_wait(Session& session, WaitList& waits, ResultTable& results, OldR
 }
 
 void take_reply(WaitList& waits, ResultTable& results, const Envelope& reply,
-                std::string_view payload) {
+                const SharedBytes& payload) {
   if (!reply.call_id) return;
-  results.store(*reply.call_id, payload);
+  results.store(*reply.call_id, payload.owner ? payload : copy_of(payload.view));
   if (!reply.token) return;
   if (const auto token = parse_token(*reply.token)) waits.wake(*token);
 }
@@ -107,8 +112,8 @@ void take_reply(WaitList& waits, ResultTable& results, const Envelope& reply,
 void post_call(Session& session, const OutgoingCall& call) {
   Written written;
   const auto post = [&written](bool) { uv_sem_post(&written.semaphore); };
-  hand_over(session, call.peer, call_frame(call.name, call.call_id, call.arguments, std::nullopt),
-            post);
+  hand_over(session, call.peer,
+            call_frame(call.name, call.call_id, call.arguments, std::nullopt, call.owner), post);
   wait_awake(&written.semaphore);
 }
 

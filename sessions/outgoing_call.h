@@ -10,6 +10,7 @@
 
 #include <tolk/TolkParams.h>
 
+#include <memory>
 #include <optional>
 #include <string_view>
 
@@ -27,6 +28,7 @@ struct OutgoingCall {
   int peer;
   std::string_view name;
   std::optional<std::string_view> arguments;  // encoded
+  std::shared_ptr<const void> owner;          // of large arguments
   int call_id;
 };
 
@@ -41,7 +43,7 @@ void call_and_wait(Session& session, WaitList& waits, ResultTable& results, OldR
 
 // Takes a reply in: stored first, then its call is woken, so that a woken call finds its reply.
 void take_reply(WaitList& waits, ResultTable& results, const Envelope& reply,
-                std::string_view payload) TOLK_LOOP;
+                const SharedBytes& payload) TOLK_LOOP;
 
 // Sends the call and returns once its frame is on the stream, or cannot get there any more.
 void post_call(Session& session, const OutgoingCall& call);

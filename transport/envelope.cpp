@@ -125,9 +125,11 @@ std::optional<std::uint64_t> parse_token(std::string_view text) {
 }
 
 Frame call_frame(std::string_view name, int call_id, std::optional<std::string_view> arguments,
-                 std::optional<std::uint64_t> token) {
+                 std::optional<std::uint64_t> token, std::shared_ptr<const void> owner) {
   const std::string token_string = token ? token_text(*token) : std::string();
-  return Frame::build([&](auto& encoder) {
+  SharedBytes held;
+  if (owner && arguments) held = {std::move(owner), *arguments};
+  return Frame::build_around(std::move(held), [&](auto& encoder) {
     add_keyed_string(encoder, kKeyName, name);
     add_keyed_int(encoder, kKeyCallId, call_id);
     if (arguments) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,9 +49,10 @@ int number(const TolkValue* value);                             // as Envelope::
 std::string token_text(std::uint64_t token);
 std::optional<std::uint64_t> parse_token(std::string_view text);
 
-// A call; without `token` a posted call.
+// A call; without `token` a posted call. With an owner of the arguments the frame holds that and
+// copies nothing of them.
 Frame call_frame(std::string_view name, int call_id, std::optional<std::string_view> arguments,
-                 std::optional<std::uint64_t> token);
+                 std::optional<std::uint64_t> token, std::shared_ptr<const void> owner = nullptr);
 
 // A reply is the method's encoded result with the envelope behind it. The two sides write it in
 // different orders, and a client names call id 0 where the call named none.

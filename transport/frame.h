@@ -1,8 +1,8 @@
 // One message as it travels.
 //
 // A frame is one heap block that holds libuv's write request, its buffer descriptors and the bytes,
-// so that writing it allocates and copies nothing more. A large result is not copied: the frame
-// takes its string over and is written from three buffers, still with one write.
+// so that writing it allocates and copies nothing more. A large part is not copied: the frame holds
+// it where it lies and is written from three buffers, still with one write.
 // Thread: any, one at a time. Owner: whoever holds the Frame; libuv while a write is under way
 // (release() gives it away, adopt() takes it back in the completion callback).
 // Failure: std::bad_alloc.
@@ -14,12 +14,14 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "params/encoder.h"
+#include "params/shared_bytes.h"
 #include "transport/frame_format.h"
 
 namespace tolk {
@@ -27,30 +29,49 @@ namespace tolk {
 class Frame {
  public:
   static constexpr std::size_t kPrefixBytes = frame_format::kPrefixBytes;
-  // From this size on, a head is taken over instead of copied.
+  // From this size on, bytes are not copied into a frame.
   static constexpr std::size_t kTakeOverBytes = std::size_t{16} << 10;
 
   // A frame whose payload is what `fill(encoder)` writes. `fill` runs twice: first to measure, then
   // to write in place.
   template <class Fill>
   static Frame build(const Fill& fill) {
-    return build_tail({}, fill);
+    return build_around({}, fill);
   }
 
-  // The same after the records of `head`, which were encoded at the start of a block.
+  // The same. Where `fill` adds exactly the bytes of `large`, once at most, they are not copied:
+  // the frame holds them and is written from where they lie.
+  template <class Fill>
+  static Frame build_around(SharedBytes large, const Fill& fill) {
+    Measure measure(large.view);
+    Encoder<Measure> measuring(measure, 0);
+    fill(measuring);
+    Frame frame(measure, std::move(large));
+    Cursor cursor(frame);
+    Encoder<Cursor> writing(cursor, 0);
+    fill(writing);
+    return frame;
+  }
+
+  // The same after the records of `head`, which were encoded at the start of a block. A large head
+  // is taken over.
   template <class Fill>
   static Frame build_after(std::string head, const Fill& fill) {
-    if (head.size() >= kTakeOverBytes) return build_tail(std::move(head), fill);
-    return build([&](auto& encoder) {
-      encoder.add_encoded(head);
+    SharedBytes large;
+    std::string_view records = head;
+    if (head.size() >= kTakeOverBytes) {
+      auto owner = std::make_shared<const std::string>(std::move(head));
+      records = *owner;
+      large = {std::move(owner), records};
+    }
+    return build_around(std::move(large), [&](auto& encoder) {
+      encoder.add_encoded(records);
       fill(encoder);
     });
   }
 
   static Frame copy_of(std::string_view payload) {
-    Frame frame(payload.size(), {});
-    if (!payload.empty()) std::memcpy(frame.tail(), payload.data(), payload.size());
-    return frame;
+    return build([&](auto& encoder) { encoder.add_encoded(payload); });
   }
 
   std::size_t payload_bytes() const { return block_->payload_bytes; }
@@ -67,7 +88,7 @@ class Frame {
  private:
   struct Block {
     uv_write_t request;
-    std::string head;  // taken over; empty in most frames
+    SharedBytes large;  // not copied; none in most frames
     std::size_t payload_bytes;
     uv_buf_t buffers[3];
     unsigned buffer_count;
@@ -80,61 +101,65 @@ class Frame {
     }
   };
 
-  // Only counts.
+  // Counts, and finds the place of the large part.
   class Measure {
    public:
-    explicit Measure(std::size_t start) : size_(start) {}
-    void append(const char*, std::size_t count) { size_ += count; }
+    explicit Measure(std::string_view large) : large_(large) {}
+
+    void append(const char* data, std::size_t count) {
+      if (is_large(large_, data, count)) large_at_ = size_;
+      size_ += count;
+    }
     std::size_t size() const { return size_; }
+    // None when no part is large.
+    std::optional<std::size_t> large_at() const { return large_at_; }
 
    private:
-    std::size_t size_;
+    const std::string_view large_;
+    std::size_t size_ = 0;
+    std::optional<std::size_t> large_at_;
   };
 
   // Writes into memory that was measured before.
   class Cursor {
    public:
-    Cursor(char* at, std::size_t start) : at_(at), size_(start) {}
+    explicit Cursor(const Frame& frame)
+        : large_(frame.block_->large.view), at_(frame.own_payload()) {}
+
     void append(const char* data, std::size_t count) {
-      if (count != 0) std::memcpy(at_, data, count);
-      at_ += count;
       size_ += count;
+      if (count == 0 || is_large(large_, data, count)) return;
+      std::memcpy(at_, data, count);
+      at_ += count;
     }
     std::size_t size() const { return size_; }
 
    private:
+    const std::string_view large_;
     char* at_;
-    std::size_t size_;
+    std::size_t size_ = 0;
   };
 
-  template <class Fill>
-  static Frame build_tail(std::string head, const Fill& fill) {
-    const std::size_t start = head.size();
-    Measure measure(start);
-    Encoder<Measure> measuring(measure, 0);
-    fill(measuring);
-    Frame frame(measure.size() - start, std::move(head));
-    Cursor cursor(frame.tail(), start);
-    Encoder<Cursor> writing(cursor, 0);
-    fill(writing);
-    return frame;
+  static bool is_large(std::string_view large, const char* data, std::size_t count) {
+    return data == large.data() && count == large.size() && count != 0;
   }
 
   explicit Frame(Block* block) : block_(block) {}
 
-  Frame(std::size_t tail_bytes, std::string head)
-      : block_(new (::operator new(sizeof(Block) + kPrefixBytes + tail_bytes)) Block{}) {
-    char* const own = reinterpret_cast<char*>(block_.get() + 1);
-    block_->payload_bytes = head.size() + tail_bytes;
-    block_->head = std::move(head);
-    if (block_->head.empty()) {
-      add_buffer(own, kPrefixBytes + tail_bytes);
-    } else {
-      add_buffer(own, kPrefixBytes);
-      add_buffer(block_->head.data(), block_->head.size());
-      add_buffer(own + kPrefixBytes, tail_bytes);
-    }
-    frame_format::store_length(own, block_->payload_bytes);
+  Frame(const Measure& measure, SharedBytes large) {
+    const std::size_t large_bytes = measure.large_at() ? large.view.size() : 0;
+    const std::size_t own_bytes = kPrefixBytes + measure.size() - large_bytes;
+    block_.reset(new (::operator new(sizeof(Block) + own_bytes)) Block{});
+    block_->payload_bytes = measure.size();
+    char* const own = own_payload() - kPrefixBytes;
+    frame_format::store_length(own, measure.size());
+    const std::size_t before = measure.large_at() ? kPrefixBytes + *measure.large_at() : own_bytes;
+    add_buffer(own, before);
+    if (large_bytes == 0) return;
+    block_->large = std::move(large);
+    // libuv only reads what it writes to a stream.
+    add_buffer(const_cast<char*>(block_->large.view.data()), large_bytes);
+    if (before < own_bytes) add_buffer(own + before, own_bytes - before);
   }
 
   void add_buffer(char* base, std::size_t size) {
@@ -143,7 +168,7 @@ class Frame {
     buffer.len = static_cast<decltype(buffer.len)>(size);
   }
 
-  char* tail() { return reinterpret_cast<char*>(block_.get() + 1) + kPrefixBytes; }
+  char* own_payload() const { return reinterpret_cast<char*>(block_.get() + 1) + kPrefixBytes; }
 
   std::unique_ptr<Block, Free> block_;
 };

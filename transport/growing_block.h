@@ -1,20 +1,26 @@
-// A large block that comes piece by piece.
+// A large block that comes part by part: a large frame, or a large call in pieces.
 //
-// It grows in chunks, so that no piece has to wait until all that came before it has been moved: a
-// sender gives up on a piece whose answer takes too long. Joining copies each chunk once and frees
-// it; a block within one chunk is not copied at all.
+// It is one piece of memory, which grows as bytes come. Growing it is cheap, even when it is large:
+// the system moves its pages, not its bytes. Where it cannot, few bytes are ever moved, because the
+// block grows by a large factor.
 // Thread: one at a time. Owner: the bytes, until `take`.
-// Memory: follows the bytes. Ahead of them at most 1 MiB is reserved, then kGrowth times what has
-// come, and never more than a chunk.
+// Memory: follows the bytes. Ahead of them at most kFirstBytes are reserved, then kGrowth times
+// what has come; what is reserved takes no memory before it is written to.
 // Failure: std::bad_alloc; what came before is kept.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
-#include <string>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <span>
 #include <string_view>
 #include <utility>
-#include <vector>
+
+#include "params/shared_bytes.h"
+#include "platform/large_memory.h"
 
 namespace tolk {
 
@@ -22,57 +28,60 @@ class GrowingBlock {
  public:
   static constexpr std::size_t kFirstBytes = std::size_t{1} << 20;
   static constexpr std::size_t kGrowth = 8;
-  // More than any allocator keeps for itself: a chunk that is freed is the system's again.
-  static constexpr std::size_t kChunkBytes = std::size_t{64} << 20;
 
-  explicit GrowingBlock(std::size_t chunk_bytes = kChunkBytes) : chunk_bytes_(chunk_bytes) {}
+  std::size_t size() const { return size_; }
+  std::size_t reserved_bytes() const { return capacity_; }
 
-  std::size_t size() const { return full_.size() * chunk_bytes_ + last_.size(); }
-  std::size_t reserved_bytes() const { return full_.size() * chunk_bytes_ + last_.capacity(); }
-
-  // `total`: how many bytes are said to come; it only keeps small blocks small.
+  // `total`: how many bytes are said to come; it only keeps small blocks small. Bytes that were
+  // written to the room stay where they are.
   void append(std::string_view bytes, std::size_t total) {
-    while (!bytes.empty()) {
-      if (last_.size() == chunk_bytes_) full_.emplace_back().swap(last_);
-      const std::string_view part = bytes.substr(0, chunk_bytes_ - last_.size());
-      make_room(part.size(), total);
-      last_.append(part);
-      bytes.remove_prefix(part.size());
-    }
+    if (bytes.empty()) return;
+    make_room(bytes.size(), total);
+    char* const end = memory_.get() + size_;
+    if (bytes.data() != end) std::memcpy(end, bytes.data(), bytes.size());
+    size_ += bytes.size();
   }
 
-  // All of it, in one string; the block is empty then.
-  std::string take() {
-    if (full_.empty()) return std::exchange(last_, {});
-    std::string joined;
-    joined.reserve(size());
-    for (std::string& chunk : full_) {
-      joined += chunk;
-      std::string().swap(chunk);
-    }
-    joined += last_;
-    clear();
-    return joined;
+  // Where the next bytes go; at least one.
+  std::span<char> room(std::size_t total) {
+    make_room(1, total);
+    return {memory_.get() + size_, capacity_ - size_};
   }
 
-  void clear() {
-    full_.clear();
-    last_ = {};
+  // All of it, without a copy; the block is empty then.
+  SharedBytes take() {
+    const std::string_view bytes(memory_.get(), size_);
+    std::shared_ptr<const void> owner(std::move(memory_));
+    size_ = capacity_ = 0;
+    return {std::move(owner), bytes};
   }
+
+  void clear() { *this = GrowingBlock(); }
 
  private:
+  struct Free {
+    void operator()(char* memory) const { std::free(memory); }
+  };
+
   void make_room(std::size_t more, std::size_t total) {
-    const std::size_t needed = last_.size() + more;
-    if (needed <= last_.capacity()) return;
-    const std::size_t before = size() - last_.size();
-    const std::size_t ahead = before > 0 ? chunk_bytes_ : std::max(kFirstBytes, kGrowth * needed);
-    const std::size_t to_come = total > before ? total - before : 0;
-    last_.reserve(std::max(needed, std::min({ahead, chunk_bytes_, to_come})));
+    const std::size_t needed = size_ + more;
+    if (needed <= capacity_) return;
+    const std::size_t ahead = std::min(std::max(kFirstBytes, kGrowth * needed), total);
+    if (!reserve(std::max(needed, ahead)) && !reserve(needed)) throw std::bad_alloc();
   }
 
-  std::size_t chunk_bytes_;
-  std::vector<std::string> full_;
-  std::string last_;
+  bool reserve(std::size_t bytes) {
+    auto* const resized = static_cast<char*>(platform::resize(memory_.get(), bytes));
+    if (resized == nullptr) return false;
+    static_cast<void>(memory_.release());
+    memory_.reset(resized);
+    capacity_ = bytes;
+    return true;
+  }
+
+  std::unique_ptr<char, Free> memory_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
 };
 
 }  // namespace tolk

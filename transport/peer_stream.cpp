@@ -1,7 +1,7 @@
 #include "transport/peer_stream.h"
 
 #include <cstdint>
-#include <cstdlib>
+#include <functional>
 #include <utility>
 
 #include "platform/guarded.h"
@@ -11,25 +11,52 @@
 namespace tolk {
 namespace {
 
-struct FreeReadBuffer {
-  void operator()(char* base) const { std::free(base); }
+// Where the reads of one loop thread put their bytes, one after the other. A large message that
+// fills a good part of it keeps it; the next read then gets another.
+class ReadBlock {
+ public:
+  // Empty without memory.
+  std::span<char> get(std::size_t size) {
+    if (size_ < size)
+      guarded([&] {
+        memory_ = std::make_shared_for_overwrite<char[]>(size);
+        size_ = size;
+      });
+    return {memory_.get(), size_};
+  }
+
+  // Makes `message` an owner of the block if it lies in it and is large.
+  void share_with(SharedBytes& message) {
+    if (message.view.size() < size_ / 2 || message.owner || !holds(message.view)) return;
+    message.owner = memory_;
+    is_shared_ = true;
+  }
+
+  void end_of_read() {
+    if (std::exchange(is_shared_, false)) *this = ReadBlock();
+  }
+
+ private:
+  bool holds(std::string_view bytes) const {
+    const std::less_equal<const char*> before;
+    return before(memory_.get(), bytes.data()) && before(bytes.data(), memory_.get() + size_);
+  }
+
+  std::shared_ptr<char[]> memory_;
+  std::size_t size_ = 0;
+  bool is_shared_ = false;
 };
 
-// The heap block of one read, of exactly the size that libuv suggests; the read callback frees it.
-// Without memory it is empty, and libuv reports UV_ENOBUFS.
-void allocBufferCb(uv_handle_t*, std::size_t suggested_bytes, uv_buf_t* buffer) {
-  buffer->base = static_cast<char*>(std::malloc(suggested_bytes));
-  buffer->len = buffer->base == nullptr ? 0 : static_cast<decltype(buffer->len)>(suggested_bytes);
-}
+thread_local ReadBlock read_block;
 
 // A call from the peer. A worker builds its reply, the loop thread writes it.
 class CallItem final : public WorkItem {
  public:
-  CallItem(PeerStream& stream, const Envelope& envelope)
+  CallItem(PeerStream& stream, const Envelope& envelope, const std::shared_ptr<const void>& owner)
       : side_(stream.owner().side().shared_from_this()),
         owner_(stream.owner().shared_from_this()),
         stream_(stream),
-        call_(envelope) {}
+        call_(envelope, owner) {}
 
  private:
   void work() TOLK_WORKER override {
@@ -55,11 +82,11 @@ class CallItem final : public WorkItem {
 
 }  // namespace
 
-IncomingCall::IncomingCall(const Envelope& envelope)
-    : name(envelope.name.value_or("")),
-      arguments(envelope.arguments),
-      call_id(envelope.call_id),
-      token(envelope.token) {}
+IncomingCall::IncomingCall(const Envelope& envelope, const std::shared_ptr<const void>& owner)
+    : name(envelope.name.value_or("")), call_id(envelope.call_id), token(envelope.token) {
+  if (!envelope.arguments) return;
+  arguments = owner ? SharedBytes{owner, *envelope.arguments} : copy_of(*envelope.arguments);
+}
 
 int PeerStream::id() const {
   return static_cast<int>(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&handle_)));
@@ -83,12 +110,34 @@ void PeerStream::end_unanswered() {
   if (owner_.takes_messages() && !is_closing()) owner_.on_stream_end(*this, UV_ENOMEM);
 }
 
+// Without memory the buffer is empty, and libuv reports UV_ENOBUFS.
+void PeerStream::allocBufferCb(uv_handle_t* handle, std::size_t suggested_bytes, uv_buf_t* buffer) {
+  auto* const self = static_cast<PeerStream*>(handle->data);
+  self->owner_.check_loop_thread();
+  std::span<char> place = self->room();
+  if (place.empty()) place = read_block.get(suggested_bytes);
+  buffer->base = place.data();
+  buffer->len = static_cast<decltype(buffer->len)>(place.size());
+}
+
+// Where the frame that waits wants its rest. Without memory for it, the read goes elsewhere, and
+// feed finds out.
+std::span<char> PeerStream::room() {
+  std::span<char> place;
+  if (!reader_) return place;
+  guarded([&] {
+    enter_loop();
+    place = reader_->room();
+  });
+  return place;
+}
+
 void PeerStream::on_read_cb(uv_stream_t* stream, ssize_t count, const uv_buf_t* buffer) {
-  const std::unique_ptr<char, FreeReadBuffer> freed_at_the_end(buffer->base);
   auto* const self = static_cast<PeerStream*>(stream->data);
   self->owner_.check_loop_thread();
   self->owner_.note_sign_of_life();
   self->on_read(count, buffer->base);
+  read_block.end_of_read();
 }
 
 void PeerStream::on_read(ssize_t count, const char* bytes) {
@@ -103,9 +152,9 @@ void PeerStream::feed(std::string_view bytes) {
   bool intact = false;
   guarded([&] {
     enter_loop();
-    reader_->feed(bytes, [this](std::string_view payload) {
+    reader_->feed(bytes, [this](SharedBytes payload) {
       enter_loop();
-      on_message(payload);
+      on_message(std::move(payload));
       return owner_.takes_messages();
     });
     intact = true;
@@ -114,14 +163,15 @@ void PeerStream::feed(std::string_view bytes) {
   if (!intact && owner_.takes_messages()) owner_.on_stream_end(*this, UV_ENOMEM);
 }
 
-void PeerStream::on_message(std::string_view payload) {
+void PeerStream::on_message(SharedBytes payload) {
   MessageSide& side = owner_.side();
-  const Envelope envelope = Envelope::scan(payload);
+  read_block.share_with(payload);
+  const Envelope envelope = Envelope::scan(payload.view);
   if (!envelope.well_formed && !side.accepts_malformed()) return;
   if (!envelope.name) return side.on_message_without_name();
   if (envelope.is_reply()) return side.on_reply(envelope, payload);
   if (side.answers_on_loop(*this, envelope)) return;
-  owner_.begin_work(std::make_unique<CallItem>(*this, envelope));
+  owner_.begin_work(std::make_unique<CallItem>(*this, envelope, payload.owner));
 }
 
 }  // namespace tolk

@@ -14,9 +14,11 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
+#include "params/shared_bytes.h"
 #include "transport/envelope.h"
 #include "transport/frame.h"
 #include "transport/frame_reader.h"
@@ -30,10 +32,11 @@ class PeerStream;
 
 // A call that the peer made, taken out of its frame: what a worker needs to answer it.
 struct IncomingCall {
-  explicit IncomingCall(const Envelope& envelope);
+  // `owner`: of the message that the envelope was read from; without one its bytes are copied.
+  IncomingCall(const Envelope& envelope, const std::shared_ptr<const void>& owner);
 
   std::string name;
-  std::optional<std::string> arguments;  // encoded
+  std::optional<SharedBytes> arguments;  // encoded
   std::optional<int> call_id;
   std::optional<std::string> token;
 };
@@ -46,7 +49,7 @@ class MessageSide : public std::enable_shared_from_this<MessageSide> {
   // Whether a message counts up to its first malformed record.
   virtual bool accepts_malformed() const = 0;
   virtual void on_message_without_name() TOLK_LOOP = 0;
-  virtual void on_reply(const Envelope& envelope, std::string_view payload) TOLK_LOOP = 0;
+  virtual void on_reply(const Envelope& envelope, const SharedBytes& payload) TOLK_LOOP = 0;
   // True when the side has answered the call on the loop thread. Otherwise a worker runs it.
   virtual bool answers_on_loop(PeerStream&, const Envelope&) TOLK_LOOP { return false; }
   // Runs the call and builds the reply. None: the call is dropped.
@@ -112,8 +115,10 @@ class PeerStream {
   static void on_read_cb(uv_stream_t* stream, ssize_t count, const uv_buf_t* buffer);
 
   void on_read(ssize_t count, const char* bytes) TOLK_LOOP;
+  static void allocBufferCb(uv_handle_t* handle, std::size_t suggested_bytes, uv_buf_t* buffer);
+  std::span<char> room() TOLK_LOOP;
   void feed(std::string_view bytes) TOLK_LOOP;
-  void on_message(std::string_view payload) TOLK_LOOP;
+  void on_message(SharedBytes payload) TOLK_LOOP;
 
   StreamOwner& owner_;
   StreamHandle handle_;

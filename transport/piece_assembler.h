@@ -1,16 +1,16 @@
 // Joins the pieces of large blocks, by call id.
 //
 // Thread: any worker. Owner: the joined bytes, until the block is complete and handed out.
-// Memory: follows the bytes received, whatever total a peer declares; see GrowingBlock. Joining is
-// linear in the bytes, and no piece waits while much of what came before it is moved.
-// Failure: a malformed piece changes nothing and counts as incomplete.
+// Memory: follows the bytes received, whatever total a peer declares; see GrowingBlock. Each byte
+// is copied once, and no piece waits while much of what came before it is moved. Failure: a
+// malformed piece changes nothing and counts as incomplete.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <string>
 
+#include "params/shared_bytes.h"
 #include "transport/growing_block.h"
 #include "transport/thread_safety.h"
 
@@ -22,7 +22,7 @@ class PieceAssembler {
  public:
   struct Joined {
     int call_id;
-    std::string bytes;
+    SharedBytes bytes;
   };
 
   // Takes one piece in. The whole block, once the declared total has come together.

@@ -6,16 +6,12 @@
 
 namespace tolk {
 
-void ResultTable::store(int call_id, std::string_view payload) {
+void ResultTable::store(int call_id, const SharedBytes& payload) {
   TOLK_PAUSE_POINT("result.before_store");
-  put(call_id, TolkParamsAccess::parsed(payload));
+  TolkParams fresh;
+  TolkParamsAccess::parse_shared(fresh, payload);
+  put(call_id, TolkParamsAccess::hold(fresh));
   TOLK_PAUSE_POINT("result.stored");
-}
-
-void ResultTable::store_owned(int call_id, std::string payload) {
-  TolkParamsAccess::ContentRef content(new TolkParamsAccess::Content);
-  content.get()->parse(std::move(payload));
-  put(call_id, std::move(content));
 }
 
 void ResultTable::put(int call_id, TolkParamsAccess::ContentRef content) {

@@ -31,9 +31,8 @@ class ResultTable {
   explicit ResultTable(Mutex& lock) : lock_(lock) {}
 
   // Keeps what `payload` encodes as the result of `call_id`; parses outside the lock.
-  void store(int call_id, std::string_view payload);
-  // The same without the copy of the payload.
-  void store_owned(int call_id, std::string payload);
+  void store(int call_id, const SharedBytes& payload);
+  void store(int call_id, std::string_view payload) { store(call_id, copy_of(payload)); }
   // While alive, a call with this id runs. Earlier contents of its block are released now, the
   // present one as soon as it is refreshed. One at a time.
   class Expectation {

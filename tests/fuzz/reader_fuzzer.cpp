@@ -57,8 +57,8 @@ class Connection {
     const std::unique_ptr<char[]> exact(new char[bytes.size()]);
     bytes.copy(exact.get(), bytes.size());
     Payloads seen;
-    reader_.feed({exact.get(), bytes.size()}, [&](std::string_view payload) {
-      seen.emplace_back(payload);
+    reader_.feed({exact.get(), bytes.size()}, [&](const tolk::SharedBytes& payload) {
+      seen.emplace_back(payload.view);
       return seen.size() < wanted_;
     });
     return seen;

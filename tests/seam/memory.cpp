@@ -1,5 +1,6 @@
-// The allocations of the process: operator new, the library's malloc, and what libuv allocates.
-// libuv's realloc is left alone: it ends the process itself when its table of watchers can't grow.
+// The allocations of the process: operator new, the library's malloc and realloc, and what libuv
+// allocates. libuv's realloc is left alone: it ends the process itself when its table of watchers
+// can't grow.
 #include <uv.h>
 
 #include <cstdlib>
@@ -15,9 +16,15 @@ extern "C" {
 
 void* __real_malloc(std::size_t size);
 void* __wrap_malloc(std::size_t size);
+void* __real_realloc(void* memory, std::size_t size);
+void* __wrap_realloc(void* memory, std::size_t size);
 
 void* __wrap_malloc(std::size_t size) {
   return fails_now(Chance::memory) ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_realloc(void* memory, std::size_t size) {
+  return fails_now(Chance::memory) ? nullptr : __real_realloc(memory, size);
 }
 
 }  // extern "C"
@@ -46,5 +53,5 @@ void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
 
 void tolk::test::take_over_memory_of_libuv() {
-  uv_replace_allocator(__wrap_malloc, std::realloc, calloc_for_libuv, std::free);
+  uv_replace_allocator(__wrap_malloc, __real_realloc, calloc_for_libuv, std::free);
 }

@@ -344,4 +344,25 @@ TEST(CallIds, NullBlockIsNoArguments) {
   EXPECT_EQ(OutgoingCall(0, "m", &empty, 1).arguments, "");
 }
 
+// A call that was given up may still be written when its block is gone.
+TEST(OutgoingCall, LargeArgumentsOutliveTheirBlock) {
+  const std::string bytes(tolk::Frame::kTakeOverBytes, 'x');
+  auto block = std::make_unique<TolkParams>();
+  block->AddStream(bytes.data(), static_cast<long>(bytes.size()));
+  const std::string encoded = *block->GetParamas();
+  const OutgoingCall call(0, "m", block.get(), 1);
+  EXPECT_TRUE(call.owner);
+  block->AddInt(7);
+  block.reset();
+  EXPECT_TRUE(call.arguments == encoded);
+}
+
+TEST(OutgoingCall, SmallArgumentsAreOnlyLookedAt) {
+  TolkParams block;
+  block.AddInt(7);
+  const OutgoingCall call(0, "m", &block, 1);
+  EXPECT_FALSE(call.owner);
+  EXPECT_EQ(call.arguments->data(), block.GetParamas()->data());
+}
+
 }  // namespace

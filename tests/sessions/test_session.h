@@ -17,7 +17,7 @@ class QuietSide final : public MessageSide {
  public:
   bool accepts_malformed() const override { return false; }
   void on_message_without_name() TOLK_LOOP override {}
-  void on_reply(const Envelope&, std::string_view) TOLK_LOOP override {}
+  void on_reply(const Envelope&, const SharedBytes&) TOLK_LOOP override {}
   std::optional<Frame> answer(int, IncomingCall&) TOLK_WORKER override { return std::nullopt; }
 };
 

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <limits>
 #include <locale>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -314,6 +315,16 @@ TEST(Envelope, PostedCallWithoutArgumentsCarriesNeitherArgumentsNorToken) {
                        "03 01 00 00 00 6D 1B 00 00 00 "
                        "05 03 0F 00 00 00 73 5F 63 5F 73 77 5F 74 68 72 65 61 64 69 64 34 00 00 00 "
                        "00 FE FF FF FF 3D 00 00 00")));
+}
+
+TEST(Envelope, HeldArgumentsAreNotCopiedAndGiveTheSameCall) {
+  const auto owner = std::make_shared<const std::string>("\0A"sv);
+  const tolk::Frame frame = tolk::call_frame("m", 7, *owner, 0xAB, owner);
+  ASSERT_EQ(frame.buffers().size(), 3u);
+  EXPECT_TRUE(frame.buffers()[1].base == owner->data());
+  std::string joined;
+  for (const uv_buf_t& buffer : frame.buffers()) joined.append(buffer.base, buffer.len);
+  EXPECT_EQ(to_hex(joined), to_hex(tolk::call_frame("m", 7, "\0A"sv, 0xAB).bytes()));
 }
 
 TEST(Envelope, EmptyArgumentsAreAnEmptyStreamAndNotAbsent) {

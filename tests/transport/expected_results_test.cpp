@@ -40,12 +40,12 @@ class ExpectedResults : public testing::Test {
 };
 
 TEST_F(ExpectedResults, ExpectedResultReplacesTheOlderOneForGood) {
-  table.store_owned(5, int_payload(1));
+  table.store(5, int_payload(1));
   TolkParams* const block = table.find(5);
   const Watched older(block->GetValue(0));
   const ResultTable::Expectation call(table, 5);
   EXPECT_FALSE(older.is_gone());  // what a call without a result returns
-  table.store_owned(5, int_payload(2));
+  table.store(5, int_payload(2));
   EXPECT_TRUE(older.is_gone());
   EXPECT_EQ(table.find(5), block);
   EXPECT_EQ(block->GetValue(0)->GetInt(), 2);
@@ -54,11 +54,11 @@ TEST_F(ExpectedResults, ExpectedResultReplacesTheOlderOneForGood) {
 TEST_F(ExpectedResults, LateResultLeavesWhatTheHostHolds) {
   {
     const ResultTable::Expectation call(table, 5);
-    table.store_owned(5, int_payload(1));
+    table.store(5, int_payload(1));
   }
   TolkParams* const block = table.find(5);
   const Watched held(block->GetValue(0));
-  table.store_owned(5, int_payload(2));
+  table.store(5, int_payload(2));
   EXPECT_EQ(block->GetValue(0)->GetInt(), 2);
   EXPECT_FALSE(held.is_gone());
   const ResultTable::Expectation next_call(table, 5);  // the host lets go of what it held
@@ -66,16 +66,16 @@ TEST_F(ExpectedResults, LateResultLeavesWhatTheHostHolds) {
 }
 
 TEST_F(ExpectedResults, OtherIdsAreNotExpected) {
-  table.store_owned(6, int_payload(1));
+  table.store(6, int_payload(1));
   const Watched held(table.find(6)->GetValue(0));
   const ResultTable::Expectation call(table, 5);
-  table.store_owned(6, int_payload(2));
+  table.store(6, int_payload(2));
   EXPECT_FALSE(held.is_gone());
   EXPECT_EQ(table.find(5), nullptr);
 }
 
 TEST_F(ExpectedResults, WithoutAResultTheOlderOneStays) {
-  table.store_owned(5, int_payload(1));
+  table.store(5, int_payload(1));
   TolkParams* const block = table.find(5);
   const ResultTable::Expectation call(table, 5);
   EXPECT_EQ(table.find(5), block);
@@ -83,10 +83,10 @@ TEST_F(ExpectedResults, WithoutAResultTheOlderOneStays) {
 }
 
 TEST_F(ExpectedResults, ACallThatKeepsItsOldResultLetsOlderContentsGo) {
-  table.store_owned(5, int_payload(1));
+  table.store(5, int_payload(1));
   TolkParams* const block = table.find(5);
   const Watched first(block->GetValue(0));
-  table.store_owned(5, int_payload(2));
+  table.store(5, int_payload(2));
   const Watched second(block->GetValue(0));
   table.drop_retained(5);
   EXPECT_TRUE(first.is_gone());

@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <tests/params/hex.h>
+#include <tests/pattern.h>
 #include <tests/transport/naive_frame_reader.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <new>
 #include <random>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -18,6 +21,7 @@ namespace {
 using tolk::FrameReader;
 using tolk::test::hex;
 using tolk::test::NaiveFrameReader;
+using tolk::test::pattern;
 using tolk::test::to_hex;
 using Payloads = std::vector<std::string>;
 
@@ -30,22 +34,44 @@ std::string frame(std::string_view payload) {
 // A reader and what it has handed on.
 class Connection {
  public:
+  explicit Connection(std::size_t large_bytes = FrameReader::kLargeBytes) : reader_(large_bytes) {}
+
   // In memory of exactly that size, so that the sanitizer sees any read behind it.
   void read(std::string_view bytes) {
     const auto exact = std::make_unique<char[]>(bytes.size());
     bytes.copy(exact.get(), bytes.size());
-    reader_.feed({exact.get(), bytes.size()}, [this](std::string_view payload) {
-      payloads.emplace_back(payload);
+    feed({exact.get(), bytes.size()});
+  }
+
+  // Where the reader wants it, as far as that reaches. How much was read.
+  std::size_t read_in_place(std::string_view bytes) {
+    const std::span<char> room = reader_.room();
+    if (room.empty()) {
+      read(bytes);
+      return bytes.size();
+    }
+    const std::size_t size = bytes.copy(room.data(), room.size());
+    feed({room.data(), size});
+    return size;
+  }
+
+  std::size_t waiting() const { return reader_.pending_bytes(); }
+  std::size_t reserved() const { return reader_.reserved_bytes(); }
+  bool offers_room() { return !reader_.room().empty(); }
+
+  Payloads payloads;
+  std::vector<std::shared_ptr<const void>> owners;
+  std::size_t wanted = SIZE_MAX;
+
+ private:
+  void feed(std::string_view bytes) {
+    reader_.feed(bytes, [this](const tolk::SharedBytes& payload) {
+      payloads.emplace_back(payload.view);
+      owners.push_back(payload.owner);
       return payloads.size() < wanted;
     });
   }
 
-  std::size_t waiting() const { return reader_.pending_bytes(); }
-
-  Payloads payloads;
-  std::size_t wanted = SIZE_MAX;
-
- private:
   FrameReader reader_;
 };
 
@@ -60,8 +86,8 @@ TEST(FrameReader, ReadOfOneFrameIsHandedOnInPlace) {
   FrameReader reader;
   const std::string bytes = frame("hello");
   const char* seen = nullptr;
-  reader.feed(bytes, [&](std::string_view payload) {
-    seen = payload.data();
+  reader.feed(bytes, [&](const tolk::SharedBytes& payload) {
+    seen = payload.view.data();
     return true;
   });
   EXPECT_EQ(seen, bytes.data() + 4);
@@ -161,6 +187,92 @@ TEST(FrameReader, HugeDeclaredLengthWaitsAndReservesNothing) {
   EXPECT_EQ(connection.waiting(), 7u);
 }
 
+// However large a frame is said to be: before a good part of it has come, it waits like any other.
+TEST(FrameReader, NothingIsReservedForALengthAlone) {
+  for (const char* const prefix : {"FF FF FF 7F", "00 00 00 40", "00 00 10 00", "00 40 00 00"}) {
+    Connection connection;
+    connection.read(hex(prefix));
+    EXPECT_FALSE(connection.offers_room());
+    connection.read(std::string(1000, 'x'));
+    EXPECT_FALSE(connection.offers_room());
+    EXPECT_LE(connection.reserved(), 4096u);
+  }
+}
+
+TEST(FrameReader, ReserveForALargeFrameFollowsTheBytesThatCame) {
+  const std::string read(65536, 'x');
+  Connection connection;
+  connection.read(hex("FF FF FF 7F"));
+  for (int i = 0; i < 640; ++i) {
+    connection.read(read);
+    EXPECT_LE(connection.reserved() - Connection().reserved(),
+              std::max(tolk::GrowingBlock::kFirstBytes,
+                       tolk::GrowingBlock::kGrowth * connection.waiting()));
+  }
+}
+
+TEST(FrameReader, RestOfALargeFrameIsReadToItsPlace) {
+  const std::string payload(100000, 'x');
+  const std::string bytes = frame(payload) + frame("next");
+  Connection connection;
+  connection.read(std::string_view(bytes).substr(0, 65536));
+  ASSERT_TRUE(connection.offers_room());
+  EXPECT_EQ(connection.reserved(), Connection().reserved() + payload.size() + 4);
+  std::string_view rest = std::string_view(bytes).substr(65536);
+  EXPECT_EQ(connection.read_in_place(rest.substr(0, 10)), 10u);
+  rest.remove_prefix(10);
+  // No further than the frame.
+  EXPECT_EQ(connection.read_in_place(rest), payload.size() + 4 - 65546);
+  EXPECT_EQ(connection.payloads, Payloads{payload});
+  EXPECT_FALSE(connection.offers_room());
+  EXPECT_EQ(connection.reserved(), Connection().reserved());
+}
+
+TEST(FrameReader, LargeFrameStaysForItsOwner) {
+  FrameReader reader;
+  const std::string bytes = frame(std::string(100000, 'x'));
+  tolk::SharedBytes kept;
+  const auto keep = [&](tolk::SharedBytes payload) {
+    kept = std::move(payload);
+    return true;
+  };
+  reader.feed(std::string_view(bytes).substr(0, 50000), keep);
+  reader.feed(std::string_view(bytes).substr(50000), keep);
+  reader.feed(frame("next") + frame("and one more"), [](const tolk::SharedBytes&) { return true; });
+  ASSERT_TRUE(kept.owner);
+  EXPECT_TRUE(kept.view == std::string_view(bytes).substr(4));
+}
+
+TEST(FrameReader, ReadThatIsOneFrameOvertakesALargeFrameInItsPlaceToo) {
+  const std::string payload(100000, 'x');
+  const std::string bytes = frame(payload);
+  Connection connection;
+  connection.read(std::string_view(bytes).substr(0, 65536));
+  connection.read_in_place(frame("late"));
+  EXPECT_EQ(connection.payloads, Payloads{"late"});
+  EXPECT_EQ(connection.waiting(), 65536u);
+  connection.read_in_place(std::string_view(bytes).substr(65536));
+  EXPECT_EQ(connection.payloads, (Payloads{"late", payload}));
+}
+
+TEST(FrameReader, LargeFramesInARowArriveWhole) {
+  std::string stream;
+  Payloads sent;
+  for (std::size_t i = 0; i < 40; ++i) {
+    sent.push_back(pattern(5000 * i));
+    stream += frame(sent.back()) + frame("small");
+    sent.emplace_back("small");
+  }
+  for (const std::size_t step : {std::size_t{1000}, std::size_t{4096}, std::size_t{65536}}) {
+    Connection connection;
+    for (std::string_view rest = stream; !rest.empty();) {
+      rest.remove_prefix(connection.read_in_place(rest.substr(0, step)));
+    }
+    EXPECT_TRUE(connection.payloads == sent) << step;
+    EXPECT_EQ(connection.waiting(), 0u);
+  }
+}
+
 TEST(FrameReader, LengthOfMinusOneToMinusThreeMovesByWhatIsLeftOfThePrefix) {
   for (int length = -1; length >= -3; --length) {
     const std::size_t covered = 4 - static_cast<std::size_t>(-length);
@@ -208,11 +320,11 @@ TEST(FrameReader, NoFurtherFrameIsHandedOnOnceDispatchSaysNo) {
 
 TEST(FrameReader, ThrowingDispatchLeavesTheReaderUsable) {
   FrameReader reader;
-  const auto refuse = [](std::string_view) -> bool { throw std::bad_alloc(); };
+  const auto refuse = [](const tolk::SharedBytes&) -> bool { throw std::bad_alloc(); };
   EXPECT_THROW(reader.feed(frame("one") + frame("two"), refuse), std::bad_alloc);
   Payloads payloads;
-  reader.feed(frame("three"), [&](std::string_view payload) {
-    payloads.emplace_back(payload);
+  reader.feed(frame("three"), [&](const tolk::SharedBytes& payload) {
+    payloads.emplace_back(payload.view);
     return true;
   });
   EXPECT_EQ(payloads, Payloads{"three"});
@@ -241,16 +353,33 @@ TEST(FrameReader, ManyBytesArriveWholeWhateverTheReadSize) {
 }
 
 // Both readers get the same reads: the same payloads come after each, and as many bytes wait.
-void expect_as_naive(const std::vector<std::string_view>& reads) {
-  Connection connection;
+void expect_as_naive(Connection connection, bool in_place,
+                     const std::vector<std::string_view>& reads) {
   NaiveFrameReader naive;
   std::string so_far;
-  for (const std::string_view read : reads) {
-    so_far += "[" + to_hex(read) + "] ";
-    connection.payloads.clear();
-    connection.read(read);
-    ASSERT_EQ(connection.payloads, naive.feed(read)) << so_far;
-    ASSERT_EQ(connection.waiting(), naive.waiting_bytes()) << so_far;
+  for (std::string_view rest : reads) {
+    while (!rest.empty()) {
+      connection.payloads.clear();
+      if (!in_place) connection.read(rest);
+      const std::size_t size = in_place ? connection.read_in_place(rest) : rest.size();
+      const std::string_view read = rest.substr(0, size);
+      so_far += "[" + to_hex(read) + "] ";
+      ASSERT_EQ(connection.payloads, naive.feed(read)) << so_far;
+      ASSERT_EQ(connection.waiting(), naive.waiting_bytes()) << so_far;
+      rest.remove_prefix(size);
+    }
+  }
+}
+
+// The same with frames that count as large from a few bytes on, read where the reader wants them
+// and elsewhere.
+void expect_as_naive(const std::vector<std::string_view>& reads) {
+  expect_as_naive(Connection(), false, reads);
+  for (const std::size_t large_bytes : {0u, 1u, 3u, 8u, 20u}) {
+    for (const bool in_place : {true, false}) {
+      expect_as_naive(Connection(large_bytes), in_place, reads);
+      if (testing::Test::HasFatalFailure()) return;
+    }
   }
 }
 

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <tests/params/hex.h>
 
+#include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -108,6 +110,49 @@ TEST(Frame, ALargeHeadIsTakenOverAndTheBytesAreTheSame) {
     EXPECT_EQ(frame.payload_bytes(), block.size());
     EXPECT_TRUE(on_the_stream(frame) == std::string(Frame::copy_of(block).bytes()));
   }
+}
+
+// The same bytes as when all are copied, with the large part at the start, in the middle, at the
+// end.
+TEST(Frame, ALargePartIsWrittenFromWhereItLies) {
+  const auto owner = std::make_shared<const std::string>(100, 'x');
+  for (int place = 0; place < 3; ++place) {
+    const auto fill_with = [place](std::string_view large) {
+      return [place, large](auto& encoder) {
+        if (place > 0) encoder.add_string("before");
+        place == 0 ? encoder.add_encoded(large) : encoder.add_stream(large);
+        if (place < 2) encoder.add_string("behind");
+      };
+    };
+    const std::string copied(*owner);
+    const Frame all_copied = Frame::build(fill_with(copied));
+    const Frame frame = Frame::build_around({owner, *owner}, fill_with(*owner));
+    EXPECT_EQ(to_hex(on_the_stream(frame)), to_hex(all_copied.bytes()));
+    EXPECT_EQ(frame.payload_bytes(), all_copied.payload_bytes());
+    ASSERT_EQ(frame.buffers().size(), 3u);
+    EXPECT_TRUE(frame.buffers()[1].base == owner->data());
+  }
+  EXPECT_EQ(owner.use_count(), 1);
+}
+
+TEST(Frame, ALargePartStaysAsLongAsTheFrame) {
+  auto owner = std::make_shared<const std::string>(100, 'x');
+  const std::weak_ptr<const std::string> alive = owner;
+  {
+    const tolk::SharedBytes large{owner, *owner};
+    Frame frame = Frame::build_around(large, [&](auto& to) { to.add_stream(large.view); });
+    owner.reset();
+    uv_write_t* const request = frame.release();
+    EXPECT_FALSE(alive.expired());
+    Frame::adopt(request);
+  }
+  EXPECT_TRUE(alive.expired());
+}
+
+TEST(Frame, ALargePartThatIsNotAddedIsNotWritten) {
+  const auto owner = std::make_shared<const std::string>(100, 'x');
+  const Frame frame = Frame::build_around({owner, *owner}, [](auto& to) { to.add_bool(true); });
+  EXPECT_EQ(to_hex(frame.bytes()), "06 00 00 00 01 31 02 00 00 00");
 }
 
 }  // namespace

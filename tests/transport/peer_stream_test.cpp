@@ -35,7 +35,7 @@ class Side final : public tolk::MessageSide {
 
   bool accepts_malformed() const override { return malformed_counts; }
   void on_message_without_name() TOLK_LOOP override { log_.emplace_back("no name"); }
-  void on_reply(const Envelope& envelope, std::string_view) TOLK_LOOP override {
+  void on_reply(const Envelope& envelope, const tolk::SharedBytes&) TOLK_LOOP override {
     log_.push_back("reply " + std::to_string(envelope.call_id.value_or(0)));
   }
   std::optional<Frame> answer(int, IncomingCall& call) TOLK_WORKER override {

@@ -202,15 +202,15 @@ TEST_F(Pieces, SentPiecesAreJoinedToTheSameBytes) {
     }));
     ASSERT_TRUE(joined) << size;
     EXPECT_EQ(joined->call_id, 4);
-    EXPECT_TRUE(joined->bytes == block) << size;
+    EXPECT_TRUE(joined->bytes.view == block) << size;
   }
 }
 
 TEST_F(Pieces, CallIdsAreJoinedApart) {
   EXPECT_FALSE(give(assembler, {1, 4, "ab"}));
   EXPECT_FALSE(give(assembler, {2, 4, "AB"}));
-  EXPECT_EQ(give(assembler, {1, 4, "cd"})->bytes, "abcd");
-  EXPECT_EQ(give(assembler, {2, 4, "CD"})->bytes, "ABCD");
+  EXPECT_EQ(give(assembler, {1, 4, "cd"})->bytes.view, "abcd");
+  EXPECT_EQ(give(assembler, {2, 4, "CD"})->bytes.view, "ABCD");
 }
 
 TEST_F(Pieces, CompletedBlockLeavesNothingBehind) {
@@ -219,24 +219,24 @@ TEST_F(Pieces, CompletedBlockLeavesNothingBehind) {
 }
 
 TEST_F(Pieces, MoreBytesThanTheTotalAreHandedOutWhole) {
-  EXPECT_EQ(give(assembler, {1, 3, "abcde"})->bytes, "abcde");
+  EXPECT_EQ(give(assembler, {1, 3, "abcde"})->bytes.view, "abcde");
 }
 
 TEST_F(Pieces, TotalOfZeroOrLessIsCompleteAtOnce) {
-  EXPECT_EQ(give(assembler, {1, 0, ""})->bytes, "");
-  EXPECT_EQ(give(assembler, {1, -5, "ab"})->bytes, "ab");
-  EXPECT_EQ(give(assembler, {1, std::numeric_limits<int>::min(), ""})->bytes, "");
+  EXPECT_EQ(give(assembler, {1, 0, ""})->bytes.view, "");
+  EXPECT_EQ(give(assembler, {1, -5, "ab"})->bytes.view, "ab");
+  EXPECT_EQ(give(assembler, {1, std::numeric_limits<int>::min(), ""})->bytes.view, "");
 }
 
 TEST_F(Pieces, LatestTotalCounts) {
   EXPECT_FALSE(give(assembler, {1, 100, "ab"}));
-  EXPECT_EQ(give(assembler, {1, 3, "c"})->bytes, "abc");
+  EXPECT_EQ(give(assembler, {1, 3, "c"})->bytes.view, "abc");
 }
 
 TEST_F(Pieces, PieceOfAnAbandonedCallIsJoinedToTheNextOfItsId) {
   EXPECT_FALSE(give(assembler, {1, 100, "old"}));
   EXPECT_FALSE(give(assembler, {1, 6, "ab"}));
-  EXPECT_EQ(give(assembler, {1, 6, "c"})->bytes, "oldabc");
+  EXPECT_EQ(give(assembler, {1, 6, "c"})->bytes.view, "oldabc");
 }
 
 TEST_F(Pieces, PiecesThatNothingWasAddedToForAMinuteAreDropped) {
@@ -246,20 +246,20 @@ TEST_F(Pieces, PiecesThatNothingWasAddedToForAMinuteAreDropped) {
   world.tick += 60'000;
   EXPECT_FALSE(give(assembler, {1, 100, "er"}));
   world.tick += 60'000;
-  EXPECT_EQ(give(assembler, {1, 6, "!"})->bytes, "older!");
+  EXPECT_EQ(give(assembler, {1, 6, "!"})->bytes.view, "older!");
   EXPECT_FALSE(give(assembler, {1, 100, "old"}));
   world.tick += 60'001;
-  EXPECT_EQ(give(assembler, {1, 3, "new"})->bytes, "new");
+  EXPECT_EQ(give(assembler, {1, 3, "new"})->bytes.view, "new");
 }
 
 TEST_F(Pieces, HugeTotalOfATinyPieceIsOnlyWaitedFor) {
   EXPECT_FALSE(give(assembler, {1, std::numeric_limits<int>::max(), "a"}));
-  EXPECT_EQ(give(assembler, {1, 2, "b"})->bytes, "ab");
+  EXPECT_EQ(give(assembler, {1, 2, "b"})->bytes.view, "ab");
 }
 
 TEST_F(Pieces, PieceWithoutBytesIsEmpty) {
   EXPECT_FALSE(give(assembler, {1, 2, std::nullopt}));
-  EXPECT_EQ(give(assembler, {1, 0, std::nullopt})->bytes, "");
+  EXPECT_EQ(give(assembler, {1, 0, std::nullopt})->bytes.view, "");
 }
 
 TEST_F(Pieces, MalformedPieceChangesNothing) {
@@ -302,7 +302,7 @@ TEST_F(Pieces, MalformedPieceChangesNothing) {
         block.AddStream("x", 1);
       }};
   for (const auto& fill : malformed) EXPECT_FALSE(give(assembler, fill));
-  EXPECT_EQ(give(assembler, {1, 4, "cd"})->bytes, "abcd");
+  EXPECT_EQ(give(assembler, {1, 4, "cd"})->bytes.view, "abcd");
 }
 
 TEST_F(Pieces, PiecesOfManyThreadsAreJoinedApart) {
@@ -314,7 +314,7 @@ TEST_F(Pieces, PiecesOfManyThreadsAreJoinedApart) {
         std::optional<PieceAssembler::Joined> joined;
         for (int i = 0; i < 10; ++i) joined = give(assembler, {id, 10, std::string(1, letter)});
         ASSERT_TRUE(joined);
-        EXPECT_EQ(joined->bytes, std::string(10, letter));
+        EXPECT_EQ(joined->bytes.view, std::string(10, letter));
       }
     });
   }

@@ -122,10 +122,10 @@ TEST_F(Results, OldestOfNineTouchedContentsIsReleased) {
 }
 
 TEST_F(Results, OwnedPayloadIsStoredLikeAnyOther) {
-  table.store_owned(5, payload(1));
+  table.store(5, payload(1));
   TolkParams* const block = table.find(5);
   EXPECT_EQ(number_in(block), 1);
-  table.store_owned(5, payload(2));
+  table.store(5, payload(2));
   EXPECT_EQ(table.find(5), block);
   EXPECT_EQ(*block->GetParamas(), payload(2));
 }

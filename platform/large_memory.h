@@ -1,0 +1,21 @@
+// Memory for bytes that come in large amounts.
+//
+// Thread: any. Owner: the caller frees with std::free. Failure: null, and the old block stays.
+#pragma once
+
+#include <cstddef>
+
+namespace tolk::platform {
+
+// Blocks of this size and more are mappings of their own: no allocator keeps them for itself.
+inline constexpr std::size_t kLargeBlockBytes = std::size_t{32} << 20;
+
+// Asks the system for large pages in [memory, memory + size), if there are many of them: each page
+// that is touched for the first time costs as much as a copy of its bytes. It has no effect where
+// the system has no such request, or where the memory may soon be a small block's.
+void prefer_large_pages(void* memory, std::size_t size);
+
+// As std::realloc. The system moves large blocks without copying them, where it can.
+void* resize(void* memory, std::size_t size);
+
+}  // namespace tolk::platform
