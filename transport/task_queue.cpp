@@ -1,5 +1,7 @@
 #include "transport/task_queue.h"
 
+#include <thread>
+
 #include "platform/guarded.h"
 #include "transport/pause_point.h"
 
@@ -40,33 +42,52 @@ bool TaskQueue::post(std::unique_ptr<Task> task) {
 }
 
 bool TaskQueue::enqueue_if_open(std::unique_ptr<Task>& task) {
-  auto state = state_.lock();
-  if (state->wake_up == nullptr) return false;
-  enqueue(*state, std::move(task));
+  uv_async_t* asleep = nullptr;
+  {
+    auto state = state_.lock();
+    if (state->wake_up == nullptr) return false;
+    state->tasks.add(std::move(task));
+    asleep = sleeper(*state);
+  }
+  wake(asleep);
   return true;
 }
 
 void TaskQueue::post_prepared() {
-  auto state = state_.lock();
-  if (state->wake_up != nullptr && state->prepared) enqueue(*state, std::move(state->prepared));
+  uv_async_t* asleep = nullptr;
+  {
+    auto state = state_.lock();
+    if (state->wake_up == nullptr || !state->prepared) return;
+    state->tasks.add(std::move(state->prepared));
+    asleep = sleeper(*state);
+  }
+  wake(asleep);
 }
 
 bool TaskQueue::post_end(std::unique_ptr<Task> task, bool wakes) {
-  auto state = state_.lock();
-  state->ends.add(std::move(task));
-  if (wakes) wake(*state);
-  return state->wake_up != nullptr;
-}
-
-void TaskQueue::enqueue(State& state, std::unique_ptr<Task> task) {
-  state.tasks.add(std::move(task));
-  wake(state);
-}
-
-void TaskQueue::wake(State& state) {
-  if (state.wake_up != nullptr && std::exchange(state.asleep, false)) {
-    uv_async_send(state.wake_up);
+  uv_async_t* asleep = nullptr;
+  {
+    auto state = state_.lock();
+    state->ends.add(std::move(task));
+    if (state->wake_up == nullptr) return false;
+    if (wakes) asleep = sleeper(*state);
   }
+  wake(asleep);
+  return true;
+}
+
+// Null when the loop is awake, or is being woken.
+uv_async_t* TaskQueue::sleeper(State& state) {
+  if (!std::exchange(state.asleep, false)) return nullptr;
+  wakers_.fetch_add(1, std::memory_order_relaxed);
+  return state.wake_up;
+}
+
+// Without the lock: the loop thread would wake up only to wait for it.
+void TaskQueue::wake(uv_async_t* sleeper) {
+  if (sleeper == nullptr) return;
+  uv_async_send(sleeper);
+  wakers_.fetch_sub(1, std::memory_order_release);
 }
 
 // No more than what is queued now: reads and timers get their turn, however fast others post.
@@ -110,6 +131,7 @@ void TaskQueue::close() {
     state->wake_up = nullptr;
     left.swap(state->tasks);
   }
+  while (wakers_.load(std::memory_order_acquire) != 0) std::this_thread::yield();
   TOLK_PAUSE_POINT("queue.before_refusals");
   while (const auto task = running_.take()) task->refuse();
   while (const auto task = left.take()) task->refuse();

@@ -15,6 +15,7 @@
 
 #include <uv.h>
 
+#include <atomic>
 #include <memory>
 #include <utility>
 
@@ -107,11 +108,12 @@ class TaskQueue {
   };
 
   bool enqueue_if_open(std::unique_ptr<Task>& task);
-  static void enqueue(State& state, std::unique_ptr<Task> task);
-  static void wake(State& state);
+  uv_async_t* sleeper(State& state);
+  void wake(uv_async_t* sleeper);
   static bool run_all(TaskList& batch) TOLK_LOOP;
 
   Guarded<State> state_;
+  std::atomic<int> wakers_{0};  // threads that are about to touch the wake-up handle
   TaskList running_ TOLK_GUARDED_BY(loop_role);  // taken by drain
 };
 

@@ -1,6 +1,5 @@
 #include "transport/work_queue.h"
 
-#include <stdexcept>
 #include <utility>
 
 #include "transport/pause_point.h"
@@ -36,28 +35,44 @@ const AtProcessExit close_workers([] { workers.close(); });
 // Loop.
 
 void WorkQueue::begin(uv_loop_t* loop, std::unique_ptr<WorkItem> item) {
-  auto state = state_.lock();
-  const Instant now = instant_now();
-  if (const auto since = std::exchange(state->nothing_since, std::nullopt)) {
-    state->gaps.waited(now - *since, now);
-    staying_pays_.store(state->gaps.pays(now), std::memory_order_relaxed);
+  if (process_exits()) return;
+  note_gap();
+  std::unique_ptr<Runner> runner;
+  if (!add(item, nullptr)) {
+    runner = std::make_unique<Runner>(*this);
+    add(item, &runner);
   }
+  if (runner) start(loop, std::move(runner));
+}
+
+// How long there was nothing to do.
+void WorkQueue::note_gap() {
+  auto state = state_.lock();
+  const auto since = std::exchange(state->nothing_since, std::nullopt);
+  if (!since) return;
+  const Instant now = instant_now();
+  state->gaps.waited(now - *since, now);
+  staying_pays_.store(state->gaps.pays(now), std::memory_order_relaxed);
+}
+
+// False when the item needs a runner and there is none. A runner that it does not need goes.
+bool WorkQueue::add(std::unique_ptr<WorkItem>& item, std::unique_ptr<Runner>* runner) {
+  auto state = state_.lock();
   if (state->waiting.size() == state->idle) {
-    if (!start_runner(loop)) {
-      if (process_exits()) return;
-      throw std::runtime_error("no worker");
-    }
+    if (runner == nullptr) return false;
     ++state->idle;
+  } else if (runner != nullptr) {
+    runner->reset();
   }
   state->waiting.add(std::move(item));
   waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
+  return true;
 }
 
-bool WorkQueue::start_runner(uv_loop_t* loop) {
-  auto runner = std::make_unique<Runner>(*this);
-  if (!workers.enqueue(loop, &runner->work, run_items, on_runner_done)) return false;
+// Without the lock: the runner would begin by waiting for it.
+void WorkQueue::start(uv_loop_t* loop, std::unique_ptr<Runner> runner) {
+  if (!workers.enqueue(loop, &runner->work, run_items, on_runner_done)) return;
   static_cast<void>(runner.release());  // on_runner_done owns it
-  return true;
 }
 
 // The items that the runner did last end here.

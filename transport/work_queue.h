@@ -60,7 +60,9 @@ class WorkQueue {
   static void on_runner_done(uv_work_t* work, int status);
 
   // Loop.
-  bool start_runner(uv_loop_t* loop) TOLK_LOOP;
+  void note_gap() TOLK_LOOP;
+  bool add(std::unique_ptr<WorkItem>& item, std::unique_ptr<Runner>* runner) TOLK_LOOP;
+  static void start(uv_loop_t* loop, std::unique_ptr<Runner> runner) TOLK_LOOP;
   // Worker.
   void run_until(Instant latest) TOLK_WORKER;
   bool may_stay(Instant latest) const;
