@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -14,6 +15,7 @@
 #include "params/argument.h"
 #include "params/content.h"
 #include "params/encoder.h"
+#include "params/large_memory.h"
 #include "params/value_access.h"
 #include "platform/text.h"
 
@@ -22,12 +24,13 @@ using tolk::Argument;
 
 namespace {
 
-using BlockEncoder = tolk::Encoder<std::string>;
-
 // A block with a large record has spare room for some small records, such as the keys of a large
 // call. They do not make the block move, which would need the memory twice for a moment.
 constexpr std::size_t large_block_bytes = std::size_t{1} << 20;
 constexpr std::size_t spare_bytes = 4096;
+
+// The first memory of a block: enough for most small blocks, which then never move.
+constexpr std::size_t first_capacity = 255;
 
 std::string& own_bytes(TolkParams& block) { return Access::content(block).own_bytes(); }
 
@@ -37,14 +40,44 @@ void make_room(std::string& buffer, std::size_t record_bytes) {
   const std::size_t needed = buffer.size() + record_bytes;
   if (needed <= buffer.capacity()) return;
   const std::size_t spare = needed < large_block_bytes ? 0 : spare_bytes;
-  buffer.reserve(std::max(needed + spare, 2 * buffer.capacity()));
+  const std::size_t capacity = std::max({first_capacity, needed + spare, 2 * buffer.capacity()});
+  tolk::expect_large_piece(capacity);
+  buffer.reserve(capacity);
+  tolk::use_large_pages(buffer.data(), capacity);
 }
+
+// A small record, put together here and appended at once.
+class SmallRecord {
+ public:
+  static constexpr std::size_t most_bytes = 256;
+
+  // `position`: where the record will be in its block.
+  explicit SmallRecord(std::size_t position) : position_(position) {}
+  void append(const char* bytes, std::size_t size) {
+    std::memcpy(bytes_ + used_, bytes, size);
+    used_ += size;
+  }
+  std::size_t size() const { return position_ + used_; }
+  std::string_view bytes() const { return {bytes_, used_}; }
+
+ private:
+  const std::size_t position_;
+  std::size_t used_ = 0;
+  char bytes_[most_bytes];
+};
 
 template <class Write>
 void append_record(std::string& buffer, std::size_t record_bytes, Write write) {
   make_room(buffer, record_bytes);
-  BlockEncoder encoder(buffer, 0);
+  if (record_bytes > SmallRecord::most_bytes) {
+    tolk::Encoder<std::string> encoder(buffer, 0);
+    write(encoder);
+    return;
+  }
+  SmallRecord record(buffer.size());
+  tolk::Encoder<SmallRecord> encoder(record, 0);
   write(encoder);
+  buffer.append(record.bytes());
 }
 
 // Appends a key-and-value record whose value `write` adds.
@@ -52,7 +85,7 @@ template <class Write>
 void append_keyed(std::string& buffer, const char* key, std::size_t value_bytes, Write write) {
   const Argument name(buffer, tolk::wire_part(tolk::text_of(key)));
   const std::size_t record_bytes = tolk::keyed_bytes(name.view().size(), value_bytes);
-  append_record(buffer, record_bytes, [&](BlockEncoder& encoder) {
+  append_record(buffer, record_bytes, [&](auto& encoder) {
     encoder.add_key(name.view());
     write(encoder);
   });
@@ -77,7 +110,8 @@ std::size_t element_record_bytes(const TolkValue& element) {
   }
 }
 
-void add_element(BlockEncoder& encoder, const TolkValue& element) {
+template <class Encoder>
+void add_element(Encoder& encoder, const TolkValue& element) {
   switch (TolkValueAccess::type(element)) {
     case TolkValue::Bool:
       return encoder.add_bool(element.GetBool());
@@ -172,7 +206,7 @@ void TolkParams::AddList(ListParams* list) {
   const auto& elements = owned->elements_;
   std::size_t record_bytes = tolk::list_header_bytes;
   for (const TolkValue* element : elements) record_bytes += element_record_bytes(*element);
-  append_record(own_bytes(*this), record_bytes, [&](BlockEncoder& to) {
+  append_record(own_bytes(*this), record_bytes, [&](auto& to) {
     to.add_list_header(static_cast<std::uint32_t>(elements.size()));
     for (const TolkValue* element : elements) add_element(to, *element);
   });

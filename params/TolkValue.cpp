@@ -56,16 +56,12 @@ TolkValue::TolkValue(int v) : TolkValue(Int) { value_.integer = v; }
 
 TolkValue::TolkValue(double v) : TolkValue(Double) { value_.real = v; }
 
-TolkValue::TolkValue(Type type) : type_(type), owners_(0), owns_text_(false), home_(nullptr) {
-  value_.all = 0;
-}
+TolkValue::TolkValue(Type type) : type_(type), owners_(0) { value_.all = 0; }
 
 TolkValue::TolkValue(const char* data, long len, Type type) : TolkValue(type) {
   if (!may_have_text(type)) return;
   const std::string_view bytes = tolk::bytes_of(data, len);
-  value_.text = owned_text(bytes).release();
-  text_size_ = bytes.size();
-  owns_text_ = true;
+  Access::own_text(*this, owned_text(bytes).release(), bytes.size());
 }
 
 TolkValue::TolkValue(const TolkValue& other) : TolkValue(None) { *this = other; }
@@ -75,7 +71,7 @@ TolkValue& TolkValue::operator=(const TolkValue& other) {
   // The new state is complete before the old is released: `other` may be one of our own elements.
   const Type type = other.type_;
   const Field field = other.value_;
-  const std::size_t text_size = other.text_size_;
+  const std::size_t text_size = Access::bytes(other).size();
   std::unique_ptr<char[]> text;
   if (Access::has_text(other)) text = owned_text(Access::bytes(other));
   auto list = type == List ? other.list_ : std::vector<TolkValue*>();
@@ -91,11 +87,7 @@ TolkValue& TolkValue::operator=(const TolkValue& other) {
   if (type == Bool) copy_field_bytes(value_, field, sizeof field.boolean);
   if (type == Int) copy_field_bytes(value_, field, sizeof field.integer);
   if (type == Double) copy_field_bytes(value_, field, sizeof field.real);
-  if (text != nullptr) {
-    value_.text = text.release();
-    text_size_ = text_size;
-    owns_text_ = true;
-  }
+  if (text != nullptr) Access::own_text(*this, text.release(), text_size);
   if (type == List) list_.swap(list);
   if (type == Map) map.reset(std::exchange(map_, map.release()));
   Access::release_all(list);
@@ -169,8 +161,8 @@ void TolkValue::clear() {
   const Type type = type_;
   type_ = None;
   if (may_have_text(type)) {
-    if (owns_text_) delete[] value_.text;
-    owns_text_ = false;
+    if (Access::owns_text(*this)) delete[] value_.text;
+    text_word_ = 0;
     value_.all = 0;
   }
   // On purpose: a value that is not a List keeps its elements, and a value that is not a Map keeps

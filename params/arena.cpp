@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "params/large_memory.h"
 #include "params/parser.h"
 
 namespace tolk {
@@ -36,10 +37,14 @@ struct RestoreCheckWord {
 }  // namespace
 
 Arena* Arena::make(std::size_t inside_bytes, std::size_t room) {
-  const std::size_t inside = (inside_bytes + alignment - 1) / alignment * alignment;
-  char* const memory = static_cast<char*>(::operator new(sizeof(Arena) + inside + room));
-  char* const begin = memory + sizeof(Arena) + inside;
-  return new (memory) Arena(begin, begin + room);
+  const std::size_t inside = sizeof(Arena) + (inside_bytes + alignment - 1) / alignment * alignment;
+  // A little less room is worth it.
+  const bool nearly_quick = inside + room / 2 <= quick_bytes && inside + room > quick_bytes;
+  const std::size_t size = nearly_quick ? quick_bytes : inside + room;
+  expect_large_piece(size);
+  char* const memory = static_cast<char*>(::operator new(size));
+  use_large_pages(memory, size);
+  return new (memory) Arena(memory + inside, memory + size);
 }
 
 Arena* Arena::with_copy(std::string_view bytes, std::size_t room) {

@@ -305,8 +305,7 @@ std::string TolkParams::Content::take() {
   return std::move(own_bytes());
 }
 
-TolkParamsAccess::Content& TolkParamsAccess::content(const TolkParams& block) noexcept {
-  if (!block.refreshable_) return *block.content_;
+TolkParamsAccess::Content& TolkParamsAccess::refreshable_content(const TolkParams& block) noexcept {
   const std::atomic_ref<Content*> pointer(block.content_);
   Content* seen = pointer.load(std::memory_order_acquire);
   while (!is_touched(seen)) {

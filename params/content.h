@@ -54,8 +54,9 @@ struct TolkParams::Content {
   std::string& own_bytes() { return place ? bring_home() : buffer; }
   // The same for a host, which may then look at and change them at any time.
   std::string& given_bytes() {
+    std::string& bytes = own_bytes();
     given = true;
-    return own_bytes();
+    return bytes;
   }
   // The encoded bytes, wherever they lie, until the block is changed.
   std::string_view bytes() {
@@ -119,7 +120,9 @@ struct TolkParamsAccess {
   };
 
   // The block's content, borrowed. The content of a refreshable block is marked as touched.
-  static Content& content(const TolkParams& block) noexcept;
+  static Content& content(const TolkParams& block) noexcept {
+    return block.refreshable_ ? refreshable_content(block) : *block.content_;
+  }
 
   // Valid until the block is changed.
   static std::string_view bytes(const TolkParams& block) { return content(block).bytes(); }
@@ -168,4 +171,7 @@ struct TolkParamsAccess {
 
   // Takes over one count of `content` and releases the block's count of its own content.
   static void replace(TolkParams& block, Content* content) noexcept;
+
+ private:
+  static Content& refreshable_content(const TolkParams& block) noexcept;
 };

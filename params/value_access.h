@@ -10,6 +10,7 @@
 #include <tolk/TolkValue.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -35,7 +36,7 @@ struct TolkValueAccess {
 
   // The bytes of a String or Stream; empty for every other type.
   static std::string_view bytes(const TolkValue& value) {
-    return has_text(value) ? std::string_view(value.value_.text, value.text_size_)
+    return has_text(value) ? std::string_view(value.value_.text, value.text_word_ / 2)
                            : std::string_view();
   }
 
@@ -73,8 +74,14 @@ struct TolkValueAccess {
   static void set(TolkValue& value, TolkValue::Type type, std::string_view text) noexcept {
     value.type_ = type;
     value.value_.text = text.data();
-    value.text_size_ = text.size();
+    value.text_word_ = 2 * text.size();
   }
+  // `text` was made by new[] and ends with a zero.
+  static void own_text(TolkValue& value, const char* text, std::size_t size) noexcept {
+    value.value_.text = text;
+    value.text_word_ = 2 * size + 1;
+  }
+  static bool owns_text(const TolkValue& value) noexcept { return value.text_word_ % 2 != 0; }
 
   static std::uint32_t owners(TolkValue& value) {
     return std::atomic_ref(value.owners_).load(std::memory_order_relaxed);
@@ -161,7 +168,7 @@ struct TolkValueAccess {
 
   // Most values in an arena have nothing of their own to free.
   static void end(TolkValue& value) noexcept {
-    const bool plain = !value.owns_text_ && value.list_.capacity() == 0 && value.map_ == nullptr;
+    const bool plain = !owns_text(value) && value.list_.capacity() == 0 && value.map_ == nullptr;
     if (!plain) value.~TolkValue();
   }
 

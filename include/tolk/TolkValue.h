@@ -116,17 +116,15 @@ class TOLK_API TolkValue {
   };
 
   // A value in the memory of a parsed block.
-  explicit TolkValue(tolk::Arena* home) noexcept
-      : type_(None), owners_(1), owns_text_(false), home_(home) {
+  explicit TolkValue(tolk::Arena* home) noexcept : type_(None), owners_(1), home_(home) {
     value_.all = 0;
   }
 
   Field value_;
   Type type_;
   std::uint32_t owners_;  // the lists, maps and blocks that hold this element; changed atomically
-  std::size_t text_size_ = 0;
-  bool owns_text_;     // false: the text lies in the arena
-  tolk::Arena* home_;  // the arena that the value lies in, or null
+  std::size_t text_word_ = 0;    // twice the size of the text; 1 more if the value owns the text
+  tolk::Arena* home_ = nullptr;  // the arena that the value lies in, if any
   std::vector<TolkValue*> list_;
   std::map<std::string, TolkValue*>* map_ = nullptr;  // owned; null while there was no entry
 };

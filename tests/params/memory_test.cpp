@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "params/content.h"
 #include "platform/standard_output.h"
 #include "tests/platform/redirected_stdout.h"
 
@@ -89,6 +90,12 @@ void fill(TolkParams& block) {
   block.AddList(list);
 }
 
+std::string encoded_sample() {
+  TolkParams block;
+  fill(block);
+  return *block.GetParamas();
+}
+
 TEST(OutOfMemory, AddingLeavesNoPartOfARecord) {
   fail_each_allocation<TolkParams>(
       nothing, [](TolkParams& block) { block.AddKeyValueString("k", long_text); },
@@ -120,6 +127,82 @@ TEST(OutOfMemory, ParsingKeepsWholeValues) {
       [](TolkParams& block) {
         for (int i = 0; i < block.ParamsSize(); ++i) EXPECT_NE(block.GetValue(i), nullptr);
         for (const auto& [key, value] : *block.GetMapPtr()) EXPECT_NE(value, nullptr);
+      });
+}
+
+TEST(OutOfMemory, ParsingReceivedBytesKeepsWholeValues) {
+  const std::string bytes = encoded_sample();
+  for (const bool given : {false, true}) {
+    fail_each_allocation<TolkParams>(
+        [given](TolkParams& block) {
+          if (given) block.GetParamas();
+        },
+        [&](TolkParams& block) {
+          const auto received = std::make_shared<std::string>(bytes);
+          TolkParamsAccess::parse_shared(block, {received, *received});
+        },
+        [&](TolkParams& block) {
+          for (int i = 0; i < block.ParamsSize(); ++i) EXPECT_NE(block.GetValue(i), nullptr);
+          for (const auto& [key, value] : *block.GetMapPtr()) EXPECT_NE(value, nullptr);
+          EXPECT_TRUE(block.Size() == 0 || *block.GetParamas() == bytes);
+        });
+  }
+}
+
+// More values than the first memory of a parse has room for, and keys that come again.
+TEST(OutOfMemory, ParsingManyValuesKeepsWholeOnes) {
+  fail_each_allocation<TolkParams>(
+      [](TolkParams& block) {
+        for (int i = 0; i < 300; ++i) {
+          block.AddInt(i);
+          block.AddKeyValueInt(std::to_string(i % 200).c_str(), i);
+        }
+      },
+      [](TolkParams& block) { block.ToParams(); },
+      [](TolkParams& block) {
+        for (int i = 0; i < block.ParamsSize(); ++i) EXPECT_EQ(block.GetValue(i)->GetInt(), i);
+        for (int i = 0; i < 200; ++i) {
+          const TolkValue* const value = block.GetMap(std::to_string(i).c_str());
+          EXPECT_TRUE(value == nullptr || value->GetInt() % 200 == i) << i;
+        }
+      });
+}
+
+TEST(OutOfMemory, SharingLeavesTheBytesInTheBlock) {
+  for (const bool parsed : {false, true}) {
+    const std::string bytes = encoded_sample();
+    fail_each_allocation<TolkParams>(
+        [parsed](TolkParams& block) {
+          fill(block);
+          if (parsed) block.ToParams();
+        },
+        [](TolkParams& block) { TolkParamsAccess::share_bytes(block); },
+        [&](TolkParams& block) { EXPECT_EQ(TolkParamsAccess::bytes(block), bytes); });
+  }
+}
+
+TEST(OutOfMemory, ChangeOfSharedBytesLeavesThemInTheBlock) {
+  const std::string bytes = encoded_sample();
+  fail_each_allocation<TolkParams>(
+      [&](TolkParams& block) { fill(block); },
+      [](TolkParams& block) {
+        const tolk::SharedBytes shared = TolkParamsAccess::share_bytes(block);
+        block.AddInt(1);
+      },
+      [&](TolkParams& block) { EXPECT_EQ(TolkParamsAccess::bytes(block), bytes); });
+}
+
+TEST(OutOfMemory, StringOfTheHostIsMadeWhollyOrNotAtAll) {
+  const std::string bytes = encoded_sample();
+  fail_each_allocation<TolkParams>(
+      [&](TolkParams& block) {
+        fill(block);
+        block.ToParams();
+      },
+      [](TolkParams& block) { block.GetParamas(); },
+      [&](TolkParams& block) {
+        EXPECT_EQ(*block.GetParamas(), bytes);
+        EXPECT_STREQ(block.GetValue(0)->GetString(), long_text);
       });
 }
 
