@@ -31,12 +31,10 @@ CONTESTANTS = {
     "Thrift": ["contestant_thrift"],
     "sd-bus": ["contestant_sdbus"],
     "sd-bus, daemon": ["contestant_sdbus", "daemon"],
-    "protobuf": ["contestant_protobuf"],
-    "msgpack": ["contestant_msgpack"],
 }
+FIELDS = {"tolk": ["fields_tolk"], "protobuf": ["fields_protobuf"], "msgpack": ["fields_msgpack"]}
 BASELINES = ["floor", "floor, yielding"]
-NO_PEERS = ["bare socket", *BASELINES, "tolk"]
-FIELDS = ["tolk", "protobuf", "msgpack"]
+NO_PEERS = {name: CONTESTANTS[name] for name in ("bare socket", *BASELINES, "tolk")}
 
 
 class Row:
@@ -47,7 +45,7 @@ class Row:
         self.title = title
         self.arguments = arguments
         self.figures = figures
-        self.contestants = contestants
+        self.contestants = contestants or CONTESTANTS
         self.rounds = rounds
         self.turn_ms = turn_ms
         self.baselines = baselines or BASELINES
@@ -67,7 +65,7 @@ ROWS = {
               ["mb_s", "cpu_us_mib"], rounds=5),
     "E": Row("memory of the server for an idle client", ["memory", "--clients", "1000"], ["kib"],
              rounds=1),
-    "F": Row("block of 8 mixed fields, built and parsed; stream of 1 MiB", ["fields"],
+    "F": Row("block of 8 mixed fields, built and parsed; stream of 1 MiB", [],
              ["fields_ns", "stream_mb_s", "copies_mb_s"], contestants=FIELDS,
              baselines=["protobuf", "msgpack"]),
     "G": Row("A beside 10,000 idle connections", ["echo", "--idle", "10000"],
@@ -77,17 +75,10 @@ ROWS = {
 }
 
 
-def present(names):
-    return [name for name in names if (common.PROGRAMS / CONTESTANTS[name][0]).exists()]
-
-
-def contestants_of(row):
-    return present(row.contestants or [n for n in CONTESTANTS if n not in ("protobuf", "msgpack")])
-
-
 def one_round(row, arguments):
     stolen = common.StolenTime()
-    turns = {name: common.turn(CONTESTANTS[name], arguments) for name in contestants_of(row)}
+    turns = {name: common.turn(words, arguments) for name, words in row.contestants.items()
+             if (common.PROGRAMS / words[0]).exists()}
     return {"stolen": stolen.part(), "turns": turns}
 
 
@@ -96,7 +87,7 @@ def measure(row, options):
     wanted = 1 if options.quick else options.rounds or row.rounds or 9
     turn_ms = options.turn_ms or row.turn_ms or 300
     arguments = [*row.arguments]
-    if arguments[0] != "fields":
+    if arguments:
         arguments += ["--turn-ms", str(20 if options.quick else turn_ms)]
         arguments += ["--transport", options.transport]
     rounds = []

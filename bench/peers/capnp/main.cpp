@@ -5,7 +5,7 @@
 #include <kj/async.h>
 
 #include <atomic>
-#include <optional>
+#include <memory>
 #include <thread>
 
 #include "bench/calls/contestant.h"
@@ -64,45 +64,54 @@ class CapnpClient final : public Client {
       executor_ = &kj::getCurrentThreadExecutor();
       is_open_ = true;
       is_open_.notify_all();
-      kj::NEVER_DONE.wait(client_->getWaitScope());
+      kj::NEVER_DONE.wait(link_->client.getWaitScope());
     }).detach();
     is_open_.wait(false);
   }
 
+  // What a thread has opened belongs to that thread.
+  ~CapnpClient() override {
+    if (has_thread_) link_.release();
+  }
+
   bool echo(std::size_t, const std::string& payload) override {
-    if (!has_thread_) return echo_promise(payload).wait(client_->getWaitScope());
+    if (!has_thread_) return echo_promise(payload).wait(link_->client.getWaitScope());
     return executor_->executeSync([&] { return echo_promise(payload); });
   }
 
   bool bulk(std::string_view bytes) override {
-    auto request = echo_->bulkRequest();
+    auto request = link_->echo.bulkRequest();
     request.setData(data_of(bytes));
-    return request.send().wait(client_->getWaitScope()).getCount() == bytes.size();
+    return request.send().wait(link_->client.getWaitScope()).getCount() == bytes.size();
   }
 
   bool post(const std::string& payload) override {
-    auto request = echo_->postRequest();
+    auto request = link_->echo.postRequest();
     request.setData(data_of(payload));
-    request.send().wait(client_->getWaitScope());
+    request.send().wait(link_->client.getWaitScope());
     return true;
   }
 
  private:
-  void open(const Place& place) {
-    client_.emplace(address_of(place), 0, no_limit());
-    echo_.emplace(client_->getMain<Echo>());
-  }
+  struct Link {
+    explicit Link(const std::string& address)
+        : client(address, 0, no_limit()), echo(client.getMain<Echo>()) {}
+
+    capnp::EzRpcClient client;
+    Echo::Client echo;
+  };
+
+  void open(const Place& place) { link_ = std::make_unique<Link>(address_of(place)); }
 
   kj::Promise<bool> echo_promise(const std::string& payload) {
-    auto request = echo_->callRequest();
+    auto request = link_->echo.callRequest();
     request.setData(data_of(payload));
     return request.send().then(
         [&payload](auto&& answer) { return answer.getData() == data_of(payload); });
   }
 
   const bool has_thread_;
-  std::optional<capnp::EzRpcClient> client_;
-  std::optional<Echo::Client> echo_;
+  std::unique_ptr<Link> link_;
   const kj::Executor* executor_ = nullptr;
   std::atomic<bool> is_open_{false};
 };
