@@ -103,8 +103,18 @@ struct Task {
   FrameLoop::Connection* connection = nullptr;
   FrameHeader header;
   std::string payload;
-  FrameLoop::Block big;
+  FrameLoop::Block big;  // instead of a payload
 };
+
+Task task_of(FrameLoop::Connection& connection, const FrameHeader& header, std::string_view payload,
+             FrameLoop::Block block) {
+  if (payload.size() < FrameLoop::kBigBytes) return {&connection, header, std::string(payload), {}};
+  if (!block) {
+    block = std::make_unique_for_overwrite<char[]>(payload.size());
+    payload.copy(block.get(), payload.size());
+  }
+  return {&connection, header, {}, std::move(block)};
+}
 
 // Runs tasks in libuv's worker threads. A work item takes tasks as long as there are any.
 class Workers {
@@ -188,9 +198,7 @@ class ThreadedServer {
         loop_(
             [this](FrameLoop::Connection& connection, const FrameHeader& header,
                    std::string_view payload, FrameLoop::Block block) {
-              Task task{&connection, header, {}, std::move(block)};
-              if (!task.big) task.payload.assign(payload);
-              workers_.start(loop_.loop(), std::move(task));
+              workers_.start(loop_.loop(), task_of(connection, header, payload, std::move(block)));
             },
             yielding) {
     loop_.listen(place);
@@ -198,7 +206,6 @@ class ThreadedServer {
   }
 
  private:
-  // A big echo stays until the process ends: it is measured a few times only.
   void handle(Task task) {
     if (task.header.kind == FrameKind::post) ++shared_.handled;
     if (task.header.kind != FrameKind::echo) {
@@ -207,8 +214,8 @@ class ThreadedServer {
       task.big.reset();
     }
     const std::string_view answer =
-        task.big ? std::string_view(task.big.release(), task.header.payload_bytes) : task.payload;
-    loop_.send(*task.connection, task.header, answer);
+        task.big ? std::string_view(task.big.get(), task.header.payload_bytes) : task.payload;
+    loop_.send(*task.connection, task.header, answer, std::move(task.big));
   }
 
   Shared& shared_;

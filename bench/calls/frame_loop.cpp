@@ -26,7 +26,6 @@ struct FrameLoop::Connection {
 namespace {
 
 constexpr std::size_t kReadBytes = 65536;
-constexpr std::size_t kBigBytes = 16384;
 constexpr std::size_t kMostQueuedBytes = std::size_t{1} << 20;
 constexpr int kBacklog = 4096;
 
@@ -45,11 +44,13 @@ uv_buf_t buffer_of(std::string_view bytes) {
 struct PendingWrite {
   uv_write_t request;
   std::string copy;
+  FrameLoop::Block block;
 };
 
-// What the system does not take at once: `small` is copied, `big` stays the sender's.
-void write_rest(uv_stream_t* stream, std::string_view small, std::string_view big) {
-  auto* const pending = new PendingWrite{{}, std::string(small)};
+// What the system does not take at once: `small` is copied, `big` is in `block` or the sender's.
+void write_rest(uv_stream_t* stream, std::string_view small, std::string_view big,
+                FrameLoop::Block block) {
+  auto* const pending = new PendingWrite{{}, std::string(small), std::move(block)};
   pending->request.data = pending;
   const std::array<uv_buf_t, 2> buffers{buffer_of(pending->copy), buffer_of(big)};
   const int result =
@@ -58,7 +59,8 @@ void write_rest(uv_stream_t* stream, std::string_view small, std::string_view bi
   if (result < 0) delete pending;
 }
 
-void write_now(uv_stream_t* stream, std::string_view small, std::string_view big) {
+void write_now(uv_stream_t* stream, std::string_view small, std::string_view big = {},
+               FrameLoop::Block block = nullptr) {
   const std::array<uv_buf_t, 2> buffers{buffer_of(small), buffer_of(big)};
   const int result = uv_try_write(stream, buffers.data(), big.empty() ? 1 : 2);
   std::size_t taken = result > 0 ? static_cast<std::size_t>(result) : 0;
@@ -66,7 +68,7 @@ void write_now(uv_stream_t* stream, std::string_view small, std::string_view big
   const std::size_t of_small = std::min(taken, small.size());
   small.remove_prefix(of_small);
   big.remove_prefix(taken - of_small);
-  write_rest(stream, small, big);
+  write_rest(stream, small, big, std::move(block));
 }
 
 }  // namespace
@@ -137,8 +139,9 @@ FrameLoop::~FrameLoop() {
   uv_loop_close(&loop_);
 }
 
-void FrameLoop::send(Connection& connection, const FrameHeader& header, std::string_view payload) {
-  Outgoing one{&connection, header, {}, {}};
+void FrameLoop::send(Connection& connection, const FrameHeader& header, std::string_view payload,
+                     Block block) {
+  Outgoing one{&connection, header, {}, {}, std::move(block)};
   if (payload.size() >= kBigBytes) {
     one.big = payload;
   } else {
@@ -164,18 +167,18 @@ bool FrameLoop::send_queued() {
     if (queued_bytes_ >= kMostQueuedBytes) room_.notify_all();
     queued_bytes_ = 0;
   }
-  for (const Outgoing& one : queue) write_out(one);
+  for (Outgoing& one : queue) write_out(one);
   flush();
   worked_ = worked_ || !queue.empty();
   return !queue.empty();
 }
 
-void FrameLoop::write_out(const Outgoing& one) {
+void FrameLoop::write_out(Outgoing& one) {
   Connection& connection = *one.connection;
   if (!connection.is_open) return;
   if (!one.big.empty()) {
     flush();
-    write_now(&connection.stream, bytes_of(one.header), one.big);
+    write_now(&connection.stream, bytes_of(one.header), one.big, std::move(one.block));
     return;
   }
   if (connection.out.empty()) unwritten_.push_back(&connection);
@@ -184,7 +187,7 @@ void FrameLoop::write_out(const Outgoing& one) {
 
 void FrameLoop::flush() {
   for (Connection* const connection : unwritten_) {
-    if (connection->is_open) write_now(&connection->stream, connection->out, {});
+    if (connection->is_open) write_now(&connection->stream, connection->out);
     connection->out.clear();
   }
   unwritten_.clear();

@@ -47,8 +47,11 @@ class FrameLoop {
   void listen(const Place& place);
   void start();
 
-  // A small payload is copied. A big one has to stay valid until the answer is there.
-  void send(Connection& connection, const FrameHeader& header, std::string_view payload);
+  // From here on, payloads are big.
+  static constexpr std::size_t kBigBytes = 16384;
+  // A small payload is copied. A big one is in `block`, or stays valid until the answer is there.
+  void send(Connection& connection, const FrameHeader& header, std::string_view payload,
+            Block block = nullptr);
   uv_loop_t* loop() { return &loop_; }
 
  private:
@@ -57,12 +60,13 @@ class FrameLoop {
     FrameHeader header;
     std::string copy;
     std::string_view big;
+    Block block;
   };
 
   void run();
   void poll();
   bool send_queued();
-  void write_out(const Outgoing& one);
+  void write_out(Outgoing& one);
   void flush();
   void close(Connection& connection);
   void accept_one();

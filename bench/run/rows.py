@@ -1,6 +1,7 @@
 """Calls between two processes: contestants take turns, row by row and round by round.
 
-usage: rows.py [--json FILE] [--rows A,S,…] [--rounds N] [--turn-ms N] [--transport pipe] [--quick]
+usage: rows.py [--json FILE] [--rows A,S,…] [--contestants tolk] [--rounds N] [--turn-ms N]
+               [--transport pipe] [--quick]
 
 A round is one turn of every contestant (A B C, A B C, …), so that what disturbs the machine
 disturbs all of them, and a ratio is the median of the rounds' ratios. A round in which another
@@ -75,10 +76,10 @@ ROWS = {
 }
 
 
-def one_round(row, arguments):
+def one_round(row, arguments, only):
     stolen = common.StolenTime()
     turns = {name: common.turn(words, arguments) for name, words in row.contestants.items()
-             if (common.PROGRAMS / words[0]).exists()}
+             if (common.PROGRAMS / words[0]).exists() and (not only or name in only)}
     return {"stolen": stolen.part(), "turns": turns}
 
 
@@ -92,7 +93,7 @@ def measure(row, options):
         arguments += ["--transport", options.transport]
     rounds = []
     while counted(rounds) < wanted and len(rounds) < MOST_REPEATED * wanted:
-        rounds.append(one_round(row, arguments))
+        rounds.append(one_round(row, arguments, options.contestants))
     return {"title": row.title, "arguments": " ".join(arguments), "figures": row.figures,
             "baselines": row.baselines, "rounds": rounds}
 
@@ -145,6 +146,7 @@ def parse_command_line():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--json", help="write all figures of all rounds to this file")
     parser.add_argument("--rows", default=",".join(ROWS), help="only these, for instance A,S")
+    parser.add_argument("--contestants", action="append", help="only these, one each time")
     parser.add_argument("--rounds", type=int, default=0)
     parser.add_argument("--turn-ms", type=int, default=0)
     parser.add_argument("--transport", choices=["pipe", "tcp4", "tcp6"], default="pipe")
