@@ -1,159 +1,142 @@
-#include "bench/calls/bare_socket.h"
-
+// The lower bound: blocking reads and writes, one socket for each caller, one thread at each end of
+// it, nothing in between. No library that shares a connection among callers can reach it.
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
-#include <list>
 #include <thread>
-#include <utility>
-#include <vector>
+
+#include "bench/calls/contestant.h"
+#include "bench/calls/frame_format.h"
 
 namespace bench {
 namespace {
 
-// A frame that is sent again and again with another mark.
-struct Caller {
-  Caller(Socket socket, std::size_t frame_bytes)
-      : frames(std::move(socket)), frame(make_frame(frame_bytes)) {}
+constexpr std::size_t kBufferBytes = 65536;
 
-  FrameSocket frames;
-  std::string frame;
-};
+// Whole small frames leave in one write.
+bool write_frame(const Socket& socket, FrameKind kind, std::string_view payload) {
+  const FrameHeader header{static_cast<std::uint32_t>(payload.size()), kind, 0};
+  char small[1024];
+  std::memcpy(small, &header, sizeof header);
+  if (payload.size() > sizeof small - sizeof header) {
+    return write_all(socket, {small, sizeof header}) && write_all(socket, payload);
+  }
+  payload.copy(small + sizeof header, payload.size());
+  return write_all(socket, {small, sizeof header + payload.size()});
+}
 
-class BareCalls final : public Contestant {
+class BareClient final : public Client {
  public:
-  BareCalls(Transport transport, const std::string& name, std::size_t callers, FrameBytes bytes)
-      : bytes_(bytes) {
-    for (std::size_t i = 0; i < callers; ++i) {
-      callers_.emplace_back(connect_to(transport, name), bytes.call);
-    }
+  BareClient(const Place& place, std::size_t callers) {
+    for (std::size_t i = 0; i < callers; ++i) sockets_.push_back(connect_to(place));
   }
 
-  bool exchange(std::size_t caller, std::uint32_t stamp) override {
-    Caller& own = callers_[caller];
-    put_mark(own.frame, {stamp, 0, static_cast<std::uint32_t>(bytes_.reply)});
-    if (!own.frames.write(own.frame)) return false;
-    const std::string_view payload = own.frames.read();
-    return payload.size() + 4 == bytes_.reply && mark_of(payload).stamp == stamp;
+  bool echo(std::size_t caller, const std::string& payload) override {
+    thread_local std::string answer;
+    answer.resize(payload.size());
+    FrameHeader header;
+    return write_frame(sockets_[caller], FrameKind::echo, payload) &&
+           read_all(sockets_[caller], reinterpret_cast<char*>(&header), sizeof header) &&
+           header.payload_bytes == payload.size() &&
+           read_all(sockets_[caller], answer.data(), answer.size()) && answer == payload;
+  }
+
+  bool bulk(std::string_view bytes) override {
+    FrameHeader header;
+    return write_frame(sockets_[0], FrameKind::bulk, bytes) &&
+           read_all(sockets_[0], reinterpret_cast<char*>(&header), sizeof header);
+  }
+
+  bool post(const std::string& payload) override {
+    return write_frame(sockets_[0], FrameKind::post, payload);
   }
 
  private:
-  const FrameBytes bytes_;
-  std::vector<Caller> callers_;
+  std::vector<Socket> sockets_;
 };
 
-class BarePosts final : public Contestant {
+class Input {
  public:
-  BarePosts(Transport transport, const std::string& name, std::size_t count, FrameBytes bytes)
-      : count_(count), bytes_(bytes), caller_(connect_to(transport, name), bytes.call) {}
+  explicit Input(const Socket& socket) : socket_(socket), buffer_(kBufferBytes, '\0') {}
 
-  std::size_t calls_each() const override { return count_; }
-
-  bool exchange(std::size_t, std::uint32_t stamp) override {
-    put_mark(caller_.frame, {stamp, 0, static_cast<std::uint32_t>(bytes_.reply)});
-    bool right = true;
-    std::thread reader([&] {
-      for (std::size_t i = 0; i < count_ && right; ++i) {
-        right = mark_of(caller_.frames.read()).stamp == stamp;
-      }
-    });
-    bool written = true;
-    for (std::size_t i = 0; i < count_ && written; ++i) {
-      written = caller_.frames.write(caller_.frame);
+  bool read(char* bytes, std::size_t count) {
+    while (count != 0) {
+      if (begin_ == end_ && count >= kBufferBytes) return read_all(socket_, bytes, count);
+      if (begin_ == end_ && !fill()) return false;
+      const std::size_t part = std::min(count, end_ - begin_);
+      std::memcpy(bytes, buffer_.data() + begin_, part);
+      begin_ += part;
+      bytes += part;
+      count -= part;
     }
-    reader.join();
-    return right && written;
+    return true;
   }
 
  private:
-  const std::size_t count_;
-  const FrameBytes bytes_;
-  Caller caller_;
+  bool fill() {
+    const ssize_t count = recv(socket_.get(), buffer_.data(), buffer_.size(), 0);
+    begin_ = 0;
+    end_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+    return count > 0;
+  }
+
+  const Socket& socket_;
+  std::string buffer_;
+  std::size_t begin_ = 0;
+  std::size_t end_ = 0;
 };
 
-// One thread for each connection.
-class BareServer final : public PeerServer {
+void answer_all(const Socket& socket, Shared& shared) {
+  Input input(socket);
+  std::string payload;
+  FrameHeader header;
+  while (input.read(reinterpret_cast<char*>(&header), sizeof header)) {
+    payload.resize(header.payload_bytes);
+    if (!input.read(payload.data(), payload.size())) return;
+    if (header.kind == FrameKind::post) {
+      ++shared.handled;
+    } else if (!write_frame(socket, header.kind,
+                            header.kind == FrameKind::echo ? payload : std::string_view())) {
+      return;
+    }
+  }
+}
+
+class BareSocket final : public Contestant {
  public:
-  explicit BareServer(Transport transport)
-      : listener_(listen_somewhere(transport, name_)), acceptor_([this] { accept_all(); }) {}
-
-  ~BareServer() override {
-    listener_.end();
-    acceptor_.join();
-    for (Peer& peer : peers_) {
-      peer.frames.socket().end();
-      peer.thread.join();
+  void serve(const Place& place, Shared& shared) override {
+    const Socket listener = listen_at(place);
+    shared.listening = true;
+    for (;;) {
+      std::thread([&shared, socket = accept_one(listener)] {
+        answer_all(socket, shared);
+      }).detach();
     }
   }
 
-  std::string name() const override { return name_; }
-
- private:
-  struct Peer {
-    explicit Peer(Socket socket) : frames(std::move(socket)) {}
-
-    FrameSocket frames;
-    std::thread thread;
-  };
-
-  void accept_all() {
-    for (Socket socket = accept_one(listener_); socket.get() >= 0; socket = accept_one(listener_)) {
-      // Idle while another contestant has its turn: no limit here.
-      const timeval none{};
-      setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
-      Peer& peer = peers_.emplace_back(std::move(socket));
-      peer.thread = std::thread([&peer] { answer_all(peer.frames); });
-    }
+  std::unique_ptr<Client> connect(const Place& place, std::size_t callers) override {
+    return std::make_unique<BareClient>(place, callers);
   }
 
-  static void answer_all(FrameSocket& frames) {
-    std::string reply;
-    for (std::string_view call = frames.read(); !call.empty(); call = frames.read()) {
-      const Mark mark = mark_of(call);
-      if (reply.size() != mark.reply_bytes) reply = make_frame(mark.reply_bytes);
-      put_mark(reply, mark);
-      if (!frames.write(reply)) return;
-    }
+  // Connecting alone, without a first answer.
+  ConnectTimes connect_and_close(const Place& place) override {
+    using Clock = std::chrono::steady_clock;
+    using Microseconds = std::chrono::duration<double, std::micro>;
+    const Clock::time_point begin = Clock::now();
+    Socket socket = connect_to(place);
+    const Clock::time_point connected = Clock::now();
+    socket = Socket();
+    return {Microseconds(connected - begin).count(),
+            Microseconds(Clock::now() - connected).count()};
   }
-
-  std::string name_;
-  Socket listener_;
-  std::list<Peer> peers_;  // the acceptor's, until it has ended
-  std::thread acceptor_;
 };
 
 }  // namespace
-
-std::string_view FrameSocket::read() {
-  for (;;) {
-    const std::string_view waiting(buffer_.data() + begin_, end_ - begin_);
-    const std::size_t whole = frame_bytes(waiting);
-    if (whole != 0 && whole <= waiting.size()) {
-      begin_ += whole;
-      return waiting.substr(4, whole - 4);
-    }
-    if (begin_ != 0) std::memmove(buffer_.data(), waiting.data(), waiting.size());
-    begin_ = 0;
-    end_ = waiting.size();
-    if (whole > buffer_.size()) buffer_.resize(whole);
-    const ssize_t count = recv(socket_.get(), buffer_.data() + end_, buffer_.size() - end_, 0);
-    if (count <= 0) return {};
-    end_ += static_cast<std::size_t>(count);
-  }
-}
-
-std::unique_ptr<Contestant> bare_calls(Transport transport, const std::string& name,
-                                       std::size_t callers, FrameBytes bytes) {
-  return std::make_unique<BareCalls>(transport, name, callers, bytes);
-}
-
-std::unique_ptr<Contestant> bare_posts(Transport transport, const std::string& name,
-                                       std::size_t count, FrameBytes bytes) {
-  return std::make_unique<BarePosts>(transport, name, count, bytes);
-}
-
-std::unique_ptr<PeerServer> start_bare_server(Transport transport) {
-  return std::make_unique<BareServer>(transport);
-}
-
 }  // namespace bench
+
+int main(int argc, char** argv) {
+  bench::BareSocket contestant;
+  return bench::run_contestant(argc, argv, contestant);
+}

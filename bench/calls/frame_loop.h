@@ -1,68 +1,96 @@
-// One thread with an event loop that reads and writes whole frames on any number of sockets: what a
-// program has that does not let its callers touch the sockets.
+// One thread with a libuv loop that reads and writes whole frames on any number of connections:
+// what a program has that does not let its callers touch the sockets.
 //
-// Thread: add and send from any; the callback runs on the loop thread.
-// Owner: the loop owns its sockets. The destructor ends the thread first.
-// Failure: std::system_error from the constructor; a connection that ends is dropped.
+// What waits leaves with one wake-up and, for each connection, one write. A loop that may poll does
+// so for about 50 µs after its last work, and needs no wake-up meanwhile.
+//
+// Thread: add and listen before start; send from any; the callbacks run on the loop thread.
+// Owner: the loop owns its connections, and keeps the objects of ended ones. The destructor ends
+// the thread first; no work item may run then. Failure: std::runtime_error.
 #pragma once
 
+#include <uv.h>
+
+#include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <functional>
-#include <map>
+#include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
-#include "bench/calls/socket.h"
+#include "bench/calls/frame_format.h"
+#include "bench/calls/place.h"
+#include "bench/calls/polling.h"
 
 namespace bench {
 
 class FrameLoop {
  public:
-  // Whole frames; `payload` is valid during the call.
-  using OnFrame = std::function<void(int connection, std::string_view payload)>;
+  struct Connection;
+  // Big payloads come in memory of their own, which the receiver may keep; others are valid during
+  // the call.
+  using Block = std::unique_ptr<char[]>;
+  using OnFrame = std::function<void(Connection& connection, const FrameHeader& header,
+                                     std::string_view payload, Block block)>;
 
-  explicit FrameLoop(OnFrame on_frame);
+  FrameLoop(OnFrame on_frame, bool may_poll);
   ~FrameLoop();
   FrameLoop(const FrameLoop&) = delete;
   FrameLoop& operator=(const FrameLoop&) = delete;
 
-  // Connections are named by their descriptors.
-  int add(Socket socket);
-  void accept_from(Socket listener);
-  void send(int connection, std::string frame);
+  Connection& add(const Place& place, Socket connected);
+  void listen(const Place& place);
+  void start();
+
+  // From here on, payloads are big.
+  static constexpr std::size_t kBigBytes = 16384;
+  // A small payload is copied. A big one is in `block`, or stays valid until the answer is there.
+  void send(Connection& connection, const FrameHeader& header, std::string_view payload,
+            Block block = nullptr);
+  uv_loop_t* loop() { return &loop_; }
 
  private:
-  struct Connection {
-    Socket socket;
-    std::string in;
-    std::string out;  // what the system has not taken yet
-  };
   struct Outgoing {
-    int connection;
-    std::string frame;
+    Connection* connection;
+    FrameHeader header;
+    std::string copy;
+    std::string_view big;
+    Block block;
   };
 
   void run();
-  void watch(int descriptor, unsigned events, bool again = false);
-  void wake();
-  void send_waiting();
-  void write_some(Connection& connection, std::string_view bytes);
-  void read_some(int descriptor);
-  void hand_on(int descriptor, Connection& connection);
-  Connection* find(int descriptor);
+  void poll();
+  bool send_queued();
+  void write_out(Outgoing& one);
+  void flush();
+  void close(Connection& connection);
+  void accept_one();
+
+  static void give_memory(uv_handle_t* handle, std::size_t suggested, uv_buf_t* memory);
+  static void take_bytes(uv_stream_t* stream, ssize_t count, const uv_buf_t* memory);
+  void cut(Connection& connection, std::string_view bytes);
 
   const OnFrame on_frame_;
-  Socket poll_;
-  Socket wake_up_;
-  Socket listener_;
+  Polling polling_;
+  uv_loop_t loop_;
+  uv_async_t wake_up_;
+  std::unique_ptr<Connection> listener_;
+  std::list<Connection> connections_;   // loop
+  std::vector<Connection*> unwritten_;  // loop: those with bytes in `out`
+  std::string read_buffer_;             // loop
+  bool worked_ = false;                 // loop: in this turn
+  std::atomic<bool> awake_{false};      // polls, and will look at the queue before it sleeps
+  std::atomic<bool> ending_{false};
+
   std::mutex lock_;
-  std::vector<Outgoing> line_;             // under lock_
-  bool ending_ = false;                    // under lock_
-  std::map<int, Connection> connections_;  // entries come and go under lock_
-  std::string read_buffer_;                // loop
+  std::condition_variable room_;
+  std::vector<Outgoing> queue_;   // under lock_
+  std::size_t queued_bytes_ = 0;  // under lock_
   std::thread thread_;
 };
 
