@@ -1,6 +1,5 @@
 #include "transport/wait_list.h"
 
-#include <algorithm>
 #include <atomic>
 
 #include "platform/never_destroyed.h"
@@ -29,24 +28,46 @@ void WaitList::add(timeout_sem& record) {
     record.start = system_calls.tick_ms();
     record.in_handler = HandlerScope::inside();
     const MutexLock lock(mutex_);
-    records_.push_back(&record);
+    list(record);
     if (record.in_handler && process_exits()) uv_sem_post(&record.semaphore);
   }
   TOLK_PAUSE_POINT("wait.listed");
 }
 
+void WaitList::list(timeout_sem& record) {
+  const auto indexed = by_token_.emplace(record.token, records_.end()).first;
+  try {
+    indexed->second = records_.insert(records_.end(), &record);
+  } catch (...) {
+    by_token_.erase(indexed);
+    throw;
+  }
+}
+
 void WaitList::remove(timeout_sem& record) {
   const MutexLock lock(mutex_);
-  records_.remove(&record);
+  take_off(record);
+}
+
+void WaitList::take_off(const timeout_sem& record) {
+  const auto indexed = by_token_.find(record.token);
+  if (indexed != by_token_.end()) {
+    records_.erase(indexed->second);
+    by_token_.erase(indexed);
+  }
+  // Only those who have the list itself could have added what has no token here.
+  if (records_.size() != by_token_.size()) {
+    records_.remove_if([&](const timeout_sem* listed) { return listed == &record; });
+  }
 }
 
 void WaitList::wake(std::uint64_t token) {
   const MutexLock lock(mutex_);
-  const auto at = std::find_if(records_.begin(), records_.end(),
-                               [&](const timeout_sem* record) { return record->token == token; });
-  if (at == records_.end()) return;
-  uv_sem_post(&(*at)->semaphore);
-  records_.erase(at);
+  const auto indexed = by_token_.find(token);
+  if (indexed == by_token_.end()) return;
+  timeout_sem& record = **indexed->second;
+  uv_sem_post(&record.semaphore);
+  take_off(record);
 }
 
 void WaitList::wake_all() {
@@ -66,11 +87,16 @@ void WaitList::sweep() {
   // The tick is read under the lock: read before it, it could be older than a record that was
   // listed meanwhile, and the difference would wrap to a huge age.
   const std::uint32_t now = system_calls.tick_ms();
-  records_.remove_if([&](timeout_sem* record) {
-    if (!expired(*record, now)) return false;
-    uv_sem_post(&record->semaphore);
-    return true;
-  });
+  for (auto at = records_.begin(); at != records_.end();) {
+    timeout_sem& record = **at;
+    if (!expired(record, now)) {
+      ++at;
+      continue;
+    }
+    at = records_.erase(at);
+    by_token_.erase(record.token);
+    uv_sem_post(&record.semaphore);
+  }
 }
 
 std::size_t WaitList::size() {

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <unordered_map>
 
 #include "transport/thread_safety.h"
 
@@ -56,11 +57,17 @@ class WaitList {
   std::list<timeout_sem*>& records() { return records_; }
 
  private:
+  using Place = std::list<timeout_sem*>::iterator;
+
   bool expired(const timeout_sem& record, std::uint32_t now) const;
+  void list(timeout_sem& record) TOLK_REQUIRES(mutex_);
+  void take_off(const timeout_sem& record) TOLK_REQUIRES(mutex_);
 
   const Zero zero_;
   Mutex mutex_;
+  // In the order in which they came, and by token, so that no call costs more the more others wait.
   std::list<timeout_sem*> records_ TOLK_GUARDED_BY(mutex_);
+  std::unordered_map<std::uint64_t, Place> by_token_ TOLK_GUARDED_BY(mutex_);
 };
 
 // A record that is on a list for as long as this lives.
