@@ -4,7 +4,10 @@
 #include <tolk/TolkValue.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -66,6 +69,62 @@ void copy(benchmark::State& state, Fill fill) {
 BENCHMARK_CAPTURE(copy, small, bench::fill_small);
 BENCHMARK_CAPTURE(copy, typical, bench::fill_typical);
 BENCHMARK_CAPTURE(copy, large, bench::fill_large);
+
+// Both ends of one call: a block is built, and another one reads its bytes.
+void build_and_parse(benchmark::State& state, Fill fill) {
+  for (auto _ : state) {
+    TolkParams sent;
+    fill(sent);
+    TolkParams received;
+    if (!received.Parser(sent.GetParamasPtr(), sent.Size())) state.SkipWithError("malformed");
+    benchmark::DoNotOptimize(received.GetValue(0));
+  }
+  count_bytes(state, encoded(fill).size());
+}
+
+// Eight fields of all types, three of them by key.
+void fill_mixed(TolkParams& block) {
+  static const std::string bytes(64, 'b');
+  block.AddInt(7);
+  block.AddBool(true);
+  block.AddDouble(1.5);
+  block.AddString("ssssssssssssssss");
+  block.AddStream(bytes.data(), static_cast<long>(bytes.size()));
+  block.AddKeyValueInt("alpha", 1);
+  block.AddKeyValueInt("beta", 2);
+  block.AddKeyValueString("gamma", "ssssssssssssssss");
+}
+
+template <int Mebibytes>
+const std::string& stream_of() {
+  static const std::string bytes(std::size_t{Mebibytes} << 20, 'z');
+  return bytes;
+}
+
+template <int Mebibytes>
+void fill_stream(TolkParams& block) {
+  const std::string& bytes = stream_of<Mebibytes>();
+  block.AddStream(bytes.data(), static_cast<long>(bytes.size()));
+}
+BENCHMARK_CAPTURE(build_and_parse, mixed, fill_mixed);
+BENCHMARK_CAPTURE(build_and_parse, stream_1_mib, fill_stream<1>);
+BENCHMARK_CAPTURE(build_and_parse, stream_16_mib, fill_stream<16>);
+
+// The floor under a stream that is built and parsed.
+template <int Mebibytes>
+void copy_twice(benchmark::State& state) {
+  const std::string& bytes = stream_of<Mebibytes>();
+  for (auto _ : state) {
+    const std::unique_ptr<char[]> first(new char[bytes.size()]);
+    std::memcpy(first.get(), bytes.data(), bytes.size());
+    const std::unique_ptr<char[]> second(new char[bytes.size()]);
+    std::memcpy(second.get(), first.get(), bytes.size());
+    benchmark::DoNotOptimize(second.get());
+  }
+  count_bytes(state, bytes.size());
+}
+BENCHMARK(copy_twice<1>);
+BENCHMARK(copy_twice<16>);
 
 void look_up_key(benchmark::State& state, Fill fill, const char* key) {
   const std::string bytes = encoded(fill);
