@@ -84,10 +84,10 @@ bool ClientSide::CheckServer() {
     return false;
   }
   const auto& content = *reply.get();
-  const auto theirs = content.keyed.find(std::string_view(kKeyVersion));
-  const bool has_text = theirs != content.keyed.end() && theirs->second->IsString();
-  const std::string shown(has_text ? theirs->second->GetString() : "");
-  const TolkValue* const verdict = content.values.empty() ? nullptr : content.values.front();
+  const TolkValue* const theirs = content.find(kKeyVersion);
+  const bool has_text = theirs != nullptr && theirs->IsString();
+  const std::string shown(has_text ? theirs->GetString() : "");
+  const TolkValue* const verdict = content.values.empty() ? nullptr : content.values[0];
   logger.formatted("Check Server Version: \nserver %s\nclient %s \n", shown.c_str(), kVersionText);
   return verdict != nullptr && verdict->IsBool() && verdict->GetBool();
 }

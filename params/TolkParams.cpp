@@ -29,6 +29,8 @@ using BlockEncoder = tolk::Encoder<std::string>;
 constexpr std::size_t large_block_bytes = std::size_t{1} << 20;
 constexpr std::size_t spare_bytes = 4096;
 
+std::string& own_bytes(TolkParams& block) { return Access::content(block).own_bytes(); }
+
 // Makes room for a whole record, so that a failed allocation leaves no part of a record. Doubling
 // keeps many small records cheap.
 void make_room(std::string& buffer, std::size_t record_bytes) {
@@ -112,52 +114,53 @@ TolkParams& TolkParams::operator=(const TolkParams& other) {
 TolkParams::~TolkParams() { Access::content(*this).release(); }
 
 void TolkParams::AddInt(int v) {
-  append_record(*GetParamas(), tolk::int_record_bytes, [&](auto& to) { to.add_int(v); });
+  append_record(own_bytes(*this), tolk::int_record_bytes, [&](auto& to) { to.add_int(v); });
 }
 
 void TolkParams::AddBool(bool v) {
-  append_record(*GetParamas(), tolk::bool_record_bytes, [&](auto& to) { to.add_bool(v); });
+  append_record(own_bytes(*this), tolk::bool_record_bytes, [&](auto& to) { to.add_bool(v); });
 }
 
 void TolkParams::AddDouble(double v) {
-  append_record(*GetParamas(), tolk::double_record_bytes, [&](auto& to) { to.add_double(v); });
+  append_record(own_bytes(*this), tolk::double_record_bytes, [&](auto& to) { to.add_double(v); });
 }
 
 void TolkParams::AddString(const char* s) {
-  std::string& buffer = *GetParamas();
+  std::string& buffer = own_bytes(*this);
   const Argument text(buffer, tolk::wire_part(tolk::text_of(s)));
   append_record(buffer, tolk::string_record_bytes(text.view().size()),
                 [&](auto& to) { to.add_string(text.view()); });
 }
 
 void TolkParams::AddStream(const char* data, long len) {
-  std::string& buffer = *GetParamas();
+  std::string& buffer = own_bytes(*this);
   const Argument bytes(buffer, tolk::wire_part(tolk::bytes_of(data, len)));
   append_record(buffer, tolk::stream_record_bytes(bytes.view().size()),
                 [&](auto& to) { to.add_stream(bytes.view()); });
 }
 
 void TolkParams::AddKeyValueInt(const char* key, int v) {
-  append_keyed(*GetParamas(), key, tolk::int_record_bytes, [&](auto& to) { to.add_int(v); });
+  append_keyed(own_bytes(*this), key, tolk::int_record_bytes, [&](auto& to) { to.add_int(v); });
 }
 
 void TolkParams::AddKeyValueBool(const char* key, bool v) {
-  append_keyed(*GetParamas(), key, tolk::bool_record_bytes, [&](auto& to) { to.add_bool(v); });
+  append_keyed(own_bytes(*this), key, tolk::bool_record_bytes, [&](auto& to) { to.add_bool(v); });
 }
 
 void TolkParams::AddKeyValueDouble(const char* key, double v) {
-  append_keyed(*GetParamas(), key, tolk::double_record_bytes, [&](auto& to) { to.add_double(v); });
+  append_keyed(own_bytes(*this), key, tolk::double_record_bytes,
+               [&](auto& to) { to.add_double(v); });
 }
 
 void TolkParams::AddKeyValueString(const char* key, const char* s) {
-  std::string& buffer = *GetParamas();
+  std::string& buffer = own_bytes(*this);
   const Argument text(buffer, tolk::wire_part(tolk::text_of(s)));
   append_keyed(buffer, key, tolk::string_record_bytes(text.view().size()),
                [&](auto& to) { to.add_string(text.view()); });
 }
 
 void TolkParams::AddKeyValueStream(const char* key, const char* data, long len) {
-  std::string& buffer = *GetParamas();
+  std::string& buffer = own_bytes(*this);
   const Argument bytes(buffer, tolk::wire_part(tolk::bytes_of(data, len)));
   append_keyed(buffer, key, tolk::stream_record_bytes(bytes.view().size()),
                [&](auto& to) { to.add_stream(bytes.view()); });
@@ -169,7 +172,7 @@ void TolkParams::AddList(ListParams* list) {
   const auto& elements = owned->elements_;
   std::size_t record_bytes = tolk::list_header_bytes;
   for (const TolkValue* element : elements) record_bytes += element_record_bytes(*element);
-  append_record(*GetParamas(), record_bytes, [&](BlockEncoder& to) {
+  append_record(own_bytes(*this), record_bytes, [&](BlockEncoder& to) {
     to.add_list_header(static_cast<std::uint32_t>(elements.size()));
     for (const TolkValue* element : elements) add_element(to, *element);
   });
@@ -177,18 +180,16 @@ void TolkParams::AddList(ListParams* list) {
 
 ListParams* TolkParams::CreateListParams() { return new ListParams; }
 
-std::string* TolkParams::GetParamas() { return &Access::content(*this).buffer; }
+std::string* TolkParams::GetParamas() { return &Access::content(*this).given_bytes(); }
 const char* TolkParams::GetParamasPtr() { return GetParamas()->c_str(); }
-long TolkParams::GetParamasSize() { return static_cast<long>(GetParamas()->size()); }
-int TolkParams::Size() { return static_cast<int>(GetParamas()->size()); }
+long TolkParams::GetParamasSize() { return static_cast<long>(Access::content(*this).size()); }
+int TolkParams::Size() { return static_cast<int>(Access::content(*this).size()); }
 
 int TolkParams::ParamsSize() { return static_cast<int>(Access::content(*this).values.size()); }
 int TolkParams::MapSize() { return static_cast<int>(Access::content(*this).keyed.size()); }
 
 bool TolkParams::Parser(const char* data, int len) {
-  // The copy comes first: `data` may point into the block's bytes or into one of its values.
-  std::string bytes(tolk::bytes_of(data, len));
-  return Access::content(*this).parse(std::move(bytes));
+  return Access::content(*this).parse_copy(tolk::bytes_of(data, len));
 }
 
 bool TolkParams::ToParams() { return Access::content(*this).parse_own_bytes(); }
@@ -201,9 +202,7 @@ TolkValue* TolkParams::GetValue(int i) {
 
 TolkValue* TolkParams::GetMap(const char* key) {
   if (key == nullptr) return nullptr;
-  const auto& keyed = Access::content(*this).keyed;
-  const auto entry = keyed.find(std::string_view(key));
-  return entry == keyed.end() ? nullptr : entry->second;
+  return Access::content(*this).find(key);
 }
 
 std::map<const char*, TolkValue*>* TolkParams::GetMapPtr() {
@@ -228,7 +227,7 @@ void TolkParams::DoubleTobytes(double v, std::string* out) {
 }
 
 void TolkParams::AddCheckSize() {
-  std::string& buffer = *GetParamas();
+  std::string& buffer = own_bytes(*this);
   IntTobytes(static_cast<int>(buffer.size()), &buffer);
 }
 

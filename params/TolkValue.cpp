@@ -1,10 +1,11 @@
 #include <tolk/TolkValue.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <map>
 #include <memory>
-#include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "params/argument.h"
@@ -15,7 +16,7 @@ namespace {
 
 using Access = TolkValueAccess;
 
-bool owns_bytes(TolkValue::Type type) {
+bool may_have_text(TolkValue::Type type) {
   return type == TolkValue::String || type == TolkValue::Stream;
 }
 
@@ -37,6 +38,14 @@ void copy_field_bytes(Field& to, const Field& from, std::size_t size) {
   std::memcpy(&to, &from, size);
 }
 
+// A copy of `bytes` with a zero behind it.
+std::unique_ptr<char[]> owned_text(std::string_view bytes) {
+  std::unique_ptr<char[]> text(new char[bytes.size() + 1]);
+  if (!bytes.empty()) std::memcpy(text.get(), bytes.data(), bytes.size());
+  text[bytes.size()] = '\0';
+  return text;
+}
+
 }  // namespace
 
 TolkValue::TolkValue() : TolkValue(None) {}
@@ -47,10 +56,16 @@ TolkValue::TolkValue(int v) : TolkValue(Int) { value_.integer = v; }
 
 TolkValue::TolkValue(double v) : TolkValue(Double) { value_.real = v; }
 
-TolkValue::TolkValue(Type type) : type_(type), owners_(0) { value_.all = 0; }
+TolkValue::TolkValue(Type type) : type_(type), owners_(0), owns_text_(false), home_(nullptr) {
+  value_.all = 0;
+}
 
 TolkValue::TolkValue(const char* data, long len, Type type) : TolkValue(type) {
-  if (owns_bytes(type)) value_.bytes = new std::string(tolk::bytes_of(data, len));
+  if (!may_have_text(type)) return;
+  const std::string_view bytes = tolk::bytes_of(data, len);
+  value_.text = owned_text(bytes).release();
+  text_size_ = bytes.size();
+  owns_text_ = true;
 }
 
 TolkValue::TolkValue(const TolkValue& other) : TolkValue(None) { *this = other; }
@@ -60,24 +75,31 @@ TolkValue& TolkValue::operator=(const TolkValue& other) {
   // The new state is complete before the old is released: `other` may be one of our own elements.
   const Type type = other.type_;
   const Field field = other.value_;
-  std::unique_ptr<std::string> bytes;
-  if (owns_bytes(type) && field.bytes != nullptr)
-    bytes = std::make_unique<std::string>(*field.bytes);
+  const std::size_t text_size = other.text_size_;
+  std::unique_ptr<char[]> text;
+  if (Access::has_text(other)) text = owned_text(Access::bytes(other));
   auto list = type == List ? other.list_ : std::vector<TolkValue*>();
-  auto map = type == Map ? other.map_ : std::map<std::string, TolkValue*>();
+  std::unique_ptr<Access::Map> map;
+  if (type == Map) {
+    map = std::make_unique<Access::Map>(other.map_ ? *other.map_ : Access::Map());
+    Access::retain_all_of(*map);
+  }
   Access::retain_all(list);
-  Access::retain_all_of(map);
 
   clear();
   type_ = type;
   if (type == Bool) copy_field_bytes(value_, field, sizeof field.boolean);
   if (type == Int) copy_field_bytes(value_, field, sizeof field.integer);
   if (type == Double) copy_field_bytes(value_, field, sizeof field.real);
-  if (owns_bytes(type)) value_.bytes = bytes.release();
+  if (text != nullptr) {
+    value_.text = text.release();
+    text_size_ = text_size;
+    owns_text_ = true;
+  }
   if (type == List) list_.swap(list);
-  if (type == Map) map_.swap(map);
+  if (type == Map) map.reset(std::exchange(map_, map.release()));
   Access::release_all(list);
-  Access::release_all_of(map);
+  if (map != nullptr) Access::release_all_of(*map);
   return *this;
 }
 
@@ -85,7 +107,8 @@ TolkValue::~TolkValue() {
   clear();
   // A host may have added elements to a value of another type.
   Access::release_all(list_);
-  Access::release_all_of(map_);
+  if (map_ != nullptr) Access::release_all_of(*map_);
+  delete map_;
 }
 
 bool TolkValue::IsBool() const { return type_ == Bool; }
@@ -99,10 +122,7 @@ bool TolkValue::GetBool() const { return field_as<unsigned char>(value_) != 0; }
 int TolkValue::GetInt() const { return field_as<std::int32_t>(value_); }
 double TolkValue::GetDouble() const { return field_as<double>(value_); }
 
-const char* TolkValue::GetString() const {
-  const bool has_bytes = owns_bytes(type_) && value_.bytes != nullptr;
-  return has_bytes ? value_.bytes->c_str() : "";
-}
+const char* TolkValue::GetString() const { return Access::has_text(*this) ? value_.text : ""; }
 
 const char* TolkValue::GetStream(long& len) const {
   len = static_cast<long>(Access::bytes(*this).size());
@@ -126,34 +146,35 @@ void TolkValue::AddListStream(const char* data, long len) {
 // On purpose: the value that a key had before is dropped and not freed, since hosts may still hold
 // it. Only a copy of the map that shares it frees it, when the copy ends.
 void TolkValue::AddListMapBool(const char* key, bool v) {
-  Access::put_and_drop(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+  Access::put_and_drop(Access::map(*this), tolk::text_of(key), std::make_unique<TolkValue>(v));
 }
 
 void TolkValue::AddListMapInt(const char* key, int v) {
-  Access::put_and_drop(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+  Access::put_and_drop(Access::map(*this), tolk::text_of(key), std::make_unique<TolkValue>(v));
 }
 
 void TolkValue::AddListMapDouble(const char* key, double v) {
-  Access::put_and_drop(map_, tolk::text_of(key), std::make_unique<TolkValue>(v));
+  Access::put_and_drop(Access::map(*this), tolk::text_of(key), std::make_unique<TolkValue>(v));
 }
 
 void TolkValue::AddListMapString(const char* key, const char* data, long len) {
-  Access::put_and_drop(map_, tolk::text_of(key), bytes_value(data, len, String));
+  Access::put_and_drop(Access::map(*this), tolk::text_of(key), bytes_value(data, len, String));
 }
 
 void TolkValue::AddListMapStream(const char* key, const char* data, long len) {
-  Access::put_and_drop(map_, tolk::text_of(key), bytes_value(data, len, Stream));
+  Access::put_and_drop(Access::map(*this), tolk::text_of(key), bytes_value(data, len, Stream));
 }
 
 void TolkValue::clear() {
   const Type type = type_;
   type_ = None;
-  if (owns_bytes(type)) {
-    delete value_.bytes;
+  if (may_have_text(type)) {
+    if (owns_text_) delete[] value_.text;
+    owns_text_ = false;
     value_.all = 0;
   }
   // On purpose: a value that is not a List keeps its elements, and a value that is not a Map keeps
   // its entries.
   if (type == List) Access::release_all(list_);
-  if (type == Map) Access::release_all_of(map_);
+  if (type == Map && map_ != nullptr) Access::release_all_of(*map_);
 }

@@ -3,6 +3,10 @@
 // A content is counted, because a block that was assigned from another shares its content.
 // TolkParamsAccess is the library's own access to blocks.
 //
+// The bytes are built in a string. They move to an arena when they are parsed, because the values
+// look into them there, and when they are shared. A later change brings them back: moved if nobody
+// else needs the arena, and copied otherwise.
+//
 // Thread: any, one at a time. One exception: `exchange` may replace the content of a refreshable
 // block while a thread of the host reads it.
 // Owner: the blocks and references that hold a count; the last one deletes the content.
@@ -13,18 +17,23 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
+#include "params/arena.h"
 #include "params/shared_bytes.h"
 
 class TolkValue;
 
 struct TolkParams::Content {
+  // A keyed value. The key's text ends with a zero.
+  struct Keyed {
+    std::string_view key;
+    TolkValue* value;
+  };
+
   Content() = default;
   Content(const Content& other);  // copies the bytes, shares the values; its view is empty
   Content& operator=(const Content&) = delete;
@@ -32,23 +41,52 @@ struct TolkParams::Content {
 
   // Replaces the bytes, and the values by those that `bytes` encodes.
   bool parse(std::string&& bytes);
+  bool parse(const tolk::SharedBytes& bytes);
+  bool parse_copy(std::string_view bytes);
   bool parse_own_bytes();
   void clear();
+  // The value of a key, or null.
+  TolkValue* find(std::string_view key) const;
   // Filled at the first use after a parse.
   std::map<const char*, TolkValue*>& keyed_view();
 
+  // The encoded bytes, in `buffer`. No other holder of them sees a change of it.
+  std::string& own_bytes() { return place ? bring_home() : buffer; }
+  // The same for a host, which may then look at and change them at any time.
+  std::string& given_bytes() {
+    given = true;
+    return own_bytes();
+  }
+  // The encoded bytes, wherever they lie, until the block is changed.
+  std::string_view bytes() {
+    return place && !place->has_text_ends() ? place->bytes() : own_bytes();
+  }
+  std::size_t size() const { return place ? place->bytes().size() : buffer.size(); }
+  tolk::SharedBytes share();
+  // For a content that is about to end.
+  std::string take();
+
   void retain() noexcept { owners.fetch_add(1, std::memory_order_relaxed); }
   void release() noexcept {
-    if (owners.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    // Nobody else can count a content that one block has.
+    const bool last = owners.load(std::memory_order_acquire) == 1 ||
+                      owners.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    if (last) delete this;
   }
 
   std::atomic<std::uint32_t> owners = 1;
-  std::string buffer;
-  std::vector<TolkValue*> values;
-  std::map<std::string, TolkValue*, std::less<>> keyed;
-  std::map<const char*, TolkValue*> view;  // keys point into `keyed`
+  // A host has a pointer to `buffer` or into it, so the bytes stay there for good.
+  bool given = false;
+  std::string buffer;    // the encoded bytes, unless they lie in `place`
+  tolk::ArenaRef place;  // where others hold the bytes too, or values look into them
+  tolk::ArenaRef home;   // of the values, and of the two sequences
+  tolk::ArenaArray<TolkValue*> values;
+  tolk::ArenaArray<Keyed> keyed;  // in the order of the keys, bytewise
+  std::map<const char*, TolkValue*> view;
 
  private:
+  std::string& bring_home();
+  bool parse_in(tolk::ArenaRef arena, std::string encoded);
   void drop_values() noexcept;
 };
 
@@ -83,7 +121,8 @@ struct TolkParamsAccess {
   // The block's content, borrowed. The content of a refreshable block is marked as touched.
   static Content& content(const TolkParams& block) noexcept;
 
-  static std::string_view bytes(const TolkParams& block) noexcept { return content(block).buffer; }
+  // Valid until the block is changed.
+  static std::string_view bytes(const TolkParams& block) { return content(block).bytes(); }
 
   // A count of the block's content. The content stays for as long as the count, even if the block
   // is changed or destroyed.
@@ -93,8 +132,8 @@ struct TolkParamsAccess {
     return ContentRef(&held);
   }
 
-  // The encoded bytes of a block that is about to be destroyed: moved, or copied if other blocks
-  // share them.
+  // The encoded bytes of a block that is about to be destroyed: moved where nobody else holds them,
+  // and copied otherwise.
   static std::string take_bytes(TolkParams& block);
 
   // TolkParams::Parser without a copy of the bytes.
@@ -103,14 +142,21 @@ struct TolkParamsAccess {
   }
 
   // The encoded bytes of a block, for as long as they are held, even if the block is changed or
-  // destroyed.
-  static tolk::SharedBytes share_bytes(const TolkParams& block);
+  // destroyed. There is no copy, unless the host may look at or change the bytes at any time
+  // (GetParamas, GetParamasPtr), or they were parsed and have texts in them.
+  static tolk::SharedBytes share_bytes(const TolkParams& block) { return content(block).share(); }
 
-  // TolkParams::Parser of bytes that stay where they are for as long as the block needs them.
-  static bool parse_shared(TolkParams& block, const tolk::SharedBytes& bytes);
+  // TolkParams::Parser of bytes that stay where they are for as long as the block or one of its
+  // values needs them. Their memory must be writable: the parse puts a zero behind each text and
+  // key, where the first byte of a check word was. Nobody else may read check words from then on.
+  static bool parse_shared(TolkParams& block, const tolk::SharedBytes& bytes) {
+    return content(block).parse(bytes);
+  }
 
   // A new content with the values of `bytes`, up to the first malformed record.
   static ContentRef parsed(std::string_view bytes);
+  // The same where the bytes are, as parse_shared.
+  static ContentRef parsed_shared(const tolk::SharedBytes& bytes);
 
   // Call it before the host gets the block. From then on `exchange` may run while a thread reads.
   static void make_refreshable(TolkParams& block) noexcept { block.refreshable_ = true; }

@@ -35,15 +35,24 @@ struct Scalar {
   std::int32_t integer = 0;
   double real = 0;
   std::string_view bytes;  // String, Stream
+  bool checked = false;    // the check word behind it is right, and is not read again
 
   bool has_bytes() const { return type == TolkValue::String || type == TolkValue::Stream; }
 };
 
+// Whether the check word at `at` of a block is right.
+struct TestCheckWord {
+  bool operator()(const char* word, std::uint64_t at) const {
+    return load32(word) == static_cast<std::uint32_t>(at);
+  }
+};
+
 // The steps of parse_records. Offsets have 64 bits, so that no declared length makes them wrap.
-template <class Sink>
+template <class Sink, class CheckWord = TestCheckWord>
 class RecordParser {
  public:
-  RecordParser(std::string_view input, Sink& sink) : input_(input), sink_(sink) {}
+  RecordParser(std::string_view input, Sink& sink, CheckWord check_word = {})
+      : input_(input), sink_(sink), check_word_(check_word) {}
 
   bool run() {
     while (offset_ < input_.size()) {
@@ -51,6 +60,9 @@ class RecordParser {
     }
     return true;
   }
+
+  // The input before it is well formed; check words before it are not read again.
+  std::uint64_t offset() const { return offset_; }
 
  private:
   bool top_level_record() {
@@ -71,14 +83,16 @@ class RecordParser {
     return false;
   }
 
-  // On purpose: the value is delivered before its check word is tested, and stays when that fails.
+  // On purpose: the value is delivered whether or not its check word is right.
   template <class Deliver>
   bool scalar_record(Deliver&& deliver) {
     Scalar value;
     std::uint64_t end = 0;
     if (!read_scalar(value, end)) return false;
+    value.checked = is_check_word(end);
     deliver(value);
-    return pass_check_word(end);
+    if (value.checked) offset_ = end + 4;
+    return value.checked;
   }
 
   // Reads the scalar record at the offset. `end` is the position of its check word.
@@ -194,9 +208,13 @@ class RecordParser {
   }
 
   bool pass_check_word(std::uint64_t at) {
-    if (!inside(at, 4) || load32(bytes_at(at)) != static_cast<std::uint32_t>(at)) return false;
+    if (!is_check_word(at)) return false;
     offset_ = at + 4;
     return true;
+  }
+
+  bool is_check_word(std::uint64_t at) const {
+    return inside(at, 4) && check_word_(bytes_at(at), at);
   }
 
   static bool is_scalar(Tag tag) { return tag <= Tag::Stream; }
@@ -213,6 +231,7 @@ class RecordParser {
 
   const std::string_view input_;
   Sink& sink_;
+  const CheckWord check_word_;
   std::uint64_t offset_ = 0;
 };
 

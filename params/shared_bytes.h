@@ -1,5 +1,6 @@
 // Bytes that several holders read and nobody changes: a received message, or the encoded bytes of a
-// block that is being written.
+// block that is being written. One exception: a block that parses received bytes ends their texts
+// in place (TolkParamsAccess::parse_shared).
 // Thread: any. Owner: the last holder of `owner` frees the bytes. Failure: none.
 #pragma once
 

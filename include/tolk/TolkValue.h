@@ -17,10 +17,15 @@
 
 #include <tolk/export.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
+
+namespace tolk {
+class Arena;
+}
 
 /// One typed value. See the head of the file.
 class TOLK_API TolkValue {
@@ -106,13 +111,22 @@ class TOLK_API TolkValue {
     bool boolean;
     std::int32_t integer;
     double real;
-    std::string* bytes;
+    const char* text;  // zero-terminated
     std::uint64_t all;
   };
+
+  // A value in the memory of a parsed block.
+  explicit TolkValue(tolk::Arena* home) noexcept
+      : type_(None), owners_(1), owns_text_(false), home_(home) {
+    value_.all = 0;
+  }
 
   Field value_;
   Type type_;
   std::uint32_t owners_;  // the lists, maps and blocks that hold this element; changed atomically
+  std::size_t text_size_ = 0;
+  bool owns_text_;     // false: the text lies in the arena
+  tolk::Arena* home_;  // the arena that the value lies in, or null
   std::vector<TolkValue*> list_;
-  std::map<std::string, TolkValue*> map_;
+  std::map<std::string, TolkValue*>* map_ = nullptr;  // owned; null while there was no entry
 };

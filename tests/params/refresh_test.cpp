@@ -36,7 +36,7 @@ TEST(Content, ParsedHoldsTheValuesWhateverTheVerdict) {
   std::string bytes = numbered_bytes(7);
   bytes += '\x08';
   const ContentRef content = TolkParamsAccess::parsed(bytes);
-  EXPECT_EQ(content.get()->buffer, bytes);
+  EXPECT_EQ(content.get()->bytes(), bytes);
   EXPECT_EQ(content.get()->values.size(), 1U);
   EXPECT_EQ(content.get()->keyed.size(), 1U);
 }

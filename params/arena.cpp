@@ -1,0 +1,115 @@
+#include "params/arena.h"
+
+#include <cstring>
+#include <new>
+
+#include "params/parser.h"
+
+namespace tolk {
+
+namespace {
+
+struct NoSink {
+  void positional(const Scalar&) {}
+  void erase_key(std::string_view) {}
+  void keyed(std::string_view, const Scalar&) {}
+  void begin_list() {}
+  void list_element(const Scalar&) {}
+  void end_list() {}
+  void begin_map() {}
+  void map_entry(std::string_view, const Scalar&) {}
+  void end_map() {}
+};
+
+// Writes each check word of a well-formed block as it was.
+struct RestoreCheckWord {
+  char* bytes;
+  std::uint64_t until;
+
+  bool operator()(const char*, std::uint64_t at) const {
+    if (at + 4 > until) return false;
+    store32(bytes + at, static_cast<std::uint32_t>(at));
+    return true;
+  }
+};
+
+}  // namespace
+
+Arena* Arena::make(std::size_t inside_bytes, std::size_t room) {
+  const std::size_t inside = (inside_bytes + alignment - 1) / alignment * alignment;
+  char* const memory = static_cast<char*>(::operator new(sizeof(Arena) + inside + room));
+  char* const begin = memory + sizeof(Arena) + inside;
+  return new (memory) Arena(begin, begin + room);
+}
+
+Arena* Arena::with_copy(std::string_view bytes, std::size_t room) {
+  Arena* const arena = make(bytes.size() + 1, room);
+  char* const copy = reinterpret_cast<char*>(arena + 1);
+  if (!bytes.empty()) std::memcpy(copy, bytes.data(), bytes.size());
+  copy[bytes.size()] = '\0';
+  arena->bytes_ = {copy, bytes.size()};
+  return arena;
+}
+
+Arena* Arena::with_string(std::string&& bytes, std::size_t room) {
+  Arena* const arena = make(0, room);
+  arena->string_ = std::move(bytes);
+  arena->bytes_ = arena->string_;
+  return arena;
+}
+
+Arena* Arena::with_shared(const SharedBytes& bytes, std::size_t room) {
+  Arena* const arena = make(0, room);
+  arena->owner_ = bytes.owner;
+  arena->bytes_ = bytes.view;
+  return arena;
+}
+
+Arena::~Arena() {
+  while (chunks_ != nullptr) ::operator delete(std::exchange(chunks_, chunks_->before));
+}
+
+void Arena::destroy() noexcept {
+  this->~Arena();
+  ::operator delete(this);
+}
+
+std::string Arena::encoded() const {
+  std::string copy(bytes_);
+  if (has_text_ends()) restore(copy.data());
+  return copy;
+}
+
+std::string Arena::take_encoded() {
+  if (bytes_.data() != string_.data()) return encoded();
+  if (has_text_ends()) restore(string_.data());
+  encoded_until_ = 0;
+  bytes_ = {};
+  return std::move(string_);
+}
+
+const char* Arena::copy_text(std::string_view text) {
+  char* const copy = static_cast<char*>(allocate(text.size() + 1));
+  if (!text.empty()) std::memcpy(copy, text.data(), text.size());
+  copy[text.size()] = '\0';
+  return copy;
+}
+
+// Chunks grow, so that there are few of them for any number of values.
+void Arena::add_chunk(std::size_t least) {
+  const std::size_t usual =
+      std::clamp(2 * static_cast<std::size_t>(end_ - next_), least_chunk_bytes, most_chunk_bytes);
+  const std::size_t size = sizeof(Chunk) + std::max(least, usual);
+  char* const memory = static_cast<char*>(::operator new(size));
+  chunks_ = new (memory) Chunk{chunks_};
+  next_ = memory + sizeof(Chunk);
+  end_ = memory + size;
+}
+
+void Arena::restore(char* bytes) const {
+  NoSink nothing;
+  RecordParser<NoSink, RestoreCheckWord>({bytes, bytes_.size()}, nothing, {bytes, encoded_until_})
+      .run();
+}
+
+}  // namespace tolk
