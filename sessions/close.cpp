@@ -64,7 +64,11 @@ bool Session::has_handles() {
 }
 
 void Session::run_until_handles_closed() {
-  while (has_handles()) uv_run(&loop_, UV_RUN_ONCE);
+  queue_.drain();
+  while (has_handles()) {
+    uv_run(&loop_, UV_RUN_ONCE);
+    queue_.drain();
+  }
 }
 
 void Session::finish() {

@@ -9,6 +9,7 @@
 #include "platform/thread.h"
 #include "transport/envelope.h"
 #include "transport/pause_point.h"
+#include "transport/staying_awake.h"
 
 namespace tolk {
 namespace {
@@ -95,7 +96,7 @@ void call_and_wait(Session& session, WaitList& waits, ResultTable& results, OldR
     if (!written) waits.wake(token);
   };
   if (hand_over(session, call.peer, std::move(frame), wake_unless_written)) {
-    uv_sem_wait(&record.semaphore);
+    wait_awake(&record.semaphore);
   }
   TOLK_PAUSE_POINT("call.woken");
 }
@@ -113,7 +114,7 @@ void post_call(Session& session, const OutgoingCall& call) {
   const auto post = [&written](bool) { uv_sem_post(&written.semaphore); };
   hand_over(session, call.peer,
             call_frame(call.name, call.call_id, call.arguments, std::nullopt, call.owner), post);
-  uv_sem_wait(&written.semaphore);
+  wait_awake(&written.semaphore);
 }
 
 }  // namespace tolk

@@ -157,20 +157,51 @@ int Session::open_queue() {
   return 0;
 }
 
+void Session::begin_work(std::unique_ptr<WorkItem> call) { work_.begin(&loop_, std::move(call)); }
+
+// It has only to end the wait: the loop thread drains the queue after each.
 void Session::async_sendmsg(uv_async_t* wake_up) {
-  auto* const session = static_cast<Session*>(wake_up->data);
-  session->check_loop_thread();
-  session->queue_.drain();
+  static_cast<Session*>(wake_up->data)->check_loop_thread();
 }
 
 bool Session::run_loop() {
   check_loop_thread();
   if (std::exchange(loop_ran_, true)) return false;
   const LoopThreadScope runs_a_loop;
-  uv_run(&loop_, UV_RUN_DEFAULT);
+  queue_.stay_awake();
+  turn_until_stopped();
   return true;
 }
 
-void Session::stop_loop() { uv_stop(&loop_); }
+void Session::turn_until_stopped() {
+  work_off();
+  while (!stopped_ && uv_loop_alive(&loop_) != 0) {
+    wait_for_events();
+    work_off();
+  }
+}
+
+void Session::wait_for_events() {
+  const Instant now = instant_now();
+  const bool polls = quiet_times_.pays(now) && now - quiet_since_ < kStayAwake;
+  if (polls) let_others_run();
+  if (polls || !queue_.fall_asleep()) {
+    uv_run(&loop_, UV_RUN_NOWAIT);
+    return;
+  }
+  TOLK_PAUSE_POINT("loop.falls_asleep");
+  uv_run(&loop_, UV_RUN_ONCE);
+  queue_.stay_awake();
+}
+
+void Session::work_off() {
+  const bool ran_tasks = queue_.drain();
+  if (!std::exchange(heard_, false) && !ran_tasks) return;
+  const Instant now = instant_now();
+  quiet_times_.waited(now - quiet_since_, now);
+  quiet_since_ = now;
+}
+
+void Session::stop_loop() { stopped_ = true; }
 
 }  // namespace tolk

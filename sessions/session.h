@@ -22,8 +22,10 @@
 #include <thread>
 
 #include "transport/peer_stream.h"
+#include "transport/staying_awake.h"
 #include "transport/task_queue.h"
 #include "transport/thread_safety.h"
+#include "transport/work_queue.h"
 
 namespace tolk {
 
@@ -74,6 +76,7 @@ class Session : public StreamOwner {
 
   MessageSide& side() override = 0;
   uv_loop_t* loop() TOLK_LOOP override { return &loop_; }
+  void begin_work(std::unique_ptr<WorkItem> call) TOLK_LOOP override;
   void check_loop_thread() const TOLK_ASSERTS(loop_role) override;
   bool takes_messages() const override;  // any thread
 
@@ -100,8 +103,14 @@ class Session : public StreamOwner {
   void finish_loop();       // one that was not run to its end
 
  private:
+  // While a loop is awake it polls for this long after it has heard of anything.
+  static constexpr std::chrono::microseconds kStayAwake{50};
+
   static void async_sendmsg(uv_async_t* wake_up);
   void run_thread();
+  void turn_until_stopped() TOLK_LOOP;
+  void wait_for_events() TOLK_LOOP;
+  void work_off() TOLK_LOOP;
   bool has_handles() TOLK_LOOP;
   void linger_and_close_loop() TOLK_LOOP;  // until no worker runs for this loop
 
@@ -110,6 +119,7 @@ class Session : public StreamOwner {
   // Any thread.
   std::atomic<std::thread::id> owner_thread_{};
   TaskQueue queue_;
+  WorkQueue work_{queue_};
   std::atomic<Phase> phase_{Phase::starting};  // changed under the mutex
   std::mutex phase_mutex_;
   std::condition_variable phase_changed_;
@@ -118,6 +128,9 @@ class Session : public StreamOwner {
   uv_async_t wake_up_ TOLK_GUARDED_BY(loop_role){};
   bool loop_open_ TOLK_GUARDED_BY(loop_role) = false;
   bool loop_ran_ TOLK_GUARDED_BY(loop_role) = false;
+  bool stopped_ TOLK_GUARDED_BY(loop_role) = false;
+  Instant quiet_since_ TOLK_GUARDED_BY(loop_role){};
+  WaitScore quiet_times_ TOLK_GUARDED_BY(loop_role){kStayAwake};
 };
 
 }  // namespace tolk

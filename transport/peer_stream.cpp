@@ -7,7 +7,6 @@
 #include "platform/guarded.h"
 #include "transport/frame_writer.h"
 #include "transport/pause_point.h"
-#include "transport/work_item.h"
 
 namespace tolk {
 namespace {
@@ -60,7 +59,7 @@ class CallItem final : public WorkItem {
         call_(envelope, owner) {}
 
  private:
-  void run() TOLK_WORKER override {
+  void work() TOLK_WORKER override {
     if (!owner_->begins_calls()) return;
     TOLK_PAUSE_POINT("worker.before_handler");
     reply_ = side_->answer(stream_.id(), call_);
@@ -136,6 +135,7 @@ std::span<char> PeerStream::room() {
 void PeerStream::on_read_cb(uv_stream_t* stream, ssize_t count, const uv_buf_t* buffer) {
   auto* const self = static_cast<PeerStream*>(stream->data);
   self->owner_.check_loop_thread();
+  self->owner_.note_sign_of_life();
   self->on_read(count, buffer->base);
   read_block.end_of_read();
 }
@@ -171,7 +171,7 @@ void PeerStream::on_message(SharedBytes payload) {
   if (!envelope.name) return side.on_message_without_name();
   if (envelope.is_reply()) return side.on_reply(envelope, payload);
   if (side.answers_on_loop(*this, envelope)) return;
-  WorkItem::begin(owner_.loop(), std::make_unique<CallItem>(*this, envelope, payload.owner));
+  owner_.begin_work(std::make_unique<CallItem>(*this, envelope, payload.owner));
 }
 
 }  // namespace tolk

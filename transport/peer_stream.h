@@ -24,6 +24,7 @@
 #include "transport/frame_reader.h"
 #include "transport/stream_handle.h"
 #include "transport/thread_safety.h"
+#include "transport/work_item.h"
 
 namespace tolk {
 
@@ -63,6 +64,8 @@ class StreamOwner : public std::enable_shared_from_this<StreamOwner> {
 
   virtual MessageSide& side() = 0;
   virtual uv_loop_t* loop() TOLK_LOOP = 0;
+  // Lets a worker run a call.
+  virtual void begin_work(std::unique_ptr<WorkItem> call) TOLK_LOOP = 0;
   // Debug builds: whether this is the thread of the loop.
   virtual void check_loop_thread() const TOLK_ASSERTS(loop_role) = 0;
   // The stream has read something, or its end, for the first time.
@@ -71,6 +74,12 @@ class StreamOwner : public std::enable_shared_from_this<StreamOwner> {
   // Any thread: whether messages are still taken, and whether a queued call may begin.
   virtual bool takes_messages() const = 0;
   virtual bool begins_calls() const = 0;
+
+  // A peer has sent something. A loop that hears from peers may stay awake.
+  void note_sign_of_life() TOLK_LOOP { heard_ = true; }
+
+ protected:
+  bool heard_ TOLK_GUARDED_BY(loop_role) = false;
 };
 
 class PeerStream {

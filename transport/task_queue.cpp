@@ -51,18 +51,39 @@ void TaskQueue::post_prepared() {
   if (state->wake_up != nullptr && state->prepared) enqueue(*state, std::move(state->prepared));
 }
 
-void TaskQueue::enqueue(State& state, std::unique_ptr<Task> task) {
-  state.tasks.add(std::move(task));
-  if (!std::exchange(state.woken, true)) uv_async_send(state.wake_up);
+bool TaskQueue::post_end(std::unique_ptr<Task> task, bool wakes) {
+  auto state = state_.lock();
+  state->ends.add(std::move(task));
+  if (wakes) wake(*state);
+  return state->wake_up != nullptr;
 }
 
-std::unique_ptr<Task> TaskQueue::next() { return state_.lock()->tasks.take(); }
+void TaskQueue::enqueue(State& state, std::unique_ptr<Task> task) {
+  state.tasks.add(std::move(task));
+  wake(state);
+}
 
-void TaskQueue::drain() {
-  // No more than what is queued now: reads and timers get their turn, however fast others post.
-  for (std::size_t left = size(); left > 0; --left) {
-    const auto task = next();
-    if (!task) return;
+void TaskQueue::wake(State& state) {
+  if (state.wake_up != nullptr && std::exchange(state.asleep, false)) {
+    uv_async_send(state.wake_up);
+  }
+}
+
+// No more than what is queued now: reads and timers get their turn, however fast others post.
+bool TaskQueue::drain() {
+  TaskList ends;
+  {
+    auto state = state_.lock();
+    running_.swap(state->tasks);
+    ends.swap(state->ends);
+  }
+  const bool ran_tasks = run_all(running_);
+  return run_all(ends) || ran_tasks;
+}
+
+bool TaskQueue::run_all(TaskList& batch) {
+  if (batch.empty()) return false;
+  while (const auto task = batch.take()) {
     TOLK_PAUSE_POINT("queue.before_task");
     guarded([&] {
       enter_loop();
@@ -70,12 +91,17 @@ void TaskQueue::drain() {
     });
     TOLK_PAUSE_POINT("queue.after_task");
   }
-  auto state = state_.lock();
-  state->woken = !state->tasks.empty();
-  if (state->woken && state->wake_up != nullptr) uv_async_send(state->wake_up);
+  return true;
 }
 
-std::size_t TaskQueue::size() { return state_.lock()->tasks.size(); }
+bool TaskQueue::fall_asleep() {
+  auto state = state_.lock();
+  if (!state->tasks.empty() || !state->ends.empty()) return false;
+  state->asleep = true;
+  return true;
+}
+
+void TaskQueue::stay_awake() { state_.lock()->asleep = false; }
 
 void TaskQueue::close() {
   TaskList left;
@@ -85,6 +111,7 @@ void TaskQueue::close() {
     left.swap(state->tasks);
   }
   TOLK_PAUSE_POINT("queue.before_refusals");
+  while (const auto task = running_.take()) task->refuse();
   while (const auto task = left.take()) task->refuse();
 }
 

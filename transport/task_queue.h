@@ -1,5 +1,9 @@
 // The way from any thread to one loop thread: a queue of tasks, run there in order.
 //
+// A loop that is awake is going to look: a post leaves its task there. Only a loop that has said
+// that it falls asleep is woken. It says so under the lock of the queue, so that no task comes
+// between its last look and its sleep.
+//
 // Thread: post from any; open, drain and close on the loop thread.
 // Owner: the queue owns a task from post until it ran or was refused, exactly one of the two.
 // Queueing allocates nothing, and one task is prepared when the session is made: a session can end
@@ -73,31 +77,42 @@ class TaskQueue {
  public:
   // Before anybody posts: what post_prepared enqueues, once.
   void prepare(std::unique_ptr<Task> task);
-  // Before anybody posts: `wake_up` is initialised and its callback calls drain.
+  // Before anybody posts. The loop counts as asleep: the first post wakes it.
   void open(uv_async_t* wake_up) TOLK_LOOP;
   // Enqueues the task or refuses it. One wake-up serves all that is queued.
   bool post(std::unique_ptr<Task> task);
   // Has no effect while the queue is closed, or when the task is queued already.
   void post_prepared();
-  // Runs what is queued now, in order; what comes meanwhile causes another wake-up.
-  void drain() TOLK_LOOP;
-  // Refuses what is queued and all that comes. To be called before the wake-up handle is closed.
+  // The end of a call that a worker has run: it is never refused. False when the queue is closed;
+  // the loop thread then has to be brought to drain otherwise. `wakes`: as post does.
+  bool post_end(std::unique_ptr<Task> task, bool wakes);
+
+  // Runs what is queued now, in order. True when there was something.
+  bool drain() TOLK_LOOP;
+  // From here on posts wake the loop up. False, and nothing changes, when something is queued.
+  bool fall_asleep() TOLK_LOOP;
+  // From here on posts do not: the loop is going to drain.
+  void stay_awake() TOLK_LOOP;
+  // Refuses what is queued and all that comes; ends stay. To be called before the wake-up handle is
+  // closed.
   void close() TOLK_LOOP;
 
  private:
   struct State {
     uv_async_t* wake_up = nullptr;  // null while closed
     TaskList tasks;
+    TaskList ends;
     std::unique_ptr<Task> prepared;
-    bool woken = false;  // the loop thread is going to look at the queue
+    bool asleep = true;
   };
 
   bool enqueue_if_open(std::unique_ptr<Task>& task);
   static void enqueue(State& state, std::unique_ptr<Task> task);
-  std::unique_ptr<Task> next();
-  std::size_t size();
+  static void wake(State& state);
+  static bool run_all(TaskList& batch) TOLK_LOOP;
 
   Guarded<State> state_;
+  TaskList running_ TOLK_GUARDED_BY(loop_role);  // taken by drain
 };
 
 }  // namespace tolk

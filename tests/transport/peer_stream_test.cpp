@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "transport/work_queue.h"
+
 namespace {
 
 using tolk::Envelope;
@@ -56,6 +58,9 @@ class Owner final : public tolk::StreamOwner {
 
   tolk::MessageSide& side() override { return *side_; }
   uv_loop_t* loop() TOLK_LOOP override { return &loop_; }
+  void begin_work(std::unique_ptr<tolk::WorkItem> call) TOLK_LOOP override {
+    work_.begin(&loop_, std::move(call));
+  }
   void check_loop_thread() const TOLK_ASSERTS(tolk::loop_role) override {}
   void on_first_read(PeerStream&) TOLK_LOOP override { log_.emplace_back("first read"); }
   void on_stream_end(PeerStream& stream, int status) TOLK_LOOP override {
@@ -71,6 +76,8 @@ class Owner final : public tolk::StreamOwner {
 
  private:
   Events& log_;
+  tolk::TaskQueue ends_;
+  tolk::WorkQueue work_{ends_};
 };
 
 class ConnectedStream : public testing::Test {

@@ -40,6 +40,7 @@ class TaskQueues : public testing::Test {
       ++self->wake_ups;
       tolk::enter_loop();
       self->queue.drain();
+      if (!self->queue.fall_asleep()) uv_async_send(async);
     });
     wake_up.data = this;
   }

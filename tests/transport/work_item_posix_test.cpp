@@ -5,7 +5,7 @@
 
 #include "tests/child_process.h"
 #include "transport/process_exit.h"
-#include "transport/work_item.h"
+#include "transport/work_queue.h"
 
 namespace tolk::test {
 namespace {
@@ -16,7 +16,7 @@ class Counted final : public WorkItem {
   ~Counted() override { ++freed_; }
 
  private:
-  void run() TOLK_WORKER override {}
+  void work() TOLK_WORKER override {}
   void end() TOLK_LOOP override {}
   void fail() TOLK_LOOP override {}
 
@@ -30,7 +30,10 @@ TEST(WorkAtExit, IsDroppedWhenTheExitHasBegun) {
     uv_loop_init(&loop);
     int freed = 0;
     note_process_exit();
-    WorkItem::begin(&loop, std::make_unique<Counted>(freed));
+    enter_loop();
+    TaskQueue ends;
+    WorkQueue queue(ends);
+    queue.begin(&loop, std::make_unique<Counted>(freed));
     return freed == 1 && uv_loop_alive(&loop) == 0 ? 0 : 1;
   });
   EXPECT_EQ(child.wait(), 0);

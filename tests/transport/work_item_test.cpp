@@ -1,4 +1,4 @@
-#include "transport/work_item.h"
+#include "transport/work_queue.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,9 @@
 
 namespace {
 
+using tolk::TaskQueue;
 using tolk::WorkItem;
+using tolk::WorkQueue;
 using Events = std::vector<std::string>;
 
 class Item final : public WorkItem {
@@ -21,7 +23,7 @@ class Item final : public WorkItem {
   ~Item() override { log_.emplace_back("freed"); }
 
  private:
-  void run() TOLK_WORKER override { run_(); }
+  void work() TOLK_WORKER override { run_(); }
   void end() TOLK_LOOP override { end_(); }
   void fail() TOLK_LOOP override { log_.emplace_back("failed"); }
 
@@ -36,10 +38,13 @@ class WorkItems : public testing::Test {
   ~WorkItems() override { EXPECT_EQ(uv_loop_close(&loop), 0); }
 
   void begin(std::function<void()> run, std::function<void()> end) {
-    WorkItem::begin(&loop, std::make_unique<Item>(std::move(run), std::move(end), log));
+    tolk::enter_loop();
+    queue.begin(&loop, std::make_unique<Item>(std::move(run), std::move(end), log));
   }
 
   uv_loop_t loop{};
+  TaskQueue ends;
+  WorkQueue queue{ends};
   Events log;
 };
 

@@ -1,0 +1,126 @@
+#include "transport/work_queue.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "transport/pause_point.h"
+#include "transport/process_exit.h"
+
+namespace tolk {
+namespace {
+
+// Whether libuv's workers still take work. When the process exits, libuv ends them and destroys the
+// lock of their queue while loop threads may still read calls: touching that lock aborts the
+// process.
+class Workers {
+ public:
+  bool enqueue(uv_loop_t* loop, uv_work_t* work, uv_work_cb run, uv_after_work_cb end) {
+    const MutexLock lock(mutex_);
+    return open_ && uv_queue_work(loop, work, run, end) == 0;
+  }
+  void close() {
+    const MutexLock lock(mutex_);
+    open_ = false;
+  }
+
+ private:
+  Mutex mutex_;
+  bool open_ TOLK_GUARDED_BY(mutex_) = true;
+};
+
+constinit Workers workers;
+const AtProcessExit close_workers([] { workers.close(); });
+
+}  // namespace
+
+// Loop.
+
+void WorkQueue::begin(uv_loop_t* loop, std::unique_ptr<WorkItem> item) {
+  auto state = state_.lock();
+  const Instant now = instant_now();
+  if (const auto since = std::exchange(state->nothing_since, std::nullopt)) {
+    state->gaps.waited(now - *since, now);
+    staying_pays_.store(state->gaps.pays(now), std::memory_order_relaxed);
+  }
+  if (state->waiting.size() == state->idle) {
+    if (!start_runner(loop)) {
+      if (process_exits()) return;
+      throw std::runtime_error("no worker");
+    }
+    ++state->idle;
+  }
+  state->waiting.add(std::move(item));
+  waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
+}
+
+bool WorkQueue::start_runner(uv_loop_t* loop) {
+  auto runner = std::make_unique<Runner>(*this);
+  if (!workers.enqueue(loop, &runner->work, run_items, on_runner_done)) return false;
+  static_cast<void>(runner.release());  // on_runner_done owns it
+  return true;
+}
+
+// The items that the runner did last end here.
+void WorkQueue::on_runner_done(uv_work_t* work, int) {
+  enter_loop();
+  const std::unique_ptr<Runner> runner(static_cast<Runner*>(work->data));
+  runner->queue.ends_.drain();
+}
+
+// Worker.
+
+void WorkQueue::run_items(uv_work_t* work) {
+  enter_worker();
+  static_cast<Runner*>(work->data)->queue.run_until(instant_now() + kStayLongest);
+}
+
+void WorkQueue::run_until(Instant latest) {
+  auto item = begin_run();
+  while (item) {
+    item->work_here();
+    const bool stays = may_stay(latest);
+    const bool open = ends_.post_end(std::move(item), stays);
+    if (stays && open) item = next();
+  }
+}
+
+// Without the lock: a runner that does not stay leaves nothing undone.
+bool WorkQueue::may_stay(Instant latest) const {
+  if (process_exits() || instant_now() > latest) return false;
+  return waiting_count_.load(std::memory_order_relaxed) > 0 ||
+         staying_pays_.load(std::memory_order_relaxed);
+}
+
+std::unique_ptr<WorkItem> WorkQueue::begin_run() {
+  auto state = state_.lock();
+  --state->idle;
+  return take_first(*state);
+}
+
+std::unique_ptr<WorkItem> WorkQueue::next() {
+  {
+    auto state = state_.lock();
+    if (auto item = take_first(*state)) return item;
+    ++state->idle;
+  }
+  TOLK_PAUSE_POINT("worker.stays_awake");
+  watch_for_items();
+  return begin_run();
+}
+
+void WorkQueue::watch_for_items() const {
+  const Instant until = instant_now() + kStayAwake;
+  while (waiting_count_.load(std::memory_order_relaxed) == 0 && !process_exits() &&
+         instant_now() < until) {
+    let_others_run();
+  }
+}
+
+std::unique_ptr<WorkItem> WorkQueue::take_first(State& state) {
+  std::unique_ptr<Task> first = state.waiting.take();
+  waiting_count_.store(state.waiting.size(), std::memory_order_relaxed);
+  if (!first) state.nothing_since = instant_now();
+  return std::unique_ptr<WorkItem>(static_cast<WorkItem*>(first.release()));
+}
+
+}  // namespace tolk
