@@ -15,6 +15,7 @@
 #include "params/content.h"
 #include "params/encoder.h"
 #include "params/value_access.h"
+#include "platform/large_memory.h"
 #include "platform/text.h"
 
 using Access = TolkParamsAccess;
@@ -38,6 +39,7 @@ void make_room(std::string& buffer, std::size_t record_bytes) {
   if (needed <= buffer.capacity()) return;
   const std::size_t spare = needed < large_block_bytes ? 0 : spare_bytes;
   buffer.reserve(std::max(needed + spare, 2 * buffer.capacity()));
+  tolk::platform::prefer_large_pages(buffer.data(), buffer.capacity());
 }
 
 template <class Write>
