@@ -15,8 +15,8 @@
 #include "params/argument.h"
 #include "params/content.h"
 #include "params/encoder.h"
-#include "params/large_memory.h"
 #include "params/value_access.h"
+#include "platform/large_memory.h"
 #include "platform/text.h"
 
 using Access = TolkParamsAccess;
@@ -41,9 +41,9 @@ void make_room(std::string& buffer, std::size_t record_bytes) {
   if (needed <= buffer.capacity()) return;
   const std::size_t spare = needed < large_block_bytes ? 0 : spare_bytes;
   const std::size_t capacity = std::max({first_capacity, needed + spare, 2 * buffer.capacity()});
-  tolk::expect_large_piece(capacity);
+  tolk::platform::expect_large_piece(capacity);
   buffer.reserve(capacity);
-  tolk::use_large_pages(buffer.data(), capacity);
+  tolk::platform::prefer_large_pages(buffer.data(), capacity);
 }
 
 // A small record, put together here and appended at once.

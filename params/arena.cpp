@@ -3,8 +3,8 @@
 #include <cstring>
 #include <new>
 
-#include "params/large_memory.h"
 #include "params/parser.h"
+#include "platform/large_memory.h"
 
 namespace tolk {
 
@@ -41,9 +41,9 @@ Arena* Arena::make(std::size_t inside_bytes, std::size_t room) {
   // A little less room is worth it.
   const bool nearly_quick = inside + room / 2 <= quick_bytes && inside + room > quick_bytes;
   const std::size_t size = nearly_quick ? quick_bytes : inside + room;
-  expect_large_piece(size);
+  platform::expect_large_piece(size);
   char* const memory = static_cast<char*>(::operator new(size));
-  use_large_pages(memory, size);
+  platform::prefer_large_pages(memory, size);
   return new (memory) Arena(memory + inside, memory + size);
 }
 

@@ -104,7 +104,7 @@ void call_and_wait(Session& session, WaitList& waits, ResultTable& results, OldR
 void take_reply(WaitList& waits, ResultTable& results, const Envelope& reply,
                 const SharedBytes& payload) {
   if (!reply.call_id) return;
-  results.store(*reply.call_id, payload.owner ? payload : copy_of(payload.view));
+  results.store(*reply.call_id, payload);
   if (!reply.token) return;
   if (const auto token = parse_token(*reply.token)) waits.wake(*token);
 }

@@ -5,7 +5,7 @@
 // block grows by a large factor.
 // Thread: one at a time. Owner: the bytes, until `take`.
 // Memory: follows the bytes. Ahead of them at most kFirstBytes are reserved, then kGrowth times
-// what has come; what is reserved takes no memory before it is written to.
+// what has come; what is reserved is not touched before its bytes come.
 // Failure: std::bad_alloc; what came before is kept.
 #pragma once
 
@@ -27,7 +27,7 @@ namespace tolk {
 class GrowingBlock {
  public:
   static constexpr std::size_t kFirstBytes = std::size_t{1} << 20;
-  static constexpr std::size_t kGrowth = 8;
+  static constexpr std::size_t kGrowth = platform::kReserveFactor;
 
   std::size_t size() const { return size_; }
   std::size_t reserved_bytes() const { return capacity_; }
@@ -66,7 +66,8 @@ class GrowingBlock {
   void make_room(std::size_t more, std::size_t total) {
     const std::size_t needed = size_ + more;
     if (needed <= capacity_) return;
-    const std::size_t ahead = std::min(std::max(kFirstBytes, kGrowth * needed), total);
+    const std::size_t ahead =
+        std::min(needed <= kFirstBytes ? kFirstBytes : kGrowth * needed, total);
     if (!reserve(std::max(needed, ahead)) && !reserve(needed)) throw std::bad_alloc();
   }
 

@@ -11,6 +11,9 @@
 namespace tolk {
 namespace {
 
+constexpr std::size_t kBulkBytes = std::size_t{1} << 20;
+constexpr int kSendBufferBytes = 1 << 20;
+
 // Where the reads of one loop thread put their bytes, one after the other. A large message that
 // fills a good part of it keeps it; the next read then gets another.
 class ReadBlock {
@@ -96,7 +99,20 @@ int PeerStream::start_reading() {
   return uv_read_start(&handle_.stream, allocBufferCb, on_read_cb);
 }
 
-int PeerStream::write(Frame frame) { return write_frame(&handle_.stream, std::move(frame)); }
+int PeerStream::write(Frame frame) {
+  if (frame.payload_bytes() >= kBulkBytes) widen_send_buffer();
+  return write_frame(&handle_.stream, std::move(frame));
+}
+
+// Once, for the first frame that is larger than what a pipe takes at a time: then both ends wake
+// less often. The buffer of a TCP stream grows by itself.
+void PeerStream::widen_send_buffer() {
+  if (std::exchange(is_wide_, true) || handle_.handle.type != UV_NAMED_PIPE) return;
+  int bytes = 0;
+  if (uv_send_buffer_size(&handle_.handle, &bytes) != 0 || bytes >= kSendBufferBytes) return;
+  bytes = kSendBufferBytes;
+  uv_send_buffer_size(&handle_.handle, &bytes);
+}
 
 void PeerStream::write_reply(Frame reply) {
   if (!muted_ && write(std::move(reply)) < 0) owner_.side().on_reply_refused();

@@ -119,6 +119,7 @@ class PeerStream {
   std::span<char> room() TOLK_LOOP;
   void feed(std::string_view bytes) TOLK_LOOP;
   void on_message(SharedBytes payload) TOLK_LOOP;
+  void widen_send_buffer() TOLK_LOOP;
 
   StreamOwner& owner_;
   StreamHandle handle_;
@@ -126,6 +127,7 @@ class PeerStream {
   std::unique_ptr<FrameReader> reader_;
   bool has_read_ = false;
   bool muted_ = false;
+  bool is_wide_ = false;
 };
 
 }  // namespace tolk

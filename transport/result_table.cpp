@@ -8,9 +8,8 @@ namespace tolk {
 
 void ResultTable::store(int call_id, const SharedBytes& payload) {
   TOLK_PAUSE_POINT("result.before_store");
-  TolkParams fresh;
-  TolkParamsAccess::parse_shared(fresh, payload);
-  put(call_id, TolkParamsAccess::hold(fresh));
+  put(call_id, payload.owner ? TolkParamsAccess::parsed_shared(payload)
+                             : TolkParamsAccess::parsed(payload.view));
   TOLK_PAUSE_POINT("result.stored");
 }
 

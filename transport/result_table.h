@@ -31,8 +31,11 @@ class ResultTable {
   explicit ResultTable(Mutex& lock) : lock_(lock) {}
 
   // Keeps what `payload` encodes as the result of `call_id`; parses outside the lock.
+  void store(int call_id, std::string_view payload) {
+    store(call_id, SharedBytes{nullptr, payload});
+  }
+  // The same. A payload that has an owner stays where it is.
   void store(int call_id, const SharedBytes& payload);
-  void store(int call_id, std::string_view payload) { store(call_id, copy_of(payload)); }
   // While alive, a call with this id runs. Earlier contents of its block are released now, the
   // present one as soon as it is refreshed. One at a time.
   class Expectation {

@@ -1,5 +1,6 @@
 #include "transport/work_queue.h"
 
+#include <stdexcept>
 #include <utility>
 
 #include "transport/pause_point.h"
@@ -71,8 +72,23 @@ bool WorkQueue::add(std::unique_ptr<WorkItem>& item, std::unique_ptr<Runner>* ru
 
 // Without the lock: the runner would begin by waiting for it.
 void WorkQueue::start(uv_loop_t* loop, std::unique_ptr<Runner> runner) {
-  if (!workers.enqueue(loop, &runner->work, run_items, on_runner_done)) return;
-  static_cast<void>(runner.release());  // on_runner_done owns it
+  if (workers.enqueue(loop, &runner->work, run_items, on_runner_done)) {
+    static_cast<void>(runner.release());  // on_runner_done owns it
+  } else if (!process_exits()) {
+    take_back();
+    throw std::runtime_error("no worker");
+  }
+}
+
+// The item that was added last, unless another runner has it.
+void WorkQueue::take_back() {
+  auto state = state_.lock();
+  if (state->waiting.size() < state->idle--) return;
+  TaskList others;
+  while (state->waiting.size() > 1) others.add(state->waiting.take());
+  state->waiting.take();
+  state->waiting.swap(others);
+  waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
 }
 
 // The items that the runner did last end here.

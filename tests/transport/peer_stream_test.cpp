@@ -3,16 +3,20 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <tests/pattern.h>
 #include <tests/platform/captured_stdout.h>
 #include <tests/transport/event.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <new>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "transport/work_queue.h"
@@ -40,12 +44,16 @@ class Side final : public tolk::MessageSide {
   }
   std::optional<Frame> answer(int, IncomingCall& call) TOLK_WORKER override {
     called = call.name;
+    if (call.arguments) arguments = call.arguments->view;
+    ++calls;
     return answers();
   }
   void on_reply_refused() TOLK_LOOP override { log_.emplace_back("refused"); }
 
   bool malformed_counts = false;
   std::string called;
+  std::string arguments;
+  std::atomic<int> calls{0};
   std::function<std::optional<Frame>()> answers = [] { return reply(); };
 
  private:
@@ -169,6 +177,36 @@ TEST_F(ConnectedStream, CallIsAnsweredByAWorkerAndWrittenByTheLoop) {
   run_until([this] { return owner.use_count() == 1; });
   EXPECT_EQ(side.called, "m");
   EXPECT_EQ(peer_reads(), reply().bytes());
+}
+
+// Whole in one read, in parts, and together with another call.
+TEST_F(ConnectedStream, ArgumentsOfAnySizeReachTheWorker) {
+  for (const std::size_t size : {std::size_t{1}, std::size_t{20000}, std::size_t{50000},
+                                 std::size_t{70000}, std::size_t{3000000}}) {
+    const std::string arguments = tolk::test::pattern(size);
+    const std::string bytes(tolk::call_frame("m", 7, arguments, std::nullopt).bytes());
+    side.calls = 0;
+    std::thread peer([&] { peer_sends(bytes); });
+    run_until([&] { return side.calls == 1 && owner.use_count() == 1; });
+    peer.join();
+    EXPECT_TRUE(side.arguments == arguments) << size;
+    EXPECT_EQ(peer_reads(), reply().bytes());
+  }
+}
+
+TEST_F(ConnectedStream, FirstLargeFrameWidensThePipe) {
+  tolk::enter_loop();
+  const auto width = [this] {
+    tolk::enter_loop();
+    int bytes = 0;
+    EXPECT_EQ(uv_send_buffer_size(&stream.handle().handle, &bytes), 0);
+    return bytes;
+  };
+  const int before = width();
+  ASSERT_EQ(stream.write(reply()), 0);
+  EXPECT_EQ(width(), before);
+  ASSERT_EQ(stream.write(Frame::copy_of(std::string(1 << 20, 'x'))), 0);
+  EXPECT_GE(width(), std::min(2 * before, 1 << 20));
 }
 
 TEST_F(ConnectedStream, CallThatMayNotBeginIsDropped) {
