@@ -95,7 +95,7 @@ def measure(row, options):
     while counted(rounds) < wanted and len(rounds) < MOST_REPEATED * wanted:
         rounds.append(one_round(row, arguments, options.contestants))
     return {"title": row.title, "arguments": " ".join(arguments), "figures": row.figures,
-            "baselines": row.baselines, "rounds": rounds}
+            "baselines": row.baselines, "library": common.library(), "rounds": rounds}
 
 
 def counted(rounds):
