@@ -20,6 +20,11 @@ struct Place {
   std::uint16_t port = 0;  // of TCP on the loopback; the library's pipes have it as their name
 
   const char* host() const { return transport == Transport::tcp6 ? "::1" : "127.0.0.1"; }
+  // As most libraries want it. Some need a second port beside the first.
+  std::string host_and_port(std::uint16_t offset = 0) const {
+    const std::string name = transport == Transport::tcp6 ? "[::1]:" : "127.0.0.1:";
+    return name + std::to_string(port + offset);
+  }
 };
 
 class Socket {

@@ -9,6 +9,7 @@ import subprocess
 
 PROGRAMS = pathlib.Path(os.environ.get("BENCH_PROGRAMS", "build/bench/bench"))
 TURN_LIMIT_S = 40
+LIBRARY_FOLDERS = ["include", "params", "platform", "transport", "sessions", "client", "server"]
 
 
 def turn(program, arguments):
@@ -23,7 +24,7 @@ def turn(program, arguments):
         figures = json.loads(lines[-1])
         return {name: float(f"{value:.4g}") for name, value in figures.items()}
     said = ended.stderr.strip().splitlines()
-    return {"error": said[-1] if said else f"ended with {ended.returncode}"}
+    return {"error": said[0][:80] if said else f"ended with {ended.returncode}"}
 
 
 class StolenTime:
@@ -68,6 +69,11 @@ def machine():
         "virtual": output_of("systemd-detect-virt") or "unknown",
         "load": os.getloadavg()[0],
     }
+
+
+def library():
+    """The commit of the library's sources."""
+    return output_of("git", "log", "-1", "--format=%h", "--", *LIBRARY_FOLDERS)
 
 
 def median(values):

@@ -99,8 +99,11 @@ def failures(results):
 
 def machine_line(document):
     about = document["machine"]
+    results = [*document.get("rows", {}).values(), *document.get("scale", {}).values()]
+    versions = dict.fromkeys(result["library"] for result in results)
     return (f"{about['processor']}, {about['cores']} cores, Linux {about['kernel']}, "
-            f"{about['compiler']}, libuv {about['libuv']}; {document['date']}")
+            f"{about['compiler']}, libuv {about['libuv']}.\n"
+            f"Library: {', '.join(versions)}; {document['date']}")
 
 
 def main():

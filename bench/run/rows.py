@@ -1,12 +1,12 @@
 """Calls between two processes: contestants take turns, row by row and round by round.
 
 usage: rows.py [--json FILE] [--rows A,S,…] [--contestants tolk] [--rounds N] [--turn-ms N]
-               [--transport pipe] [--quick]
+               [--transport pipe] [--peers] [--quick]
 
 A round is one turn of every contestant (A B C, A B C, …), so that what disturbs the machine
 disturbs all of them, and a ratio is the median of the rounds' ratios. A round in which another
 machine took more than 2 % of the processors' time is left out and repeated. Rows of an existing
-FILE stay unless they are measured again. Contestants that were not built have no turn.
+FILE stay unless they are measured again. Other libraries have turns with --peers alone.
 """
 
 import argparse
@@ -19,12 +19,15 @@ import common
 STOLEN_LIMIT = 0.02
 MOST_REPEATED = 2  # times the wanted rounds, all together
 
-# Key: the program and its first words.
-CONTESTANTS = {
+# Each with its program and the program's first words.
+BASELINES = ["floor", "floor, yielding"]
+OWN = {
     "bare socket": ["contestant_bare_socket"],
     "floor": ["contestant_bare_threads"],
     "floor, yielding": ["contestant_bare_threads", "yielding"],
     "tolk": ["contestant_library"],
+}
+PEERS = {
     "gRPC": ["contestant_grpc"],
     "ZeroMQ": ["contestant_zmq"],
     "NNG": ["contestant_nng"],
@@ -33,20 +36,20 @@ CONTESTANTS = {
     "sd-bus": ["contestant_sdbus"],
     "sd-bus, daemon": ["contestant_sdbus", "daemon"],
 }
-FIELDS = {"tolk": ["fields_tolk"], "protobuf": ["fields_protobuf"], "msgpack": ["fields_msgpack"]}
-BASELINES = ["floor", "floor, yielding"]
-NO_PEERS = {name: CONTESTANTS[name] for name in ("bare socket", *BASELINES, "tolk")}
+OWN_FIELDS = {"tolk": ["fields_tolk"]}
+PEERS_OF_FIELDS = {"protobuf": ["fields_protobuf"], "msgpack": ["fields_msgpack"]}
 
 
 class Row:
     """`figures`: the first is the one that counts. Times are better when small, rates when big."""
 
-    def __init__(self, title, arguments, figures, contestants=None, rounds=None, turn_ms=None,
+    def __init__(self, title, arguments, figures, own=None, peers=None, rounds=None, turn_ms=None,
                  baselines=None):
         self.title = title
         self.arguments = arguments
         self.figures = figures
-        self.contestants = contestants or CONTESTANTS
+        self.own = own or OWN
+        self.peers = PEERS if peers is None else peers
         self.rounds = rounds
         self.turn_ms = turn_ms
         self.baselines = baselines or BASELINES
@@ -67,19 +70,24 @@ ROWS = {
     "E": Row("memory of the server for an idle client", ["memory", "--clients", "1000"], ["kib"],
              rounds=1),
     "F": Row("block of 8 mixed fields, built and parsed; stream of 1 MiB", [],
-             ["fields_ns", "stream_mb_s", "copies_mb_s"], contestants=FIELDS,
-             baselines=["protobuf", "msgpack"]),
+             ["fields_ns", "stream_mb_s", "copies_mb_s"], own=OWN_FIELDS,
+             peers=PEERS_OF_FIELDS, baselines=["protobuf", "msgpack"]),
     "G": Row("A beside 10,000 idle connections", ["echo", "--idle", "10000"],
-             ["p50_us", "p50_alone_us", "times"], contestants=NO_PEERS, rounds=3),
+             ["p50_us", "p50_alone_us", "times"], peers={}, rounds=3),
     "H": Row("connect with version check; close", ["connect"],
              ["connect_us", "connect_p99_us", "close_us"], baselines=["bare socket", *BASELINES]),
 }
 
 
-def one_round(row, arguments, only):
+def contestants_of(row, options):
+    every = {**row.own, **(row.peers if options.peers else {})}
+    return {name: words for name, words in every.items()
+            if not options.contestants or name in options.contestants}
+
+
+def one_round(contestants, arguments):
     stolen = common.StolenTime()
-    turns = {name: common.turn(words, arguments) for name, words in row.contestants.items()
-             if (common.PROGRAMS / words[0]).exists() and (not only or name in only)}
+    turns = {name: common.turn(words, arguments) for name, words in contestants.items()}
     return {"stolen": stolen.part(), "turns": turns}
 
 
@@ -93,9 +101,9 @@ def measure(row, options):
         arguments += ["--transport", options.transport]
     rounds = []
     while counted(rounds) < wanted and len(rounds) < MOST_REPEATED * wanted:
-        rounds.append(one_round(row, arguments, options.contestants))
+        rounds.append(one_round(contestants_of(row, options), arguments))
     return {"title": row.title, "arguments": " ".join(arguments), "figures": row.figures,
-            "baselines": row.baselines, "rounds": rounds}
+            "baselines": row.baselines, "library": common.library(), "rounds": rounds}
 
 
 def counted(rounds):
@@ -150,6 +158,7 @@ def parse_command_line():
     parser.add_argument("--rounds", type=int, default=0)
     parser.add_argument("--turn-ms", type=int, default=0)
     parser.add_argument("--transport", choices=["pipe", "tcp4", "tcp6"], default="pipe")
+    parser.add_argument("--peers", action="store_true", help="with other libraries")
     parser.add_argument("--quick", action="store_true", help="too short to compare")
     options = parser.parse_args()
     options.rows = options.rows.split(",")

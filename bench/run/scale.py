@@ -49,7 +49,8 @@ def measure(curve, rounds, turn_ms):
             for name, words in curve.contestants.items():
                 arguments = [*curve.arguments(point), "--turn-ms", str(turn_ms)]
                 seen[name][point].append(common.turn(words, arguments))
-    return {"title": curve.title, "figure": curve.figure, "turns": seen}
+    return {"title": curve.title, "figure": curve.figure, "library": common.library(),
+            "turns": seen}
 
 
 def points_of(result, name):

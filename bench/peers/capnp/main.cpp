@@ -17,7 +17,7 @@ namespace {
 
 std::string address_of(const Place& place) {
   if (place.transport == Transport::pipe) return "unix:" + place.path;
-  return std::string(place.host()) + ":" + std::to_string(place.port);
+  return place.host_and_port();
 }
 
 capnp::ReaderOptions no_limit() {

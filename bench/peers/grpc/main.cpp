@@ -12,7 +12,7 @@ constexpr int kNoLimit = -1;
 
 std::string address_of(const Place& place) {
   if (place.transport == Transport::pipe) return "unix:" + place.path;
-  return std::string(place.host()) + ":" + std::to_string(place.port);
+  return place.host_and_port();
 }
 
 class Service final : public rpc::Echo::Service {

@@ -24,7 +24,7 @@ constexpr char kBulk = 'b';
 
 std::string address_of(const Place& place, bool of_posts = false) {
   if (place.transport == Transport::pipe) return "ipc://" + place.path + (of_posts ? ".posts" : "");
-  return "tcp://" + std::string(place.host()) + ":" + std::to_string(place.port + of_posts);
+  return "tcp://" + place.host_and_port(of_posts ? 1 : 0);
 }
 
 std::string_view bytes_of(nng_msg* message) {

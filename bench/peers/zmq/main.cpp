@@ -20,7 +20,7 @@ constexpr char kBulk = 'b';
 
 std::string address_of(const Place& place, bool of_posts = false) {
   if (place.transport == Transport::pipe) return "ipc://" + place.path + (of_posts ? ".posts" : "");
-  return "tcp://" + std::string(place.host()) + ":" + std::to_string(place.port + of_posts);
+  return "tcp://" + place.host_and_port(of_posts ? 1 : 0);
 }
 
 void* new_context() {
@@ -36,6 +36,8 @@ void* new_socket(void* context, int type, int queued = 0) {
   zmq_setsockopt(socket, ZMQ_LINGER, &none, sizeof none);
   zmq_setsockopt(socket, ZMQ_SNDHWM, &queued, sizeof queued);
   zmq_setsockopt(socket, ZMQ_RCVHWM, &none, sizeof none);
+  const int on = 1;
+  zmq_setsockopt(socket, ZMQ_IPV6, &on, sizeof on);
   return socket;
 }
 
