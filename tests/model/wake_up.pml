@@ -79,7 +79,7 @@ inline refuse(task) {
   }
 }
 
-// Under the lock.
+// Under the lock. `sends`: whether the loop sleeps, so that `wake` must send.
 inline sleeper(sends) {
   if
   :: asleep ->
@@ -122,6 +122,7 @@ inline wake(sends) {
   fi
 }
 
+// Under the lock.
 inline enqueue(task) {
   tasks!task;
   task_state[task] = enqueued;
@@ -496,7 +497,7 @@ active proctype Loop() {
   od;
   atomic {
     loop_closed = true;
-    assert(empty(tasks) && empty(ends) && empty(waiting) && idle == 0 && requests == 0 && wakers == 0);
+    assert(empty(tasks) && empty(ends) && empty(waiting) && idle == 0 && requests == 0);
     for (other : 0 .. TASKS) { assert(task_state[other] != enqueued) }
     for (other : 0 .. CALLS) {
       assert(call_state[other] == unknown || call_state[other] == ended)
