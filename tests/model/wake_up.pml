@@ -1,8 +1,8 @@
 // How threads and workers wake the loop thread of one session, and how calls reach workers: a model for spin.
 // docs/model.md names the function behind each step.
 //
-// What a thread does under a lock is one atomic step, because nobody else touches the state meanwhile. A call
-// of libuv under a lock is a step of its own: libuv's state is not guarded by that lock.
+// What a thread does under a lock is one atomic step, because nobody else touches the state meanwhile. What it
+// does without a lock, such as a call of libuv, is a step of its own.
 //
 // -DPOSTERS=2 and the like set the configuration. Each -DFAULT_... plants one fault.
 #ifndef POSTERS
@@ -23,27 +23,23 @@
 #ifndef THREADS
 #define THREADS 1  // of libuv's pool
 #endif
-#ifndef FAILURES
-#define FAILURES 0  // of uv_queue_work, at most
-#endif
 
 #define TASKS (POSTERS * EACH + OWN_TASKS)
 #define PREPARED TASKS  // the number of the session's prepared task
 #define NONE 255
 
 // The states of a task, and those of a call.
-mtype = { unknown, enqueued, ran, refused, waits, runs, handled, ended, reported };
+mtype = { unknown, enqueued, ran, refused, waits, runs, handled, ended };
 
 // The task queue, guarded by its lock.
-bool queue_locked;
 chan tasks = [TASKS + 1] of { byte };
 chan ends = [CALLS + 1] of { byte };  // of calls that a worker has run
 bool queue_open = true;
 bool prepared = true;  // and not enqueued yet
 bool asleep = true;
+byte wakers;  // threads that are about to touch the wake-up handle; not guarded
 
 // The work queue, guarded by its lock.
-bool work_locked;
 chan waiting = [CALLS + 1] of { byte };
 byte idle;  // runners that are going to look at `waiting`
 
@@ -56,7 +52,7 @@ byte requests;       // that keep the loop alive
 bool loop_closed;
 
 // What is still to come, at most.
-byte other_io, own_tasks, incoming, failures;
+byte other_io, own_tasks, incoming;
 
 // For the assertions.
 bool stopped;
@@ -65,14 +61,13 @@ mtype call_state[CALLS + 1] = unknown;
 byte stuck;  // handlers that return only after a rest
 byte rests;  // moments in which nothing could happen
 
-#define lock_queue() atomic { !queue_locked -> queue_locked = true }
-#define unlock_queue() queue_locked = false
-#define lock_work() atomic { !work_locked -> work_locked = true }
-#define unlock_work() work_locked = false
-
 inline uv_async_send() {
   assert(!handle_closed && !loop_closed);
   async_sent = true
+}
+
+inline uv_queue_work() {
+  atomic { assert(!loop_closed); requests++; pool_queue++ }
 }
 
 // --- The task queue ---
@@ -84,106 +79,148 @@ inline refuse(task) {
   }
 }
 
-inline wake() {
+// Under the lock. `sends`: whether the loop sleeps, so that `wake` must send.
+inline sleeper(sends) {
   if
-#ifdef FAULT_WAKE_OF_CLOSED_QUEUE
   :: asleep ->
-#else
-  :: queue_open && asleep ->
-#endif
+#ifndef FAULT_AWAKE_SAID_AFTER_SEND
     asleep = false;
-#if defined(FAULT_SEND_AFTER_UNLOCK)
-    unlock_queue();
-    uv_async_send();
-    lock_queue()
-#elif !defined(FAULT_NO_SEND)
-    uv_async_send()
 #endif
+#ifndef FAULT_WAKER_COUNTED_AFTER_UNLOCK
+    wakers++;
+#endif
+    sends = true
   :: else
   fi
 }
 
+// Without the lock.
+inline wake(sends) {
+  if
+  :: sends ->
+#ifdef FAULT_WAKER_COUNTED_AFTER_UNLOCK
+    wakers++;
+#endif
+#ifdef FAULT_WAKER_LEAVES_BEFORE_SEND
+    wakers--;
+    uv_async_send();
+    sends = false
+#else
+#ifndef FAULT_NO_SEND
+    uv_async_send();
+#endif
+#ifdef FAULT_AWAKE_SAID_AFTER_SEND
+    asleep = false;
+#endif
+#ifdef FAULT_WAKER_NEVER_LEAVES
+    sends = false
+#else
+    atomic { wakers--; sends = false }
+#endif
+#endif
+  :: !sends
+  fi
+}
+
+// Under the lock.
 inline enqueue(task) {
-  atomic { tasks!task; task_state[task] = enqueued };
-  wake()
+  tasks!task;
+  task_state[task] = enqueued;
+  sleeper(sends)
 }
 
 inline post(task) {
-#ifdef FAULT_OPEN_READ_BEFORE_LOCK
   if
-  :: queue_open -> lock_queue(); enqueue(task); unlock_queue()
+#ifdef FAULT_OPEN_READ_BEFORE_LOCK
+  :: queue_open -> atomic { enqueue(task) }; wake(sends)
+#else
+  :: atomic { queue_open -> enqueue(task) }; wake(sends)
+#endif
   :: !queue_open -> refuse(task)
   fi
-#else
-  lock_queue();
-  if
-  :: queue_open -> enqueue(task); unlock_queue()
-  :: !queue_open -> unlock_queue(); refuse(task)
-  fi
-#endif
 }
 
 inline post_prepared() {
-  lock_queue();
   if
-  :: queue_open && prepared -> prepared = false; enqueue(PREPARED)
-  :: else
-  fi;
-  unlock_queue()
+  :: atomic { queue_open && prepared -> prepared = false; enqueue(PREPARED) }; wake(sends)
+  :: !queue_open || !prepared
+  fi
 }
 
 inline post_end(call, wakes, open) {
-  lock_queue();
+  atomic {
+    open = queue_open;
+    if
 #ifdef FAULT_END_OF_CLOSED_QUEUE_DROPPED
-  if
-  :: queue_open -> ends!call
-  :: !queue_open
-  fi;
+    :: !queue_open
+    :: queue_open -> ends!call
 #else
-  ends!call;
+    :: ends!call
 #endif
-  if
-#ifndef FAULT_END_DOES_NOT_WAKE
-  :: wakes -> wake()
-  :: !wakes
+    fi;
+    if
+#if defined(FAULT_WAKE_OF_CLOSED_QUEUE)
+    :: wakes -> sleeper(sends)
+    :: !wakes
+#elif defined(FAULT_END_DOES_NOT_WAKE)
+    :: true
 #else
-  :: true
+    :: queue_open && wakes -> sleeper(sends)
+    :: !queue_open || !wakes
 #endif
-  fi;
-  atomic { open = queue_open; unlock_queue() }
+    fi
+  };
+  wake(sends)
 }
 
 // On the loop thread, as all that follows.
 inline fall_asleep(sleeps) {
 #if defined(FAULT_SLEEP_WITHOUT_LOOK)
-  atomic { !queue_locked -> asleep = true; sleeps = true }
+  atomic { asleep = true; sleeps = true }
 #elif defined(FAULT_LOOK_AND_SLEEP_APART)
-  atomic { !queue_locked -> sleeps = empty(tasks) && empty(ends) };
-  atomic { !queue_locked -> asleep = asleep || sleeps }
+  sleeps = empty(tasks) && empty(ends);
+  asleep = asleep || sleeps
 #elif defined(FAULT_SLEEP_WITHOUT_LOOK_AT_ENDS)
-  atomic { !queue_locked -> sleeps = empty(tasks); asleep = asleep || sleeps }
+  atomic { sleeps = empty(tasks); asleep = asleep || sleeps }
 #elif defined(FAULT_SLEEP_UNSAID)
-  atomic { !queue_locked -> sleeps = empty(tasks) && empty(ends) }
+  sleeps = empty(tasks) && empty(ends)
 #else
-  atomic { !queue_locked -> sleeps = empty(tasks) && empty(ends); asleep = asleep || sleeps }
+  atomic { sleeps = empty(tasks) && empty(ends); asleep = asleep || sleeps }
 #endif
 }
 
-inline stay_awake() { atomic { !queue_locked -> asleep = false } }
+inline stay_awake() { asleep = false }
 
 inline close_queue() {
-  atomic {
-    !queue_locked -> queue_open = false;
-    do
-#ifndef FAULT_CLOSE_FORGETS_TASKS
-    :: tasks?other -> refuse(other)
+#ifdef FAULT_CLOSE_WAITS_WHILE_OPEN
+  wakers == 0;
 #endif
+  atomic {
+    queue_open = false;
+    do
+    :: tasks?other -> left!other
+    :: empty(tasks) -> break
+    od;
+    other = 0
+  };
+#if !defined(FAULT_CLOSE_DOES_NOT_WAIT) && !defined(FAULT_CLOSE_WAITS_WHILE_OPEN)
+  wakers == 0;
+#endif
+  atomic {
+    do
 #ifndef FAULT_CLOSE_FORGETS_TAKEN_TASKS
     :: taken_tasks?other -> refuse(other)
+    :: empty(taken_tasks) -> break
+#else
+    :: break
 #endif
-    :: empty(tasks) && empty(taken_tasks) -> break
-#if defined(FAULT_CLOSE_FORGETS_TASKS) || defined(FAULT_CLOSE_FORGETS_TAKEN_TASKS)
-    :: true -> break
+    od;
+    do
+#ifndef FAULT_CLOSE_FORGETS_TASKS
+    :: left?other -> refuse(other)
+    :: empty(left) -> break
+#else
+    :: break
 #endif
     od;
     other = 0
@@ -202,7 +239,6 @@ inline end_session() {
 
 inline drain() {
   atomic {
-    !queue_locked ->
     do
     :: tasks?task -> taken_tasks!task
     :: ends?task -> taken_ends!task
@@ -234,25 +270,62 @@ inline drain() {
 
 // --- The work queue ---
 
-inline begin(call) {
-#ifdef FAULT_RUNNERS_COUNTED_BEFORE_LOCK
-  starts = len(waiting) == idle;
-  lock_work();
-#elif defined(FAULT_RUNNER_COUNTED_TWICE)
-  lock_work();
-  starts = idle == 0;
+#ifdef FAULT_RUNNER_COUNTED_TWICE
+#define NEEDS_RUNNER (idle == 0)
 #else
-  lock_work();
-  starts = len(waiting) == idle;
+#define NEEDS_RUNNER (len(waiting) == idle)
+#endif
+
+// Under the lock.
+inline wait_for_runner(call) {
+  waiting!call;
+  call_state[call] = waits;
+  assert(len(waiting) <= idle)
+}
+
+// `runner`: whether there is one that nobody has counted. It is not kept when the call does not need it.
+inline add(call, runner, added) {
+  atomic {
+    if
+    :: NEEDS_RUNNER && !runner -> added = false
+    :: NEEDS_RUNNER && runner -> idle++; added = true
+#ifdef FAULT_UNNEEDED_RUNNER_STARTS
+    :: !NEEDS_RUNNER -> added = true
+#else
+    :: !NEEDS_RUNNER -> runner = false; added = true
+#endif
+    fi;
+    if
+    :: added -> wait_for_runner(call)
+    :: !added
+    fi
+  }
+}
+
+inline begin(call) {
+#if defined(FAULT_ADDED_WITHOUT_DECIDING_AGAIN)
+  runner = NEEDS_RUNNER;
+  atomic { idle = idle + runner; wait_for_runner(call) };
+#else
+  add(call, runner, added);
+  if
+  :: !added -> runner = true;
+#ifdef FAULT_STARTED_BEFORE_ADDED
+    uv_queue_work();
+#endif
+    add(call, runner, added)
+  :: added
+  fi;
 #endif
   if
-  :: !starts -> waiting!call; call_state[call] = waits
-  :: starts -> atomic { requests++; pool_queue++ };  // uv_queue_work
-    atomic { idle++; waiting!call; call_state[call] = waits }
-  :: starts && failures > 0 -> atomic { failures--; call_state[call] = reported }
+#ifdef FAULT_STARTED_BEFORE_ADDED
+  :: true
+#else
+  :: runner -> uv_queue_work()
+  :: !runner
+#endif
   fi;
-  atomic { assert(len(waiting) <= idle); unlock_work() };
-  starts = false
+  atomic { runner = false; added = false }
 }
 
 // On a thread of the pool, as all that follows.
@@ -263,18 +336,23 @@ inline take_first() {
   fi
 }
 
+inline leave() {
+  assert(idle > 0);
+  idle--
+}
+
 inline begin_run() {
 #ifdef FAULT_LOOK_AND_COUNT_APART
-  atomic { !work_locked -> take_first() };
-  atomic { !work_locked -> idle--; assert(len(waiting) <= idle) }
+  atomic { take_first() };
+  atomic { leave(); assert(len(waiting) <= idle) }
 #else
-  atomic { !work_locked -> idle--; take_first(); assert(len(waiting) <= idle) }
+  atomic { leave(); take_first(); assert(len(waiting) <= idle) }
 #endif
 }
 
 inline next() {
   atomic {
-    !work_locked -> take_first();
+    take_first();
     if
     :: call == NONE -> idle++
     :: else
@@ -283,7 +361,7 @@ inline next() {
   if
   :: call != NONE
 #ifdef FAULT_IDLE_RUNNER_LEAVES
-  :: call == NONE -> atomic { !work_locked -> idle--; assert(len(waiting) <= idle) }
+  :: call == NONE -> atomic { leave(); assert(len(waiting) <= idle) }
 #else
   :: call == NONE -> begin_run()
 #endif
@@ -301,7 +379,7 @@ inline work_here() {
 
 active [THREADS] proctype PoolThread() {
   byte call = NONE, until;
-  bool stays, open;
+  bool stays, open, sends;
 
 end_without_runner:
   do
@@ -372,15 +450,15 @@ inline rest() {
 
 active proctype Loop() {
   byte task, other;
-  bool sleeps, polled, starts;
+  bool sleeps, polled, sends, runner, added;
   chan taken_tasks = [TASKS + 1] of { byte };
+  chan left = [TASKS + 1] of { byte };  // queued when the queue was closed
   chan taken_ends = [CALLS + 1] of { byte };
 
   atomic {
     select(other_io : 0 .. OTHER_IO);
     select(own_tasks : 0 .. OWN_TASKS);
-    select(incoming : 0 .. CALLS);
-    select(failures : 0 .. FAILURES)
+    select(incoming : 0 .. CALLS)
   };
   stay_awake();
   drain();
@@ -422,7 +500,7 @@ active proctype Loop() {
     assert(empty(tasks) && empty(ends) && empty(waiting) && idle == 0 && requests == 0);
     for (other : 0 .. TASKS) { assert(task_state[other] != enqueued) }
     for (other : 0 .. CALLS) {
-      assert(call_state[other] == unknown || call_state[other] == ended || call_state[other] == reported)
+      assert(call_state[other] == unknown || call_state[other] == ended)
     }
   }
 }
@@ -432,6 +510,7 @@ active proctype Loop() {
 active [POSTERS] proctype Poster() {
   byte task = (_pid - 1 - THREADS) * EACH;
   byte last = task + EACH;
+  bool sends;
 
   do
   :: task < last -> post(task); task++
@@ -440,6 +519,8 @@ active [POSTERS] proctype Poster() {
 }
 
 active proctype Closer() {
+  bool sends;
+
   if
   :: post_prepared(); post_prepared()
   :: true
