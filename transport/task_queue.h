@@ -8,9 +8,9 @@
 // Owner: the queue owns a task from post until it ran or was refused, exactly one of the two.
 // Queueing allocates nothing, and one task is prepared when the session is made: a session can end
 // without memory.
-// A closed queue answers at once. The wake-up handle is only touched under the lock that also
-// guards "closed", so it is never used once closing has begun. Failure: post returns false when the
-// queue is closed; the task has been refused then.
+// A closed queue answers at once. A thread that is about to send a wake-up counts itself under the
+// lock that also guards "closed", and close waits for it, so the handle is never used once closing
+// has begun. Failure: post returns false when the queue is closed; the task has been refused then.
 #pragma once
 
 #include <uv.h>

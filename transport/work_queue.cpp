@@ -74,21 +74,21 @@ bool WorkQueue::add(std::unique_ptr<WorkItem>& item, std::unique_ptr<Runner>* ru
 void WorkQueue::start(uv_loop_t* loop, std::unique_ptr<Runner> runner) {
   if (workers.enqueue(loop, &runner->work, run_items, on_runner_done)) {
     static_cast<void>(runner.release());  // on_runner_done owns it
-  } else if (!process_exits()) {
-    take_back();
+  } else if (take_back() && !process_exits()) {
     throw std::runtime_error("no worker");
   }
 }
 
-// The item that was added last, unless another runner has it.
-void WorkQueue::take_back() {
+// Takes back the item that was added last. False when another runner has it, or is going to.
+bool WorkQueue::take_back() {
   auto state = state_.lock();
-  if (state->waiting.size() < state->idle--) return;
+  if (state->waiting.size() < state->idle--) return false;
   TaskList others;
   while (state->waiting.size() > 1) others.add(state->waiting.take());
   state->waiting.take();
   state->waiting.swap(others);
   waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
+  return true;
 }
 
 // The items that the runner did last end here.

@@ -63,7 +63,7 @@ class WorkQueue {
   void note_gap() TOLK_LOOP;
   bool add(std::unique_ptr<WorkItem>& item, std::unique_ptr<Runner>* runner) TOLK_LOOP;
   void start(uv_loop_t* loop, std::unique_ptr<Runner> runner) TOLK_LOOP;
-  void take_back() TOLK_LOOP;
+  bool take_back() TOLK_LOOP;
   // Worker.
   void run_until(Instant latest) TOLK_WORKER;
   bool may_stay(Instant latest) const;
