@@ -23,13 +23,16 @@
 #ifndef THREADS
 #define THREADS 1  // of libuv's pool
 #endif
+#ifndef FAILURES
+#define FAILURES 0  // of uv_queue_work, at most
+#endif
 
 #define TASKS (POSTERS * EACH + OWN_TASKS)
 #define PREPARED TASKS  // the number of the session's prepared task
 #define NONE 255
 
 // The states of a task, and those of a call.
-mtype = { unknown, enqueued, ran, refused, waits, runs, handled, ended };
+mtype = { unknown, enqueued, ran, refused, waits, runs, handled, ended, reported };
 
 // The task queue, guarded by its lock.
 chan tasks = [TASKS + 1] of { byte };
@@ -52,7 +55,7 @@ byte requests;       // that keep the loop alive
 bool loop_closed;
 
 // What is still to come, at most.
-byte other_io, own_tasks, incoming;
+byte other_io, own_tasks, incoming, failures;
 
 // For the assertions.
 bool stopped;
@@ -302,6 +305,37 @@ inline add(call, runner, added) {
   }
 }
 
+// When libuv takes no work. The call that was added last is the last one that waits, unless another runner has it.
+inline take_back(call) {
+  atomic {
+    assert(idle > 0);
+    if
+    :: len(waiting) < idle -> idle--
+#ifdef FAULT_TAKEN_CALL_REPORTED
+      ; assert(call_state[call] != reported); call_state[call] = reported
+#endif
+    :: len(waiting) == idle ->
+      idle--;
+      do
+      :: other < idle -> waiting?taken; waiting!taken; other++
+      :: other == idle -> break
+      od;
+      waiting?taken;
+      assert(taken == call && call_state[call] == waits);
+      call_state[call] = reported;
+      atomic { other = 0; taken = 0 }
+    fi;
+    assert(len(waiting) <= idle)
+  }
+}
+
+inline start(call) {
+  if
+  :: uv_queue_work()
+  :: atomic { failures > 0 -> failures-- }; take_back(call)
+  fi
+}
+
 inline begin(call) {
 #if defined(FAULT_ADDED_WITHOUT_DECIDING_AGAIN)
   runner = NEEDS_RUNNER;
@@ -321,7 +355,7 @@ inline begin(call) {
 #ifdef FAULT_STARTED_BEFORE_ADDED
   :: true
 #else
-  :: runner -> uv_queue_work()
+  :: runner -> start(call)
   :: !runner
 #endif
   fi;
@@ -449,7 +483,7 @@ inline rest() {
 }
 
 active proctype Loop() {
-  byte task, other;
+  byte task, other, taken;
   bool sleeps, polled, sends, runner, added;
   chan taken_tasks = [TASKS + 1] of { byte };
   chan left = [TASKS + 1] of { byte };  // queued when the queue was closed
@@ -458,7 +492,8 @@ active proctype Loop() {
   atomic {
     select(other_io : 0 .. OTHER_IO);
     select(own_tasks : 0 .. OWN_TASKS);
-    select(incoming : 0 .. CALLS)
+    select(incoming : 0 .. CALLS);
+    select(failures : 0 .. FAILURES)
   };
   stay_awake();
   drain();
@@ -500,7 +535,7 @@ active proctype Loop() {
     assert(empty(tasks) && empty(ends) && empty(waiting) && idle == 0 && requests == 0);
     for (other : 0 .. TASKS) { assert(task_state[other] != enqueued) }
     for (other : 0 .. CALLS) {
-      assert(call_state[other] == unknown || call_state[other] == ended)
+      assert(call_state[other] == unknown || call_state[other] == ended || call_state[other] == reported)
     }
   }
 }
