@@ -71,9 +71,9 @@ class TaskQueues : public testing::Test {
 
   uv_loop_t loop{};
   uv_async_t wake_up{};
+  std::vector<std::string> log;  // outlives the tasks that are left
   TaskQueue queue;
   int wake_ups = 0;
-  std::vector<std::string> log;
 };
 using Events = std::vector<std::string>;
 
