@@ -261,10 +261,11 @@ TEST_F(WorkQueues, AFullQueueLeavesAnotherItsTurn) {
   std::atomic<bool> other_ran{false};
   WorkQueue other_queue(ends);
   const Function begin_next = [&] {
-    const int own = ++begun;
-    begin([&, own] {
-      while (begun <= own && !other_ran) std::this_thread::yield();
+    const int next = begun + 1;
+    begin([&, next] {
+      while (begun <= next && !other_ran) std::this_thread::yield();
     });
+    ++begun;  // it waits now
   };
   begin_next();
   begin_next();
