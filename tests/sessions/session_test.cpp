@@ -5,6 +5,7 @@
 #include <tests/sessions/test_session.h>
 #include <tests/transport/event.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <new>
@@ -104,6 +105,118 @@ TEST_F(Sessions, PostedFunctionRunsOnTheSessionsThread) {
   }));
   ASSERT_TRUE(ran.wait());
   EXPECT_TRUE(on_own);
+  EXPECT_TRUE(stop_and_drop());
+}
+
+// Posts from several threads; each waits for its task, so that the loop falls asleep in between.
+void post_from_threads(TestSession& session, int tasks_of_each) {
+  std::vector<std::thread> posters;
+  for (int t = 0; t < 4; ++t) {
+    posters.emplace_back([&session, tasks_of_each] {
+      for (int i = 0; i < tasks_of_each; ++i) {
+        const auto ran = std::make_shared<Event>();
+        ASSERT_TRUE(session.post_function([ran] { ran->set(); }));
+        ASSERT_TRUE(ran->wait()) << "task " << i;
+      }
+    });
+  }
+  for (std::thread& poster : posters) poster.join();
+}
+
+TEST_F(Sessions, TasksOfSeveralThreadsRunWhileNothingElseWakesTheLoop) {
+  start_and_wait();
+  post_from_threads(*session, 1000);
+  EXPECT_TRUE(stop_and_drop());
+}
+
+// Two connected streams of one loop that send a byte to and fro.
+class EndlessReads {
+ public:
+  void begin(uv_loop_t* loop) {
+    uv_os_sock_t sockets[2];
+    ASSERT_EQ(uv_socketpair(SOCK_STREAM, 0, sockets, UV_NONBLOCK_PIPE, UV_NONBLOCK_PIPE), 0);
+    for (int i = 0; i < 2; ++i) {
+      uv_tcp_init(loop, &ends_[i]);
+      ends_[i].data = this;
+      ASSERT_EQ(uv_tcp_open(&ends_[i], sockets[i]), 0);
+      uv_read_start(stream(i), provide, on_read);
+    }
+    send(stream(0));
+  }
+  int reads() const { return reads_; }
+
+ private:
+  uv_stream_t* stream(int i) { return reinterpret_cast<uv_stream_t*>(&ends_[i]); }
+  static void send(uv_stream_t* stream) {
+    char byte = 'x';
+    const uv_buf_t buffer = uv_buf_init(&byte, 1);
+    EXPECT_EQ(uv_try_write(stream, &buffer, 1), 1);
+  }
+  static void provide(uv_handle_t* handle, std::size_t, uv_buf_t* buffer) {
+    *buffer = uv_buf_init(&static_cast<EndlessReads*>(handle->data)->byte_, 1);
+  }
+  static void on_read(uv_stream_t* stream, ssize_t size, const uv_buf_t*) {
+    if (size <= 0) return;
+    ++static_cast<EndlessReads*>(stream->data)->reads_;
+    send(stream);
+  }
+
+  uv_tcp_t ends_[2]{};
+  char byte_ = 0;
+  std::atomic<int> reads_{0};
+};
+
+TEST_F(Sessions, TasksOfSeveralThreadsRunWhileTheLoopReads) {
+  EndlessReads reads;
+  session->at_start = [&] {
+    session->check_loop_thread();
+    reads.begin(session->loop());
+  };
+  start_and_wait();
+  post_from_threads(*session, 300);
+  const int before = reads.reads();
+  EXPECT_TRUE(tolk::test::eventually([&] { return reads.reads() > before; }));
+  session->stop();
+  session->wait_until_ended();
+  EXPECT_TRUE(stop_and_drop());
+}
+
+TEST_F(Sessions, TasksThatArePostedBeforeTheLoopRunsRunWithIt) {
+  Event of_loop_ran;
+  Event of_other_ran;
+  session->at_start = [&] {
+    EXPECT_TRUE(session->post_function([&] { of_loop_ran.set(); }));
+    std::thread([&] { EXPECT_TRUE(session->post_function([&] { of_other_ran.set(); })); }).join();
+    EXPECT_FALSE(of_loop_ran.happened());
+  };
+  start_and_wait();
+  EXPECT_TRUE(of_loop_ran.wait());
+  EXPECT_TRUE(of_other_ran.wait());
+  EXPECT_TRUE(stop_and_drop());
+}
+
+// Posts itself again until it may end.
+void keep_posting(TestSession& session, std::atomic<bool>& may_end) {
+  if (!may_end) session.post_function([&] { keep_posting(session, may_end); });
+}
+
+TEST_F(Sessions, TimersRunWhileEachTaskPostsAnother) {
+  Event timer_ran;
+  std::atomic<bool> may_end{false};
+  uv_timer_t timer{};
+  timer.data = &timer_ran;
+  session->at_start = [&] {
+    session->check_loop_thread();
+    uv_timer_init(session->loop(), &timer);
+    uv_timer_start(
+        &timer, [](uv_timer_t* expired) { static_cast<Event*>(expired->data)->set(); }, 5, 0);
+    keep_posting(*session, may_end);
+  };
+  start_and_wait();
+  EXPECT_TRUE(timer_ran.wait());
+  may_end = true;
+  session->stop();
+  session->wait_until_ended();
   EXPECT_TRUE(stop_and_drop());
 }
 

@@ -1,8 +1,10 @@
 #include "transport/task_queue.h"
 
 #include <gtest/gtest.h>
+#include <tests/transport/event.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -13,6 +15,7 @@
 namespace {
 
 using tolk::FunctionTask;
+using tolk::make_task;
 using tolk::Task;
 using tolk::TaskQueue;
 
@@ -68,9 +71,9 @@ class TaskQueues : public testing::Test {
 
   uv_loop_t loop{};
   uv_async_t wake_up{};
+  std::vector<std::string> log;  // outlives the tasks that are left
   TaskQueue queue;
   int wake_ups = 0;
-  std::vector<std::string> log;
 };
 using Events = std::vector<std::string>;
 
@@ -247,6 +250,212 @@ TEST_F(TaskQueues, ThePreparedTaskStaysWhileTheQueueIsNotOpen) {
   queue.post_prepared();
   turn();
   EXPECT_EQ(log, (Events{"prepared ran", "prepared freed"}));
+}
+
+// Nobody but the test drains; a wake-up is only counted.
+class AwakeLoops : public TaskQueues {
+ protected:
+  AwakeLoops() {
+    uv_close(reinterpret_cast<uv_handle_t*>(&wake_up), nullptr);
+    turn();
+    uv_async_init(&loop, &wake_up,
+                  [](uv_async_t* async) { ++static_cast<AwakeLoops*>(async->data)->wake_ups; });
+    wake_up.data = this;
+    open();
+  }
+
+  bool post_end(const std::string& name, bool wakes = true) {
+    return queue.post_end(std::make_unique<Told>(log, name), wakes);
+  }
+  bool drain() {
+    tolk::enter_loop();
+    return queue.drain();
+  }
+  bool fall_asleep() {
+    tolk::enter_loop();
+    return queue.fall_asleep();
+  }
+  void stay_awake() {
+    tolk::enter_loop();
+    queue.stay_awake();
+  }
+  int wake_ups_so_far() {
+    turn();
+    return wake_ups;
+  }
+};
+
+TEST_F(AwakeLoops, AreSentNoWakeUp) {
+  queue.prepare(std::make_unique<Told>(log, "prepared"));
+  stay_awake();
+  EXPECT_TRUE(post("task"));
+  EXPECT_TRUE(post_end("end"));
+  queue.post_prepared();
+  EXPECT_EQ(wake_ups_so_far(), 0);
+  EXPECT_TRUE(drain());
+  EXPECT_EQ(log.size(), 6u);
+}
+
+TEST_F(AwakeLoops, AreWokenAsSoonAsTheySleep) {
+  stay_awake();
+  ASSERT_TRUE(fall_asleep());
+  EXPECT_TRUE(post("task"));
+  EXPECT_EQ(wake_ups_so_far(), 1);
+  drain();
+  ASSERT_TRUE(fall_asleep());
+  EXPECT_TRUE(post_end("end"));
+  EXPECT_EQ(wake_ups_so_far(), 2);
+}
+
+TEST_F(AwakeLoops, AreWokenOnceForAllThatComes) {
+  EXPECT_TRUE(post("first"));
+  EXPECT_EQ(wake_ups_so_far(), 1);
+  EXPECT_TRUE(post("second"));
+  EXPECT_TRUE(post_end("end"));
+  EXPECT_EQ(wake_ups_so_far(), 1);
+}
+
+TEST_F(AwakeLoops, DoNotFallAsleepWhileSomethingIsQueued) {
+  stay_awake();
+  for (const bool task : {true, false}) {
+    task ? post("x") : post_end("x");
+    EXPECT_FALSE(fall_asleep());
+    EXPECT_FALSE(fall_asleep());
+    post("y");
+    EXPECT_EQ(wake_ups_so_far(), 0) << "they are as awake as before";
+    drain();
+  }
+  EXPECT_TRUE(fall_asleep());
+}
+
+TEST_F(AwakeLoops, DrainTellsWhetherThereWasSomething) {
+  EXPECT_FALSE(drain());
+  post("task");
+  EXPECT_TRUE(drain());
+  post_end("end");
+  EXPECT_TRUE(drain());
+  EXPECT_FALSE(drain());
+}
+
+TEST_F(AwakeLoops, EndsRunAfterTheTasksInTheirOrder) {
+  post_end("end 1");
+  post("task 1");
+  post_end("end 2");
+  post("task 2");
+  drain();
+  EXPECT_EQ(log, (Events{"task 1 ran", "task 1 freed", "task 2 ran", "task 2 freed", "end 1 ran",
+                         "end 1 freed", "end 2 ran", "end 2 freed"}));
+}
+
+TEST_F(AwakeLoops, AnEndThatDoesNotWakeLeavesTheLoopAsleep) {
+  EXPECT_TRUE(post_end("quiet", false));
+  EXPECT_EQ(wake_ups_so_far(), 0);
+  EXPECT_TRUE(post("task"));
+  EXPECT_EQ(wake_ups_so_far(), 1) << "others still wake it";
+  drain();
+  EXPECT_EQ(log, (Events{"task ran", "task freed", "quiet ran", "quiet freed"}));
+}
+
+TEST_F(AwakeLoops, AClosedQueueKeepsAnEndForTheNextDrain) {
+  close();
+  EXPECT_FALSE(post_end("end"));
+  EXPECT_FALSE(post_end("quiet", false));
+  EXPECT_EQ(log, Events{}) << "it is not refused";
+  EXPECT_EQ(wake_ups_so_far(), 0);
+  EXPECT_TRUE(drain());
+  EXPECT_EQ(log, (Events{"end ran", "end freed", "quiet ran", "quiet freed"}));
+}
+
+TEST_F(AwakeLoops, CloseRefusesTasksAndKeepsEnds) {
+  post_end("end");
+  post("task");
+  close();
+  EXPECT_EQ(log, (Events{"task refused", "task freed"}));
+  drain();
+  EXPECT_EQ(log.back(), "end freed");
+  EXPECT_EQ(log.size(), 4u);
+}
+
+TEST_F(AwakeLoops, ATaskThatClosesRefusesTheRestInOrderAndEndsStillRun) {
+  post_function([this] {
+    post("last");
+    close();
+    log.emplace_back("closed");
+  });
+  post("second");
+  post("third");
+  post_end("end");
+  EXPECT_TRUE(drain());
+  EXPECT_EQ(log, (Events{"second refused", "second freed", "third refused", "third freed",
+                         "last refused", "last freed", "closed", "end ran", "end freed"}));
+}
+
+// Every poster waits for its batch, so that the loop sleeps in between.
+TEST_F(AwakeLoops, NoTaskIsLeftBehindWhileTheyFallAsleepAndWake) {
+  constexpr int kThreads = 4;
+  constexpr int kBatches = 400;
+  Counts counts;
+  std::atomic<int> posting{kThreads};
+  std::atomic<bool> gave_up{false};
+  const auto post_batches = [&] {
+    for (int i = 0; i < kBatches; ++i) {
+      std::atomic<int> left{3};
+      const auto done = [&left] { --left; };
+      queue.post(make_task(done));
+      queue.post_end(make_task(done), true);
+      queue.post(make_task(done));
+      queue.post(std::make_unique<Counted>(counts));
+      while (left > 0 && !gave_up) std::this_thread::yield();
+    }
+    --posting;
+    queue.post(make_task([] {}));
+  };
+  uv_timer_t limit;
+  uv_timer_init(&loop, &limit);
+  limit.data = &gave_up;
+  uv_timer_start(
+      &limit, [](uv_timer_t* timer) { *static_cast<std::atomic<bool>*>(timer->data) = true; },
+      std::chrono::milliseconds(tolk::test::kPatience).count(), 0);
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kThreads; ++t) posters.emplace_back(post_batches);
+  stay_awake();
+  while (posting > 0 && !gave_up) {
+    drain();
+    const bool sleeps = fall_asleep();
+    uv_run(&loop, sleeps ? UV_RUN_ONCE : UV_RUN_NOWAIT);
+    if (sleeps) stay_awake();
+  }
+  EXPECT_FALSE(gave_up) << "a task is queued, and nobody woke the loop";
+  for (std::thread& poster : posters) poster.join();
+  drain();
+  EXPECT_EQ(counts.ran, kThreads * kBatches);
+  EXPECT_EQ(counts.freed, kThreads * kBatches);
+  uv_close(reinterpret_cast<uv_handle_t*>(&limit), nullptr);
+  turn();
+}
+
+// The poster that wakes the loop uses the handle without the lock.
+TEST_F(AwakeLoops, NobodyTouchesTheWakeUpOnceTheQueueIsClosed) {
+  for (int round = 0; round < 200; ++round) {
+    uv_async_t handle;
+    uv_async_init(&loop, &handle, [](uv_async_t*) {});
+    TaskQueue closing;
+    tolk::enter_loop();
+    closing.open(&handle);
+    std::atomic<bool> begins{false};
+    std::thread poster([&] {
+      begins = true;
+      while (closing.post(make_task([] {}))) {
+      }
+    });
+    while (!begins) std::this_thread::yield();
+    closing.close();
+    const uv_async_t closed = std::exchange(handle, uv_async_t{});  // a wake-up would crash
+    poster.join();
+    handle = closed;
+    uv_close(reinterpret_cast<uv_handle_t*>(&handle), nullptr);
+    turn();
+  }
 }
 
 }  // namespace
