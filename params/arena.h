@@ -116,7 +116,9 @@ class ArenaArray {
   void pop_back() noexcept { --size_; }
   void cut(std::size_t size) noexcept { size_ = size; }
   void reserve(Arena& arena, std::size_t capacity) {
-    T* const larger = static_cast<T*>(arena.allocate(capacity * sizeof(T)));
+    // An item may be a pointer.
+    const std::size_t bytes = capacity * sizeof(T);  // NOLINT(bugprone-sizeof-expression)
+    T* const larger = static_cast<T*>(arena.allocate(bytes));
     std::copy(begin(), end(), larger);
     items_ = larger;
     capacity_ = capacity;

@@ -20,11 +20,12 @@ class ReadBlock {
  public:
   // Empty without memory.
   std::span<char> get(std::size_t size) {
-    if (size_ < size)
+    if (size_ < size) {
       guarded([&] {
         memory_ = std::make_shared_for_overwrite<char[]>(size);
         size_ = size;
       });
+    }
     return {memory_.get(), size_};
   }
 

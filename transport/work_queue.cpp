@@ -111,7 +111,7 @@ void WorkQueue::run_until(Instant latest) {
     item->work_here();
     const bool stays = may_stay(latest);
     const bool open = ends_.post_end(std::move(item), stays);
-    if (stays && open) item = next();
+    item = stays && open ? next() : nullptr;
   }
 }
 

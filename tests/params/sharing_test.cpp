@@ -39,7 +39,7 @@ std::string sample_bytes() {
   return *block.GetParamas();
 }
 
-void expect_sample(TolkParams& block) {
+void expect_shared_sample(TolkParams& block) {
   ASSERT_EQ(block.ParamsSize(), 4);
   EXPECT_EQ(block.GetValue(0)->GetInt(), 7);
   EXPECT_STREQ(block.GetValue(1)->GetString(), long_text);
@@ -168,7 +168,7 @@ TEST(ShareBytes, ParsedTextsAreCopiedOnceAndTheValuesStay) {
   const SharedBytes first = Access::share_bytes(block);
   EXPECT_EQ(first.view, sample_bytes());
   EXPECT_EQ(Access::share_bytes(block).view.data(), first.view.data());
-  expect_sample(block);
+  expect_shared_sample(block);
 }
 
 TEST(ShareBytes, OfBlocksThatShareTheirContent) {
@@ -233,7 +233,7 @@ TEST(TakeBytes, ParsedBytesAreAsTheyCame) {
   TolkParams twin;
   twin = again;
   EXPECT_EQ(Access::take_bytes(again), sample_bytes());
-  expect_sample(twin);
+  expect_shared_sample(twin);
 }
 
 // --- bytes that a block takes over ---
@@ -242,7 +242,7 @@ TEST(ParseShared, ValuesLookIntoTheBytes) {
   const SharedBytes bytes = received(sample_bytes());
   TolkParams block;
   EXPECT_TRUE(Access::parse_shared(block, bytes));
-  expect_sample(block);
+  expect_shared_sample(block);
   EXPECT_TRUE(lies_in(block.GetValue(1)->GetString(), bytes.view));
   EXPECT_TRUE(lies_in(block.GetMap("name")->GetString(), bytes.view));
   EXPECT_EQ(block.Size(), static_cast<int>(bytes.view.size()));
@@ -255,7 +255,7 @@ TEST(ParseShared, HostsStringIsAsTheBytesCame) {
   EXPECT_EQ(*buffer, sample_bytes());
   EXPECT_EQ(block.GetParamas(), buffer);
   buffer->assign(buffer->size(), 'x');
-  expect_sample(block);
+  expect_shared_sample(block);
   EXPECT_FALSE(block.ToParams());
 }
 
@@ -264,7 +264,7 @@ TEST(ParseShared, PartOfAMessageCanBeTheBytes) {
   TolkParams block;
   const std::string_view part = std::string_view(*memory).substr(3, memory->size() - 6);
   EXPECT_TRUE(Access::parse_shared(block, {memory, part}));
-  expect_sample(block);
+  expect_shared_sample(block);
   EXPECT_EQ(memory->substr(0, 3) + memory->substr(memory->size() - 3), "xxxyyy");
   EXPECT_EQ(*block.GetParamas(), sample_bytes());
 }
@@ -278,7 +278,7 @@ TEST(ParseShared, BytesAreHeldAsLongAsAValueLooksIntoThem) {
   auto copy = std::make_unique<TolkParams>(*block);
   const TolkValue list(*block->GetValue(3));
   block.reset();
-  expect_sample(*copy);
+  expect_shared_sample(*copy);
   copy.reset();
   EXPECT_FALSE(watch.expired());
   EXPECT_STREQ(list.GetList()->at(0)->GetString(), long_text);
@@ -301,7 +301,7 @@ TEST(ParseShared, ChangesOfTheBlockLeaveTheValuesAlone) {
   TolkParams block;
   Access::parse_shared(block, received(sample_bytes()));
   block.AddInt(8);
-  expect_sample(block);
+  expect_shared_sample(block);
   EXPECT_EQ(block.Size(), static_cast<int>(sample_bytes().size()) + 9);
   ASSERT_TRUE(block.ToParams());
   EXPECT_EQ(block.ParamsSize(), 5);
@@ -312,7 +312,7 @@ TEST(ParseShared, CanBeSentOn) {
   Access::parse_shared(block, received(sample_bytes()));
   EXPECT_EQ(Access::share_bytes(block).view, sample_bytes());
   EXPECT_EQ(Access::bytes(block), sample_bytes());
-  expect_sample(block);
+  expect_shared_sample(block);
 }
 
 TEST(ParseShared, MalformedBytesKeepWhatCameBefore) {
@@ -335,7 +335,7 @@ TEST(ParseShared, IntoABlockWhoseStringTheHostHas) {
   std::string* const buffer = block.GetParamas();
   EXPECT_TRUE(Access::parse_shared(block, received(sample_bytes())));
   EXPECT_EQ(*buffer, sample_bytes());
-  expect_sample(block);
+  expect_shared_sample(block);
 }
 
 TEST(ParseShared, ParsedSharedMakesAContent) {
@@ -354,7 +354,7 @@ TEST(ParsedValues, StringOfTheHostIsNotWhatTheyLookInto) {
     ASSERT_TRUE(block.ToParams());
     EXPECT_EQ(*block.GetParamas(), sample_bytes());
     block.GetParamas()->assign(block.GetParamas()->size(), 'x');
-    expect_sample(block);
+    expect_shared_sample(block);
   }
 }
 
@@ -370,7 +370,7 @@ TEST(ParsedValues, HostsStringFollowsTheBlock) {
   EXPECT_EQ(buffer->size(), 9U);
   Access::parse_owned(block, sample_bytes());
   EXPECT_EQ(*buffer, bytes);
-  expect_sample(block);
+  expect_shared_sample(block);
 }
 
 TEST(ParsedValues, ArgumentsMayLieInThem) {
@@ -423,7 +423,7 @@ TEST(ParsedValues, CopyOfACopyOutlivesBoth) {
   TolkParams last(*copy);
   block.reset();
   copy.reset();
-  expect_sample(last);
+  expect_shared_sample(last);
   EXPECT_EQ(last.GetMapPtr()->size(), 2U);
   EXPECT_EQ(*last.GetParamas(), sample_bytes());
 }
