@@ -1,7 +1,6 @@
 #include "transport/peer_stream.h"
 
 #include <cstdint>
-#include <functional>
 #include <utility>
 
 #include "platform/guarded.h"
@@ -13,45 +12,6 @@ namespace {
 
 constexpr std::size_t kBulkBytes = std::size_t{1} << 20;
 constexpr int kSendBufferBytes = 1 << 20;
-
-// Where the reads of one loop thread put their bytes, one after the other. A large message that
-// fills a good part of it keeps it; the next read then gets another.
-class ReadBlock {
- public:
-  // Empty without memory.
-  std::span<char> get(std::size_t size) {
-    if (size_ < size) {
-      guarded([&] {
-        memory_ = std::make_shared_for_overwrite<char[]>(size);
-        size_ = size;
-      });
-    }
-    return {memory_.get(), size_};
-  }
-
-  // Makes `message` an owner of the block if it lies in it and is large.
-  void share_with(SharedBytes& message) {
-    if (message.view.size() < size_ / 2 || message.owner || !holds(message.view)) return;
-    message.owner = memory_;
-    is_shared_ = true;
-  }
-
-  void end_of_read() {
-    if (std::exchange(is_shared_, false)) *this = ReadBlock();
-  }
-
- private:
-  bool holds(std::string_view bytes) const {
-    const std::less_equal<const char*> before;
-    return before(memory_.get(), bytes.data()) && before(bytes.data(), memory_.get() + size_);
-  }
-
-  std::shared_ptr<char[]> memory_;
-  std::size_t size_ = 0;
-  bool is_shared_ = false;
-};
-
-thread_local ReadBlock read_block;
 
 // A call from the peer. A worker builds its reply, the loop thread writes it.
 class CallItem final : public WorkItem {
@@ -132,7 +92,7 @@ void PeerStream::allocBufferCb(uv_handle_t* handle, std::size_t suggested_bytes,
   auto* const self = static_cast<PeerStream*>(handle->data);
   self->owner_.check_loop_thread();
   std::span<char> place = self->room();
-  if (place.empty()) place = read_block.get(suggested_bytes);
+  if (place.empty()) place = self->owner_.read_block().get(suggested_bytes);
   buffer->base = place.data();
   buffer->len = static_cast<decltype(buffer->len)>(place.size());
 }
@@ -154,7 +114,7 @@ void PeerStream::on_read_cb(uv_stream_t* stream, ssize_t count, const uv_buf_t* 
   self->owner_.check_loop_thread();
   self->owner_.note_sign_of_life();
   self->on_read(count, buffer->base);
-  read_block.end_of_read();
+  self->owner_.read_block().end_of_read();
 }
 
 void PeerStream::on_read(ssize_t count, const char* bytes) {
@@ -182,7 +142,7 @@ void PeerStream::feed(std::string_view bytes) {
 
 void PeerStream::on_message(SharedBytes payload) {
   MessageSide& side = owner_.side();
-  read_block.share_with(payload);
+  owner_.read_block().share_with(payload);
   const Envelope envelope = Envelope::scan(payload.view);
   if (!envelope.well_formed && !side.accepts_malformed()) return;
   if (!envelope.name) return side.on_message_without_name();

@@ -22,6 +22,7 @@
 #include "transport/envelope.h"
 #include "transport/frame.h"
 #include "transport/frame_reader.h"
+#include "transport/read_block.h"
 #include "transport/stream_handle.h"
 #include "transport/thread_safety.h"
 #include "transport/work_item.h"
@@ -77,9 +78,13 @@ class StreamOwner : public std::enable_shared_from_this<StreamOwner> {
 
   // A peer has sent something. A loop that hears from peers may stay awake.
   void note_sign_of_life() TOLK_LOOP { heard_ = true; }
+  ReadBlock& read_block() TOLK_LOOP { return read_block_; }
 
  protected:
   bool heard_ TOLK_GUARDED_BY(loop_role) = false;
+
+ private:
+  ReadBlock read_block_ TOLK_GUARDED_BY(loop_role);
 };
 
 class PeerStream {
