@@ -2,27 +2,26 @@
 /// The C interface: clients, servers, and the blocks of values that they exchange.
 ///
 /// Rules that hold for all of it:
-/// - **Nothing is printed or thrown**, and no object affects another one. No lock is held while
-/// code
-///   of the host runs. Every function is safe on any thread. Two things are for one thread at a
-///   time: a block while somebody changes it, and the end of an object (free) against its other
-///   use.
+/// - **Nothing** is printed or thrown, and no object affects another one.
+/// - **Threads.** Every function is safe on any thread, and no lock is held while code of the host
+///   runs. A block is for one thread at a time while somebody changes it. From its free on, only
+///   the callbacks and requests of an object may use it. Its operations then fail with
+///   TOLK_CLOSED, also those that are under way on other threads.
 /// - **Owner.** What a function gives through a `**` parameter, or returns without `const`, is the
-///   caller's, who frees it with the `_free` of its type; null is allowed there. What is `const` is
-///   borrowed. A function that takes something over says so.
-/// - **Failure.** A function that can fail returns a status. Its last parameter, which may be null,
-///   receives an error object, or null after a success.
+///   caller's, who frees it with the `_free` of its type; null is allowed there. What is `const`
+///   is borrowed. A function that takes something over says so.
+/// - **Failure.** A function that can fail returns a status. Its last parameter, which may be
+///   null, receives an error object, or null after a success.
 /// - **Texts** end with a zero byte and are UTF-8 by convention; nobody checks that.
 /// - **Structs** have their own size as the first member, and zero in any other means the default:
 ///   `tolk_call call = {.size = sizeof call};`
 /// - **Limits** are in milliseconds and hold within 10 ms.
 /// - **Callbacks** run where their object says (see tolk_client_options::execute), inline ones on
 ///   the object's loop thread. They must not throw.
-/// - **Contexts.** A `free_context` is called once, whatever happened: after the last callback that
-///   gets the context has returned, or when the function that took it fails.
-/// - **Waiting.** A function that waits says so. In an inline callback of the same object it
-/// cannot:
-///   it fails at once with TOLK_MISUSE.
+/// - **Contexts.** A `free_context` is called once, whatever happened: after the last callback
+///   that gets the context has returned, or when the function that took it fails.
+/// - **Waiting.** A function that waits says so. In an inline callback, or the log, of the same
+///   object it does not wait for what the loop thread would do: it fails with TOLK_MISUSE.
 /// - **Fork.** In a child, objects of the parent are closed, and may be freed.
 #ifndef TOLK_C_H
 #define TOLK_C_H
@@ -392,7 +391,7 @@ typedef struct tolk_client_options {
   /// Runs all callbacks that are not inline, instead of the workers.
   tolk_execute execute;
   tolk_log log;
-  /// The server has ended the connection. Not called after a close or free of the host.
+  /// The server has ended the connection. Once; not after a close or free by the host.
   void (*on_gone)(void* context, tolk_client* client, const tolk_error* why);
   void* context;  ///< of the three
   tolk_release free_context;
@@ -431,8 +430,7 @@ TOLK_API tolk_status tolk_client_post(tolk_client* client, const char* method,
 /// callback of the client it does not wait. TOLK_TIMED_OUT: something was not written.
 TOLK_API tolk_status tolk_client_close(tolk_client* client, int32_t limit_ms);
 /// Closes at once and waits for callbacks that run, except when called in one: the rest then ends
-/// by itself. Every `done` that has not begun runs in here, with TOLK_CLOSED; handlers do not
-/// begin.
+/// by itself. Every `done` that has not begun runs in here; handlers do not begin.
 TOLK_API void tolk_client_free(tolk_client* client);
 
 // ----------------------------------------------------------------------------------------- Servers
@@ -448,7 +446,7 @@ typedef struct tolk_server_options {
   tolk_log log;
   /// A client has connected and can be called. Begins before any of its calls.
   void (*on_connect)(void* context, tolk_server* server, const tolk_peer* client);
-  /// It has gone. Begins after on_connect has returned.
+  /// It has gone, or the server ends. Once for each on_connect, after that has returned.
   void (*on_gone)(void* context, tolk_server* server, const tolk_peer* client);
   /// A client has stopped the server, or there was no memory to go on.
   void (*on_stopped)(void* context, tolk_server* server, const tolk_error* why);
