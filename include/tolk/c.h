@@ -40,9 +40,9 @@ extern "C" {
 /// No limit.
 #define TOLK_FOREVER (-1)
 /// Instead of a size: the text ends at its zero byte.
-#define TOLK_TO_ZERO ((size_t)-1)
+#define TOLK_TO_ZERO SIZE_MAX
 /// The index of a value that is not there.
-#define TOLK_NOWHERE ((size_t)-1)
+#define TOLK_NOWHERE SIZE_MAX
 
 typedef struct tolk_error tolk_error;      ///< why something failed
 typedef struct tolk_block tolk_block;      ///< values: the arguments or the result of a call
@@ -425,9 +425,10 @@ TOLK_API bool tolk_client_cancel(tolk_client* client, uint64_t call);
 TOLK_API tolk_status tolk_client_post(tolk_client* client, const char* method,
                                       const tolk_block* arguments, int32_t wait_ms,
                                       tolk_error** error);
-/// Begins nothing new, and waits, at most `limit_ms`, until handlers have returned and posts and
-/// answers are written. Then ends the connection: calls under way end with TOLK_CLOSED. In a
-/// callback of the client it does not wait. TOLK_TIMED_OUT: something was not written.
+/// Refuses new calls, in both directions, and waits, at most `limit_ms`, until handlers have
+/// returned and posts and answers are written. Then ends the connection: calls under way end with
+/// TOLK_CLOSED. In a callback of the client it does not wait. TOLK_TIMED_OUT: something was not
+/// written.
 TOLK_API tolk_status tolk_client_close(tolk_client* client, int32_t limit_ms);
 /// Closes at once and waits for callbacks that run, except when called in one: the rest then ends
 /// by itself. Every `done` that has not begun runs in here; handlers do not begin.
