@@ -60,14 +60,14 @@ TOLK_API const char* tolk_version(void);
 /// Releases a context.
 typedef void (*tolk_release)(void* context);
 
-// ---------------------------------------------------------------------------------------- Failures
+// ---- Failures ----------------------------------------------------------------------------------
 
 /// What became of an operation. The numbers stay; later versions may add some.
 typedef enum tolk_status {
   TOLK_OK = 0,
   TOLK_TIMED_OUT = 1,         ///< no answer within the limit; the method may still run
   TOLK_CANCELLED = 2,         ///< tolk_client_cancel, a progress callback, or the peer
-  TOLK_GONE = 3,              ///< the peer has ended the connection; the method may have run
+  TOLK_GONE = 3,              ///< the peer has ended the connection, or is closing
   TOLK_CLOSED = 4,            ///< this end is closed
   TOLK_NOT_CONNECTED = 5,     ///< nobody listens there, or there is no such client
   TOLK_REFUSED = 6,           ///< the peer has another version, or is another user
@@ -113,7 +113,7 @@ TOLK_API const tolk_block* tolk_error_details(const tolk_error* error);
 TOLK_API tolk_error* tolk_error_copy(const tolk_error* error);
 TOLK_API void tolk_error_free(tolk_error* error);
 
-// ------------------------------------------------------------------------------------------ Blocks
+// ---- Blocks ------------------------------------------------------------------------------------
 
 /// The kinds of values.
 typedef enum tolk_kind {
@@ -206,15 +206,16 @@ TOLK_API const void* tolk_block_encode(tolk_block* block, size_t* size);
 TOLK_API tolk_status tolk_block_parse(const void* bytes, size_t size, tolk_block** block,
                                       size_t* wrong_at, tolk_error** error);
 
-// -------------------------------------------------------------------------------------- Large data
+// ---- Large data --------------------------------------------------------------------------------
 
 // The data of a transfer travel in pieces beside the arguments or the result. They are not in
-// memory as a whole at an end that uses a file or a callback, and may be larger than a block.
+// memory as a whole at an end that uses a file or a callback, and may be larger than a block. The
+// callbacks of a transfer run as others do, never inline, one at a time.
 
 /// Reads the next bytes, at most `capacity`, and returns how many. 0 ends the transfer with
-/// TOLK_FILE. One call at a time.
+/// TOLK_FILE.
 typedef size_t (*tolk_read)(void* context, void* to, size_t capacity);
-/// Takes the next bytes. False ends the transfer with TOLK_FILE. One call at a time.
+/// Takes the next bytes. False ends the transfer with TOLK_FILE.
 typedef bool (*tolk_write)(void* context, const void* bytes, size_t size);
 /// False cancels the transfer. Called before the first byte, and then as the receiver confirms.
 typedef bool (*tolk_progress)(void* context, uint64_t done, uint64_t total);
@@ -237,16 +238,14 @@ TOLK_API tolk_sink* tolk_sink_callback(tolk_write write, void* context, tolk_rel
 /// For a sink that no function has taken.
 TOLK_API void tolk_sink_free(tolk_sink* sink);
 
-// ----------------------------------------------------------------------------------- Calls to
-// peers
+// ---- Calls to peers ----------------------------------------------------------------------------
 
 /// Bits of `flags`.
 enum {
   /// The callback runs on the loop thread: quickest, for code that never waits.
   TOLK_INLINE = 1,
-  /// Calls of methods with this bit begin in order of arrival, for each peer one at a time: the
-  /// next
-  /// when the handler has returned and the request is answered.
+  /// Methods with this bit take the calls of a peer in order of arrival, one at a time: the next
+  /// begins when the handler has returned and the request is answered.
   TOLK_ORDERED = 2
 };
 
@@ -277,17 +276,16 @@ typedef struct tolk_call {
   unsigned flags;               ///< TOLK_INLINE: where `done` runs
   tolk_done done;               ///< null: the outcome is kept until the wait for it
   void* context;                ///< of `done` and `progress`
-  /// Data that go along, and where data of the answer go. Taken, whatever happens. A handler
-  /// without a sink has the data as its first argument, a caller without one as the first value of
-  /// the result. A peer that does not know pieces gets the data like that in one message, up to 2
-  /// GB.
+  /// Data that go along, and where data of the answer go. Taken, whatever happens. Without a sink,
+  /// a handler has the data as its first argument, and a caller as the first value of the result.
+  /// A peer that does not know pieces gets the data like that, in one message of 2 GB at most.
   tolk_source* source;
   tolk_sink* sink;
   tolk_progress progress;  ///< of both; runs as `done` without flags would
   int32_t piece_limit_ms;  ///< how long a piece may take; 0: the usual limit
 } tolk_call;
 
-// --------------------------------------------------------------------------------- Calls of peers
+// ---- Calls of peers ----------------------------------------------------------------------------
 
 /// Who is at the other end.
 typedef struct tolk_peer {
@@ -336,8 +334,7 @@ TOLK_API const tolk_block* tolk_request_arguments(const tolk_request* request);
 TOLK_API const char* tolk_request_method(const tolk_request* request);
 TOLK_API const tolk_peer* tolk_request_peer(const tolk_request* request);
 /// The object that was called, to call the peer back; the other one of the two is null. After its
-/// end, calls with it fail with TOLK_CLOSED. Not to be freed by this pointer unless it is the
-/// host's.
+/// end, calls with it fail with TOLK_CLOSED.
 TOLK_API tolk_client* tolk_request_client(const tolk_request* request);
 TOLK_API tolk_server* tolk_request_server(const tolk_request* request);
 /// The milliseconds that the caller still waits, 0 at the end; TOLK_FOREVER if it has not said so.
@@ -358,8 +355,7 @@ TOLK_API void tolk_request_fail(tolk_request* request, tolk_status status, int32
 /// Drops the request: the caller gets TOLK_UNANSWERED.
 TOLK_API void tolk_request_free(tolk_request* request);
 
-// ------------------------------------------------------------------------- Where callbacks run,
-// log
+// ---- Where callbacks run, and the log ----------------------------------------------------------
 
 /// Runs a task, or nothing if its object has ended it already. Frees it. Every task that `execute`
 /// got must be run once; one that is not keeps its object's memory, and an ordered method waiting.
@@ -374,7 +370,7 @@ typedef enum tolk_level { TOLK_DEBUG = 0, TOLK_INFO = 1, TOLK_WARNING = 2 } tolk
 /// Takes one line, on the thread where something happened. It must not wait.
 typedef void (*tolk_log)(void* context, tolk_level level, const char* text);
 
-// ----------------------------------------------------------------------------------------- Clients
+// ---- Clients -----------------------------------------------------------------------------------
 
 // An address is a text: "pipe:5000" or "pipe:editor"; "tcp4:127.0.0.1:5000", "tcp6:[::1]:5000",
 // "tcp4:localhost:5000". A number alone is a pipe.
@@ -397,6 +393,7 @@ typedef struct tolk_client_options {
   tolk_release free_context;
   size_t most_queued_bytes;  ///< of posts that are not yet written; 0: 64 MiB
   size_t most_frame_bytes;   ///< of one message received; 0: 2,147,483,643, the most
+  size_t most_data_bytes;    ///< of data that come without a sink; 0: 2,147,483,643
   unsigned most_requests;    ///< under way at a time, others fail with TOLK_BUSY; 0: 10,000
 } tolk_client_options;
 
@@ -434,7 +431,7 @@ TOLK_API tolk_status tolk_client_close(tolk_client* client, int32_t limit_ms);
 /// by itself. Every `done` that has not begun runs in here; handlers do not begin.
 TOLK_API void tolk_client_free(tolk_client* client);
 
-// ----------------------------------------------------------------------------------------- Servers
+// ---- Servers -----------------------------------------------------------------------------------
 
 /// What a server may be told. Everything may be zero. Members of the same name as a client's mean
 /// the same.
@@ -454,13 +451,14 @@ typedef struct tolk_server_options {
   void* context;  ///< of the five
   tolk_release free_context;
   bool clients_may_stop;  ///< obey a client's "s_c_close_server"
-  // Quotas. A client above one of the next three is not read from until it is below.
+  // Quotas. A client above one of the first two is not read from until it is below.
   size_t most_client_bytes;       ///< arguments of its requests, and unwritten answers; 0: 64 MiB
   unsigned most_client_requests;  ///< under way; 0: 1,000
-  size_t most_queued_bytes;       ///< of posts to one client; for this one posts wait, not reads
+  size_t most_queued_bytes;       ///< of posts to one client; above it posts wait
   size_t most_frame_bytes;        ///< a client that sends more is disconnected
-  unsigned most_clients;          ///< others are disconnected at once; 0: as many as the system has
-  int32_t hello_limit_ms;         ///< for a client's first message; 0: 60,000
+  size_t most_data_bytes;
+  unsigned most_clients;   ///< others are disconnected at once; 0: as many as the system has
+  int32_t hello_limit_ms;  ///< for a client's first message; 0: 60,000
 } tolk_server_options;
 
 /// Listens. Port 0 lets the system choose, and "fd:3" is a listening socket that the process
