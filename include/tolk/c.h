@@ -11,7 +11,8 @@
 ///   caller's, who frees it with the `_free` of its type; null is allowed there. What is `const`
 ///   is borrowed. A function that takes something over says so.
 /// - **Failure.** A function that can fail returns a status. Its last parameter, which may be
-///   null, receives an error object, or null after a success.
+///   null, receives an error object, or null after a success. What it gives by other `**`
+///   parameters is null after a failure.
 /// - **Texts** end with a zero byte and are UTF-8 by convention; nobody checks that.
 /// - **Structs** have their own size as the first member, and zero in any other means the default:
 ///   `tolk_call call = {.size = sizeof call};`
@@ -337,7 +338,8 @@ TOLK_API const tolk_peer* tolk_request_peer(const tolk_request* request);
 /// end, calls with it fail with TOLK_CLOSED.
 TOLK_API tolk_client* tolk_request_client(const tolk_request* request);
 TOLK_API tolk_server* tolk_request_server(const tolk_request* request);
-/// The milliseconds that the caller still waits, 0 at the end; TOLK_FOREVER if it has not said so.
+/// The milliseconds that the caller still waits, at least 1, or TOLK_FOREVER if it has not said so:
+/// a limit for calls that serve the request.
 TOLK_API int32_t tolk_request_limit_left(const tolk_request* request);
 /// TOLK_OK while the caller waits, or a posted call's peer is there. Otherwise TOLK_CANCELLED,
 /// TOLK_TIMED_OUT, TOLK_GONE or TOLK_CLOSED: the answer is not needed any more.
