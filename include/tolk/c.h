@@ -493,6 +493,7 @@ TOLK_API tolk_status tolk_server_post(tolk_server* server, uint64_t client, cons
 TOLK_API tolk_status tolk_server_close(tolk_server* server, int32_t limit_ms);
 /// Waits until the server is closed, by whomever, at most `limit_ms`, or TOLK_FOREVER.
 TOLK_API tolk_status tolk_server_wait_closed(tolk_server* server, int32_t limit_ms);
+/// As tolk_client_free. Every on_gone that has not begun runs in here too.
 TOLK_API void tolk_server_free(tolk_server* server);
 
 #ifdef __cplusplus
