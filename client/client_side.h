@@ -18,13 +18,14 @@
 #include "sessions/client_session.h"
 #include "transport/logger.h"
 #include "transport/method_registry.h"
+#include "transport/plain_receiver.h"
 #include "transport/result_table.h"
 #include "transport/sweep_timer.h"
 #include "transport/thread_safety.h"
 
 namespace tolk {
 
-class ClientSide final : public ClientEvents {
+class ClientSide final : public ClientEvents, private PlainReceiver {
  public:
   ClientSide();  // register_builtins comes next, once there is a first reference
   void register_builtins();
@@ -75,6 +76,9 @@ class ClientSide final : public ClientEvents {
                   const std::function<void()>& all_read);
 
   // Messages (receive.cpp).
+  void on_message(PeerStream& stream, SharedBytes payload) TOLK_LOOP override {
+    receive(stream, payload);
+  }
   bool accepts_malformed() const override { return false; }
   void on_message_without_name() TOLK_LOOP override;
   void on_reply(const Envelope& envelope, const SharedBytes& payload) TOLK_LOOP override;

@@ -17,13 +17,14 @@
 #include "sessions/server_session.h"
 #include "transport/logger.h"
 #include "transport/method_registry.h"
+#include "transport/plain_receiver.h"
 #include "transport/result_table.h"
 #include "transport/sweep_timer.h"
 #include "transport/thread_safety.h"
 
 namespace tolk {
 
-class ServerSide final : public ServerEvents {
+class ServerSide final : public ServerEvents, private PlainReceiver {
  public:
   ServerSide();  // register_builtins comes next, once there is a first reference
   void register_builtins();
@@ -69,6 +70,9 @@ class ServerSide final : public ServerEvents {
   void log_disconnected();
 
   // Messages (receive.cpp).
+  void on_message(PeerStream& stream, SharedBytes payload) TOLK_LOOP override {
+    receive(stream, payload);
+  }
   bool accepts_malformed() const override { return true; }
   void on_message_without_name() TOLK_LOOP override;
   void on_reply(const Envelope& envelope, const SharedBytes& payload) TOLK_LOOP override;

@@ -7,7 +7,6 @@
 #include "platform/guarded.h"
 #include "platform/text.h"
 #include "platform/thread.h"
-#include "transport/envelope.h"
 #include "transport/pause_point.h"
 #include "transport/staying_awake.h"
 

@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "sessions/session.h"
+#include "transport/envelope.h"
 #include "transport/result_table.h"
 #include "transport/wait_list.h"
 

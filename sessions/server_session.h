@@ -30,6 +30,8 @@ class ServerSession final : public Session {
   bool listen() TOLK_LOOP;
   void serve() TOLK_LOOP;
   bool is_tcp() const { return where_.is_tcp(); }
+  // TCP only: with the port that the system chose for port 0.
+  const sockaddr_storage& bound_address() const TOLK_LOOP { return bound_address_; }
 
   ServerEvents& side() override { return side_; }
   bool deliver(int peer, Frame frame) TOLK_LOOP override;

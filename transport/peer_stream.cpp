@@ -5,7 +5,6 @@
 
 #include "platform/guarded.h"
 #include "transport/frame_writer.h"
-#include "transport/pause_point.h"
 
 namespace tolk {
 namespace {
@@ -13,44 +12,7 @@ namespace {
 constexpr std::size_t kBulkBytes = std::size_t{1} << 20;
 constexpr int kSendBufferBytes = 1 << 20;
 
-// A call from the peer. A worker builds its reply, the loop thread writes it.
-class CallItem final : public WorkItem {
- public:
-  CallItem(PeerStream& stream, const Envelope& envelope, const std::shared_ptr<const void>& owner)
-      : side_(stream.owner().side().shared_from_this()),
-        owner_(stream.owner().shared_from_this()),
-        stream_(stream),
-        call_(envelope, owner) {}
-
- private:
-  void work() TOLK_WORKER override {
-    if (!owner_->begins_calls()) return;
-    TOLK_PAUSE_POINT("worker.before_handler");
-    reply_ = side_->answer(stream_.id(), call_);
-    TOLK_PAUSE_POINT("worker.answered");
-  }
-
-  void end() TOLK_LOOP override {
-    owner_->check_loop_thread();
-    if (reply_) stream_.write_reply(std::move(*reply_));
-  }
-
-  void fail() TOLK_LOOP override { stream_.end_unanswered(); }
-
-  const std::shared_ptr<MessageSide> side_;  // outlives the session
-  const std::shared_ptr<StreamOwner> owner_;
-  PeerStream& stream_;  // the session's
-  IncomingCall call_;
-  std::optional<Frame> reply_;
-};
-
 }  // namespace
-
-IncomingCall::IncomingCall(const Envelope& envelope, const std::shared_ptr<const void>& owner)
-    : name(envelope.name.value_or("")), call_id(envelope.call_id), token(envelope.token) {
-  if (!envelope.arguments) return;
-  arguments = owner ? SharedBytes{owner, *envelope.arguments} : copy_of(*envelope.arguments);
-}
 
 int PeerStream::id() const {
   return static_cast<int>(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&handle_)));
@@ -131,24 +93,14 @@ void PeerStream::feed(std::string_view bytes) {
     enter_loop();
     reader_->feed(bytes, [this](SharedBytes payload) {
       enter_loop();
-      on_message(std::move(payload));
+      owner_.read_block().share_with(payload);
+      owner_.side().on_message(*this, std::move(payload));
       return owner_.takes_messages();
     });
     intact = true;
   });
   // There was no memory for what came.
   if (!intact && owner_.takes_messages()) owner_.on_stream_end(*this, UV_ENOMEM);
-}
-
-void PeerStream::on_message(SharedBytes payload) {
-  MessageSide& side = owner_.side();
-  owner_.read_block().share_with(payload);
-  const Envelope envelope = Envelope::scan(payload.view);
-  if (!envelope.well_formed && !side.accepts_malformed()) return;
-  if (!envelope.name) return side.on_message_without_name();
-  if (envelope.is_reply()) return side.on_reply(envelope, payload);
-  if (side.answers_on_loop(*this, envelope)) return;
-  owner_.begin_work(std::make_unique<CallItem>(*this, envelope, payload.owner));
 }
 
 }  // namespace tolk

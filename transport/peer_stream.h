@@ -1,8 +1,8 @@
 // One connected stream: a client has one, a server one for each connection.
 //
-// It reads, cuts the bytes into frames, tells replies from calls, lets workers run the calls and
-// writes frames. What differs between a client and a server, and between one kind of side and
-// another, is asked of two interfaces: the session that owns the stream and the side above it.
+// It reads, cuts the bytes into frames, gives these to the side, and writes frames. What differs
+// between a client and a server, and between one kind of side and another, is asked of two
+// interfaces: the session that owns the stream and the side above it.
 //
 // Thread: the loop thread, except id(), which any thread may call.
 // Owner: the session, which keeps the storage until its loop is closed.
@@ -13,13 +13,11 @@
 #include <uv.h>
 
 #include <memory>
-#include <optional>
 #include <span>
-#include <string>
 #include <string_view>
+#include <utility>
 
 #include "params/shared_bytes.h"
-#include "transport/envelope.h"
 #include "transport/frame.h"
 #include "transport/frame_reader.h"
 #include "transport/read_block.h"
@@ -31,15 +29,9 @@ namespace tolk {
 
 class PeerStream;
 
-// A call that the peer made, taken out of its frame: what a worker needs to answer it.
-struct IncomingCall {
-  // `owner`: of the message that the envelope was read from; without one its bytes are copied.
-  IncomingCall(const Envelope& envelope, const std::shared_ptr<const void>& owner);
-
-  std::string name;
-  std::optional<SharedBytes> arguments;  // encoded
-  std::optional<int> call_id;
-  std::optional<std::string> token;
+// What a side keeps with a stream of its own.
+struct StreamUser {
+  virtual ~StreamUser() = default;
 };
 
 // What a side does with the messages of its peers.
@@ -47,14 +39,7 @@ class MessageSide : public std::enable_shared_from_this<MessageSide> {
  public:
   virtual ~MessageSide() = default;
 
-  // Whether a message counts up to its first malformed record.
-  virtual bool accepts_malformed() const = 0;
-  virtual void on_message_without_name() TOLK_LOOP = 0;
-  virtual void on_reply(const Envelope& envelope, const SharedBytes& payload) TOLK_LOOP = 0;
-  // True when the side has answered the call on the loop thread. Otherwise a worker runs it.
-  virtual bool answers_on_loop(PeerStream&, const Envelope&) TOLK_LOOP { return false; }
-  // Runs the call and builds the reply. None: the call is dropped.
-  virtual std::optional<Frame> answer(int peer, IncomingCall& call) TOLK_WORKER = 0;
+  virtual void on_message(PeerStream& stream, SharedBytes payload) TOLK_LOOP = 0;
   virtual void on_reply_refused() TOLK_LOOP {}
 };
 
@@ -95,6 +80,8 @@ class PeerStream {
 
   int init(bool is_tcp) TOLK_LOOP { return handle_.init(owner_.loop(), is_tcp, this); }
   int start_reading() TOLK_LOOP;
+  // What the system has already given is still handed on. start_reading goes on.
+  void stop_reading() TOLK_LOOP { uv_read_stop(&handle_.stream); }
   // After "write error", a negative status.
   int write(Frame frame) TOLK_LOOP;
   void write_reply(Frame reply) TOLK_LOOP;
@@ -115,6 +102,9 @@ class PeerStream {
   bool has_read() const TOLK_LOOP { return has_read_; }
   StreamHandle& handle() TOLK_LOOP { return handle_; }
   StreamOwner& owner() { return owner_; }
+  // The side's; a stream only keeps it.
+  const std::shared_ptr<StreamUser>& user() const TOLK_LOOP { return user_; }
+  void set_user(std::shared_ptr<StreamUser> user) TOLK_LOOP { user_ = std::move(user); }
 
  private:
   static void on_read_cb(uv_stream_t* stream, ssize_t count, const uv_buf_t* buffer);
@@ -123,13 +113,13 @@ class PeerStream {
   static void allocBufferCb(uv_handle_t* handle, std::size_t suggested_bytes, uv_buf_t* buffer);
   std::span<char> room() TOLK_LOOP;
   void feed(std::string_view bytes) TOLK_LOOP;
-  void on_message(SharedBytes payload) TOLK_LOOP;
   void widen_send_buffer() TOLK_LOOP;
 
   StreamOwner& owner_;
   StreamHandle handle_;
   uv_shutdown_t shutdown_{};
   std::unique_ptr<FrameReader> reader_;
+  std::shared_ptr<StreamUser> user_;
   bool has_read_ = false;
   bool muted_ = false;
   bool is_wide_ = false;

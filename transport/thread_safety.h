@@ -75,6 +75,13 @@ class Guarded {
     bool wait_for(std::condition_variable& changed, Duration limit, Done done) {
       return changed.wait_for(lock_, limit, [&] { return done(value_); });
     }
+    template <class Done>
+    void wait(std::condition_variable& changed, Done done) {
+      changed.wait(lock_, [&] { return done(value_); });
+    }
+    // In between, others may use the value.
+    void unlock() { lock_.unlock(); }
+    void relock() { lock_.lock(); }
 
    private:
     std::unique_lock<std::mutex> lock_;

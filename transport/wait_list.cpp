@@ -1,20 +1,13 @@
 #include "transport/wait_list.h"
 
-#include <atomic>
-
 #include "platform/never_destroyed.h"
 #include "transport/pause_point.h"
 #include "transport/process_exit.h"
 #include "transport/system_calls.h"
+#include "transport/token.h"
 
 namespace tolk {
 namespace {
-
-// Odd steps from an odd base: a token is never 0 and is unlike the small numbers that hosts use.
-std::uint64_t next_token() {
-  static std::atomic<std::uint64_t> counter{uv_hrtime() | 1};
-  return counter.fetch_add(2, std::memory_order_relaxed);
-}
 
 const AtProcessExit wake_handlers_at_exit([] {
   client_waits().wake_handlers();

@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "sessions/session.h"
@@ -15,10 +14,7 @@ namespace tolk::test {
 
 class QuietSide final : public MessageSide {
  public:
-  bool accepts_malformed() const override { return false; }
-  void on_message_without_name() TOLK_LOOP override {}
-  void on_reply(const Envelope&, const SharedBytes&) TOLK_LOOP override {}
-  std::optional<Frame> answer(int, IncomingCall&) TOLK_WORKER override { return std::nullopt; }
+  void on_message(PeerStream&, SharedBytes) TOLK_LOOP override {}
 };
 
 class TestSession final : public Session {

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "transport/plain_receiver.h"
 #include "transport/work_queue.h"
 
 namespace {
@@ -33,10 +34,13 @@ using Events = std::vector<std::string>;
 Frame call() { return tolk::call_frame("m", 7, std::nullopt, std::nullopt); }
 Frame reply() { return tolk::server_reply_frame("", 7, std::nullopt); }
 
-class Side final : public tolk::MessageSide {
+class Side final : public tolk::MessageSide, private tolk::PlainReceiver {
  public:
   explicit Side(Events& log) : log_(log) {}
 
+  void on_message(PeerStream& stream, tolk::SharedBytes payload) TOLK_LOOP override {
+    receive(stream, payload);
+  }
   bool accepts_malformed() const override { return malformed_counts; }
   void on_message_without_name() TOLK_LOOP override { log_.emplace_back("no name"); }
   void on_reply(const Envelope& envelope, const tolk::SharedBytes&) TOLK_LOOP override {

@@ -1,0 +1,173 @@
+#include "capi/call_table.h"
+
+#include <chrono>
+#include <utility>
+
+#include "capi/messages.h"
+#include "transport/staying_awake.h"
+
+namespace tolk {
+namespace {
+
+constexpr std::chrono::microseconds kStayAwake{50};
+
+std::chrono::nanoseconds until(std::uint64_t deadline) {
+  const std::uint64_t now = uv_hrtime();
+  return std::chrono::nanoseconds(deadline > now ? deadline - now : 0);
+}
+
+}  // namespace
+
+Outcome Outcome::of(Failure failure) {
+  Outcome outcome;
+  outcome.status = failure.status;
+  if (failure.status != TOLK_OK) outcome.error = ErrorRef(new_error(std::move(failure)));
+  return outcome;
+}
+
+void CallRecord::run_claimed() {
+  tolk_outcome shown{};
+  shown.size = sizeof shown;
+  shown.status = outcome.status;
+  shown.result = outcome.status == TOLK_OK ? outcome.result.get() : nullptr;
+  shown.error = outcome.error.get();
+  shown.call = group ? group->number : number;
+  shown.client = peer;
+  shown.left = group ? group->left.fetch_sub(1) - 1 : 0;
+  done(context, &shown);
+  outcome = {};
+}
+
+bool CallTable::add(const std::shared_ptr<CallRecord>& record) {
+  const auto shard = shard_of(record->number).lock();
+  if (shard->closed) return false;
+  shard->records.emplace(record->number, record);
+  return true;
+}
+
+void CallTable::add_finished(const std::shared_ptr<CallRecord>& record, Outcome outcome) {
+  if (record->done != nullptr) return settle(record, std::move(outcome), Callbacks::When::later);
+  record->outcome = std::move(outcome);
+  record->taken = true;
+  record->finished = true;
+  shard_of(record->number).lock()->records.emplace(record->number, record);
+}
+
+std::shared_ptr<CallRecord> CallTable::take(std::uint64_t number) {
+  const auto shard = shard_of(number).lock();
+  const auto at = shard->records.find(number);
+  if (at == shard->records.end() || at->second->taken) return nullptr;
+  std::shared_ptr<CallRecord> record = at->second;
+  record->taken = true;
+  if (record->done != nullptr) shard->records.erase(at);
+  return record;
+}
+
+// The record is this thread's.
+void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcome,
+                       Callbacks::When when) {
+  record->outcome = std::move(outcome);
+  if (record->done != nullptr) return callbacks_.dispatch(record, when);
+  const auto shard = shard_of(record->number).lock();
+  record->finished = true;
+  record->ended.notify_all();
+}
+
+bool CallTable::complete(std::uint64_t number, const MakeOutcome& make, Callbacks::When when) {
+  const auto record = take(number);
+  if (!record) return false;
+  settle(record, make(*record), when);
+  return true;
+}
+
+bool CallTable::complete_of(std::uint64_t peer, std::uint64_t number, const MakeOutcome& make) {
+  {
+    const auto shard = shard_of(number).lock();
+    const auto at = shard->records.find(number);
+    if (at == shard->records.end() || at->second->peer != peer) return false;
+  }
+  return complete(number, make, Callbacks::When::now);
+}
+
+std::uint64_t CallTable::find_by_call_id(std::uint64_t peer, int call_id) {
+  for (const auto& guarded_shard : shards_) {
+    const auto shard = guarded_shard.lock();
+    for (const auto& [number, record] : shard->records) {
+      if (record->peer == peer && call_id_of(number) == call_id) return number;
+    }
+  }
+  return 0;
+}
+
+template <class Matches>
+void CallTable::complete_where(const Matches& matches, const MakeOutcome& make, bool close) {
+  for (const auto& guarded_shard : shards_) {
+    std::uint64_t number = 0;
+    do {
+      number = 0;
+      {
+        const auto shard = guarded_shard.lock();
+        shard->closed = shard->closed || close;
+        for (const auto& [each, record] : shard->records) {
+          if (!record->taken && matches(*record)) number = each;
+        }
+      }
+      if (number != 0) complete(number, make, Callbacks::When::now);
+    } while (number != 0);
+  }
+}
+
+void CallTable::complete_all_of(std::uint64_t peer, const MakeOutcome& make) {
+  complete_where([&](const CallRecord& record) { return record.peer == peer; }, make, false);
+}
+
+void CallTable::close(const MakeOutcome& make) {
+  complete_where([](const CallRecord&) { return true; }, make, true);
+}
+
+void CallTable::forget() {
+  for (const auto& guarded_shard : shards_) {
+    Records old;
+    {
+      const auto shard = guarded_shard.lock();
+      old.swap(shard->records);
+    }
+  }
+}
+
+bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_out,
+                     Outcome* outcome) {
+  thread_local WaitScore waits{kStayAwake};
+  const WorkerPool::Blocked others_may_run;
+  auto shard = shard_of(number).lock();
+  const auto at = shard->records.find(number);
+  if (at == shard->records.end() || at->second->done != nullptr || at->second->awaited)
+    return false;
+  const std::shared_ptr<CallRecord> record = at->second;
+  if (wait == Wait::finished_only && !record->finished) return false;
+  record->awaited = true;
+  const auto finished = [&](const Shard&) { return record->finished; };
+  const Instant begin = instant_now();
+  while (!record->finished && waits.pays(instant_now()) && instant_now() - begin < kStayAwake) {
+    shard.unlock();
+    let_others_run();
+    shard.relock();
+  }
+  if (record->deadline == UINT64_MAX) {
+    shard.wait(record->ended, finished);
+  } else {
+    shard.wait_for(record->ended, until(record->deadline), finished);
+  }
+  const Instant end = instant_now();
+  waits.waited(end - begin, end);
+  if (!std::exchange(record->taken, true)) {
+    record->outcome = timed_out(*record);
+  } else {
+    shard.wait(record->ended, finished);  // somebody is making the outcome
+  }
+  *outcome = std::move(record->outcome);
+  shard->records.erase(number);
+  return true;
+}
+
+}  // namespace tolk

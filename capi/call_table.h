@@ -1,0 +1,116 @@
+// The calls of one object that wait for their outcome, and the only place where they get it.
+//
+// Whoever takes a call's record off the table completes the call; all others find nothing. A call
+// with a callback then becomes a task. Another one keeps its outcome here until the wait for it.
+//
+// Thread: any. Owner: the object; a thread that waits holds its record too. No lock is held while a
+// callback is dispatched.
+// Failure: std::bad_alloc from add, before the call is in the table. Completing needs no memory.
+#pragma once
+
+#include <tolk/c.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "capi/block.h"
+#include "capi/callbacks.h"
+#include "capi/error.h"
+#include "transport/thread_safety.h"
+
+namespace tolk {
+
+struct Outcome {
+  tolk_status status = TOLK_OK;
+  std::unique_ptr<tolk_block> result;
+  ErrorRef error;
+
+  static Outcome of(Failure failure);
+};
+
+// Calls that were started as one, for all clients of a server.
+struct CallGroup {
+  std::uint64_t number = 0;
+  std::atomic<std::size_t> left{0};
+  std::vector<std::uint64_t> calls;
+};
+
+struct CallRecord final : tolk_task {
+  CallRecord(bool runs_inline) : tolk_task(Kind::outcome, runs_inline) {}
+
+  std::uint64_t number = 0;
+  std::uint64_t peer = 0;
+  std::string method;
+  std::uint64_t deadline = UINT64_MAX;  // of uv_hrtime
+  tolk_done done = nullptr;
+  void* context = nullptr;
+  std::shared_ptr<CallGroup> group;
+  Outcome outcome;
+
+  // Under the lock of the table, for a call without `done`.
+  bool taken = false;  // somebody makes its outcome
+  bool finished = false;
+  bool awaited = false;
+  std::condition_variable ended;
+
+ private:
+  void run_claimed() override;
+};
+
+class CallTable {
+ public:
+  explicit CallTable(Callbacks& callbacks) : callbacks_(callbacks) {}
+
+  // False: the table is closed.
+  bool add(const std::shared_ptr<CallRecord>& record);
+  // For a call that is refused: its outcome is there, as if it had been in the table.
+  void add_finished(const std::shared_ptr<CallRecord>& record, Outcome outcome);
+
+  // Makes the outcome of a call.
+  using MakeOutcome = std::function<Outcome(const CallRecord&)>;
+
+  // False: there is no such call, or it has an outcome.
+  bool complete(std::uint64_t number, const MakeOutcome& make, Callbacks::When when);
+  // The same if the call is one to this peer.
+  bool complete_of(std::uint64_t peer, std::uint64_t number, const MakeOutcome& make);
+  // The call to this peer that has this call id; 0 without one.
+  std::uint64_t find_by_call_id(std::uint64_t peer, int call_id);
+  void complete_all_of(std::uint64_t peer, const MakeOutcome& make);
+  // Completes all, and refuses what comes.
+  void close(const MakeOutcome& make);
+  // Nobody waits for an outcome any more.
+  void forget();
+
+  enum class Wait { allowed, finished_only };
+  // Waits for the outcome and takes it. False: there is no such call to wait for.
+  bool wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_out, Outcome* outcome);
+
+ private:
+  using Records = std::unordered_map<std::uint64_t, std::shared_ptr<CallRecord>>;
+  struct Shard {
+    Records records;
+    bool closed = false;
+  };
+  static constexpr std::size_t kShards = 16;
+
+  const Guarded<Shard>& shard_of(std::uint64_t number) const {
+    return shards_[number / 2 % kShards];  // numbers are odd
+  }
+  // Null: there is no such call, or somebody has taken it.
+  std::shared_ptr<CallRecord> take(std::uint64_t number);
+  void settle(const std::shared_ptr<CallRecord>& record, Outcome outcome, Callbacks::When when);
+  template <class Matches>
+  void complete_where(const Matches& matches, const MakeOutcome& make, bool close);
+
+  Callbacks& callbacks_;
+  std::array<Guarded<Shard>, kShards> shards_;
+};
+
+}  // namespace tolk

@@ -1,0 +1,157 @@
+// What a client and a server of the C interface have in common: calls to peers, calls of peers, and
+// the end.
+//
+// Thread: any, but where TOLK_LOOP says otherwise. No host code runs under a lock.
+// Owner: the host's handle, the loop thread, every operation under way, every task and every open
+// request. Failure: std::bad_alloc, caught by the exported functions.
+#pragma once
+
+#include <tolk/c.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "capi/call_table.h"
+#include "capi/callbacks.h"
+#include "capi/context.h"
+#include "capi/deadlines.h"
+#include "capi/messages.h"
+#include "capi/methods.h"
+#include "capi/peer.h"
+#include "sessions/session.h"
+
+namespace tolk {
+
+struct CoreSettings {
+  std::shared_ptr<MethodTable> methods;  // may be null
+  std::int32_t limit_ms = 0;
+  unsigned workers = 0;
+  tolk_execute execute = nullptr;
+  tolk_log log = nullptr;
+  Context context;
+  std::size_t most_queued_bytes = 0;
+  std::size_t most_requests = 0;  // under way for the whole object
+};
+
+class Core {
+ public:
+  Core(Side role, std::string address, CoreSettings settings);
+  virtual ~Core();
+  Core(const Core&) = delete;
+  Core& operator=(const Core&) = delete;
+
+  virtual std::shared_ptr<Core> shared() = 0;
+  virtual tolk_client* client_handle() { return nullptr; }
+  virtual tolk_server* server_handle() { return nullptr; }
+  Side role() const { return role_; }
+  const std::string& address() const { return address_; }
+  Callbacks& callbacks() { return callbacks_; }
+  bool is_closed() const { return state_ == State::closed; }
+  bool of_this_process() const;
+
+  // In core_calls.cpp: calls to peers.
+  tolk_status call(const tolk_call& call, tolk_block** result, tolk_error** error);
+  std::uint64_t start(const tolk_call& given);
+  tolk_status wait(std::uint64_t number, tolk_block** result, tolk_error** error);
+  bool cancel(std::uint64_t number);
+  tolk_status post(std::uint64_t peer, const char* method, const tolk_block* arguments,
+                   std::int32_t wait_ms, tolk_error** error);
+
+  // In core_end.cpp: the end, by the host.
+  tolk_status close(std::int32_t limit_ms);
+  void end();
+  tolk_status wait_closed(std::int32_t limit_ms);
+  // Something is over that a close may wait for.
+  void note_progress();
+
+  // The loop.
+  bool on_loop_thread() const;
+  void post_to_loop(std::unique_ptr<Task> task);
+  template <class Function>
+  void run_on_loop(Function function) {
+    if (on_loop_thread()) return function();
+    post_to_loop(make_task(std::move(function)));
+  }
+  virtual void disconnect(Peer& peer) = 0;
+
+ protected:
+  enum class State { open, draining, closed };
+  using Peers = std::map<std::uint64_t, std::shared_ptr<Peer>>;
+
+  void set_session(std::shared_ptr<Session> session) { *session_.lock() = std::move(session); }
+  std::shared_ptr<Session> session() const { return *session_.lock(); }
+  // Has the loop thread end the session. The peers are lost already.
+  virtual void ask_for_end(Session& session) = 0;
+  // A peer's connection has ended.
+  virtual void on_peer_lost(const std::shared_ptr<Peer>& peer, tolk_status status) TOLK_LOOP = 0;
+
+  void add_peer(const std::shared_ptr<Peer>& peer);
+  std::shared_ptr<Peer> peer(std::uint64_t id) const;
+  Peers peers() const { return *peers_.lock(); }
+  // The peer's connection has ended.
+  void lose(const std::shared_ptr<Peer>& peer, tolk_status status) TOLK_LOOP;
+  void lose_all() TOLK_LOOP;
+  void finish_closing();
+  Outcome outcome_of(const CallRecord& record, tolk_status status, const char* reason) const;
+
+  // In core_receive.cpp: calls of peers, and replies.
+  void receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload) TOLK_LOOP;
+  // True: the object itself has answered.
+  virtual bool answers_itself(Peer&, const Message&) TOLK_LOOP { return false; }
+  // A reply, before its call is completed.
+  virtual void on_reply(Peer&, const Message&) TOLK_LOOP {}
+  void reply_failure(Peer& peer, const Message& call, const HandlerFailure& failure,
+                     std::string_view unknown = {}) TOLK_LOOP;
+  bool open_deadlines(uv_loop_t* loop) TOLK_LOOP { return deadlines_.open(loop) == 0; }
+  std::uint64_t start_internal(std::shared_ptr<CallRecord> record,
+                               const std::shared_ptr<Peer>& peer, const Content* arguments,
+                               const CallExtras& extras);
+  tolk_status take_outcome(Outcome outcome, tolk_block** result, tolk_error** error);
+  std::int32_t usual_limit() const { return settings_.limit_ms; }
+  const CoreSettings& settings() const { return settings_; }
+  CallTable& calls() { return calls_; }
+  std::atomic<State> state_{State::open};
+
+ private:
+  std::shared_ptr<CallRecord> new_record(const tolk_call& call);
+  std::uint64_t start_for_all(const tolk_call& call);
+  std::uint64_t start_one(const std::shared_ptr<CallRecord>& record, const tolk_call& call,
+                          const Content* arguments);
+  std::uint64_t refuse(const std::shared_ptr<CallRecord>& record, tolk_status status,
+                       const char* reason);
+  void watch(const CallRecord& record);
+  bool cancel_one(std::uint64_t number);
+  tolk_status post_one(Peer& peer, const char* method, const Content* arguments,
+                       std::int32_t wait_ms);
+  tolk_status fail_post(const char* method, tolk_status status, const char* reason,
+                        tolk_error** error) const;
+  void take_reply(Peer& peer, const Message& reply, const SharedBytes& payload) TOLK_LOOP;
+  void take_call(const std::shared_ptr<Peer>& peer, const Message& call,
+                 const SharedBytes& payload) TOLK_LOOP;
+  void take_cancel(Peer& peer, const Message& call) TOLK_LOOP;
+  void describe(Peer& peer, const Message& call) TOLK_LOOP;
+  bool drain(std::uint64_t deadline);
+
+  const Side role_;
+  const std::string address_;
+  const CoreSettings settings_;
+  const std::uint32_t process_;
+  Callbacks callbacks_;
+  CallTable calls_{callbacks_};
+  Deadlines deadlines_;
+  Guarded<std::shared_ptr<Session>> session_;
+  Guarded<Peers> peers_;
+  Guarded<std::map<std::uint64_t, std::weak_ptr<CallGroup>>> groups_;
+  std::condition_variable progress_;
+  Guarded<int> progress_lock_;
+};
+
+// The exported start of a client or a server.
+std::uint64_t start_guarded(Core& core, const tolk_call& given);
+
+}  // namespace tolk

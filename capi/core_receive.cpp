@@ -1,0 +1,108 @@
+// Calls of peers, and replies to calls.
+#include <array>
+#include <utility>
+
+#include "capi/block.h"
+#include "capi/core.h"
+#include "capi/empty_sink.h"
+#include "capi/request.h"
+#include "params/encoder.h"
+
+namespace tolk {
+
+void Core::receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload) {
+  const Message message = Message::scan(payload.view);
+  if (!message.plain.name) return;
+  if (message.plain.is_reply()) return take_reply(*peer, message, payload);
+  if (message.plain.name == kMethodCancel) return take_cancel(*peer, message);
+  if (answers_itself(*peer, message)) return;
+  if (message.plain.name == kMethodDescribe) return describe(*peer, message);
+  take_call(peer, message, payload);
+}
+
+// A reply without a token is that of a plain server that closes.
+void Core::take_reply(Peer& peer, const Message& reply, const SharedBytes& payload) {
+  on_reply(peer, reply);
+  std::uint64_t number = 0;
+  if (reply.plain.token) {
+    number = parse_token(*reply.plain.token).value_or(0);
+  } else if (reply.plain.call_id) {
+    number = calls_.find_by_call_id(peer.id(), *reply.plain.call_id);
+  }
+  calls_.complete_of(peer.id(), number, [&](const CallRecord& record) {
+    if (record.done == nullptr && uv_hrtime() > record.deadline) {
+      return outcome_of(record, TOLK_TIMED_OUT, nullptr);
+    }
+    Failure failure = failure_of(reply, record.method);
+    failure.address = address_;
+    if (record.peer != 0) failure.peer = "client " + std::to_string(record.peer);
+    if (failure.status != TOLK_OK) return Outcome::of(std::move(failure));
+    const SharedBytes message = payload.owner ? payload : copy_of(payload.view);
+    auto received = tolk_block::of_message(message, reply.types, tolk_block::Reserved::dropped);
+    if (!received.is_well_formed()) return outcome_of(record, TOLK_MALFORMED, nullptr);
+    Outcome outcome;
+    outcome.result = std::move(received.block);
+    return outcome;
+  });
+}
+
+void Core::take_cancel(Peer& peer, const Message& call) {
+  struct FirstText : EmptySink {
+    void positional(const Scalar& value) {
+      if (value.type == TolkValue::String && text.empty()) text = value.bytes;
+    }
+    std::string_view text;
+  } sink;
+  if (!call.plain.arguments) return;
+  parse_records(*call.plain.arguments, sink);
+  if (!sink.text.empty()) peer.end_requests(sink.text, TOLK_CANCELLED);
+}
+
+void Core::reply_failure(Peer& peer, const Message& call, const HandlerFailure& failure,
+                         std::string_view unknown) {
+  const CallIds ids(call.plain);
+  if (ids.wants_reply()) peer.send(failure_message(role_, ids, failure, unknown), false);
+}
+
+void Core::take_call(const std::shared_ptr<Peer>& peer, const Message& call,
+                     const SharedBytes& payload) {
+  const std::string name(*call.plain.name);
+  if (state_ != State::open) {
+    return reply_failure(*peer, call, {TOLK_CLOSED, 0, "the peer is closing", nullptr});
+  }
+  const auto method = settings_.methods ? settings_.methods->find(name) : nullptr;
+  if (!method) {
+    const std::string text = "there is no method " + name;
+    return reply_failure(*peer, call, {TOLK_NO_METHOD, 0, text, nullptr}, name);
+  }
+  if (role_ == Side::client && peer->requests() >= settings_.most_requests) {
+    return reply_failure(*peer, call, {TOLK_BUSY, 0, "too many requests are under way", nullptr});
+  }
+  const auto request = std::make_shared<tolk_request>(shared(), peer, method, call, payload);
+  peer->add_request(*request, payload.view.size());
+  if (request->has_bad_arguments()) {
+    return request->fail({TOLK_WRONG_ARGUMENTS, 0, "the arguments are not a block", nullptr});
+  }
+  peer->dispatch(request);
+}
+
+// Three lists, in the order of the names. The catch-all has none.
+void Core::describe(Peer& peer, const Message& call) {
+  const CallIds ids(call.plain);
+  if (!ids.wants_reply()) return;
+  const auto all = settings_.methods ? settings_.methods->all() : nullptr;
+  std::string records;
+  Encoder<std::string> encoder(records, 0);
+  static constexpr std::array kColumns{&Method::name, &Method::signature, &Method::about};
+  for (const auto column : kColumns) {
+    const std::size_t count = all ? all->size() - all->count(std::string_view()) : 0;
+    encoder.add_list_header(static_cast<std::uint32_t>(count));
+    if (!all) continue;
+    for (const auto& [name, method] : *all) {
+      if (!name.empty()) encoder.add_string((*method).*column);
+    }
+  }
+  peer.send(reply_message(role_, ids, {copy_of(records), {}}), false);
+}
+
+}  // namespace tolk

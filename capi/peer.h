@@ -1,0 +1,100 @@
+// One connected peer: a client has one, a server one for each client that has sent something.
+//
+// Thread: any, but where TOLK_LOOP says otherwise. Owner: the object, the stream, and every request
+// of the peer. Failure: std::bad_alloc.
+#pragma once
+
+#include <tolk/c.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "capi/ordered_queue.h"
+#include "transport/outgoing_queue.h"
+#include "transport/peer_stream.h"
+
+namespace tolk {
+
+class Core;
+
+// When a peer is not read from: above one of the two. Below three quarters it is again.
+struct PeerQuota {
+  std::size_t bytes = SIZE_MAX;
+  std::size_t requests = SIZE_MAX;
+};
+
+class Peer final : public StreamUser,
+                   public OutgoingEvents,
+                   public std::enable_shared_from_this<Peer> {
+ public:
+  Peer(Core& core, std::uint64_t id, std::string address, std::size_t most_queued, PeerQuota quota);
+
+  std::uint64_t id() const { return shown_.client; }
+  const tolk_peer& shown() const { return shown_; }
+  OutgoingQueue& out() { return out_; }
+
+  void open(PeerStream& stream) TOLK_LOOP;
+  // The connection has ended. False: that is known already.
+  bool close() TOLK_LOOP;
+  bool is_gone() const { return gone_; }
+  PeerStream* stream() TOLK_LOOP { return stream_; }
+  Sent send(Frame&& frame, bool counts);
+
+  // What the peer takes, by its version check. The first one counts.
+  void note_features(std::string_view features) TOLK_LOOP;
+  bool takes_cancel() const { return takes_cancel_; }
+  bool tells_features() const { return tells_features_; }
+
+  // Requests wait until on_connect has begun.
+  void dispatch(const std::shared_ptr<tolk_request>& request) TOLK_LOOP;
+  void on_hook_begun();
+  void dispatch_next(OrderedQueue& queue);
+  OrderedQueue& ordered() { return ordered_; }
+  OrderedQueue& hooks() { return hooks_; }
+
+  void add_request(tolk_request& request, std::size_t bytes) TOLK_LOOP;
+  void remove_request(tolk_request& request, std::size_t bytes);
+  std::size_t requests() const { return request_count_; }
+  void end_requests(std::string_view token, tolk_status status);
+  void end_all_requests(tolk_status status);
+
+ private:
+  struct Held {
+    bool hook_begun = false;
+    std::list<std::shared_ptr<tolk_request>> requests;
+  };
+  using OpenRequests = std::multimap<std::string, tolk_request*, std::less<>>;
+
+  void on_written() TOLK_LOOP override;
+  void on_write_failed(int status) TOLK_LOOP override;
+  void dispatch_now(const std::shared_ptr<tolk_request>& request);
+  bool is_above(std::size_t requests, std::size_t bytes) const;
+  bool is_below_resume() const;
+  void resume_if_below();
+
+  Core& core_;
+  const std::string address_;
+  tolk_peer shown_{};
+  const PeerQuota quota_;
+  OutgoingQueue out_;
+  OrderedQueue ordered_;
+  OrderedQueue hooks_;
+  Guarded<Held> held_;
+  Guarded<OpenRequests> open_requests_;
+  std::atomic<bool> gone_{false};
+  std::atomic<bool> takes_cancel_{false};
+  std::atomic<bool> tells_features_{false};
+  std::atomic<std::size_t> request_count_{0};
+  std::atomic<std::size_t> request_bytes_{0};
+  std::atomic<bool> is_paused_{false};
+  PeerStream* stream_ TOLK_GUARDED_BY(loop_role) = nullptr;
+  bool is_checked_ TOLK_GUARDED_BY(loop_role) = false;
+};
+
+}  // namespace tolk

@@ -1,0 +1,155 @@
+#include "capi/request.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "capi/core.h"
+
+namespace {
+
+constexpr std::uint64_t kNanosecondsPerMs = 1000000;
+
+// The arguments lie in the message. One that is only lent is copied.
+tolk::SharedBytes arguments_of(const tolk::Message& call, const tolk::SharedBytes& payload) {
+  if (!call.plain.arguments) return {};
+  if (!payload.owner) return tolk::copy_of(*call.plain.arguments);
+  return {payload.owner, *call.plain.arguments};
+}
+
+}  // namespace
+
+tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
+                           std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
+                           const tolk::SharedBytes& payload)
+    : tolk_task(Kind::handler, method->is_inline()),
+      core_kept_(std::move(core)),
+      peer_(std::move(peer)),
+      method_(std::move(method)),
+      name_(call.plain.name.value_or("")),
+      ids_(call.plain),
+      token_(call.plain.token.value_or("")),
+      bytes_(payload.view.size()) {
+  if (call.limit_ms && *call.limit_ms >= 0) {
+    deadline_ = uv_hrtime() + static_cast<std::uint64_t>(*call.limit_ms) * kNanosecondsPerMs;
+  }
+  auto received =
+      tolk_block::of_message(arguments_of(call, payload), call.types, tolk_block::Reserved::kept);
+  bad_arguments_ = !received.is_well_formed() || !call.plain.well_formed;
+  arguments_ = std::move(received.block);
+}
+
+tolk_request::~tolk_request() {
+  if (!ended_) peer_->remove_request(*this, bytes_);
+}
+
+void tolk_request::set_state(tolk_status state) {
+  tolk_status before = TOLK_OK;
+  state_.compare_exchange_strong(before, state);
+}
+
+tolk_status tolk_request::state() const {
+  const tolk_status state = state_;
+  if (state != TOLK_OK) return state;
+  if (core_kept_->is_closed()) return TOLK_CLOSED;
+  if (peer_->is_gone()) return TOLK_GONE;
+  return uv_hrtime() > deadline_ ? TOLK_TIMED_OUT : TOLK_OK;
+}
+
+std::int32_t tolk_request::limit_left() const {
+  if (deadline_ == UINT64_MAX) return TOLK_FOREVER;
+  const std::uint64_t now = uv_hrtime();
+  const std::uint64_t left = deadline_ > now ? (deadline_ - now) / kNanosecondsPerMs : 0;
+  return static_cast<std::int32_t>(std::max<std::uint64_t>(left, 1));
+}
+
+void tolk_request::run_claimed() {
+  held_by_handler_ = shared_from_this();
+  method_->handler(method_->context.get(), this);
+  part_is_over();
+}
+
+void tolk_request::drop_claimed() {
+  fail({TOLK_UNANSWERED, 0, "the handler did not begin", nullptr});
+  part_is_over();
+}
+
+void tolk_request::part_is_over() {
+  if (parts_left_.fetch_sub(1) == 1 && method_->is_ordered())
+    peer_->dispatch_next(peer_->ordered());
+}
+
+template <class MakeFrame>
+void tolk_request::end_with(const MakeFrame& make) {
+  const auto self = shared_from_this();
+  const auto held = std::move(held_by_handler_);
+  if (ended_.exchange(true)) return;
+  if (ids_.wants_reply()) {
+    try {
+      peer_->send(make(), false);
+    } catch (const std::bad_alloc&) {
+      core_kept_->disconnect(*peer_);
+    }
+  }
+  peer_->remove_request(*this, bytes_);
+  part_is_over();
+}
+
+void tolk_request::answer(const tolk_block* result) {
+  end_with([&] {
+    const tolk::Content content = tolk::Content::of(result);
+    const auto refused = [&](const char* text) {
+      return tolk::failure_message(core_kept_->role(), ids_, {TOLK_FAILED, 0, text, nullptr});
+    };
+    if (result != nullptr && result->status() != TOLK_OK)
+      return refused("no memory for the result");
+    if (content.is_too_large()) return refused("the result is too large");
+    return tolk::reply_message(core_kept_->role(), ids_, content);
+  });
+}
+
+void tolk_request::fail(const tolk::HandlerFailure& failure) {
+  const std::string_view unknown =
+      failure.status == TOLK_NO_METHOD ? std::string_view(name_) : std::string_view();
+  end_with([&] { return tolk::failure_message(core_kept_->role(), ids_, failure, unknown); });
+}
+
+const tolk_block* tolk_request_arguments(const tolk_request* request) {
+  return request->arguments();
+}
+const char* tolk_request_method(const tolk_request* request) { return request->name().c_str(); }
+const tolk_peer* tolk_request_peer(const tolk_request* request) { return &request->peer(); }
+tolk_client* tolk_request_client(const tolk_request* request) {
+  return request->core().client_handle();
+}
+tolk_server* tolk_request_server(const tolk_request* request) {
+  return request->core().server_handle();
+}
+int32_t tolk_request_limit_left(const tolk_request* request) { return request->limit_left(); }
+tolk_status tolk_request_state(const tolk_request* request) { return request->state(); }
+
+void tolk_request_answer(tolk_request* request, tolk_block* result) {
+  const std::unique_ptr<tolk_block, void (*)(tolk_block*)> taken(result, tolk_block_free);
+  if (request != nullptr) request->answer(result);
+}
+
+void tolk_request_fail(tolk_request* request, tolk_status status, int32_t code, const char* text,
+                       tolk_block* details) {
+  const std::unique_ptr<tolk_block, void (*)(tolk_block*)> taken(details, tolk_block_free);
+  if (request == nullptr) return;
+  tolk::Content content;
+  try {
+    content = tolk::Content::of(details);
+  } catch (const std::bad_alloc&) {
+    details = nullptr;
+  }
+  const bool known = status == TOLK_WRONG_ARGUMENTS || status == TOLK_NO_METHOD;
+  request->fail({known ? status : TOLK_FAILED, code, text == nullptr ? "" : text,
+                 details == nullptr ? nullptr : &content});
+}
+
+void tolk_request_free(tolk_request* request) {
+  if (request != nullptr) {
+    request->fail({TOLK_UNANSWERED, 0, "the handler dropped the request", nullptr});
+  }
+}

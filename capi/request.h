@@ -1,0 +1,64 @@
+// One call of a peer: the task that runs the handler, and what the handler answers.
+//
+// Thread: any; it is answered once. Owner: the list of callbacks until the handler begins, then the
+// host until it ends the request. It keeps its object and its peer.
+// Failure: an answer that there is no memory for ends the connection.
+#pragma once
+
+#include <tolk/c.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "capi/block.h"
+#include "capi/callbacks.h"
+#include "capi/messages.h"
+#include "capi/methods.h"
+#include "capi/peer.h"
+
+struct tolk_request final : tolk_task {
+ public:
+  tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
+               std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
+               const tolk::SharedBytes& payload);
+  ~tolk_request() override;
+
+  bool has_bad_arguments() const { return bad_arguments_; }
+  const tolk::Method& method() const { return *method_; }
+  const std::string& name() const { return name_; }
+  const std::string& token() const { return token_; }
+  const tolk_block* arguments() const { return arguments_.get(); }
+  const tolk_peer& peer() const { return peer_->shown(); }
+  tolk::Core& core() const { return *core_kept_; }
+
+  void set_state(tolk_status state);
+  tolk_status state() const;
+  std::int32_t limit_left() const;
+
+  void answer(const tolk_block* result);
+  void fail(const tolk::HandlerFailure& failure);
+
+ private:
+  void run_claimed() override;
+  void drop_claimed() override;
+  template <class MakeFrame>
+  void end_with(const MakeFrame& make);
+  void part_is_over();
+
+  const std::shared_ptr<tolk::Core> core_kept_;
+  const std::shared_ptr<tolk::Peer> peer_;
+  const std::shared_ptr<const tolk::Method> method_;
+  const std::string name_;
+  const tolk::CallIds ids_;
+  const std::string token_;
+  const std::size_t bytes_;
+  std::uint64_t deadline_ = UINT64_MAX;
+  std::unique_ptr<tolk_block> arguments_;
+  bool bad_arguments_ = false;
+  std::shared_ptr<tolk_task> held_by_handler_;
+  std::atomic<bool> ended_{false};
+  std::atomic<tolk_status> state_{TOLK_OK};
+  std::atomic<int> parts_left_{2};  // the handler's return, and the end
+};

@@ -1,0 +1,158 @@
+// The functions of tolk_server.
+#include <memory>
+#include <utility>
+
+#include "capi/address.h"
+#include "capi/options.h"
+#include "capi/server_core.h"
+#include "platform/guarded.h"
+
+using tolk::ServerCore;
+
+namespace tolk {
+namespace {
+
+tolk_status fail_listen(tolk_status status, const char* address, const char* reason,
+                        tolk_error** error) {
+  Failure failure;
+  failure.status = status;
+  failure.address = address == nullptr ? "" : address;
+  failure.reason = reason;
+  return fail(error, std::move(failure));
+}
+
+CoreSettings settings_of(const tolk_server_options& options, Context context) {
+  CoreSettings settings;
+  if (options.methods != nullptr) settings.methods = options.methods->table;
+  settings.limit_ms = options.limit_ms;
+  settings.workers = options.workers;
+  settings.execute = options.execute;
+  settings.log = options.log;
+  settings.context = std::move(context);
+  settings.most_queued_bytes = options.most_queued_bytes;
+  return settings;
+}
+
+tolk_status listen_server(const char* address, const tolk_server_options& options, Context context,
+                          tolk_server** server, tolk_error** error) {
+  if (address == nullptr || server == nullptr) {
+    return fail_listen(TOLK_MISUSE, address, "there is no address or no place for the server",
+                       error);
+  }
+  const AddressParse parsed = parse_address(address, AddressUse::listen);
+  if (!parsed.address) return fail_listen(TOLK_BAD_ADDRESS, address, parsed.wrong, error);
+  const auto core = std::make_shared<ServerCore>(*parsed.address,
+                                                 settings_of(options, std::move(context)), options);
+  const tolk_status status = core->listen(error);
+  if (status != TOLK_OK) {
+    core->end();
+    return status;
+  }
+  *server = core->server_handle();
+  (*server)->held_by_host = core;
+  return TOLK_OK;
+}
+
+tolk_status without_server(tolk_error** error) {
+  return fail_listen(TOLK_MISUSE, nullptr, "there is no server", error);
+}
+
+}  // namespace
+}  // namespace tolk
+
+tolk_status tolk_server_listen(const char* address, const tolk_server_options* options,
+                               tolk_server** server, tolk_error** error) {
+  if (server != nullptr) *server = nullptr;
+  return tolk::guarded_call(error, [&] {
+    const auto given = tolk::options_of(options);
+    tolk::Context context(given.context, given.free_context);
+    return tolk::listen_server(address, given, std::move(context), server, error);
+  });
+}
+
+const char* tolk_server_address(const tolk_server* server) {
+  return server == nullptr ? "" : server->core->bound_to().c_str();
+}
+
+int tolk_server_port(const tolk_server* server) {
+  return server == nullptr ? 0 : server->core->port();
+}
+
+size_t tolk_server_clients(const tolk_server* server, uint64_t* ids, size_t capacity) {
+  if (server == nullptr) return 0;
+  const auto core = server->core->shared();
+  return tolk::guarded_or(std::size_t{0}, [&] { return server->core->clients(ids, capacity); });
+}
+
+bool tolk_server_disconnect(tolk_server* server, uint64_t client) {
+  if (server == nullptr) return false;
+  const auto core = server->core->shared();
+  return tolk::guarded_or(false, [&] { return server->core->disconnect_client(client); });
+}
+
+tolk_status tolk_server_call(tolk_server* server, uint64_t client, const char* method,
+                             const tolk_block* arguments, int32_t limit_ms, tolk_block** result,
+                             tolk_error** error) {
+  if (result != nullptr) *result = nullptr;
+  return tolk::guarded_call(error, [&] {
+    if (server == nullptr) return tolk::without_server(error);
+    tolk_call call{};
+    call.size = sizeof call;
+    call.method = method;
+    call.arguments = arguments;
+    call.client = client;
+    call.limit_ms = limit_ms;
+    const auto core = server->core->shared();
+    return core->call(call, result, error);
+  });
+}
+
+uint64_t tolk_server_start(tolk_server* server, const tolk_call* call) {
+  if (server == nullptr || call == nullptr) return 0;
+  const auto core = server->core->shared();
+  return tolk::start_guarded(*core, *call);
+}
+
+tolk_status tolk_server_wait(tolk_server* server, uint64_t call, tolk_block** result,
+                             tolk_error** error) {
+  if (result != nullptr) *result = nullptr;
+  return tolk::guarded_call(error, [&] {
+    if (server == nullptr) return tolk::without_server(error);
+    const auto core = server->core->shared();
+    return core->wait(call, result, error);
+  });
+}
+
+bool tolk_server_cancel(tolk_server* server, uint64_t call) {
+  if (server == nullptr) return false;
+  const auto core = server->core->shared();
+  return tolk::guarded_or(false, [&] { return core->cancel(call); });
+}
+
+tolk_status tolk_server_post(tolk_server* server, uint64_t client, const char* method,
+                             const tolk_block* arguments, int32_t wait_ms, tolk_error** error) {
+  return tolk::guarded_call(error, [&] {
+    if (server == nullptr) return tolk::without_server(error);
+    const auto core = server->core->shared();
+    return core->post(client, method, arguments, wait_ms, error);
+  });
+}
+
+tolk_status tolk_server_close(tolk_server* server, int32_t limit_ms) {
+  if (server == nullptr) return TOLK_MISUSE;
+  const auto core = server->core->shared();
+  return core->close(limit_ms);
+}
+
+tolk_status tolk_server_wait_closed(tolk_server* server, int32_t limit_ms) {
+  if (server == nullptr) return TOLK_MISUSE;
+  const auto core = server->core->shared();
+  if (core->on_loop_thread()) return TOLK_MISUSE;
+  return core->wait_closed(limit_ms);
+}
+
+void tolk_server_free(tolk_server* server) {
+  if (server == nullptr) return;
+  const auto core = std::move(server->held_by_host);
+  if (core) core->end();
+}

@@ -1,0 +1,88 @@
+// A server of the C interface.
+//
+// Thread: any, but where TOLK_LOOP says otherwise. Owner: as every Core. Failure: as every Core.
+#pragma once
+
+#include <tolk/c.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "capi/address.h"
+#include "capi/core.h"
+#include "sessions/server_session.h"
+
+namespace tolk {
+class ServerCore;
+}  // namespace tolk
+
+// The host's handle. It lives as long as the object, since callbacks that still run may use it.
+struct tolk_server {
+  tolk::ServerCore* core = nullptr;
+  std::shared_ptr<tolk::ServerCore> held_by_host;
+};
+
+namespace tolk {
+
+class ServerCore final : public Core, public ServerEvents {
+ public:
+  ServerCore(Address where, CoreSettings settings, const tolk_server_options& options);
+
+  tolk_status listen(tolk_error** error);
+  std::shared_ptr<Core> shared() override;
+  tolk_server* server_handle() override { return &handle_; }
+  const std::string& bound_to() const { return bound_to_; }
+  int port() const { return port_; }
+  std::size_t clients(std::uint64_t* ids, std::size_t capacity) const;
+  bool disconnect_client(std::uint64_t id);
+  void disconnect(Peer& peer) override { disconnect_client(peer.id()); }
+
+ private:
+  using Hook = void (*)(void* context, tolk_server* server, const tolk_peer* client);
+
+  void ask_for_end(Session& session) override;
+
+  // Loop.
+  void on_message(PeerStream& stream, SharedBytes payload) TOLK_LOOP override;
+  std::shared_ptr<Peer> new_peer(PeerStream& stream) TOLK_LOOP;
+  bool answers_itself(Peer& peer, const Message& call) TOLK_LOOP override;
+  void answer_version_check(Peer& peer, const Message& call) TOLK_LOOP;
+  void introduce(const std::shared_ptr<Peer>& peer) TOLK_LOOP;
+  void stop(Peer& peer, const Message& call) TOLK_LOOP;
+  void on_peer_lost(const std::shared_ptr<Peer>& peer, tolk_status status) TOLK_LOOP override;
+  void push_hook(const std::shared_ptr<Peer>& peer, Hook hook);
+
+  void on_starting(const Endpoint&) TOLK_LOOP override {}
+  void on_listen_failed(const char*, int status) TOLK_LOOP override { listen_status_ = status; }
+  bool on_listening(uv_loop_t* loop, const Endpoint& where) TOLK_LOOP override;
+  void on_connection_error() TOLK_LOOP override {}
+  void on_connecting(int) TOLK_LOOP override {}
+  void on_accept_failed() TOLK_LOOP override {}
+  void on_accepted(int, bool, int) TOLK_LOOP override {}
+  void on_client_refused(const std::string&) TOLK_LOOP override {}
+  void on_first_read(int) TOLK_LOOP override {}
+  void on_client_gone(int id, int status) TOLK_LOOP override;
+  void on_client_left(int, bool) TOLK_LOOP override {}
+  bool on_delivery() TOLK_LOOP override { return true; }
+  void on_closing_async() TOLK_LOOP override {}
+  void on_closed_async() TOLK_LOOP override {}
+
+  const Address where_;
+  const bool clients_may_stop_;
+  const Hook on_connect_;
+  const Hook on_gone_;
+  void (*const on_stopped_)(void* context, tolk_server* server, const tolk_error* why);
+  const PeerQuota quota_;
+  tolk_server handle_;
+  // By the loop thread, before the start is decided.
+  std::string bound_to_;
+  int port_ = 0;
+  int listen_status_ = 0;
+  // By the id of the stream.
+  std::unordered_map<int, std::shared_ptr<Peer>> by_stream_ TOLK_GUARDED_BY(loop_role);
+};
+
+}  // namespace tolk

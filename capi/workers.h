@@ -1,0 +1,68 @@
+// The threads of one object that run its callbacks, where the host has no executor.
+//
+// A thread is started when a task waits and none is idle. One that waits in the library does not
+// count, so that calls from handlers cannot use all of them up.
+//
+// Thread: any. Owner: the object and every thread of the pool, which are detached.
+// Failure: a thread that cannot be started is started later, when the next task comes or ends.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <memory>
+
+#include "transport/thread_safety.h"
+
+struct tolk_task;
+
+namespace tolk {
+
+// One task in a list: an element that is made with the task, so that listing needs no memory.
+using TaskPlace = std::list<std::shared_ptr<tolk_task>>;
+
+class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
+ public:
+  static constexpr unsigned kUsual = 4;
+  static constexpr unsigned kMost = 256;
+
+  explicit WorkerPool(unsigned workers) : workers_(workers == 0 ? kUsual : workers) {}
+
+  // Runs the task that `place` holds.
+  void add(TaskPlace& place);
+  // No task comes any more: idle threads end.
+  void retire();
+
+  // While alive, the calling thread waits in the library. If it is a thread of any pool, another
+  // one may run meanwhile.
+  class Blocked {
+   public:
+    Blocked();
+    ~Blocked();
+    Blocked(const Blocked&) = delete;
+    Blocked& operator=(const Blocked&) = delete;
+  };
+
+ private:
+  static constexpr std::chrono::seconds kIdleLimit{10};
+
+  struct State {
+    TaskPlace waiting;
+    unsigned threads = 0;
+    unsigned idle = 0;
+    unsigned blocked = 0;
+    bool retired = false;
+  };
+
+  bool needs_thread(const State& state) const;
+  void start_if_needed();
+  void run_thread();
+  std::shared_ptr<tolk_task> next();
+  void change_blocked(int by);
+
+  const unsigned workers_;
+  Guarded<State> state_;
+  std::condition_variable changed_;
+};
+
+}  // namespace tolk
