@@ -75,6 +75,7 @@ class Frame {
   }
 
   std::size_t payload_bytes() const { return block_->payload_bytes; }
+  std::size_t total_bytes() const { return kPrefixBytes + block_->payload_bytes; }
   // The bytes in the order of the stream.
   std::span<const uv_buf_t> buffers() const { return {block_->buffers, block_->buffer_count}; }
   // All bytes of a frame that is written from one buffer.
@@ -86,12 +87,16 @@ class Frame {
   static Frame adopt(uv_write_t* request) { return Frame(reinterpret_cast<Block*>(request)); }
 
  private:
+  friend class FrameList;
+
   struct Block {
     uv_write_t request;
     SharedBytes large;  // not copied; none in most frames
     std::size_t payload_bytes;
     uv_buf_t buffers[3];
     unsigned buffer_count;
+    bool counts;  // this and the next one are the FrameList's
+    Block* next;
   };
   // A block and the bytes behind it are one piece of memory.
   struct Free {

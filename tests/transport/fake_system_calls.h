@@ -1,11 +1,15 @@
 // Stands in for the outside world of the transport while it lives: writes are recorded and answered
-// as the test says, sleeps take no time, the tick moves only by hand.
+// as the test says, sleeps take no time, the tick moves only by hand, sends take what the test
+// says.
 //
 // Thread: the test's own, and one object at a time.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -26,7 +30,7 @@ class FakeSystemCalls {
 
   FakeSystemCalls() : real_(system_calls) {
     current_ = this;
-    system_calls = {write, sleep, read_tick};
+    system_calls = {write, sleep, read_tick, send};
   }
   ~FakeSystemCalls() {
     system_calls = real_;
@@ -39,6 +43,8 @@ class FakeSystemCalls {
   int status_afterwards = 0;        // of those that follow
   std::vector<Write> writes;        // as they came
   std::vector<std::string> events;  // "write" and "sleep <ms>", in order
+  std::deque<std::size_t> sends;    // how many bytes the next ones take, in order; then none
+  std::string sent;                 // what they took
   std::uint32_t tick = 0;
 
  private:
@@ -56,6 +62,17 @@ class FakeSystemCalls {
   }
 
   static void sleep(unsigned ms) { current_->events.push_back("sleep " + std::to_string(ms)); }
+  static std::size_t send(int, std::span<const uv_buf_t> buffers) {
+    FakeSystemCalls& self = *current_;
+    self.events.emplace_back("send");
+    if (self.sends.empty()) return 0;
+    std::string bytes;
+    for (const uv_buf_t& buffer : buffers) bytes.append(buffer.base, buffer.len);
+    const std::size_t taken = std::min(self.sends.front(), bytes.size());
+    self.sends.pop_front();
+    self.sent.append(bytes, 0, taken);
+    return taken;
+  }
   static std::uint32_t read_tick() { return current_->tick; }
 
   static inline FakeSystemCalls* current_ = nullptr;
