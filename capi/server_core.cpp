@@ -136,12 +136,14 @@ void ServerCore::on_message(PeerStream& stream, SharedBytes payload) {
   auto peer = std::static_pointer_cast<Peer>(stream.user());
   const bool is_new = !peer;
   if (is_new) peer = new_peer(stream);
-  if (is_new && Message::scan(payload.view).plain.name != kMethodVersion) introduce(peer);
+  if (is_new && Message::scan(payload.view).plain.name != kMethodVersion) {
+    add_peer(peer);
+    announce(peer);
+  }
   receive(peer, payload);
 }
 
-void ServerCore::introduce(const std::shared_ptr<Peer>& peer) {
-  add_peer(peer);
+void ServerCore::announce(const std::shared_ptr<Peer>& peer) {
   if (on_connect_ == nullptr) return peer->on_hook_begun();
   push_hook(peer, on_connect_);
 }
@@ -180,13 +182,16 @@ void ServerCore::answer_version_check(Peer& peer, const Message& call) {
   encoder.add_bool(cut_at_zero(sink.version) == kVersionText);
   encoder.add_key(kKeyVersion);
   encoder.add_string(kVersionText);
+  // When the client knows that it is connected, the host finds it.
+  const bool is_new = !Core::peer(peer.id());
+  if (is_new) add_peer(peer.shared_from_this());
   const CallIds ids(call.plain);
   if (ids.wants_reply()) {
     peer.send(
         reply_message(Side::server, ids, {copy_of(result), {}}, call.features ? kOwnFeatures : ""),
         false);
   }
-  if (!Core::peer(peer.id())) introduce(peer.shared_from_this());
+  if (is_new) announce(peer.shared_from_this());
 }
 
 // The connection that asked stays open until its reply has arrived.

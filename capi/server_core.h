@@ -50,7 +50,7 @@ class ServerCore final : public Core, public ServerEvents {
   std::shared_ptr<Peer> new_peer(PeerStream& stream) TOLK_LOOP;
   bool answers_itself(Peer& peer, const Message& call) TOLK_LOOP override;
   void answer_version_check(Peer& peer, const Message& call) TOLK_LOOP;
-  void introduce(const std::shared_ptr<Peer>& peer) TOLK_LOOP;
+  void announce(const std::shared_ptr<Peer>& peer) TOLK_LOOP;
   void stop(Peer& peer, const Message& call) TOLK_LOOP;
   void on_peer_lost(const std::shared_ptr<Peer>& peer, tolk_status status) TOLK_LOOP override;
   void push_hook(const std::shared_ptr<Peer>& peer, Hook hook);

@@ -1,0 +1,200 @@
+// How clients and servers end.
+#include <string>
+#include <thread>
+
+#include "pair.h"
+
+namespace {
+
+using tolk::test::call_client;
+using tolk::test::Done;
+using tolk::test::Event;
+using tolk::test::Owned;
+using tolk::test::Pair;
+using tolk::test::text_block;
+using tolk::test::text_of;
+
+class CapiEndings : public Pair {};
+INSTANTIATE_TEST_SUITE_P(All, CapiEndings, tolk::test::kAllTransports, tolk::test::transport_name);
+
+tolk_call never_ending(Done& done) {
+  tolk_call call{};
+  call.size = sizeof call;
+  call.method = "keep";
+  call.limit_ms = TOLK_FOREVER;
+  call.done = Done::call;
+  call.context = &done;
+  return call;
+}
+
+// Keeps requests until the end.
+struct Kept {
+  std::vector<tolk_request*> requests;
+  Event has_one;
+  tolk::test::Methods::Handler handler() {
+    return [this](tolk_request* request) {
+      requests.push_back(request);
+      has_one.set();
+    };
+  }
+  ~Kept() {
+    for (tolk_request* const request : requests) tolk_request_free(request);
+  }
+};
+
+TEST_P(CapiEndings, NobodyListens) {
+  listen();
+  const std::string address = tolk_server_address(server.get());
+  server.reset();
+  tolk_client* none = nullptr;
+  tolk_error* error = nullptr;
+  EXPECT_EQ(tolk_client_connect(address.c_str(), nullptr, &none, &error), TOLK_NOT_CONNECTED);
+  EXPECT_EQ(none, nullptr);
+  EXPECT_EQ(tolk_error_address(error), address);
+  tolk_error_free(error);
+}
+
+TEST_P(CapiEndings, AnAddressIsTaken) {
+  listen();
+  tolk_server* none = nullptr;
+  EXPECT_EQ(tolk_server_listen(tolk_server_address(server.get()), nullptr, &none, nullptr),
+            TOLK_CANNOT_LISTEN);
+  EXPECT_EQ(tolk_server_listen("nonsense", nullptr, &none, nullptr), TOLK_BAD_ADDRESS);
+}
+
+TEST_P(CapiEndings, AClosedClientRefusesCallsAndEndsThoseUnderWay) {
+  Kept kept;
+  server_methods.add("keep", kept.handler(), TOLK_INLINE);
+  start();
+  Done done;
+  const tolk_call call = never_ending(done);
+  tolk_client_start(client.get(), &call);
+  kept.has_one.wait();
+  EXPECT_EQ(tolk_client_close(client.get(), 1000), TOLK_OK);
+  done.wait();
+  EXPECT_EQ(done.answer.status, TOLK_CLOSED);
+  EXPECT_EQ(call_client(client.get(), "keep", "").status, TOLK_CLOSED);
+  EXPECT_EQ(tolk_client_post(client.get(), "keep", nullptr, 0, nullptr), TOLK_CLOSED);
+  EXPECT_EQ(tolk_client_close(client.get(), 1000), TOLK_OK);
+}
+
+TEST_P(CapiEndings, AServersEndIsGoneForItsClients) {
+  struct Gone {
+    Event happened;
+    tolk_status status = TOLK_OK;
+  } gone;
+  Kept kept;
+  server_methods.add("keep", kept.handler(), TOLK_INLINE);
+  listen();
+  tolk_client_options options{};
+  options.context = &gone;
+  options.on_gone = [](void* context, tolk_client*, const tolk_error* why) {
+    static_cast<Gone*>(context)->status = tolk_error_status(why);
+    static_cast<Gone*>(context)->happened.set();
+  };
+  client = connect(options);
+  Done done;
+  const tolk_call call = never_ending(done);
+  tolk_client_start(client.get(), &call);
+  kept.has_one.wait();
+  server.reset();
+  done.wait();
+  EXPECT_EQ(done.answer.status, TOLK_GONE);
+  gone.happened.wait();
+  EXPECT_EQ(gone.status, TOLK_GONE);
+  EXPECT_EQ(call_client(client.get(), "keep", "").status, TOLK_GONE);
+  EXPECT_EQ(tolk_request_state(kept.requests.front()), TOLK_CLOSED);
+}
+
+TEST_P(CapiEndings, FreeRunsOutcomesAndWaitsForHandlers) {
+  Kept kept;
+  server_methods.add("keep", kept.handler(), TOLK_INLINE);
+  start();
+  Done done;
+  const tolk_call call = never_ending(done);
+  tolk_client_start(client.get(), &call);
+  kept.has_one.wait();
+  client.reset();
+  EXPECT_EQ(done.calls, 1);
+  EXPECT_EQ(done.answer.status, TOLK_CLOSED);
+}
+
+TEST_P(CapiEndings, AThreadThatWaitsIsReleasedByTheEnd) {
+  Kept kept;
+  server_methods.add("keep", kept.handler(), TOLK_INLINE);
+  start();
+  std::thread waits(
+      [&] { EXPECT_EQ(call_client(client.get(), "keep", "", TOLK_FOREVER).status, TOLK_CLOSED); });
+  kept.has_one.wait();
+  EXPECT_EQ(tolk_client_close(client.get(), 0), TOLK_OK);
+  waits.join();
+}
+
+TEST_P(CapiEndings, FreeInACallback) {
+  server_methods.add_echo();
+  for (const unsigned flags : {0U, static_cast<unsigned>(TOLK_INLINE)}) {
+    start();
+    Done done;
+    done.also = [&](const tolk_outcome*) { client.reset(); };
+    tolk_call call = never_ending(done);
+    call.method = "echo";
+    call.flags = flags;
+    tolk_client_start(client.get(), &call);
+    done.wait();
+    EXPECT_EQ(done.answer.status, TOLK_OK);
+    server.reset();
+  }
+}
+
+TEST_P(CapiEndings, CloseWaitsForHandlersAndTheirAnswers) {
+  Event begun;
+  Event may_end;
+  server_methods.add("slow", [&](tolk_request* request) {
+    begun.set();
+    may_end.wait();
+    tolk_request_answer(request, text_block("done").release());
+  });
+  start();
+  std::thread calls([&] { EXPECT_EQ(call_client(client.get(), "slow", "", 20000).text, "done"); });
+  begun.wait();
+  std::thread closes([&] { EXPECT_EQ(tolk_server_close(server.get(), 20000), TOLK_OK); });
+  may_end.set();
+  calls.join();
+  closes.join();
+  EXPECT_EQ(tolk_server_wait_closed(server.get(), 0), TOLK_OK);
+}
+
+TEST_P(CapiEndings, AClientIsDisconnected) {
+  server_methods.add_echo();
+  start();
+  const auto other = connect();
+  std::uint64_t ids[2] = {};
+  ASSERT_EQ(tolk_server_clients(server.get(), ids, 2), 2U);
+  EXPECT_TRUE(tolk_server_disconnect(server.get(), ids[0]));
+  while (tolk_server_clients(server.get(), nullptr, 0) == 2) std::this_thread::yield();
+  EXPECT_FALSE(tolk_server_disconnect(server.get(), ids[0]));
+  EXPECT_EQ(call_client(other.get(), "echo", "x").text, "x");
+}
+
+TEST_P(CapiEndings, AClientStopsTheServerOnlyIfItMay) {
+  start();
+  EXPECT_EQ(tolk_client_call(client.get(), "s_c_close_server", nullptr, 0, nullptr, nullptr),
+            TOLK_NO_METHOD);
+  client.reset();
+  server.reset();
+  Event stopped;
+  tolk_server_options options{};
+  options.clients_may_stop = true;
+  options.context = &stopped;
+  options.on_stopped = [](void* context, tolk_server*, const tolk_error*) {
+    static_cast<Event*>(context)->set();
+  };
+  listen(options);
+  client = connect();
+  EXPECT_EQ(tolk_client_call(client.get(), "s_c_close_server", nullptr, 0, nullptr, nullptr),
+            TOLK_OK);
+  stopped.wait();
+  EXPECT_EQ(tolk_server_wait_closed(server.get(), 20000), TOLK_OK);
+}
+
+}  // namespace
