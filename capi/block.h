@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,13 +24,16 @@
 #include "capi/block_index.h"
 #include "capi/record_buffer.h"
 #include "capi/type_notes.h"
+#include "params/encoder.h"
 #include "params/shared_bytes.h"
+#include "transport/frame_format.h"
 
 struct tolk_block {
  public:
   // Keys that begin with "s_c_" or "tolk.".
   enum class Reserved { kept, dropped };
   struct Received;
+  static constexpr const char* kTypesKey = "tolk.types";
 
   tolk_block() = default;
   tolk_block(const tolk_block& other);
@@ -65,6 +69,7 @@ struct tolk_block {
   const tolk::BlockIndex& index() const;
 
   void clear() noexcept;
+  void run_out_of_memory() noexcept { lose(TOLK_NO_MEMORY); }
   void add_key(std::string_view key);
   void add_none();
   void add_bool(bool value);
@@ -78,8 +83,6 @@ struct tolk_block {
   void add_map(const tolk_block& entries);
   void add_ints(const std::int64_t* values, std::size_t count);
   void add_doubles(const double* values, std::size_t count);
-  // A value of an index, with its key; `notes` are those of the index.
-  void add_item(const tolk::Item& item, const tolk::TypeNotes* notes);
 
  private:
   friend class tolk::BlockIndex;
@@ -88,40 +91,56 @@ struct tolk_block {
     std::size_t at;
     tolk::SharedBytes bytes;
   };
-  // Where an Encoder writes: behind the buffer and the held bytes.
-  struct End;
+  // Where an Encoder writes, when there is room.
+  struct End {
+    tolk_block& block;
+
+    void append(const char* data, std::size_t count) { block.buffer_.append(data, count); }
+    std::size_t size() const { return block.end(); }
+  };
+  static constexpr std::size_t kMostBytes = tolk::frame_format::kMaxPayloadBytes;
 
   explicit tolk_block(tolk::BlockIndex* index) noexcept : is_received_(true), index_(index) {}
 
+  static Received received(tolk::IndexRef index, std::string_view types, Reserved reserved);
+
+  // add: a value of the host, checked and with its failures. put: a part of that, which throws.
   template <class Add>
   void change(Add&& add) noexcept;
   template <class Encode>
+  void add_record(std::size_t room, Encode&& encode);
+  void add_noted(std::string_view bytes, tolk::TypeNote note);
+  void add_wide(std::uint64_t value, tolk::TypeNote note);
+  template <class Encode>
   void put(std::size_t room, Encode&& encode);
-  void put_scalar(const tolk::Item& item);
-  void put_stream(std::string_view bytes, tolk::TypeNote note);
-  void put_block(const tolk_block& inner, tolk::TypeNote note);
-  void put_elements(const tolk::Item& list);
-  void put_positional(const tolk_block& elements);
-  template <class Number>
-  void put_numbers(std::size_t count, std::size_t record_bytes, Number&& number);
-  void put_item(const tolk::Item& item, const tolk::TypeNotes* notes, bool as_scalar);
   void put_header(tolk::Tag tag, std::size_t word);
   void put_check_word();
   void put_key(std::string_view key);
-  std::string_view checked(std::string_view bytes);
+  void put_scalar(const tolk::Item& item);
+  void put_stream(std::string_view bytes);
+  void put_block(const tolk_block& inner);
+  void put_nested(const tolk_block& inner, tolk::TypeNote note);
+  void put_list_block(const tolk_block& elements);
+  void put_plain_list(const tolk_block& elements);
+  void put_element(const tolk::Item& item, const tolk::TypeNotes* notes, std::uint32_t element,
+                   tolk::TypeNotes& about);
+  void put_elements(const tolk::Item& list);
+  // A value of an index, with its key; `notes` are those of the index.
+  void put_item(const tolk::Item& item, const tolk::TypeNotes* notes);
+  template <class Put>
+  void put_numbers(std::size_t count, std::size_t record_bytes, Put&& put_number);
+  static tolk_block block_of(const tolk::Item& item, const tolk::TypeNotes* notes);
+  static tolk::TypeNote note_of(const tolk::Item& item);
+  static std::string_view checked(std::string_view bytes);
+  void value_added();
   std::size_t end() const { return buffer_.size() + held_bytes_; }
-  void value_added() noexcept;
 
   void become_built();
   void drop_index() noexcept;
   void lose(tolk_status status) noexcept;
   bool is_in_one_piece() const;
-  bool is_list() const;
   std::size_t buffer_end() const { return key_at_ ? *key_at_ : buffer_.size(); }
-  tolk::SharedBytes part(std::size_t from, std::size_t to) const;
-  const tolk::TypeNotes* notes() const;
   void rebuild_into(tolk_block& built) const;
-  void make_index() const;
 
   tolk::RecordBuffer buffer_;
   std::vector<Held> held_;
@@ -136,6 +155,28 @@ struct tolk_block {
   std::unique_ptr<std::string> encoded_;
   tolk_block* next_inner_ = nullptr;
 };
+
+template <class Add>
+void tolk_block::change(Add&& add) noexcept {
+  if (status_ != TOLK_OK) return;
+  try {
+    encoded_.reset();
+    become_built();
+    add();
+  } catch (const std::length_error&) {
+    lose(TOLK_TOO_LARGE);
+  } catch (const std::exception&) {
+    lose(TOLK_NO_MEMORY);
+  }
+}
+
+template <class Encode>
+void tolk_block::put(std::size_t room, Encode&& encode) {
+  buffer_.make_room(room);
+  End end{*this};
+  tolk::Encoder encoder(end, 0);
+  encode(encoder);
+}
 
 struct tolk_block::Received {
   std::unique_ptr<tolk_block> block;  // with the values before the first malformed record

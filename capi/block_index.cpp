@@ -267,7 +267,7 @@ void BlockIndex::read_elements(const Item& list) {
 // Of equal keys the last one counts.
 void BlockIndex::settle_keys() {
   const auto is_replaced_later = [this](const Item& item) {
-    return std::any_of(&item + 1, keyed_.end(),
+    return std::any_of(&item + 1, static_cast<const Item*>(keyed_.end()),
                        [&](const Item& later) { return later.key_view() == item.key_view(); });
   };
   if (keyed_.size() <= kFewKeys) {
@@ -413,6 +413,12 @@ bool BlockIndex::set_notes(std::string_view text) {
   own_notes_ = std::move(*notes);
   notes_ = own_notes_.empty() ? nullptr : &own_notes_;
   return true;
+}
+
+void BlockIndex::copy_notes(const TypeNotes* notes) {
+  if (notes == nullptr) return;
+  own_notes_ = *notes;
+  notes_ = &own_notes_;
 }
 
 void BlockIndex::drop_reserved() {

@@ -112,12 +112,15 @@ class BlockIndex {
   // The bytes; none for the inner block of a list or a map.
   std::string_view bytes() const { return bytes_; }
   bool has_bytes() const { return has_bytes_; }
+  bool is_outermost() const { return root_ == this; }
   std::size_t wrong_at() const { return wrong_at_; }
   // There are keys that begin with "s_c_" or "tolk.".
   bool has_reserved() const { return has_reserved_; }
 
   // Before others see the index. A false says that the notes are more than the records can need.
   bool set_notes(std::string_view text);
+  void copy_notes(const TypeNotes* notes);
+  void borrow_notes(const TypeNotes& notes) { notes_ = notes.empty() ? nullptr : &notes; }
   void drop_reserved();
   // Removes a keyed value and returns its bytes.
   std::string_view take(std::string_view key);

@@ -78,7 +78,7 @@ class RecordBuffer {
     void* const piece = ::operator new(whole);
     platform::prefer_large_pages(piece, whole);
     auto* const memory = new (piece) Memory{1, capacity};
-    if (size_ != 0) std::memcpy(memory + 1, bytes(), size_);
+    if (size_ != 0) std::memcpy(reinterpret_cast<char*>(memory + 1), bytes(), size_);
     release();
     memory_ = memory;
   }

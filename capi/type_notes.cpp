@@ -87,6 +87,10 @@ void TypeNotes::add_inner(std::uint32_t record, const TypeNotes& inner) {
   if (!inner.empty()) records_[record].records_ = inner.records_;
 }
 
+void TypeNotes::copy(std::uint32_t record, const TypeNotes& other, std::uint32_t other_record) {
+  if (const TypeNotes* const found = other.find(other_record)) records_[record] = *found;
+}
+
 const TypeNotes* TypeNotes::find(std::uint32_t record) const {
   const auto at = records_.find(record);
   if (at != records_.end()) return &at->second;

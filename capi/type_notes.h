@@ -38,6 +38,9 @@ class TypeNotes {
   // The record holds a block that has these notes.
   void add_inner(std::uint32_t record, const TypeNotes& inner);
 
+  // What the notes of another block say about one of its records.
+  void copy(std::uint32_t record, const TypeNotes& other, std::uint32_t other_record);
+
   std::optional<TypeNote> of(std::uint32_t record) const;
   // The notes about what is inside the record; null without any.
   const TypeNotes* inside(std::uint32_t record) const;
