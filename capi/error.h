@@ -19,15 +19,15 @@ namespace tolk {
 // What an error says. All but the status may be absent.
 struct Failure {
   tolk_status status = TOLK_MISUSE;
-  std::string method;
-  std::string address;
-  std::string peer;
-  std::string reason;  // absent: the usual text of the status
-  std::string wanted;
-  std::string found;
+  std::string method{};
+  std::string address{};
+  std::string peer{};
+  std::string reason{};  // absent: the usual text of the status
+  std::string wanted{};
+  std::string found{};
   const char* hint = nullptr;  // a literal that replaces the status's
   std::int32_t code = 0;
-  std::shared_ptr<const tolk_block> details;
+  std::shared_ptr<const tolk_block> details{};
 };
 
 // A counted error, or none.

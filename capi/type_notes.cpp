@@ -24,24 +24,27 @@ std::string_view next_part(std::string_view& rest, char end) {
 
 }  // namespace
 
-TypeNotes TypeNotes::parse(std::string_view text) {
+TypeNotes TypeNotes::parse(std::string_view text) { return *parse(text, text.size()); }
+
+std::optional<TypeNotes> TypeNotes::parse(std::string_view text, std::size_t most) {
   TypeNotes notes;
   while (!text.empty()) {
     std::string_view type = next_part(text, ' ');
     const std::string_view path = next_part(type, '=');
-    if (const auto note = note_of(type)) notes.add_path(path, *note);
+    const auto note = note_of(type);
+    if (note && !notes.add_path(path, *note, most)) return std::nullopt;
   }
   return notes;
 }
 
-// Looks at the whole path first: one that is skipped must leave nothing behind.
-void TypeNotes::add_path(std::string_view path, TypeNote note) {
-  if (path.empty() || path.back() == '.') return;
+// Looks at the whole path first: one that is skipped must leave nothing behind. False: no room.
+bool TypeNotes::add_path(std::string_view path, TypeNote note, std::size_t& room) {
+  if (path.empty() || path.back() == '.') return true;
   std::array<std::uint32_t, kMostDepth> steps{};
   std::size_t depth = 0;
   while (!path.empty()) {
     const std::string_view step = next_part(path, '.');
-    if (depth == steps.size()) return;
+    if (depth == steps.size()) return true;
     std::uint32_t& record = steps.at(depth++);
     if (step == "*") {
       record = kEvery;
@@ -49,11 +52,16 @@ void TypeNotes::add_path(std::string_view path, TypeNote note) {
     }
     const char* const end = step.data() + step.size();
     const auto parsed = std::from_chars(step.data(), end, record);
-    if (parsed.ec != std::errc() || parsed.ptr != end || record == kEvery) return;
+    if (parsed.ec != std::errc() || parsed.ptr != end || record == kEvery) return true;
   }
   TypeNotes* at = this;
-  for (std::size_t i = 0; i < depth; ++i) at = &at->records_[steps.at(i)];
+  for (std::size_t i = 0; i < depth; ++i) {
+    const auto [entry, is_new] = at->records_.try_emplace(steps.at(i));
+    if (is_new && room-- == 0) return false;
+    at = &entry->second;
+  }
   at->own_ = note;
+  return true;
 }
 
 std::string TypeNotes::text() const {
@@ -77,6 +85,10 @@ void TypeNotes::write(std::string& to, const std::string& path) const {
 
 void TypeNotes::add_inner(std::uint32_t record, const TypeNotes& inner) {
   if (!inner.empty()) records_[record].records_ = inner.records_;
+}
+
+void TypeNotes::copy(std::uint32_t record, const TypeNotes& other, std::uint32_t other_record) {
+  if (const TypeNotes* const found = other.find(other_record)) records_[record] = *found;
 }
 
 const TypeNotes* TypeNotes::find(std::uint32_t record) const {

@@ -27,6 +27,8 @@ class TypeNotes {
   static constexpr int kMostDepth = 64;
 
   static TypeNotes parse(std::string_view text);
+  // None if they are about more than `most` records.
+  static std::optional<TypeNotes> parse(std::string_view text, std::size_t most);
   std::string text() const;
   bool empty() const { return records_.empty(); }
 
@@ -36,6 +38,9 @@ class TypeNotes {
   // The record holds a block that has these notes.
   void add_inner(std::uint32_t record, const TypeNotes& inner);
 
+  // What the notes of another block say about one of its records.
+  void copy(std::uint32_t record, const TypeNotes& other, std::uint32_t other_record);
+
   std::optional<TypeNote> of(std::uint32_t record) const;
   // The notes about what is inside the record; null without any.
   const TypeNotes* inside(std::uint32_t record) const;
@@ -43,7 +48,8 @@ class TypeNotes {
  private:
   static constexpr std::uint32_t kEvery = UINT32_MAX;
 
-  void add_path(std::string_view path, TypeNote note);
+  // `room`: how many records may be added.
+  bool add_path(std::string_view path, TypeNote note, std::size_t& room);
   void write(std::string& to, const std::string& path) const;
   const TypeNotes* find(std::uint32_t record) const;
 
