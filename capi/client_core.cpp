@@ -25,6 +25,7 @@ ClientCore::ClientCore(Endpoint where, std::string address, CoreSettings setting
       patience_ms_(options.patience_ms),
       connect_limit_ms_(options.connect_limit_ms == 0 ? kUsualConnectLimitMs
                                                       : options.connect_limit_ms),
+      rules_(rules_of(options.most_frame_bytes)),
       on_gone_(options.on_gone) {
   handle_.core = this;
 }
@@ -41,6 +42,7 @@ tolk_status ClientCore::fail_connect(tolk_status status, const std::string& reas
   failure.status = status;
   failure.address = address();
   failure.reason = reason;
+  if (status == TOLK_NOT_CONNECTED) failure.code = attempt_status_;
   if (!refused_user_.empty()) failure.peer = refused_user_;
   if (status == TOLK_REFUSED && refused_user_.empty()) {
     failure.wanted = kVersionText;
@@ -64,6 +66,9 @@ tolk_status ClientCore::connect(tolk_error** error) {
   while (!attempt()) {
     if (!refused_user_.empty()) {
       return fail_connect(TOLK_REFUSED, "the server is another user's", error);
+    }
+    if (attempt_status_ == UV_ETIMEDOUT) {
+      return fail_connect(TOLK_TIMED_OUT, "the server does not answer", error);
     }
     if (patience_ms_ >= 0 && uv_hrtime() - begin >= patience) {
       return fail_connect(TOLK_NOT_CONNECTED, "nobody listens there", error);

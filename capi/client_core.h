@@ -5,6 +5,7 @@
 
 #include <tolk/c.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -57,12 +58,17 @@ class ClientCore final : public Core, public ClientEvents {
   void on_run_out(const Endpoint&) TOLK_LOOP override {}
   void on_broken_off() TOLK_LOOP override { lose_server(TOLK_GONE); }
   bool begins_calls_when_lost() const override { return false; }
+  int connect_limit_ms() const override { return std::max(connect_limit_ms_, 0); }
+  void on_attempt_failed(int status) TOLK_LOOP override { attempt_status_ = status; }
+  StreamRules stream_rules() const override { return rules_; }
 
   const Endpoint where_;
   const std::int32_t patience_ms_;
   const std::int32_t connect_limit_ms_;
+  const StreamRules rules_;
   void (*const on_gone_)(void* context, tolk_client* client, const tolk_error* why);
   tolk_client handle_;
+  int attempt_status_ = 0;    // the same
   std::string refused_user_;  // by the loop thread, before the attempt is decided
   std::atomic<std::uint64_t> version_check_{0};
   // What the server says about its version: by the loop thread, before the check is completed.

@@ -27,6 +27,13 @@
 
 namespace tolk {
 
+inline StreamRules rules_of(std::size_t most_frame_bytes) {
+  StreamRules rules;
+  rules.strict = true;
+  if (most_frame_bytes != 0) rules.most_frame_bytes = most_frame_bytes;
+  return rules;
+}
+
 struct CoreSettings {
   std::shared_ptr<MethodTable> methods;  // may be null
   std::int32_t limit_ms = 0;
@@ -85,6 +92,8 @@ class Core {
 
   void set_session(std::shared_ptr<Session> session) { *session_.lock() = std::move(session); }
   std::shared_ptr<Session> session() const { return *session_.lock(); }
+  // No new call is accepted from here on.
+  virtual void begin_draining() {}
   // Has the loop thread end the session. The peers are lost already.
   virtual void ask_for_end(Session& session) = 0;
   // A peer's connection has ended.

@@ -112,6 +112,7 @@ tolk_status Core::close(std::int32_t limit_ms) {
     return Callbacks::inside(*this) || on_loop_thread() ? TOLK_OK : wait_closed(TOLK_FOREVER);
   }
   const WorkerPool::Blocked others_may_run;
+  if (limit_ms != 0) begin_draining();
   bool written = true;
   if (limit_ms != 0 && !Callbacks::inside(*this) && !on_loop_thread()) {
     written = drain(limit_ms < 0

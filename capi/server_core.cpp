@@ -27,7 +27,7 @@ PeerQuota quota_of(const tolk_server_options& options) {
 }
 
 std::string text_of(const sockaddr_storage& address) {
-  std::array<char, 64> host{};
+  std::array<char, INET6_ADDRSTRLEN> host{};
   if (address.ss_family == AF_INET6) {
     const auto& six = reinterpret_cast<const sockaddr_in6&>(address);
     uv_ip6_name(&six, host.data(), host.size());
@@ -38,10 +38,10 @@ std::string text_of(const sockaddr_storage& address) {
   return "tcp4:" + std::string(host.data()) + ":" + std::to_string(ntohs(four.sin_port));
 }
 
-int port_of(const sockaddr_storage& address) {
-  return address.ss_family == AF_INET6
-             ? ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port)
-             : ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+Endpoint endpoint_of(const Address& where) {
+  Endpoint endpoint = where.endpoint;
+  endpoint.inherited = where.descriptor;
+  return endpoint;
 }
 
 }  // namespace
@@ -54,6 +54,8 @@ ServerCore::ServerCore(Address where, CoreSettings settings, const tolk_server_o
       on_gone_(options.on_gone),
       on_stopped_(options.on_stopped),
       quota_(quota_of(options)),
+      most_clients_(options.most_clients == 0 ? SIZE_MAX : options.most_clients),
+      rules_(rules_of(options.most_frame_bytes)),
       bound_to_(where_.text()) {
   handle_.core = this;
 }
@@ -65,7 +67,7 @@ std::shared_ptr<Core> ServerCore::shared() {
 // Host.
 
 tolk_status ServerCore::listen(tolk_error** error) {
-  const auto session = std::make_shared<ServerSession>(*this, where_.endpoint);
+  const auto session = std::make_shared<ServerSession>(*this, endpoint_of(where_));
   set_session(session);
   if (session->start_thread()) session->wait_until_decided();
   if (session->phase() == Phase::live) return TOLK_OK;
@@ -99,6 +101,13 @@ bool ServerCore::disconnect_client(std::uint64_t id) {
   return true;
 }
 
+void ServerCore::begin_draining() {
+  run_on_loop([self = std::static_pointer_cast<ServerCore>(shared_from_this())] {
+    enter_loop();
+    static_cast<ServerSession&>(*self->session()).stop_listening();
+  });
+}
+
 void ServerCore::ask_for_end(Session& session) {
   session.enter(Phase::close_asked);
   session.wake_for_end();
@@ -106,20 +115,20 @@ void ServerCore::ask_for_end(Session& session) {
 
 // Loop.
 
-bool ServerCore::on_listening(uv_loop_t* loop, const Endpoint& where) {
+bool ServerCore::on_listening(uv_loop_t* loop, const Endpoint&) {
   if (!open_deadlines(loop)) return false;
-  if (!where.is_tcp()) return true;
-  const auto& bound = static_cast<ServerSession&>(*session()).bound_address();
-  bound_to_ = text_of(bound);
-  port_ = port_of(bound);
+  const auto& listening = static_cast<ServerSession&>(*session());
+  const Endpoint bound = listening.bound_address();
+  bound_to_ = Address{bound, std::nullopt}.text();
+  if (listening.is_tcp()) port_ = bound.port();
   return true;
 }
 
 std::shared_ptr<Peer> ServerCore::new_peer(PeerStream& stream) {
-  std::string from = address();
+  std::string from = bound_to_;
   sockaddr_storage name{};
   int size = sizeof name;
-  if (where_.endpoint.is_tcp() &&
+  if (static_cast<ServerSession&>(*session()).is_tcp() &&
       uv_tcp_getpeername(&stream.handle().tcp, reinterpret_cast<sockaddr*>(&name), &size) == 0) {
     from = text_of(name);
   }

@@ -43,6 +43,7 @@ class ServerCore final : public Core, public ServerEvents {
  private:
   using Hook = void (*)(void* context, tolk_server* server, const tolk_peer* client);
 
+  void begin_draining() override;
   void ask_for_end(Session& session) override;
 
   // Loop.
@@ -67,6 +68,10 @@ class ServerCore final : public Core, public ServerEvents {
   void on_client_gone(int id, int status) TOLK_LOOP override;
   void on_client_left(int, bool) TOLK_LOOP override {}
   bool on_delivery() TOLK_LOOP override { return true; }
+  bool removes_port_file() const override { return false; }
+  bool keeps_connections() const override { return false; }
+  bool may_accept(std::size_t count) TOLK_LOOP override { return count < most_clients_; }
+  StreamRules stream_rules() const override { return rules_; }
   void on_closing_async() TOLK_LOOP override {}
   void on_closed_async() TOLK_LOOP override {}
 
@@ -76,6 +81,8 @@ class ServerCore final : public Core, public ServerEvents {
   const Hook on_gone_;
   void (*const on_stopped_)(void* context, tolk_server* server, const tolk_error* why);
   const PeerQuota quota_;
+  const std::size_t most_clients_;
+  const StreamRules rules_;
   tolk_server handle_;
   // By the loop thread, before the start is decided.
   std::string bound_to_;

@@ -1,6 +1,5 @@
 // Accepting clients, and a client's leaving.
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "platform/guarded.h"
@@ -30,6 +29,7 @@ void ServerSession::on_connection(int status) {
     return;
   }
   if (!takes_messages()) return;
+  if (!side_.may_accept(open_.size())) return turn_away();
   PeerStream& connection = new_connection();
   // What needs memory comes first: a connection that was accepted cannot be put back.
   if (open_.size() == open_.capacity()) open_.reserve(2 * open_.size() + 1);
@@ -67,7 +67,7 @@ int ServerSession::accept(PeerStream& connection) {
     return made;
   }
   const int status = uv_accept(&listener_.stream, &connection.handle().stream);
-  if (status != 0) connection.close();
+  if (status != 0) close_connection(connection);
   if (status == 0 && is_tcp()) uv_tcp_nodelay(&connection.handle().tcp, 1);
   return status;
 }
@@ -89,14 +89,15 @@ bool ServerSession::refused(PeerStream& connection) {
 }
 
 void ServerSession::forget(uv_handle_t* handle) {
-  auto* const refused = static_cast<PeerStream*>(handle->data);
-  auto& session = static_cast<ServerSession&>(refused->owner());
+  auto* const closed = static_cast<PeerStream*>(handle->data);
+  auto& session = static_cast<ServerSession&>(closed->owner());
   session.check_loop_thread();
   auto& all = session.all_;
-  // From the back: it came last, or nearly so.
+  // From the back: one that is refused came last, or nearly so.
   const auto found = std::find_if(all.rbegin(), all.rend(),
-                                  [&](const auto& kept) { return kept.get() == refused; });
-  all.erase(std::next(found).base());
+                                  [&](const auto& kept) { return kept.get() == closed; });
+  std::swap(*found, all.back());
+  all.pop_back();
 }
 
 void ServerSession::take_connection(PeerStream& connection) {
@@ -138,7 +139,7 @@ void ServerSession::end_connection(PeerStream& connection, int status) {
     enter_loop();
     remove_connection(connection, status);
   });
-  connection.close();
+  close_connection(connection);
 }
 
 void ServerSession::remove_connection(PeerStream& connection, int status) {
@@ -146,8 +147,13 @@ void ServerSession::remove_connection(PeerStream& connection, int status) {
   std::erase(open_, &connection);
   open_by_id_.erase(connection.id());
   side_.on_client_left(connection.id(), connection.has_read());
-  connection.close();
+  close_connection(connection);
   connection.drop_pending();
+}
+
+void ServerSession::close_connection(PeerStream& connection) {
+  if (side_.keeps_connections()) return connection.close();
+  if (!connection.is_closing()) uv_close(&connection.handle().handle, forget);
 }
 
 }  // namespace tolk

@@ -1,7 +1,9 @@
 // Connecting, and what a connected client writes.
 #include "sessions/client_session.h"
 
+#include <algorithm>
 #include <cassert>
+#include <cstdint>
 #include <utility>
 
 #include "platform/peer_user.h"
@@ -17,7 +19,8 @@ ClientSession::ClientSession(ClientEvents& side, Endpoint where)
 void ClientSession::body() {
   check_loop_thread();
   side_.on_starting(where_);
-  if (connect() && go_live()) {
+  const int status = attempt();
+  if (status == 0) {
     run_loop();
     run_until_handles_closed();
     side_.on_run_out(where_);
@@ -25,23 +28,47 @@ void ClientSession::body() {
     close_queue();
     close_all_handles();
     run_until_handles_closed();
+    side_.on_attempt_failed(status);
   }
   finish();
 }
 
-// Runs the loop until the attempt is decided. An error without a callback decides it too.
-bool ClientSession::connect() {
-  if (failed(open_loop(), SetupStep::loop)) return false;
-  if (failed(stream_.init(where_.is_tcp()), SetupStep::stream)) return false;
-  if (start_connecting() != 0) return false;
-  while (!connect_status_ && uv_loop_alive(loop())) uv_run(loop(), UV_RUN_ONCE);
-  return connect_status_.value_or(UV_ECANCELED) >= 0 && server_is_trusted();
+int ClientSession::attempt() {
+  const int status = connect();
+  if (status != 0) return status;
+  return server_is_trusted() ? go_live() : UV_EACCES;
 }
 
-bool ClientSession::failed(int status, SetupStep step) {
-  if (status == 0) return false;
-  side_.on_setup_failed(where_, step);
-  return true;
+// Runs the loop until the attempt is decided. An error without a callback decides it too.
+int ClientSession::connect() {
+  if (const int opened = failed(open_loop(), SetupStep::loop)) return opened;
+  if (const int made = failed(stream_.init(where_.is_tcp()), SetupStep::stream)) return made;
+  if (const int started = start_connecting()) return started;
+  if (const int limited = limit_connecting()) return limited;
+  while (!connect_status_ && uv_loop_alive(loop())) uv_run(loop(), UV_RUN_ONCE);
+  if (connect_limit_.data != nullptr) close_handle(reinterpret_cast<uv_handle_t*>(&connect_limit_));
+  return std::min(connect_status_.value_or(UV_ECANCELED), 0);
+}
+
+int ClientSession::limit_connecting() {
+  const int limit_ms = side_.connect_limit_ms();
+  if (limit_ms <= 0) return 0;
+  const int made = uv_timer_init(loop(), &connect_limit_);
+  if (made != 0) return made;
+  connect_limit_.data = this;
+  return uv_timer_start(&connect_limit_, on_connect_limit, static_cast<std::uint64_t>(limit_ms), 0);
+}
+
+// The connect request ends with the stream, after the attempt is decided.
+void ClientSession::on_connect_limit(uv_timer_t* timer) {
+  auto* const session = static_cast<ClientSession*>(timer->data);
+  session->check_loop_thread();
+  if (!session->connect_status_) session->connect_status_ = UV_ETIMEDOUT;
+}
+
+int ClientSession::failed(int status, SetupStep step) {
+  if (status != 0) side_.on_setup_failed(where_, step);
+  return status;
 }
 
 int ClientSession::start_connecting() {
@@ -55,12 +82,10 @@ int ClientSession::start_connecting() {
 
 int ClientSession::start_connecting_tcp() {
   sockaddr_storage address{};
-  const int parsed = where_.parse_address(&address);
-  if (failed(parsed, SetupStep::address)) return parsed;
+  if (const int parsed = failed(where_.parse_address(&address), SetupStep::address)) return parsed;
   const int started = uv_tcp_connect(&request_, &stream_.handle().tcp,
                                      reinterpret_cast<const sockaddr*>(&address), on_connect);
-  failed(started, SetupStep::connect);
-  return started;
+  return failed(started, SetupStep::connect);
 }
 
 void ClientSession::on_connect(uv_connect_t* request, int status) {
@@ -78,13 +103,14 @@ bool ClientSession::server_is_trusted() {
 }
 
 // Everything that a caller may use is set up before anybody can see the client as connected.
-bool ClientSession::go_live() {
+int ClientSession::go_live() {
   if (where_.is_tcp()) uv_tcp_nodelay(&stream_.handle().tcp, 1);
-  if (open_queue() != 0 || stream_.start_reading() != 0) return false;
-  if (!side_.on_connected(loop(), where_)) return false;
+  if (const int opened = open_queue()) return opened;
+  if (const int reading = stream_.start_reading()) return reading;
+  if (!side_.on_connected(loop(), where_)) return UV_ECANCELED;
   [[maybe_unused]] const bool entered = enter(Phase::live);
   assert(entered);
-  return true;
+  return 0;
 }
 
 bool ClientSession::deliver(int, Frame frame) {

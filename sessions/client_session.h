@@ -32,15 +32,19 @@ class ClientSession final : public Session {
 
  private:
   static void on_connect(uv_connect_t* request, int status);
+  static void on_connect_limit(uv_timer_t* timer);
 
   void body() TOLK_LOOP override;
   const char* kind() const override { return "client"; }
-  bool connect() TOLK_LOOP;
-  bool failed(int status, ClientEvents::SetupStep step) TOLK_LOOP;
+  // 0, or why the attempt failed.
+  int attempt() TOLK_LOOP;
+  int connect() TOLK_LOOP;
+  int limit_connecting() TOLK_LOOP;
+  int failed(int status, ClientEvents::SetupStep step) TOLK_LOOP;
   int start_connecting() TOLK_LOOP;
   int start_connecting_tcp() TOLK_LOOP;
   bool server_is_trusted() TOLK_LOOP;
-  bool go_live() TOLK_LOOP;
+  int go_live() TOLK_LOOP;
 
   // In close.cpp.
   void carry_out_ending() TOLK_LOOP override;
@@ -50,6 +54,7 @@ class ClientSession final : public Session {
   const Endpoint where_;
   PeerStream stream_;
   uv_connect_t request_ TOLK_GUARDED_BY(loop_role){};
+  uv_timer_t connect_limit_ TOLK_GUARDED_BY(loop_role){};
   std::optional<int> connect_status_ TOLK_GUARDED_BY(loop_role);
 };
 

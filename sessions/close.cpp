@@ -148,7 +148,7 @@ void ServerSession::close_here(PeerStream* answered) {
   }
   open_.clear();
   close_handle(&listener_.handle);
-  name_lock_.release();
+  release_address();
   if (answered == nullptr) {
     close_all_handles();
   } else {
@@ -192,7 +192,7 @@ void ServerSession::close_async_here() {
   side_.on_closing_async();
   close_queue();
   close_all_handles();
-  name_lock_.release();
+  release_address();
   enter(Phase::closed);
   side_.on_closed_async();
   stop_loop();

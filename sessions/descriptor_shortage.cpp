@@ -49,7 +49,7 @@ void ServerSession::pause_listening() {
 void ServerSession::on_listener_closed(uv_handle_t* listener) {
   auto* const session = static_cast<ServerSession*>(listener->data);
   session->check_loop_thread();
-  if (!session->takes_messages()) return;
+  if (!session->takes_messages() || session->listening_ended_) return;
   uv_timer_start(&session->listening_pause_, on_pause_over, kNoDescriptorPauseMs, 0);
 }
 
@@ -65,10 +65,13 @@ void ServerSession::on_pause_over(uv_timer_t* timer) {
   if (session->listen_again() != 0) uv_close(listener, on_listener_closed);
 }
 
-// The name of a pipe is still claimed; its file went with the listener that was closed.
+// The name of a pipe is still claimed; its file went with the listener that was closed. At an
+// inherited socket clients have waited.
 int ServerSession::listen_again() {
   int status = 0;
-  if (is_tcp()) {
+  if (where_.inherited) {
+    status = open_duplicate();
+  } else if (is_tcp()) {
     status = uv_tcp_bind(&listener_.tcp, reinterpret_cast<const sockaddr*>(&bound_address_), 0);
   } else {
     status = uv_pipe_bind(&listener_.pipe, bound_path_.c_str());

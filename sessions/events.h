@@ -8,6 +8,7 @@
 
 #include <uv.h>
 
+#include <cstddef>
 #include <string>
 
 #include "transport/endpoint.h"
@@ -40,6 +41,12 @@ class ClientEvents : public MessageSide {
   virtual void on_broken_off() TOLK_LOOP = 0;
   // Any thread: whether calls that were queued before the server went may still begin.
   virtual bool begins_calls_when_lost() const = 0;
+
+  // How long the system may take to connect; 0: as long as it likes.
+  virtual int connect_limit_ms() const { return 0; }
+  // Last of a failed attempt, once all handles are closed. `status`: why it failed; UV_ETIMEDOUT
+  // for the limit, UV_EACCES for a server that was refused, UV_ECANCELED when the side ended it.
+  virtual void on_attempt_failed(int /*status*/) TOLK_LOOP {}
 };
 
 class ServerEvents : public MessageSide {
@@ -68,6 +75,14 @@ class ServerEvents : public MessageSide {
   // closeasync() was heard; then: posts are refused, the handles are closing.
   virtual void on_closing_async() TOLK_LOOP = 0;
   virtual void on_closed_async() TOLK_LOOP = 0;
+
+  // Whether starting on TCP removes a file that is named like the port.
+  virtual bool removes_port_file() const { return true; }
+  // Whether a connection that has ended is kept until the session's end, so that its id never comes
+  // back. Only a side that keeps them may let workers run the calls of a stream.
+  virtual bool keeps_connections() const { return true; }
+  // Whether a connection may come to `count` others. One that may not is closed at once.
+  virtual bool may_accept(std::size_t /*count*/) TOLK_LOOP { return true; }
 };
 
 }  // namespace tolk

@@ -3,7 +3,7 @@
 // Thread: the loop thread, except what Session offers to others.
 // Owner: the side and the loop thread. The session keeps every connection that it accepted until
 // its own end, closed ones too: an address, and so a client id, never comes back during a server's
-// life.
+// life. A side that has ids of its own may have them forgotten instead: keeps_connections.
 // Failure: a listen that fails closes what it opened and ends the session.
 #pragma once
 
@@ -15,6 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/inherited_socket.h"
 #include "platform/pipe_name.h"
 #include "sessions/events.h"
 #include "sessions/session.h"
@@ -29,9 +30,13 @@ class ServerSession final : public Session {
   // In listen.cpp: the loop thread's life, in two halves for a host that runs the loop itself.
   bool listen() TOLK_LOOP;
   void serve() TOLK_LOOP;
-  bool is_tcp() const { return where_.is_tcp(); }
-  // TCP only: with the port that the system chose for port 0.
-  const sockaddr_storage& bound_address() const TOLK_LOOP { return bound_address_; }
+  bool is_tcp() const { return is_tcp_; }
+  // Of a session that listens: what it is bound to, with the port that the system chose for port 0.
+  // The name of an inherited pipe is its path.
+  Endpoint bound_address() const TOLK_LOOP;
+  // Of a live session: takes no further connections and gives up its address. Has no effect the
+  // second time.
+  void stop_listening() TOLK_LOOP;
 
   ServerEvents& side() override { return side_; }
   bool deliver(int peer, Frame frame) TOLK_LOOP override;
@@ -51,14 +56,18 @@ class ServerSession final : public Session {
   const char* kind() const override { return "server"; }
   bool open_listener() TOLK_LOOP;
   int bind_pipe() TOLK_LOOP;
-  int init_tcp() TOLK_LOOP;
+  bool bind_tcp() TOLK_LOOP;
+  int open_inherited() TOLK_LOOP;
+  int open_duplicate() TOLK_LOOP;
+  void note_bound_address() TOLK_LOOP;
+  void release_address() TOLK_LOOP;
   void remove_file(const std::string& path) TOLK_LOOP;
   bool failed(const char* step, int status) TOLK_LOOP;
 
   // accept.cpp
   static void on_connection_cb(uv_stream_t* listener, int status);
   static void on_turned_away(uv_handle_t* handle);
-  static void forget(uv_handle_t* refused);
+  static void forget(uv_handle_t* closed);
   void on_connection(int status) TOLK_LOOP;
   PeerStream& new_connection() TOLK_LOOP;
   int accept(PeerStream& connection) TOLK_LOOP;
@@ -66,6 +75,7 @@ class ServerSession final : public Session {
   void take_connection(PeerStream& connection) TOLK_LOOP;
   void end_connection(PeerStream& connection, int status) TOLK_LOOP;
   void remove_connection(PeerStream& connection, int status) TOLK_LOOP;
+  void close_connection(PeerStream& connection) TOLK_LOOP;
   void turn_away() TOLK_LOOP;
 
   // descriptor_shortage.cpp
@@ -87,9 +97,12 @@ class ServerSession final : public Session {
 
   ServerEvents& side_;
   const Endpoint where_;
+  bool is_tcp_;  // an inherited socket says it before the session is live
   StreamHandle listener_ TOLK_GUARDED_BY(loop_role);
   platform::PipeNameLock name_lock_ TOLK_GUARDED_BY(loop_role);
-  // All that were accepted; the open ones, in the order of accept; the open ones by id.
+  platform::InheritedSocket inherited_ TOLK_GUARDED_BY(loop_role);
+  // All that were accepted and not forgotten; the open ones, in the order of accept; the open ones
+  // by id.
   std::vector<std::unique_ptr<PeerStream>> all_ TOLK_GUARDED_BY(loop_role);
   std::vector<PeerStream*> open_ TOLK_GUARDED_BY(loop_role);
   std::unordered_map<int, PeerStream*> open_by_id_ TOLK_GUARDED_BY(loop_role);
@@ -102,6 +115,7 @@ class ServerSession final : public Session {
   sockaddr_storage bound_address_ TOLK_GUARDED_BY(loop_role){};
   std::string bound_path_ TOLK_GUARDED_BY(loop_role);
   uv_timer_t listening_pause_ TOLK_GUARDED_BY(loop_role){};
+  bool listening_ended_ TOLK_GUARDED_BY(loop_role) = false;
   std::uint64_t no_descriptor_at_ TOLK_GUARDED_BY(loop_role) = 0;  // the loop's time
   int no_descriptor_count_ TOLK_GUARDED_BY(loop_role) = 0;         // at that time
   uv_timer_t drain_limit_ TOLK_GUARDED_BY(loop_role){};

@@ -4,6 +4,7 @@
 
 #include <uv.h>
 
+#include <optional>
 #include <string>
 
 namespace tolk {
@@ -14,6 +15,8 @@ struct Endpoint {
   Kind kind = Kind::pipe;
   std::string host;  // TCP only
   std::string name;  // the pipe's name, or the port's text: what the log lines show
+  // A server's only: a listening socket that the process inherited. The rest counts for nothing.
+  std::optional<int> inherited{};
 
   bool is_tcp() const { return kind != Kind::pipe; }
   // The port that the name stands for: a text that is not a number is 0.

@@ -7,7 +7,8 @@
 // until `dispatch` returns.
 // Memory: follows the bytes received; see GrowingBlock. A length that a peer declares reserves
 // nothing before a good part of the frame has come.
-// Failure: std::bad_alloc. The connection cannot go on then.
+// Failure: std::bad_alloc, and under strict rules a length that they forbid. The connection cannot
+// go on then.
 #pragma once
 
 #include <algorithm>
@@ -20,6 +21,7 @@
 #include "params/shared_bytes.h"
 #include "transport/frame_format.h"
 #include "transport/growing_block.h"
+#include "transport/stream_rules.h"
 
 namespace tolk {
 
@@ -30,6 +32,9 @@ class FrameReader {
   // `large_bytes`: from this size on a frame is large. Only tests take another size.
   explicit FrameReader(std::size_t large_bytes = kLargeBytes) : large_bytes_(large_bytes) {}
 
+  // Before the first read.
+  void follow(const StreamRules& rules) { rules_ = rules; }
+
   // Where the next read should put its bytes; empty when that is all the same.
   std::span<char> room() {
     if (large_.size() == 0) return {};
@@ -39,21 +44,26 @@ class FrameReader {
 
   // Takes `bytes`, from the start of the room or from anywhere else, and hands on every whole
   // frame, in order: `bool dispatch(SharedBytes payload)`; false means that no further frame is
-  // wanted, now or ever.
+  // wanted, now or ever. Returns false when a length breaks strict rules; what comes before it is
+  // handed on.
   template <class Dispatch>
-  void feed(std::string_view bytes, Dispatch&& dispatch) {
+  bool feed(std::string_view bytes, Dispatch&& dispatch) {
     // On purpose: a read that is exactly one frame is handed on even while older bytes wait. Peers
     // rely on it.
-    if (bytes.size() >= kPrefixBytes && frame_format::load_length(bytes) == payload_limit(bytes)) {
+    if (bytes.size() >= kPrefixBytes && frame_format::load_length(bytes) == payload_limit(bytes) &&
+        !rules_.strict) {
       dispatch(SharedBytes{nullptr, bytes.substr(kPrefixBytes)});
-      return;
+      return true;
     }
-    if (!finish_large(bytes, dispatch) || !finish_pending(bytes, dispatch)) return;
+    if (broken_ || !finish_large(bytes, dispatch) || !finish_pending(bytes, dispatch)) {
+      return !broken_;
+    }
     Step step;
     do {
       step = hand_on_one(bytes, dispatch);
     } while (step == Step::next);
     if (step == Step::wait) keep(bytes);
+    return !broken_;
   }
 
   std::size_t pending_bytes() const { return pending_.size() + large_.size(); }
@@ -73,14 +83,22 @@ class FrameReader {
 
   // Dispatches the frame at the front of `rest` and moves past it.
   template <class Dispatch>
-  static Step hand_on_one(std::string_view& rest, Dispatch& dispatch) {
+  Step hand_on_one(std::string_view& rest, Dispatch& dispatch) {
     if (rest.size() < kPrefixBytes) return Step::wait;
     const std::int64_t length = frame_format::load_length(rest);
+    broken_ = is_forbidden(length);
+    if (broken_) return Step::stop;
     if (length > payload_limit(rest)) return Step::wait;
     if (length < 0) return hand_on_negative(rest, length, dispatch);
     const std::string_view frame = rest.substr(0, kPrefixBytes + static_cast<std::size_t>(length));
     rest.remove_prefix(frame.size());
     return dispatch(SharedBytes{nullptr, frame.substr(kPrefixBytes)}) ? Step::next : Step::stop;
+  }
+
+  // Before anything is kept for such a frame.
+  bool is_forbidden(std::int64_t length) const {
+    if (!rules_.strict) return false;
+    return length < 0 || static_cast<std::size_t>(length) > rules_.most_frame_bytes;
   }
 
   // No peer of this library sends a negative length. It counts as a frame without payload, and the
@@ -163,6 +181,8 @@ class FrameReader {
   }
 
   const std::size_t large_bytes_;
+  StreamRules rules_;
+  bool broken_ = false;  // a length has broken strict rules
   std::string pending_;  // the start of a frame
   GrowingBlock large_;   // the same, of a large one; at most one of the two is not empty
   std::size_t large_total_ = 0;

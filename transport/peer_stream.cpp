@@ -18,6 +18,11 @@ int PeerStream::id() const {
   return static_cast<int>(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&handle_)));
 }
 
+int PeerStream::init(bool is_tcp) {
+  reader_->follow(owner_.side().stream_rules());
+  return handle_.init(owner_.loop(), is_tcp, this);
+}
+
 int PeerStream::start_reading() {
   return uv_read_start(&handle_.stream, allocBufferCb, on_read_cb);
 }
@@ -88,19 +93,18 @@ void PeerStream::on_read(ssize_t count, const char* bytes) {
 }
 
 void PeerStream::feed(std::string_view bytes) {
-  bool intact = false;
+  int status = UV_ENOMEM;  // there was no memory for what came
   guarded([&] {
     enter_loop();
-    reader_->feed(bytes, [this](SharedBytes payload) {
+    const bool goes_on = reader_->feed(bytes, [this](SharedBytes payload) {
       enter_loop();
       owner_.read_block().share_with(payload);
       owner_.side().on_message(*this, std::move(payload));
       return owner_.takes_messages();
     });
-    intact = true;
+    status = goes_on ? 0 : UV_EPROTO;
   });
-  // There was no memory for what came.
-  if (!intact && owner_.takes_messages()) owner_.on_stream_end(*this, UV_ENOMEM);
+  if (status != 0 && owner_.takes_messages()) owner_.on_stream_end(*this, status);
 }
 
 }  // namespace tolk

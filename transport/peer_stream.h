@@ -6,8 +6,8 @@
 //
 // Thread: the loop thread, except id(), which any thread may call.
 // Owner: the session, which keeps the storage until its loop is closed.
-// Failure: a stream that cannot go on (its peer left, a read failed, no memory for a message or for
-// a reply) tells its session by on_stream_end.
+// Failure: a stream that cannot go on (its peer left or broke the framing, a read failed, no memory
+// for a message or for a reply) tells its session by on_stream_end.
 #pragma once
 
 #include <uv.h>
@@ -22,6 +22,7 @@
 #include "transport/frame_reader.h"
 #include "transport/read_block.h"
 #include "transport/stream_handle.h"
+#include "transport/stream_rules.h"
 #include "transport/thread_safety.h"
 #include "transport/work_item.h"
 
@@ -41,6 +42,8 @@ class MessageSide : public std::enable_shared_from_this<MessageSide> {
 
   virtual void on_message(PeerStream& stream, SharedBytes payload) TOLK_LOOP = 0;
   virtual void on_reply_refused() TOLK_LOOP {}
+  // What the streams of this side are held to.
+  virtual StreamRules stream_rules() const { return {}; }
 };
 
 // What a stream asks of its session.
@@ -78,7 +81,7 @@ class PeerStream {
   PeerStream(const PeerStream&) = delete;
   PeerStream& operator=(const PeerStream&) = delete;
 
-  int init(bool is_tcp) TOLK_LOOP { return handle_.init(owner_.loop(), is_tcp, this); }
+  int init(bool is_tcp) TOLK_LOOP;
   int start_reading() TOLK_LOOP;
   // What the system has already given is still handed on. start_reading goes on.
   void stop_reading() TOLK_LOOP { uv_read_stop(&handle_.stream); }

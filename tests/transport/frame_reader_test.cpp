@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <memory>
 #include <new>
 #include <random>
@@ -35,6 +37,10 @@ std::string frame(std::string_view payload) {
 class Connection {
  public:
   explicit Connection(std::size_t large_bytes = FrameReader::kLargeBytes) : reader_(large_bytes) {}
+  explicit Connection(const tolk::StreamRules& rules, std::size_t large_bytes = 64)
+      : reader_(large_bytes) {
+    reader_.follow(rules);
+  }
 
   // In memory of exactly that size, so that the sanitizer sees any read behind it.
   void read(std::string_view bytes) {
@@ -62,10 +68,11 @@ class Connection {
   Payloads payloads;
   std::vector<std::shared_ptr<const void>> owners;
   std::size_t wanted = SIZE_MAX;
+  bool broken = false;
 
  private:
   void feed(std::string_view bytes) {
-    reader_.feed(bytes, [this](const tolk::SharedBytes& payload) {
+    broken = !reader_.feed(bytes, [this](const tolk::SharedBytes& payload) {
       payloads.emplace_back(payload.view);
       owners.push_back(payload.owner);
       return payloads.size() < wanted;
@@ -435,6 +442,103 @@ TEST(FrameReader, RandomStreamsGiveWhatTheNaiveReaderGives) {
     expect_as_naive(reads);
     ASSERT_FALSE(HasFatalFailure()) << "seed " << seed;
   }
+}
+
+// Strict rules.
+
+constexpr tolk::StreamRules kStrict{true, 100};
+
+std::string with_length(std::int32_t length) {
+  std::string bytes;
+  for (unsigned i = 0; i < 4; ++i) {
+    bytes += static_cast<char>(static_cast<std::uint32_t>(length) >> (8 * i));
+  }
+  return bytes;
+}
+
+TEST(StrictFrames, ReadThatIsOneFrameIsHandedOnInPlace) {
+  FrameReader reader;
+  reader.follow(kStrict);
+  const std::string bytes = frame("hello");
+  const char* seen = nullptr;
+  EXPECT_TRUE(reader.feed(bytes, [&](const tolk::SharedBytes& payload) {
+    seen = payload.view.data();
+    return true;
+  }));
+  EXPECT_EQ(seen, bytes.data() + 4);
+}
+
+// What looks like one frame is the middle of another.
+TEST(StrictFrames, NothingOvertakesBytesThatWait) {
+  for (const std::size_t large : {std::size_t{16}, std::size_t{1000}}) {
+    Connection connection(kStrict, large);
+    const std::string inner = frame("inner");
+    const std::string outer = frame("early" + inner + "late");
+    connection.read(outer.substr(0, 9));
+    connection.read(inner);
+    EXPECT_TRUE(connection.payloads.empty());
+    connection.read(outer.substr(9 + inner.size()));
+    EXPECT_EQ(connection.payloads, Payloads{outer.substr(4)});
+    EXPECT_FALSE(connection.broken);
+  }
+}
+
+TEST(StrictFrames, NegativeLengthBreaksTheStreamWhereverItIsCut) {
+  for (const std::int32_t length : {-1, -4, -5, std::numeric_limits<std::int32_t>::min()}) {
+    const std::string bytes = frame("good") + with_length(length) + frame("never");
+    for (std::size_t cut = 1; cut <= bytes.size(); ++cut) {
+      Connection connection(kStrict);
+      connection.read(bytes.substr(0, cut));
+      EXPECT_EQ(connection.broken, cut >= 12) << cut;
+      connection.read(bytes.substr(cut));
+      EXPECT_TRUE(connection.broken);
+      EXPECT_EQ(connection.payloads, Payloads{"good"});
+    }
+  }
+}
+
+TEST(StrictFrames, LengthAboveTheBoundBreaksTheStreamBeforeAnythingIsKept) {
+  Connection connection(kStrict);
+  connection.read(frame(std::string(100, 'x')));
+  EXPECT_FALSE(connection.broken);
+  connection.read(with_length(101));
+  EXPECT_TRUE(connection.broken);
+  EXPECT_EQ(connection.waiting(), 0u);
+  connection.read(frame("never"));
+  EXPECT_TRUE(connection.broken);
+  EXPECT_EQ(connection.payloads, Payloads{std::string(100, 'x')});
+}
+
+TEST(StrictFrames, BoundHoldsForAFrameWhoseLengthComesInParts) {
+  Connection connection(kStrict);
+  const std::string length = with_length(101);
+  connection.read(length.substr(0, 3));
+  EXPECT_FALSE(connection.broken);
+  connection.read(length.substr(3));
+  EXPECT_TRUE(connection.broken);
+  EXPECT_FALSE(connection.offers_room());
+}
+
+TEST(StrictFrames, AnyCutGivesTheSamePayloads) {
+  const Payloads payloads{"", "one", pattern(70), "", pattern(100), "last"};
+  std::string bytes;
+  for (const std::string& payload : payloads) bytes += frame(payload);
+  for (std::size_t part = 1; part <= bytes.size(); ++part) {
+    Connection connection(kStrict);
+    for (std::size_t at = 0; at < bytes.size();) {
+      at += connection.read_in_place(std::string_view(bytes).substr(at, part));
+    }
+    EXPECT_EQ(connection.payloads, payloads) << part;
+    EXPECT_EQ(connection.waiting(), 0u);
+  }
+}
+
+TEST(StreamRules, DefaultsBreakNothing) {
+  Connection connection;
+  connection.read(with_length(-1) + frame("good"));
+  EXPECT_FALSE(connection.broken);
+  connection.read(with_length(std::numeric_limits<std::int32_t>::max()));
+  EXPECT_FALSE(connection.broken);
 }
 
 }  // namespace

@@ -53,7 +53,9 @@ class Side final : public tolk::MessageSide, private tolk::PlainReceiver {
     return answers();
   }
   void on_reply_refused() TOLK_LOOP override { log_.emplace_back("refused"); }
+  tolk::StreamRules stream_rules() const override { return rules; }
 
+  tolk::StreamRules rules;
   bool malformed_counts = false;
   std::string called;
   std::string arguments;
@@ -151,6 +153,18 @@ TEST_F(ConnectedStream, TellsItsFirstReadOnceThenRepliesInOrderThenItsEnd) {
   run_until([this] { return log.size() == 3; });
   run_until_end();
   EXPECT_EQ(log, (Events{"first read", "reply 7", "reply 7", "end EOF"}));
+}
+
+class ConnectedStrictStream : public ConnectedStream {
+ protected:
+  ConnectedStrictStream() { side.rules.strict = true; }
+};
+
+// What comes before is handed on.
+TEST_F(ConnectedStrictStream, EndsAtALengthThatItsRulesForbid) {
+  peer_sends(std::string(reply().bytes()) + "\xFF\xFF\xFF\xFF");
+  run_until([this] { return log.size() == 3; });
+  EXPECT_EQ(log, (Events{"first read", "reply 7", "end EPROTO"}));
 }
 
 TEST_F(ConnectedStream, EndIsAFirstReadToo) {
