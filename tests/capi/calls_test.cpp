@@ -131,6 +131,7 @@ TEST_P(CapiCalls, ADoneIsToldOfTheLimit) {
     EXPECT_EQ(done.answer.status, TOLK_TIMED_OUT);
   }
   answered.set();
+  end();
 }
 
 TEST_P(CapiCalls, AStartedCallIsWaitedForOnce) {
@@ -170,6 +171,7 @@ TEST_P(CapiCalls, TheHandlerLearnsOfACancel) {
   EXPECT_FALSE(tolk_client_cancel(client.get(), number));
   seen.wait();
   EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_CANCELLED);
+  end();
 }
 
 TEST_P(CapiCalls, PostsAndCallsArriveInOrder) {
@@ -190,6 +192,7 @@ TEST_P(CapiCalls, PostsAndCallsArriveInOrder) {
   }
   ASSERT_EQ(call_client(client.get(), "note", "end").status, TOLK_OK);
   EXPECT_EQ(seen, wanted + "end");
+  end();
 }
 
 TEST_P(CapiCalls, ACallToAllTellsEachOutcome) {
@@ -214,6 +217,7 @@ TEST_P(CapiCalls, ACallToAllTellsEachOutcome) {
   tolk_server_start(server.get(), &call);
   all.wait();
   EXPECT_EQ(left, 1);
+  end();
 }
 
 TEST_P(CapiCalls, NestedCallsUseUpNoThreads) {

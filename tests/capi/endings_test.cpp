@@ -76,6 +76,7 @@ TEST_P(CapiEndings, AClosedClientRefusesCallsAndEndsThoseUnderWay) {
   EXPECT_EQ(call_client(client.get(), "keep", "").status, TOLK_CLOSED);
   EXPECT_EQ(tolk_client_post(client.get(), "keep", nullptr, 0, nullptr), TOLK_CLOSED);
   EXPECT_EQ(tolk_client_close(client.get(), 1000), TOLK_OK);
+  end();
 }
 
 TEST_P(CapiEndings, AServersEndIsGoneForItsClients) {
@@ -104,6 +105,7 @@ TEST_P(CapiEndings, AServersEndIsGoneForItsClients) {
   EXPECT_EQ(gone.status, TOLK_GONE);
   EXPECT_EQ(call_client(client.get(), "keep", "").status, TOLK_GONE);
   EXPECT_EQ(tolk_request_state(kept.requests.front()), TOLK_CLOSED);
+  end();
 }
 
 TEST_P(CapiEndings, FreeRunsOutcomesAndWaitsForHandlers) {
@@ -117,6 +119,7 @@ TEST_P(CapiEndings, FreeRunsOutcomesAndWaitsForHandlers) {
   client.reset();
   EXPECT_EQ(done.calls, 1);
   EXPECT_EQ(done.answer.status, TOLK_CLOSED);
+  end();
 }
 
 TEST_P(CapiEndings, AThreadThatWaitsIsReleasedByTheEnd) {
@@ -128,6 +131,7 @@ TEST_P(CapiEndings, AThreadThatWaitsIsReleasedByTheEnd) {
   kept.has_one.wait();
   EXPECT_EQ(tolk_client_close(client.get(), 0), TOLK_OK);
   waits.join();
+  end();
 }
 
 TEST_P(CapiEndings, FreeInACallback) {
@@ -162,6 +166,7 @@ TEST_P(CapiEndings, CloseWaitsForHandlersAndTheirAnswers) {
   calls.join();
   closes.join();
   EXPECT_EQ(tolk_server_wait_closed(server.get(), 0), TOLK_OK);
+  end();
 }
 
 TEST_P(CapiEndings, AClientIsDisconnected) {
@@ -195,6 +200,7 @@ TEST_P(CapiEndings, AClientStopsTheServerOnlyIfItMay) {
             TOLK_OK);
   stopped.wait();
   EXPECT_EQ(tolk_server_wait_closed(server.get(), 20000), TOLK_OK);
+  end();
 }
 
 }  // namespace

@@ -71,15 +71,18 @@ void Methods::add_echo(unsigned flags) {
 
 void Done::call(void* self, const tolk_outcome* outcome) {
   auto& done = *static_cast<Done*>(self);
+  const auto event = done.done_;
   done.answer = {outcome->status, text_of(outcome->result), tolk_error_reason(outcome->error),
                  tolk_error_code(outcome->error)};
   done.number = outcome->call;
   done.also(outcome);
   ++done.calls;
-  done.done_.set();
+  event->set();
 }
 
-Pair::~Pair() {
+Pair::~Pair() { end(); }
+
+void Pair::end() {
   client.reset();
   server.reset();
 }

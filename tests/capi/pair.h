@@ -58,14 +58,15 @@ class Done {
  public:
   static void call(void* self, const tolk_outcome* outcome);
 
-  void wait() { done_.wait(); }
+  void wait() { done_->wait(); }
   Answer answer;
   std::uint64_t number = 0;
   std::atomic<int> calls{0};
   std::function<void(const tolk_outcome*)> also = [](const tolk_outcome*) {};
 
  private:
-  Event done_;
+  // Whoever waits may be gone before the event is out of its own hands.
+  const std::shared_ptr<Event> done_ = std::make_shared<Event>();
 };
 
 // The parameter is an address to listen on.
@@ -77,6 +78,8 @@ class Pair : public testing::TestWithParam<const char*> {
   Owned<tolk_client> connect(tolk_client_options options = {});
   // Both, with the methods that are there.
   void start();
+  // Both ends: no handler uses what the test has any more.
+  void end();
   std::uint64_t first_client() const;
 
   Methods server_methods;

@@ -59,6 +59,7 @@ TEST_P(CapiRequests, AnotherThreadAnswersLater) {
   });
   EXPECT_EQ(call_client(client.get(), "later", "").text, "now");
   answers.join();
+  end();
 }
 
 TEST_P(CapiRequests, OrderedMethodsWaitForTheAnswerBefore) {
@@ -83,6 +84,7 @@ TEST_P(CapiRequests, OrderedMethodsWaitForTheAnswerBefore) {
   }
   EXPECT_EQ(call_client(client.get(), "one", "!").status, TOLK_OK);
   EXPECT_EQ(seen, wanted + "!");
+  end();
 }
 
 TEST_P(CapiRequests, AnExecutorRunsHandlersAndOutcomes) {
@@ -169,6 +171,7 @@ TEST_P(CapiRequests, HooksTellOfEachClientOnce) {
   hooks.gone.wait();
   server.reset();
   EXPECT_EQ(hooks.seen, (std::vector<std::string>{"connect " + id, "gone " + id}));
+  end();
 }
 
 TEST_P(CapiRequests, AServersEndTellsThatItsClientsAreGone) {
@@ -178,6 +181,7 @@ TEST_P(CapiRequests, AServersEndTellsThatItsClientsAreGone) {
   const std::string id = std::to_string(first_client());
   server.reset();
   EXPECT_EQ(hooks.seen, (std::vector<std::string>{"connect " + id, "gone " + id}));
+  end();
 }
 
 TEST_P(CapiRequests, AClientAboveItsQuotaIsServedLater) {
@@ -223,6 +227,7 @@ TEST_P(CapiRequests, AClientAboveItsQuotaIsServedLater) {
   for (const auto number : numbers) {
     EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_OK);
   }
+  end();
 }
 
 }  // namespace
