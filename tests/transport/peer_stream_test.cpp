@@ -34,9 +34,9 @@ using Events = std::vector<std::string>;
 Frame call() { return tolk::call_frame("m", 7, std::nullopt, std::nullopt); }
 Frame reply() { return tolk::server_reply_frame("", 7, std::nullopt); }
 
-class Side final : public tolk::MessageSide, private tolk::PlainReceiver {
+class StreamSide final : public tolk::MessageSide, private tolk::PlainReceiver {
  public:
-  explicit Side(Events& log) : log_(log) {}
+  explicit StreamSide(Events& log) : log_(log) {}
 
   void on_message(PeerStream& stream, tolk::SharedBytes payload) TOLK_LOOP override {
     receive(stream, payload);
@@ -68,7 +68,7 @@ class Side final : public tolk::MessageSide, private tolk::PlainReceiver {
 
 class Owner final : public tolk::StreamOwner {
  public:
-  explicit Owner(Events& log) : side_(std::make_shared<Side>(log)), log_(log) {}
+  explicit Owner(Events& log) : side_(std::make_shared<StreamSide>(log)), log_(log) {}
 
   tolk::MessageSide& side() override { return *side_; }
   uv_loop_t* loop() TOLK_LOOP override { return &loop_; }
@@ -86,7 +86,7 @@ class Owner final : public tolk::StreamOwner {
 
   bool begins = true;
   uv_loop_t loop_{};
-  const std::shared_ptr<Side> side_;
+  const std::shared_ptr<StreamSide> side_;
 
  private:
   Events& log_;
@@ -143,7 +143,7 @@ class ConnectedStream : public testing::Test {
   tolk::test::Event may_answer;
   Events log;
   const std::shared_ptr<Owner> owner = std::make_shared<Owner>(log);
-  Side& side = *owner->side_;
+  StreamSide& side = *owner->side_;
   PeerStream stream{*owner};
   std::array<int, 2> sockets{-1, -1};
 };
