@@ -47,10 +47,7 @@ namespace {
 int released = 0;
 void count_release(void*) { ++released; }
 
-const std::string& large() {
-  static const std::string bytes(10'000, 'l');
-  return bytes;
-}
+const std::string large(10'000, 'l');
 
 void add_everything(tolk_block* block, tolk_block* inner) {
   const std::int64_t wide[] = {1, INT64_MAX};
@@ -59,8 +56,8 @@ void add_everything(tolk_block* block, tolk_block* inner) {
   tolk_block_add_key(block, "map");
   tolk_block_add_map(block, inner);
   tolk_block_add_ints(block, wide, 2);
-  tolk_block_add_text(block, large().c_str(), TOLK_TO_ZERO);
-  tolk_block_add_bytes_held(block, large().data(), large().size(), nullptr, count_release);
+  tolk_block_add_text(block, large.c_str(), TOLK_TO_ZERO);
+  tolk_block_add_bytes_held(block, large.data(), large.size(), nullptr, count_release);
   tolk_block_add_none(block);
 }
 
