@@ -129,6 +129,9 @@ tolk_status tolk_block_parse(const void* bytes, size_t size, tolk_block** block,
     if (block == nullptr || (bytes == nullptr && size != 0)) {
       return tolk::fail(error, {.status = TOLK_MISUSE, .reason = "a pointer is null"});
     }
+    if (size > tolk::frame_format::kMaxPayloadBytes) {
+      return tolk::fail(error, {.status = TOLK_TOO_LARGE});
+    }
     tolk_block::Received received = tolk_block::of_copy(bytes_of(bytes, size));
     if (received.is_well_formed()) {
       *block = received.block.release();

@@ -27,8 +27,8 @@ namespace tolk {
 // One value, or the key and value of a map.
 struct Item {
   const char* at = nullptr;   // what follows the tag: a number, bytes, the first element
-  std::size_t size = 0;       // of bytes; of all elements
   const char* key = nullptr;  // null: positional. In an index it ends with a zero byte
+  std::uint32_t size = 0;     // of bytes; of all elements
   std::uint32_t key_size = 0;
   std::uint32_t record = 0;  // counts the values of the block, for its notes
   Tag tag = Tag::Int;

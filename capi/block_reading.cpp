@@ -17,7 +17,7 @@ namespace {
 // Without memory to read the block, as without a block, there is nothing in it.
 template <class Result, class Read>
 Result read_or(Result nothing, const tolk_block* block, Read&& read) noexcept {
-  if (block == nullptr) return nothing;
+  if (block == nullptr || block->status() != TOLK_OK) return nothing;
   try {
     return read(block->index());
   } catch (const std::exception&) {

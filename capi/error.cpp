@@ -16,8 +16,10 @@ struct StatusTexts {
   const char* hint;
 };
 
+constexpr StatusTexts kUnknown{"unknown", "unknown", "use the newer version of the library"};
+
 constexpr std::array<StatusTexts, TOLK_NO_MEMORY + 1> kTexts{{
-    {"ok", "no error", "nothing, it succeeded"},
+    {"ok", "", ""},
     {"timed_out", "timed out", "allow more time, or look what the handler is doing"},
     {"cancelled", "cancelled", "nothing, somebody wanted it so"},
     {"gone", "the connection has ended", "look why the other process ended, and connect again"},
@@ -44,7 +46,7 @@ constexpr std::array<StatusTexts, TOLK_NO_MEMORY + 1> kTexts{{
 
 const StatusTexts& texts_of(tolk_status status) noexcept {
   const auto number = static_cast<std::size_t>(status);
-  return kTexts[number < kTexts.size() ? number : std::size_t{TOLK_MISUSE}];
+  return number < kTexts.size() ? kTexts[number] : kUnknown;
 }
 
 // All of a failure in one line.
@@ -63,24 +65,20 @@ Failure with_reason(Failure failure) {
   return failure;
 }
 
-Failure without_memory() {
-  Failure failure;
-  failure.status = TOLK_NO_MEMORY;
-  return failure;
-}
-
 // Made with the library, since there may be no memory for it later.
 struct StaticError : tolk_error {
-  StaticError() : tolk_error(without_memory()) { is_static = true; }
+  explicit StaticError(tolk_status status) : tolk_error({.status = status}) { is_static = true; }
 };
-NeverDestroyed<StaticError> static_error;
+NeverDestroyed<StaticError> without_memory(TOLK_NO_MEMORY);
+// The copy of no error.
+NeverDestroyed<StaticError> without_failure(TOLK_OK);
 
 }  // namespace
 
 const char* status_hint(tolk_status status) noexcept { return texts_of(status).hint; }
 const char* status_reason(tolk_status status) noexcept { return texts_of(status).reason; }
 
-tolk_error* no_memory_error() noexcept { return &*static_error; }
+tolk_error* no_memory_error() noexcept { return &*without_memory; }
 
 tolk_error* new_error(Failure failure) noexcept {
   if (failure.status == TOLK_NO_MEMORY) return no_memory_error();
@@ -158,7 +156,8 @@ const tolk_block* tolk_error_details(const tolk_error* error) {
 }
 
 tolk_error* tolk_error_copy(const tolk_error* error) {
-  if (error != nullptr) error->owners.fetch_add(1, std::memory_order_relaxed);
+  if (error == nullptr) return &*tolk::without_failure;
+  error->owners.fetch_add(1, std::memory_order_relaxed);
   // The host's errors are const to it, not to their count.
   return const_cast<tolk_error*>(error);
 }

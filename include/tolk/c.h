@@ -130,8 +130,8 @@ typedef enum tolk_kind {
   TOLK_MAP = 9    ///< a block whose values have keys
 } tolk_kind;
 
-/// Makes an empty block. Null without memory, which all functions below accept: the block "without
-/// memory" stays empty, and a call with it fails with TOLK_NO_MEMORY.
+/// Makes an empty block. Never null: without memory it is the block "without memory", which stays
+/// empty, and a call with it fails with TOLK_NO_MEMORY. All functions below accept null as well.
 TOLK_API tolk_block* tolk_block_new(void);
 /// Copies a block. The bytes are shared until one of the two is changed.
 TOLK_API tolk_block* tolk_block_copy(const tolk_block* block);
