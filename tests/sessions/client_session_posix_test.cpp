@@ -45,6 +45,14 @@ TEST_F(ConnectAttempt, ThatNobodyAcceptsSaysWhy) {
   EXPECT_EQ(side->told.all(), (Told{"starting", "failed ECONNREFUSED"}));
 }
 
+TEST_F(ConnectAttempt, SaysWhyBeforeItsEndIsSeen) {
+  Phase seen = Phase::live;
+  side->at_failure = [&] { seen = session->phase(); };
+  attempt({Kind::pipe, "", "client-session-test-nobody"});
+  session->wait_until_ended();
+  EXPECT_EQ(seen, Phase::starting);
+}
+
 TEST_F(ConnectAttempt, ToAPipeThatIsNotThereSaysWhy) {
   attempt({Kind::pipe, "", "client-session-test-nobody"});
   EXPECT_EQ(side->told.all(), (Told{"starting", "failed ENOENT"}));

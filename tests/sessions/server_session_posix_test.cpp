@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <tests/platform/temp_directory.h>
 #include <tests/sessions/raw_sockets_posix.h>
@@ -181,8 +182,11 @@ TEST(KeptConnections, IdNeverComesBackByDefault) {
     void on_client_gone(int, int) TOLK_LOOP override {}
   };
   RunningServer<Side> server({Kind::pipe, "", pipe_name_of_test()});
-  come_and_go(server.address(), 50);
-  ASSERT_TRUE(server.side->told.wait_for("left", 50));
+  for (int gone = 1; gone <= 50; ++gone) {
+    come_and_go(server.address(), 1);
+    ASSERT_TRUE(server.side->told.wait_for("left", gone));
+    server.run_there([](ServerSession&) {});  // its memory would be free now
+  }
   std::vector<std::string> ids = server.side->told.all();
   std::erase(ids, "left");
   std::sort(ids.begin(), ids.end());
@@ -289,6 +293,42 @@ TEST(InheritedSocket, OfAPipeIsServedAndItsFileStays) {
   server.close();
   EXPECT_FALSE(is_open(descriptor));
   EXPECT_TRUE(std::filesystem::exists(where.name)) << "it belongs to whoever made it";
+}
+
+// While it lives, nothing opens another descriptor.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+    set({0, before_.rlim_max});
+  }
+  ~NoDescriptors() { set(before_); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  static void set(const rlimit& limit) { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0); }
+
+  rlimit before_{};
+};
+
+// The listener pauses then; the socket does not.
+TEST(InheritedSocket, ClientWaitsWhileTheProcessHasNoDescriptor) {
+  RawSocket socket(kAnyTcp4);
+  ASSERT_EQ(socket.bind(), 0);
+  ASSERT_EQ(socket.listen(), 0);
+  const RawSocket client(socket.bound_to(kAnyTcp4));
+  RunningServer<RecordingServer> server(inherits(socket.release()));
+  ASSERT_TRUE(server.listens());
+  {
+    const NoDescriptors shortage;
+    ASSERT_EQ(client.connect(), 0);
+    ASSERT_TRUE(server.side->told.wait_for("connection error", 5));
+    server.run_there([](ServerSession&) {});  // behind the turn that had the errors
+  }
+  EXPECT_TRUE(server.side->told.wait_for("tcp 1"));
+  EXPECT_TRUE(client.send(std::string(4, '\0')));
+  EXPECT_TRUE(server.side->told.wait_for("message"));
 }
 
 TEST(InheritedSocket, ThatDoesNotListenIsRefusedAndStaysTheHosts) {
