@@ -1,6 +1,4 @@
-#include <windows.h>
-
-#include "platform/peer_user.h"
+#include <uv.h>  // and windows.h, in the order that its sockets need
 
 // After windows.h.
 #include <sddl.h>
@@ -8,6 +6,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "platform/peer_user.h"
 
 namespace tolk::platform {
 namespace {
