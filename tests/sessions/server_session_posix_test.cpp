@@ -33,7 +33,7 @@ const Endpoint kAnyTcp4{Kind::tcp4, "127.0.0.1", "0"};
 std::string pipe_name_of_test() { return "server-session-test-" + std::to_string(getpid()); }
 
 // A server that listens while this lives.
-template <class Side>
+template <class SideOfTest>
 class RunningServer {
  public:
   explicit RunningServer(const Endpoint& where)
@@ -77,7 +77,7 @@ class RunningServer {
     session_->wait_until_ended();
   }
 
-  const std::shared_ptr<Side> side = std::make_shared<Side>();
+  const std::shared_ptr<SideOfTest> side = std::make_shared<SideOfTest>();
 
  private:
   const std::shared_ptr<ServerSession> session_;
@@ -110,10 +110,10 @@ TEST_F(PortFile, IsRemovedByDefault) {
 }
 
 TEST_F(PortFile, StaysWhereTheSideSaysSo) {
-  struct Side : RecordingServer {
+  struct SideOfTest : RecordingServer {
     bool removes_port_file() const override { return false; }
   };
-  const RunningServer<Side> server(kAnyTcp4);
+  const RunningServer<SideOfTest> server(kAnyTcp4);
   EXPECT_TRUE(server.listens());
   EXPECT_TRUE(std::filesystem::exists("0"));
 }
@@ -176,12 +176,12 @@ TEST(ForgottenConnections, OneThatLeavesDisturbsNoOther) {
 }
 
 TEST(KeptConnections, IdNeverComesBackByDefault) {
-  struct Side : RecordingServer {
+  struct SideOfTest : RecordingServer {
     void on_connecting(int id) TOLK_LOOP override { told.add(std::to_string(id)); }
     void on_accepted(int, bool, int) TOLK_LOOP override {}
     void on_client_gone(int, int) TOLK_LOOP override {}
   };
-  RunningServer<Side> server({Kind::pipe, "", pipe_name_of_test()});
+  RunningServer<SideOfTest> server({Kind::pipe, "", pipe_name_of_test()});
   for (int gone = 1; gone <= 50; ++gone) {
     come_and_go(server.address(), 1);
     ASSERT_TRUE(server.side->told.wait_for("left", gone));
@@ -194,11 +194,11 @@ TEST(KeptConnections, IdNeverComesBackByDefault) {
 }
 
 TEST(MayAccept, OneTooManyIsClosedAtOnceAndUntold) {
-  struct Side : RecordingServer {
+  struct SideOfTest : RecordingServer {
     bool may_accept(std::size_t count) TOLK_LOOP override { return count < 2; }
   };
   for (const Endpoint& where : {kAnyTcp4, Endpoint{Kind::pipe, "", pipe_name_of_test()}}) {
-    RunningServer<Side> server(where);
+    RunningServer<SideOfTest> server(where);
     const std::string kind = where.is_tcp() ? "tcp " : "pipe ";
     RawSocket first = connected_to(server.address());
     const RawSocket second = connected_to(server.address());
