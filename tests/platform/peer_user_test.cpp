@@ -6,6 +6,7 @@
 
 #include <array>
 #include <limits>
+#include <string>
 #include <utility>
 
 namespace tolk::platform {
@@ -57,6 +58,10 @@ TEST_F(PeerUserTest, OwnProcessIsTrusted) {
   const PeerUser peer = peer_user(&pipe_);
   EXPECT_TRUE(peer.trusted);
   EXPECT_EQ(peer.name, "");
+  EXPECT_EQ(peer.user, std::to_string(geteuid()));
+#if defined(__linux__)
+  EXPECT_EQ(peer.process, getpid());
+#endif
 }
 
 TEST_F(PeerUserTest, WhoeverMadeThePairIsThePeerAlsoOnceItIsGone) {
@@ -69,6 +74,8 @@ TEST_F(PeerUserTest, PipeThatIsNotOpenIsNotTrusted) {
   const PeerUser peer = peer_user(&pipe_);
   EXPECT_FALSE(peer.trusted);
   EXPECT_EQ(peer.name, "EBADF");
+  EXPECT_EQ(peer.user, "");
+  EXPECT_EQ(peer.process, 0);
 }
 
 TEST_F(PeerUserTest, PipeWithoutAPeerIsNotTrusted) {

@@ -17,7 +17,7 @@ using tolk::Phase;
 using tolk::test::RawSocket;
 using tolk::test::RecordingClient;
 using Kind = Endpoint::Kind;
-using Told = std::vector<std::string>;
+using ToldEvents = std::vector<std::string>;
 
 class ConnectAttempt : public testing::Test {
  protected:
@@ -42,22 +42,30 @@ TEST_F(ConnectAttempt, ThatNobodyAcceptsSaysWhy) {
   ASSERT_EQ(reserved.bind(), 0);
   attempt(reserved.bound_to(any_port));
   EXPECT_EQ(session->phase(), Phase::ended);
-  EXPECT_EQ(side->told.all(), (Told{"starting", "failed ECONNREFUSED"}));
+  EXPECT_EQ(side->told.all(), (ToldEvents{"starting", "failed ECONNREFUSED"}));
+}
+
+TEST_F(ConnectAttempt, SaysWhyBeforeItsEndIsSeen) {
+  Phase seen = Phase::live;
+  side->at_failure = [&] { seen = session->phase(); };
+  attempt({Kind::pipe, "", "client-session-test-nobody"});
+  session->wait_until_ended();
+  EXPECT_EQ(seen, Phase::starting);
 }
 
 TEST_F(ConnectAttempt, ToAPipeThatIsNotThereSaysWhy) {
   attempt({Kind::pipe, "", "client-session-test-nobody"});
-  EXPECT_EQ(side->told.all(), (Told{"starting", "failed ENOENT"}));
+  EXPECT_EQ(side->told.all(), (ToldEvents{"starting", "failed ENOENT"}));
 }
 
 TEST_F(ConnectAttempt, ToAPipeWhoseNameIsWrongSaysWhy) {
   attempt({Kind::pipe, "", "../wrong"});
-  EXPECT_EQ(side->told.all(), (Told{"starting", "failed EINVAL"}));
+  EXPECT_EQ(side->told.all(), (ToldEvents{"starting", "failed EINVAL"}));
 }
 
 TEST_F(ConnectAttempt, ToNoAddressSaysWhyAfterTheSetupsEvent) {
   attempt({Kind::tcp4, "not an address", "1"});
-  EXPECT_EQ(side->told.all(), (Told{"starting", "setup", "failed EINVAL"}));
+  EXPECT_EQ(side->told.all(), (ToldEvents{"starting", "setup", "failed EINVAL"}));
 }
 
 TEST_F(ConnectAttempt, ThatTheSideEndsIsCancelled) {
@@ -67,7 +75,7 @@ TEST_F(ConnectAttempt, ThatTheSideEndsIsCancelled) {
   side->wanted = false;
   attempt(listener.bound_to(any_port));
   EXPECT_EQ(session->phase(), Phase::ended);
-  EXPECT_EQ(side->told.all(), (Told{"starting", "connected", "failed ECANCELED"}));
+  EXPECT_EQ(side->told.all(), (ToldEvents{"starting", "connected", "failed ECANCELED"}));
 }
 
 TEST_F(ConnectAttempt, ThatSucceedsHasNotFailedAndItsLimitIsOver) {
@@ -115,7 +123,7 @@ TEST_F(SilentServer, AttemptEndsAtItsLimit) {
   attempt(where);
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(30));
   EXPECT_EQ(session->phase(), Phase::ended);
-  EXPECT_EQ(side->told.all(), (Told{"starting", "failed ETIMEDOUT"}));
+  EXPECT_EQ(side->told.all(), (ToldEvents{"starting", "failed ETIMEDOUT"}));
 }
 
 }  // namespace

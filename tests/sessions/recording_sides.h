@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -95,9 +96,11 @@ class RecordingClient : public DeafSide<ClientEvents> {
   bool begins_calls_when_lost() const override { return false; }
   int connect_limit_ms() const override { return limit_ms; }
   void on_attempt_failed(int status) TOLK_LOOP override {
+    at_failure();
     told.add(std::string("failed ") + uv_err_name(status));
   }
 
+  std::function<void()> at_failure = [] {};
   bool wanted = true;
   int limit_ms = 0;
 };

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <tests/platform/temp_directory.h>
 #include <tests/sessions/raw_sockets_posix.h>
@@ -32,7 +33,7 @@ const Endpoint kAnyTcp4{Kind::tcp4, "127.0.0.1", "0"};
 std::string pipe_name_of_test() { return "server-session-test-" + std::to_string(getpid()); }
 
 // A server that listens while this lives.
-template <class Side>
+template <class SideOfTest>
 class RunningServer {
  public:
   explicit RunningServer(const Endpoint& where)
@@ -76,7 +77,7 @@ class RunningServer {
     session_->wait_until_ended();
   }
 
-  const std::shared_ptr<Side> side = std::make_shared<Side>();
+  const std::shared_ptr<SideOfTest> side = std::make_shared<SideOfTest>();
 
  private:
   const std::shared_ptr<ServerSession> session_;
@@ -109,10 +110,10 @@ TEST_F(PortFile, IsRemovedByDefault) {
 }
 
 TEST_F(PortFile, StaysWhereTheSideSaysSo) {
-  struct Side : RecordingServer {
+  struct SideOfTest : RecordingServer {
     bool removes_port_file() const override { return false; }
   };
-  const RunningServer<Side> server(kAnyTcp4);
+  const RunningServer<SideOfTest> server(kAnyTcp4);
   EXPECT_TRUE(server.listens());
   EXPECT_TRUE(std::filesystem::exists("0"));
 }
@@ -175,14 +176,17 @@ TEST(ForgottenConnections, OneThatLeavesDisturbsNoOther) {
 }
 
 TEST(KeptConnections, IdNeverComesBackByDefault) {
-  struct Side : RecordingServer {
+  struct SideOfTest : RecordingServer {
     void on_connecting(int id) TOLK_LOOP override { told.add(std::to_string(id)); }
     void on_accepted(int, bool, int) TOLK_LOOP override {}
     void on_client_gone(int, int) TOLK_LOOP override {}
   };
-  RunningServer<Side> server({Kind::pipe, "", pipe_name_of_test()});
-  come_and_go(server.address(), 50);
-  ASSERT_TRUE(server.side->told.wait_for("left", 50));
+  RunningServer<SideOfTest> server({Kind::pipe, "", pipe_name_of_test()});
+  for (int gone = 1; gone <= 50; ++gone) {
+    come_and_go(server.address(), 1);
+    ASSERT_TRUE(server.side->told.wait_for("left", gone));
+    server.run_there([](ServerSession&) {});  // its memory would be free now
+  }
   std::vector<std::string> ids = server.side->told.all();
   std::erase(ids, "left");
   std::sort(ids.begin(), ids.end());
@@ -190,11 +194,11 @@ TEST(KeptConnections, IdNeverComesBackByDefault) {
 }
 
 TEST(MayAccept, OneTooManyIsClosedAtOnceAndUntold) {
-  struct Side : RecordingServer {
+  struct SideOfTest : RecordingServer {
     bool may_accept(std::size_t count) TOLK_LOOP override { return count < 2; }
   };
   for (const Endpoint& where : {kAnyTcp4, Endpoint{Kind::pipe, "", pipe_name_of_test()}}) {
-    RunningServer<Side> server(where);
+    RunningServer<SideOfTest> server(where);
     const std::string kind = where.is_tcp() ? "tcp " : "pipe ";
     RawSocket first = connected_to(server.address());
     const RawSocket second = connected_to(server.address());
@@ -289,6 +293,42 @@ TEST(InheritedSocket, OfAPipeIsServedAndItsFileStays) {
   server.close();
   EXPECT_FALSE(is_open(descriptor));
   EXPECT_TRUE(std::filesystem::exists(where.name)) << "it belongs to whoever made it";
+}
+
+// While it lives, nothing opens another descriptor.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+    set({0, before_.rlim_max});
+  }
+  ~NoDescriptors() { set(before_); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  static void set(const rlimit& limit) { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0); }
+
+  rlimit before_{};
+};
+
+// The listener pauses then; the socket does not.
+TEST(InheritedSocket, ClientWaitsWhileTheProcessHasNoDescriptor) {
+  RawSocket socket(kAnyTcp4);
+  ASSERT_EQ(socket.bind(), 0);
+  ASSERT_EQ(socket.listen(), 0);
+  const RawSocket client(socket.bound_to(kAnyTcp4));
+  RunningServer<RecordingServer> server(inherits(socket.release()));
+  ASSERT_TRUE(server.listens());
+  {
+    const NoDescriptors shortage;
+    ASSERT_EQ(client.connect(), 0);
+    ASSERT_TRUE(server.side->told.wait_for("connection error", 5));
+    server.run_there([](ServerSession&) {});  // behind the turn that had the errors
+  }
+  EXPECT_TRUE(server.side->told.wait_for("tcp 1"));
+  EXPECT_TRUE(client.send(std::string(4, '\0')));
+  EXPECT_TRUE(server.side->told.wait_for("message"));
 }
 
 TEST(InheritedSocket, ThatDoesNotListenIsRefusedAndStaysTheHosts) {

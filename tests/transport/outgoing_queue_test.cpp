@@ -139,7 +139,8 @@ TEST_F(OutgoingQueueFaults, LoopWritesTheRestOfAFrameThatTheSystemTookInPart) {
   };
   for (const bool is_large : {false, true}) {
     std::string whole;
-    for (const uv_buf_t& part : make(is_large).buffers()) whole.append(part.base, part.len);
+    const Frame frame = make(is_large);
+    for (const uv_buf_t& part : frame.buffers()) whole.append(part.base, part.len);
     for (std::size_t taken = 0; taken < whole.size(); taken += is_large ? 1001 : 1) {
       system.sends = {taken};
       system.sent.clear();
