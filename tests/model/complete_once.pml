@@ -56,6 +56,7 @@
 
 #define TASKS (CALLS + REQUESTS)  // those of calls come first
 #define NONE 255
+#define LOOP 0  // the process
 
 mtype = { nowhere, in_table, finished, taken };        // a call's record
 mtype = { unborn, queued, claimed };                   // a task
@@ -191,9 +192,9 @@ inline dispatch(task) {
       core_refs++;
 #endif
       if
-#ifdef FAULT_DONE_COUNTED_AT_DISPATCH
+#if defined(FAULT_DONE_COUNTED_AT_DISPATCH)
       :: true -> unfinished++
-#else
+#elif !defined(FAULT_HANDLER_COUNTED_WHEN_CLAIMED)
       :: task >= CALLS -> unfinished++
 #endif
       :: else
@@ -255,6 +256,14 @@ inline claim(task) {
 #endif
 }
 
+inline count_claimed(task) {
+#ifdef FAULT_HANDLER_COUNTED_WHEN_CLAIMED
+  unfinished = unfinished + (task >= CALLS)
+#else
+  skip
+#endif
+}
+
 inline callback_begins() {
   use_core();
   assert(!free_returned && !handle_deleted && contexts_freed == 0);
@@ -291,6 +300,7 @@ inline end_callbacks(inside) {
       claim(u);
       if
       :: mine ->
+        count_claimed(u);
         if
         :: u < CALLS -> run_done(u)
         :: else -> handler_over(u); end_with(u)
@@ -312,7 +322,8 @@ inline end_callbacks(inside) {
         :: else -> break
         od;
         ender_waits = !inside && u == TASKS && unfinished > 0;
-        mine = u == TASKS && !ender_waits
+        mine = u == TASKS && !ender_waits;
+        ending = ending && !mine
       };
       if
       :: mine -> break
@@ -368,9 +379,7 @@ inline run_task(task) {
   claim(task);
   if
   :: mine ->
-#ifdef FAULT_COUNTED_WHEN_CLAIMED
-    unfinished++;
-#endif
+    count_claimed(task);
     atomic { mine = false; callback_begins() };
     if
     :: task < CALLS ->
@@ -454,22 +463,24 @@ inline close_table() {
 
 // One of the two parts of an ordered request is over.
 inline part_over(request) {
-#ifdef FAULT_PARTS_COUNTED_THEN_LOOKED_AT
-  parts[request - CALLS]--;
+#ifdef FAULT_PARTS_LOOKED_AT_FIRST
+  mine = parts[request - CALLS] == 1;
 #endif
   atomic {
     use_core();
-#ifndef FAULT_PARTS_COUNTED_THEN_LOOKED_AT
     parts[request - CALLS]--;
+#ifndef FAULT_PARTS_LOOKED_AT_FIRST
+    mine = parts[request - CALLS] == 0;
 #endif
     if
-    :: ORDERED && parts[request - CALLS] == 0 ->
+    :: ORDERED && mine ->
       if
       :: ordered?next
       :: empty(ordered) -> ordered_busy = false
       fi
     :: else
-    fi
+    fi;
+    mine = false
   }
 }
 
@@ -507,7 +518,9 @@ inline end_request(request) {
 }
 
 inline let_core_go() {
-#ifndef FAULT_REQUEST_HOLDS_NO_CORE
+#ifdef FAULT_REQUEST_HOLDS_NO_CORE
+  skip
+#else
   drop_core()
 #endif
 }
@@ -552,8 +565,6 @@ inline run_handler(request) {
 }
 
 // --- The loop thread ---
-
-#define LOOP 0
 
 inline deliver_on_loop(call) {
   if
