@@ -45,8 +45,11 @@ void WaitList::list(timeout_sem& record) {
 }
 
 void WaitList::remove(timeout_sem& record) {
-  const MutexLock lock(mutex_);
-  take_off(record);
+  {
+    const MutexLock lock(mutex_);
+    take_off(record);
+  }
+  record.wakers.wait_until_left();
 }
 
 void WaitList::take_off(const timeout_sem& record) {
@@ -62,12 +65,22 @@ void WaitList::take_off(const timeout_sem& record) {
 }
 
 void WaitList::wake(std::uint64_t token) {
+  timeout_sem* const record = take_for_post(token);
+  if (record == nullptr) return;
+  TOLK_PAUSE_POINT("wait.before_wake");
+  uv_sem_post(&record->semaphore);
+  TOLK_PAUSE_POINT("wait.woken");
+  record->wakers.leave();
+}
+
+timeout_sem* WaitList::take_for_post(std::uint64_t token) {
   const MutexLock lock(mutex_);
   const auto indexed = by_token_.find(token);
-  if (indexed == by_token_.end()) return;
-  timeout_sem& record = **indexed->second;
-  uv_sem_post(&record.semaphore);
-  take_off(record);
+  if (indexed == by_token_.end()) return nullptr;
+  timeout_sem* const record = *indexed->second;
+  record->wakers.enter();
+  take_off(*record);
+  return record;
 }
 
 void WaitList::wake_all() {
