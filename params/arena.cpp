@@ -102,10 +102,9 @@ const char* Arena::copy_text(std::string_view text) {
 
 // Chunks grow, so that there are few of them for any number of values.
 void Arena::add_chunk(std::size_t least) {
-  const std::size_t usual =
-      std::clamp(2 * static_cast<std::size_t>(end_ - next_), least_chunk_bytes, most_chunk_bytes);
-  const std::size_t size = sizeof(Chunk) + std::max(least, usual);
+  const std::size_t size = sizeof(Chunk) + std::max(least, next_chunk_bytes_);
   char* const memory = static_cast<char*>(::operator new(size));
+  next_chunk_bytes_ = std::min(2 * next_chunk_bytes_, most_chunk_bytes);
   chunks_ = new (memory) Chunk{chunks_};
   next_ = memory + sizeof(Chunk);
   end_ = memory + size;

@@ -75,7 +75,7 @@ class Arena {
   static constexpr std::size_t quick_bytes = 1024;
   static constexpr std::size_t least_chunk_bytes = 4096;
   static constexpr std::size_t most_chunk_bytes = std::size_t{1} << 20;
-  struct Chunk {
+  struct alignas(alignment) Chunk {
     Chunk* before;
   };
 
@@ -94,6 +94,7 @@ class Arena {
   char* next_;
   char* end_;
   Chunk* chunks_ = nullptr;
+  std::size_t next_chunk_bytes_ = least_chunk_bytes;
 };
 
 // A sequence in the memory of an arena, which must outlive it. What it outgrows is left there.
