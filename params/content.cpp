@@ -290,6 +290,7 @@ std::string& TolkParams::Content::bring_home() {
 }
 
 SharedBytes TolkParams::Content::share() {
+  const std::lock_guard<std::mutex> lock(senders);
   if (given) return held(ArenaRef(Arena::with_copy(buffer, 0)));
   if (!place) {
     place = ArenaRef(Arena::with_string(std::move(buffer), 0));

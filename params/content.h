@@ -7,8 +7,9 @@
 // look into them there, and when they are shared. A later change brings them back: moved if nobody
 // else needs the arena, and copied otherwise.
 //
-// Thread: any, one at a time. One exception: `exchange` may replace the content of a refreshable
-// block while a thread of the host reads it.
+// Thread: any, one at a time. Two exceptions: `exchange` may replace the content of a refreshable
+// block while a thread of the host reads it, and `bytes` and `share` may run on several threads:
+// hosts send one block to many peers.
 // Owner: the blocks and references that hold a count; the last one deletes the content.
 // Failure: std::bad_alloc. A parse that it ends keeps the values that were made until then.
 #pragma once
@@ -18,6 +19,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -60,6 +62,7 @@ struct TolkParams::Content {
   }
   // The encoded bytes, wherever they lie, until the block is changed.
   std::string_view bytes() {
+    const std::lock_guard<std::mutex> lock(senders);
     return place && !place->has_text_ends() ? place->bytes() : own_bytes();
   }
   std::size_t size() const { return place ? place->bytes().size() : buffer.size(); }
@@ -76,6 +79,7 @@ struct TolkParams::Content {
   }
 
   std::atomic<std::uint32_t> owners = 1;
+  std::mutex senders;  // held while the bytes move so that they can be sent
   // A host has a pointer to `buffer` or into it, so the bytes stay there for good.
   bool given = false;
   std::string buffer;    // the encoded bytes, unless they lie in `place`
