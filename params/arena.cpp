@@ -10,18 +10,6 @@ namespace tolk {
 
 namespace {
 
-struct NoSink {
-  void positional(const Scalar&) {}
-  void erase_key(std::string_view) {}
-  void keyed(std::string_view, const Scalar&) {}
-  void begin_list() {}
-  void list_element(const Scalar&) {}
-  void end_list() {}
-  void begin_map() {}
-  void map_entry(std::string_view, const Scalar&) {}
-  void end_map() {}
-};
-
 // Writes each check word of a well-formed block as it was.
 struct RestoreCheckWord {
   char* bytes;
@@ -111,8 +99,9 @@ void Arena::add_chunk(std::size_t least) {
 }
 
 void Arena::restore(char* bytes) const {
-  NoSink nothing;
-  RecordParser<NoSink, RestoreCheckWord>({bytes, bytes_.size()}, nothing, {bytes, encoded_until_})
+  IgnoringSink nothing;
+  RecordParser<IgnoringSink, RestoreCheckWord>({bytes, bytes_.size()}, nothing,
+                                               {bytes, encoded_until_})
       .run();
 }
 

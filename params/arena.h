@@ -18,6 +18,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "params/counted_ref.h"
 #include "params/shared_bytes.h"
 
 namespace tolk {
@@ -131,31 +132,6 @@ class ArenaArray {
   std::size_t capacity_ = 0;
 };
 
-// One count of an arena, or none.
-class ArenaRef {
- public:
-  ArenaRef() = default;
-  explicit ArenaRef(Arena* adopted) noexcept : arena_(adopted) {}
-  ArenaRef(const ArenaRef& other) noexcept : arena_(other.arena_) {
-    if (arena_ != nullptr) arena_->retain();
-  }
-  ArenaRef(ArenaRef&& other) noexcept : arena_(std::exchange(other.arena_, nullptr)) {}
-  ArenaRef& operator=(ArenaRef other) noexcept {
-    std::swap(arena_, other.arena_);
-    return *this;
-  }
-  ~ArenaRef() {
-    if (arena_ != nullptr) arena_->release();
-  }
-
-  explicit operator bool() const noexcept { return arena_ != nullptr; }
-  Arena* get() const noexcept { return arena_; }
-  Arena& operator*() const noexcept { return *arena_; }
-  Arena* operator->() const noexcept { return arena_; }
-  Arena* take() noexcept { return std::exchange(arena_, nullptr); }
-
- private:
-  Arena* arena_ = nullptr;
-};
+using ArenaRef = CountedRef<Arena>;
 
 }  // namespace tolk

@@ -25,6 +25,7 @@
 #include <utility>
 
 #include "params/arena.h"
+#include "params/counted_ref.h"
 #include "params/shared_bytes.h"
 
 class TolkValue;
@@ -98,30 +99,7 @@ struct TolkParams::Content {
 struct TolkParamsAccess {
   using Content = TolkParams::Content;
 
-  // One count of a content, or none.
-  class ContentRef {
-   public:
-    ContentRef() = default;
-    explicit ContentRef(Content* adopted) noexcept : content_(adopted) {}
-    ContentRef(const ContentRef& other) noexcept : content_(other.content_) {
-      if (content_ != nullptr) content_->retain();
-    }
-    ContentRef(ContentRef&& other) noexcept : content_(other.take()) {}
-    ContentRef& operator=(ContentRef other) noexcept {
-      std::swap(content_, other.content_);
-      return *this;
-    }
-    ~ContentRef() {
-      if (content_ != nullptr) content_->release();
-    }
-
-    explicit operator bool() const noexcept { return content_ != nullptr; }
-    Content* get() const noexcept { return content_; }
-    Content* take() noexcept { return std::exchange(content_, nullptr); }
-
-   private:
-    Content* content_ = nullptr;
-  };
+  using ContentRef = tolk::CountedRef<Content>;
 
   // The block's content, borrowed. The content of a refreshable block is marked as touched.
   static Content& content(const TolkParams& block) noexcept {
