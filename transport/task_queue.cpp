@@ -96,8 +96,9 @@ bool TaskQueue::drain() {
     running_.swap(state->tasks);
     ends.swap(state->ends);
   }
-  const bool ran_tasks = run_all(running_);
-  return run_all(ends) || ran_tasks;
+  // The ends first: a task may close the queue, and the replies were there before it.
+  const bool ran_ends = run_all(ends);
+  return run_all(running_) || ran_ends;
 }
 
 bool TaskQueue::run_all(TaskList& batch) {

@@ -64,6 +64,8 @@ class WaitList {
 
   bool expired(const timeout_sem& record, std::uint32_t now) const;
   void list(timeout_sem& record) TOLK_REQUIRES(mutex_);
+  bool places_are_right() const TOLK_REQUIRES(mutex_);
+  Place place_of(std::uint64_t token) TOLK_REQUIRES(mutex_);
   void take_off(const timeout_sem& record) TOLK_REQUIRES(mutex_);
   timeout_sem* take_for_post(std::uint64_t token);
 

@@ -101,7 +101,8 @@ void WorkQueue::on_runner_done(uv_work_t* work, int) {
 
 void WorkQueue::run_items(uv_work_t* work) {
   enter_worker();
-  static_cast<Runner*>(work->data)->queue.run_until(instant_now() + kStayLongest);
+  auto* const runner = static_cast<Runner*>(work->data);
+  runner->queue.run_until(runner->latest);
 }
 
 void WorkQueue::run_until(Instant latest) {

@@ -44,6 +44,9 @@ class WorkQueue {
 
     uv_work_t work{};
     WorkQueue& queue;
+    // From when it counts in libuv's queue: one that comes late has one item, so that items that
+    // came after it do not overtake other work.
+    const Instant latest = instant_now() + kStayLongest;
   };
   struct State {
     TaskList waiting;

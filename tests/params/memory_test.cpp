@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "params/content.h"
+#include "params/encoder.h"
 #include "platform/standard_output.h"
 #include "tests/platform/redirected_stdout.h"
 
@@ -166,6 +167,28 @@ TEST(OutOfMemory, ParsingManyValuesKeepsWholeOnes) {
           EXPECT_TRUE(value == nullptr || value->GetInt() % 200 == i) << i;
         }
       });
+}
+
+// Maps come only from the wire. Their entries need more than the first memory of a parse.
+TEST(OutOfMemory, ParsingAMapOfManyEntriesKeepsWholeOnes) {
+  std::string bytes{'\7', '\x80', 0, 0, 0};
+  tolk::Encoder<std::string> encoder(bytes, 0);
+  for (int i = 0; i < 128; ++i) {
+    encoder.add_key(std::to_string(i));
+    encoder.add_int(i);
+  }
+  fail_each_allocation<TolkParams>(
+      nothing,
+      [&](TolkParams& block) { block.Parser(bytes.data(), static_cast<int>(bytes.size())); },
+      [](TolkParams& block) { EXPECT_EQ(block.ParamsSize(), 0); });
+}
+
+TEST(Memory, ManyValuesNeedFewPieces) {
+  TolkParams block;
+  for (int i = 0; i < 100'000; ++i) block.AddInt(i);
+  const long before = live_allocations;
+  EXPECT_TRUE(block.ToParams());
+  EXPECT_LT(live_allocations - before, 60);
 }
 
 TEST(OutOfMemory, SharingLeavesTheBytesInTheBlock) {

@@ -225,6 +225,19 @@ TEST_F(Waits, RecordListedTwiceIsTakenOffWhole) {
   EXPECT_EQ(list.size(), 0u);
 }
 
+TEST_F(Waits, RecordThatAHostHasTakenOffIsNotPosted) {
+  timeout_sem record(0);
+  timeout_sem other(0);
+  list.add(record);
+  list.add(other);
+  list.records().clear();
+  list.wake(record.token);
+  EXPECT_EQ(posts(record), 0);
+  list.remove(record);
+  list.remove(other);
+  EXPECT_EQ(list.size(), 0u);
+}
+
 TEST(WaitsOfThreads, RecordsComeAndGoBesideSweepsAndWakeAlls) {
   WaitList list(Zero::no_limit);
   std::atomic<int> callers{4};
