@@ -149,6 +149,14 @@ TEST(Frame, ALargePartStaysAsLongAsTheFrame) {
   EXPECT_TRUE(alive.expired());
 }
 
+TEST(Frame, APartThatIsOnlyAsLongAsTheLargeOneIsCopied) {
+  const auto owner = std::make_shared<const std::string>(100, 'x');
+  const std::string other(100, 'y');
+  const auto fill = [&](auto& to) { to.add_stream(other); };
+  const Frame frame = Frame::build_around({owner, *owner}, fill);
+  EXPECT_EQ(to_hex(frame.bytes()), to_hex(Frame::build(fill).bytes()));
+}
+
 TEST(Frame, ALargePartThatIsNotAddedIsNotWritten) {
   const auto owner = std::make_shared<const std::string>(100, 'x');
   const Frame frame = Frame::build_around({owner, *owner}, [](auto& to) { to.add_bool(true); });

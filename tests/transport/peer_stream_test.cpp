@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "transport/work_queue.h"
@@ -44,7 +45,7 @@ class Side final : public tolk::MessageSide {
   }
   std::optional<Frame> answer(int, IncomingCall& call) TOLK_WORKER override {
     called = call.name;
-    if (call.arguments) arguments = call.arguments->view;
+    if (call.arguments) arguments = *call.arguments;
     ++calls;
     return answers();
   }
@@ -52,7 +53,7 @@ class Side final : public tolk::MessageSide {
 
   bool malformed_counts = false;
   std::string called;
-  std::string arguments;
+  tolk::SharedBytes arguments;
   std::atomic<int> calls{0};
   std::function<std::optional<Frame>()> answers = [] { return reply(); };
 
@@ -189,8 +190,28 @@ TEST_F(ConnectedStream, ArgumentsOfAnySizeReachTheWorker) {
     std::thread peer([&] { peer_sends(bytes); });
     run_until([&] { return side.calls == 1 && owner.use_count() == 1; });
     peer.join();
-    EXPECT_TRUE(side.arguments == arguments) << size;
+    EXPECT_TRUE(side.arguments.view == arguments) << size;
     EXPECT_EQ(peer_reads(), reply().bytes());
+  }
+}
+
+// A small call shares its memory with the next read, a large one does not.
+TEST_F(ConnectedStream, ArgumentsStayAsTheyAreWhileOthersAreRead) {
+  for (const std::size_t size : {std::size_t{100}, std::size_t{60000}}) {
+    const auto answer_call = [&](char byte) {
+      side.calls = 0;
+      const std::string arguments(size, byte);
+      peer_sends(tolk::call_frame("m", 7, arguments, std::nullopt));
+      run_until([&] { return side.calls == 1 && owner.use_count() == 1; });
+      EXPECT_EQ(peer_reads(), reply().bytes());
+      EXPECT_TRUE(side.arguments.view == arguments);
+      return std::exchange(side.arguments, {});
+    };
+    const tolk::SharedBytes first = answer_call('1');
+    const tolk::SharedBytes second = answer_call('2');
+    answer_call('3');
+    EXPECT_TRUE(first.view == std::string(size, '1')) << size;
+    EXPECT_TRUE(second.view == std::string(size, '2')) << size;
   }
 }
 
