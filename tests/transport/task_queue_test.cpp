@@ -15,6 +15,27 @@ using tolk::test::TaskQueues;
 using tolk::test::Told;
 using Events = std::vector<std::string>;
 
+TEST(TaskLists, KnowTheirSizeAndOrderAlsoAfterASwap) {
+  Events log;
+  tolk::TaskList first;
+  tolk::TaskList second;
+  for (const char* const name : {"a", "b", "c"}) first.add(std::make_unique<Told>(log, name));
+  second.add(std::make_unique<Told>(log, "d"));
+  first.take().reset();
+  first.swap(second);
+  EXPECT_EQ(first.size(), 1u);
+  EXPECT_EQ(second.size(), 2u);
+  first.add(std::make_unique<Told>(log, "e"));
+  second.add(std::make_unique<Told>(log, "f"));
+  for (tolk::TaskList* const list : {&first, &second}) {
+    while (list->take()) {
+    }
+    EXPECT_TRUE(list->empty());
+    EXPECT_EQ(list->size(), 0u);
+  }
+  EXPECT_EQ(log, (Events{"a freed", "d freed", "e freed", "b freed", "c freed", "f freed"}));
+}
+
 TEST_F(TaskQueues, QueueThatNeverOpenedRefusesAtOnce) {
   EXPECT_FALSE(post("a"));
   EXPECT_EQ(log, (Events{"a refused", "a freed"}));
