@@ -19,6 +19,7 @@
 #include "params/content.h"
 #include "platform/standard_output.h"
 #include "tests/platform/redirected_stdout.h"
+#include "transport/wait_list.h"
 
 namespace {
 
@@ -278,6 +279,21 @@ TEST(OutOfMemory, ListsAddCopyAndAssignWhollyOrNotAtAll) {
                                      assigned = copy;
                                    },
                                    [](ListParams&) {});
+}
+
+struct Waiting {
+  timeout_sem record{0};
+  tolk::WaitList list{tolk::WaitList::Zero::no_limit};
+};
+
+TEST(OutOfMemory, WaitsAreListedWhollyOrNotAtAll) {
+  fail_each_allocation<Waiting>([](Waiting&) {},
+                                [](Waiting& waits) { waits.list.add(waits.record); },
+                                [](Waiting& waits) {
+                                  EXPECT_EQ(waits.list.size(), 0U);
+                                  waits.list.wake(waits.record.token);
+                                  EXPECT_NE(uv_sem_trywait(&waits.record.semaphore), 0);
+                                });
 }
 
 TEST(Memory, ValueThatOneOfTwoMapsReplacesEndsWithTheOther) {
