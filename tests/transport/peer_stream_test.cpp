@@ -24,12 +24,10 @@
 
 namespace {
 
-using tolk::Envelope;
+using Events = std::vector<std::string>;
 using tolk::Frame;
-using tolk::IncomingCall;
 using tolk::PeerStream;
 using tolk::test::CapturedStdout;
-using Events = std::vector<std::string>;
 
 Frame call() { return tolk::call_frame("m", 7, std::nullopt, std::nullopt); }
 Frame reply() { return tolk::server_reply_frame("", 7, std::nullopt); }
@@ -40,10 +38,10 @@ class Side final : public tolk::MessageSide {
 
   bool accepts_malformed() const override { return malformed_counts; }
   void on_message_without_name() TOLK_LOOP override { log_.emplace_back("no name"); }
-  void on_reply(const Envelope& envelope, const tolk::SharedBytes&) TOLK_LOOP override {
+  void on_reply(const tolk::Envelope& envelope, const tolk::SharedBytes&) TOLK_LOOP override {
     log_.push_back("reply " + std::to_string(envelope.call_id.value_or(0)));
   }
-  std::optional<Frame> answer(int, IncomingCall& call) TOLK_WORKER override {
+  std::optional<Frame> answer(int, tolk::IncomingCall& call) TOLK_WORKER override {
     called = call.name;
     if (call.arguments) arguments = *call.arguments;
     ++calls;
@@ -129,10 +127,17 @@ class ConnectedStream : public testing::Test {
     return {bytes.data(), static_cast<std::size_t>(count > 0 ? count : 0)};
   }
 
-  // On the worker: not before the test allows it.
-  Frame late_reply() {
-    may_answer.wait();
-    return reply();
+  void begin_call_with_late_reply() {
+    side.answers = [this] {
+      may_answer.wait();
+      return reply();
+    };
+    peer_sends(call());
+    run_until([this] { return !log.empty(); });
+  }
+  void answer_late() {
+    may_answer.set();
+    run_until([this] { return owner.use_count() == 1; });
   }
 
   tolk::test::Event may_answer;
@@ -248,30 +253,24 @@ TEST_F(ConnectedStream, EndsWhenAReplyCannotBeMadeForLackOfMemory) {
 
 TEST_F(ConnectedStream, LateReplyToAStreamThatIsClosedIsToldToTheSide) {
   const CapturedStdout out;
-  side.answers = [this] { return late_reply(); };
-  peer_sends(call());
-  run_until([this] { return !log.empty(); });
+  begin_call_with_late_reply();
   {
     tolk::enter_loop();
     stream.close();
   }
-  may_answer.set();
-  run_until([this] { return owner.use_count() == 1; });
+  answer_late();
   EXPECT_EQ(log, (Events{"first read", "refused"}));
   EXPECT_EQ(out.text(), "write error\n");
 }
 
 TEST_F(ConnectedStream, MutedOneDropsLateRepliesAndWhatItReads) {
   const CapturedStdout out;
-  side.answers = [this] { return late_reply(); };
-  peer_sends(call());
-  run_until([this] { return !log.empty(); });
+  begin_call_with_late_reply();
   {
     tolk::enter_loop();
     stream.mute();
   }
-  may_answer.set();
-  run_until([this] { return owner.use_count() == 1; });
+  answer_late();
   peer_sends(reply());
   run_until_end();
   EXPECT_EQ(log, (Events{"first read", "end EOF"}));

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <initializer_list>
+#include <list>
 #include <set>
 #include <thread>
 #include <vector>
@@ -25,6 +27,15 @@ int posts(timeout_sem& record) {
 
 class Waits : public testing::Test {
  protected:
+  // How often sweeps at these ticks have posted the record.
+  int posts_of_sweeps(timeout_sem& record, std::initializer_list<std::uint32_t> ticks) {
+    for (const std::uint32_t tick : ticks) {
+      calls.tick = tick;
+      list.sweep();
+    }
+    return posts(record);
+  }
+
   FakeSystemCalls calls;
   WaitList list{Zero::no_limit};
 };
@@ -62,15 +73,9 @@ TEST_F(Waits, ListsOfBothSidesShareNoToken) {
 TEST_F(Waits, SweepEndsOnlyWhatIsOlderThanItsLimit) {
   timeout_sem record(150);
   list.add(record);
-  for (const std::uint32_t now : {0u, 100u, 150u}) {
-    calls.tick = now;
-    list.sweep();
-    EXPECT_EQ(posts(record), 0) << now;
-  }
+  EXPECT_EQ(posts_of_sweeps(record, {0, 100, 150}), 0);
   EXPECT_EQ(list.size(), 1u);
-  calls.tick = 151;
-  list.sweep();
-  EXPECT_EQ(posts(record), 1);
+  EXPECT_EQ(posts_of_sweeps(record, {151}), 1);
   EXPECT_EQ(list.size(), 0u);
 }
 
@@ -87,14 +92,8 @@ TEST_F(Waits, AgeIsCountedAcrossTheWrapOfTheTick) {
   calls.tick = 0xFFFFFFF0;
   timeout_sem record(0x20);
   list.add(record);
-  for (const std::uint32_t now : {0xFFFFFFFFu, 0u, 0x10u}) {
-    calls.tick = now;
-    list.sweep();
-    EXPECT_EQ(posts(record), 0) << now;
-  }
-  calls.tick = 0x11;
-  list.sweep();
-  EXPECT_EQ(posts(record), 1);
+  EXPECT_EQ(posts_of_sweeps(record, {0xFFFFFFFF, 0, 0x10}), 0);
+  EXPECT_EQ(posts_of_sweeps(record, {0x11}), 1);
 }
 
 TEST_F(Waits, LimitsAreUnsigned) {
