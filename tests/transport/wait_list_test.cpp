@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "transport/process_exit.h"
+
 namespace {
 
 using tolk::WaitList;
@@ -152,6 +154,27 @@ TEST_F(Waits, SweepTakesTheExpiredAndLeavesTheOthersInOrder) {
   calls.tick = 50;
   list.sweep();
   EXPECT_EQ(list.records(), (std::list<timeout_sem*>{&records[0], &records[2], &records[4]}));
+  for (timeout_sem& record : records) {
+    posts(record);
+    list.wake(record.token);
+  }
+  EXPECT_EQ(posts(records[2]), 1) << "what is left can still be woken";
+  EXPECT_EQ(posts(records[3]), 0);
+  EXPECT_EQ(list.size(), 0u);
+}
+
+TEST_F(Waits, WakeOfHandlersPostsTheRecordsOfHandlersOnly) {
+  timeout_sem of_handler(0);
+  timeout_sem of_other(0);
+  {
+    const tolk::HandlerScope handler;
+    list.add(of_handler);
+  }
+  list.add(of_other);
+  list.wake_handlers();
+  EXPECT_EQ(posts(of_handler), 1);
+  EXPECT_EQ(posts(of_other), 0);
+  EXPECT_EQ(list.size(), 2u);
 }
 
 TEST_F(Waits, TokenWakesItsRecordOnceAndTakesItOff) {
