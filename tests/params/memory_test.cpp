@@ -17,8 +17,10 @@
 #include <string_view>
 
 #include "params/content.h"
+#include "params/encoder.h"
 #include "platform/standard_output.h"
 #include "tests/platform/redirected_stdout.h"
+#include "transport/result_table.h"
 #include "transport/wait_list.h"
 
 namespace {
@@ -294,6 +296,50 @@ TEST(OutOfMemory, WaitsAreListedWhollyOrNotAtAll) {
                                   waits.list.wake(waits.record.token);
                                   EXPECT_NE(uv_sem_trywait(&waits.record.semaphore), 0);
                                 });
+}
+
+struct Replies {
+  static std::string encoded(int number) {
+    TolkParams block;
+    block.AddInt(number);
+    return *block.GetParamas();
+  }
+  // Of the result that the host has.
+  int number() { return table.find(1)->GetValue(0)->GetInt(); }
+
+  tolk::Mutex lock;
+  tolk::ResultTable table{lock};
+};
+
+TEST(OutOfMemory, AReplyReplacesTheOlderOneWhollyOrNotAtAll) {
+  const std::string older = Replies::encoded(1);
+  const std::string newer = Replies::encoded(2);
+  fail_each_allocation<Replies>(
+      [&](Replies& replies) {
+        replies.table.store(1, older);
+        EXPECT_EQ(replies.number(), 1);
+      },
+      [&](Replies& replies) { replies.table.store(1, newer); },
+      [](Replies& replies) { EXPECT_EQ(replies.number(), 1); });
+}
+
+// A map in which a key comes twice: the earlier value goes, and with the last one the memory.
+TEST(Memory, ValueThatIsReplacedInAParsedMapEnds) {
+  std::string bytes(tolk::list_header_bytes, '\0');
+  bytes[0] = static_cast<char>(tolk::Tag::Map);
+  bytes[1] = 2;
+  tolk::Encoder<std::string> encoder(bytes, 0);
+  for (const int number : {1, 2}) {
+    encoder.add_key("k");
+    encoder.add_int(number);
+  }
+  const long before = live_allocations;
+  {
+    TolkParams block;
+    EXPECT_TRUE(TolkParamsAccess::parse_owned(block, bytes));
+    EXPECT_EQ(block.ParamsSize(), 1);
+  }
+  EXPECT_EQ(live_allocations, before);
 }
 
 TEST(Memory, ValueThatOneOfTwoMapsReplacesEndsWithTheOther) {
