@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <memory>
 #include <new>
 #include <ostream>
@@ -127,23 +126,6 @@ void post_from_threads(TestSession& session, int tasks_of_each) {
 TEST_F(Sessions, TasksOfSeveralThreadsRunWhileNothingElseWakesTheLoop) {
   start_and_wait();
   post_from_threads(*session, 1000);
-  EXPECT_TRUE(stop_and_drop());
-}
-
-// It polls while tasks come quickly. On a busy machine it does not, and the test shows nothing.
-TEST_F(Sessions, LoopThatHearsOfNothingMoreFallsAsleep) {
-  uv_loop_t* loop = nullptr;
-  session->at_start = [&] {
-    session->check_loop_thread();
-    loop = session->loop();
-    EXPECT_EQ(uv_loop_configure(session->loop(), UV_METRICS_IDLE_TIME), 0);
-    session->note_sign_of_life();
-  };
-  start_and_wait();
-  post_from_threads(*session, 50);
-  const auto slept = [&] { return uv_metrics_idle_time(loop); };
-  const std::uint64_t before = slept();
-  EXPECT_TRUE(tolk::test::eventually([&] { return slept() > before; }));
   EXPECT_TRUE(stop_and_drop());
 }
 
