@@ -12,20 +12,20 @@
 namespace {
 
 using Access = TolkParamsAccess;
-using tolk::test::expect_sample;
-using tolk::test::fill_sample;
+using tolk::test::expect_sample_block;
+using tolk::test::fill_sample_block;
 using tolk::test::sample_bytes;
 using tolk::test::sample_text;
 
 TEST(ParsedValues, StringOfTheHostIsNotWhatTheyLookInto) {
   for (const bool given_before : {true, false}) {
     TolkParams block;
-    fill_sample(block);
+    fill_sample_block(block);
     if (given_before) block.GetParamas();
     ASSERT_TRUE(block.ToParams());
     EXPECT_EQ(*block.GetParamas(), sample_bytes());
     block.GetParamas()->assign(block.GetParamas()->size(), 'x');
-    expect_sample(block);
+    expect_sample_block(block);
   }
 }
 
@@ -41,7 +41,7 @@ TEST(ParsedValues, HostsStringFollowsTheBlock) {
   EXPECT_EQ(buffer->size(), 9U);
   Access::parse_owned(block, sample_bytes());
   EXPECT_EQ(*buffer, bytes);
-  expect_sample(block);
+  expect_sample_block(block);
 }
 
 // The host changes the string of a block that it has parsed into. That is what is sent.
@@ -56,12 +56,12 @@ TEST(ParsedValues, ChangesOfTheHostsStringCount) {
   EXPECT_EQ(Access::bytes(block), Access::bytes(other));
   EXPECT_EQ(Access::share_bytes(block).view, Access::bytes(other));
   EXPECT_EQ(*block.GetParamas(), Access::bytes(other));
-  expect_sample(block);
+  expect_sample_block(block);
 }
 
 TEST(ParsedValues, ArgumentsMayLieInThem) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   ASSERT_TRUE(block.ToParams());
   block.AddString(block.GetValue(1)->GetString());
   block.AddKeyValueString(block.GetMapPtr()->begin()->first, block.GetMap("name")->GetString());
@@ -75,7 +75,7 @@ TEST(ParsedValues, ArgumentsMayLieInThem) {
 
 TEST(ParsedValues, CanBeAssignedToAndCleared) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   ASSERT_TRUE(block.ToParams());
   *block.GetValue(0) = *block.GetValue(1);
   *block.GetValue(1) = TolkValue("another text that needs memory", 30, TolkValue::Stream);
@@ -91,7 +91,7 @@ TEST(ParsedValues, CanBeAssignedToAndCleared) {
 
 TEST(ParsedValues, KeysOfTheViewAreTexts) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   ASSERT_TRUE(block.ToParams());
   TolkParams copy(block);
   for (TolkParams* const each : {&block, &copy}) {
@@ -103,13 +103,13 @@ TEST(ParsedValues, KeysOfTheViewAreTexts) {
 
 TEST(ParsedValues, CopyOfACopyOutlivesBoth) {
   auto block = std::make_unique<TolkParams>();
-  fill_sample(*block);
+  fill_sample_block(*block);
   ASSERT_TRUE(block->ToParams());
   auto copy = std::make_unique<TolkParams>(*block);
   TolkParams last(*copy);
   block.reset();
   copy.reset();
-  expect_sample(last);
+  expect_sample_block(last);
   EXPECT_EQ(last.GetMapPtr()->size(), 2U);
   EXPECT_EQ(*last.GetParamas(), sample_bytes());
 }

@@ -13,7 +13,7 @@ namespace tolk::test {
 
 inline constexpr char sample_text[] = "a text that needs memory of its own";
 
-inline void fill_sample(TolkParams& block) {
+inline void fill_sample_block(TolkParams& block) {
   block.AddInt(7);
   block.AddString(sample_text);
   block.AddStream("a\0b", 3);
@@ -26,11 +26,11 @@ inline void fill_sample(TolkParams& block) {
 
 inline std::string sample_bytes() {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   return *block.GetParamas();
 }
 
-inline void expect_sample(TolkParams& block) {
+inline void expect_sample_block(TolkParams& block) {
   ASSERT_EQ(block.ParamsSize(), 4);
   EXPECT_EQ(block.GetValue(0)->GetInt(), 7);
   EXPECT_STREQ(block.GetValue(1)->GetString(), sample_text);

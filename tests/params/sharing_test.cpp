@@ -20,8 +20,8 @@ namespace {
 
 using Access = TolkParamsAccess;
 using tolk::SharedBytes;
-using tolk::test::expect_sample;
-using tolk::test::fill_sample;
+using tolk::test::expect_sample_block;
+using tolk::test::fill_sample_block;
 using tolk::test::sample_bytes;
 using tolk::test::sample_text;
 
@@ -38,7 +38,7 @@ bool lies_in(const char* text, std::string_view bytes) {
 
 TEST(ShareBytes, BuiltBytesAreNotCopied) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   const char* const before = Access::bytes(block).data();
   const SharedBytes first = Access::share_bytes(block);
   const SharedBytes second = Access::share_bytes(block);
@@ -56,7 +56,7 @@ TEST(ShareBytes, OfAnEmptyBlockAreNone) {
 
 TEST(ShareBytes, OutliveTheBlock) {
   auto block = std::make_unique<TolkParams>();
-  fill_sample(*block);
+  fill_sample_block(*block);
   const SharedBytes shared = Access::share_bytes(*block);
   block.reset();
   EXPECT_EQ(shared.view, sample_bytes());
@@ -78,7 +78,7 @@ TEST(ShareBytes, EveryChangeOfTheBlockLeavesThemAlone) {
       [](TolkParams& block) { block = TolkParams(); }};
   for (std::size_t i = 0; i < changes.size(); ++i) {
     TolkParams block;
-    fill_sample(block);
+    fill_sample_block(block);
     const SharedBytes shared = Access::share_bytes(block);
     changes[i](block);
     EXPECT_EQ(shared.view, sample_bytes()) << "change " << i;
@@ -88,7 +88,7 @@ TEST(ShareBytes, EveryChangeOfTheBlockLeavesThemAlone) {
 
 TEST(ShareBytes, AddedRecordsComeBehindThem) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   const SharedBytes shared = Access::share_bytes(block);
   block.AddInt(8);
   EXPECT_EQ(block.Size(), static_cast<int>(shared.view.size()) + 9);
@@ -98,7 +98,7 @@ TEST(ShareBytes, AddedRecordsComeBehindThem) {
 
 TEST(ShareBytes, ComeBackWithoutACopyWhenNobodyHoldsThemAnyMore) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   const char* const before = Access::share_bytes(block).view.data();
   EXPECT_EQ(block.GetParamasPtr(), before);
 }
@@ -106,7 +106,7 @@ TEST(ShareBytes, ComeBackWithoutACopyWhenNobodyHoldsThemAnyMore) {
 // The host may change the string at any time, even while the bytes are written.
 TEST(ShareBytes, BytesThatTheHostCanChangeAreCopied) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   std::string* const buffer = block.GetParamas();
   const SharedBytes shared = Access::share_bytes(block);
   EXPECT_EQ(block.GetParamas(), buffer);
@@ -117,7 +117,7 @@ TEST(ShareBytes, BytesThatTheHostCanChangeAreCopied) {
 
 TEST(ShareBytes, PointerOfTheHostStaysValid) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   const char* const bytes = block.GetParamasPtr();
   const SharedBytes shared = Access::share_bytes(block);
   EXPECT_EQ(block.GetParamasPtr(), bytes);
@@ -136,17 +136,17 @@ TEST(ShareBytes, ParsedNumbersAreNotCopied) {
 
 TEST(ShareBytes, ParsedTextsAreCopiedOnceAndTheValuesStay) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   ASSERT_TRUE(block.ToParams());
   const SharedBytes first = Access::share_bytes(block);
   EXPECT_EQ(first.view, sample_bytes());
   EXPECT_EQ(Access::share_bytes(block).view.data(), first.view.data());
-  expect_sample(block);
+  expect_sample_block(block);
 }
 
 TEST(ShareBytes, OfBlocksThatShareTheirContent) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   TolkParams twin;
   twin = block;
   const SharedBytes shared = Access::share_bytes(block);
@@ -157,7 +157,7 @@ TEST(ShareBytes, OfBlocksThatShareTheirContent) {
 
 TEST(ShareBytes, AreTheSameForACopyOfTheBlock) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   const SharedBytes shared = Access::share_bytes(block);
   TolkParams copy(block);
   copy.AddInt(8);
@@ -168,7 +168,7 @@ TEST(ShareBytes, AreTheSameForACopyOfTheBlock) {
 
 TEST(ShareBytes, OwnSharedBytesCanBeAppended) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   const SharedBytes shared = Access::share_bytes(block);
   block.AddStream(shared.view.data(), static_cast<long>(shared.view.size()));
   ASSERT_TRUE(block.ToParams());
@@ -180,7 +180,7 @@ TEST(ShareBytes, OwnSharedBytesCanBeAppended) {
 TEST(TakeBytes, BuiltBytesAreMovedEvenAfterTheyWereShared) {
   for (const bool shared : {false, true}) {
     TolkParams block;
-    fill_sample(block);
+    fill_sample_block(block);
     const char* const before = Access::bytes(block).data();
     if (shared) Access::share_bytes(block);
     const std::string taken = Access::take_bytes(block);
@@ -191,7 +191,7 @@ TEST(TakeBytes, BuiltBytesAreMovedEvenAfterTheyWereShared) {
 
 TEST(TakeBytes, HeldBytesAreCopied) {
   TolkParams block;
-  fill_sample(block);
+  fill_sample_block(block);
   const SharedBytes shared = Access::share_bytes(block);
   EXPECT_EQ(Access::take_bytes(block), sample_bytes());
   EXPECT_EQ(shared.view, sample_bytes());
@@ -206,7 +206,7 @@ TEST(TakeBytes, ParsedBytesAreAsTheyCame) {
   TolkParams twin;
   twin = again;
   EXPECT_EQ(Access::take_bytes(again), sample_bytes());
-  expect_sample(twin);
+  expect_sample_block(twin);
 }
 
 // Wherever the parse has put them.
@@ -226,7 +226,7 @@ TEST(ParseShared, ValuesLookIntoTheBytes) {
   const SharedBytes bytes = received(sample_bytes());
   TolkParams block;
   EXPECT_TRUE(Access::parse_shared(block, bytes));
-  expect_sample(block);
+  expect_sample_block(block);
   EXPECT_TRUE(lies_in(block.GetValue(1)->GetString(), bytes.view));
   EXPECT_TRUE(lies_in(block.GetMap("name")->GetString(), bytes.view));
   EXPECT_EQ(block.Size(), static_cast<int>(bytes.view.size()));
@@ -239,7 +239,7 @@ TEST(ParseShared, HostsStringIsAsTheBytesCame) {
   EXPECT_EQ(*buffer, sample_bytes());
   EXPECT_EQ(block.GetParamas(), buffer);
   buffer->assign(buffer->size(), 'x');
-  expect_sample(block);
+  expect_sample_block(block);
   EXPECT_FALSE(block.ToParams());
 }
 
@@ -248,7 +248,7 @@ TEST(ParseShared, PartOfAMessageCanBeTheBytes) {
   TolkParams block;
   const std::string_view part = std::string_view(*memory).substr(3, memory->size() - 6);
   EXPECT_TRUE(Access::parse_shared(block, {memory, part}));
-  expect_sample(block);
+  expect_sample_block(block);
   EXPECT_EQ(memory->substr(0, 3) + memory->substr(memory->size() - 3), "xxxyyy");
   EXPECT_EQ(*block.GetParamas(), sample_bytes());
 }
@@ -262,7 +262,7 @@ TEST(ParseShared, BytesAreHeldAsLongAsAValueLooksIntoThem) {
   auto copy = std::make_unique<TolkParams>(*block);
   const TolkValue list(*block->GetValue(3));
   block.reset();
-  expect_sample(*copy);
+  expect_sample_block(*copy);
   copy.reset();
   EXPECT_FALSE(watch.expired());
   EXPECT_STREQ(list.GetList()->at(0)->GetString(), sample_text);
@@ -285,7 +285,7 @@ TEST(ParseShared, ChangesOfTheBlockLeaveTheValuesAlone) {
   TolkParams block;
   Access::parse_shared(block, received(sample_bytes()));
   block.AddInt(8);
-  expect_sample(block);
+  expect_sample_block(block);
   EXPECT_EQ(block.Size(), static_cast<int>(sample_bytes().size()) + 9);
   ASSERT_TRUE(block.ToParams());
   EXPECT_EQ(block.ParamsSize(), 5);
@@ -296,7 +296,7 @@ TEST(ParseShared, CanBeSentOn) {
   Access::parse_shared(block, received(sample_bytes()));
   EXPECT_EQ(Access::share_bytes(block).view, sample_bytes());
   EXPECT_EQ(Access::bytes(block), sample_bytes());
-  expect_sample(block);
+  expect_sample_block(block);
 }
 
 TEST(ParseShared, MalformedBytesKeepWhatCameBefore) {
@@ -319,7 +319,7 @@ TEST(ParseShared, IntoABlockWhoseStringTheHostHas) {
   std::string* const buffer = block.GetParamas();
   EXPECT_TRUE(Access::parse_shared(block, received(sample_bytes())));
   EXPECT_EQ(*buffer, sample_bytes());
-  expect_sample(block);
+  expect_sample_block(block);
 }
 
 TEST(ParseShared, ParsedSharedMakesAContent) {

@@ -13,22 +13,22 @@ namespace {
 
 using tolk::test::fail_each_allocation;
 
-struct Waiting {
+struct ListedWait {
   timeout_sem record{0};
   tolk::WaitList list{tolk::WaitList::Zero::no_limit};
 };
 
 TEST(OutOfMemory, WaitsAreListedWhollyOrNotAtAll) {
-  fail_each_allocation<Waiting>([](Waiting&) {},
-                                [](Waiting& waits) { waits.list.add(waits.record); },
-                                [](Waiting& waits) {
-                                  EXPECT_EQ(waits.list.size(), 0U);
-                                  waits.list.wake(waits.record.token);
-                                  EXPECT_NE(uv_sem_trywait(&waits.record.semaphore), 0);
-                                });
+  fail_each_allocation<ListedWait>([](ListedWait&) {},
+                                   [](ListedWait& waits) { waits.list.add(waits.record); },
+                                   [](ListedWait& waits) {
+                                     EXPECT_EQ(waits.list.size(), 0U);
+                                     waits.list.wake(waits.record.token);
+                                     EXPECT_NE(uv_sem_trywait(&waits.record.semaphore), 0);
+                                   });
 }
 
-struct Replies {
+struct StoredReplies {
   static std::string encoded(int number) {
     TolkParams block;
     block.AddInt(number);
@@ -42,15 +42,15 @@ struct Replies {
 };
 
 TEST(OutOfMemory, AReplyReplacesTheOlderOneWhollyOrNotAtAll) {
-  const std::string older = Replies::encoded(1);
-  const std::string newer = Replies::encoded(2);
-  fail_each_allocation<Replies>(
-      [&](Replies& replies) {
+  const std::string older = StoredReplies::encoded(1);
+  const std::string newer = StoredReplies::encoded(2);
+  fail_each_allocation<StoredReplies>(
+      [&](StoredReplies& replies) {
         replies.table.store(1, older);
         EXPECT_EQ(replies.number(), 1);
       },
-      [&](Replies& replies) { replies.table.store(1, newer); },
-      [](Replies& replies) { EXPECT_EQ(replies.number(), 1); });
+      [&](StoredReplies& replies) { replies.table.store(1, newer); },
+      [](StoredReplies& replies) { EXPECT_EQ(replies.number(), 1); });
 }
 
 }  // namespace
