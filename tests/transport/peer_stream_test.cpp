@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <new>
@@ -74,10 +76,11 @@ class Owner final : public tolk::StreamOwner {
     log_.push_back(std::string("end ") + uv_err_name(status));
     stream.close();
   }
-  bool takes_messages() const override { return true; }
+  bool takes_messages() const override { return log_.size() < most_events; }
   bool begins_calls() const override { return begins; }
 
   bool begins = true;
+  std::size_t most_events = SIZE_MAX;
   uv_loop_t loop_{};
   const std::shared_ptr<Side> side_;
 
@@ -153,6 +156,13 @@ TEST_F(ConnectedStream, TellsItsFirstReadOnceThenRepliesInOrderThenItsEnd) {
   run_until([this] { return log.size() == 3; });
   run_until_end();
   EXPECT_EQ(log, (Events{"first read", "reply 7", "reply 7", "end EOF"}));
+}
+
+TEST_F(ConnectedStream, FramesOfOneReadAreDroppedOnceNoMessagesAreTaken) {
+  owner->most_events = 2;
+  peer_sends(std::string(reply().bytes()) + std::string(reply().bytes()));
+  run_until_end();
+  EXPECT_EQ(log, (Events{"first read", "reply 7", "end EOF"}));
 }
 
 TEST_F(ConnectedStream, EndIsAFirstReadToo) {
