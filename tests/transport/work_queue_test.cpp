@@ -148,6 +148,7 @@ class WorkQueues : public testing::Test {
   std::unique_ptr<OtherWork> others;
   TaskQueue ends;
   WorkQueue queue{ends};
+  WorkQueue other_queue{ends};  // its runners may outlive the body of a test too
 };
 
 TEST_F(WorkQueues, RunEveryItemOnceOnAWorkerAndEndItOnTheLoop) {
@@ -266,7 +267,6 @@ void pass(std::chrono::nanoseconds gap) {
 TEST_F(WorkQueues, ItemsThatComeLaterDoNotOvertakeTheOtherQueue) {
   auto first_worker = std::make_unique<OtherWork>(&loop, 1);
   leave_one_worker();  // the one that is taken
-  WorkQueue other_queue(ends);
   std::atomic<bool> other_ran{false};
   std::atomic<int> overtaking{0};
   for (int i = 0; i < 20; ++i) begin([] {});
@@ -284,7 +284,6 @@ TEST_F(WorkQueues, AFullQueueLeavesAnotherItsTurn) {
   leave_one_worker();
   std::atomic<int> begun{0};
   std::atomic<bool> other_ran{false};
-  WorkQueue other_queue(ends);
   const Function begin_next = [&] {
     const int next = begun + 1;
     begin([&, next] {
