@@ -9,8 +9,6 @@
 namespace tolk {
 namespace {
 
-constexpr std::chrono::microseconds kStayAwake{50};
-
 std::chrono::nanoseconds until(std::uint64_t deadline) {
   const std::uint64_t now = uv_hrtime();
   return std::chrono::nanoseconds(deadline > now ? deadline - now : 0);
@@ -137,7 +135,7 @@ void CallTable::forget() {
 
 bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_out,
                      Outcome* outcome) {
-  thread_local WaitScore waits{kStayAwake};
+  thread_local WaitScore waits;
   const WorkerPool::Blocked others_may_run;
   auto shard = shard_of(number).lock();
   const auto at = shard->records.find(number);

@@ -4,9 +4,9 @@
 
 #include "capi/block.h"
 #include "capi/core.h"
-#include "capi/empty_sink.h"
 #include "capi/request.h"
 #include "params/encoder.h"
+#include "params/parser.h"
 
 namespace tolk {
 
@@ -47,7 +47,7 @@ void Core::take_reply(Peer& peer, const Message& reply, const SharedBytes& paylo
 }
 
 void Core::take_cancel(Peer& peer, const Message& call) {
-  struct FirstText : EmptySink {
+  struct FirstText : IgnoringSink {
     void positional(const Scalar& value) {
       if (value.type == TolkValue::String && text.empty()) text = value.bytes;
     }

@@ -3,9 +3,9 @@
 #include <array>
 #include <utility>
 
-#include "capi/empty_sink.h"
 #include "capi/hook_task.h"
 #include "params/encoder.h"
+#include "params/parser.h"
 #include "platform/text.h"
 #include "transport/reserved_names.h"
 
@@ -178,7 +178,7 @@ bool ServerCore::answers_itself(Peer& peer, const Message& call) {
 
 // The client learns what this side takes only if it has said what it takes itself.
 void ServerCore::answer_version_check(Peer& peer, const Message& call) {
-  struct VersionSink : EmptySink {
+  struct VersionSink : IgnoringSink {
     void keyed(std::string_view key, const Scalar& value) {
       if (key == kKeyVersion && value.type == TolkValue::String) version = value.bytes;
     }

@@ -10,18 +10,6 @@ namespace tolk {
 
 namespace {
 
-struct NoSink {
-  void positional(const Scalar&) {}
-  void erase_key(std::string_view) {}
-  void keyed(std::string_view, const Scalar&) {}
-  void begin_list() {}
-  void list_element(const Scalar&) {}
-  void end_list() {}
-  void begin_map() {}
-  void map_entry(std::string_view, const Scalar&) {}
-  void end_map() {}
-};
-
 // Writes each check word of a well-formed block as it was.
 struct RestoreCheckWord {
   char* bytes;
@@ -102,18 +90,18 @@ const char* Arena::copy_text(std::string_view text) {
 
 // Chunks grow, so that there are few of them for any number of values.
 void Arena::add_chunk(std::size_t least) {
-  const std::size_t usual =
-      std::clamp(2 * static_cast<std::size_t>(end_ - next_), least_chunk_bytes, most_chunk_bytes);
-  const std::size_t size = sizeof(Chunk) + std::max(least, usual);
+  const std::size_t size = sizeof(Chunk) + std::max(least, next_chunk_bytes_);
   char* const memory = static_cast<char*>(::operator new(size));
+  next_chunk_bytes_ = std::min(2 * next_chunk_bytes_, most_chunk_bytes);
   chunks_ = new (memory) Chunk{chunks_};
   next_ = memory + sizeof(Chunk);
   end_ = memory + size;
 }
 
 void Arena::restore(char* bytes) const {
-  NoSink nothing;
-  RecordParser<NoSink, RestoreCheckWord>({bytes, bytes_.size()}, nothing, {bytes, encoded_until_})
+  IgnoringSink nothing;
+  RecordParser<IgnoringSink, RestoreCheckWord>({bytes, bytes_.size()}, nothing,
+                                               {bytes, encoded_until_})
       .run();
 }
 

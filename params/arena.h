@@ -18,6 +18,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "params/counted_ref.h"
 #include "params/shared_bytes.h"
 
 namespace tolk {
@@ -75,7 +76,7 @@ class Arena {
   static constexpr std::size_t quick_bytes = 1024;
   static constexpr std::size_t least_chunk_bytes = 4096;
   static constexpr std::size_t most_chunk_bytes = std::size_t{1} << 20;
-  struct Chunk {
+  struct alignas(alignment) Chunk {
     Chunk* before;
   };
 
@@ -94,6 +95,7 @@ class Arena {
   char* next_;
   char* end_;
   Chunk* chunks_ = nullptr;
+  std::size_t next_chunk_bytes_ = least_chunk_bytes;
 };
 
 // A sequence in the memory of an arena, which must outlive it. What it outgrows is left there.
@@ -130,31 +132,6 @@ class ArenaArray {
   std::size_t capacity_ = 0;
 };
 
-// One count of an arena, or none.
-class ArenaRef {
- public:
-  ArenaRef() = default;
-  explicit ArenaRef(Arena* adopted) noexcept : arena_(adopted) {}
-  ArenaRef(const ArenaRef& other) noexcept : arena_(other.arena_) {
-    if (arena_ != nullptr) arena_->retain();
-  }
-  ArenaRef(ArenaRef&& other) noexcept : arena_(std::exchange(other.arena_, nullptr)) {}
-  ArenaRef& operator=(ArenaRef other) noexcept {
-    std::swap(arena_, other.arena_);
-    return *this;
-  }
-  ~ArenaRef() {
-    if (arena_ != nullptr) arena_->release();
-  }
-
-  explicit operator bool() const noexcept { return arena_ != nullptr; }
-  Arena* get() const noexcept { return arena_; }
-  Arena& operator*() const noexcept { return *arena_; }
-  Arena* operator->() const noexcept { return arena_; }
-  Arena* take() noexcept { return std::exchange(arena_, nullptr); }
-
- private:
-  Arena* arena_ = nullptr;
-};
+using ArenaRef = CountedRef<Arena>;
 
 }  // namespace tolk

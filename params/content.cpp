@@ -57,8 +57,8 @@ class Filler {
 
   void begin_map() { open_ = new_value(TolkValue::Map); }
   void map_entry(std::string_view cut_key, const tolk::Scalar& scalar) {
-    TolkValue*& entry = Access::map(*open_).try_emplace(std::string(cut_key)).first->second;
     add_scalar(scalar, [&](TolkValue* value) {
+      TolkValue*& entry = Access::map(*open_).try_emplace(std::string(cut_key)).first->second;
       if (entry != nullptr) Access::release(entry);
       entry = value;
     });
@@ -290,6 +290,7 @@ std::string& TolkParams::Content::bring_home() {
 }
 
 SharedBytes TolkParams::Content::share() {
+  const std::lock_guard<std::mutex> lock(senders);
   if (given) return held(ArenaRef(Arena::with_copy(buffer, 0)));
   if (!place) {
     place = ArenaRef(Arena::with_string(std::move(buffer), 0));

@@ -7,8 +7,9 @@
 // look into them there, and when they are shared. A later change brings them back: moved if nobody
 // else needs the arena, and copied otherwise.
 //
-// Thread: any, one at a time. One exception: `exchange` may replace the content of a refreshable
-// block while a thread of the host reads it.
+// Thread: any, one at a time. Two exceptions: `exchange` may replace the content of a refreshable
+// block while a thread of the host reads it, and `bytes` and `share` may run on several threads:
+// hosts send one block to many peers.
 // Owner: the blocks and references that hold a count; the last one deletes the content.
 // Failure: std::bad_alloc. A parse that it ends keeps the values that were made until then.
 #pragma once
@@ -18,11 +19,13 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "params/arena.h"
+#include "params/counted_ref.h"
 #include "params/shared_bytes.h"
 
 class TolkValue;
@@ -60,6 +63,7 @@ struct TolkParams::Content {
   }
   // The encoded bytes, wherever they lie, until the block is changed.
   std::string_view bytes() {
+    const std::lock_guard<std::mutex> lock(senders);
     return place && !place->has_text_ends() ? place->bytes() : own_bytes();
   }
   std::size_t size() const { return place ? place->bytes().size() : buffer.size(); }
@@ -76,6 +80,7 @@ struct TolkParams::Content {
   }
 
   std::atomic<std::uint32_t> owners = 1;
+  std::mutex senders;  // held while the bytes move so that they can be sent
   // A host has a pointer to `buffer` or into it, so the bytes stay there for good.
   bool given = false;
   std::string buffer;    // the encoded bytes, unless they lie in `place`
@@ -94,30 +99,7 @@ struct TolkParams::Content {
 struct TolkParamsAccess {
   using Content = TolkParams::Content;
 
-  // One count of a content, or none.
-  class ContentRef {
-   public:
-    ContentRef() = default;
-    explicit ContentRef(Content* adopted) noexcept : content_(adopted) {}
-    ContentRef(const ContentRef& other) noexcept : content_(other.content_) {
-      if (content_ != nullptr) content_->retain();
-    }
-    ContentRef(ContentRef&& other) noexcept : content_(other.take()) {}
-    ContentRef& operator=(ContentRef other) noexcept {
-      std::swap(content_, other.content_);
-      return *this;
-    }
-    ~ContentRef() {
-      if (content_ != nullptr) content_->release();
-    }
-
-    explicit operator bool() const noexcept { return content_ != nullptr; }
-    Content* get() const noexcept { return content_; }
-    Content* take() noexcept { return std::exchange(content_, nullptr); }
-
-   private:
-    Content* content_ = nullptr;
-  };
+  using ContentRef = tolk::CountedRef<Content>;
 
   // The block's content, borrowed. The content of a refreshable block is marked as touched.
   static Content& content(const TolkParams& block) noexcept {

@@ -40,6 +40,19 @@ struct Scalar {
   bool has_bytes() const { return type == TolkValue::String || type == TolkValue::Stream; }
 };
 
+// The sink that keeps nothing. A sink that keeps some values derives from it.
+struct IgnoringSink {
+  void positional(const Scalar&) {}
+  void erase_key(std::string_view) {}
+  void keyed(std::string_view, const Scalar&) {}
+  void begin_list() {}
+  void list_element(const Scalar&) {}
+  void end_list() {}
+  void begin_map() {}
+  void map_entry(std::string_view, const Scalar&) {}
+  void end_map() {}
+};
+
 // Whether the check word at `at` of a block is right.
 struct TestCheckWord {
   bool operator()(const char* word, std::uint64_t at) const {

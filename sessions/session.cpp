@@ -169,6 +169,7 @@ bool Session::run_loop() {
   if (std::exchange(loop_ran_, true)) return false;
   const LoopThreadScope runs_a_loop;
   queue_.stay_awake();
+  uv_update_time(&loop_);  // for the timers that the first tasks start
   turn_until_stopped();
   return true;
 }

@@ -103,9 +103,6 @@ class Session : public StreamOwner {
   void finish_loop();       // one that was not run to its end
 
  private:
-  // While a loop is awake it polls for this long after it has heard of anything.
-  static constexpr std::chrono::microseconds kStayAwake{50};
-
   static void async_sendmsg(uv_async_t* wake_up);
   void run_thread();
   void turn_until_stopped() TOLK_LOOP;
@@ -130,7 +127,7 @@ class Session : public StreamOwner {
   bool loop_ran_ TOLK_GUARDED_BY(loop_role) = false;
   bool stopped_ TOLK_GUARDED_BY(loop_role) = false;
   Instant quiet_since_ TOLK_GUARDED_BY(loop_role){};
-  WaitScore quiet_times_ TOLK_GUARDED_BY(loop_role){kStayAwake};
+  WaitScore quiet_times_ TOLK_GUARDED_BY(loop_role);
 };
 
 }  // namespace tolk

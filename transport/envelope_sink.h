@@ -30,17 +30,9 @@ inline int number_in(const Scalar& value) {
 }
 
 // Follows the keyed values of a payload as a block would hold them, four keys of it.
-class EnvelopeSink {
+class EnvelopeSink : public IgnoringSink {
  public:
   explicit EnvelopeSink(Envelope& envelope) : envelope_(envelope) {}
-
-  void positional(const Scalar&) {}
-  void begin_list() {}
-  void list_element(const Scalar&) {}
-  void end_list() {}
-  void begin_map() {}
-  void map_entry(std::string_view, const Scalar&) {}
-  void end_map() {}
 
   void erase_key(std::string_view key) {
     if (key == kKeyName) envelope_.name.reset();

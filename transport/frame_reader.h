@@ -177,7 +177,8 @@ class FrameReader {
 
   void drop_pending() {
     pending_.clear();
-    if (pending_.capacity() > kIdleCapacityBytes) pending_ = std::string();
+    // An assignment could keep the memory.
+    if (pending_.capacity() > kIdleCapacityBytes) std::string().swap(pending_);
   }
 
   const std::size_t large_bytes_;

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 #include <span>
@@ -28,6 +29,7 @@ class GrowingBlock {
  public:
   static constexpr std::size_t kFirstBytes = std::size_t{1} << 20;
   static constexpr std::size_t kGrowth = platform::kReserveFactor;
+  static constexpr std::size_t kLeastRoom = std::size_t{64} << 10;
 
   std::size_t size() const { return size_; }
   std::size_t reserved_bytes() const { return capacity_; }
@@ -42,9 +44,9 @@ class GrowingBlock {
     size_ += bytes.size();
   }
 
-  // Where the next bytes go; at least one.
+  // Where the next bytes go: at least one, and as many as a read is worth if so many lack.
   std::span<char> room(std::size_t total) {
-    make_room(1, total);
+    make_room(std::clamp<std::size_t>(total - size_, 1, kLeastRoom), total);
     return {memory_.get() + size_, capacity_ - size_};
   }
 
@@ -66,9 +68,17 @@ class GrowingBlock {
   void make_room(std::size_t more, std::size_t total) {
     const std::size_t needed = size_ + more;
     if (needed <= capacity_) return;
-    const std::size_t ahead =
-        std::min(needed <= kFirstBytes ? kFirstBytes : kGrowth * needed, total);
-    if (!reserve(std::max(needed, ahead)) && !reserve(needed)) throw std::bad_alloc();
+    // Where memory is short, less of it is reserved ahead.
+    for (std::size_t factor = kGrowth; factor > 1; factor /= 2) {
+      if (reserve(std::max(needed, std::min(ahead_of(needed, factor), total)))) return;
+    }
+    if (!reserve(needed)) throw std::bad_alloc();
+  }
+
+  static std::size_t ahead_of(std::size_t needed, std::size_t factor) {
+    if (needed <= kFirstBytes) return kFirstBytes;
+    constexpr std::size_t most = std::numeric_limits<std::size_t>::max();
+    return needed <= most / factor ? factor * needed : most;
   }
 
   bool reserve(std::size_t bytes) {

@@ -11,8 +11,6 @@ namespace {
 constexpr std::chrono::microseconds kLateReturn{500};
 constexpr std::chrono::milliseconds kRest{10};
 
-constexpr std::chrono::microseconds kHostStaysAwake{50};
-
 constinit std::atomic<Instant::rep> rests_until{0};
 
 bool processor_is_wanted(Instant now) {
@@ -38,9 +36,9 @@ void let_others_run() {
 }
 
 void wait_awake(uv_sem_t* semaphore) {
-  thread_local WaitScore waits{kHostStaysAwake};
+  thread_local WaitScore waits;
   const Instant begin = instant_now();
-  if (!waits.pays(begin) || !posted_within(semaphore, begin + waits.window())) {
+  if (!waits.pays(begin) || !posted_within(semaphore, begin + kStayAwake)) {
     uv_sem_wait(semaphore);
   }
   const Instant end = instant_now();
@@ -52,7 +50,7 @@ bool WaitScore::pays(Instant now) const { return score_ >= kPays && !processor_i
 void WaitScore::waited(std::chrono::nanoseconds time, Instant now) {
   const bool polled = pays(now);
   int change = kLong;
-  if (time <= window_) {
+  if (time <= kStayAwake) {
     change = kShort;
   } else if (time <= kShortWithSleep) {
     change = polled ? kInVain : kShort;

@@ -24,13 +24,12 @@ void let_others_run();
 // uv_sem_wait of a thread of the host, which stays awake while its waits are short.
 void wait_awake(uv_sem_t* semaphore);
 
+// How long a thread polls, at most, for what it waits for.
+inline constexpr std::chrono::microseconds kStayAwake{50};
+
 // What waits of one kind were worth of late.
 class WaitScore {
  public:
-  // `window`: how long the caller polls, at most.
-  explicit constexpr WaitScore(std::chrono::nanoseconds window) : window_(window) {}
-
-  std::chrono::nanoseconds window() const { return window_; }
   // Whether it pays to poll now.
   bool pays(Instant now) const;
   // A wait has ended after this time.
@@ -45,7 +44,6 @@ class WaitScore {
   // A wait takes this long while all others sleep too. If all polled, it would be short.
   static constexpr std::chrono::microseconds kShortWithSleep{400};
 
-  std::chrono::nanoseconds window_;
   int score_ = 0;
 };
 

@@ -1,7 +1,5 @@
 #include "transport/task_queue.h"
 
-#include <thread>
-
 #include "platform/guarded.h"
 #include "transport/pause_point.h"
 
@@ -79,7 +77,7 @@ bool TaskQueue::post_end(std::unique_ptr<Task> task, bool wakes) {
 // Null when the loop is awake, or is being woken.
 uv_async_t* TaskQueue::sleeper(State& state) {
   if (!std::exchange(state.asleep, false)) return nullptr;
-  wakers_.fetch_add(1, std::memory_order_relaxed);
+  wakers_.enter();
   return state.wake_up;
 }
 
@@ -87,7 +85,7 @@ uv_async_t* TaskQueue::sleeper(State& state) {
 void TaskQueue::wake(uv_async_t* sleeper) {
   if (sleeper == nullptr) return;
   uv_async_send(sleeper);
-  wakers_.fetch_sub(1, std::memory_order_release);
+  wakers_.leave();
 }
 
 // No more than what is queued now: reads and timers get their turn, however fast others post.
@@ -98,8 +96,9 @@ bool TaskQueue::drain() {
     running_.swap(state->tasks);
     ends.swap(state->ends);
   }
-  const bool ran_tasks = run_all(running_);
-  return run_all(ends) || ran_tasks;
+  // The ends first: a task may close the queue, and the replies were there before it.
+  const bool ran_ends = run_all(ends);
+  return run_all(running_) || ran_ends;
 }
 
 bool TaskQueue::run_all(TaskList& batch) {
@@ -131,7 +130,7 @@ void TaskQueue::close() {
     state->wake_up = nullptr;
     left.swap(state->tasks);
   }
-  while (wakers_.load(std::memory_order_acquire) != 0) std::this_thread::yield();
+  wakers_.wait_until_left();
   TOLK_PAUSE_POINT("queue.before_refusals");
   while (const auto task = running_.take()) task->refuse();
   while (const auto task = left.take()) task->refuse();

@@ -15,11 +15,11 @@
 
 #include <uv.h>
 
-#include <atomic>
 #include <memory>
 #include <utility>
 
 #include "transport/thread_safety.h"
+#include "transport/unlocked_users.h"
 
 namespace tolk {
 
@@ -113,7 +113,7 @@ class TaskQueue {
   static bool run_all(TaskList& batch) TOLK_LOOP;
 
   Guarded<State> state_;
-  std::atomic<int> wakers_{0};  // threads that are about to touch the wake-up handle
+  UnlockedUsers wakers_;  // threads that are about to touch the wake-up handle
   TaskList running_ TOLK_GUARDED_BY(loop_role);  // taken by drain
 };
 

@@ -1,5 +1,7 @@
 #include "transport/wait_list.h"
 
+#include <algorithm>
+
 #include "platform/never_destroyed.h"
 #include "transport/pause_point.h"
 #include "transport/process_exit.h"
@@ -38,29 +40,52 @@ void WaitList::list(timeout_sem& record) {
 }
 
 void WaitList::remove(timeout_sem& record) {
-  const MutexLock lock(mutex_);
-  take_off(record);
+  {
+    const MutexLock lock(mutex_);
+    take_off(record);
+  }
+  record.wakers.wait_until_left();
+}
+
+// Hosts can reach the list, and may have changed it.
+bool WaitList::places_are_right() const { return records_.size() == by_token_.size(); }
+
+WaitList::Place WaitList::place_of(std::uint64_t token) {
+  if (places_are_right()) {
+    const auto indexed = by_token_.find(token);
+    return indexed == by_token_.end() ? records_.end() : indexed->second;
+  }
+  return std::find_if(records_.begin(), records_.end(),
+                      [&](const timeout_sem* listed) { return listed->token == token; });
 }
 
 void WaitList::take_off(const timeout_sem& record) {
-  const auto indexed = by_token_.find(record.token);
-  if (indexed != by_token_.end()) {
-    records_.erase(indexed->second);
-    by_token_.erase(indexed);
+  if (places_are_right()) {
+    const Place place = place_of(record.token);
+    if (place != records_.end()) records_.erase(place);
+  } else {
+    records_.remove(const_cast<timeout_sem*>(&record));
   }
-  // Only those who have the list itself could have added what has no token here.
-  if (records_.size() != by_token_.size()) {
-    records_.remove_if([&](const timeout_sem* listed) { return listed == &record; });
-  }
+  by_token_.erase(record.token);
 }
 
 void WaitList::wake(std::uint64_t token) {
+  timeout_sem* const record = take_for_post(token);
+  if (record == nullptr) return;
+  TOLK_PAUSE_POINT("wait.before_wake");
+  uv_sem_post(&record->semaphore);
+  TOLK_PAUSE_POINT("wait.woken");
+  record->wakers.leave();
+}
+
+timeout_sem* WaitList::take_for_post(std::uint64_t token) {
   const MutexLock lock(mutex_);
-  const auto indexed = by_token_.find(token);
-  if (indexed == by_token_.end()) return;
-  timeout_sem& record = **indexed->second;
-  uv_sem_post(&record.semaphore);
-  take_off(record);
+  const Place place = place_of(token);
+  if (place == records_.end()) return nullptr;
+  timeout_sem* const record = *place;
+  record->wakers.enter();
+  take_off(*record);
+  return record;
 }
 
 void WaitList::wake_all() {

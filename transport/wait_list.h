@@ -1,7 +1,8 @@
 // The synchronous calls of one side that wait for their replies.
 //
 // Thread: any. Owner: a record belongs to the call that waits on it, which removes it from the list
-// before it destroys it; every post happens under the list's lock, so none can hit a dead record.
+// before it destroys it; no post can hit a dead record. All happen under the list's lock, but that
+// of the reply: its call would wake up only to wait for the lock. `remove` waits for such a post.
 // Who wakes, exactly once per listing: the reply that carries the record's token, the timeout
 // sweep, or a wake-all (which leaves records listed, so that they may be posted again).
 // Failure: std::bad_alloc from add. Waking and sweeping allocate nothing.
@@ -15,6 +16,7 @@
 #include <unordered_map>
 
 #include "transport/thread_safety.h"
+#include "transport/unlocked_users.h"
 
 // The wait record of one synchronous call.
 struct timeout_sem {
@@ -24,9 +26,10 @@ struct timeout_sem {
   timeout_sem& operator=(const timeout_sem&) = delete;
 
   uv_sem_t semaphore{};
-  std::uint32_t start = 0;    // tick at listing
-  std::uint32_t timeout = 0;  // ms
-  bool in_handler = false;    // a handler makes the call
+  std::uint32_t start = 0;     // tick at listing
+  std::uint32_t timeout = 0;   // ms
+  bool in_handler = false;     // a handler makes the call
+  tolk::UnlockedUsers wakers;  // threads that are about to post it
   // Never used twice in a process: a late reply wakes no other call.
   const std::uint64_t token;
 };
@@ -61,7 +64,10 @@ class WaitList {
 
   bool expired(const timeout_sem& record, std::uint32_t now) const;
   void list(timeout_sem& record) TOLK_REQUIRES(mutex_);
+  bool places_are_right() const TOLK_REQUIRES(mutex_);
+  Place place_of(std::uint64_t token) TOLK_REQUIRES(mutex_);
   void take_off(const timeout_sem& record) TOLK_REQUIRES(mutex_);
+  timeout_sem* take_for_post(std::uint64_t token);
 
   const Zero zero_;
   Mutex mutex_;

@@ -46,14 +46,13 @@ void WorkQueue::begin(uv_loop_t* loop, std::unique_ptr<WorkItem> item) {
   if (runner) start(loop, std::move(runner));
 }
 
-// How long there was nothing to do.
+// Also of runners that did not stay: otherwise they would never learn that it pays.
 void WorkQueue::note_gap() {
-  auto state = state_.lock();
-  const auto since = std::exchange(state->nothing_since, std::nullopt);
-  if (!since) return;
+  const Instant::rep done_at = done_at_.exchange(0, std::memory_order_relaxed);
+  if (done_at == 0) return;
   const Instant now = instant_now();
-  state->gaps.waited(now - *since, now);
-  staying_pays_.store(state->gaps.pays(now), std::memory_order_relaxed);
+  gaps_.waited(now - Instant(Instant::duration(done_at)), now);
+  staying_pays_.store(gaps_.pays(now), std::memory_order_relaxed);
 }
 
 // False when the item needs a runner and there is none. A runner that it does not need goes.
@@ -102,13 +101,15 @@ void WorkQueue::on_runner_done(uv_work_t* work, int) {
 
 void WorkQueue::run_items(uv_work_t* work) {
   enter_worker();
-  static_cast<Runner*>(work->data)->queue.run_until(instant_now() + kStayLongest);
+  auto* const runner = static_cast<Runner*>(work->data);
+  runner->queue.run_until(runner->latest);
 }
 
 void WorkQueue::run_until(Instant latest) {
   auto item = begin_run();
   while (item) {
     item->work_here();
+    done_at_.store(instant_now().time_since_epoch().count(), std::memory_order_relaxed);
     const bool stays = may_stay(latest);
     const bool open = ends_.post_end(std::move(item), stays);
     item = stays && open ? next() : nullptr;
@@ -150,7 +151,6 @@ void WorkQueue::watch_for_items() const {
 std::unique_ptr<WorkItem> WorkQueue::take_first(State& state) {
   std::unique_ptr<Task> first = state.waiting.take();
   waiting_count_.store(state.waiting.size(), std::memory_order_relaxed);
-  if (!first) state.nothing_since = instant_now();
   return std::unique_ptr<WorkItem>(static_cast<WorkItem*>(first.release()));
 }
 

@@ -21,7 +21,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <optional>
 
 #include "transport/staying_awake.h"
 #include "transport/task_queue.h"
@@ -45,15 +44,15 @@ class WorkQueue {
 
     uv_work_t work{};
     WorkQueue& queue;
+    // From when it counts in libuv's queue: one that comes late has one item, so that items that
+    // came after it do not overtake other work.
+    const Instant latest = instant_now() + kStayLongest;
   };
   struct State {
     TaskList waiting;
     std::size_t idle = 0;  // runners that are going to look at `waiting`
-    std::optional<Instant> nothing_since;
-    WaitScore gaps{kStayAwake};
   };
 
-  static constexpr std::chrono::microseconds kStayAwake{20};
   static constexpr std::chrono::milliseconds kStayLongest{1};
 
   static void run_items(uv_work_t* work);
@@ -74,9 +73,13 @@ class WorkQueue {
 
   TaskQueue& ends_;
   Guarded<State> state_;
-  // Of the state, for runners that look without the lock.
+  // How long workers have had nothing to do when a call comes.
+  WaitScore gaps_ TOLK_GUARDED_BY(loop_role);
+  // For runners that look without the lock.
   std::atomic<std::size_t> waiting_count_{0};
   std::atomic<bool> staying_pays_{false};
+  // When a worker was done with an item since the last one came; 0: none was.
+  std::atomic<Instant::rep> done_at_{0};
 };
 
 }  // namespace tolk

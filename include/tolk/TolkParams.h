@@ -5,9 +5,9 @@
 /// values by position (GetValue) and by key (GetMap). An added value becomes readable when ToParams
 /// parses the block's own bytes.
 ///
-/// Thread: one thread at a time. The library may replace the content of a result block with a later
-/// reply for the same call id while one thread reads the block. Several threads must not read one
-/// result block at the same time.
+/// Thread: one thread at a time, except that several may send the block as arguments. The library
+/// may replace the content of a result block with a later reply for the same call id while one
+/// thread reads the block. Several threads must not read one result block at the same time.
 ///
 /// Owner: the block owns its bytes and values. A pointer from an accessor is valid until the next
 /// Clear, Parser or ToParams, or the end of the block.

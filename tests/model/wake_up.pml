@@ -253,11 +253,12 @@ inline drain() {
   :: nempty(taken_tasks) || nempty(taken_ends) ->
     if
     :: atomic {
-        taken_tasks?task -> assert(task_state[task] == enqueued && !stopped);
+        empty(taken_ends) && nempty(taken_tasks) -> taken_tasks?task;
+        assert(task_state[task] == enqueued && !stopped);
         task_state[task] = ran
       }
     :: atomic {
-        empty(taken_tasks) && nempty(taken_ends) -> taken_ends?task;
+        taken_ends?task ->
         assert(call_state[task] == handled && !loop_closed);
         call_state[task] = ended;
         task = NONE

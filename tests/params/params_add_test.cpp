@@ -207,6 +207,14 @@ TEST(Params, ClearEmptiesAllButTheFlag) {
   EXPECT_EQ(bytes_of(block), normal("01 31 02000000"));
 }
 
+TEST(Params, ClearGivesTheMemoryBack) {
+  TolkParams block;
+  const std::string large(100000, 'x');
+  block.AddStream(large.data(), static_cast<long>(large.size()));
+  block.Clear();
+  EXPECT_LT(block.GetParamas()->capacity(), 1000U);
+}
+
 TEST(Params, ManySmallRecordsGrowTheBufferSeldom) {
   TolkParams block;
   int moves = 0;

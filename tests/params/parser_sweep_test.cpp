@@ -21,24 +21,11 @@ using tolk::test::NaiveParser;
 using tolk::test::to_hex;
 using BlockEncoder = tolk::Encoder<std::string>;
 
-// A sink that keeps nothing.
-struct Nothing {
-  void positional(const tolk::Scalar&) {}
-  void erase_key(std::string_view) {}
-  void keyed(std::string_view, const tolk::Scalar&) {}
-  void begin_list() {}
-  void list_element(const tolk::Scalar&) {}
-  void end_list() {}
-  void begin_map() {}
-  void map_entry(std::string_view, const tolk::Scalar&) {}
-  void end_map() {}
-};
-
 // In memory of exactly that size, so that the sanitizer sees any read behind it.
 void expect_as_naive(std::string_view bytes) {
   const auto exact = std::make_unique<char[]>(bytes.size());
   bytes.copy(exact.get(), bytes.size());
-  Nothing nothing;
+  tolk::IgnoringSink nothing;
   const bool verdict = tolk::parse_records({exact.get(), bytes.size()}, nothing);
   TolkParams block;
   EXPECT_EQ(block.Parser(exact.get(), static_cast<int>(bytes.size())), verdict);
@@ -189,7 +176,7 @@ TEST(ParserSweep, EveryValueOfEveryByte) {
     const char original = byte;
     for (int value = 0; value < 256; ++value) {
       byte = static_cast<char>(value);
-      Nothing nothing;
+      tolk::IgnoringSink nothing;
       ASSERT_EQ(tolk::parse_records(bytes, nothing), NaiveParser(bytes).ok) << to_hex(bytes);
     }
     byte = original;

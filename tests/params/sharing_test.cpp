@@ -1,5 +1,6 @@
 // Bytes that a block has with others: given out, taken over, and changed afterwards.
 #include <gtest/gtest.h>
+#include <tests/params/sample_block.h>
 #include <tolk/ListParams.h>
 #include <tolk/TolkParams.h>
 #include <tolk/TolkValue.h>
@@ -19,38 +20,10 @@ namespace {
 
 using Access = TolkParamsAccess;
 using tolk::SharedBytes;
-
-constexpr char long_text[] = "a text that needs memory of its own";
-
-void fill(TolkParams& block) {
-  block.AddInt(7);
-  block.AddString(long_text);
-  block.AddStream("a\0b", 3);
-  block.AddKeyValueString("name", long_text);
-  block.AddKeyValueInt("width", 1920);
-  ListParams* const list = TolkParams::CreateListParams();
-  list->AddString(long_text, sizeof long_text - 1);
-  block.AddList(list);
-}
-
-std::string sample_bytes() {
-  TolkParams block;
-  fill(block);
-  return *block.GetParamas();
-}
-
-void expect_shared_sample(TolkParams& block) {
-  ASSERT_EQ(block.ParamsSize(), 4);
-  EXPECT_EQ(block.GetValue(0)->GetInt(), 7);
-  EXPECT_STREQ(block.GetValue(1)->GetString(), long_text);
-  long size = 0;
-  const char* const stream = block.GetValue(2)->GetStream(size);
-  EXPECT_EQ(std::string(stream, static_cast<std::size_t>(size) + 1), std::string("a\0b\0", 4));
-  EXPECT_STREQ(block.GetValue(3)->GetList()->at(0)->GetString(), long_text);
-  ASSERT_EQ(block.MapSize(), 2);
-  EXPECT_STREQ(block.GetMap("name")->GetString(), long_text);
-  EXPECT_EQ(block.GetMap("width")->GetInt(), 1920);
-}
+using tolk::test::expect_sample_block;
+using tolk::test::fill_sample_block;
+using tolk::test::sample_bytes;
+using tolk::test::sample_text;
 
 SharedBytes received(const std::string& bytes) {
   const auto memory = std::make_shared<std::string>(bytes);
@@ -65,7 +38,7 @@ bool lies_in(const char* text, std::string_view bytes) {
 
 TEST(ShareBytes, BuiltBytesAreNotCopied) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   const char* const before = Access::bytes(block).data();
   const SharedBytes first = Access::share_bytes(block);
   const SharedBytes second = Access::share_bytes(block);
@@ -83,7 +56,7 @@ TEST(ShareBytes, OfAnEmptyBlockAreNone) {
 
 TEST(ShareBytes, OutliveTheBlock) {
   auto block = std::make_unique<TolkParams>();
-  fill(*block);
+  fill_sample_block(*block);
   const SharedBytes shared = Access::share_bytes(*block);
   block.reset();
   EXPECT_EQ(shared.view, sample_bytes());
@@ -93,8 +66,8 @@ TEST(ShareBytes, EveryChangeOfTheBlockLeavesThemAlone) {
   const std::string other = sample_bytes() + sample_bytes();
   const std::vector<std::function<void(TolkParams&)>> changes = {
       [](TolkParams& block) { block.AddInt(1); },
-      [](TolkParams& block) { block.AddStream(long_text, 30); },
-      [](TolkParams& block) { block.AddKeyValueString("k", long_text); },
+      [](TolkParams& block) { block.AddStream(sample_text, 30); },
+      [](TolkParams& block) { block.AddKeyValueString("k", sample_text); },
       [](TolkParams& block) { block.AddList(TolkParams::CreateListParams()); },
       [](TolkParams& block) { block.GetParamas()->at(0) = 'x'; },
       [](TolkParams& block) { block.GetParamas()->append("x"); },
@@ -105,7 +78,7 @@ TEST(ShareBytes, EveryChangeOfTheBlockLeavesThemAlone) {
       [](TolkParams& block) { block = TolkParams(); }};
   for (std::size_t i = 0; i < changes.size(); ++i) {
     TolkParams block;
-    fill(block);
+    fill_sample_block(block);
     const SharedBytes shared = Access::share_bytes(block);
     changes[i](block);
     EXPECT_EQ(shared.view, sample_bytes()) << "change " << i;
@@ -115,7 +88,7 @@ TEST(ShareBytes, EveryChangeOfTheBlockLeavesThemAlone) {
 
 TEST(ShareBytes, AddedRecordsComeBehindThem) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   const SharedBytes shared = Access::share_bytes(block);
   block.AddInt(8);
   EXPECT_EQ(block.Size(), static_cast<int>(shared.view.size()) + 9);
@@ -125,7 +98,7 @@ TEST(ShareBytes, AddedRecordsComeBehindThem) {
 
 TEST(ShareBytes, ComeBackWithoutACopyWhenNobodyHoldsThemAnyMore) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   const char* const before = Access::share_bytes(block).view.data();
   EXPECT_EQ(block.GetParamasPtr(), before);
 }
@@ -133,7 +106,7 @@ TEST(ShareBytes, ComeBackWithoutACopyWhenNobodyHoldsThemAnyMore) {
 // The host may change the string at any time, even while the bytes are written.
 TEST(ShareBytes, BytesThatTheHostCanChangeAreCopied) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   std::string* const buffer = block.GetParamas();
   const SharedBytes shared = Access::share_bytes(block);
   EXPECT_EQ(block.GetParamas(), buffer);
@@ -144,7 +117,7 @@ TEST(ShareBytes, BytesThatTheHostCanChangeAreCopied) {
 
 TEST(ShareBytes, PointerOfTheHostStaysValid) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   const char* const bytes = block.GetParamasPtr();
   const SharedBytes shared = Access::share_bytes(block);
   EXPECT_EQ(block.GetParamasPtr(), bytes);
@@ -163,17 +136,17 @@ TEST(ShareBytes, ParsedNumbersAreNotCopied) {
 
 TEST(ShareBytes, ParsedTextsAreCopiedOnceAndTheValuesStay) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   ASSERT_TRUE(block.ToParams());
   const SharedBytes first = Access::share_bytes(block);
   EXPECT_EQ(first.view, sample_bytes());
   EXPECT_EQ(Access::share_bytes(block).view.data(), first.view.data());
-  expect_shared_sample(block);
+  expect_sample_block(block);
 }
 
 TEST(ShareBytes, OfBlocksThatShareTheirContent) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   TolkParams twin;
   twin = block;
   const SharedBytes shared = Access::share_bytes(block);
@@ -184,7 +157,7 @@ TEST(ShareBytes, OfBlocksThatShareTheirContent) {
 
 TEST(ShareBytes, AreTheSameForACopyOfTheBlock) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   const SharedBytes shared = Access::share_bytes(block);
   TolkParams copy(block);
   copy.AddInt(8);
@@ -195,7 +168,7 @@ TEST(ShareBytes, AreTheSameForACopyOfTheBlock) {
 
 TEST(ShareBytes, OwnSharedBytesCanBeAppended) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   const SharedBytes shared = Access::share_bytes(block);
   block.AddStream(shared.view.data(), static_cast<long>(shared.view.size()));
   ASSERT_TRUE(block.ToParams());
@@ -207,7 +180,7 @@ TEST(ShareBytes, OwnSharedBytesCanBeAppended) {
 TEST(TakeBytes, BuiltBytesAreMovedEvenAfterTheyWereShared) {
   for (const bool shared : {false, true}) {
     TolkParams block;
-    fill(block);
+    fill_sample_block(block);
     const char* const before = Access::bytes(block).data();
     if (shared) Access::share_bytes(block);
     const std::string taken = Access::take_bytes(block);
@@ -218,7 +191,7 @@ TEST(TakeBytes, BuiltBytesAreMovedEvenAfterTheyWereShared) {
 
 TEST(TakeBytes, HeldBytesAreCopied) {
   TolkParams block;
-  fill(block);
+  fill_sample_block(block);
   const SharedBytes shared = Access::share_bytes(block);
   EXPECT_EQ(Access::take_bytes(block), sample_bytes());
   EXPECT_EQ(shared.view, sample_bytes());
@@ -233,7 +206,18 @@ TEST(TakeBytes, ParsedBytesAreAsTheyCame) {
   TolkParams twin;
   twin = again;
   EXPECT_EQ(Access::take_bytes(again), sample_bytes());
-  expect_shared_sample(twin);
+  expect_sample_block(twin);
+}
+
+// Wherever the parse has put them.
+TEST(TakeBytes, BytesThatWereCopiedOrSharedAreAsTheyCame) {
+  const std::string bytes = sample_bytes();
+  TolkParams copied;
+  ASSERT_TRUE(copied.Parser(bytes.data(), static_cast<int>(bytes.size())));
+  EXPECT_EQ(Access::take_bytes(copied), bytes);
+  TolkParams shared;
+  ASSERT_TRUE(Access::parse_shared(shared, received(bytes)));
+  EXPECT_EQ(Access::take_bytes(shared), bytes);
 }
 
 // --- bytes that a block takes over ---
@@ -242,7 +226,7 @@ TEST(ParseShared, ValuesLookIntoTheBytes) {
   const SharedBytes bytes = received(sample_bytes());
   TolkParams block;
   EXPECT_TRUE(Access::parse_shared(block, bytes));
-  expect_shared_sample(block);
+  expect_sample_block(block);
   EXPECT_TRUE(lies_in(block.GetValue(1)->GetString(), bytes.view));
   EXPECT_TRUE(lies_in(block.GetMap("name")->GetString(), bytes.view));
   EXPECT_EQ(block.Size(), static_cast<int>(bytes.view.size()));
@@ -255,7 +239,7 @@ TEST(ParseShared, HostsStringIsAsTheBytesCame) {
   EXPECT_EQ(*buffer, sample_bytes());
   EXPECT_EQ(block.GetParamas(), buffer);
   buffer->assign(buffer->size(), 'x');
-  expect_shared_sample(block);
+  expect_sample_block(block);
   EXPECT_FALSE(block.ToParams());
 }
 
@@ -264,7 +248,7 @@ TEST(ParseShared, PartOfAMessageCanBeTheBytes) {
   TolkParams block;
   const std::string_view part = std::string_view(*memory).substr(3, memory->size() - 6);
   EXPECT_TRUE(Access::parse_shared(block, {memory, part}));
-  expect_shared_sample(block);
+  expect_sample_block(block);
   EXPECT_EQ(memory->substr(0, 3) + memory->substr(memory->size() - 3), "xxxyyy");
   EXPECT_EQ(*block.GetParamas(), sample_bytes());
 }
@@ -278,10 +262,10 @@ TEST(ParseShared, BytesAreHeldAsLongAsAValueLooksIntoThem) {
   auto copy = std::make_unique<TolkParams>(*block);
   const TolkValue list(*block->GetValue(3));
   block.reset();
-  expect_shared_sample(*copy);
+  expect_sample_block(*copy);
   copy.reset();
   EXPECT_FALSE(watch.expired());
-  EXPECT_STREQ(list.GetList()->at(0)->GetString(), long_text);
+  EXPECT_STREQ(list.GetList()->at(0)->GetString(), sample_text);
 }
 
 TEST(ParseShared, BytesAreReleasedWithTheLastValue) {
@@ -301,7 +285,7 @@ TEST(ParseShared, ChangesOfTheBlockLeaveTheValuesAlone) {
   TolkParams block;
   Access::parse_shared(block, received(sample_bytes()));
   block.AddInt(8);
-  expect_shared_sample(block);
+  expect_sample_block(block);
   EXPECT_EQ(block.Size(), static_cast<int>(sample_bytes().size()) + 9);
   ASSERT_TRUE(block.ToParams());
   EXPECT_EQ(block.ParamsSize(), 5);
@@ -312,7 +296,7 @@ TEST(ParseShared, CanBeSentOn) {
   Access::parse_shared(block, received(sample_bytes()));
   EXPECT_EQ(Access::share_bytes(block).view, sample_bytes());
   EXPECT_EQ(Access::bytes(block), sample_bytes());
-  expect_shared_sample(block);
+  expect_sample_block(block);
 }
 
 TEST(ParseShared, MalformedBytesKeepWhatCameBefore) {
@@ -335,114 +319,13 @@ TEST(ParseShared, IntoABlockWhoseStringTheHostHas) {
   std::string* const buffer = block.GetParamas();
   EXPECT_TRUE(Access::parse_shared(block, received(sample_bytes())));
   EXPECT_EQ(*buffer, sample_bytes());
-  expect_shared_sample(block);
+  expect_sample_block(block);
 }
 
 TEST(ParseShared, ParsedSharedMakesAContent) {
   const auto content = Access::parsed_shared(received(sample_bytes()));
   EXPECT_EQ(content.get()->values.size(), 4U);
   EXPECT_EQ(content.get()->bytes(), sample_bytes());
-}
-
-// --- the values of a block, whatever becomes of its bytes ---
-
-TEST(ParsedValues, StringOfTheHostIsNotWhatTheyLookInto) {
-  for (const bool given_before : {true, false}) {
-    TolkParams block;
-    fill(block);
-    if (given_before) block.GetParamas();
-    ASSERT_TRUE(block.ToParams());
-    EXPECT_EQ(*block.GetParamas(), sample_bytes());
-    block.GetParamas()->assign(block.GetParamas()->size(), 'x');
-    expect_shared_sample(block);
-  }
-}
-
-TEST(ParsedValues, HostsStringFollowsTheBlock) {
-  TolkParams block;
-  std::string* const buffer = block.GetParamas();
-  const std::string bytes = sample_bytes();
-  block.Parser(bytes.data(), static_cast<int>(bytes.size()));
-  EXPECT_EQ(*buffer, bytes);
-  block.Clear();
-  EXPECT_EQ(*buffer, "");
-  block.AddInt(1);
-  EXPECT_EQ(buffer->size(), 9U);
-  Access::parse_owned(block, sample_bytes());
-  EXPECT_EQ(*buffer, bytes);
-  expect_shared_sample(block);
-}
-
-TEST(ParsedValues, ArgumentsMayLieInThem) {
-  TolkParams block;
-  fill(block);
-  ASSERT_TRUE(block.ToParams());
-  block.AddString(block.GetValue(1)->GetString());
-  block.AddKeyValueString(block.GetMapPtr()->begin()->first, block.GetMap("name")->GetString());
-  ASSERT_TRUE(block.ToParams());
-  EXPECT_STREQ(block.GetValue(4)->GetString(), long_text);
-  long size = 0;
-  const char* const stream = block.GetValue(2)->GetStream(size);
-  EXPECT_FALSE(block.Parser(stream, static_cast<int>(size)));
-  EXPECT_EQ(*block.GetParamas(), std::string("a\0b", 3));
-}
-
-TEST(ParsedValues, CanBeAssignedToAndCleared) {
-  TolkParams block;
-  fill(block);
-  ASSERT_TRUE(block.ToParams());
-  *block.GetValue(0) = *block.GetValue(1);
-  *block.GetValue(1) = TolkValue("another text that needs memory", 30, TolkValue::Stream);
-  *block.GetValue(2) = *block.GetValue(3);
-  block.GetMap("name")->clear();
-  block.GetMap("width")->AddListMapInt("k", 1);
-  EXPECT_STREQ(block.GetValue(0)->GetString(), long_text);
-  EXPECT_STREQ(block.GetValue(1)->GetString(), "another text that needs memory");
-  EXPECT_EQ(*block.GetValue(2)->GetList(), *block.GetValue(3)->GetList());
-  EXPECT_STREQ(block.GetMap("name")->GetString(), "");
-  EXPECT_EQ(Access::bytes(block), sample_bytes());
-}
-
-TEST(ParsedValues, KeysOfTheViewAreTexts) {
-  TolkParams block;
-  fill(block);
-  ASSERT_TRUE(block.ToParams());
-  TolkParams copy(block);
-  for (TolkParams* const each : {&block, &copy}) {
-    std::string keys;
-    for (const auto& [key, value] : *each->GetMapPtr()) keys += std::string(key) + " ";
-    EXPECT_TRUE(keys == "name width " || keys == "width name ") << keys;
-  }
-}
-
-TEST(ParsedValues, CopyOfACopyOutlivesBoth) {
-  auto block = std::make_unique<TolkParams>();
-  fill(*block);
-  ASSERT_TRUE(block->ToParams());
-  auto copy = std::make_unique<TolkParams>(*block);
-  TolkParams last(*copy);
-  block.reset();
-  copy.reset();
-  expect_shared_sample(last);
-  EXPECT_EQ(last.GetMapPtr()->size(), 2U);
-  EXPECT_EQ(*last.GetParamas(), sample_bytes());
-}
-
-TEST(ParsedValues, ManyOfThemAreKept) {
-  TolkParams block;
-  constexpr int count = 5000;
-  for (int i = 0; i < count; ++i) {
-    block.AddInt(i);
-    block.AddKeyValueString(std::to_string(i % 3000).c_str(), std::to_string(i).c_str());
-  }
-  ASSERT_TRUE(block.ToParams());
-  ASSERT_EQ(block.ParamsSize(), count);
-  ASSERT_EQ(block.MapSize(), 3000);
-  for (int i = 0; i < count; ++i) ASSERT_EQ(block.GetValue(i)->GetInt(), i);
-  for (int i = 0; i < 3000; ++i) {
-    const int last = i + 3000 < count ? i + 3000 : i;
-    ASSERT_EQ(block.GetMap(std::to_string(i).c_str())->GetString(), std::to_string(last));
-  }
 }
 
 }  // namespace

@@ -357,6 +357,28 @@ TEST(OutgoingCall, LargeArgumentsOutliveTheirBlock) {
   EXPECT_TRUE(call.arguments == encoded);
 }
 
+// For instance one that is sent to many clients.
+TEST(OutgoingCall, ThreadsMaySendOneBlockAtTheSameTime) {
+  constexpr int kThreads = 4;
+  for (int round = 0; round < 400; ++round) {
+    const bool large = round % 2 == 0;
+    TolkParams block;
+    block.AddString(std::string(large ? tolk::Frame::kTakeOverBytes : 5000, 'x').c_str());
+    const std::string encoded = *TolkParams(block).GetParamas();
+    if (round % 4 > 1) block.ToParams();
+    std::atomic<int> missing{kThreads};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&] {
+        for (--missing; missing > 0;) std::this_thread::yield();
+        const OutgoingCall call(0, "m", &block, 1);
+        EXPECT_TRUE(call.arguments == encoded);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+  }
+}
+
 TEST(OutgoingCall, SmallArgumentsAreOnlyLookedAt) {
   TolkParams block;
   block.AddInt(7);

@@ -195,6 +195,36 @@ TEST_F(Sessions, TasksThatArePostedBeforeTheLoopRunsRunWithIt) {
   EXPECT_TRUE(stop_and_drop());
 }
 
+// A server may be started long before its loop runs.
+TEST_F(Sessions, TimerThatAnEarlyTaskStartsCountsFromThen) {
+  struct Expired {
+    Event happened;
+    uv_timer_t timer{};
+    tolk::Instant started, ran;
+  } expired;
+  session->at_start = [&] {
+    session->check_loop_thread();
+    expired.timer.data = &expired;
+    uv_timer_init(session->loop(), &expired.timer);
+    session->post_function([&] {
+      expired.started = tolk::instant_now();
+      uv_timer_start(
+          &expired.timer,
+          [](uv_timer_t* timer) {
+            auto* const of = static_cast<Expired*>(timer->data);
+            of->ran = tolk::instant_now();
+            of->happened.set();
+          },
+          100, 0);
+    });
+    std::this_thread::sleep_for(150ms);  // the time of the loop is older by that much
+  };
+  start_and_wait();
+  ASSERT_TRUE(expired.happened.wait());
+  EXPECT_GE(expired.ran - expired.started, 98ms);
+  EXPECT_TRUE(stop_and_drop());
+}
+
 // Posts itself again until it may end.
 void keep_posting(TestSession& session, std::atomic<bool>& may_end) {
   if (!may_end) session.post_function([&] { keep_posting(session, may_end); });

@@ -100,6 +100,25 @@ TEST_P(HeldCall, OfManyNoneOutlivesItsClient) {
   for (CallMeanwhile& caller : callers) EXPECT_EQ(caller.result(), nullptr);
 }
 
+// Its record would be gone while the thread that wakes it still uses it.
+TEST_P(HeldCall, IsNotOverBeforeItsWakerIsDone) {
+  Hold hold("wait.woken");
+  Meanwhile calling([this] { pair.client->SendMsgFast("echo", nullptr, 1, 0); });
+  ASSERT_TRUE(hold.reached());
+  EXPECT_FALSE(calling.is_done(kQuiet));
+  hold.release();
+  EXPECT_TRUE(calling.is_done());
+}
+
+TEST_P(HeldCall, ComesToAWorkerThatHasStayedAwakeWhenCallsAreQuick) {
+  Hold hold("worker.stays_awake");
+  const Stopwatch since;
+  while (!hold.reached(Milliseconds(0)) && since.elapsed() < kLimit) {
+    ASSERT_NE(pair.client->SendMsgFast("echo", nullptr, 1, 0), nullptr);
+  }
+  EXPECT_TRUE(hold.reached(Milliseconds(0)));
+}
+
 class HeldLoop : public StepTest {};
 TOLK_OVER_TRANSPORTS(HeldLoop);
 

@@ -16,6 +16,8 @@ const std::vector<Step>& all_steps() {
       {"worker.answered", call},
       {"result.before_store", call},
       {"result.stored", call},
+      {"wait.before_wake", call},
+      {"wait.woken", call},
       {"call.woken", call},
 
       {"wait.listed", turn_call},
@@ -41,6 +43,8 @@ const std::vector<Step>& all_steps() {
       {"worker.answered", server_call},
       {"result.before_store", server_call},
       {"result.stored", server_call},
+      {"wait.before_wake", server_call},
+      {"wait.woken", server_call},
       {"call.woken", server_call},
 
       {"queue.before_post", server_post},

@@ -68,9 +68,10 @@ TEST_F(ExpectedResults, LateResultLeavesWhatTheHostHolds) {
 TEST_F(ExpectedResults, OtherIdsAreNotExpected) {
   table.store(6, int_payload(1));
   const Watched held(table.find(6)->GetValue(0));
-  const ResultTable::Expectation call(table, 5);
+  ResultTable::Expectation call(table, 5);
   table.store(6, int_payload(2));
   EXPECT_FALSE(held.is_gone());
+  EXPECT_FALSE(call.reply());
   EXPECT_EQ(table.find(5), nullptr);
 }
 

@@ -206,6 +206,27 @@ TEST(FrameReader, NothingIsReservedForALengthAlone) {
   }
 }
 
+TEST(FrameReader, SmallFrameInPartsLeavesNoMoreReservedThanIdleConnectionsMayKeep) {
+  const std::string bytes = frame(std::string(15000, 'x'));
+  Connection connection;
+  connection.read(std::string_view(bytes).substr(0, 14000));
+  connection.read(std::string_view(bytes).substr(14000));
+  EXPECT_EQ(connection.payloads.size(), 1u);
+  EXPECT_LE(connection.reserved(), 4096u);
+}
+
+TEST(FrameReader, LargeFrameWhosePrefixCameAloneIsReadToItsPlaceToo) {
+  const std::string bytes = frame(std::string(100000, 'x'));
+  for (const std::size_t first : {2u, 4u, 4000u}) {
+    Connection connection;
+    connection.read(std::string_view(bytes).substr(0, first));
+    EXPECT_FALSE(connection.offers_room());
+    connection.read(std::string_view(bytes).substr(first, 4096 - first));
+    EXPECT_TRUE(connection.offers_room());
+    EXPECT_EQ(connection.waiting(), 4096u);
+  }
+}
+
 TEST(FrameReader, ReserveForALargeFrameFollowsTheBytesThatCame) {
   const std::string read(65536, 'x');
   Connection connection;
@@ -323,6 +344,23 @@ TEST(FrameReader, NoFurtherFrameIsHandedOnOnceDispatchSaysNo) {
   connection.wanted = 2;
   connection.read(frame("one") + frame("two") + frame("three"));
   EXPECT_EQ(connection.payloads, (Payloads{"one", "two"}));
+}
+
+TEST(FrameReader, NoFurtherFrameIsHandedOnOnceDispatchHasRefusedALargeOne) {
+  const std::string bytes = frame(std::string(100000, 'x')) + frame("next");
+  Connection connection;
+  connection.wanted = 1;
+  connection.read(std::string_view(bytes).substr(0, 50000));
+  connection.read(std::string_view(bytes).substr(50000));
+  EXPECT_EQ(connection.payloads.size(), 1u);
+}
+
+TEST(FrameReader, NoFurtherFrameIsHandedOnOnceDispatchHasRefusedANegativeLength) {
+  Connection connection;
+  connection.wanted = 1;
+  // It moves by one byte, to another negative length.
+  connection.read(hex("FD FF FF FF FF"));
+  EXPECT_EQ(connection.payloads, Payloads{""});
 }
 
 TEST(FrameReader, ThrowingDispatchLeavesTheReaderUsable) {

@@ -149,6 +149,17 @@ TEST(Frame, ALargePartStaysAsLongAsTheFrame) {
   EXPECT_TRUE(alive.expired());
 }
 
+TEST(Frame, PartsThatOnlyLookLikeTheLargeOneAreCopied) {
+  const auto owner = std::make_shared<const std::string>(100, 'x');
+  const std::string as_long(100, 'y');
+  const auto fill = [&](auto& to) {
+    to.add_stream(as_long);
+    to.add_stream(std::string_view(*owner).substr(0, 50));
+  };
+  const Frame frame = Frame::build_around({owner, *owner}, fill);
+  EXPECT_EQ(to_hex(frame.bytes()), to_hex(Frame::build(fill).bytes()));
+}
+
 TEST(Frame, ALargePartThatIsNotAddedIsNotWritten) {
   const auto owner = std::make_shared<const std::string>(100, 'x');
   const Frame frame = Frame::build_around({owner, *owner}, [](auto& to) { to.add_bool(true); });

@@ -11,12 +11,15 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <new>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "transport/plain_receiver.h"
@@ -24,12 +27,10 @@
 
 namespace {
 
-using tolk::Envelope;
+using Events = std::vector<std::string>;
 using tolk::Frame;
-using tolk::IncomingCall;
 using tolk::PeerStream;
 using tolk::test::CapturedStdout;
-using Events = std::vector<std::string>;
 
 Frame call() { return tolk::call_frame("m", 7, std::nullopt, std::nullopt); }
 Frame reply() { return tolk::server_reply_frame("", 7, std::nullopt); }
@@ -43,12 +44,12 @@ class StreamSide final : public tolk::MessageSide, private tolk::PlainReceiver {
   }
   bool accepts_malformed() const override { return malformed_counts; }
   void on_message_without_name() TOLK_LOOP override { log_.emplace_back("no name"); }
-  void on_reply(const Envelope& envelope, const tolk::SharedBytes&) TOLK_LOOP override {
+  void on_reply(const tolk::Envelope& envelope, const tolk::SharedBytes&) TOLK_LOOP override {
     log_.push_back("reply " + std::to_string(envelope.call_id.value_or(0)));
   }
-  std::optional<Frame> answer(int, IncomingCall& call) TOLK_WORKER override {
+  std::optional<Frame> answer(int, tolk::IncomingCall& call) TOLK_WORKER override {
     called = call.name;
-    if (call.arguments) arguments = call.arguments->view;
+    if (call.arguments) arguments = *call.arguments;
     ++calls;
     return answers();
   }
@@ -58,7 +59,7 @@ class StreamSide final : public tolk::MessageSide, private tolk::PlainReceiver {
   tolk::StreamRules rules;
   bool malformed_counts = false;
   std::string called;
-  std::string arguments;
+  tolk::SharedBytes arguments;
   std::atomic<int> calls{0};
   std::function<std::optional<Frame>()> answers = [] { return reply(); };
 
@@ -81,10 +82,11 @@ class Owner final : public tolk::StreamOwner {
     log_.push_back(std::string("end ") + uv_err_name(status));
     stream.close();
   }
-  bool takes_messages() const override { return true; }
+  bool takes_messages() const override { return log_.size() < most_events; }
   bool begins_calls() const override { return begins; }
 
   bool begins = true;
+  std::size_t most_events = SIZE_MAX;
   uv_loop_t loop_{};
   const std::shared_ptr<StreamSide> side_;
 
@@ -134,10 +136,17 @@ class ConnectedStream : public testing::Test {
     return {bytes.data(), static_cast<std::size_t>(count > 0 ? count : 0)};
   }
 
-  // On the worker: not before the test allows it.
-  Frame late_reply() {
-    may_answer.wait();
-    return reply();
+  void begin_call_with_late_reply() {
+    side.answers = [this] {
+      may_answer.wait();
+      return reply();
+    };
+    peer_sends(call());
+    run_until([this] { return !log.empty(); });
+  }
+  void answer_late() {
+    may_answer.set();
+    run_until([this] { return owner.use_count() == 1; });
   }
 
   tolk::test::Event may_answer;
@@ -165,6 +174,13 @@ TEST_F(ConnectedStrictStream, EndsAtALengthThatItsRulesForbid) {
   peer_sends(std::string(reply().bytes()) + "\xFF\xFF\xFF\xFF");
   run_until([this] { return log.size() == 3; });
   EXPECT_EQ(log, (Events{"first read", "reply 7", "end EPROTO"}));
+}
+
+TEST_F(ConnectedStream, FramesOfOneReadAreDroppedOnceNoMessagesAreTaken) {
+  owner->most_events = 2;
+  peer_sends(std::string(reply().bytes()) + std::string(reply().bytes()));
+  run_until_end();
+  EXPECT_EQ(log, (Events{"first read", "reply 7", "end EOF"}));
 }
 
 TEST_F(ConnectedStream, EndIsAFirstReadToo) {
@@ -207,8 +223,28 @@ TEST_F(ConnectedStream, ArgumentsOfAnySizeReachTheWorker) {
     std::thread peer([&] { peer_sends(bytes); });
     run_until([&] { return side.calls == 1 && owner.use_count() == 1; });
     peer.join();
-    EXPECT_TRUE(side.arguments == arguments) << size;
+    EXPECT_TRUE(side.arguments.view == arguments) << size;
     EXPECT_EQ(peer_reads(), reply().bytes());
+  }
+}
+
+// A small call shares its memory with the next read, a large one does not.
+TEST_F(ConnectedStream, ArgumentsStayAsTheyAreWhileOthersAreRead) {
+  for (const std::size_t size : {std::size_t{100}, std::size_t{60000}}) {
+    const auto answer_call = [&](char byte) {
+      side.calls = 0;
+      const std::string arguments(size, byte);
+      peer_sends(tolk::call_frame("m", 7, arguments, std::nullopt));
+      run_until([&] { return side.calls == 1 && owner.use_count() == 1; });
+      EXPECT_EQ(peer_reads(), reply().bytes());
+      EXPECT_TRUE(side.arguments.view == arguments);
+      return std::exchange(side.arguments, {});
+    };
+    const tolk::SharedBytes first = answer_call('1');
+    const tolk::SharedBytes second = answer_call('2');
+    answer_call('3');
+    EXPECT_TRUE(first.view == std::string(size, '1')) << size;
+    EXPECT_TRUE(second.view == std::string(size, '2')) << size;
   }
 }
 
@@ -245,30 +281,24 @@ TEST_F(ConnectedStream, EndsWhenAReplyCannotBeMadeForLackOfMemory) {
 
 TEST_F(ConnectedStream, LateReplyToAStreamThatIsClosedIsToldToTheSide) {
   const CapturedStdout out;
-  side.answers = [this] { return late_reply(); };
-  peer_sends(call());
-  run_until([this] { return !log.empty(); });
+  begin_call_with_late_reply();
   {
     tolk::enter_loop();
     stream.close();
   }
-  may_answer.set();
-  run_until([this] { return owner.use_count() == 1; });
+  answer_late();
   EXPECT_EQ(log, (Events{"first read", "refused"}));
   EXPECT_EQ(out.text(), "write error\n");
 }
 
 TEST_F(ConnectedStream, MutedOneDropsLateRepliesAndWhatItReads) {
   const CapturedStdout out;
-  side.answers = [this] { return late_reply(); };
-  peer_sends(call());
-  run_until([this] { return !log.empty(); });
+  begin_call_with_late_reply();
   {
     tolk::enter_loop();
     stream.mute();
   }
-  may_answer.set();
-  run_until([this] { return owner.use_count() == 1; });
+  answer_late();
   peer_sends(reply());
   run_until_end();
   EXPECT_EQ(log, (Events{"first read", "end EOF"}));

@@ -15,8 +15,7 @@ using tolk::instant_now;
 using tolk::WaitScore;
 using tolk::test::Event;
 
-constexpr auto kWindow = 50us;
-constexpr auto kShort = kWindow;
+constexpr auto kShort = 50us;
 constexpr auto kShortWithSleep = 400us;
 constexpr auto kLong = kShortWithSleep + 1ns;
 
@@ -35,7 +34,7 @@ class WaitScores : public testing::Test {
     WaitScore copy = score;
     int taken = 0;
     while (copy.pays(now)) {
-      copy.waited(kWindow + 1ns, now);
+      copy.waited(kShort + 1ns, now);
       taken += 2;
     }
     int missing = 0;
@@ -47,13 +46,12 @@ class WaitScores : public testing::Test {
   }
 
   const Instant now = instant_now() + 24h;
-  WaitScore score{kWindow};
+  WaitScore score;
 };
 
 TEST_F(WaitScores, BeginWithoutPolling) {
   EXPECT_FALSE(pays());
   EXPECT_EQ(points(), 0);
-  EXPECT_EQ(score.window(), kWindow);
 }
 
 TEST_F(WaitScores, PayFromTheThirdShortWait) {
@@ -83,7 +81,7 @@ TEST_F(WaitScores, CountAWaitThatIsShortWithSleepWhileTheySleep) {
 
 TEST_F(WaitScores, LoseTwoPointsWhenTheyPolledInVain) {
   reach(9);
-  wait(kWindow + 1ns);
+  wait(kShort + 1ns);
   EXPECT_EQ(points(), 7);
   wait(kShortWithSleep);
   EXPECT_EQ(points(), 5);

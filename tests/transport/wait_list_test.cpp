@@ -6,9 +6,13 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <initializer_list>
+#include <list>
 #include <set>
 #include <thread>
 #include <vector>
+
+#include "transport/process_exit.h"
 
 namespace {
 
@@ -25,6 +29,15 @@ int posts(timeout_sem& record) {
 
 class Waits : public testing::Test {
  protected:
+  // How often sweeps at these ticks have posted the record.
+  int posts_of_sweeps(timeout_sem& record, std::initializer_list<std::uint32_t> ticks) {
+    for (const std::uint32_t tick : ticks) {
+      calls.tick = tick;
+      list.sweep();
+    }
+    return posts(record);
+  }
+
   FakeSystemCalls calls;
   WaitList list{Zero::no_limit};
 };
@@ -62,15 +75,9 @@ TEST_F(Waits, ListsOfBothSidesShareNoToken) {
 TEST_F(Waits, SweepEndsOnlyWhatIsOlderThanItsLimit) {
   timeout_sem record(150);
   list.add(record);
-  for (const std::uint32_t now : {0u, 100u, 150u}) {
-    calls.tick = now;
-    list.sweep();
-    EXPECT_EQ(posts(record), 0) << now;
-  }
+  EXPECT_EQ(posts_of_sweeps(record, {0, 100, 150}), 0);
   EXPECT_EQ(list.size(), 1u);
-  calls.tick = 151;
-  list.sweep();
-  EXPECT_EQ(posts(record), 1);
+  EXPECT_EQ(posts_of_sweeps(record, {151}), 1);
   EXPECT_EQ(list.size(), 0u);
 }
 
@@ -87,14 +94,8 @@ TEST_F(Waits, AgeIsCountedAcrossTheWrapOfTheTick) {
   calls.tick = 0xFFFFFFF0;
   timeout_sem record(0x20);
   list.add(record);
-  for (const std::uint32_t now : {0xFFFFFFFFu, 0u, 0x10u}) {
-    calls.tick = now;
-    list.sweep();
-    EXPECT_EQ(posts(record), 0) << now;
-  }
-  calls.tick = 0x11;
-  list.sweep();
-  EXPECT_EQ(posts(record), 1);
+  EXPECT_EQ(posts_of_sweeps(record, {0xFFFFFFFF, 0, 0x10}), 0);
+  EXPECT_EQ(posts_of_sweeps(record, {0x11}), 1);
 }
 
 TEST_F(Waits, LimitsAreUnsigned) {
@@ -153,6 +154,27 @@ TEST_F(Waits, SweepTakesTheExpiredAndLeavesTheOthersInOrder) {
   calls.tick = 50;
   list.sweep();
   EXPECT_EQ(list.records(), (std::list<timeout_sem*>{&records[0], &records[2], &records[4]}));
+  for (timeout_sem& record : records) {
+    posts(record);
+    list.wake(record.token);
+  }
+  EXPECT_EQ(posts(records[2]), 1) << "what is left can still be woken";
+  EXPECT_EQ(posts(records[3]), 0);
+  EXPECT_EQ(list.size(), 0u);
+}
+
+TEST_F(Waits, WakeOfHandlersPostsTheRecordsOfHandlersOnly) {
+  timeout_sem of_handler(0);
+  timeout_sem of_other(0);
+  {
+    const tolk::HandlerScope handler;
+    list.add(of_handler);
+  }
+  list.add(of_other);
+  list.wake_handlers();
+  EXPECT_EQ(posts(of_handler), 1);
+  EXPECT_EQ(posts(of_other), 0);
+  EXPECT_EQ(list.size(), 2u);
 }
 
 TEST_F(Waits, TokenWakesItsRecordOnceAndTakesItOff) {
@@ -222,6 +244,19 @@ TEST_F(Waits, RecordListedTwiceIsTakenOffWhole) {
   list.add(record);
   list.records().push_back(&record);
   list.remove(record);
+  EXPECT_EQ(list.size(), 0u);
+}
+
+TEST_F(Waits, RecordThatAHostHasTakenOffIsNotPosted) {
+  timeout_sem record(0);
+  timeout_sem other(0);
+  list.add(record);
+  list.add(other);
+  list.records().clear();
+  list.wake(record.token);
+  EXPECT_EQ(posts(record), 0);
+  list.remove(record);
+  list.remove(other);
   EXPECT_EQ(list.size(), 0u);
 }
 

@@ -148,6 +148,7 @@ class WorkQueues : public testing::Test {
   std::unique_ptr<OtherWork> others;
   TaskQueue ends;
   WorkQueue queue{ends};
+  WorkQueue other_queue{ends};  // its runners may outlive the body of a test too
 };
 
 TEST_F(WorkQueues, RunEveryItemOnceOnAWorkerAndEndItOnTheLoop) {
@@ -254,12 +255,35 @@ TEST_F(WorkQueues, AFailedItemDoesNotKeepTheNextOnesFromTheirWorker) {
   EXPECT_TRUE(turn_until([this] { return failed == 2 && ended == 2; }));
 }
 
+// Until `gap` has passed; short gaps cannot be slept.
+void pass(std::chrono::nanoseconds gap) {
+  const Instant end = instant_now() + gap;
+  while (instant_now() < end) {
+  }
+}
+
+// Runners wait for the worker, the other's one among them. Those before it do not use their places
+// for items that have come after it.
+TEST_F(WorkQueues, ItemsThatComeLaterDoNotOvertakeTheOtherQueue) {
+  auto first_worker = std::make_unique<OtherWork>(&loop, 1);
+  leave_one_worker();  // the one that is taken
+  std::atomic<bool> other_ran{false};
+  std::atomic<int> overtaking{0};
+  for (int i = 0; i < 20; ++i) begin([] {});
+  begin_on(
+      other_queue, [&] { other_ran = true; }, [] {});
+  for (int i = 0; i < 20; ++i) begin([&] { overtaking += other_ran ? 0 : 1; });
+  pass(2ms);  // longer than a runner stays
+  first_worker->release();
+  EXPECT_TRUE(turn_until_ended(41));
+  EXPECT_EQ(overtaking, 0);
+}
+
 // Each item is done only when a further one waits: a runner would never be without work.
 TEST_F(WorkQueues, AFullQueueLeavesAnotherItsTurn) {
   leave_one_worker();
   std::atomic<int> begun{0};
   std::atomic<bool> other_ran{false};
-  WorkQueue other_queue(ends);
   const Function begin_next = [&] {
     const int next = begun + 1;
     begin([&, next] {
@@ -277,13 +301,6 @@ TEST_F(WorkQueues, AFullQueueLeavesAnotherItsTurn) {
   })) << "the other queue has no turn";
   other_ran = true;
   turn_until_ended(begun + 1);  // they use what is here
-}
-
-// Until `gap` has passed; short gaps cannot be slept.
-void pass(std::chrono::nanoseconds gap) {
-  const Instant end = instant_now() + gap;
-  while (instant_now() < end) {
-  }
 }
 
 // Gaps around the time for which a runner stays: it leaves, or the item comes, or both at once.
