@@ -10,7 +10,7 @@ import scale
 FONT = 'font-family="DejaVu Sans, Verdana, sans-serif"'
 DARK, GREY, LINE = "#222222", "#6b6b6b", "#d0d0d0"
 COLOURS = {"tolk": "#c2410c", "bare socket": "#9a9a9a", "floor": "#6b6b6b",
-           "floor, yielding": "#3f3f3f"}
+           "floor, yielding": "#3f3f3f", "tolk, C": "#ea8a4f", "tolk, C, inline": "#ea8a4f"}
 PEER = "#8fb4d8"
 BARS = ["A", "A busy", "S", "B", "C", "D1", "D2", "E", "H"]
 UNITS = {"p50_us": "µs", "calls_s": "calls/s", "msg_s": "messages/s", "mb_s": "MB/s", "kib": "KiB",

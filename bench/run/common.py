@@ -9,7 +9,8 @@ import subprocess
 
 PROGRAMS = pathlib.Path(os.environ.get("BENCH_PROGRAMS", "build/bench/bench"))
 TURN_LIMIT_S = 40
-LIBRARY_FOLDERS = ["include", "params", "platform", "transport", "sessions", "client", "server"]
+LIBRARY_FOLDERS = ["include", "params", "platform", "transport", "sessions", "client", "server",
+                   "capi"]
 
 
 def turn(program, arguments):

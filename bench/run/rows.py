@@ -26,6 +26,8 @@ OWN = {
     "floor": ["contestant_bare_threads"],
     "floor, yielding": ["contestant_bare_threads", "yielding"],
     "tolk": ["contestant_library"],
+    "tolk, C": ["contestant_capi"],
+    "tolk, C, inline": ["contestant_capi", "inline"],
 }
 PEERS = {
     "gRPC": ["contestant_grpc"],
@@ -36,7 +38,7 @@ PEERS = {
     "sd-bus": ["contestant_sdbus"],
     "sd-bus, daemon": ["contestant_sdbus", "daemon"],
 }
-OWN_FIELDS = {"tolk": ["fields_tolk"]}
+OWN_FIELDS = {"tolk": ["fields_tolk"], "tolk, C": ["fields_capi"]}
 PEERS_OF_FIELDS = {"protobuf": ["fields_protobuf"], "msgpack": ["fields_msgpack"]}
 
 
@@ -178,7 +180,8 @@ def main():
     for name in options.rows:
         results[name] = measure(ROWS[name], options)
         print_row(name, results[name])
-        failed = failed or error_of(results[name], "tolk") is not None
+        failed = failed or any(error_of(results[name], own) for own in names_in(results[name])
+                               if own.startswith("tolk"))
         if options.json:
             document["rows"] = {key: results[key] for key in ROWS if key in results}
             common.write_json(options.json, document)

@@ -232,7 +232,7 @@ class CapiServerWire : public OverTransports {
   void listen(bool greets = true) {
     server = c_server(address, methods);
     peer = std::make_unique<RawClient>(address, greets);
-    if (greets) ASSERT_TRUE(peer->is_greeted());
+    ASSERT_EQ(peer->is_greeted(), greets);
   }
   std::string answer_to(const char* method) {
     peer->socket.send_frame(call_payload(method, kGoldenId, {}, "0x1"));
