@@ -22,8 +22,8 @@ std::chrono::nanoseconds until(std::uint64_t deadline) {
 
 }  // namespace
 
-// While alive, a worker waits for a call. The exit of the process ends the wait: a host that ends its
-// objects then would otherwise wait for a handler that waits for an object that nobody ends.
+// While alive, a worker waits for a call. The exit of the process ends the wait: a host that ends
+// its objects then would otherwise wait for a handler that waits for an object that nobody ends.
 class CallTable::WorkerWait {
  public:
   WorkerWait(const CallTable& table, std::uint64_t number) {

@@ -199,8 +199,8 @@ void Callbacks::count_down() {
   if (state->ended) changed_.notify_all();
 }
 
-// Somebody may have taken a call off the table and not dispatched it yet, or be about to refuse one:
-// so the list is looked at until nothing is unfinished.
+// Somebody may have taken a call off the table and not dispatched it yet, or be about to refuse
+// one: so the list is looked at until nothing is unfinished.
 void Callbacks::end() {
   const bool waits = !inside(core_);
   auto state = state_.lock();

@@ -49,9 +49,9 @@ struct tolk_task : std::enable_shared_from_this<tolk_task> {
   friend void tolk_task_run(tolk_task* task);
   class OnLoop;
 
-  std::shared_ptr<tolk::Core> core_;           // from the dispatch on
-  tolk::Callbacks* expected_by_ = nullptr;     // who counts the task as unfinished
-  tolk::TaskPlace place_;             // in the list of Callbacks
+  std::shared_ptr<tolk::Core> core_;        // from the dispatch on
+  tolk::Callbacks* expected_by_ = nullptr;  // who counts the task as unfinished
+  tolk::TaskPlace place_;                   // in the list of Callbacks
   tolk::TaskPlace::iterator waiting_at_;
   tolk::TaskPlace worker_place_;  // in the list of the pool
   std::unique_ptr<tolk::Task> loop_task_;

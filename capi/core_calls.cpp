@@ -44,7 +44,8 @@ std::shared_ptr<CallRecord> Core::new_record(const tolk_call& call) {
 }
 
 tolk_status Core::call(const tolk_call& call, tolk_block** result, tolk_error** error) {
-  if (of_this_process() && may_not_wait()) return refuse_wait(call.method, error);
+  if (!of_this_process()) return fail_post(call.method, TOLK_CLOSED, nullptr, error);
+  if (may_not_wait()) return refuse_wait(call.method, error);
   return wait(start(call), result, error);
 }
 
@@ -55,7 +56,6 @@ tolk_status Core::refuse_wait(const char* method, tolk_error** error) const {
 
 std::uint64_t Core::start(const tolk_call& given) {
   tolk_call call = options_of(&given);
-  if (!of_this_process()) return start_in_child(call);
   if (call.limit_ms == 0) call.limit_ms = usual_limit();
   if (role_ == Side::server && call.client == TOLK_ALL) return start_for_all(call);
   const auto record = new_record(call);
@@ -65,10 +65,11 @@ std::uint64_t Core::start(const tolk_call& given) {
 
 // Nobody else is there to run a callback.
 std::uint64_t Core::start_in_child(const tolk_call& call) {
+  tolk_error* error = nullptr;
   if (call.done == nullptr) return 0;
-  CallRecord record(false);
-  record.method = call.method == nullptr ? "" : call.method;
-  tell_now(call, TOLK_CLOSED, outcome_of(record, TOLK_CLOSED, nullptr).error.get());
+  guarded([&] { fail_post(call.method, TOLK_CLOSED, nullptr, &error); });
+  tell_now(call, TOLK_CLOSED, error == nullptr ? no_memory_error() : error);
+  tolk_error_free(error);
   return 0;
 }
 
@@ -301,6 +302,7 @@ void Core::tell_now(const tolk_call& call, tolk_status status, const tolk_error*
 
 // Without memory, the outcome is told at once. An end of the object waits for that.
 std::uint64_t Core::start_guarded(const tolk_call& given) {
+  if (!of_this_process()) return start_in_child(options_of(&given));
   const Callbacks::Unfinished unfinished(callbacks_);
   try {
     return start(given);

@@ -188,8 +188,7 @@ tolk_status Core::close(std::int32_t limit_ms) {
 void Core::on_loop_ending(tolk_status peers_lost) {
   State before = State::open;
   state_.compare_exchange_strong(before, State::draining);
-  calls_.close(
-      [&](const CallRecord& record) { return outcome_of(record, peers_lost, nullptr); });
+  calls_.close([&](const CallRecord& record) { return outcome_of(record, peers_lost, nullptr); });
   while (const auto peer = peer_after(nullptr)) lose(peer, peers_lost);
 }
 

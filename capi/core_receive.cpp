@@ -87,8 +87,8 @@ void Core::take_call(const std::shared_ptr<Peer>& peer, const Message& call,
   if (role_ == Side::client && peer->requests() >= settings_.most_requests) {
     return reply_failure(*peer, call, {TOLK_BUSY, 0, "too many requests are under way", nullptr});
   }
-  const auto request = std::make_shared<tolk_request>(shared(), peer, method, call, payload,
-                                                      std::move(handler));
+  const auto request =
+      std::make_shared<tolk_request>(shared(), peer, method, call, payload, std::move(handler));
   peer->add_request(*request, payload.view.size());
   if (request->has_bad_arguments()) {
     return request->fail({TOLK_WRONG_ARGUMENTS, 0, "the arguments are not a block", nullptr});

@@ -97,7 +97,8 @@ void Peer::resume() {
 }
 
 void Peer::end_stream(int status) {
-  if (stream_ != nullptr && !stream_->is_closing()) stream_->owner().on_stream_end(*stream_, status);
+  if (stream_ != nullptr && !stream_->is_closing())
+    stream_->owner().on_stream_end(*stream_, status);
 }
 
 void Peer::set_hooks(std::shared_ptr<tolk_task> connect, std::shared_ptr<tolk_task> gone) {

@@ -71,6 +71,9 @@ class Peer final : public StreamUser,
   void dispatch_next(OrderedQueue& queue);
   OrderedQueue& ordered() { return ordered_; }
   OrderedQueue& hooks() { return hooks_; }
+  // The host of a server has heard of the peer.
+  void note_announced() TOLK_LOOP { is_announced_ = true; }
+  bool is_announced() const TOLK_LOOP { return is_announced_; }
   // The hooks of a server, made before the host hears of the peer; null is none.
   void set_hooks(std::shared_ptr<tolk_task> connect, std::shared_ptr<tolk_task> gone) TOLK_LOOP;
   std::shared_ptr<tolk_task> take_connect_hook() TOLK_LOOP { return std::move(connect_hook_); }
@@ -125,6 +128,7 @@ class Peer final : public StreamUser,
   std::atomic<std::size_t> request_bytes_{0};
   std::atomic<bool> is_paused_{false};
   PeerStream* stream_ TOLK_GUARDED_BY(loop_role) = nullptr;
+  bool is_announced_ TOLK_GUARDED_BY(loop_role) = false;
   bool is_checked_ TOLK_GUARDED_BY(loop_role) = false;
   std::shared_ptr<tolk_task> connect_hook_ TOLK_GUARDED_BY(loop_role);
   std::shared_ptr<tolk_task> gone_hook_ TOLK_GUARDED_BY(loop_role);

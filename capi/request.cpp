@@ -22,8 +22,7 @@ tolk::SharedBytes arguments_of(const tolk::Message& call, const tolk::SharedByte
 
 tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
                            std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
-                           const tolk::SharedBytes& payload,
-                           tolk::Callbacks::HandlerCount handler)
+                           const tolk::SharedBytes& payload, tolk::Callbacks::HandlerCount handler)
     : tolk_task(Kind::handler, method->is_inline()),
       core_kept_(std::move(core)),
       handler_(std::move(handler)),
@@ -38,9 +37,9 @@ tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tol
   }
   // Notes take up to 50 times the memory of their text.
   const bool notes_fit = call.types.size() <= kFewTypes + payload.view.size() / 4;
-  auto received =
-      tolk_block::of_message(arguments_of(call, payload), notes_fit ? call.types : std::string_view(),
-                             tolk_block::Reserved::kept);
+  auto received = tolk_block::of_message(arguments_of(call, payload),
+                                         notes_fit ? call.types : std::string_view(),
+                                         tolk_block::Reserved::kept);
   bad_arguments_ = !notes_fit || !received.is_well_formed() || !call.plain.well_formed;
   arguments_ = std::move(received.block);
 }

@@ -76,8 +76,8 @@ class ServerEvents : public MessageSide {
   virtual void on_closing_async() TOLK_LOOP = 0;
   virtual void on_closed_async() TOLK_LOOP = 0;
 
-  // close() is carried out: nothing is closed yet; then: all handles are closing, and the address is
-  // free.
+  // close() is carried out: nothing is closed yet; then: all handles are closing, and the address
+  // is free.
   virtual void on_closing() TOLK_LOOP {}
   virtual void on_closed() TOLK_LOOP {}
   // There was no memory to go on with a session that was live. Needs none.
