@@ -1,9 +1,15 @@
 #include "capi/call_table.h"
 
 #include <chrono>
+#include <exception>
+#include <iterator>
+#include <list>
+#include <optional>
 #include <utility>
 
 #include "capi/messages.h"
+#include "platform/never_destroyed.h"
+#include "transport/process_exit.h"
 #include "transport/staying_awake.h"
 
 namespace tolk {
@@ -16,11 +22,71 @@ std::chrono::nanoseconds until(std::uint64_t deadline) {
 
 }  // namespace
 
-Outcome Outcome::of(Failure failure) {
+// While alive, a worker waits for a call. The exit of the process ends the wait: a host that ends
+// its objects then would otherwise wait for a handler that waits for an object that nobody ends.
+class CallTable::WorkerWait {
+ public:
+  WorkerWait(const CallTable& table, std::uint64_t number) {
+    if (!WorkerPool::on_worker()) return;
+    install_exit_handler();
+    place_.push_back({&table, number});
+    auto& waits = *all;
+    const auto list = waits.lock();
+    list->splice(list->end(), place_);
+    at_ = std::prev(list->end());
+  }
+  ~WorkerWait() {
+    if (!at_) return;
+    const auto list = (*all).lock();
+    place_.splice(place_.end(), *list, *at_);
+  }
+  WorkerWait(const WorkerWait&) = delete;
+  WorkerWait& operator=(const WorkerWait&) = delete;
+
+  bool ends() const { return at_ && process_exits(); }
+
+ private:
+  struct Wait {
+    const CallTable* table;
+    std::uint64_t number;
+  };
+  using Waits = std::list<Wait>;
+
+  static void wake_all() {
+    const auto list = (*all).lock();
+    for (const auto& [table, number] : *list) {
+      const auto shard = table->shard_of(number).lock();
+      const auto at = shard->records.find(number);
+      if (at != shard->records.end()) at->second->ended.notify_all();
+    }
+  }
+
+  static NeverDestroyed<Guarded<Waits>> all;
+  static const AtProcessExit at_exit;
+
+  Waits place_;
+  std::optional<Waits::iterator> at_;
+};
+
+NeverDestroyed<Guarded<CallTable::WorkerWait::Waits>> CallTable::WorkerWait::all;
+const AtProcessExit CallTable::WorkerWait::at_exit{wake_all};
+
+Outcome Outcome::of(Failure failure) noexcept {
   Outcome outcome;
   outcome.status = failure.status;
   if (failure.status != TOLK_OK) outcome.error = ErrorRef(new_error(std::move(failure)));
   return outcome;
+}
+
+Outcome CallTable::MakeOutcome::operator()(const CallRecord& record) const noexcept {
+  try {
+    return call_(function_, record);
+  } catch (const std::exception&) {
+    Outcome outcome;
+    outcome.status = fail_without_memory(nullptr);
+    outcome.error = ErrorRef(no_memory_error());
+    return outcome;
+  }
 }
 
 void CallRecord::run_claimed() {
@@ -97,21 +163,29 @@ std::uint64_t CallTable::find_by_call_id(std::uint64_t peer, int call_id) {
   return 0;
 }
 
+// The calls are taken first and then completed: a callback may start or cancel others.
 template <class Matches>
 void CallTable::complete_where(const Matches& matches, const MakeOutcome& make, bool close) {
   for (const auto& guarded_shard : shards_) {
-    std::uint64_t number = 0;
-    do {
-      number = 0;
-      {
-        const auto shard = guarded_shard.lock();
-        shard->closed = shard->closed || close;
-        for (const auto& [each, record] : shard->records) {
-          if (!record->taken && matches(*record)) number = each;
+    std::shared_ptr<CallRecord> first;
+    {
+      const auto shard = guarded_shard.lock();
+      shard->closed = shard->closed || close;
+      for (auto at = shard->records.begin(); at != shard->records.end();) {
+        const std::shared_ptr<CallRecord>& record = at->second;
+        const bool takes = !record->taken && matches(*record);
+        const bool listed = record->done == nullptr;
+        if (takes) {
+          record->taken = true;
+          record->next = std::exchange(first, record);
         }
+        at = takes && !listed ? shard->records.erase(at) : std::next(at);
       }
-      if (number != 0) complete(number, make, Callbacks::When::now);
-    } while (number != 0);
+    }
+    while (first) {
+      const auto record = std::exchange(first, std::move(first->next));
+      settle(record, make(*record), Callbacks::When::now);
+    }
   }
 }
 
@@ -133,10 +207,15 @@ void CallTable::forget() {
   }
 }
 
-bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_out,
+bool CallTable::has(std::uint64_t number) const {
+  return shard_of(number).lock()->records.contains(number);
+}
+
+bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& given_up,
                      Outcome* outcome) {
   thread_local WaitScore waits;
   const WorkerPool::Blocked others_may_run;
+  const WorkerWait worker_wait(*this, number);
   auto shard = shard_of(number).lock();
   const auto at = shard->records.find(number);
   if (at == shard->records.end() || at->second->done != nullptr || at->second->awaited)
@@ -145,6 +224,7 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_o
   if (wait == Wait::finished_only && !record->finished) return false;
   record->awaited = true;
   const auto finished = [&](const Shard&) { return record->finished; };
+  const auto decided = [&](const Shard&) { return record->finished || worker_wait.ends(); };
   const Instant begin = instant_now();
   while (!record->finished && waits.pays(instant_now()) && instant_now() - begin < kStayAwake) {
     shard.unlock();
@@ -152,14 +232,14 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_o
     shard.relock();
   }
   if (record->deadline == UINT64_MAX) {
-    shard.wait(record->ended, finished);
+    shard.wait(record->ended, decided);
   } else {
-    shard.wait_for(record->ended, until(record->deadline), finished);
+    shard.wait_for(record->ended, until(record->deadline), decided);
   }
   const Instant end = instant_now();
   waits.waited(end - begin, end);
   if (!std::exchange(record->taken, true)) {
-    record->outcome = timed_out(*record);
+    record->outcome = given_up(*record);
   } else {
     shard.wait(record->ended, finished);  // somebody is making the outcome
   }

@@ -14,7 +14,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -32,7 +31,7 @@ struct Outcome {
   std::unique_ptr<tolk_block> result;
   ErrorRef error;
 
-  static Outcome of(Failure failure);
+  static Outcome of(Failure failure) noexcept;
 };
 
 // Calls that were started as one, for all clients of a server.
@@ -59,6 +58,7 @@ struct CallRecord final : tolk_task {
   bool finished = false;
   bool awaited = false;
   std::condition_variable ended;
+  std::shared_ptr<CallRecord> next;  // of those that complete_where takes
 
  private:
   void run_claimed() override;
@@ -73,8 +73,21 @@ class CallTable {
   // For a call that is refused: its outcome is there, as if it had been in the table.
   void add_finished(const std::shared_ptr<CallRecord>& record, Outcome outcome);
 
-  // Makes the outcome of a call.
-  using MakeOutcome = std::function<Outcome(const CallRecord&)>;
+  // Makes the outcome of a call. Refers to a function of the caller; one that runs out of memory
+  // makes TOLK_NO_MEMORY.
+  class MakeOutcome {
+   public:
+    template <class Function>
+    MakeOutcome(const Function& function) noexcept  // implicit: for lambdas
+        : function_(&function), call_([](const void* to, const CallRecord& record) {
+            return (*static_cast<const Function*>(to))(record);
+          }) {}
+    Outcome operator()(const CallRecord& record) const noexcept;
+
+   private:
+    const void* function_;
+    Outcome (*call_)(const void*, const CallRecord&);
+  };
 
   // False: there is no such call, or it has an outcome.
   bool complete(std::uint64_t number, const MakeOutcome& make, Callbacks::When when);
@@ -85,14 +98,19 @@ class CallTable {
   void complete_all_of(std::uint64_t peer, const MakeOutcome& make);
   // Completes all, and refuses what comes.
   void close(const MakeOutcome& make);
+  // From a close on, no call comes.
+  bool is_closed() const { return shards_.back().lock()->closed; }
   // Nobody waits for an outcome any more.
   void forget();
+  bool has(std::uint64_t number) const;
 
   enum class Wait { allowed, finished_only };
-  // Waits for the outcome and takes it. False: there is no such call to wait for.
-  bool wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_out, Outcome* outcome);
+  // Waits for the outcome and takes it. False: there is no such call to wait for. `given_up` makes
+  // the outcome when the limit passes, or the process exits and the thread is a worker.
+  bool wait(std::uint64_t number, Wait wait, const MakeOutcome& given_up, Outcome* outcome);
 
  private:
+  class WorkerWait;
   using Records = std::unordered_map<std::uint64_t, std::shared_ptr<CallRecord>>;
   struct Shard {
     Records records;

@@ -3,35 +3,37 @@
 #include <utility>
 
 #include "capi/core.h"
+#include "transport/process_exit.h"
 
 namespace tolk {
-namespace {
+thread_local const Callbacks::Scope* Callbacks::Scope::innermost = nullptr;
 
-// The objects in whose callbacks the calling thread is.
-struct Inside {
-  const Core* core;
-  const Inside* outer;
-};
-thread_local const Inside* innermost = nullptr;
+Callbacks::Scope::Scope(const Core& core, bool is_log)
+    : core_(core), is_log_(is_log), outer_(innermost) {
+  innermost = this;
+}
 
-}  // namespace
-
-class Callbacks::Scope {
- public:
-  explicit Scope(const Core& core) : here_{&core, innermost} { innermost = &here_; }
-  ~Scope() { innermost = here_.outer; }
-  Scope(const Scope&) = delete;
-  Scope& operator=(const Scope&) = delete;
-
- private:
-  const Inside here_;
-};
+Callbacks::Scope::~Scope() { innermost = outer_; }
 
 bool Callbacks::inside(const Core& core) {
-  for (const Inside* at = innermost; at != nullptr; at = at->outer) {
-    if (at->core == &core) return true;
+  for (const Scope* at = Scope::innermost; at != nullptr; at = at->outer_) {
+    if (&at->core_ == &core) return true;
   }
   return false;
+}
+
+bool Callbacks::inside_log(const Core& core) {
+  for (const Scope* at = Scope::innermost; at != nullptr; at = at->outer_) {
+    if (&at->core_ == &core && at->is_log_) return true;
+  }
+  return false;
+}
+
+void Callbacks::HandlerCount::end() {
+  Callbacks* const callbacks = std::exchange(callbacks_, nullptr);
+  if (callbacks == nullptr) return;
+  --callbacks->handlers_;
+  callbacks->core_.note_progress();
 }
 
 }  // namespace tolk
@@ -61,11 +63,15 @@ tolk_task::tolk_task(Kind kind, bool runs_inline)
   if (runs_inline) loop_task_ = std::make_unique<OnLoop>(*this);
 }
 
-tolk_task::~tolk_task() = default;
+tolk_task::~tolk_task() {
+  if (expected_by_ != nullptr) expected_by_->count_down();
+}
 
+// In a process that exits, no handler begins.
 void tolk_task::run() {
   const auto core = core_;
-  if (core->callbacks().claim(*this)) core->callbacks().run_claimed(*this, false);
+  const bool drop = kind_ == Kind::handler && tolk::process_exits();
+  if (core->callbacks().claim(*this)) core->callbacks().run_claimed(*this, drop);
 }
 
 void tolk_task_run(tolk_task* task) {
@@ -82,43 +88,82 @@ Callbacks::Callbacks(Core& core, tolk_execute execute, void* context, unsigned w
       context_(context),
       workers_(std::make_shared<WorkerPool>(workers)) {}
 
-Callbacks::~Callbacks() { workers_->retire(); }
+// In a forked child the threads of the pool are gone, and may have left its lock taken.
+Callbacks::~Callbacks() {
+  if (core_.of_this_process()) workers_->retire();
+}
+
+void Callbacks::expect(tolk_task& task) {
+  ++state_.lock()->unfinished;
+  task.expected_by_ = this;
+}
 
 void Callbacks::dispatch(const std::shared_ptr<tolk_task>& task, When when) {
-  bool ended = false;
+  bool drops = false;
   {
     const auto state = state_.lock();
     task->core_ = core_.shared();
     task->place_.front() = task;
-    task->waiting_at_ = task->place_.begin();
-    state->waiting.splice(state->waiting.end(), task->place_);
-    if (task->kind_ == tolk_task::Kind::handler) ++state->handlers;
-    ended = state->ended;
-    if (state->ending) return changed_.notify_all();
+    if (std::exchange(task->expected_by_, this) == nullptr) ++state->unfinished;
+    if (state->ending || !state->ended || task->kind_ != tolk_task::Kind::handler) {
+      task->waiting_at_ = task->place_.begin();
+      state->waiting.splice(state->waiting.end(), task->place_);
+      if (state->ending) return changed_.notify_all();
+    } else {
+      drops = true;
+      task->claimed_ = true;
+      state->dropped.splice(state->dropped.end(), task->place_);
+      if (std::exchange(state->dropping, true)) return;
+    }
   }
-  hand_over(*task, when, ended);
+  if (drops) return drop_handlers();
+  hand_over(*task, when);
 }
 
-void Callbacks::hand_over(tolk_task& task, When when, bool ended) {
-  if (ended && task.kind_ == tolk_task::Kind::handler) {
-    if (claim(task)) run_claimed(task, true);
-    return;
+// The end of one handler may dispatch the next: that comes on the list, so that thousands of them
+// need no deep stack.
+void Callbacks::drop_handlers() {
+  for (;;) {
+    std::shared_ptr<tolk_task> task;
+    {
+      const auto state = state_.lock();
+      state->dropping = !state->dropped.empty();
+      if (!state->dropping) return;
+      task = state->dropped.front();
+      task->place_.splice(task->place_.end(), state->dropped, state->dropped.begin());
+    }
+    run_claimed(*task, true);
   }
+}
+
+void Callbacks::hand_over(tolk_task& task, When when) {
   if (!task.runs_inline_) return hand_to_others(task);
   if (when == When::now && core_.on_loop_thread()) return task.run();
   static_cast<tolk_task::OnLoop&>(*task.loop_task_).hold();
   core_.post_to_loop(std::move(task.loop_task_));
 }
 
-// An ended object's executor is the host's again.
 void Callbacks::hand_to_others(tolk_task& task) {
-  auto self = task.shared_from_this();
-  if (execute_ != nullptr && !state_.lock()->ended) {
-    task.held_by_host_ = std::move(self);
-    return execute_(context_, &task);
+  if (execute_ != nullptr) return give_to_executor(task);
+  auto& place = task.queue_place();
+  place.front() = task.shared_from_this();
+  workers_->add(place);
+}
+
+// A thread in end() takes the task itself. It returns only when nobody calls the executor: the host
+// may end that afterwards.
+void Callbacks::give_to_executor(tolk_task& task) {
+  {
+    const auto state = state_.lock();
+    if (state->ending || task.claimed_) return;
+    ++state->unfinished;
   }
-  task.worker_place_.front() = std::move(self);
-  workers_->add(task.worker_place_);
+  {
+    const Scope scope(core_);
+    task.held_by_host_ = task.shared_from_this();
+    execute_(context_, &task);
+  }
+  count_down();
 }
 
 bool Callbacks::claim(tolk_task& task) {
@@ -130,7 +175,6 @@ bool Callbacks::claim(tolk_task& task) {
 
 void Callbacks::claim_listed(State& state, tolk_task& task) {
   task.claimed_ = true;
-  ++state.running;
   task.place_.splice(task.place_.end(), state.waiting, task.waiting_at_);
 }
 
@@ -144,19 +188,19 @@ void Callbacks::run_claimed(tolk_task& task, bool drop) {
       task.run_claimed();
     }
   }
-  on_finished(task);
-}
-
-void Callbacks::on_finished(const tolk_task& task) {
-  {
-    const auto state = state_.lock();
-    --state->running;
-    if (task.kind_ == tolk_task::Kind::handler) --state->handlers;
-    if (state->ended) changed_.notify_all();
-  }
+  task.expected_by_ = nullptr;
+  count_down();
   core_.note_progress();
 }
 
+void Callbacks::count_down() {
+  const auto state = state_.lock();
+  --state->unfinished;
+  if (state->ended) changed_.notify_all();
+}
+
+// Somebody may have taken a call off the table and not dispatched it yet, or be about to refuse
+// one: so the list is looked at until nothing is unfinished.
 void Callbacks::end() {
   const bool waits = !inside(core_);
   auto state = state_.lock();
@@ -170,8 +214,9 @@ void Callbacks::end() {
       run_claimed(*task, task->kind_ == tolk_task::Kind::handler);
       state.relock();
     }
-    if (!waits || state->running == 0) break;
-    state.wait(changed_, [](const State& now) { return !now.waiting.empty() || now.running == 0; });
+    if (!waits || state->unfinished == 0) break;
+    state.wait(changed_,
+               [](const State& now) { return !now.waiting.empty() || now.unfinished == 0; });
   }
   state->ending = false;
 }

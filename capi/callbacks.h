@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <list>
 #include <memory>
+#include <utility>
 
 #include "capi/workers.h"
 #include "transport/task_queue.h"
@@ -31,6 +33,8 @@ struct tolk_task : std::enable_shared_from_this<tolk_task> {
 
   // Unless somebody has claimed it.
   void run();
+  // An element for a queue in which the task waits for its turn; a pool's, later.
+  std::list<std::shared_ptr<tolk_task>>& queue_place() { return worker_place_; }
 
  protected:
   virtual void run_claimed() = 0;
@@ -45,8 +49,9 @@ struct tolk_task : std::enable_shared_from_this<tolk_task> {
   friend void tolk_task_run(tolk_task* task);
   class OnLoop;
 
-  std::shared_ptr<tolk::Core> core_;  // from the dispatch on
-  tolk::TaskPlace place_;             // in the list of Callbacks
+  std::shared_ptr<tolk::Core> core_;        // from the dispatch on
+  tolk::Callbacks* expected_by_ = nullptr;  // who counts the task as unfinished
+  tolk::TaskPlace place_;                   // in the list of Callbacks
   tolk::TaskPlace::iterator waiting_at_;
   tolk::TaskPlace worker_place_;  // in the list of the pool
   std::unique_ptr<tolk::Task> loop_task_;
@@ -66,39 +71,92 @@ class Callbacks {
     later,  // no task does
   };
   void dispatch(const std::shared_ptr<tolk_task>& task, When when);
+  // The task is unfinished from here on, although nobody has dispatched it yet: end waits for it.
+  // One that is dropped without a dispatch counts no longer.
+  void expect(tolk_task& task);
   // Runs or drops what waits. Afterwards, unless the calling thread is in one of the callbacks,
   // none runs any more.
   void end();
 
-  // Handlers that wait or run.
-  std::size_t handlers() const { return state_.lock()->handlers; }
-  // Whether the calling thread is in a callback of the object.
+  // While alive, a handler waits or runs. It counts from the arrival of its request on.
+  class HandlerCount {
+   public:
+    explicit HandlerCount(Callbacks& callbacks) : callbacks_(&callbacks) { ++callbacks.handlers_; }
+    HandlerCount(HandlerCount&& other) noexcept
+        : callbacks_(std::exchange(other.callbacks_, nullptr)) {}
+    HandlerCount& operator=(HandlerCount&&) = delete;
+    ~HandlerCount() { end(); }
+
+    void end();
+
+   private:
+    Callbacks* callbacks_;
+  };
+  std::size_t handlers() const { return handlers_; }
+
+  // While alive, end waits for more.
+  class Unfinished {
+   public:
+    explicit Unfinished(Callbacks& callbacks) : callbacks_(callbacks) {
+      ++callbacks.state_.lock()->unfinished;
+    }
+    ~Unfinished() { callbacks_.count_down(); }
+    Unfinished(const Unfinished&) = delete;
+    Unfinished& operator=(const Unfinished&) = delete;
+
+   private:
+    Callbacks& callbacks_;
+  };
+
+  // Whether the calling thread is in a callback of the object, or in its log.
   static bool inside(const Core& core);
+  static bool inside_log(const Core& core);
+  // While alive, the calling thread is.
+  class Scope;
 
  private:
   friend struct ::tolk_task;
-  class Scope;
   struct State {
     TaskPlace waiting;
-    std::size_t running = 0;
-    std::size_t handlers = 0;
+    TaskPlace dropped;           // handlers that come after the end
+    std::size_t unfinished = 0;  // expected, waiting or running; or the executor is being called
     bool ended = false;
-    bool ending = false;  // a thread is in end() and takes what comes
+    bool ending = false;    // a thread is in end() and takes what comes
+    bool dropping = false;  // a thread drops handlers
   };
 
-  void hand_over(tolk_task& task, When when, bool ended);
+  void hand_over(tolk_task& task, When when);
   void hand_to_others(tolk_task& task);
+  void give_to_executor(tolk_task& task);
+  void drop_handlers();
   bool claim(tolk_task& task);
   static void claim_listed(State& state, tolk_task& task);
   void run_claimed(tolk_task& task, bool drop);
-  void on_finished(const tolk_task& task);
+  void count_down();
 
   Core& core_;
   const tolk_execute execute_;
   void* const context_;
   const std::shared_ptr<WorkerPool> workers_;
+  std::atomic<std::size_t> handlers_{0};
   Guarded<State> state_;
   std::condition_variable changed_;
+};
+
+class Callbacks::Scope {
+ public:
+  explicit Scope(const Core& core, bool is_log = false);
+  ~Scope();
+  Scope(const Scope&) = delete;
+  Scope& operator=(const Scope&) = delete;
+
+ private:
+  friend class Callbacks;
+  static thread_local const Scope* innermost;
+
+  const Core& core_;
+  const bool is_log_;
+  const Scope* const outer_;
 };
 
 }  // namespace tolk

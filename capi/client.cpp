@@ -44,13 +44,13 @@ tolk_status connect_client(const char* address, const tolk_client_options& optio
   if (!parsed.address) return fail_connect(TOLK_BAD_ADDRESS, address, parsed.wrong, error);
   const auto core = std::make_shared<ClientCore>(parsed.address->endpoint, parsed.address->text(),
                                                  settings_of(options, std::move(context)), options);
+  // A connection that cannot be used is ended, also when memory runs out.
+  EndUnlessTaken end{core.get()};
   const tolk_status status = core->connect(error);
-  if (status != TOLK_OK) {
-    core->end();
-    return status;
-  }
+  if (status != TOLK_OK) return status;
   *client = core->client_handle();
   (*client)->held_by_host = core;
+  end.taken = true;
   return TOLK_OK;
 }
 
@@ -89,7 +89,7 @@ tolk_status tolk_client_call(tolk_client* client, const char* method, const tolk
 uint64_t tolk_client_start(tolk_client* client, const tolk_call* call) {
   if (client == nullptr || call == nullptr) return 0;
   const auto core = client->core->shared();
-  return tolk::start_guarded(*core, *call);
+  return core->start_guarded(*call);
 }
 
 tolk_status tolk_client_wait(tolk_client* client, uint64_t call, tolk_block** result,

@@ -6,6 +6,7 @@
 #include "capi/block.h"
 #include "capi/hook_task.h"
 #include "params/encoder.h"
+#include "transport/process_exit.h"
 #include "transport/reserved_names.h"
 #include "transport/token.h"
 
@@ -13,7 +14,9 @@ namespace tolk {
 namespace {
 
 constexpr std::int32_t kUsualConnectLimitMs = 10000;
-constexpr unsigned kRetryMs = 20;
+// While nobody listens: the first waits are short, since a server that is being started comes soon.
+constexpr std::uint64_t kFirstWaitMs = 1;
+constexpr std::uint64_t kLongestWaitMs = 10;
 constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 
 }  // namespace
@@ -60,22 +63,40 @@ bool ClientCore::attempt() {
   return false;
 }
 
+// Waits a moment, and never beyond the host's patience. The last attempt is at its end.
+bool ClientCore::may_try_again(std::uint64_t begin, unsigned attempts) const {
+  const auto patience = static_cast<std::uint64_t>(std::max(patience_ms_, 0)) * kNanosecondsPerMs;
+  const std::uint64_t waited = uv_hrtime() - begin;
+  if (patience_ms_ >= 0 && waited >= patience) return false;
+  std::uint64_t wait_ms = std::min(kFirstWaitMs << std::min(attempts, 8U), kLongestWaitMs);
+  if (patience_ms_ >= 0) {
+    wait_ms = std::min(wait_ms, (patience - waited + kNanosecondsPerMs - 1) / kNanosecondsPerMs);
+  }
+  const WorkerPool::Blocked others_may_run;
+  uv_sleep(static_cast<unsigned>(wait_ms));
+  return true;
+}
+
 tolk_status ClientCore::connect(tolk_error** error) {
   const std::uint64_t begin = uv_hrtime();
-  const auto patience = static_cast<std::uint64_t>(std::max(patience_ms_, 0)) * kNanosecondsPerMs;
-  while (!attempt()) {
+  for (unsigned attempts = 0; !attempt(); ++attempts) {
     if (!refused_user_.empty()) {
+      log(TOLK_WARNING, [&] { return address() + ": the server is " + refused_user_ + "'s"; });
       return fail_connect(TOLK_REFUSED, "the server is another user's", error);
     }
     if (attempt_status_ == UV_ETIMEDOUT) {
       return fail_connect(TOLK_TIMED_OUT, "the server does not answer", error);
     }
-    if (patience_ms_ >= 0 && uv_hrtime() - begin >= patience) {
+    if (attempt_status_ == UV_ENOMEM) return fail_without_memory(error);
+    if (process_exits() || !may_try_again(begin, attempts)) {
       return fail_connect(TOLK_NOT_CONNECTED, "nobody listens there", error);
     }
-    uv_sleep(kRetryMs);
   }
-  return check_version(error);
+  const tolk_status status = check_version(error);
+  log(status == TOLK_OK ? TOLK_INFO : TOLK_WARNING, [&] {
+    return address() + ": " + (status == TOLK_OK ? "connected" : tolk_status_name(status));
+  });
+  return status;
 }
 
 tolk_status ClientCore::check_version(tolk_error** error) {
@@ -101,28 +122,21 @@ tolk_status ClientCore::check_version(tolk_error** error) {
   return fail_connect(TOLK_REFUSED, "the server has another version", error);
 }
 
-void ClientCore::ask_for_end(Session& session) {
-  static_cast<ClientSession&>(session).ask_for_close();
-}
-
-// Any thread.
-void ClientCore::disconnect(Peer&) {
-  run_on_loop([self = std::static_pointer_cast<ClientCore>(shared_from_this())] {
-    enter_loop();
-    const auto server = self->peer(0);
-    if (!server || server->stream() == nullptr) return;
-    PeerStream& stream = *server->stream();
-    stream.owner().on_stream_end(stream, UV_ECANCELED);
-  });
-}
-
 // Loop.
 
-bool ClientCore::on_connected(uv_loop_t* loop, const Endpoint&) {
+bool ClientCore::on_connected(uv_loop_t* loop, const Endpoint& where) {
   if (!open_deadlines(loop)) return false;
-  const auto server =
-      std::make_shared<Peer>(*this, 0, address(), settings().most_queued_bytes, PeerQuota());
   PeerStream& stream = static_cast<ClientSession&>(*session()).stream();
+  Peer::Identity identity{0, address(), {}, 0};
+  if (!where.is_tcp()) identity.note_user_of(&stream.handle().pipe);
+  const auto server =
+      std::make_shared<Peer>(*this, std::move(identity), settings().most_queued_bytes, PeerQuota());
+  Failure failure;
+  failure.status = TOLK_GONE;
+  failure.address = address();
+  gone_hook_ = make_hook([this, why = ErrorRef(new_error(std::move(failure)))] {
+    on_gone_(settings().context.get(), &handle_, why.get());
+  });
   stream.set_user(server);
   server->on_hook_begun();
   server->open(stream);
@@ -147,15 +161,22 @@ void ClientCore::lose_server(tolk_status status) {
   if (const auto server = peer(0)) lose(server, status);
 }
 
+void ClientCore::on_lost() {
+  if (!is_open()) finish_closing();
+}
+
+void ClientCore::on_broken_off() {
+  lose_server(TOLK_GONE);
+  on_lost();
+}
+
+// The hook holds this object only while it waits to run.
 void ClientCore::on_peer_lost(const std::shared_ptr<Peer>&, tolk_status status) {
-  if (on_gone_ == nullptr || status != TOLK_GONE || !is_connected_) return;
-  Failure failure;
-  failure.status = TOLK_GONE;
-  failure.address = address();
-  callbacks().dispatch(make_hook([this, why = ErrorRef(new_error(std::move(failure)))] {
-                         on_gone_(settings().context.get(), &handle_, why.get());
-                       }),
-                       Callbacks::When::later);
+  const auto hook = std::move(gone_hook_);
+  log(TOLK_INFO,
+      [&] { return address() + (status == TOLK_GONE ? ": the server has gone" : ": closed"); });
+  if (on_gone_ == nullptr || status != TOLK_GONE || !is_connected_ || !is_open()) return;
+  callbacks().dispatch(hook, Callbacks::When::later);
 }
 
 }  // namespace tolk

@@ -33,14 +33,13 @@ class ClientCore final : public Core, public ClientEvents {
   tolk_status connect(tolk_error** error);
   std::shared_ptr<Core> shared() override;
   tolk_client* client_handle() override { return &handle_; }
-  void disconnect(Peer& peer) override;
 
  private:
   // Host.
   bool attempt();
   tolk_status check_version(tolk_error** error);
   tolk_status fail_connect(tolk_status status, const std::string& reason, tolk_error** error) const;
-  void ask_for_end(Session& session) override;
+  bool may_try_again(std::uint64_t begin, unsigned attempts) const;
 
   // Loop.
   void on_message(PeerStream& stream, SharedBytes payload) TOLK_LOOP override;
@@ -52,11 +51,11 @@ class ClientCore final : public Core, public ClientEvents {
   void on_server_refused(const std::string& user) TOLK_LOOP override { refused_user_ = user; }
   bool on_connected(uv_loop_t* loop, const Endpoint& where) TOLK_LOOP override;
   void on_server_gone(int) TOLK_LOOP override { lose_server(TOLK_GONE); }
-  void on_lost() TOLK_LOOP override {}
-  void on_closing() TOLK_LOOP override { lose_server(TOLK_CLOSED); }
-  void on_closed() TOLK_LOOP override {}
+  void on_lost() TOLK_LOOP override;
+  void on_closing() TOLK_LOOP override { on_loop_ending(TOLK_CLOSED); }
+  void on_closed() TOLK_LOOP override { finish_closing(); }
   void on_run_out(const Endpoint&) TOLK_LOOP override {}
-  void on_broken_off() TOLK_LOOP override { lose_server(TOLK_GONE); }
+  void on_broken_off() TOLK_LOOP override;
   bool begins_calls_when_lost() const override { return false; }
   int connect_limit_ms() const override { return std::max(connect_limit_ms_, 0); }
   void on_attempt_failed(int status) TOLK_LOOP override { attempt_status_ = status; }
@@ -68,6 +67,8 @@ class ClientCore final : public Core, public ClientEvents {
   const StreamRules rules_;
   void (*const on_gone_)(void* context, tolk_client* client, const tolk_error* why);
   tolk_client handle_;
+  // Made with the connection, so that its end needs no memory.
+  std::shared_ptr<tolk_task> gone_hook_ TOLK_GUARDED_BY(loop_role);
   int attempt_status_ = 0;    // the same
   std::string refused_user_;  // by the loop thread, before the attempt is decided
   std::atomic<std::uint64_t> version_check_{0};

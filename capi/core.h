@@ -23,6 +23,7 @@
 #include "capi/messages.h"
 #include "capi/methods.h"
 #include "capi/peer.h"
+#include "platform/guarded.h"
 #include "sessions/session.h"
 
 namespace tolk {
@@ -58,12 +59,13 @@ class Core {
   Side role() const { return role_; }
   const std::string& address() const { return address_; }
   Callbacks& callbacks() { return callbacks_; }
+  bool is_open() const { return state_ == State::open; }
   bool is_closed() const { return state_ == State::closed; }
   bool of_this_process() const;
 
   // In core_calls.cpp: calls to peers.
   tolk_status call(const tolk_call& call, tolk_block** result, tolk_error** error);
-  std::uint64_t start(const tolk_call& given);
+  std::uint64_t start_guarded(const tolk_call& given);
   tolk_status wait(std::uint64_t number, tolk_block** result, tolk_error** error);
   bool cancel(std::uint64_t number);
   tolk_status post(std::uint64_t peer, const char* method, const tolk_block* arguments,
@@ -78,13 +80,25 @@ class Core {
 
   // The loop.
   bool on_loop_thread() const;
+  // Whether the calling thread would wait for itself.
+  bool may_not_wait() const { return on_loop_thread() || Callbacks::inside_log(*this); }
   void post_to_loop(std::unique_ptr<Task> task);
   template <class Function>
   void run_on_loop(Function function) {
     if (on_loop_thread()) return function();
     post_to_loop(make_task(std::move(function)));
   }
-  virtual void disconnect(Peer& peer) = 0;
+
+  // A line for the host's log, which `make_text` makes.
+  template <class MakeText>
+  void log(tolk_level level, const MakeText& make_text) const {
+    if (settings_.log == nullptr) return;
+    guarded([&] {
+      const std::string text = make_text();
+      const Callbacks::Scope scope(*this, true);
+      settings_.log(settings_.context.get(), level, text.c_str());
+    });
+  }
 
  protected:
   enum class State { open, draining, closed };
@@ -94,8 +108,6 @@ class Core {
   std::shared_ptr<Session> session() const { return *session_.lock(); }
   // No new call is accepted from here on.
   virtual void begin_draining() {}
-  // Has the loop thread end the session. The peers are lost already.
-  virtual void ask_for_end(Session& session) = 0;
   // A peer's connection has ended.
   virtual void on_peer_lost(const std::shared_ptr<Peer>& peer, tolk_status status) TOLK_LOOP = 0;
 
@@ -104,7 +116,8 @@ class Core {
   Peers peers() const { return *peers_.lock(); }
   // The peer's connection has ended.
   void lose(const std::shared_ptr<Peer>& peer, tolk_status status) TOLK_LOOP;
-  void lose_all() TOLK_LOOP;
+  // The loop thread carries out the end.
+  void on_loop_ending(tolk_status peers_lost) TOLK_LOOP;
   void finish_closing();
   Outcome outcome_of(const CallRecord& record, tolk_status status, const char* reason) const;
 
@@ -120,6 +133,7 @@ class Core {
   std::uint64_t start_internal(std::shared_ptr<CallRecord> record,
                                const std::shared_ptr<Peer>& peer, const Content* arguments,
                                const CallExtras& extras);
+  bool watch(const CallRecord& record);
   tolk_status take_outcome(Outcome outcome, tolk_block** result, tolk_error** error);
   std::int32_t usual_limit() const { return settings_.limit_ms; }
   const CoreSettings& settings() const { return settings_; }
@@ -133,10 +147,12 @@ class Core {
                           const Content* arguments);
   std::uint64_t refuse(const std::shared_ptr<CallRecord>& record, tolk_status status,
                        const char* reason);
-  void watch(const CallRecord& record);
   bool cancel_one(std::uint64_t number);
   tolk_status post_one(Peer& peer, const char* method, const Content* arguments,
-                       std::int32_t wait_ms);
+                       std::uint64_t deadline);
+  void tell_now(const tolk_call& call, tolk_status status, const tolk_error* error) const;
+  std::uint64_t start(const tolk_call& given);
+  std::uint64_t start_in_child(const tolk_call& call);
   tolk_status fail_post(const char* method, tolk_status status, const char* reason,
                         tolk_error** error) const;
   void take_reply(Peer& peer, const Message& reply, const SharedBytes& payload) TOLK_LOOP;
@@ -144,7 +160,16 @@ class Core {
                  const SharedBytes& payload) TOLK_LOOP;
   void take_cancel(Peer& peer, const Message& call) TOLK_LOOP;
   void describe(Peer& peer, const Message& call) TOLK_LOOP;
+  bool is_drained() const;
   bool drain(std::uint64_t deadline);
+  void drain_alone(std::uint64_t deadline);
+  void begin_end();
+  void arm_deadlines();
+  std::shared_ptr<Peer> peer_after(const Peer* peer) const;
+  tolk_status refuse_wait(const char* method, tolk_error** error) const;
+
+  // No call's number: those are odd.
+  static constexpr std::uint64_t kDrainLimit = 2;
 
   const Side role_;
   const std::string address_;
@@ -156,11 +181,22 @@ class Core {
   Guarded<std::shared_ptr<Session>> session_;
   Guarded<Peers> peers_;
   Guarded<std::map<std::uint64_t, std::weak_ptr<CallGroup>>> groups_;
+  std::atomic<bool> drains_alone_{false};
   std::condition_variable progress_;
   Guarded<int> progress_lock_;
 };
 
-// The exported start of a client or a server.
-std::uint64_t start_guarded(Core& core, const tolk_call& given);
+// Ends an object that its host does not get.
+struct EndUnlessTaken {
+  explicit EndUnlessTaken(Core* made) : core(made) {}
+  ~EndUnlessTaken() {
+    if (!taken) core->end();
+  }
+  EndUnlessTaken(const EndUnlessTaken&) = delete;
+  EndUnlessTaken& operator=(const EndUnlessTaken&) = delete;
+
+  Core* const core;
+  bool taken = false;
+};
 
 }  // namespace tolk

@@ -6,6 +6,7 @@
 #include "capi/core.h"
 #include "capi/options.h"
 #include "params/encoder.h"
+#include "transport/process_exit.h"
 #include "transport/token.h"
 
 namespace tolk {
@@ -38,16 +39,19 @@ std::shared_ptr<CallRecord> Core::new_record(const tolk_call& call) {
   record->deadline = deadline_after(call.limit_ms);
   record->done = call.done;
   record->context = call.context;
+  if (record->done != nullptr) callbacks_.expect(*record);
   return record;
 }
 
 tolk_status Core::call(const tolk_call& call, tolk_block** result, tolk_error** error) {
-  if (!of_this_process() || !on_loop_thread()) return wait(start(call), result, error);
-  Failure failure;
-  failure.status = TOLK_MISUSE;
-  failure.method = call.method == nullptr ? "" : call.method;
-  failure.reason = "a callback on the loop thread cannot wait for its own loop";
-  return fail(error, std::move(failure));
+  if (!of_this_process()) return fail_post(call.method, TOLK_CLOSED, nullptr, error);
+  if (may_not_wait()) return refuse_wait(call.method, error);
+  return wait(start(call), result, error);
+}
+
+tolk_status Core::refuse_wait(const char* method, tolk_error** error) const {
+  return fail_post(method, TOLK_MISUSE,
+                   "an inline callback and the log cannot wait for their own loop", error);
 }
 
 std::uint64_t Core::start(const tolk_call& given) {
@@ -57,6 +61,16 @@ std::uint64_t Core::start(const tolk_call& given) {
   const auto record = new_record(call);
   const Content content = Content::of(call.arguments);
   return start_one(record, call, call.arguments == nullptr ? nullptr : &content);
+}
+
+// Nobody else is there to run a callback.
+std::uint64_t Core::start_in_child(const tolk_call& call) {
+  tolk_error* error = nullptr;
+  if (call.done == nullptr) return 0;
+  guarded([&] { fail_post(call.method, TOLK_CLOSED, nullptr, &error); });
+  tell_now(call, TOLK_CLOSED, error == nullptr ? no_memory_error() : error);
+  tolk_error_free(error);
+  return 0;
 }
 
 std::uint64_t Core::start_for_all(const tolk_call& call) {
@@ -72,22 +86,31 @@ std::uint64_t Core::start_for_all(const tolk_call& call) {
   const auto alone = new_record(call);
   if (call.done == nullptr)
     return refuse(alone, TOLK_MISUSE, "a call to all clients needs a callback");
-  if (records.empty() || !of_this_process()) {
-    return refuse(alone, records.empty() ? TOLK_NOT_CONNECTED : TOLK_CLOSED, nullptr);
+  if (records.empty()) {
+    return refuse(alone, state_ == State::open ? TOLK_NOT_CONNECTED : TOLK_CLOSED, nullptr);
   }
   const Content content = Content::of(call.arguments);
   group->left = records.size();
-  (*groups_.lock())[group->number] = group;
+  {
+    const auto groups = groups_.lock();
+    std::erase_if(*groups, [](const auto& entry) { return entry.second.expired(); });
+    (*groups)[group->number] = group;
+  }
+  for (const auto& record : records) record->group = group;
   for (const auto& record : records) {
-    record->group = group;
-    start_one(record, call, call.arguments == nullptr ? nullptr : &content);
+    try {
+      start_one(record, call, call.arguments == nullptr ? nullptr : &content);
+    } catch (const std::exception&) {
+      refuse(record, TOLK_NO_MEMORY, nullptr);
+    }
   }
   return group->number;
 }
 
 std::uint64_t Core::refuse(const std::shared_ptr<CallRecord>& record, tolk_status status,
                            const char* reason) {
-  calls_.add_finished(record, outcome_of(*record, status, reason));
+  const auto make = [&](const CallRecord& refused) { return outcome_of(refused, status, reason); };
+  calls_.add_finished(record, CallTable::MakeOutcome(make)(*record));
   return record->number;
 }
 
@@ -100,7 +123,7 @@ std::uint64_t Core::start_one(const std::shared_ptr<CallRecord>& record, const t
   if (arguments != nullptr && arguments->is_too_large()) {
     return refuse(record, TOLK_TOO_LARGE, nullptr);
   }
-  if (state_ != State::open || !of_this_process()) return refuse(record, TOLK_CLOSED, nullptr);
+  if (state_ != State::open) return refuse(record, TOLK_CLOSED, nullptr);
   const auto to = peer(record->peer);
   if (!to) return refuse(record, role_ == Side::server ? TOLK_NOT_CONNECTED : TOLK_GONE, nullptr);
   CallExtras extras;
@@ -114,7 +137,14 @@ std::uint64_t Core::start_internal(std::shared_ptr<CallRecord> record,
   const std::uint64_t number = record->number;
   Frame frame = call_message(record->method, number, arguments, extras);
   if (!calls_.add(record)) return refuse(record, TOLK_CLOSED, nullptr);
-  watch(*record);
+  // From here on it is the table's: others may have completed it.
+  if (!watch(*record)) {
+    const auto make = [this](const CallRecord& late) {
+      return outcome_of(late, TOLK_NO_MEMORY, nullptr);
+    };
+    calls_.complete(number, make, Callbacks::When::later);
+    return number;
+  }
   const Sent sent = to->send(std::move(frame), false);
   // A peer that goes from now on completes what is in the table.
   if (sent == Sent::closed || to->is_gone()) {
@@ -125,30 +155,41 @@ std::uint64_t Core::start_internal(std::shared_ptr<CallRecord> record,
   return number;
 }
 
-// A thread that waits has its own clock.
-void Core::watch(const CallRecord& record) {
-  if (record.done == nullptr || record.deadline == UINT64_MAX) return;
-  if (!deadlines_.add(record.deadline, record.number)) return;
-  run_on_loop([this, self = shared()] {
-    enter_loop();
-    deadlines_.arm();
+// A thread that waits has its own clock. False without memory.
+bool Core::watch(const CallRecord& record) {
+  if (record.done == nullptr || record.deadline == UINT64_MAX) return true;
+  return guarded_or(false, [&] {
+    if (deadlines_.add(record.deadline, record.number)) arm_deadlines();
+    return true;
   });
 }
 
+void Core::arm_deadlines() {
+  try {
+    run_on_loop([this, self = shared()] {
+      enter_loop();
+      deadlines_.arm();
+    });
+  } catch (const std::exception&) {
+    deadlines_.arming_failed();
+    throw;
+  }
+}
+
 tolk_status Core::wait(std::uint64_t number, tolk_block** result, tolk_error** error) {
-  const auto timed_out = [this](const CallRecord& record) {
-    return outcome_of(record, TOLK_TIMED_OUT, nullptr);
+  if (!of_this_process()) return fail_post(nullptr, TOLK_CLOSED, nullptr, error);
+  const auto given_up = [this](const CallRecord& record) {
+    return outcome_of(record, process_exits() ? TOLK_CLOSED : TOLK_TIMED_OUT, nullptr);
   };
   Outcome outcome;
-  const bool may_wait = of_this_process() && !on_loop_thread();
-  const auto how = may_wait ? CallTable::Wait::allowed : CallTable::Wait::finished_only;
-  if (!calls_.wait(number, how, timed_out, &outcome)) {
-    Failure failure;
-    failure.status = TOLK_MISUSE;
-    failure.reason = "there is no such call to wait for";
-    outcome = Outcome::of(std::move(failure));
+  const auto how = may_not_wait() ? CallTable::Wait::finished_only : CallTable::Wait::allowed;
+  if (calls_.wait(number, how, given_up, &outcome)) {
+    return take_outcome(std::move(outcome), result, error);
   }
-  return take_outcome(std::move(outcome), result, error);
+  if (calls_.is_closed() && !calls_.has(number)) {
+    return fail_post(nullptr, TOLK_CLOSED, nullptr, error);
+  }
+  return fail_post(nullptr, TOLK_MISUSE, "there is no such call to wait for", error);
 }
 
 tolk_status Core::take_outcome(Outcome outcome, tolk_block** result, tolk_error** error) {
@@ -158,6 +199,7 @@ tolk_status Core::take_outcome(Outcome outcome, tolk_block** result, tolk_error*
 }
 
 bool Core::cancel(std::uint64_t number) {
+  if (!of_this_process()) return false;
   std::shared_ptr<CallGroup> group;
   {
     const auto groups = groups_.lock();
@@ -207,35 +249,39 @@ tolk_status Core::post(std::uint64_t id, const char* method, const tolk_block* a
   const auto failed = [&](tolk_status status, const char* reason = nullptr) {
     return fail_post(method, status, reason, error);
   };
+  if (!of_this_process()) return failed(TOLK_CLOSED);
   if (method == nullptr || *method == '\0') return failed(TOLK_MISUSE, "a call needs a method");
   if (arguments != nullptr && arguments->status() != TOLK_OK) return failed(arguments->status());
-  if (state_ != State::open || !of_this_process()) return failed(TOLK_CLOSED);
+  if (state_ != State::open) return failed(TOLK_CLOSED);
   const Content content = Content::of(arguments);
   if (content.is_too_large()) return failed(TOLK_TOO_LARGE);
   const Content* const given = arguments == nullptr ? nullptr : &content;
+  const std::uint64_t deadline = wait_ms == 0 ? 0 : deadline_after(wait_ms);
   if (role_ == Side::server && id == TOLK_ALL) {
     tolk_status worst = TOLK_OK;
     for (const auto& [each, to] : peers()) {
-      if (post_one(*to, method, given, wait_ms) == TOLK_BUSY) worst = TOLK_BUSY;
+      const tolk_status status = post_one(*to, method, given, deadline);
+      if (status == TOLK_BUSY || status == TOLK_MISUSE) worst = status;
     }
     return failed(worst);
   }
   const auto to = peer(role_ == Side::server ? id : 0);
   if (!to) return failed(role_ == Side::server ? TOLK_NOT_CONNECTED : TOLK_GONE);
-  return failed(post_one(*to, method, given, wait_ms));
+  return failed(post_one(*to, method, given, deadline));
 }
 
+// `deadline`: 0 is not to wait.
 tolk_status Core::post_one(Peer& to, const char* method, const Content* arguments,
-                           std::int32_t wait_ms) {
+                           std::uint64_t deadline) {
   Frame frame = post_message(method, arguments);
-  const std::size_t size = frame.payload_bytes() + Frame::kPrefixBytes;
-  const std::uint64_t deadline = deadline_after(wait_ms);
+  const std::size_t size = frame.total_bytes();
   for (;;) {
     const Sent sent = to.send(std::move(frame), true);
     if (sent == Sent::closed) return state_ == State::open ? TOLK_GONE : TOLK_CLOSED;
     if (sent != Sent::full) return TOLK_OK;
     const std::uint64_t now = uv_hrtime();
-    if (now >= deadline || on_loop_thread()) return TOLK_BUSY;
+    if (now >= deadline) return TOLK_BUSY;
+    if (may_not_wait()) return TOLK_MISUSE;
     const int left = deadline == UINT64_MAX
                          ? OutgoingQueue::kForever
                          : static_cast<int>((deadline - now) / kNanosecondsPerMs + 1);
@@ -244,19 +290,25 @@ tolk_status Core::post_one(Peer& to, const char* method, const Content* argument
   }
 }
 
-// Without memory, the outcome is told at once.
-std::uint64_t start_guarded(Core& core, const tolk_call& given) {
+void Core::tell_now(const tolk_call& call, tolk_status status, const tolk_error* error) const {
+  tolk_outcome outcome{};
+  outcome.size = sizeof outcome;
+  outcome.status = status;
+  outcome.error = error;
+  outcome.client = call.client;
+  const Callbacks::Scope scope(*this);
+  call.done(call.context, &outcome);
+}
+
+// Without memory, the outcome is told at once. An end of the object waits for that.
+std::uint64_t Core::start_guarded(const tolk_call& given) {
+  if (!of_this_process()) return start_in_child(options_of(&given));
+  const Callbacks::Unfinished unfinished(callbacks_);
   try {
-    return core.start(given);
+    return start(given);
   } catch (const std::exception&) {
     const tolk_call call = options_of(&given);
-    if (call.done == nullptr) return 0;
-    tolk_outcome outcome{};
-    outcome.size = sizeof outcome;
-    outcome.status = TOLK_NO_MEMORY;
-    outcome.error = no_memory_error();
-    outcome.client = call.client;
-    call.done(call.context, &outcome);
+    if (call.done != nullptr) tell_now(call, TOLK_NO_MEMORY, no_memory_error());
     return 0;
   }
 }

@@ -20,6 +20,16 @@ CoreSettings with_defaults(CoreSettings settings) {
   return settings;
 }
 
+std::uint64_t deadline_after(std::int32_t limit_ms) {
+  if (limit_ms < 0) return UINT64_MAX;
+  return uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs;
+}
+
+std::chrono::nanoseconds time_until(std::uint64_t deadline) {
+  const std::uint64_t now = uv_hrtime();
+  return std::chrono::nanoseconds(deadline > now ? deadline - now : 0);
+}
+
 int ms_until(std::uint64_t deadline) {
   if (deadline == UINT64_MAX) return OutgoingQueue::kForever;
   const std::uint64_t now = uv_hrtime();
@@ -34,12 +44,15 @@ Core::Core(Side role, std::string address, CoreSettings settings)
       settings_(with_defaults(std::move(settings))),
       process_(platform::generation()),
       callbacks_(*this, settings_.execute, settings_.context.get(), settings_.workers),
-      deadlines_([this](std::uint64_t number) {
-        calls_.complete(
-            number,
-            [this](const CallRecord& late) { return outcome_of(late, TOLK_TIMED_OUT, nullptr); },
-            Callbacks::When::now);
-      }) {}
+      deadlines_(
+          [this](std::uint64_t number) {
+            if (number == kDrainLimit) return begin_end();
+            const auto make = [this](const CallRecord& late) {
+              return outcome_of(late, TOLK_TIMED_OUT, nullptr);
+            };
+            calls_.complete(number, make, Callbacks::When::now);
+          },
+          [this](std::uint64_t number) { return number == kDrainLimit || calls_.has(number); }) {}
 
 Core::~Core() = default;
 
@@ -66,9 +79,19 @@ std::shared_ptr<Peer> Core::peer(std::uint64_t id) const {
   return at == peers->end() ? nullptr : at->second;
 }
 
+// In the order of the ids; null is before the first and behind the last.
+std::shared_ptr<Peer> Core::peer_after(const Peer* peer) const {
+  const auto peers = peers_.lock();
+  const auto at = peer == nullptr ? peers->begin() : peers->upper_bound(peer->id());
+  return at == peers->end() ? nullptr : at->second;
+}
+
+// The queue is closed first: a call that comes later is refused there, and one that came before is
+// in the table.
 void Core::lose(const std::shared_ptr<Peer>& peer, tolk_status status) {
-  if (!peer->close()) return;
+  const bool is_first = peer->close();
   peers_.lock()->erase(peer->id());
+  if (!is_first) return;
   calls_.complete_all_of(
       peer->id(), [&](const CallRecord& record) { return outcome_of(record, status, nullptr); });
   peer->end_all_requests(status);
@@ -76,72 +99,108 @@ void Core::lose(const std::shared_ptr<Peer>& peer, tolk_status status) {
   note_progress();
 }
 
-void Core::lose_all() {
-  for (const auto& [id, peer] : peers()) lose(peer, TOLK_CLOSED);
-}
-
+// Any thread. Something is over that a close may wait for.
 void Core::note_progress() {
   if (state_ == State::open) return;
+  if (drains_alone_ && is_drained()) begin_end();
   const auto lock = progress_lock_.lock();
   progress_.notify_all();
 }
 
-// True: all handlers have returned, and all frames are written.
+// All handlers have returned, and all frames are written.
+bool Core::is_drained() const {
+  if (callbacks_.handlers() != 0) return false;
+  for (auto peer = peer_after(nullptr); peer; peer = peer_after(peer.get())) {
+    if (!peer->is_gone() && peer->out().bytes() != 0) return false;
+  }
+  return true;
+}
+
+// Host. False: the limit has passed before.
 bool Core::drain(std::uint64_t deadline) {
-  const auto in_time = [&](auto&& done) {
-    auto lock = progress_lock_.lock();
-    const auto wanted = [&](int) { return done(); };
-    if (deadline != UINT64_MAX) {
-      return lock.wait_for(progress_, std::chrono::milliseconds(ms_until(deadline)), wanted);
-    }
-    lock.wait(progress_, wanted);
-    return true;
+  auto lock = progress_lock_.lock();
+  const auto handlers_have_returned = [&](int) {
+    return state_ == State::closed || callbacks_.handlers() == 0;
   };
-  if (!in_time([&] { return callbacks_.handlers() == 0; })) return false;
+  if (deadline == UINT64_MAX) {
+    lock.wait(progress_, handlers_have_returned);
+  } else if (!lock.wait_for(progress_, time_until(deadline), handlers_have_returned)) {
+    return false;
+  }
+  lock.unlock();
   bool written = true;
-  for (const auto& [id, peer] : peers()) {
+  for (auto peer = peer_after(nullptr); peer; peer = peer_after(peer.get())) {
     written = (peer->out().wait_until_empty(ms_until(deadline)) || peer->is_gone()) && written;
   }
   return written;
 }
 
+// In a callback, nobody waits: who ends the last of it then ends the connection, or the loop thread
+// when the limit passes. Without memory for that, the end is now.
+void Core::drain_alone(std::uint64_t deadline) {
+  const bool has_limit = guarded_or(false, [&] {
+    if (deadline != UINT64_MAX && deadlines_.add(deadline, kDrainLimit)) arm_deadlines();
+    return true;
+  });
+  if (!has_limit) return begin_end();
+  drains_alone_ = true;
+  note_progress();
+}
+
+// Any thread; needs no memory. The table is closed before the streams: a call that comes now fails
+// because this end is closed, and not because the other one has gone.
+void Core::begin_end() {
+  drains_alone_ = false;
+  calls_.close(
+      [this](const CallRecord& record) { return outcome_of(record, TOLK_CLOSED, nullptr); });
+  const auto current = session();
+  if (!current || (!current->enter(Phase::close_asked) && current->phase() != Phase::close_asked)) {
+    return finish_closing();  // there is nothing to end, or it has ended
+  }
+  current->wake_for_end();
+}
+
 tolk_status Core::close(std::int32_t limit_ms) {
   if (!of_this_process()) return TOLK_OK;
   State before = State::open;
-  if (!state_.compare_exchange_strong(before, State::draining)) {
-    return Callbacks::inside(*this) || on_loop_thread() ? TOLK_OK : wait_closed(TOLK_FOREVER);
+  if (state_.compare_exchange_strong(before, State::draining)) {
+    log(TOLK_INFO, [&] { return address_ + ": closing"; });
+    if (limit_ms != 0) guarded([this] { begin_draining(); });
+  }
+  const std::uint64_t deadline = deadline_after(limit_ms);
+  if (Callbacks::inside(*this) || on_loop_thread()) {
+    if (limit_ms == 0) {
+      begin_end();
+    } else if (before == State::open) {
+      drain_alone(deadline);
+    }
+    return TOLK_OK;
   }
   const WorkerPool::Blocked others_may_run;
-  if (limit_ms != 0) begin_draining();
-  bool written = true;
-  if (limit_ms != 0 && !Callbacks::inside(*this) && !on_loop_thread()) {
-    written = drain(limit_ms < 0
-                        ? UINT64_MAX
-                        : uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs);
-  }
-  if (const auto current = session()) {
-    // Nobody sends any more when the streams are closed.
-    run_on_loop([this, self = shared()] {
-      enter_loop();
-      lose_all();
-    });
-    ask_for_end(*current);
-    if (!current->on_own_thread()) current->wait_until_ended();
-  }
+  const bool written = drain(deadline);
+  begin_end();
+  if (const auto current = session()) current->wait_until_ended();
   finish_closing();
   return written ? TOLK_OK : TOLK_TIMED_OUT;
 }
 
-// Called once the session refuses frames; the second time it does nothing.
+// Nothing is sent any more when the streams are closed after this.
+void Core::on_loop_ending(tolk_status peers_lost) {
+  State before = State::open;
+  state_.compare_exchange_strong(before, State::draining);
+  calls_.close([&](const CallRecord& record) { return outcome_of(record, peers_lost, nullptr); });
+  while (const auto peer = peer_after(nullptr)) lose(peer, peers_lost);
+}
+
+// The streams are closing. The second time it does nothing.
 void Core::finish_closing() {
   if (state_.exchange(State::closed) == State::closed) return;
-  calls_.close(
-      [this](const CallRecord& record) { return outcome_of(record, TOLK_CLOSED, nullptr); });
   note_progress();
 }
 
 tolk_status Core::wait_closed(std::int32_t limit_ms) {
   if (!of_this_process()) return TOLK_OK;
+  if (may_not_wait()) return TOLK_MISUSE;
   const WorkerPool::Blocked others_may_run;
   const auto closed = [&](int) { return state_ == State::closed; };
   auto lock = progress_lock_.lock();
@@ -153,12 +212,12 @@ tolk_status Core::wait_closed(std::int32_t limit_ms) {
                                                                                : TOLK_TIMED_OUT;
 }
 
+// In a callback it does not wait for the loop thread, which may be in an inline one that waits for
+// this thread.
 void Core::end() {
   if (!of_this_process()) return;
   const auto self = shared();
   close(0);
-  const auto current = session();
-  if (current && !current->on_own_thread()) current->wait_until_ended();
   callbacks_.end();
   calls_.forget();
 }

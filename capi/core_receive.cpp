@@ -12,6 +12,9 @@ namespace tolk {
 
 void Core::receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload) {
   const Message message = Message::scan(payload.view);
+  if (!message.plain.well_formed) {
+    log(TOLK_WARNING, [&] { return peer->name() + " has sent a message that is not a block"; });
+  }
   if (!message.plain.name) return;
   if (message.plain.is_reply()) return take_reply(*peer, message, payload);
   if (message.plain.name == kMethodCancel) return take_cancel(*peer, message);
@@ -60,6 +63,10 @@ void Core::take_cancel(Peer& peer, const Message& call) {
 
 void Core::reply_failure(Peer& peer, const Message& call, const HandlerFailure& failure,
                          std::string_view unknown) {
+  log(TOLK_INFO, [&] {
+    return peer.name() + " called " + std::string(call.plain.name.value_or("")) +
+           ", refused: " + std::string(failure.text);
+  });
   const CallIds ids(call.plain);
   if (ids.wants_reply()) peer.send(failure_message(role_, ids, failure, unknown), false);
 }
@@ -67,6 +74,8 @@ void Core::reply_failure(Peer& peer, const Message& call, const HandlerFailure& 
 void Core::take_call(const std::shared_ptr<Peer>& peer, const Message& call,
                      const SharedBytes& payload) {
   const std::string name(*call.plain.name);
+  // Counted before the look at the state: a close that has not refused the call waits for it.
+  Callbacks::HandlerCount handler(callbacks_);
   if (state_ != State::open) {
     return reply_failure(*peer, call, {TOLK_CLOSED, 0, "the peer is closing", nullptr});
   }
@@ -78,7 +87,8 @@ void Core::take_call(const std::shared_ptr<Peer>& peer, const Message& call,
   if (role_ == Side::client && peer->requests() >= settings_.most_requests) {
     return reply_failure(*peer, call, {TOLK_BUSY, 0, "too many requests are under way", nullptr});
   }
-  const auto request = std::make_shared<tolk_request>(shared(), peer, method, call, payload);
+  const auto request =
+      std::make_shared<tolk_request>(shared(), peer, method, call, payload, std::move(handler));
   peer->add_request(*request, payload.view.size());
   if (request->has_bad_arguments()) {
     return request->fail({TOLK_WRONG_ARGUMENTS, 0, "the arguments are not a block", nullptr});

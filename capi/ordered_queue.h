@@ -1,10 +1,10 @@
 // Tasks that run one after the other: the next begins when the one before it is over.
 //
-// Thread: any. Owner: of the tasks that wait. Failure: std::bad_alloc from push.
+// Thread: any. Owner: of the tasks that wait. Failure: none.
 #pragma once
 
-#include <list>
 #include <memory>
+#include <utility>
 
 #include "capi/callbacks.h"
 #include "transport/thread_safety.h"
@@ -17,7 +17,9 @@ class OrderedQueue {
   bool push(const std::shared_ptr<tolk_task>& task) {
     const auto state = state_.lock();
     if (!std::exchange(state->busy, true)) return true;
-    state->waiting.push_back(task);
+    auto& place = task->queue_place();
+    place.front() = task;
+    state->waiting.splice(state->waiting.end(), place);
     return false;
   }
 
@@ -29,20 +31,21 @@ class OrderedQueue {
       return nullptr;
     }
     std::shared_ptr<tolk_task> task = std::move(state->waiting.front());
-    state->waiting.pop_front();
+    auto& place = task->queue_place();
+    place.splice(place.end(), state->waiting, state->waiting.begin());
     return task;
   }
 
   // Drops what waits.
   void clear() {
-    std::list<std::shared_ptr<tolk_task>> dropped;  // freed after the lock
+    TaskPlace dropped;  // freed after the lock
     state_.lock()->waiting.swap(dropped);
   }
 
  private:
   struct State {
     bool busy = false;
-    std::list<std::shared_ptr<tolk_task>> waiting;
+    TaskPlace waiting;
   };
 
   Guarded<State> state_;

@@ -5,19 +5,45 @@
 #include "capi/core.h"
 #include "capi/messages.h"
 #include "capi/request.h"
+#include "platform/peer_user.h"
 
 namespace tolk {
 
-Peer::Peer(Core& core, std::uint64_t id, std::string address, std::size_t most_queued,
-           PeerQuota quota)
-    : core_(core), address_(std::move(address)), quota_(quota), out_(*this, most_queued) {
+void Peer::Identity::note_user_of(const uv_pipe_t* pipe) {
+  platform::PeerUser peer = platform::peer_user(pipe);
+  user = std::move(peer.user);
+  process = peer.process;
+}
+
+Peer::Peer(Core& core, Identity identity, std::size_t most_queued, PeerQuota quota)
+    : core_(core), identity_(std::move(identity)), quota_(quota), out_(*this, most_queued) {
   shown_.size = sizeof shown_;
-  shown_.client = id;
-  shown_.address = address_.c_str();
-  shown_.user = "";
+  shown_.client = identity_.id;
+  shown_.address = identity_.address.c_str();
+  shown_.user = identity_.user.c_str();
+  shown_.process = identity_.process;
+}
+
+// The peer keeps its prepared tasks; they keep it only while they run.
+template <class Function>
+std::unique_ptr<Task> Peer::prepare(Function function) {
+  return make_task([weak = weak_from_this(), function] {
+    if (const auto self = weak.lock()) function(*self);
+  });
 }
 
 void Peer::open(PeerStream& stream) {
+  {
+    const auto tasks = loop_tasks_.lock();
+    tasks->flush = prepare([](Peer& self) {
+      enter_loop();
+      self.flush();
+    });
+    tasks->disconnect = prepare([](Peer& self) {
+      enter_loop();
+      self.end_stream(UV_ECANCELED);
+    });
+  }
   stream_ = &stream;
   out_.open(&stream.handle().stream);
 }
@@ -32,20 +58,60 @@ bool Peer::close() {
 Sent Peer::send(Frame&& frame, bool counts) {
   const Sent sent = out_.add(std::move(frame), counts);
   if (sent != Sent::queued_first) return sent;
-  core_.run_on_loop([self = shared_from_this()] {
+  if (core_.on_loop_thread()) {
     enter_loop();
-    self->out_.flush();
-  });
+    out_.flush();
+  } else {
+    post(&LoopTasks::flush);
+  }
   return sent;
 }
 
-void Peer::on_written() { resume_if_below(); }
-
-void Peer::on_write_failed(int status) {
-  if (stream_ != nullptr && !stream_->is_closing()) {
-    stream_->owner().on_stream_end(*stream_, status);
-  }
+std::string Peer::name() const {
+  return id() == 0 ? "the server" : "client " + std::to_string(id());
 }
+
+void Peer::disconnect() { post(&LoopTasks::disconnect); }
+
+void Peer::post(std::unique_ptr<Task> LoopTasks::*which) {
+  std::unique_ptr<Task> task = std::move((*loop_tasks_.lock()).*which);
+  if (task) core_.post_to_loop(std::move(task));
+}
+
+// The next task is there before the queue can ask for it.
+void Peer::flush() {
+  try {
+    auto next = prepare([](Peer& self) {
+      enter_loop();
+      self.flush();
+    });
+    loop_tasks_.lock()->flush = std::move(next);
+  } catch (const std::exception&) {
+    return end_stream(UV_ENOMEM);
+  }
+  out_.flush();
+}
+
+void Peer::resume() {
+  if (stream_ != nullptr && !stream_->is_closing()) stream_->start_reading();
+}
+
+void Peer::end_stream(int status) {
+  if (stream_ != nullptr && !stream_->is_closing())
+    stream_->owner().on_stream_end(*stream_, status);
+}
+
+void Peer::set_hooks(std::shared_ptr<tolk_task> connect, std::shared_ptr<tolk_task> gone) {
+  connect_hook_ = std::move(connect);
+  gone_hook_ = std::move(gone);
+}
+
+void Peer::on_written() {
+  resume_if_below();
+  core_.note_progress();
+}
+
+void Peer::on_write_failed(int status) { end_stream(status); }
 
 void Peer::note_features(std::string_view features) {
   if (std::exchange(is_checked_, true)) return;
@@ -88,9 +154,17 @@ void Peer::add_request(tolk_request& request, std::size_t bytes) {
   open_requests_.lock()->emplace(request.token(), &request);
   ++request_count_;
   request_bytes_ += bytes;
+  request.note_added();
   if (stream_ == nullptr || !is_above(quota_.requests, quota_.bytes)) return;
-  is_paused_ = true;
+  auto resume = prepare([](Peer& self) {
+    enter_loop();
+    self.resume();
+  });
+  loop_tasks_.lock()->resume = std::move(resume);
   stream_->stop_reading();
+  if (!is_paused_.exchange(true)) {
+    core_.log(TOLK_WARNING, [&] { return name() + " is above its quota and is not read"; });
+  }
   resume_if_below();  // others may have ended meanwhile
 }
 
@@ -116,10 +190,7 @@ bool Peer::is_below_resume() const {
 
 void Peer::resume_if_below() {
   if (!is_paused_ || !is_below_resume() || !is_paused_.exchange(false)) return;
-  core_.run_on_loop([self = shared_from_this()] {
-    enter_loop();
-    if (self->stream_ != nullptr && !self->stream_->is_closing()) self->stream_->start_reading();
-  });
+  post(&LoopTasks::resume);
 }
 
 void Peer::end_requests(std::string_view token, tolk_status status) {

@@ -33,10 +33,22 @@ class Peer final : public StreamUser,
                    public OutgoingEvents,
                    public std::enable_shared_from_this<Peer> {
  public:
-  Peer(Core& core, std::uint64_t id, std::string address, std::size_t most_queued, PeerQuota quota);
+  // Who is at the other end.
+  struct Identity {
+    std::uint64_t id = 0;
+    std::string address;
+    std::string user;
+    std::int64_t process = 0;
+
+    // The user and the process of a local pipe.
+    void note_user_of(const uv_pipe_t* pipe);
+  };
+
+  Peer(Core& core, Identity identity, std::size_t most_queued, PeerQuota quota);
 
   std::uint64_t id() const { return shown_.client; }
   const tolk_peer& shown() const { return shown_; }
+  std::string name() const;  // "client 3", "the server"
   OutgoingQueue& out() { return out_; }
 
   void open(PeerStream& stream) TOLK_LOOP;
@@ -45,6 +57,8 @@ class Peer final : public StreamUser,
   bool is_gone() const { return gone_; }
   PeerStream* stream() TOLK_LOOP { return stream_; }
   Sent send(Frame&& frame, bool counts);
+  // Ends the connection soon. Needs no memory.
+  void disconnect();
 
   // What the peer takes, by its version check. The first one counts.
   void note_features(std::string_view features) TOLK_LOOP;
@@ -57,6 +71,13 @@ class Peer final : public StreamUser,
   void dispatch_next(OrderedQueue& queue);
   OrderedQueue& ordered() { return ordered_; }
   OrderedQueue& hooks() { return hooks_; }
+  // The host of a server has heard of the peer.
+  void note_announced() TOLK_LOOP { is_announced_ = true; }
+  bool is_announced() const TOLK_LOOP { return is_announced_; }
+  // The hooks of a server, made before the host hears of the peer; null is none.
+  void set_hooks(std::shared_ptr<tolk_task> connect, std::shared_ptr<tolk_task> gone) TOLK_LOOP;
+  std::shared_ptr<tolk_task> take_connect_hook() TOLK_LOOP { return std::move(connect_hook_); }
+  std::shared_ptr<tolk_task> take_gone_hook() TOLK_LOOP { return std::move(gone_hook_); }
 
   void add_request(tolk_request& request, std::size_t bytes) TOLK_LOOP;
   void remove_request(tolk_request& request, std::size_t bytes);
@@ -69,22 +90,35 @@ class Peer final : public StreamUser,
     bool hook_begun = false;
     std::list<std::shared_ptr<tolk_request>> requests;
   };
+  // What other threads may need the loop thread for. Prepared, so that it needs no memory then.
+  struct LoopTasks {
+    std::unique_ptr<Task> flush;
+    std::unique_ptr<Task> resume;
+    std::unique_ptr<Task> disconnect;
+  };
   using OpenRequests = std::multimap<std::string, tolk_request*, std::less<>>;
 
   void on_written() TOLK_LOOP override;
   void on_write_failed(int status) TOLK_LOOP override;
   void dispatch_now(const std::shared_ptr<tolk_request>& request);
+  template <class Function>
+  std::unique_ptr<Task> prepare(Function function);
+  void post(std::unique_ptr<Task> LoopTasks::*which);
+  void flush() TOLK_LOOP;
+  void resume() TOLK_LOOP;
+  void end_stream(int status) TOLK_LOOP;
   bool is_above(std::size_t requests, std::size_t bytes) const;
   bool is_below_resume() const;
   void resume_if_below();
 
   Core& core_;
-  const std::string address_;
+  const Identity identity_;
   tolk_peer shown_{};
   const PeerQuota quota_;
   OutgoingQueue out_;
   OrderedQueue ordered_;
   OrderedQueue hooks_;
+  Guarded<LoopTasks> loop_tasks_;
   Guarded<Held> held_;
   Guarded<OpenRequests> open_requests_;
   std::atomic<bool> gone_{false};
@@ -94,7 +128,10 @@ class Peer final : public StreamUser,
   std::atomic<std::size_t> request_bytes_{0};
   std::atomic<bool> is_paused_{false};
   PeerStream* stream_ TOLK_GUARDED_BY(loop_role) = nullptr;
+  bool is_announced_ TOLK_GUARDED_BY(loop_role) = false;
   bool is_checked_ TOLK_GUARDED_BY(loop_role) = false;
+  std::shared_ptr<tolk_task> connect_hook_ TOLK_GUARDED_BY(loop_role);
+  std::shared_ptr<tolk_task> gone_hook_ TOLK_GUARDED_BY(loop_role);
 };
 
 }  // namespace tolk

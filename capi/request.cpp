@@ -9,6 +9,7 @@
 namespace {
 
 constexpr std::uint64_t kNanosecondsPerMs = 1000000;
+constexpr std::size_t kFewTypes = 4096;
 
 // The arguments lie in the message. One that is only lent is copied.
 tolk::SharedBytes arguments_of(const tolk::Message& call, const tolk::SharedBytes& payload) {
@@ -21,9 +22,10 @@ tolk::SharedBytes arguments_of(const tolk::Message& call, const tolk::SharedByte
 
 tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
                            std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
-                           const tolk::SharedBytes& payload)
+                           const tolk::SharedBytes& payload, tolk::Callbacks::HandlerCount handler)
     : tolk_task(Kind::handler, method->is_inline()),
       core_kept_(std::move(core)),
+      handler_(std::move(handler)),
       peer_(std::move(peer)),
       method_(std::move(method)),
       name_(call.plain.name.value_or("")),
@@ -33,14 +35,17 @@ tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tol
   if (call.limit_ms && *call.limit_ms >= 0) {
     deadline_ = uv_hrtime() + static_cast<std::uint64_t>(*call.limit_ms) * kNanosecondsPerMs;
   }
-  auto received =
-      tolk_block::of_message(arguments_of(call, payload), call.types, tolk_block::Reserved::kept);
-  bad_arguments_ = !received.is_well_formed() || !call.plain.well_formed;
+  // Notes take up to 50 times the memory of their text.
+  const bool notes_fit = call.types.size() <= kFewTypes + payload.view.size() / 4;
+  auto received = tolk_block::of_message(arguments_of(call, payload),
+                                         notes_fit ? call.types : std::string_view(),
+                                         tolk_block::Reserved::kept);
+  bad_arguments_ = !notes_fit || !received.is_well_formed() || !call.plain.well_formed;
   arguments_ = std::move(received.block);
 }
 
 tolk_request::~tolk_request() {
-  if (!ended_) peer_->remove_request(*this, bytes_);
+  if (added_ && !ended_) peer_->remove_request(*this, bytes_);
 }
 
 void tolk_request::set_state(tolk_status state) {
@@ -67,11 +72,13 @@ void tolk_request::run_claimed() {
   held_by_handler_ = shared_from_this();
   method_->handler(method_->context.get(), this);
   part_is_over();
+  handler_.end();
 }
 
 void tolk_request::drop_claimed() {
   fail({TOLK_UNANSWERED, 0, "the handler did not begin", nullptr});
   part_is_over();
+  handler_.end();
 }
 
 void tolk_request::part_is_over() {
@@ -87,8 +94,8 @@ void tolk_request::end_with(const MakeFrame& make) {
   if (ids_.wants_reply()) {
     try {
       peer_->send(make(), false);
-    } catch (const std::bad_alloc&) {
-      core_kept_->disconnect(*peer_);
+    } catch (const std::exception&) {  // no memory
+      peer_->disconnect();
     }
   }
   peer_->remove_request(*this, bytes_);
@@ -109,6 +116,10 @@ void tolk_request::answer(const tolk_block* result) {
 }
 
 void tolk_request::fail(const tolk::HandlerFailure& failure) {
+  core_kept_->log(TOLK_INFO, [&] {
+    return peer_->name() + " called " + name_ + ": " + tolk_status_name(failure.status) + ", " +
+           std::string(failure.text);
+  });
   const std::string_view unknown =
       failure.status == TOLK_NO_METHOD ? std::string_view(name_) : std::string_view();
   end_with([&] { return tolk::failure_message(core_kept_->role(), ids_, failure, unknown); });
@@ -140,7 +151,7 @@ void tolk_request_fail(tolk_request* request, tolk_status status, int32_t code, 
   tolk::Content content;
   try {
     content = tolk::Content::of(details);
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {  // no memory
     details = nullptr;
   }
   const bool known = status == TOLK_WRONG_ARGUMENTS || status == TOLK_NO_METHOD;

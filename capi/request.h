@@ -22,9 +22,11 @@ struct tolk_request final : tolk_task {
  public:
   tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
                std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
-               const tolk::SharedBytes& payload);
+               const tolk::SharedBytes& payload, tolk::Callbacks::HandlerCount handler);
   ~tolk_request() override;
 
+  // The peer counts the request, until its end.
+  void note_added() { added_ = true; }
   bool has_bad_arguments() const { return bad_arguments_; }
   const tolk::Method& method() const { return *method_; }
   const std::string& name() const { return name_; }
@@ -48,6 +50,7 @@ struct tolk_request final : tolk_task {
   void part_is_over();
 
   const std::shared_ptr<tolk::Core> core_kept_;
+  tolk::Callbacks::HandlerCount handler_;  // until the handler has returned
   const std::shared_ptr<tolk::Peer> peer_;
   const std::shared_ptr<const tolk::Method> method_;
   const std::string name_;
@@ -57,6 +60,7 @@ struct tolk_request final : tolk_task {
   std::uint64_t deadline_ = UINT64_MAX;
   std::unique_ptr<tolk_block> arguments_;
   bool bad_arguments_ = false;
+  bool added_ = false;
   std::shared_ptr<tolk_task> held_by_handler_;
   std::atomic<bool> ended_{false};
   std::atomic<tolk_status> state_{TOLK_OK};

@@ -43,13 +43,12 @@ tolk_status listen_server(const char* address, const tolk_server_options& option
   if (!parsed.address) return fail_listen(TOLK_BAD_ADDRESS, address, parsed.wrong, error);
   const auto core = std::make_shared<ServerCore>(*parsed.address,
                                                  settings_of(options, std::move(context)), options);
+  EndUnlessTaken end{core.get()};
   const tolk_status status = core->listen(error);
-  if (status != TOLK_OK) {
-    core->end();
-    return status;
-  }
+  if (status != TOLK_OK) return status;
   *server = core->server_handle();
   (*server)->held_by_host = core;
+  end.taken = true;
   return TOLK_OK;
 }
 
@@ -110,7 +109,7 @@ tolk_status tolk_server_call(tolk_server* server, uint64_t client, const char* m
 uint64_t tolk_server_start(tolk_server* server, const tolk_call* call) {
   if (server == nullptr || call == nullptr) return 0;
   const auto core = server->core->shared();
-  return tolk::start_guarded(*core, *call);
+  return core->start_guarded(*call);
 }
 
 tolk_status tolk_server_wait(tolk_server* server, uint64_t call, tolk_block** result,
@@ -147,7 +146,6 @@ tolk_status tolk_server_close(tolk_server* server, int32_t limit_ms) {
 tolk_status tolk_server_wait_closed(tolk_server* server, int32_t limit_ms) {
   if (server == nullptr) return TOLK_MISUSE;
   const auto core = server->core->shared();
-  if (core->on_loop_thread()) return TOLK_MISUSE;
   return core->wait_closed(limit_ms);
 }
 

@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::size_t kUsualClientBytes = std::size_t{64} << 20;
 constexpr unsigned kUsualClientRequests = 1000;
+constexpr std::int32_t kUsualHelloLimitMs = 60000;
+constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 
 // Of all servers of the process.
 std::uint64_t next_client_id() {
@@ -46,6 +48,26 @@ Endpoint endpoint_of(const Address& where) {
 
 }  // namespace
 
+// Tells the host of a client. The client keeps it until it is pushed; then it keeps the client.
+class ServerCore::ClientHook final : public tolk_task {
+ public:
+  ClientHook(ServerCore& core, Hook hook)
+      : tolk_task(Kind::hook, false), core_(core), hook_(hook) {}
+
+  std::shared_ptr<Peer> client;
+
+ private:
+  void run_claimed() override {
+    const auto peer = std::move(client);
+    peer->on_hook_begun();
+    hook_(core_.settings().context.get(), &core_.handle_, &peer->shown());
+    peer->dispatch_next(peer->hooks());
+  }
+
+  ServerCore& core_;
+  const Hook hook_;
+};
+
 ServerCore::ServerCore(Address where, CoreSettings settings, const tolk_server_options& options)
     : Core(Side::server, where.text(), std::move(settings)),
       where_(std::move(where)),
@@ -56,7 +78,14 @@ ServerCore::ServerCore(Address where, CoreSettings settings, const tolk_server_o
       quota_(quota_of(options)),
       most_clients_(options.most_clients == 0 ? SIZE_MAX : options.most_clients),
       rules_(rules_of(options.most_frame_bytes)),
-      bound_to_(where_.text()) {
+      hello_limit_ms_(options.hello_limit_ms == 0 ? kUsualHelloLimitMs : options.hello_limit_ms),
+      bound_to_(where_.text()),
+      hello_limits_(
+          [this](std::uint64_t number) {
+            enter_loop();
+            end_silent_client(number);
+          },
+          [this](std::uint64_t number) { return silent_streams_.lock()->contains(number); }) {
   handle_.core = this;
 }
 
@@ -67,6 +96,7 @@ std::shared_ptr<Core> ServerCore::shared() {
 // Host.
 
 tolk_status ServerCore::listen(tolk_error** error) {
+  prepare_stopped_hook();
   const auto session = std::make_shared<ServerSession>(*this, endpoint_of(where_));
   set_session(session);
   if (session->start_thread()) session->wait_until_decided();
@@ -81,6 +111,7 @@ tolk_status ServerCore::listen(tolk_error** error) {
 }
 
 std::size_t ServerCore::clients(std::uint64_t* ids, std::size_t capacity) const {
+  if (!of_this_process()) return 0;
   const Peers all = peers();
   std::size_t count = 0;
   for (const auto& [id, peer] : all) {
@@ -91,13 +122,10 @@ std::size_t ServerCore::clients(std::uint64_t* ids, std::size_t capacity) const 
 }
 
 bool ServerCore::disconnect_client(std::uint64_t id) {
+  if (!of_this_process()) return false;
   const auto client = peer(id);
   if (!client) return false;
-  run_on_loop([client] {
-    enter_loop();
-    PeerStream* const stream = client->stream();
-    if (stream != nullptr) stream->owner().on_stream_end(*stream, UV_ECANCELED);
-  });
+  client->disconnect();
   return true;
 }
 
@@ -108,36 +136,77 @@ void ServerCore::begin_draining() {
   });
 }
 
-void ServerCore::ask_for_end(Session& session) {
-  session.enter(Phase::close_asked);
-  session.wake_for_end();
-}
-
 // Loop.
 
 bool ServerCore::on_listening(uv_loop_t* loop, const Endpoint&) {
-  if (!open_deadlines(loop)) return false;
+  if (!open_deadlines(loop) || hello_limits_.open(loop) != 0) return false;
   const auto& listening = static_cast<ServerSession&>(*session());
   const Endpoint bound = listening.bound_address();
   bound_to_ = Address{bound, std::nullopt}.text();
   if (listening.is_tcp()) port_ = bound.port();
+  log(TOLK_INFO, [&] { return bound_to_ + ": listening"; });
   return true;
 }
 
 std::shared_ptr<Peer> ServerCore::new_peer(PeerStream& stream) {
-  std::string from = bound_to_;
+  Peer::Identity identity{next_client_id(), bound_to_, {}, 0};
   sockaddr_storage name{};
   int size = sizeof name;
-  if (static_cast<ServerSession&>(*session()).is_tcp() &&
-      uv_tcp_getpeername(&stream.handle().tcp, reinterpret_cast<sockaddr*>(&name), &size) == 0) {
-    from = text_of(name);
+  if (!static_cast<ServerSession&>(*session()).is_tcp()) {
+    identity.note_user_of(&stream.handle().pipe);
+  } else if (uv_tcp_getpeername(&stream.handle().tcp, reinterpret_cast<sockaddr*>(&name), &size) ==
+             0) {
+    identity.address = text_of(name);
   }
-  auto peer = std::make_shared<Peer>(*this, next_client_id(), std::move(from),
-                                     settings().most_queued_bytes, quota_);
+  auto peer =
+      std::make_shared<Peer>(*this, std::move(identity), settings().most_queued_bytes, quota_);
+  peer->set_hooks(make_client_hook(on_connect_), make_client_hook(on_gone_));
+  const auto silent = silent_.find(stream.id());
+  if (silent != silent_.end()) {
+    silent_streams_.lock()->erase(silent->second);
+    silent_.erase(silent);
+  }
   by_stream_[stream.id()] = peer;
-  stream.set_user(peer);
   peer->open(stream);
+  stream.set_user(peer);
   return peer;
+}
+
+// Without memory, the client has no limit.
+void ServerCore::expect_hello(int stream) {
+  if (hello_limit_ms_ < 0) return;
+  guarded([&] {
+    enter_loop();
+    const std::uint64_t number = ++last_hello_;
+    silent_[stream] = number;
+    silent_streams_.lock()->emplace(number, stream);
+    const auto limit = static_cast<std::uint64_t>(hello_limit_ms_) * kNanosecondsPerMs;
+    if (hello_limits_.add(uv_hrtime() + limit, number)) hello_limits_.arm();
+  });
+}
+
+void ServerCore::end_silent_client(std::uint64_t number) {
+  int id = 0;
+  {
+    const auto streams = silent_streams_.lock();
+    const auto at = streams->find(number);
+    if (at == streams->end()) return;
+    id = at->second;
+  }
+  log(TOLK_WARNING, [&] { return bound_to_ + ": a client has sent nothing in time"; });
+  auto& current = static_cast<ServerSession&>(*session());
+  PeerStream* const stream = current.find(id);
+  if (stream != nullptr && current.takes_messages()) current.on_stream_end(*stream, UV_ETIMEDOUT);
+}
+
+void ServerCore::on_client_refused(const std::string& user) {
+  log(TOLK_WARNING, [&] { return bound_to_ + ": refused " + user; });
+}
+
+bool ServerCore::may_accept(std::size_t count) {
+  if (count < most_clients_) return true;
+  log(TOLK_WARNING, [&] { return bound_to_ + ": refused a client, there are too many"; });
+  return false;
 }
 
 // A client is one from its first message on, and the host hears of it before its calls begin.
@@ -153,17 +222,22 @@ void ServerCore::on_message(PeerStream& stream, SharedBytes payload) {
 }
 
 void ServerCore::announce(const std::shared_ptr<Peer>& peer) {
-  if (on_connect_ == nullptr) return peer->on_hook_begun();
-  push_hook(peer, on_connect_);
+  log(TOLK_INFO, [&] { return peer->name() + " connected from " + peer->shown().address; });
+  peer->note_announced();
+  const auto hook = peer->take_connect_hook();
+  if (!hook) return peer->on_hook_begun();
+  push_hook(peer, hook);
 }
 
-void ServerCore::push_hook(const std::shared_ptr<Peer>& peer, Hook hook) {
-  const auto task = make_hook([this, peer, hook] {
-    peer->on_hook_begun();
-    hook(settings().context.get(), &handle_, &peer->shown());
-    peer->dispatch_next(peer->hooks());
-  });
-  if (peer->hooks().push(task)) callbacks().dispatch(task, Callbacks::When::later);
+std::shared_ptr<tolk_task> ServerCore::make_client_hook(Hook hook) {
+  if (hook == nullptr) return nullptr;
+  return std::make_shared<ClientHook>(*this, hook);
+}
+
+void ServerCore::push_hook(const std::shared_ptr<Peer>& peer,
+                           const std::shared_ptr<tolk_task>& hook) {
+  static_cast<ClientHook&>(*hook).client = peer;
+  if (peer->hooks().push(hook)) callbacks().dispatch(hook, Callbacks::When::later);
 }
 
 bool ServerCore::answers_itself(Peer& peer, const Message& call) {
@@ -212,32 +286,61 @@ void ServerCore::stop(Peer& peer, const Message& call) {
   CallIds ids(call.plain);
   if (!ids.call_id) ids.call_id = 0;
   peer.send(reply_message(Side::server, ids, {copy_of(yes), {}}), false);
-  const auto current = session();
-  if (!current->enter(Phase::close_asked)) return;
-  lose_all();
-  static_cast<ServerSession&>(*current).close_here(stream);
-  finish_closing();
-  if (on_stopped_ == nullptr) return;
   Failure failure;
   failure.status = TOLK_CLOSED;
   failure.address = address();
   failure.reason = "a client has stopped the server";
-  callbacks().dispatch(make_hook([this, why = ErrorRef(new_error(std::move(failure)))] {
-                         on_stopped_(settings().context.get(), &handle_, why.get());
-                       }),
-                       Callbacks::When::later);
+  ErrorRef why(new_error(std::move(failure)));
+  const auto current = session();
+  if (!current->enter(Phase::close_asked)) return;
+  log(TOLK_INFO, [&] { return peer.name() + " has stopped the server"; });
+  static_cast<ServerSession&>(*current).close_here(stream);
+  tell_stopped(std::move(why));
 }
 
-void ServerCore::on_client_gone(int id, int) {
+void ServerCore::prepare_stopped_hook() {
+  if (on_stopped_ == nullptr) return;
+  stopped_hook_ =
+      make_hook([this] { on_stopped_(settings().context.get(), &handle_, stopped_why_.get()); });
+}
+
+void ServerCore::tell_stopped(ErrorRef why) {
+  const auto hook = std::move(stopped_hook_);
+  if (!hook) return;
+  stopped_why_ = std::move(why);
+  callbacks().dispatch(hook, Callbacks::When::later);
+}
+
+void ServerCore::on_broken_off() {
+  on_loop_ending(TOLK_CLOSED);
+  finish_closing();
+  log(TOLK_WARNING, [&] { return bound_to_ + ": stopped, there is no memory to go on"; });
+  tell_stopped(ErrorRef(no_memory_error()));
+}
+
+void ServerCore::on_client_gone(int id, int status) {
+  if (const auto silent = silent_.find(id); silent != silent_.end()) {
+    silent_streams_.lock()->erase(silent->second);
+    silent_.erase(silent);
+  }
   const auto at = by_stream_.find(id);
   if (at == by_stream_.end()) return;
   const auto peer = at->second;
   by_stream_.erase(at);
+  if (status == UV_EPROTO || status == UV_ENOMEM) {
+    log(TOLK_WARNING, [&] {
+      return peer->name() + (status == UV_EPROTO ? " has sent a broken frame"
+                                                 : " is disconnected, there is no memory");
+    });
+  }
   lose(peer, TOLK_GONE);
 }
 
 void ServerCore::on_peer_lost(const std::shared_ptr<Peer>& peer, tolk_status) {
-  if (on_gone_ != nullptr) push_hook(peer, on_gone_);
+  if (!peer->is_announced()) return;
+  log(TOLK_INFO, [&] { return peer->name() + " has gone"; });
+  const auto hook = peer->take_gone_hook();
+  if (hook) push_hook(peer, hook);
 }
 
 }  // namespace tolk

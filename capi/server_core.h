@@ -38,13 +38,13 @@ class ServerCore final : public Core, public ServerEvents {
   int port() const { return port_; }
   std::size_t clients(std::uint64_t* ids, std::size_t capacity) const;
   bool disconnect_client(std::uint64_t id);
-  void disconnect(Peer& peer) override { disconnect_client(peer.id()); }
 
  private:
   using Hook = void (*)(void* context, tolk_server* server, const tolk_peer* client);
+  class ClientHook;
 
   void begin_draining() override;
-  void ask_for_end(Session& session) override;
+  void prepare_stopped_hook();
 
   // Loop.
   void on_message(PeerStream& stream, SharedBytes payload) TOLK_LOOP override;
@@ -54,7 +54,12 @@ class ServerCore final : public Core, public ServerEvents {
   void announce(const std::shared_ptr<Peer>& peer) TOLK_LOOP;
   void stop(Peer& peer, const Message& call) TOLK_LOOP;
   void on_peer_lost(const std::shared_ptr<Peer>& peer, tolk_status status) TOLK_LOOP override;
-  void push_hook(const std::shared_ptr<Peer>& peer, Hook hook);
+  std::shared_ptr<tolk_task> make_client_hook(Hook hook);
+  void push_hook(const std::shared_ptr<Peer>& peer,
+                 const std::shared_ptr<tolk_task>& hook) TOLK_LOOP;
+  void tell_stopped(ErrorRef why) TOLK_LOOP;
+  void expect_hello(int stream) TOLK_LOOP;
+  void end_silent_client(std::uint64_t number) TOLK_LOOP;
 
   void on_starting(const Endpoint&) TOLK_LOOP override {}
   void on_listen_failed(const char*, int status) TOLK_LOOP override { listen_status_ = status; }
@@ -62,16 +67,19 @@ class ServerCore final : public Core, public ServerEvents {
   void on_connection_error() TOLK_LOOP override {}
   void on_connecting(int) TOLK_LOOP override {}
   void on_accept_failed() TOLK_LOOP override {}
-  void on_accepted(int, bool, int) TOLK_LOOP override {}
-  void on_client_refused(const std::string&) TOLK_LOOP override {}
+  void on_accepted(int id, bool, int) TOLK_LOOP override { expect_hello(id); }
+  void on_client_refused(const std::string& user) TOLK_LOOP override;
   void on_first_read(int) TOLK_LOOP override {}
   void on_client_gone(int id, int status) TOLK_LOOP override;
   void on_client_left(int, bool) TOLK_LOOP override {}
   bool on_delivery() TOLK_LOOP override { return true; }
   bool removes_port_file() const override { return false; }
   bool keeps_connections() const override { return false; }
-  bool may_accept(std::size_t count) TOLK_LOOP override { return count < most_clients_; }
+  bool may_accept(std::size_t count) TOLK_LOOP override;
   StreamRules stream_rules() const override { return rules_; }
+  void on_closing() TOLK_LOOP override { on_loop_ending(TOLK_CLOSED); }
+  void on_closed() TOLK_LOOP override { finish_closing(); }
+  void on_broken_off() TOLK_LOOP override;
   void on_closing_async() TOLK_LOOP override {}
   void on_closed_async() TOLK_LOOP override {}
 
@@ -83,13 +91,22 @@ class ServerCore final : public Core, public ServerEvents {
   const PeerQuota quota_;
   const std::size_t most_clients_;
   const StreamRules rules_;
+  const std::int32_t hello_limit_ms_;
   tolk_server handle_;
   // By the loop thread, before the start is decided.
   std::string bound_to_;
   int port_ = 0;
   int listen_status_ = 0;
+  // Made before the session, so that its end needs no memory.
+  std::shared_ptr<tolk_task> stopped_hook_;
+  ErrorRef stopped_why_;
   // By the id of the stream.
   std::unordered_map<int, std::shared_ptr<Peer>> by_stream_ TOLK_GUARDED_BY(loop_role);
+  // Clients that have sent nothing yet: the number of the limit by the stream, and the reverse.
+  Deadlines hello_limits_;
+  std::uint64_t last_hello_ TOLK_GUARDED_BY(loop_role) = 0;
+  std::unordered_map<int, std::uint64_t> silent_ TOLK_GUARDED_BY(loop_role);
+  Guarded<std::unordered_map<std::uint64_t, int>> silent_streams_;
 };
 
 }  // namespace tolk

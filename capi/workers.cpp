@@ -35,6 +35,8 @@ bool WorkerPool::needs_thread(const State& state) const {
          state.threads < std::min(workers_ + state.blocked, kMost);
 }
 
+bool WorkerPool::on_worker() { return pool_of_this_thread != nullptr; }
+
 void WorkerPool::start_if_needed() {
   {
     const auto state = state_.lock();

@@ -32,6 +32,8 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   void add(TaskPlace& place);
   // No task comes any more: idle threads end.
   void retire();
+  // Whether the calling thread is one of any pool.
+  static bool on_worker();
 
   // While alive, the calling thread waits in the library. If it is a thread of any pool, another
   // one may run meanwhile.

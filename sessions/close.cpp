@@ -141,6 +141,7 @@ void ServerSession::carry_out_ending() {
 
 // Connections in the order of their accept, then the listener, then what is left.
 void ServerSession::close_here(PeerStream* answered) {
+  side_.on_closing();
   close_queue();
   for (const auto& connection : all_) connection->mute();
   for (PeerStream* connection : open_) {
@@ -156,6 +157,7 @@ void ServerSession::close_here(PeerStream* answered) {
   }
   stop_loop();
   enter(Phase::closed);
+  side_.on_closed();
 }
 
 void ServerSession::drain(PeerStream& answered) {
@@ -199,6 +201,7 @@ void ServerSession::close_async_here() {
 }
 
 void ServerSession::on_broken_off() {
+  if (phase() != Phase::starting) side_.on_broken_off();
   enter(Phase::close_asked);
   enter(Phase::closed);
 }

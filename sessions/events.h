@@ -76,6 +76,13 @@ class ServerEvents : public MessageSide {
   virtual void on_closing_async() TOLK_LOOP = 0;
   virtual void on_closed_async() TOLK_LOOP = 0;
 
+  // close() is carried out: nothing is closed yet; then: all handles are closing, and the address
+  // is free.
+  virtual void on_closing() TOLK_LOOP {}
+  virtual void on_closed() TOLK_LOOP {}
+  // There was no memory to go on with a session that was live. Needs none.
+  virtual void on_broken_off() TOLK_LOOP {}
+
   // Whether starting on TCP removes a file that is named like the port.
   virtual bool removes_port_file() const { return true; }
   // Whether a connection that has ended is kept until the session's end, so that its id never comes

@@ -37,6 +37,11 @@ class ServerSession final : public Session {
   // Of a live session: takes no further connections and gives up its address. Has no effect the
   // second time.
   void stop_listening() TOLK_LOOP;
+  // An open connection; null if there is none of that id.
+  PeerStream* find(int id) TOLK_LOOP {
+    const auto found = open_by_id_.find(id);
+    return found == open_by_id_.end() ? nullptr : found->second;
+  }
 
   ServerEvents& side() override { return side_; }
   bool deliver(int peer, Frame frame) TOLK_LOOP override;
