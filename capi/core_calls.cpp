@@ -126,6 +126,9 @@ std::uint64_t Core::start_one(const std::shared_ptr<CallRecord>& record, const t
   if (state_ != State::open) return refuse(record, TOLK_CLOSED, nullptr);
   const auto to = peer(record->peer);
   if (!to) return refuse(record, role_ == Side::server ? TOLK_NOT_CONNECTED : TOLK_GONE, nullptr);
+  if (record->method == kMethodDescribe && !to->takes_describe()) {
+    return refuse(record, TOLK_NO_METHOD, "the peer does not tell its methods");
+  }
   CallExtras extras;
   if (call.limit_ms >= 0 && to->tells_features()) extras.limit_ms = call.limit_ms;
   return start_internal(record, to, arguments, extras);

@@ -117,6 +117,7 @@ void Peer::note_features(std::string_view features) {
   if (std::exchange(is_checked_, true)) return;
   tells_features_ = true;
   takes_cancel_ = has_feature(features, "cancel");
+  takes_describe_ = has_feature(features, "describe");
 }
 
 void Peer::dispatch(const std::shared_ptr<tolk_request>& request) {

@@ -63,6 +63,7 @@ class Peer final : public StreamUser,
   // What the peer takes, by its version check. The first one counts.
   void note_features(std::string_view features) TOLK_LOOP;
   bool takes_cancel() const { return takes_cancel_; }
+  bool takes_describe() const { return takes_describe_; }
   bool tells_features() const { return tells_features_; }
 
   // Requests wait until on_connect has begun.
@@ -123,6 +124,7 @@ class Peer final : public StreamUser,
   Guarded<OpenRequests> open_requests_;
   std::atomic<bool> gone_{false};
   std::atomic<bool> takes_cancel_{false};
+  std::atomic<bool> takes_describe_{false};
   std::atomic<bool> tells_features_{false};
   std::atomic<std::size_t> request_count_{0};
   std::atomic<std::size_t> request_bytes_{0};

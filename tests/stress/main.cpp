@@ -28,6 +28,8 @@ const std::vector<Row>& rows() {
       {12, "signals, dying peers, fork and exec during calls", interrupt_and_fork, 300},
       {13, "a proxy splits, delays, reorders, half-closes and resets", call_through_a_proxy, 900},
       {14, "all of it at low rates, for long", mix_everything, 2100},
+      {15, "ends of the C interface race with calls, cancels and late answers", race_c_ends, 1800},
+      {16, "processes of the C interface are killed", kill_c_peers, 900},
   };
   return all;
 }
@@ -38,6 +40,7 @@ Role role_named(const std::string& name) {
   if (name == "proxied-client") return run_proxied_client;
   if (name == "restless-client") return run_restless_client;
   if (name == "list-descriptors") return run_list_descriptors;
+  if (name == "c-peer") return run_c_peer;
   return nullptr;
 }
 

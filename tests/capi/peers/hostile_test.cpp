@@ -128,7 +128,7 @@ TEST_P(HostileToCapiServer, ArgumentsThatAreNoBlockAreRefused) {
   listen();
   RawClient peer(address);
   for (const std::string& arguments : {std::string("?"), std::string("\3\xff\xff\xff\x7fx", 6),
-                                       std::string("\6\xff\xff\xff\xff", 5)}) {
+                                       std::string("\0\7\0\0\0", 5)}) {
     const auto answer = peer.call("echo", 9, arguments);
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->text("tolk.kind"), "arguments");
@@ -171,7 +171,8 @@ TEST_P(HostileToCapiServer, AFloodAboveTheQuotaIsNotRead) {
   EXPECT_LT(resident_kib() - before, 32 * 1024);
 }
 
-// 256 MiB of answers would be in memory if the server read on.
+// 256 MiB of answers would be in memory if the server read on. The calls are so large that few of
+// them come in one read.
 TEST_P(HostileToCapiServer, WhoReadsNoAnswersIsNotRead) {
   tolk_server_options options{};
   options.most_client_requests = 8;
@@ -180,8 +181,9 @@ TEST_P(HostileToCapiServer, WhoReadsNoAnswersIsNotRead) {
   RawClient peer(address);
   peer.socket.shrink_receive_buffer();
   const long before = resident_kib();
-  const std::string calls = frame(call_payload("large", 3, {}, "0x7"));
-  for (int i = 0; i < 256 && peer.socket.send(calls, Milliseconds(200));) ++i;
+  const std::string arguments = BlockWriter().add(Stream{std::string(64 * 1024, 'x')}).bytes();
+  const std::string call = frame(call_payload("large", 3, arguments, "0x7"));
+  for (int i = 0; i < 256 && peer.socket.send(call, Milliseconds(200));) ++i;
   EXPECT_TRUE(serves());
   EXPECT_LT(resident_kib() - before, 64 * 1024);
   peer.socket.close();
@@ -206,7 +208,7 @@ TEST_P(HostileToCapiServer, WhoIsOneTooManyIsDisconnected) {
   EXPECT_TRUE(serves());
 }
 
-// The notes of `types` are refused when they would take many times the message's memory.
+// Notes that would take many times the message's memory are refused.
 TEST_P(HostileToCapiServer, TypesOfNoValueAreIgnored) {
   listen();
   RawClient peer(address);
@@ -217,7 +219,7 @@ TEST_P(HostileToCapiServer, TypesOfNoValueAreIgnored) {
   std::string many;
   for (int i = 0; i < 100000; ++i) many += std::to_string(i) + ".1.1.1=int64 ";
   for (const std::string& types :
-       {std::string("?"), std::string("0=nothing"), std::string("99=int64 0.0.0=map"),
+       {std::string("?"), std::string("0=nothing"), std::string("99=int64"),
         std::string("0=int64"), std::string(5000, '.')}) {
     ASSERT_TRUE(peer.socket.send_frame(with_types(types)));
     const auto answer = peer.socket.read_message();

@@ -57,7 +57,7 @@ void expect_sum(TolkParams* reply) {
 class CapiAtRequiredServer : public OverTransports {
  protected:
   void start() {
-    server->method("s_c_disconnect", counting(gone));
+    server->method("s_c_closed", counting(gone));
     server->method("here", on_call([id = id](int from, TolkParams*, TolkParams*) { *id = from; }));
     ASSERT_TRUE(start_server(server.get(), address));
     tolk_client_options options{};

@@ -28,6 +28,8 @@ void wrap_the_tick(Run& run);            // wrapped_tick.cpp
 void interrupt_and_fork(Run& run);       // signals.cpp
 void call_through_a_proxy(Run& run);     // through_proxy.cpp
 void mix_everything(Run& run);           // mixed.cpp
+void race_c_ends(Run& run);              // c_races.cpp
+void kill_c_peers(Run& run);             // c_kills.cpp
 
 const std::vector<Row>& rows();
 
@@ -41,6 +43,7 @@ int run_calling_client(const std::vector<std::string>& arguments);    // kills_c
 int run_proxied_client(const std::vector<std::string>& arguments);    // through_proxy.cpp
 int run_restless_client(const std::vector<std::string>& arguments);   // restless_client.cpp
 int run_list_descriptors(const std::vector<std::string>& arguments);  // signals.cpp
+int run_c_peer(const std::vector<std::string>& arguments);            // c_kills.cpp
 Role role_named(const std::string& name);
 
 }  // namespace tolk::stress
