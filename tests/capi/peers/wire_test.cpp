@@ -247,10 +247,10 @@ TOLK_CAPI_OVER_TRANSPORTS(CapiServerWire);
 
 TEST_P(CapiServerWire, FeaturesAreToldToWhoHasToldThem) {
   listen(false);
-  const std::string question = call_payload("s_c_version", kGoldenId, version_arguments(), "0x1");
-  peer->socket.send_frame(question);
+  peer->socket.send_frame(call_payload("s_c_version", 1, version_arguments(), "0x1"));
   EXPECT_EQ(as_it_came(peer->socket.read_frame()), to_hex(golden("handshake_reply")));
   RawClient modern(address, false);
+  const std::string question = call_payload("s_c_version", kGoldenId, version_arguments(), "0x1");
   const std::string features = BlockWriter(question.size()).keyed(kFeatures, kPeerFeatures).bytes();
   modern.socket.send_frame(question + features);
   EXPECT_EQ(as_it_came(modern.socket.read_frame()), to_hex(golden("c_handshake_reply")));
@@ -289,6 +289,23 @@ TEST_P(CapiServerWire, ItsCallsAndPostsMatchTheGoldenFiles) {
   EXPECT_EQ(shown(peer->socket.read_frame()), to_hex(golden("call")));
   ASSERT_EQ(tolk_server_post(server.get(), id, "sum", arguments.get(), 0, nullptr), TOLK_OK);
   EXPECT_EQ(as_it_came(peer->socket.read_frame()), to_hex(golden("c_post")));
+}
+
+TEST_P(CapiServerWire, APlainClientGetsNoNameOfTheLibrary) {
+  listen();
+  tolk_call call{};
+  call.size = sizeof call;
+  call.limit_ms = TOLK_FOREVER;
+  ASSERT_EQ(tolk_server_clients(server.get(), &call.client, 1), 1U);
+  call.method = "cancelled";
+  tolk_server_cancel(server.get(), tolk_server_start(server.get(), &call));
+  EXPECT_EQ(call_server(server.get(), call.client, "tolk.describe", "").status, TOLK_NO_METHOD);
+  tolk_server_post(server.get(), call.client, "posted", nullptr, 0, nullptr);
+  for (const char* const name : {"cancelled", "posted"}) {
+    const auto message = peer->socket.read_message();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->name(), name);
+  }
 }
 
 TEST_P(CapiServerWire, ACallWithoutIdAndTokenIsNotAnswered) {
