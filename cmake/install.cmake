@@ -51,6 +51,16 @@ install(
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT development)
 
+if(MINGW AND BUILD_SHARED_LIBS)
+  include(cmake/import_definitions.cmake)
+  tolk_write_import_definitions(${PROJECT_SOURCE_DIR}/tests/abi/exports.txt
+                                ${PROJECT_BINARY_DIR}/tolk.def)
+  install(
+    FILES ${PROJECT_BINARY_DIR}/tolk.def
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    COMPONENT development)
+endif()
+
 if(NOT WIN32)
   foreach(section IN ITEMS 3 7)
     install(
