@@ -226,6 +226,7 @@ TEST_P(CapiRules, ACloseInACallbackLetsItsAnswerOut) {
   tolk_status closed = TOLK_MISUSE;
   server_methods.add("stop", [&](tolk_request* request) {
     closed = tolk_server_close(tolk_request_server(request), 20000);
+    EXPECT_EQ(tolk_server_wait_closed(tolk_request_server(request), 50), TOLK_TIMED_OUT);
     EXPECT_EQ(tolk_request_state(request), TOLK_OK);
     tolk_request_answer(request, text_block(std::string(3000000, 'x')).release());
   });
