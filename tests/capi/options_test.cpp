@@ -18,14 +18,14 @@ using Clock = std::chrono::steady_clock;
 class CapiOptions : public Pair {};
 INSTANTIATE_TEST_SUITE_P(All, CapiOptions, tolk::test::kAllTransports, tolk::test::transport_name);
 
-struct Log {
+struct LogLines {
   std::mutex mutex;
   std::string text;
   tolk_client* client = nullptr;
   tolk_status call_in_log = TOLK_OK;
 
   static void add(void* context, tolk_level level, const char* text) {
-    auto& self = *static_cast<Log*>(context);
+    auto& self = *static_cast<LogLines*>(context);
     const std::lock_guard lock(self.mutex);
     self.text += std::to_string(level) + " " + text + "\n";
     if (self.client == nullptr) return;
@@ -39,13 +39,13 @@ struct Log {
 };
 
 TEST_P(CapiOptions, TheLogTellsWhatHappens) {
-  Log log;
+  LogLines log;
   server_methods.add("fail", [](tolk_request* request) {
     tolk_request_fail(request, TOLK_FAILED, 1, "no such thing", nullptr);
   });
   tolk_server_options options{};
   options.context = &log;
-  options.log = Log::add;
+  options.log = LogLines::add;
   options.most_clients = 1;
   listen(options);
   client = connect();
@@ -66,13 +66,13 @@ TEST_P(CapiOptions, TheLogTellsWhatHappens) {
 }
 
 TEST_P(CapiOptions, NothingWaitsInTheLog) {
-  Log log;
+  LogLines log;
   server_methods.add_echo();
   client_methods.add("fail", [](tolk_request* request) { tolk_request_free(request); });
   listen();
   tolk_client_options options{};
   options.context = &log;
-  options.log = Log::add;
+  options.log = LogLines::add;
   client = connect(options);
   EXPECT_TRUE(log.has(": connected\n"));
   log.client = client.get();
