@@ -1,0 +1,164 @@
+// What the options of clients and servers say.
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "pair.h"
+
+namespace {
+
+using tolk::test::call_client;
+using tolk::test::Done;
+using tolk::test::Event;
+using tolk::test::Pair;
+using tolk::test::text_block;
+using Clock = std::chrono::steady_clock;
+
+class CapiOptions : public Pair {};
+INSTANTIATE_TEST_SUITE_P(All, CapiOptions, tolk::test::kAllTransports, tolk::test::transport_name);
+
+struct LogLines {
+  std::mutex mutex;
+  std::string text;
+  tolk_client* client = nullptr;
+  tolk_status call_in_log = TOLK_OK;
+
+  static void add(void* context, tolk_level level, const char* text) {
+    auto& self = *static_cast<LogLines*>(context);
+    const std::lock_guard lock(self.mutex);
+    self.text += std::to_string(level) + " " + text + "\n";
+    if (self.client == nullptr) return;
+    self.call_in_log =
+        tolk_client_call(std::exchange(self.client, nullptr), "echo", nullptr, 0, nullptr, nullptr);
+  }
+  bool has(const std::string& part) {
+    const std::lock_guard lock(mutex);
+    return text.find(part) != std::string::npos;
+  }
+};
+
+TEST_P(CapiOptions, TheLogTellsWhatHappens) {
+  LogLines log;
+  server_methods.add("fail", [](tolk_request* request) {
+    tolk_request_fail(request, TOLK_FAILED, 1, "no such thing", nullptr);
+  });
+  tolk_server_options options{};
+  options.context = &log;
+  options.log = LogLines::add;
+  options.most_clients = 1;
+  listen(options);
+  client = connect();
+  const std::string id = std::to_string(first_client());
+  call_client(client.get(), "fail", "");
+  call_client(client.get(), "unknown", "");
+  tolk_client* second = nullptr;
+  EXPECT_NE(tolk_client_connect(tolk_server_address(server.get()), nullptr, &second, nullptr),
+            TOLK_OK);
+  client.reset();
+  server.reset();
+  EXPECT_TRUE(log.has(": listening\n")) << log.text;
+  EXPECT_TRUE(log.has("1 client " + id + " connected from ")) << log.text;
+  EXPECT_TRUE(log.has("1 client " + id + " called fail: failed, no such thing\n")) << log.text;
+  EXPECT_TRUE(log.has("1 client " + id + " called unknown, refused: ")) << log.text;
+  EXPECT_TRUE(log.has("1 client " + id + " has gone\n")) << log.text;
+  EXPECT_TRUE(log.has(": refused a client, there are too many\n")) << log.text;
+}
+
+TEST_P(CapiOptions, NothingWaitsInTheLog) {
+  LogLines log;
+  server_methods.add_echo();
+  client_methods.add("fail", [](tolk_request* request) { tolk_request_free(request); });
+  listen();
+  tolk_client_options options{};
+  options.context = &log;
+  options.log = LogLines::add;
+  client = connect(options);
+  EXPECT_TRUE(log.has(": connected\n"));
+  log.client = client.get();
+  tolk::test::call_server(server.get(), first_client(), "fail", "");
+  EXPECT_EQ(log.call_in_log, TOLK_MISUSE);
+  end();
+}
+
+TEST_P(CapiOptions, PatienceIsNotExceeded) {
+  listen();
+  const std::string address = tolk_server_address(server.get());
+  server.reset();
+  tolk_client_options options{};
+  options.size = sizeof options;
+  options.patience_ms = 50;
+  tolk_client* none = nullptr;
+  const auto begin = Clock::now();
+  EXPECT_EQ(tolk_client_connect(address.c_str(), &options, &none, nullptr), TOLK_NOT_CONNECTED);
+  EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
+}
+
+TEST_P(CapiOptions, APatientClientFindsALaterServer) {
+  listen();
+  const std::string address = tolk_server_address(server.get());
+  server.reset();
+  tolk_client* made = nullptr;
+  std::thread connects([&] {
+    tolk_client_options options{};
+    options.size = sizeof options;
+    options.patience_ms = 20000;
+    EXPECT_EQ(tolk_client_connect(address.c_str(), &options, &made, nullptr), TOLK_OK);
+  });
+  tolk_server* later = nullptr;
+  EXPECT_EQ(tolk_server_listen(address.c_str(), nullptr, &later, nullptr), TOLK_OK);
+  server.reset(later);
+  connects.join();
+  client.reset(made);
+}
+
+// The loop of the server does not read while its handler waits.
+TEST_P(CapiOptions, PostsWaitForRoomOnlyAsLongAsTheySay) {
+  Event may_read;
+  Event blocked;
+  server_methods.add(
+      "block",
+      [&](tolk_request* request) {
+        blocked.set();
+        may_read.wait();
+        tolk_request_free(request);
+      },
+      TOLK_INLINE);
+  server_methods.add("note", [](tolk_request* request) { tolk_request_free(request); });
+  server_methods.add_echo(TOLK_INLINE);
+  listen();
+  tolk_client_options options{};
+  options.most_queued_bytes = 1000000;
+  client = connect(options);
+  Done done;
+  tolk_status in_callback = TOLK_OK;
+  const auto block = text_block(std::string(900000, 'x'));
+  const auto post = [&](int wait_ms) {
+    return tolk_client_post(client.get(), "note", block.get(), wait_ms, nullptr);
+  };
+  done.also = [&](const tolk_outcome*) { in_callback = post(TOLK_FOREVER); };
+  tolk_call call{};
+  call.size = sizeof call;
+  call.method = "keep";
+  call.flags = TOLK_INLINE;
+  call.limit_ms = TOLK_FOREVER;
+  call.done = Done::call;
+  call.context = &done;
+  EXPECT_EQ(tolk_client_post(client.get(), "block", nullptr, 0, nullptr), TOLK_OK);
+  ASSERT_TRUE(blocked.wait());
+  const auto number = tolk_client_start(client.get(), &call);
+  while (post(0) == TOLK_OK) {
+  }
+  const auto begin = Clock::now();
+  EXPECT_EQ(post(50), TOLK_BUSY);
+  EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
+  EXPECT_TRUE(tolk_client_cancel(client.get(), number));
+  done.wait();
+  EXPECT_EQ(in_callback, TOLK_MISUSE);
+  std::thread waits([&] { EXPECT_EQ(post(TOLK_FOREVER), TOLK_OK); });
+  may_read.set();
+  waits.join();
+  end();
+}
+
+}  // namespace

@@ -1,0 +1,150 @@
+// Forked children, other processes and users, and the end of the process.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "pair.h"
+
+namespace {
+
+using tolk::test::Done;
+using tolk::test::Event;
+using tolk::test::Methods;
+using tolk::test::Owned;
+using tolk::test::Pair;
+
+class CapiProcess : public Pair {};
+INSTANTIATE_TEST_SUITE_P(All, CapiProcess, tolk::test::kAllTransports, tolk::test::transport_name);
+
+// The number of the first thing that is wrong; 0 is none.
+int wrong_in_child(tolk_client* client, tolk_server* server, std::uint64_t started) {
+  Done done;
+  tolk_call call{};
+  call.size = sizeof call;
+  call.method = "echo";
+  call.done = Done::call;
+  call.context = &done;
+  if (tolk_client_call(client, "echo", nullptr, 0, nullptr, nullptr) != TOLK_CLOSED) return 1;
+  if (tolk_client_wait(client, started, nullptr, nullptr) != TOLK_CLOSED) return 2;
+  if (tolk_client_post(client, "echo", nullptr, TOLK_FOREVER, nullptr) != TOLK_CLOSED) return 3;
+  tolk_client_start(client, &call);
+  if (done.calls != 1 || done.answer.status != TOLK_CLOSED) return 4;
+  if (tolk_client_cancel(client, started)) return 5;
+  if (tolk_server_clients(server, nullptr, 0) != 0) return 6;
+  if (tolk_server_disconnect(server, 1)) return 7;
+  if (tolk_client_close(client, TOLK_FOREVER) != TOLK_OK) return 8;
+  if (tolk_server_wait_closed(server, TOLK_FOREVER) != TOLK_OK) return 9;
+  tolk_client_free(client);
+  tolk_server_free(server);
+  return 0;
+}
+
+TEST_P(CapiProcess, ObjectsAreClosedInAForkedChild) {
+  server_methods.add_echo();
+  start();
+  EXPECT_EQ(tolk::test::call_client(client.get(), "echo", "x").text, "x");
+  tolk_call call{};
+  call.size = sizeof call;
+  call.method = "echo";
+  const auto started = tolk_client_start(client.get(), &call);
+  const pid_t child = fork();
+  if (child == 0) _exit(wrong_in_child(client.get(), server.get(), started));
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << WEXITSTATUS(status);
+  EXPECT_EQ(tolk_client_wait(client.get(), started, nullptr, nullptr), TOLK_OK);
+}
+
+TEST_P(CapiProcess, APeerOfAPipeHasAUserAndAProcess) {
+  std::string user;
+  std::int64_t process = -1;
+  const auto look = [&](tolk_request* request) {
+    user = tolk_request_peer(request)->user;
+    process = tolk_request_peer(request)->process;
+    tolk_request_answer(request, nullptr);
+  };
+  server_methods.add("look", look);
+  client_methods.add("look", look);
+  start();
+  const bool is_pipe = std::string(GetParam()) == "pipe";
+  for (const bool of_server : {false, true}) {
+    user = "?";
+    if (of_server) {
+      tolk::test::call_server(server.get(), first_client(), "look", "");
+    } else {
+      tolk::test::call_client(client.get(), "look", "");
+    }
+    EXPECT_EQ(user.empty(), !is_pipe);
+    EXPECT_EQ(process, is_pipe ? getpid() : 0);
+  }
+  end();
+}
+
+class CapiTcp : public Pair {};
+INSTANTIATE_TEST_SUITE_P(All, CapiTcp, testing::Values("tcp4:127.0.0.1:0"),
+                         tolk::test::transport_name);
+
+TEST_P(CapiTcp, AClientThatSaysNothingIsDisconnected) {
+  server_methods.add_echo();
+  tolk_server_options options{};
+  options.hello_limit_ms = 50;
+  listen(options);
+  client = connect();
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  to.sin_port = htons(static_cast<std::uint16_t>(tolk_server_port(server.get())));
+  const int silent = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(::connect(silent, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+  char byte = 0;
+  EXPECT_EQ(recv(silent, &byte, 1, 0), 0);  // waits for the end
+  close(silent);
+  EXPECT_EQ(tolk::test::call_client(client.get(), "echo", "x").text, "x");
+  EXPECT_EQ(tolk_server_clients(server.get(), nullptr, 0), 1U);
+}
+
+// A handler of one server waits, for ever, for a call to another one.
+Owned<tolk_server> ends_at_exit;
+
+[[noreturn]] void exit_while_a_handler_waits() {
+  std::atexit([] { ends_at_exit.reset(); });  // before the library's own: runs behind it
+  static Event begun;
+  static Methods methods;
+  static Methods others;
+  static tolk_client* client = nullptr;
+  others.add("never", [](tolk_request*) { begun.set(); });
+  methods.add("wait", [](tolk_request* request) {
+    const tolk_status status =
+        tolk_client_call(client, "never", nullptr, TOLK_FOREVER, nullptr, nullptr);
+    if (status != TOLK_CLOSED) _exit(3);
+    tolk_request_free(request);
+  });
+  const auto listen = [](const Methods& with) {
+    tolk_server_options options{};
+    options.size = sizeof options;
+    options.methods = with.get();
+    tolk_server* made = nullptr;
+    if (tolk_server_listen("tcp4:127.0.0.1:0", &options, &made, nullptr) != TOLK_OK) _exit(4);
+    return made;
+  };
+  tolk_server* const other = listen(others);
+  ends_at_exit.reset(listen(methods));
+  tolk_client* caller = nullptr;
+  tolk_client_connect(tolk_server_address(other), nullptr, &client, nullptr);
+  tolk_client_connect(tolk_server_address(ends_at_exit.get()), nullptr, &caller, nullptr);
+  tolk_client_post(caller, "wait", nullptr, 0, nullptr);
+  begun.wait();
+  std::exit(0);
+}
+
+TEST(CapiProcessExit, WaitsOfHandlersEnd) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(exit_while_a_handler_waits(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
