@@ -62,12 +62,14 @@ if(MINGW AND BUILD_SHARED_LIBS)
 endif()
 
 if(NOT WIN32)
-  foreach(section IN ITEMS 3 7)
-    install(
-      FILES docs/man/tolk.${section}
-      DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
-      COMPONENT development)
-  endforeach()
+  install(
+    FILES docs/man/tolk.3 docs/man/tolk_c.3
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
+    COMPONENT development)
+  install(
+    FILES docs/man/tolk.7
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
+    COMPONENT development)
   if(TOLK_TOOLS)
     # Where Wireshark of the same prefix looks.
     install(

@@ -14,8 +14,8 @@
 ///   null, receives an error object, or null after a success. What it gives by other `**`
 ///   parameters is null after a failure.
 /// - **Texts** end with a zero byte and are UTF-8 by convention; nobody checks that.
-/// - **Structs** have their own size as the first member, and zero in any other means the default:
-///   `tolk_call call = {.size = sizeof call};`
+/// - **Structs** have their own size as the first member, without which no other counts. Zero in
+///   another one means the default: `tolk_call call = {.size = sizeof call};`
 /// - **Limits** are in milliseconds and hold within 10 ms.
 /// - **Callbacks** run where their object says (see tolk_client_options::execute), inline ones on
 ///   the object's loop thread. They must not throw.
@@ -89,21 +89,24 @@ typedef enum tolk_status {
 /// Returns the name without prefix, in lower case: "timed_out".
 TOLK_API const char* tolk_status_name(tolk_status status);
 
-// All of these accept null and never return null, but for tolk_error_details. What they return
-// lives as long as the error.
+// All of these accept null and never return null, except tolk_error_details. What they
+// return lives as long as the error.
 
+/// TOLK_OK for null.
 TOLK_API tolk_status tolk_error_status(const tolk_error* error);
 /// All of it in one line: "add at pipe:5000: timed out after 500 ms".
 TOLK_API const char* tolk_error_text(const tolk_error* error);
 /// What happened, without method and address. For TOLK_FAILED it is the handler's text.
 TOLK_API const char* tolk_error_reason(const tolk_error* error);
+/// The method that was called; empty when none was.
 TOLK_API const char* tolk_error_method(const tolk_error* error);
 /// The address that was connected to or listened on.
 TOLK_API const char* tolk_error_address(const tolk_error* error);
 /// Who was at the other end: "client 3", "user 1000"; empty when nobody was.
 TOLK_API const char* tolk_error_peer(const tolk_error* error);
-/// What was expected and what was there instead, for instance two versions; empty otherwise.
+/// What was expected, for instance a version; empty otherwise.
 TOLK_API const char* tolk_error_wanted(const tolk_error* error);
+/// What was there instead.
 TOLK_API const char* tolk_error_found(const tolk_error* error);
 /// What to try.
 TOLK_API const char* tolk_error_hint(const tolk_error* error);
@@ -111,7 +114,9 @@ TOLK_API const char* tolk_error_hint(const tolk_error* error);
 TOLK_API int32_t tolk_error_code(const tolk_error* error);
 /// What the handler added to its failure; null without.
 TOLK_API const tolk_block* tolk_error_details(const tolk_error* error);
+/// Returns another reference to the error, to be freed too.
 TOLK_API tolk_error* tolk_error_copy(const tolk_error* error);
+/// Frees what a function has given; not an error of an outcome.
 TOLK_API void tolk_error_free(tolk_error* error);
 
 // ---- Blocks ------------------------------------------------------------------------------------
@@ -135,7 +140,9 @@ typedef enum tolk_kind {
 TOLK_API tolk_block* tolk_block_new(void);
 /// Copies a block. The bytes are shared until one of the two is changed.
 TOLK_API tolk_block* tolk_block_copy(const tolk_block* block);
+/// Frees a block; those of tolk_block_inner go with theirs.
 TOLK_API void tolk_block_free(tolk_block* block);
+/// Removes all values.
 TOLK_API void tolk_block_clear(tolk_block* block);
 
 // Each of these adds one value at the next position, or under the key that was added right before
@@ -144,12 +151,19 @@ TOLK_API void tolk_block_clear(tolk_block* block);
 /// Gives the next value a key: a text that does not begin with "s_c_" or "tolk.". A later value of
 /// the same key replaces the earlier one.
 TOLK_API void tolk_block_add_key(tolk_block* block, const char* key);
+/// The value of kind TOLK_NONE.
 TOLK_API void tolk_block_add_none(tolk_block* block);
+/// A bool.
 TOLK_API void tolk_block_add_bool(tolk_block* block, bool value);
+/// An integer; up to 32 bits it is one that older peers know.
 TOLK_API void tolk_block_add_int(tolk_block* block, int64_t value);
+/// An integer; one above INT64_MAX reads as TOLK_UINT.
 TOLK_API void tolk_block_add_uint(tolk_block* block, uint64_t value);
+/// A double.
 TOLK_API void tolk_block_add_double(tolk_block* block, double value);
+/// A text of `size` bytes, or TOLK_TO_ZERO.
 TOLK_API void tolk_block_add_text(tolk_block* block, const char* text, size_t size);
+/// Bytes.
 TOLK_API void tolk_block_add_bytes(tolk_block* block, const void* bytes, size_t size);
 /// Adds bytes without a copy. They must not change until `free_context` is called, by the last
 /// block or message that holds them, on any thread.
@@ -159,8 +173,9 @@ TOLK_API void tolk_block_add_bytes_held(tolk_block* block, const void* bytes, si
 TOLK_API void tolk_block_add_list(tolk_block* block, const tolk_block* elements);
 /// Adds the keyed values of `entries` as one map.
 TOLK_API void tolk_block_add_map(tolk_block* block, const tolk_block* entries);
-/// Add a list of numbers.
+/// Adds a list of integers.
 TOLK_API void tolk_block_add_ints(tolk_block* block, const int64_t* values, size_t count);
+/// Adds a list of doubles.
 TOLK_API void tolk_block_add_doubles(tolk_block* block, const double* values, size_t count);
 
 // Reading. Indexes from 0 are the positional values; the keyed ones follow them. Any index is
@@ -175,19 +190,24 @@ TOLK_API size_t tolk_block_total(const tolk_block* block);
 TOLK_API size_t tolk_block_find(const tolk_block* block, const char* key);
 /// Returns the key of a keyed value, null otherwise.
 TOLK_API const char* tolk_block_key(const tolk_block* block, size_t index);
+/// Returns the kind, TOLK_MISSING without a value.
 TOLK_API tolk_kind tolk_block_kind(const tolk_block* block, size_t index);
 
-// A value of another kind reads as false, 0, null or an empty array; but an int is also a double, a
-// text also bytes and bytes also a text, since older peers do not tell these apart.
+// A missing value, or one of another kind, reads as false, 0, null or an empty array: test a text
+// before its use. But an int is also a double, a text also bytes and bytes also a text, since older
+// peers do not tell these apart.
 
+/// Reads a bool.
 TOLK_API bool tolk_block_bool(const tolk_block* block, size_t index);
 /// 0 too for a TOLK_UINT.
 TOLK_API int64_t tolk_block_int(const tolk_block* block, size_t index);
 /// 0 too for a negative TOLK_INT.
 TOLK_API uint64_t tolk_block_uint(const tolk_block* block, size_t index);
+/// Reads a double or an int.
 TOLK_API double tolk_block_double(const tolk_block* block, size_t index);
 /// `size`, which may be null, receives the size without the zero byte at the end.
 TOLK_API const char* tolk_block_text(const tolk_block* block, size_t index, size_t* size);
+/// The same for bytes.
 TOLK_API const void* tolk_block_bytes(const tolk_block* block, size_t index, size_t* size);
 /// The values of a list or a map; they live as long as `block`. Bytes that hold a block are
 /// accepted.
@@ -196,6 +216,7 @@ TOLK_API const tolk_block* tolk_block_inner(const tolk_block* block, size_t inde
 /// is of another kind.
 TOLK_API size_t tolk_block_ints(const tolk_block* block, size_t index, int64_t* to,
                                 size_t capacity);
+/// The same for doubles.
 TOLK_API size_t tolk_block_doubles(const tolk_block* block, size_t index, double* to,
                                    size_t capacity);
 
@@ -235,6 +256,7 @@ TOLK_API void tolk_source_free(tolk_source* source);
 
 /// A file, which is made or emptied now, and removed if the transfer fails.
 TOLK_API tolk_status tolk_sink_file(const char* path, tolk_sink** sink, tolk_error** error);
+/// A callback, which gets the bytes in order.
 TOLK_API tolk_sink* tolk_sink_callback(tolk_write write, void* context, tolk_release free_context);
 /// For a sink that no function has taken.
 TOLK_API void tolk_sink_free(tolk_sink* sink);
@@ -252,13 +274,13 @@ enum {
 
 /// How a call ended. Valid during the callback.
 typedef struct tolk_outcome {
-  size_t size;
-  tolk_status status;
+  size_t size;               ///< of this struct
+  tolk_status status;        ///< TOLK_OK: there is a result
   const tolk_block* result;  ///< null unless status is TOLK_OK
   const tolk_error* error;   ///< null if it is
   uint64_t call;             ///< what the start returned
   uint64_t client;           ///< on a server: who was called
-  size_t left;               ///< how many outcomes are still to come: 0, but for TOLK_ALL
+  size_t left;               ///< how many outcomes are still to come: 0, except with TOLK_ALL
 } tolk_outcome;
 
 /// Called once for each call that was started, whatever happens; for TOLK_ALL once for each client
@@ -267,7 +289,7 @@ typedef void (*tolk_done)(void* context, const tolk_outcome* outcome);
 
 /// A call.
 typedef struct tolk_call {
-  size_t size;
+  size_t size;  ///< of this struct
   /// "tolk.describe" asks a peer what methods it has: three lists of names, signatures,
   /// descriptions.
   const char* method;
@@ -281,7 +303,7 @@ typedef struct tolk_call {
   /// a handler has the data as its first argument, and a caller as the first value of the result.
   /// A peer that does not know pieces gets the data like that, in one message of 2 GB at most.
   tolk_source* source;
-  tolk_sink* sink;
+  tolk_sink* sink;         ///< see `source`
   tolk_progress progress;  ///< of both; runs as `done` without flags would
   int32_t piece_limit_ms;  ///< how long a piece may take; 0: the usual limit
 } tolk_call;
@@ -290,7 +312,7 @@ typedef struct tolk_call {
 
 /// Who is at the other end.
 typedef struct tolk_peer {
-  size_t size;
+  size_t size;          ///< of this struct
   uint64_t client;      ///< on a server: the id, never used again in this process. Else 0
   const char* address;  ///< "tcp4:127.0.0.1:40312", "pipe:5000"
   const char* user;     ///< local pipes: the user's number, on Windows the SID. Else empty
@@ -307,13 +329,13 @@ typedef tolk_status (*tolk_accept)(void* context, const tolk_request* request, u
 
 /// Further properties of a method.
 typedef struct tolk_method_options {
-  size_t size;
-  unsigned flags;          ///< TOLK_INLINE, TOLK_ORDERED
-  const char* signature;   ///< for those who ask what there is: "(int, int) -> int"
-  const char* about;       ///< for the same: a sentence
-  tolk_accept accept;      ///< null: data go into memory
-  tolk_progress progress;  ///< of data that arrive
-  tolk_release free_context;
+  size_t size;                ///< of this struct
+  unsigned flags;             ///< TOLK_INLINE, TOLK_ORDERED
+  const char* signature;      ///< for those who ask what there is: "(int, int) -> int"
+  const char* about;          ///< for the same: a sentence
+  tolk_accept accept;         ///< null: data go into memory
+  tolk_progress progress;     ///< of data that arrive
+  tolk_release free_context;  ///< of `context`; may be null
 } tolk_method_options;
 
 /// Makes an empty table. Any number of clients and servers may use it; each keeps it as long as it
@@ -326,17 +348,21 @@ TOLK_API tolk_status tolk_methods_add(tolk_methods* methods, const char* name, t
                                       tolk_error** error);
 /// Handlers that run go on. False: there was no such method.
 TOLK_API bool tolk_methods_remove(tolk_methods* methods, const char* name);
+/// Frees the host's reference; clients and servers keep theirs.
 TOLK_API void tolk_methods_free(tolk_methods* methods);
 
 // What these return lives as long as the request.
 
 /// Never null.
 TOLK_API const tolk_block* tolk_request_arguments(const tolk_request* request);
+/// The name that the peer called, also for a catch-all.
 TOLK_API const char* tolk_request_method(const tolk_request* request);
+/// Who called.
 TOLK_API const tolk_peer* tolk_request_peer(const tolk_request* request);
-/// The object that was called, to call the peer back; the other one of the two is null. After its
-/// end, calls with it fail with TOLK_CLOSED.
+/// The client that was called, to call the server back; null if a server was. After its end, calls
+/// with it fail with TOLK_CLOSED.
 TOLK_API tolk_client* tolk_request_client(const tolk_request* request);
+/// The same for a server.
 TOLK_API tolk_server* tolk_request_server(const tolk_request* request);
 /// The milliseconds that the caller still waits, at least 1, or TOLK_FOREVER if it has not said so:
 /// a limit for calls that serve the request.
@@ -354,7 +380,7 @@ TOLK_API void tolk_request_answer_data(tolk_request* request, tolk_block* result
 /// Takes the request and `details`, which may be null.
 TOLK_API void tolk_request_fail(tolk_request* request, tolk_status status, int32_t code,
                                 const char* text, tolk_block* details);
-/// Drops the request: the caller gets TOLK_UNANSWERED.
+/// Drops the request, the usual end of a posted one: a caller gets TOLK_UNANSWERED.
 TOLK_API void tolk_request_free(tolk_request* request);
 
 // ---- Where callbacks run, and the log ----------------------------------------------------------
@@ -379,7 +405,7 @@ typedef void (*tolk_log)(void* context, tolk_level level, const char* text);
 
 /// What a client may be told. Everything may be zero.
 typedef struct tolk_client_options {
-  size_t size;
+  size_t size;               ///< of this struct
   tolk_methods* methods;     ///< what the server may call; kept, not taken
   int32_t patience_ms;       ///< how long to try again while nobody listens
   int32_t connect_limit_ms;  ///< for one attempt, the version check included; 0: 10,000
@@ -388,15 +414,15 @@ typedef struct tolk_client_options {
                      ///< function of the library is replaced meanwhile, up to 256
   /// Runs all callbacks that are not inline, instead of the workers.
   tolk_execute execute;
-  tolk_log log;
+  tolk_log log;  ///< takes the lines of the log; null: nobody does
   /// The server has ended the connection. Once; not after a close or free by the host.
   void (*on_gone)(void* context, tolk_client* client, const tolk_error* why);
-  void* context;  ///< of the three
-  tolk_release free_context;
-  size_t most_queued_bytes;  ///< of posts that are not yet written; 0: 64 MiB
-  size_t most_frame_bytes;   ///< of one message received; 0: 2,147,483,643, the most
-  size_t most_data_bytes;    ///< of data that come without a sink; 0: 2,147,483,643
-  unsigned most_requests;    ///< under way at a time, others fail with TOLK_BUSY; 0: 10,000
+  void* context;              ///< of the three
+  tolk_release free_context;  ///< of `context`; may be null
+  size_t most_queued_bytes;   ///< of posts that are not yet written; 0: 64 MiB
+  size_t most_frame_bytes;    ///< of one message received; 0: 2,147,483,643, the most
+  size_t most_data_bytes;     ///< of data that come without a sink; 0: 2,147,483,643
+  unsigned most_requests;     ///< under way at a time, others fail with TOLK_BUSY; 0: 10,000
 } tolk_client_options;
 
 /// Connects, and waits for the version check. `options` may be null.
@@ -408,8 +434,8 @@ TOLK_API tolk_status tolk_client_call(tolk_client* client, const char* method,
                                       const tolk_block* arguments, int32_t limit_ms,
                                       tolk_block** result, tolk_error** error);
 /// Starts a call and returns its number, which is never used again. Does not wait: what is wrong
-/// with the call is its outcome. `done` never runs in here, but for one case: without memory it
-/// runs at once, and the number is 0.
+/// with the call is its outcome. `done` does not run in here, except without memory: then it runs
+/// at once, and the number is 0.
 TOLK_API uint64_t tolk_client_start(tolk_client* client, const tolk_call* call);
 /// Waits for the outcome of a call without `done` and takes it, once. TOLK_MISUSE: there is no such
 /// call. An outcome that nobody takes is kept until the client's end.
@@ -438,29 +464,29 @@ TOLK_API void tolk_client_free(tolk_client* client);
 /// What a server may be told. Everything may be zero. Members of the same name as a client's mean
 /// the same.
 typedef struct tolk_server_options {
-  size_t size;
-  tolk_methods* methods;
-  int32_t limit_ms;
-  unsigned workers;
-  tolk_execute execute;
-  tolk_log log;
+  size_t size;            ///< of this struct
+  tolk_methods* methods;  ///< what clients may call
+  int32_t limit_ms;       ///< as tolk_client_options::limit_ms
+  unsigned workers;       ///< as tolk_client_options::workers
+  tolk_execute execute;   ///< as tolk_client_options::execute
+  tolk_log log;           ///< as tolk_client_options::log
   /// A client has connected and can be called. Begins before any of its calls.
   void (*on_connect)(void* context, tolk_server* server, const tolk_peer* client);
   /// It has gone, or the server ends. Once for each on_connect, after that has returned.
   void (*on_gone)(void* context, tolk_server* server, const tolk_peer* client);
   /// A client has stopped the server, or there was no memory to go on.
   void (*on_stopped)(void* context, tolk_server* server, const tolk_error* why);
-  void* context;  ///< of the five
-  tolk_release free_context;
-  bool clients_may_stop;  ///< obey a client's "s_c_close_server"
+  void* context;              ///< of the five
+  tolk_release free_context;  ///< of `context`; may be null
+  bool clients_may_stop;      ///< obey a client's "s_c_close_server"
   // Quotas. A client above one of the first two is not read from until it is below.
   size_t most_client_bytes;       ///< arguments of its requests, and unwritten answers; 0: 64 MiB
   unsigned most_client_requests;  ///< under way; 0: 1,000
   size_t most_queued_bytes;       ///< of posts to one client; above it posts wait
   size_t most_frame_bytes;        ///< a client that sends more is disconnected
-  size_t most_data_bytes;
-  unsigned most_clients;   ///< others are disconnected at once; 0: as many as the system has
-  int32_t hello_limit_ms;  ///< for a client's first message; 0: 60,000
+  size_t most_data_bytes;         ///< as tolk_client_options::most_data_bytes
+  unsigned most_clients;          ///< others are disconnected at once; 0: as many as the system has
+  int32_t hello_limit_ms;         ///< for a client's first message; 0: 60,000
 } tolk_server_options;
 
 /// Listens. Port 0 lets the system choose, and "fd:3" is a listening socket that the process
@@ -478,12 +504,16 @@ TOLK_API bool tolk_server_disconnect(tolk_server* server, uint64_t client);
 
 // As those of a client, with one of its clients as the peer.
 
+/// See tolk_client_call.
 TOLK_API tolk_status tolk_server_call(tolk_server* server, uint64_t client, const char* method,
                                       const tolk_block* arguments, int32_t limit_ms,
                                       tolk_block** result, tolk_error** error);
+/// See tolk_client_start.
 TOLK_API uint64_t tolk_server_start(tolk_server* server, const tolk_call* call);
+/// See tolk_client_wait.
 TOLK_API tolk_status tolk_server_wait(tolk_server* server, uint64_t call, tolk_block** result,
                                       tolk_error** error);
+/// See tolk_client_cancel.
 TOLK_API bool tolk_server_cancel(tolk_server* server, uint64_t call);
 /// `client`: TOLK_ALL posts to all, encoded once. TOLK_BUSY then: some of them did not get it.
 TOLK_API tolk_status tolk_server_post(tolk_server* server, uint64_t client, const char* method,
