@@ -28,9 +28,7 @@ inline std::string_view wire_part(std::string_view bytes) {
 class Argument {
  public:
   Argument(const std::string& buffer, std::string_view bytes) : view_(bytes) {
-    if (!lies_inside(buffer, bytes)) return;
-    copy_ = bytes;
-    view_ = copy_;
+    if (lies_inside(buffer, bytes)) [[unlikely]] copy();
   }
   Argument(const Argument&) = delete;
   Argument& operator=(const Argument&) = delete;
@@ -43,6 +41,11 @@ class Argument {
     const std::less<const char*> before;
     return !before(bytes.data(), buffer.data()) &&
            before(bytes.data(), buffer.data() + buffer.size());
+  }
+
+  void copy() {
+    copy_ = view_;
+    view_ = copy_;
   }
 
   std::string copy_;
