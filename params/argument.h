@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -28,7 +29,9 @@ inline std::string_view wire_part(std::string_view bytes) {
 class Argument {
  public:
   Argument(const std::string& buffer, std::string_view bytes) : view_(bytes) {
-    if (lies_inside(buffer, bytes)) [[unlikely]] copy();
+    if (!lies_inside(buffer, bytes)) return;
+    copy_ = std::make_unique<std::string>(bytes);
+    view_ = *copy_;
   }
   Argument(const Argument&) = delete;
   Argument& operator=(const Argument&) = delete;
@@ -43,12 +46,7 @@ class Argument {
            before(bytes.data(), buffer.data() + buffer.size());
   }
 
-  void copy() {
-    copy_ = view_;
-    view_ = copy_;
-  }
-
-  std::string copy_;
+  std::unique_ptr<std::string> copy_;  // rarely there, so that it costs little
   std::string_view view_;
 };
 
