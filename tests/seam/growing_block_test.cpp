@@ -59,6 +59,15 @@ TEST(BlockWithoutMemory, ReservesHalfAsMuchAheadUntilTheSystemHasIt) {
   EXPECT_EQ(factor_after(attempts_ahead()), 1u);
 }
 
+// One that takes a read of a few bytes at a time never gets whole.
+TEST(BlockWithoutMemory, RoomIsWorthARead) {
+  GrowingBlock block;
+  block.append(std::string(2 * GrowingBlock::kFirstBytes, 'x'), 2 * GrowingBlock::kFirstBytes);
+  reallocs_that_fail = attempts_ahead();
+  EXPECT_GE(block.room(std::numeric_limits<std::size_t>::max()).size(), std::size_t{1} << 16);
+  EXPECT_EQ(reallocs_that_fail, 0);
+}
+
 TEST(BlockWithoutMemory, KeepsWhatCameBefore) {
   GrowingBlock block;
   block.append("before", 6);
