@@ -34,16 +34,19 @@ constexpr std::size_t first_capacity = 255;
 
 std::string& own_bytes(TolkParams& block) { return Access::content(block).own_bytes(); }
 
-// Makes room for a whole record, so that a failed allocation leaves no part of a record. Doubling
-// keeps many small records cheap.
-void make_room(std::string& buffer, std::size_t record_bytes) {
-  const std::size_t needed = buffer.size() + record_bytes;
-  if (needed <= buffer.capacity()) return;
+// Doubling keeps many small records cheap.
+void grow(std::string& buffer, std::size_t needed) {
   const std::size_t spare = needed < large_block_bytes ? 0 : spare_bytes;
   const std::size_t capacity = std::max({first_capacity, needed + spare, 2 * buffer.capacity()});
   tolk::platform::expect_large_piece(capacity);
   buffer.reserve(capacity);
   tolk::platform::prefer_large_pages(buffer.data(), capacity);
+}
+
+// Makes room for a whole record, so that a failed allocation leaves no part of a record.
+void make_room(std::string& buffer, std::size_t record_bytes) {
+  const std::size_t needed = buffer.size() + record_bytes;
+  if (needed > buffer.capacity()) grow(buffer, needed);
 }
 
 // A small record, put together here and appended at once.

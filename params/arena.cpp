@@ -90,10 +90,11 @@ const char* Arena::copy_text(std::string_view text) {
 
 // Chunks grow, so that there are few of them for any number of values.
 void Arena::add_chunk(std::size_t least) {
-  const std::size_t size = sizeof(Chunk) + std::max(least, next_chunk_bytes_);
+  const std::size_t usual =
+      chunks_ == nullptr ? least_chunk_bytes : std::min(2 * chunks_->usual, most_chunk_bytes);
+  const std::size_t size = sizeof(Chunk) + std::max(least, usual);
   char* const memory = static_cast<char*>(::operator new(size));
-  next_chunk_bytes_ = std::min(2 * next_chunk_bytes_, most_chunk_bytes);
-  chunks_ = new (memory) Chunk{chunks_};
+  chunks_ = new (memory) Chunk{chunks_, usual};
   next_ = memory + sizeof(Chunk);
   end_ = memory + size;
 }

@@ -78,6 +78,7 @@ class Arena {
   static constexpr std::size_t most_chunk_bytes = std::size_t{1} << 20;
   struct alignas(alignment) Chunk {
     Chunk* before;
+    std::size_t usual;  // its size, unless one piece of memory needed more
   };
 
   Arena(char* begin, char* end) : next_(begin), end_(end) {}
@@ -95,7 +96,6 @@ class Arena {
   char* next_;
   char* end_;
   Chunk* chunks_ = nullptr;
-  std::size_t next_chunk_bytes_ = least_chunk_bytes;
 };
 
 // A sequence in the memory of an arena, which must outlive it. What it outgrows is left there.

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -29,8 +30,8 @@ class Argument {
  public:
   Argument(const std::string& buffer, std::string_view bytes) : view_(bytes) {
     if (!lies_inside(buffer, bytes)) return;
-    copy_ = bytes;
-    view_ = copy_;
+    copy_ = std::make_unique<std::string>(bytes);
+    view_ = *copy_;
   }
   Argument(const Argument&) = delete;
   Argument& operator=(const Argument&) = delete;
@@ -45,7 +46,7 @@ class Argument {
            before(bytes.data(), buffer.data() + buffer.size());
   }
 
-  std::string copy_;
+  std::unique_ptr<std::string> copy_;  // rarely there, so that it costs little
   std::string_view view_;
 };
 

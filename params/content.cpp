@@ -140,11 +140,20 @@ class Filler {
     return order != 0 ? order < 0 : left.key.data() < right.key.data();
   }
 
-  void settle_keys() noexcept {
+  // Each entry has a value and a key of its own, and they are in order: nothing is left to settle.
+  bool keys_are_settled() const noexcept {
     const auto& log = content_.keyed;
-    if (!std::is_sorted(log.begin(), log.end(), is_before)) {
-      std::sort(log.begin(), log.end(), is_before);
+    for (std::size_t i = 0; i < log.size(); ++i) {
+      if (log[i].value == nullptr) return false;
+      if (i > 0 && log[i - 1].key >= log[i].key) return false;
     }
+    return true;
+  }
+
+  void settle_keys() noexcept {
+    if (keys_are_settled()) return;
+    const auto& log = content_.keyed;
+    std::sort(log.begin(), log.end(), is_before);
     std::size_t kept = 0;
     for (std::size_t i = 0; i < log.size(); ++i) {
       const Content::Keyed entry = log[i];

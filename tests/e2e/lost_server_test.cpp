@@ -161,8 +161,9 @@ TEST_P(LostOwnServer, PostJustBeforeItsCloseBegins) {
   expect_mostly(1, [this] { return begun_of(1); });
 }
 
-TEST_P(LostOwnServer, HundredPostsJustBeforeItsCloseAllBegin) {
-  expect_mostly(100, [this] { return begun_of(100); });
+// Three for each worker: they have 10 ms to begin them all.
+TEST_P(LostOwnServer, PostsJustBeforeItsCloseAllBegin) {
+  expect_mostly(12, [this] { return begun_of(12); });
 }
 
 // A call without a limit comes back empty only because the server is lost.

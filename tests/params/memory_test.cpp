@@ -129,6 +129,25 @@ TEST(OutOfMemory, ParsingAMapOfManyEntriesKeepsWholeOnes) {
       [](TolkParams& block) { EXPECT_EQ(block.ParamsSize(), 0); });
 }
 
+// One for the values, the keys and the bytes; one for what the block has of its own.
+TEST(Memory, AFewValuesNeedOnePiece) {
+  const std::string text(16, 't');
+  const std::string bytes(64, 'b');
+  TolkParams block;
+  block.AddInt(7);
+  block.AddBool(true);
+  block.AddDouble(1.5);
+  block.AddString(text.c_str());
+  block.AddStream(bytes.data(), static_cast<long>(bytes.size()));
+  block.AddKeyValueInt("alpha", 1);
+  block.AddKeyValueInt("beta", 2);
+  block.AddKeyValueString("gamma", text.c_str());
+  const long before = live_allocations;
+  TolkParams parsed;
+  parsed.Parser(block.GetParamasPtr(), static_cast<int>(block.GetParamasSize()));
+  EXPECT_LE(live_allocations - before, 2);
+}
+
 TEST(Memory, ManyValuesNeedFewPieces) {
   TolkParams block;
   for (int i = 0; i < 100'000; ++i) block.AddInt(i);

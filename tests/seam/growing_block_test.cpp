@@ -33,19 +33,45 @@ void* __wrap_realloc(void* memory, std::size_t size) {
 namespace tolk::test {
 namespace {
 
-TEST(BlockWithoutMemory, IsReservedForWhatHasComeWhenThereIsNoneForMore) {
+// With how many times its bytes a block of 2 MiB ends, when so many attempts to reserve more fail.
+std::size_t factor_after(int failures) {
   const std::string bytes(2 * GrowingBlock::kFirstBytes, 'x');
   GrowingBlock block;
-  reallocs_that_fail = 1;
+  reallocs_that_fail = failures;
   block.append(bytes, std::numeric_limits<std::size_t>::max());
-  EXPECT_EQ(block.reserved_bytes(), bytes.size());
+  EXPECT_EQ(reallocs_that_fail, 0);
+  const std::size_t factor = block.reserved_bytes() / bytes.size();
   EXPECT_TRUE(block.take().view == bytes);
+  return factor;
+}
+
+// From the usual factor down to 2.
+int attempts_ahead() {
+  int attempts = 0;
+  for (std::size_t factor = GrowingBlock::kGrowth; factor > 1; factor /= 2) ++attempts;
+  return attempts;
+}
+
+TEST(BlockWithoutMemory, ReservesHalfAsMuchAheadUntilTheSystemHasIt) {
+  EXPECT_EQ(factor_after(0), GrowingBlock::kGrowth);
+  EXPECT_EQ(factor_after(1), GrowingBlock::kGrowth / 2);
+  EXPECT_EQ(factor_after(attempts_ahead() - 1), 2u);
+  EXPECT_EQ(factor_after(attempts_ahead()), 1u);
+}
+
+// One that takes a read of a few bytes at a time never gets whole.
+TEST(BlockWithoutMemory, RoomIsWorthARead) {
+  GrowingBlock block;
+  block.append(std::string(2 * GrowingBlock::kFirstBytes, 'x'), 2 * GrowingBlock::kFirstBytes);
+  reallocs_that_fail = attempts_ahead();
+  EXPECT_GE(block.room(std::numeric_limits<std::size_t>::max()).size(), std::size_t{1} << 16);
+  EXPECT_EQ(reallocs_that_fail, 0);
 }
 
 TEST(BlockWithoutMemory, KeepsWhatCameBefore) {
   GrowingBlock block;
   block.append("before", 6);
-  reallocs_that_fail = 2;
+  reallocs_that_fail = attempts_ahead() + 1;
   EXPECT_THROW(block.append("more", 6), std::bad_alloc);
   EXPECT_EQ(reallocs_that_fail, 0);
   EXPECT_EQ(block.take().view, "before");

@@ -4,15 +4,8 @@
 #include <gtest/gtest.h>
 #include <tests/pattern.h>
 
-#if defined(__linux__)
-#include <sys/resource.h>
-#include <tests/child_process.h>
-#include <unistd.h>
-#endif
-
 #include <algorithm>
 #include <cstddef>
-#include <fstream>
 #include <limits>
 #include <set>
 #include <span>
@@ -104,25 +97,6 @@ TEST(GrowingBlock, WrongTotalsDoNoHarm) {
     EXPECT_EQ(block.take().view.size(), 330u);
   }
 }
-
-#if defined(__linux__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// A block that takes a read of a few bytes at a time never gets whole. In a child: only the block
-// is to lack memory.
-TEST(GrowingBlock, RoomIsWorthAReadWhereTheSystemReservesLittle) {
-  tolk::test::ChildProcess child([] {
-    std::ifstream statm("/proc/self/statm");
-    rlim_t pages = 0;
-    statm >> pages;
-    const rlim_t most = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t{200} << 20);
-    const rlimit limit{most, most};
-    if (setrlimit(RLIMIT_AS, &limit) != 0) return 2;
-    GrowingBlock block;
-    block.append(std::string(std::size_t{20} << 20, 'x'), kMost);
-    return block.room(kMost).size() >= (std::size_t{1} << 20) ? 0 : 1;
-  });
-  EXPECT_EQ(child.wait(), 0);
-}
-#endif
 
 TEST(GrowingBlock, ClearForgetsEverything) {
   GrowingBlock block;

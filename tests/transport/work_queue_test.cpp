@@ -106,6 +106,7 @@ class WorkQueues : public testing::Test {
   void leave_one_worker() { others = std::make_unique<OtherWork>(&loop, kWorkers - 1); }
   void release_others() {
     if (others) others->release();
+    if (first_worker) first_worker->release();
   }
   void begin(
       Function run, Function end = [] {}) {
@@ -145,7 +146,9 @@ class WorkQueues : public testing::Test {
   bool gave_up = false;
   int ended = 0;
   int failed = 0;
+  // Until the loop has heard that their work is done.
   std::unique_ptr<OtherWork> others;
+  std::unique_ptr<OtherWork> first_worker;
   TaskQueue ends;
   WorkQueue queue{ends};
   WorkQueue other_queue{ends};  // its runners may outlive the body of a test too
@@ -265,7 +268,7 @@ void pass(std::chrono::nanoseconds gap) {
 // Runners wait for the worker, the other's one among them. Those before it do not use their places
 // for items that have come after it.
 TEST_F(WorkQueues, ItemsThatComeLaterDoNotOvertakeTheOtherQueue) {
-  auto first_worker = std::make_unique<OtherWork>(&loop, 1);
+  first_worker = std::make_unique<OtherWork>(&loop, 1);
   leave_one_worker();  // the one that is taken
   std::atomic<bool> other_ran{false};
   std::atomic<int> overtaking{0};
