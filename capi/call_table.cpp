@@ -44,6 +44,7 @@ bool CallTable::add(const std::shared_ptr<CallRecord>& record) {
 }
 
 void CallTable::add_finished(const std::shared_ptr<CallRecord>& record, Outcome outcome) {
+  record->data.reset();
   if (record->done != nullptr) return settle(record, std::move(outcome), Callbacks::When::later);
   record->outcome = std::move(outcome);
   record->taken = true;
@@ -57,7 +58,7 @@ std::shared_ptr<CallRecord> CallTable::take(std::uint64_t number) {
   if (at == shard->records.end() || at->second->taken) return nullptr;
   std::shared_ptr<CallRecord> record = at->second;
   record->taken = true;
-  if (record->done != nullptr) shard->records.erase(at);
+  if (record->done != nullptr || record->is_own) shard->records.erase(at);
   return record;
 }
 
@@ -65,7 +66,9 @@ std::shared_ptr<CallRecord> CallTable::take(std::uint64_t number) {
 void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcome,
                        Callbacks::When when) {
   record->outcome = std::move(outcome);
+  record->data.reset();
   if (record->done != nullptr) return callbacks_.dispatch(record, when);
+  if (record->is_own) return;
   const auto shard = shard_of(record->number).lock();
   record->finished = true;
   record->ended.notify_all();
@@ -85,6 +88,44 @@ bool CallTable::complete_of(std::uint64_t peer, std::uint64_t number, const Make
     if (at == shard->records.end() || at->second->peer != peer) return false;
   }
   return complete(number, make, Callbacks::When::now);
+}
+
+CallRecord* CallTable::open_record(const Shard& shard, std::uint64_t number) {
+  const auto at = shard.records.find(number);
+  return at == shard.records.end() || at->second->taken ? nullptr : at->second.get();
+}
+
+std::shared_ptr<CallData> CallTable::data_of(std::uint64_t peer, std::uint64_t number) {
+  const auto shard = shard_of(number).lock();
+  const CallRecord* const record = open_record(*shard, number);
+  return record == nullptr || record->peer != peer ? nullptr : record->data;
+}
+
+std::shared_ptr<CallData> CallTable::data_for(std::uint64_t peer, std::uint64_t number) {
+  const auto made = std::make_shared<CallData>();
+  const auto shard = shard_of(number).lock();
+  CallRecord* const record = open_record(*shard, number);
+  if (record == nullptr || record->peer != peer) return nullptr;
+  if (!record->data) record->data = made;
+  return record->data;
+}
+
+std::uint64_t CallTable::deadline_of(std::uint64_t number) {
+  const auto shard = shard_of(number).lock();
+  const CallRecord* const record = open_record(*shard, number);
+  return record == nullptr ? 0 : record->deadline.load();
+}
+
+std::uint64_t CallTable::move_deadline(std::uint64_t number, std::uint64_t deadline,
+                                       bool only_later) {
+  const auto shard = shard_of(number).lock();
+  CallRecord* const record = open_record(*shard, number);
+  if (record == nullptr) return 0;
+  const std::uint64_t before = record->deadline;
+  if (only_later && before >= deadline) return before;
+  record->deadline = deadline;
+  if (deadline < before) record->ended.notify_all();
+  return before;
 }
 
 std::uint64_t CallTable::find_by_call_id(std::uint64_t peer, int call_id) {
@@ -137,6 +178,7 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_o
                      Outcome* outcome) {
   thread_local WaitScore waits;
   const WorkerPool::Blocked others_may_run;
+  std::shared_ptr<CallData> dropped;  // after the lock
   auto shard = shard_of(number).lock();
   const auto at = shard->records.find(number);
   if (at == shard->records.end() || at->second->done != nullptr || at->second->awaited)
@@ -151,15 +193,23 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_o
     let_others_run();
     shard.relock();
   }
-  if (record->deadline == UINT64_MAX) {
-    shard.wait(record->ended, finished);
-  } else {
-    shard.wait_for(record->ended, until(record->deadline), finished);
+  // Data of the call move the deadline.
+  while (!record->finished && uv_hrtime() < record->deadline) {
+    const std::uint64_t deadline = record->deadline;
+    const auto changed = [&](const Shard&) {
+      return record->finished || record->deadline < deadline;
+    };
+    if (deadline == UINT64_MAX) {
+      shard.wait(record->ended, changed);
+    } else {
+      shard.wait_for(record->ended, until(deadline), changed);
+    }
   }
   const Instant end = instant_now();
   waits.waited(end - begin, end);
   if (!std::exchange(record->taken, true)) {
     record->outcome = timed_out(*record);
+    dropped = std::move(record->data);
   } else {
     shard.wait(record->ended, finished);  // somebody is making the outcome
   }

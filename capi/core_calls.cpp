@@ -52,14 +52,16 @@ tolk_status Core::call(const tolk_call& call, tolk_block** result, tolk_error** 
 
 std::uint64_t Core::start(const tolk_call& given) {
   tolk_call call = options_of(&given);
+  auto data = take_data_of(call);
   if (call.limit_ms == 0) call.limit_ms = usual_limit();
-  if (role_ == Side::server && call.client == TOLK_ALL) return start_for_all(call);
+  if (role_ == Side::server && call.client == TOLK_ALL) return start_for_all(call, data != nullptr);
   const auto record = new_record(call);
+  record->data = std::move(data);
   const Content content = Content::of(call.arguments);
   return start_one(record, call, call.arguments == nullptr ? nullptr : &content);
 }
 
-std::uint64_t Core::start_for_all(const tolk_call& call) {
+std::uint64_t Core::start_for_all(const tolk_call& call, bool has_data) {
   auto group = std::make_shared<CallGroup>();
   group->number = next_token();
   const Peers all = peers();
@@ -72,6 +74,7 @@ std::uint64_t Core::start_for_all(const tolk_call& call) {
   const auto alone = new_record(call);
   if (call.done == nullptr)
     return refuse(alone, TOLK_MISUSE, "a call to all clients needs a callback");
+  if (has_data) return refuse(alone, TOLK_MISUSE, "data go to one client");
   if (records.empty() || !of_this_process()) {
     return refuse(alone, records.empty() ? TOLK_NOT_CONNECTED : TOLK_CLOSED, nullptr);
   }
@@ -103,6 +106,7 @@ std::uint64_t Core::start_one(const std::shared_ptr<CallRecord>& record, const t
   if (state_ != State::open || !of_this_process()) return refuse(record, TOLK_CLOSED, nullptr);
   const auto to = peer(record->peer);
   if (!to) return refuse(record, role_ == Side::server ? TOLK_NOT_CONNECTED : TOLK_GONE, nullptr);
+  if (record->data && record->data->source) return start_with_data(record, call, to, arguments);
   CallExtras extras;
   if (call.limit_ms >= 0 && to->tells_features()) extras.limit_ms = call.limit_ms;
   return start_internal(record, to, arguments, extras);
@@ -114,7 +118,7 @@ std::uint64_t Core::start_internal(std::shared_ptr<CallRecord> record,
   const std::uint64_t number = record->number;
   Frame frame = call_message(record->method, number, arguments, extras);
   if (!calls_.add(record)) return refuse(record, TOLK_CLOSED, nullptr);
-  watch(*record);
+  if (record->done != nullptr) watch(number, record->deadline);
   const Sent sent = to->send(std::move(frame), false);
   // A peer that goes from now on completes what is in the table.
   if (sent == Sent::closed || to->is_gone()) {
@@ -126,9 +130,8 @@ std::uint64_t Core::start_internal(std::shared_ptr<CallRecord> record,
 }
 
 // A thread that waits has its own clock.
-void Core::watch(const CallRecord& record) {
-  if (record.done == nullptr || record.deadline == UINT64_MAX) return;
-  if (!deadlines_.add(record.deadline, record.number)) return;
+void Core::watch(std::uint64_t number, std::uint64_t deadline) {
+  if (deadline == UINT64_MAX || !deadlines_.add(deadline, number)) return;
   run_on_loop([this, self = shared()] {
     enter_loop();
     deadlines_.arm();
@@ -177,17 +180,13 @@ bool Core::cancel_one(std::uint64_t number) {
       number,
       [&](const CallRecord& record) {
         peer_id = record.peer;
+        if (record.data && record.data->call) record.data->call->on_ended();
         return outcome_of(record, TOLK_CANCELLED, nullptr);
       },
       Callbacks::When::later);
   if (!cancelled) return false;
   const auto to = peer(peer_id);
-  if (!to || !to->takes_cancel()) return true;
-  std::string token;
-  Encoder<std::string> encoder(token, 0);
-  encoder.add_string(token_text(number));
-  const Content content{copy_of(token), {}};
-  to->send(post_message(kMethodCancel, &content), false);
+  if (to && to->takes_cancel()) post_cancel(*to, number);
   return true;
 }
 

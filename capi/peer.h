@@ -22,6 +22,7 @@
 namespace tolk {
 
 class Core;
+class RequestIn;
 
 // When a peer is not read from: above one of the two. Below three quarters it is again.
 struct PeerQuota {
@@ -50,6 +51,7 @@ class Peer final : public StreamUser,
   void note_features(std::string_view features) TOLK_LOOP;
   bool takes_cancel() const { return takes_cancel_; }
   bool tells_features() const { return tells_features_; }
+  bool takes_pieces() const { return takes_pieces_; }
 
   // Requests wait until on_connect has begun.
   void dispatch(const std::shared_ptr<tolk_request>& request) TOLK_LOOP;
@@ -61,6 +63,13 @@ class Peer final : public StreamUser,
   void add_request(tolk_request& request, std::size_t bytes) TOLK_LOOP;
   void remove_request(tolk_request& request, std::size_t bytes);
   std::size_t requests() const { return request_count_; }
+  // Data that come with calls of the peer, by the peer's number of the transfer. False: there is
+  // one of that number.
+  bool add_incoming(std::int32_t transfer, std::shared_ptr<RequestIn> data);
+  std::shared_ptr<RequestIn> incoming(std::int32_t transfer) const;
+  void forget_incoming(std::int32_t transfer, const RequestIn& data);
+  // Stops those whose call has this token.
+  void end_incoming(std::string_view token);
   void end_requests(std::string_view token, tolk_status status);
   void end_all_requests(tolk_status status);
 
@@ -69,6 +78,7 @@ class Peer final : public StreamUser,
     bool hook_begun = false;
     std::list<std::shared_ptr<tolk_request>> requests;
   };
+  using Incoming = std::map<std::int32_t, std::shared_ptr<RequestIn>>;
   using OpenRequests = std::multimap<std::string, tolk_request*, std::less<>>;
 
   void on_written() TOLK_LOOP override;
@@ -87,9 +97,11 @@ class Peer final : public StreamUser,
   OrderedQueue hooks_;
   Guarded<Held> held_;
   Guarded<OpenRequests> open_requests_;
+  Guarded<Incoming> incoming_;
   std::atomic<bool> gone_{false};
   std::atomic<bool> takes_cancel_{false};
   std::atomic<bool> tells_features_{false};
+  std::atomic<bool> takes_pieces_{false};
   std::atomic<std::size_t> request_count_{0};
   std::atomic<std::size_t> request_bytes_{0};
   std::atomic<bool> is_paused_{false};

@@ -18,11 +18,19 @@
 #include "capi/methods.h"
 #include "capi/peer.h"
 
+namespace tolk {
+struct ReceivedPiece;
+}  // namespace tolk
+
 struct tolk_request final : tolk_task {
  public:
   tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
                std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
                const tolk::SharedBytes& payload);
+  // Of a call whose data come in pieces.
+  tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
+               std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
+               const tolk::ReceivedPiece& first);
   ~tolk_request() override;
 
   bool has_bad_arguments() const { return bad_arguments_; }
@@ -39,6 +47,16 @@ struct tolk_request final : tolk_task {
 
   void answer(const tolk_block* result);
   void fail(const tolk::HandlerFailure& failure);
+  // Takes the source. The request is answered when the data have arrived.
+  void answer_data(const tolk_block* result, std::unique_ptr<tolk_source> source);
+  void answer_with(const tolk::Content& result, std::optional<double> data);
+  // Nobody has ended it, and the caller has not told or left. Its limit does not count: data take
+  // their time.
+  bool is_wanted() const;
+
+  // Data that came with the call, all of them, and their last piece. Without a value of its own
+  // they are in a sink. False: they are too large for the arguments.
+  bool take_data(std::optional<tolk::SharedBytes> data, const tolk::ReceivedPiece& last);
 
  private:
   void run_claimed() override;
@@ -51,11 +69,12 @@ struct tolk_request final : tolk_task {
   const std::shared_ptr<tolk::Peer> peer_;
   const std::shared_ptr<const tolk::Method> method_;
   const std::string name_;
-  const tolk::CallIds ids_;
+  tolk::CallIds ids_;
   const std::string token_;
   const std::size_t bytes_;
   std::uint64_t deadline_ = UINT64_MAX;
   std::unique_ptr<tolk_block> arguments_;
+  std::unique_ptr<tolk_block> arguments_before_data_;
   bool bad_arguments_ = false;
   std::shared_ptr<tolk_task> held_by_handler_;
   std::atomic<bool> ended_{false};

@@ -1,0 +1,64 @@
+#include "capi/transfer.h"
+
+#include <exception>
+#include <utility>
+
+#include "capi/core.h"
+
+namespace tolk {
+
+class Transfer::Step final : public tolk_task {
+ public:
+  explicit Step(std::shared_ptr<Transfer> transfer)
+      : tolk_task(Kind::handler, false), transfer_(std::move(transfer)) {}
+
+ private:
+  void run_claimed() override { std::exchange(transfer_, nullptr)->run(); }
+  // The object ends.
+  void drop_claimed() override { std::exchange(transfer_, nullptr)->end(); }
+
+  std::shared_ptr<Transfer> transfer_;
+};
+
+Transfer::Transfer(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer)
+    : core_(std::move(core)), peer_(std::move(peer)) {}
+
+Transfer::~Transfer() = default;
+
+void Transfer::schedule() {
+  if (asked_.fetch_add(1) == 0) dispatch();
+}
+
+void Transfer::stop() {
+  stopped_ = true;
+  if (asked_.fetch_add(1) == 0) end();
+}
+
+void Transfer::dispatch() {
+  const auto self = shared_from_this();
+  try {
+    core_->callbacks().dispatch(std::make_shared<Step>(self), Callbacks::When::later);
+  } catch (const std::exception&) {
+    ran_out_ = true;
+    end();
+  }
+}
+
+void Transfer::run() {
+  const std::uint32_t seen = asked_;
+  try {
+    if (!stopped_) step();
+  } catch (const std::exception&) {
+    stopped_ = ran_out_ = true;
+  }
+  if (stopped_) return end();
+  if (asked_.fetch_sub(seen) != seen) dispatch();
+}
+
+// `asked_` stays above 0.
+void Transfer::end() {
+  stopped_ = true;
+  if (!std::exchange(released_, true)) release();
+}
+
+}  // namespace tolk
