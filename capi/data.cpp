@@ -121,8 +121,8 @@ class FileSource final : public tolk_source {
 
 class CallbackSource final : public tolk_source {
  public:
-  CallbackSource(std::uint64_t total, tolk_read read, Context context)
-      : tolk_source(total), read_(read), context_(std::move(context)) {}
+  CallbackSource(std::uint64_t total, tolk_read from, Context context)
+      : tolk_source(total), read_(from), context_(std::move(context)) {}
 
   bool read(char* to, std::size_t size) override {
     while (size > 0) {
@@ -171,7 +171,7 @@ class FileSink final : public tolk_sink {
 
 class CallbackSink final : public tolk_sink {
  public:
-  CallbackSink(tolk_write write, Context context) : write_(write), context_(std::move(context)) {}
+  CallbackSink(tolk_write to, Context context) : write_(to), context_(std::move(context)) {}
 
   bool write(std::string_view bytes) override {
     return write_(context_.get(), bytes.data(), bytes.size());
