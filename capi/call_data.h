@@ -14,16 +14,41 @@
 
 namespace tolk {
 
+class Delivery;
+
 struct CallData {
   CallData() { ++alive; }
   ~CallData() {
-    if (out) out->stop();
-    if (const auto answer = *in.lock()) answer->stop();
+    end(nullptr);
     --alive;
   }
   CallData(const CallData&) = delete;
   CallData& operator=(const CallData&) = delete;
 
+  // Stops the transfers. `after` is dropped when no code of the host runs for them any more.
+  void end(const std::shared_ptr<void>& after) {
+    if (out) out->stop(after);
+    std::shared_ptr<AnswerIn> in;
+    std::unique_ptr<tolk_sink> unused;  // dropped after the lock
+    {
+      const auto answer = answer_data.lock();
+      answer->is_over = true;
+      in = answer->in;
+      unused = std::move(answer->sink);
+    }
+    if (in) in->stop(after);
+  }
+
+  // The data of the answer.
+  struct Answer {
+    std::unique_ptr<tolk_sink> sink;  // until they begin
+    std::shared_ptr<AnswerIn> in;
+    bool is_over = false;
+  };
+  Guarded<Answer> answer_data;
+
+  // What tells the outcome, made before there is one.
+  std::shared_ptr<Delivery> delivery;
   // Constant once the call has begun. A call has its own kind, which `call` names too.
   std::shared_ptr<TransferOut> out;
   std::shared_ptr<CallOut> call;
@@ -31,9 +56,7 @@ struct CallData {
   std::int32_t piece_limit_ms = 0;
   std::unique_ptr<tolk_source> source;  // until the call begins
   // The loop.
-  std::unique_ptr<tolk_sink> sink;  // until the data of the answer begin
   bool replied = false;
-  Guarded<std::shared_ptr<AnswerIn>> in;
 
   // Of the process: without one, nobody looks for it.
   static inline constinit std::atomic<std::size_t> alive{0};

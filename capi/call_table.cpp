@@ -23,6 +23,35 @@ Outcome Outcome::of(Failure failure) {
   return outcome;
 }
 
+// Its end tells the outcome of a call with data: the host hears of that when its sources, sinks and
+// progress are through.
+class Delivery {
+ public:
+  Delivery() = default;
+  ~Delivery() {
+    if (record_) table_->deliver(record_, when_);
+  }
+  Delivery(const Delivery&) = delete;
+  Delivery& operator=(const Delivery&) = delete;
+
+  void prepare(CallTable& table, std::shared_ptr<CallRecord> record, Callbacks::When when) {
+    table_ = &table;
+    record_ = std::move(record);
+    when_ = when;
+  }
+
+ private:
+  CallTable* table_ = nullptr;
+  std::shared_ptr<CallRecord> record_;
+  Callbacks::When when_ = Callbacks::When::later;
+};
+
+std::shared_ptr<CallData> CallTable::new_data() {
+  auto data = std::make_shared<CallData>();
+  data->delivery = std::make_shared<Delivery>();
+  return data;
+}
+
 void CallRecord::run_claimed() {
   tolk_outcome shown{};
   shown.size = sizeof shown;
@@ -66,7 +95,14 @@ std::shared_ptr<CallRecord> CallTable::take(std::uint64_t number) {
 void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcome,
                        Callbacks::When when) {
   record->outcome = std::move(outcome);
-  record->data.reset();
+  const auto data = std::move(record->data);
+  if (!data) return deliver(record, when);
+  const auto delivery = std::move(data->delivery);
+  delivery->prepare(*this, record, when);
+  data->end(delivery);
+}
+
+void CallTable::deliver(const std::shared_ptr<CallRecord>& record, Callbacks::When when) {
   if (record->done != nullptr) return callbacks_.dispatch(record, when);
   if (record->is_own) return;
   const auto shard = shard_of(record->number).lock();
@@ -102,7 +138,7 @@ std::shared_ptr<CallData> CallTable::data_of(std::uint64_t peer, std::uint64_t n
 }
 
 std::shared_ptr<CallData> CallTable::data_for(std::uint64_t peer, std::uint64_t number) {
-  const auto made = std::make_shared<CallData>();
+  const auto made = new_data();
   const auto shard = shard_of(number).lock();
   CallRecord* const record = open_record(*shard, number);
   if (record == nullptr || record->peer != peer) return nullptr;

@@ -69,6 +69,7 @@ struct CallRecord final : tolk_task {
 
 class CallTable {
  public:
+  static std::shared_ptr<CallData> new_data();
   explicit CallTable(Callbacks& callbacks) : callbacks_(callbacks) {}
 
   // False: the table is closed.
@@ -104,6 +105,7 @@ class CallTable {
   bool wait(std::uint64_t number, Wait wait, const MakeOutcome& timed_out, Outcome* outcome);
 
  private:
+  friend class Delivery;
   using Records = std::unordered_map<std::uint64_t, std::shared_ptr<CallRecord>>;
   struct Shard {
     Records records;
@@ -119,6 +121,7 @@ class CallTable {
   // Null: there is no such call, or somebody has taken it.
   std::shared_ptr<CallRecord> take(std::uint64_t number);
   void settle(const std::shared_ptr<CallRecord>& record, Outcome outcome, Callbacks::When when);
+  void deliver(const std::shared_ptr<CallRecord>& record, Callbacks::When when);
   template <class Matches>
   void complete_where(const Matches& matches, const MakeOutcome& make, bool close);
 

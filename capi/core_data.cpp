@@ -34,9 +34,9 @@ std::shared_ptr<CallData> Core::take_data_of(const tolk_call& call) {
   std::unique_ptr<tolk_source> source(call.source);
   std::unique_ptr<tolk_sink> sink(call.sink);
   if (!source && !sink) return nullptr;
-  auto data = std::make_shared<CallData>();
+  auto data = CallTable::new_data();
   data->source = std::move(source);
-  data->sink = std::move(sink);
+  data->answer_data.lock()->sink = std::move(sink);
   data->progress = {call.progress, call.context};
   data->piece_limit_ms = call.piece_limit_ms;
   return data;
@@ -74,7 +74,7 @@ void Core::start_answer(const std::shared_ptr<AnswerOut>& answer, Peer& to) {
   record->peer = to.id();
   record->is_own = true;
   record->deadline = deadline_after(usual_limit());
-  record->data = std::make_shared<CallData>();
+  record->data = CallTable::new_data();
   record->data->out = answer;
   if (!calls_.add(record)) return answer->stop();
   watch(record->number, record->deadline);
@@ -145,7 +145,7 @@ bool Core::takes_data_reply(Peer& peer, std::uint64_t number, const Message& rep
   }
   if (!data->call) return false;
   data->call->on_ended();
-  const bool answer_had_data = *data->in.lock() != nullptr;
+  const bool answer_had_data = data->answer_data.lock()->in != nullptr;
   if (std::exchange(data->replied, true) || reply.error || answer_had_data) return false;
   return data->call->keeps_reply(payload);
 }
@@ -153,11 +153,13 @@ bool Core::takes_data_reply(Peer& peer, std::uint64_t number, const Message& rep
 // False: data that the reply speaks of are not there.
 bool Core::take_answer_data(const CallRecord& record, const Message& reply,
                             std::optional<SharedBytes>* data) {
-  if (!reply.data) {
-    if (record.data && record.data->sink) record.data->sink->keep();
-    return true;
+  std::shared_ptr<AnswerIn> in;
+  if (record.data) {
+    const auto answer = record.data->answer_data.lock();
+    if (!reply.data && answer->sink) answer->sink->keep();
+    in = answer->in;
   }
-  const auto in = record.data ? *record.data->in.lock() : nullptr;
+  if (!reply.data) return true;
   return in && in->take_all(*reply.data, data);
 }
 
@@ -208,14 +210,15 @@ void Core::take_piece_of_answer(const std::shared_ptr<Peer>& peer, const Message
                 Move::only_later);
   std::shared_ptr<AnswerIn> in;
   {
-    const auto known = data->in.lock();
-    if (!*known) {
-      *known = std::make_shared<AnswerIn>(shared(), peer, number, received.piece.total,
-                                          std::move(data->sink), data->progress);
+    const auto answer = data->answer_data.lock();
+    if (!answer->in && !answer->is_over) {
+      answer->in = std::make_shared<AnswerIn>(shared(), peer, number, received.piece.total,
+                                              std::move(answer->sink), data->progress);
     }
-    in = *known;
+    in = answer->in;
   }
-  in->add(std::move(received));
+  if (in) return in->add(std::move(received));
+  reply_failure(*peer, call, {TOLK_CANCELLED, 0, "nobody waits for the data any more", nullptr});
 }
 
 }  // namespace tolk

@@ -29,7 +29,8 @@ void Transfer::schedule() {
   if (asked_.fetch_add(1) == 0) dispatch();
 }
 
-void Transfer::stop() {
+void Transfer::stop(std::shared_ptr<void> after) {
+  if (const auto state = after_.lock(); after && !state->is_over) state->dropped = std::move(after);
   stopped_ = true;
   if (asked_.fetch_add(1) == 0) end();
 }
@@ -58,7 +59,12 @@ void Transfer::run() {
 // `asked_` stays above 0.
 void Transfer::end() {
   stopped_ = true;
-  if (!std::exchange(released_, true)) release();
+  if (after_.lock()->is_over) return;
+  release();
+  std::shared_ptr<void> after;  // dropped after the lock
+  const auto state = after_.lock();
+  state->is_over = true;
+  after = std::move(state->dropped);
 }
 
 }  // namespace tolk

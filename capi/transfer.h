@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "transport/thread_safety.h"
+
 namespace tolk {
 
 class Core;
@@ -25,8 +27,8 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
 
   // Has a step run soon.
   void schedule();
-  // No step begins any more.
-  void stop();
+  // No step begins any more. `after` is dropped when the host's code of the transfer is through.
+  void stop(std::shared_ptr<void> after = nullptr);
 
  protected:
   virtual void step() = 0;
@@ -50,7 +52,11 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   // Who raises it from 0 is alone with the transfer until it is 0 again.
   std::atomic<std::uint32_t> asked_{0};
   std::atomic<bool> stopped_{false};
-  bool released_ = false;
+  struct After {
+    bool is_over = false;
+    std::shared_ptr<void> dropped;
+  };
+  Guarded<After> after_;
   bool ran_out_ = false;
 };
 

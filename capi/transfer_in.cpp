@@ -45,6 +45,7 @@ void TransferIn::step() {
 void TransferIn::take(const ReceivedPiece& received) {
   const Piece& piece = received.piece;
   if (piece.total != total_ || piece.offset != done_ || piece.is_first() == begun_) {
+    status_ = TOLK_MALFORMED;
     return refuse(received, TOLK_FAILED, "a piece is missing");
   }
   if (!begun_) {
@@ -92,6 +93,7 @@ void TransferIn::confirm(const ReceivedPiece& piece) {
 
 void TransferIn::refuse(const ReceivedPiece& piece, tolk_status status, const char* text) {
   stop();
+  on_refused();
   if (!piece.ids.wants_reply()) return;
   peer().send(failure_message(core().role(), piece.ids, {status, 0, text, nullptr}), false);
 }
@@ -196,15 +198,18 @@ bool AnswerIn::take_all(double total, std::optional<SharedBytes>* data) {
   return true;
 }
 
-// Stopped by itself it is the end of the call.
+// The end of the data is that of the call.
+void AnswerIn::on_refused() {
+  const char* const reason = status_ == TOLK_FILE ? "the data cannot be stored" : nullptr;
+  core().fail_call(number_, status_, reason, 0);
+}
+
 void AnswerIn::release() {
   TransferIn::release();
   Result dropped;
   std::swap(dropped, *result_.lock());
-  guarded([&] {
-    const char* const reason = status_ == TOLK_FILE ? "the data cannot be stored" : nullptr;
-    core().fail_call(number_, status_, reason, 0);
-  });
+  if (ran_out_of_memory()) status_ = TOLK_NO_MEMORY;
+  guarded([&] { on_refused(); });  // unless the call has an outcome
 }
 
 }  // namespace tolk

@@ -50,6 +50,8 @@ class TransferIn : public Transfer {
 
   void confirm(const ReceivedPiece& piece);
   void refuse(const ReceivedPiece& piece, tolk_status status, const char* text);
+  // Before the sender hears of it.
+  virtual void on_refused() {}
   std::uint64_t total() const { return total_; }
 
   std::unique_ptr<tolk_sink> sink_;
@@ -110,6 +112,7 @@ class AnswerIn final : public TransferIn {
   bool begin(const ReceivedPiece& first) override;
   Progress progress() const override { return progress_; }
   void on_complete(const ReceivedPiece& last) override;
+  void on_refused() override;
   void release() override;
 
   const std::uint64_t number_;

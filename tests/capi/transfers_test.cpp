@@ -360,7 +360,9 @@ TEST_P(CapiTransfers, ACancelAtEachPieceEndsBothEnds) {
     call.may_go_on = [&](std::uint64_t done) { return done < at * kPieceOfTransfer; };
     EXPECT_EQ(call.run(client.get()), TOLK_CANCELLED);
     EXPECT_EQ(tolk::test::call_client(client.get(), "nothing", "").status, TOLK_NO_METHOD);
-    if (at > 0) EXPECT_TRUE(checker.is_released.wait()) << at;
+    if (at > 0) {
+      EXPECT_TRUE(checker.is_released.wait()) << at;
+    }
     end();
     EXPECT_EQ(stored.handled, 0);
     EXPECT_EQ(maker.released, 1);
@@ -415,7 +417,8 @@ TEST_P(CapiTransfers, AFailingSinkOrSourceEndsTheTransfer) {
   store.raw.source = good.source(20 * kPieceOfTransfer);
   EXPECT_EQ(store.run(client.get()), TOLK_FAILED);
   EXPECT_TRUE(full.is_released.wait());
-  DataCall no_source("store");
+  EXPECT_EQ(good.released, 1);
+  DataCall no_source("fetch");
   no_source.raw.source = broken.source(20 * kPieceOfTransfer);
   EXPECT_EQ(no_source.run(client.get()), TOLK_FILE);
   DataCall no_data("fetch");
@@ -479,7 +482,9 @@ TEST_P(CapiTransfers, TheHostCancelsACallWhoseDataAreUnderWay) {
   call.may_go_on = [&](std::uint64_t done) { return done < 20 * kPieceOfTransfer || half.wait(); };
   const std::uint64_t number = tolk_client_start(client.get(), &call.raw);
   EXPECT_TRUE(half.wait());
-  if (tolk_client_cancel(client.get(), number)) EXPECT_TRUE(checker.is_released.wait());
+  if (tolk_client_cancel(client.get(), number)) {
+    EXPECT_TRUE(checker.is_released.wait());
+  }
   end();
   EXPECT_EQ(maker.released, 1);
   EXPECT_EQ(checker.released, 1);
