@@ -79,6 +79,9 @@ class Core {
   void post_cancel(Peer& peer, std::uint64_t number);
   void complete_with_reply(Peer& peer, std::uint64_t number, const Message& reply,
                            const SharedBytes& payload);
+  // Starts a call of the library with a `done`.
+  void start_own(std::shared_ptr<CallRecord> record, const std::shared_ptr<Peer>& to,
+                 const Content& arguments, std::int32_t limit_ms);
   void start_answer(const std::shared_ptr<AnswerOut>& answer, Peer& to);
 
   // In core_end.cpp: the end, by the host.
@@ -158,6 +161,9 @@ class Core {
   void take_reply(Peer& peer, const Message& reply, const SharedBytes& payload) TOLK_LOOP;
   void take_call(const std::shared_ptr<Peer>& peer, const Message& call,
                  const SharedBytes& payload) TOLK_LOOP;
+  void take_plain_piece(const std::shared_ptr<Peer>& peer, const Message& call) TOLK_LOOP;
+  void take_plain_call(const std::shared_ptr<Peer>& peer, const Message& call, int call_id,
+                       const SharedBytes& block) TOLK_LOOP;
   // Null: the call is answered with a failure.
   std::shared_ptr<const Method> method_for(Peer& peer, const Message& call,
                                            const std::string& name) TOLK_LOOP;

@@ -4,7 +4,9 @@
 #include "capi/core.h"
 #include "capi/options.h"
 #include "capi/pieces.h"
+#include "capi/plain_pieces.h"
 #include "capi/request.h"
+#include "params/content.h"
 #include "params/encoder.h"
 #include "transport/token.h"
 
@@ -219,6 +221,48 @@ void Core::take_piece_of_answer(const std::shared_ptr<Peer>& peer, const Message
   }
   if (in) return in->add(std::move(received));
   reply_failure(*peer, call, {TOLK_CANCELLED, 0, "nobody waits for the data any more", nullptr});
+}
+
+// Large calls of plain clients.
+
+void Core::take_plain_piece(const std::shared_ptr<Peer>& peer, const Message& call) {
+  const CallIds ids(call.plain);
+  TolkParams piece;
+  TolkParamsAccess::parse_shared(piece, copy_of(call.plain.arguments.value_or("")));
+  auto joined = peer->plain_pieces().add(piece);
+  if (joined) return take_plain_call(peer, call, joined->call_id, joined->bytes);
+  if (ids.wants_reply()) peer->send(plain_piece_answer(role_, ids), false);
+}
+
+void Core::take_plain_call(const std::shared_ptr<Peer>& peer, const Message& last, int call_id,
+                           const SharedBytes& block) {
+  const Envelope inner = Message::scan(block.view).plain;
+  const CallIds ids(last.plain);
+  if (!inner.well_formed || !inner.name) {
+    if (ids.wants_reply()) peer->send(plain_malformed_answer(role_, ids), false);
+    return;
+  }
+  Message call = last;
+  call.plain.name = inner.name;
+  call.plain.arguments.reset();
+  const auto method =
+      settings_.methods ? settings_.methods->find(*inner.name) : std::shared_ptr<const Method>();
+  if (!method) {
+    std::string records;
+    Encoder<std::string>(records, 0).add_string(kNoEvent + std::string(*inner.name));
+    return send_plain_result(shared(), peer, ids, call_id, std::move(records));
+  }
+  const auto request = std::make_shared<tolk_request>(shared(), peer, method, call, block);
+  peer->add_request(*request, block.view.size());
+  request->become_plain(call_id, block);
+  peer->dispatch(request);
+}
+
+void Core::start_own(std::shared_ptr<CallRecord> record, const std::shared_ptr<Peer>& to,
+                     const Content& arguments, std::int32_t limit_ms) {
+  record->peer = to->id();
+  record->deadline = deadline_after(limit_ms);
+  start_internal(std::move(record), to, &arguments, {});
 }
 
 }  // namespace tolk

@@ -8,6 +8,7 @@
 #include "capi/request.h"
 #include "params/encoder.h"
 #include "params/parser.h"
+#include "transport/reserved_names.h"
 
 namespace tolk {
 
@@ -18,6 +19,9 @@ void Core::receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload
   if (message.plain.name == kMethodCancel) return take_cancel(*peer, message);
   if (answers_itself(*peer, message)) return;
   if (message.plain.name == kMethodDescribe) return describe(*peer, message);
+  if (message.plain.name == kMethodPieceBody && role_ == Side::server) {
+    return take_plain_piece(peer, message);
+  }
   if (message.plain.name == kMethodPiece) return take_piece(peer, payload);
   take_call(peer, message, payload);
 }

@@ -188,8 +188,8 @@ Frame post_message(std::string_view name, const Content* arguments) {
   });
 }
 
-Frame reply_message(Side side, const CallIds& ids, const Content& result,
-                    std::string_view features, std::optional<double> data) {
+Frame reply_message(Side side, const CallIds& ids, const Content& result, std::string_view features,
+                    std::optional<double> data) {
   return Frame::build_around(large_part(&result), [&](auto& encoder) {
     encoder.add_encoded(result.bytes.view);
     add_envelope(encoder, side, ids);
@@ -209,6 +209,14 @@ Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failu
     add_envelope(encoder, side, ids);
     add_failure(encoder, failure);
   });
+}
+
+std::string failure_records(const HandlerFailure& failure, std::string_view unknown) {
+  std::string records;
+  Encoder<std::string> encoder(records, 0);
+  if (!unknown.empty()) encoder.add_string(kNoEvent + std::string(unknown));
+  add_failure(encoder, failure);
+  return records;
 }
 
 Failure failure_of(const Message& reply, std::string_view method) {

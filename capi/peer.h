@@ -18,6 +18,7 @@
 #include "capi/ordered_queue.h"
 #include "transport/outgoing_queue.h"
 #include "transport/peer_stream.h"
+#include "transport/piece_assembler.h"
 
 namespace tolk {
 
@@ -59,6 +60,7 @@ class Peer final : public StreamUser,
   void dispatch_next(OrderedQueue& queue);
   OrderedQueue& ordered() { return ordered_; }
   OrderedQueue& hooks() { return hooks_; }
+  PieceAssembler& plain_pieces() { return plain_pieces_; }
 
   void add_request(tolk_request& request, std::size_t bytes) TOLK_LOOP;
   void remove_request(tolk_request& request, std::size_t bytes);
@@ -95,6 +97,7 @@ class Peer final : public StreamUser,
   OutgoingQueue out_;
   OrderedQueue ordered_;
   OrderedQueue hooks_;
+  PieceAssembler plain_pieces_;
   Guarded<Held> held_;
   Guarded<OpenRequests> open_requests_;
   Guarded<Incoming> incoming_;

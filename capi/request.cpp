@@ -6,6 +6,7 @@
 
 #include "capi/core.h"
 #include "capi/pieces.h"
+#include "capi/plain_pieces.h"
 #include "capi/transfer_in.h"
 #include "capi/transfer_out.h"
 #include "transport/token.h"
@@ -101,14 +102,14 @@ void tolk_request::part_is_over() {
     peer_->dispatch_next(peer_->ordered());
 }
 
-template <class MakeFrame>
-void tolk_request::end_with(const MakeFrame& make) {
+template <class Send>
+void tolk_request::end_by(const Send& send) {
   const auto self = shared_from_this();
   const auto held = std::move(held_by_handler_);
   if (ended_.exchange(true)) return;
   if (ids_.wants_reply()) {
     try {
-      peer_->send(make(), false);
+      send();
     } catch (const std::bad_alloc&) {
       core_kept_->disconnect(*peer_);
     }
@@ -117,7 +118,26 @@ void tolk_request::end_with(const MakeFrame& make) {
   part_is_over();
 }
 
+template <class MakeFrame>
+void tolk_request::end_with(const MakeFrame& make) {
+  end_by([&] { peer_->send(make(), false); });
+}
+
+void tolk_request::end_plain(std::string records) {
+  end_by([&] {
+    tolk::send_plain_result(core_kept_, peer_, ids_, *plain_call_id_, std::move(records));
+  });
+}
+
+void tolk_request::become_plain(int call_id, const tolk::SharedBytes& block) {
+  plain_call_id_ = call_id;
+  arguments_ = tolk_block::of_message(block, {}, tolk_block::Reserved::dropped).block;
+}
+
 void tolk_request::answer(const tolk_block* result) {
+  if (plain_call_id_ && (result == nullptr || result->status() == TOLK_OK)) {
+    return end_plain(std::string(tolk::Content::of(result).bytes.view));
+  }
   end_with([&] {
     const tolk::Content content = tolk::Content::of(result);
     const auto refused = [&](const char* text) {
@@ -131,6 +151,7 @@ void tolk_request::answer(const tolk_block* result) {
 }
 
 void tolk_request::answer_with(const tolk::Content& result, std::optional<double> data) {
+  if (plain_call_id_) return end_plain(std::string(result.bytes.view));
   end_with([&] { return tolk::reply_message(core_kept_->role(), ids_, result, {}, data); });
 }
 
@@ -176,6 +197,7 @@ bool tolk_request::take_data(std::optional<tolk::SharedBytes> data,
 void tolk_request::fail(const tolk::HandlerFailure& failure) {
   const std::string_view unknown =
       failure.status == TOLK_NO_METHOD ? std::string_view(name_) : std::string_view();
+  if (plain_call_id_) return end_plain(tolk::failure_records(failure, unknown));
   end_with([&] { return tolk::failure_message(core_kept_->role(), ids_, failure, unknown); });
 }
 

@@ -54,6 +54,10 @@ struct tolk_request final : tolk_task {
   // their time.
   bool is_wanted() const;
 
+  // A large call of a plain client: the block that its pieces are, with the client's call id. The
+  // result goes back in such pieces.
+  void become_plain(int call_id, const tolk::SharedBytes& block);
+
   // Data that came with the call, all of them, and their last piece. Without a value of its own
   // they are in a sink. False: they are too large for the arguments.
   bool take_data(std::optional<tolk::SharedBytes> data, const tolk::ReceivedPiece& last);
@@ -61,8 +65,11 @@ struct tolk_request final : tolk_task {
  private:
   void run_claimed() override;
   void drop_claimed() override;
+  template <class Send>
+  void end_by(const Send& send);
   template <class MakeFrame>
   void end_with(const MakeFrame& make);
+  void end_plain(std::string records);
   void part_is_over();
 
   const std::shared_ptr<tolk::Core> core_kept_;
@@ -70,6 +77,7 @@ struct tolk_request final : tolk_task {
   const std::shared_ptr<const tolk::Method> method_;
   const std::string name_;
   tolk::CallIds ids_;
+  std::optional<int> plain_call_id_;
   const std::string token_;
   const std::size_t bytes_;
   std::uint64_t deadline_ = UINT64_MAX;

@@ -695,4 +695,51 @@ TEST_P(CapiOtherPeers, ALayeredClientSendsPiecesAndGetsAnAnswerInOneMessage) {
   end();
 }
 
+TEST_P(CapiOtherPeers, ALargeCallOfAPlainClientIsAnsweredInItsPieces) {
+  DataMethod take;
+  take.handler = [](tolk_request* request) {
+    const tolk_block* const got = tolk_request_arguments(request);
+    EXPECT_EQ(tolk_block_total(got), 1U);
+    const std::string bytes = bytes_at(got, 0);
+    EXPECT_TRUE(are_bytes(0, bytes.data(), bytes.size()));
+    tolk_request_answer(request, text_block(bytes).release());
+  };
+  take.add_to(server_methods.get(), "mirror");
+  DataMethod refuse;
+  refuse.handler = [](tolk_request* request) {
+    tolk_request_fail(request, TOLK_FAILED, 0, "no", nullptr);
+  };
+  refuse.add_to(server_methods.get(), "refuse");
+  const int port = 20000 + static_cast<int>(std::random_device()() % 20000);
+  tolk_server_options options{};
+  options.size = sizeof options;
+  options.methods = server_methods.get();
+  tolk_server* made = nullptr;
+  ASSERT_EQ(tolk_server_listen(("pipe:" + std::to_string(port)).c_str(), &options, &made, nullptr),
+            TOLK_OK);
+  server.reset(made);
+  IClient* const plain = CreateClient();
+  ASSERT_TRUE(plain->InitTolkClient(std::to_string(port).c_str(), false));
+  const std::string bytes = some_bytes(100000);
+  TolkParams block;
+  block.AddStream(bytes.data(), static_cast<long>(bytes.size()));
+  TolkParams* result = plain->SendMsgEx("mirror", &block, 77, 0);
+  ASSERT_NE(result, nullptr);
+  ASSERT_NE(result->GetValue(0), nullptr);
+  EXPECT_EQ(std::string(result->GetValue(0)->GetString()).size(),
+            std::string(bytes.c_str()).size());
+  TolkParams more;
+  result = plain->SendMsgEx("refuse", &more, 78, 0);
+  ASSERT_NE(result, nullptr);
+  EXPECT_NE(result->GetMap("tolk.error"), nullptr);
+  TolkParams none;
+  result = plain->SendMsgEx("unknown", &none, 79, 0);
+  ASSERT_NE(result, nullptr);
+  ASSERT_NE(result->GetValue(0), nullptr);
+  EXPECT_STREQ(result->GetValue(0)->GetString(), "no event: unknown");
+  plain->close();
+  DestroyClient(plain);
+  end();
+}
+
 }  // namespace
