@@ -113,7 +113,7 @@ void Callbacks::hand_over(tolk_task& task, When when, bool ended) {
 // An ended object's executor is the host's again.
 void Callbacks::hand_to_others(tolk_task& task) {
   auto self = task.shared_from_this();
-  if (execute_ != nullptr && !state_.lock()->ended) {
+  if (execute_ != nullptr && !task.is_for_workers() && !state_.lock()->ended) {
     task.held_by_host_ = std::move(self);
     return execute_(context_, &task);
   }

@@ -133,6 +133,7 @@ class CallbackSource final : public tolk_source {
     }
     return true;
   }
+  bool calls_host() const override { return true; }
 
  private:
   const tolk_read read_;
@@ -176,6 +177,7 @@ class CallbackSink final : public tolk_sink {
   bool write(std::string_view bytes) override {
     return write_(context_.get(), bytes.data(), bytes.size());
   }
+  bool calls_host() const override { return true; }
 
  private:
   const tolk_write write_;

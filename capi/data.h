@@ -22,6 +22,8 @@ struct tolk_source {
   // The next bytes, as many as asked for.
   virtual bool read(char* to, std::size_t size) = 0;
   int code() const { return code_; }
+  // It runs code of the host.
+  virtual bool calls_host() const { return false; }
 
  protected:
   int code_ = 0;
@@ -38,6 +40,8 @@ struct tolk_sink {
   tolk_sink& operator=(const tolk_sink&) = delete;
 
   virtual bool write(std::string_view bytes) = 0;
+  // It runs code of the host.
+  virtual bool calls_host() const { return false; }
   // All bytes are there.
   virtual bool finish() { return true; }
   // The transfer has succeeded.

@@ -10,13 +10,17 @@ namespace tolk {
 class Transfer::Step final : public tolk_task {
  public:
   explicit Step(std::shared_ptr<Transfer> transfer)
-      : tolk_task(Kind::handler, false), transfer_(std::move(transfer)) {}
+      : tolk_task(Kind::handler, false),
+        is_for_workers_(!transfer->calls_host()),
+        transfer_(std::move(transfer)) {}
 
  private:
   void run_claimed() override { std::exchange(transfer_, nullptr)->run(); }
+  bool is_for_workers() const override { return is_for_workers_; }
   // The object ends.
   void drop_claimed() override { std::exchange(transfer_, nullptr)->end(); }
 
+  const bool is_for_workers_;
   std::shared_ptr<Transfer> transfer_;
 };
 

@@ -31,6 +31,8 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   void stop(std::shared_ptr<void> after = nullptr);
 
  protected:
+  // Whether steps run code of the host. Without, the host's executor has nothing to do with them.
+  virtual bool calls_host() const = 0;
   virtual void step() = 0;
   // Lets go of the host's source or sink. Completes what is not complete.
   virtual void release() = 0;

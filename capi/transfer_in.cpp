@@ -118,6 +118,10 @@ RequestIn::~RequestIn() = default;
 
 const std::string& RequestIn::token() const { return request_->token(); }
 
+bool RequestIn::calls_host() const {
+  return request_->method().accept != nullptr || request_->method().progress != nullptr;
+}
+
 Progress RequestIn::progress() const {
   const Method& method = request_->method();
   return {method.progress, method.context.get()};
@@ -166,7 +170,8 @@ AnswerIn::AnswerIn(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer, std::
     : TransferIn(std::move(core), std::move(peer), total),
       number_(number),
       progress_(progress),
-      has_sink_(sink != nullptr) {
+      has_sink_(sink != nullptr),
+      calls_host_(progress.function != nullptr || (sink && sink->calls_host())) {
   sink_ = std::move(sink);
 }
 

@@ -84,6 +84,8 @@ class RequestIn final : public TransferIn {
   const std::string& token() const;
 
  private:
+  // `accept` may give a sink that runs code of the host.
+  bool calls_host() const override;
   bool begin(const ReceivedPiece& first) override;
   Progress progress() const override;
   void on_complete(const ReceivedPiece& last) override;
@@ -111,6 +113,7 @@ class AnswerIn final : public TransferIn {
 
   bool begin(const ReceivedPiece& first) override;
   Progress progress() const override { return progress_; }
+  bool calls_host() const override { return calls_host_; }
   void on_complete(const ReceivedPiece& last) override;
   void on_refused() override;
   void release() override;
@@ -118,6 +121,7 @@ class AnswerIn final : public TransferIn {
   const std::uint64_t number_;
   const Progress progress_;
   const bool has_sink_;
+  const bool calls_host_;
   Guarded<Result> result_;  // for the thread that completes the call
 };
 

@@ -13,7 +13,10 @@ namespace tolk {
 
 TransferOut::TransferOut(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer,
                          std::uint64_t number, std::unique_ptr<tolk_source> source)
-    : Transfer(std::move(core), std::move(peer)), number_(number), source_(std::move(source)) {}
+    : Transfer(std::move(core), std::move(peer)),
+      number_(number),
+      source_calls_host_(source->calls_host()),
+      source_(std::move(source)) {}
 
 TransferOut::~TransferOut() = default;
 

@@ -54,6 +54,7 @@ class TransferOut : public Transfer {
   std::uint64_t total() const { return source_->total(); }
   // All data, in front of `rest`. False: it has failed.
   bool gather(const tolk_block& rest, Content* whole);
+  bool calls_host() const override { return source_calls_host_; }
   void step() override;
   void release() override;
   bool in_pieces() const { return in_pieces_; }
@@ -64,6 +65,7 @@ class TransferOut : public Transfer {
   bool send_next(std::size_t size);
 
   const std::uint64_t number_;
+  const bool source_calls_host_;
   std::unique_ptr<tolk_source> source_;
   std::atomic<bool> is_accepted_{false};
   std::atomic<std::uint64_t> confirmed_{0};
@@ -99,6 +101,9 @@ class CallOut final : public TransferOut {
   void send_piece(const Content& content, bool is_last) override;
   bool last_waits() const override { return true; }
   bool report(std::uint64_t done) override;
+  bool calls_host() const override {
+    return what_.progress.function != nullptr || TransferOut::calls_host();
+  }
   void fail(const Trouble& trouble) override;
   void step() override;
   void release() override;

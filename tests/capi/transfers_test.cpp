@@ -543,6 +543,24 @@ TEST_P(CapiTransfers, TooMuchWithoutASinkIsRefused) {
   EXPECT_EQ(method.handled, 0);
 }
 
+// A host that waits on the only thread of its executor.
+TEST_P(CapiTransfers, DataWithoutCallbacksNeedNoExecutor) {
+  method.add_to(server_methods.get(), "take");
+  ASSERT_NO_FATAL_FAILURE(listen());
+  tolk_client_options options{};
+  options.execute = [](void*, tolk_task* task) {
+    ADD_FAILURE() << "the executor got a task";
+    tolk_task_run(task);
+  };
+  client = connect(options);
+  const std::string bytes = some_bytes(3 * kPieceOfTransfer);
+  DataCall call("take");
+  call.raw.progress = nullptr;
+  call.raw.source = tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr);
+  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
+  end();
+}
+
 TEST_P(CapiTransfers, EightGoSideBySide) {
   std::array<Checker, 8> checkers;
   method.accept = [&](const tolk_request* request, std::uint64_t, tolk_sink** sink) {
