@@ -48,7 +48,7 @@ struct PieceBlock {
 // The answer to a piece.
 Frame confirm_message(Side side, const CallIds& ids, std::uint64_t done);
 
-// Adds the values of `from`, but for the first `skip` positional ones.
+// Adds the values of `from` without the first `skip` ones.
 void append_values(tolk_block& to, const tolk_block& from, std::size_t skip);
 
 }  // namespace tolk
