@@ -247,18 +247,25 @@ void BlockIndex::settle() {
     count_ = static_cast<std::size_t>(middle - items_.begin());
   }
   if (!has_keyed_) return;
-  keyed().size() <= kFewKeys ? drop_replaced() : drop_replaced_of_many();
+  if (keyed().size() > kFewKeys) {
+    drop_replaced_of_many();
+  } else if (!drop_replaced()) {
+    return;
+  }
   remove_dropped();
 }
 
-// Of equal keys the last one counts.
-void BlockIndex::drop_replaced() {
-  const std::span<Item> keyed = this->keyed();
-  for (std::size_t i = 0; i < keyed.size(); ++i) {
-    for (const Item& later : keyed.subspan(i + 1)) {
-      if (later.key_view() == keyed[i].key_view()) keyed[i].is_dropped = true;
+// Of equal keys the last one counts. False if each one does.
+bool BlockIndex::drop_replaced() {
+  bool is_any_dropped = false;
+  Item* const end = items_.end();
+  for (Item* item = items_.begin() + count_; item != end; ++item) {
+    for (const Item* later = item + 1; later != end; ++later) {
+      if (later->key_view() == item->key_view()) item->is_dropped = true;
     }
+    is_any_dropped = is_any_dropped || item->is_dropped;
   }
+  return is_any_dropped;
 }
 
 void BlockIndex::drop_replaced_of_many() {
@@ -307,24 +314,8 @@ std::size_t BlockIndex::find(std::string_view key) const {
   return at == by_key_.end() || !has_key(keyed[*at]) ? TOLK_NOWHERE : count_ + *at;
 }
 
-tolk_kind BlockIndex::kind_of(const Item& item, const TypeNotes* notes) {
-  switch (item.tag) {
-    case Tag::Int:
-      return TOLK_INT;
-    case Tag::Bool:
-      return TOLK_BOOL;
-    case Tag::Double:
-      return TOLK_DOUBLE;
-    case Tag::String:
-      return TOLK_TEXT;
-    case Tag::List:
-      return TOLK_LIST;
-    case Tag::Map:
-      return TOLK_MAP;
-    default:
-      break;
-  }
-  const std::optional<TypeNote> note = notes == nullptr ? std::nullopt : notes->of(item.record);
+tolk_kind BlockIndex::kind_of_stream(const Item& item, const TypeNotes& notes) {
+  const std::optional<TypeNote> note = notes.of(item.record);
   return note ? noted_kind(item, *note) : TOLK_BYTES;
 }
 

@@ -10,6 +10,7 @@
 
 #include <tolk/c.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -87,7 +88,12 @@ class IndexRef {
 class BlockIndex {
  public:
   // What a value is, with its note.
-  static tolk_kind kind_of(const Item& item, const TypeNotes* notes);
+  static tolk_kind kind_of(const Item& item, const TypeNotes* notes) {
+    constexpr std::array kinds{TOLK_INT,   TOLK_BOOL,    TOLK_DOUBLE, TOLK_TEXT,
+                               TOLK_BYTES, TOLK_MISSING, TOLK_LIST,   TOLK_MAP};
+    if (item.tag == Tag::Stream && notes != nullptr) return kind_of_stream(item, *notes);
+    return kinds[static_cast<std::size_t>(item.tag)];
+  }
 
   // Of bytes that `bytes.owner` keeps; and of bytes that are copied.
   static IndexRef of_shared(const SharedBytes& bytes);
@@ -130,6 +136,7 @@ class BlockIndex {
  private:
   friend class IndexSink;
 
+  static tolk_kind kind_of_stream(const Item& item, const TypeNotes& notes);
   BlockIndex(Arena* arena, BlockIndex* root) noexcept
       : arena_(arena), root_(root == nullptr ? this : root) {}
   ~BlockIndex() = default;
@@ -153,7 +160,7 @@ class BlockIndex {
   void parse(std::string_view bytes);
   void read_elements(const Item& list);
   void settle();
-  void drop_replaced();
+  bool drop_replaced();
   void drop_replaced_of_many();
   void sort_keys();
   void remove_dropped();

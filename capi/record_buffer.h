@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "params/shared_bytes.h"
 
@@ -48,9 +49,11 @@ class RecordBuffer {
     Writer(RecordBuffer& buffer, std::size_t position) noexcept
         : buffer_(buffer), at_(buffer.bytes_ + buffer.size_), position_(position) {}
     void append(const char* data, std::size_t count) noexcept {
-      std::memcpy(at_, data, count);
-      at_ += count;
+      std::memcpy(extend(count), data, count);
+    }
+    char* extend(std::size_t count) noexcept {
       position_ += count;
+      return std::exchange(at_, at_ + count);
     }
     std::size_t size() const noexcept { return position_; }
     void finish() const noexcept { buffer_.size_ = static_cast<std::size_t>(at_ - buffer_.bytes_); }
