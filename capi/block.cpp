@@ -18,19 +18,23 @@ using tolk::TypeNote;
 
 namespace {
 
-// Less than that is copied: it costs less than an owner, and the block stays in one piece.
-constexpr std::size_t kLeastHeldBytes = 4096;
-
-bool fits_an_int(std::int64_t value) {
-  return value >= std::numeric_limits<std::int32_t>::min() &&
-         value <= std::numeric_limits<std::int32_t>::max();
-}
+class BlockWithoutMemory final : public tolk_block {
+ public:
+  BlockWithoutMemory() noexcept : tolk_block(TOLK_NO_MEMORY) {}
+};
+tolk::NeverDestroyed<BlockWithoutMemory> block_without_memory;
 
 }  // namespace
 
-tolk_block::tolk_block(const tolk_block& other) : status_(other.status_) {
+tolk_block::tolk_block(const tolk_block& other) : tolk_block(other, nullptr) {}
+
+tolk_block::tolk_block(const tolk_block& other, char* room) : tolk_block(room) {
+  if (other.status_ != TOLK_OK) {
+    lose_as(other);
+    return;
+  }
   if (!other.is_received_) {
-    buffer_ = other.buffer_;
+    buffer_.copy(other.buffer_);
     held_ = other.held_;
     held_bytes_ = other.held_bytes_;
     records_ = other.records_;
@@ -58,12 +62,11 @@ tolk_block::tolk_block(const tolk_block& other) : status_(other.status_) {
 
 tolk_block::~tolk_block() { drop_index(); }
 
-tolk_block* tolk_block::without_memory() noexcept {
-  static tolk::NeverDestroyed<tolk_block> block;
-  static const bool made = (block->status_ = TOLK_NO_MEMORY, true);
-  static_cast<void>(made);
-  return &*block;
+tolk_block* tolk_block::copy() const {
+  return is_received_ ? new tolk_block(*this) : new tolk::BlockWithRoom(*this);
 }
+
+tolk_block* tolk_block::without_memory() noexcept { return &*block_without_memory; }
 
 tolk_block::Received tolk_block::of_message(SharedBytes payload, std::string_view types,
                                             Reserved reserved) {
@@ -72,7 +75,8 @@ tolk_block::Received tolk_block::of_message(SharedBytes payload, std::string_vie
 
 tolk_block::Received tolk_block::of_copy(std::string_view encoded) {
   IndexRef index = BlockIndex::of_copy(encoded);
-  const std::string_view types = index->take(kTypesKey);
+  const std::string_view types =
+      index->has_reserved() ? index->take(kTypesKey) : std::string_view();
   return received(std::move(index), types, Reserved::kept);
 }
 
@@ -184,8 +188,8 @@ void tolk_block::rebuild_into(tolk_block& built) const {
 
 const BlockIndex& tolk_block::index() const {
   if (const BlockIndex* const made = index_.load(std::memory_order_acquire)) return *made;
-  IndexRef index =
-      held_.empty() ? BlockIndex::of_buffer(buffer_, buffer_end()) : BlockIndex::of_shared(share());
+  IndexRef index = held_.empty() && buffer_.is_in_room() ? BlockIndex::of_copy(*view())
+                                                         : BlockIndex::of_shared(share());
   index->borrow_notes(notes_);
   BlockIndex* first = nullptr;
   if (!index_.compare_exchange_strong(first, index.get(), std::memory_order_acq_rel)) return *first;
@@ -201,6 +205,11 @@ void tolk_block::drop_index() noexcept {
 
 // ---- Changes ----
 
+void tolk_block::prepare_change() {
+  encoded_.reset();
+  become_built();
+}
+
 void tolk_block::become_built() {
   if (!is_received_) {
     drop_index();
@@ -210,7 +219,7 @@ void tolk_block::become_built() {
   rebuild_into(built);
   drop_index();
   is_received_ = false;
-  buffer_ = std::move(built.buffer_);
+  buffer_.copy(built.buffer_);
   held_ = std::move(built.held_);
   held_bytes_ = built.held_bytes_;
   records_ = built.records_;
@@ -223,171 +232,30 @@ void tolk_block::lose(tolk_status status) noexcept {
   status_ = status;
 }
 
+void tolk_block::refuse(std::string reason) {
+  auto kept = std::make_unique<const std::string>(std::move(reason));
+  lose(TOLK_MISUSE);
+  reason_ = std::move(kept);
+}
+
+void tolk_block::lose_as(const tolk_block& other) {
+  auto reason = other.reason_ ? std::make_unique<const std::string>(*other.reason_) : nullptr;
+  lose(other.status_);
+  reason_ = std::move(reason);
+}
+
 void tolk_block::clear() noexcept {
   if (this == without_memory()) return;
   drop_index();
   encoded_.reset();
-  buffer_ = {};
+  reason_.reset();
+  buffer_.clear();
   held_.clear();
   held_bytes_ = 0;
   records_ = 0;
   keyed_ = 0;
-  key_at_.reset();
+  key_at_ = kNoKey;
   is_received_ = false;
   status_ = TOLK_OK;
   notes_ = {};
-}
-
-void tolk_block::value_added() {
-  if (end() > kMostBytes) throw std::length_error("block");
-  ++records_;
-  if (key_at_) ++keyed_;
-  key_at_.reset();
-}
-
-void tolk_block::put_key(std::string_view key) {
-  if (key_at_) buffer_.cut(*key_at_);
-  const std::size_t at = buffer_.size();
-  put(tolk::keyed_bytes(checked(key).size(), 0), [&](auto& encoder) { encoder.add_key(key); });
-  key_at_ = at;
-}
-
-std::string_view tolk_block::checked(std::string_view bytes) {
-  if (bytes.size() > kMostBytes) throw std::length_error("value");
-  return bytes;
-}
-
-void tolk_block::put_header(Tag tag, std::size_t word) {
-  std::array<char, 5> header{static_cast<char>(tag)};
-  tolk::store32(header.data() + 1, static_cast<std::uint32_t>(word));
-  buffer_.make_room(header.size());
-  buffer_.append(header.data(), header.size());
-}
-
-void tolk_block::put_check_word() {
-  std::array<char, 4> word{};
-  tolk::store32(word.data(), static_cast<std::uint32_t>(end()));
-  buffer_.make_room(word.size());
-  buffer_.append(word.data(), word.size());
-}
-
-// The record of a scalar, as it was except for its place.
-void tolk_block::put_scalar(const Item& item) {
-  put(tolk::stream_record_bytes(item.size) + tolk::double_record_bytes, [&](auto& encoder) {
-    switch (item.tag) {
-      case Tag::Bool:
-        return encoder.add_bool(*item.at == '1');
-      case Tag::Double:
-        return encoder.add_double(tolk::load_double(item.at));
-      case Tag::String:
-        return encoder.add_string(item.bytes());
-      case Tag::Stream:
-        return encoder.add_stream(item.bytes());
-      default:
-        return encoder.add_int(tolk::load_int(item.at));
-    }
-  });
-}
-
-void tolk_block::put_stream(std::string_view bytes) {
-  put(tolk::stream_record_bytes(checked(bytes).size()),
-      [&](auto& encoder) { encoder.add_stream(bytes); });
-}
-
-// The record of a stream that holds a block. It has the block's held bytes without a copy.
-void tolk_block::put_block(const tolk_block& inner) {
-  if (const auto bytes = inner.view()) return put_stream(*bytes);
-  const std::vector<SharedBytes> pieces = inner.pieces();
-  put_header(Tag::Stream, inner.size());
-  for (std::size_t i = 0; i < pieces.size(); ++i) {
-    const bool is_held = i % 2 == 1;
-    if (is_held) {
-      held_.push_back({buffer_.size(), pieces[i]});
-      held_bytes_ += pieces[i].view.size();
-    } else {
-      buffer_.make_room(pieces[i].view.size());
-      buffer_.append(pieces[i].view.data(), pieces[i].view.size());
-    }
-  }
-  put_check_word();
-}
-
-// ---- Scalars ----
-
-void tolk_block::add_key(std::string_view key) {
-  change([&] {
-    if (tolk::is_reserved_key(key)) return lose(TOLK_MISUSE);
-    put_key(key);
-  });
-}
-
-template <class Encode>
-void tolk_block::add_record(std::size_t room, Encode&& encode) {
-  change([&] {
-    put(room, encode);
-    value_added();
-  });
-}
-
-void tolk_block::add_noted(std::string_view bytes, TypeNote note) {
-  change([&] {
-    put_stream(bytes);
-    notes_.add(records_, note);
-    value_added();
-  });
-}
-
-void tolk_block::add_none() { add_noted({}, TypeNote::none); }
-
-void tolk_block::add_bool(bool value) {
-  add_record(tolk::bool_record_bytes, [&](auto& encoder) { encoder.add_bool(value); });
-}
-
-void tolk_block::add_int(std::int64_t value) {
-  if (!fits_an_int(value)) return add_wide(static_cast<std::uint64_t>(value), TypeNote::int64);
-  add_record(tolk::int_record_bytes,
-             [&](auto& encoder) { encoder.add_int(static_cast<std::int32_t>(value)); });
-}
-
-void tolk_block::add_uint(std::uint64_t value) {
-  constexpr std::uint64_t most_int = std::numeric_limits<std::int64_t>::max();
-  if (value > most_int) return add_wide(value, TypeNote::uint64);
-  add_int(static_cast<std::int64_t>(value));
-}
-
-void tolk_block::add_wide(std::uint64_t value, TypeNote note) {
-  std::array<char, 8> bytes{};
-  tolk::store64(bytes.data(), value);
-  add_noted({bytes.data(), bytes.size()}, note);
-}
-
-void tolk_block::add_double(double value) {
-  add_record(tolk::double_record_bytes, [&](auto& encoder) { encoder.add_double(value); });
-}
-
-void tolk_block::add_text(std::string_view text) {
-  if (text.find('\0') != std::string_view::npos) return add_noted(text, TypeNote::text);
-  change([&] {
-    put(tolk::string_record_bytes(checked(text).size()),
-        [&](auto& encoder) { encoder.add_string(text); });
-    value_added();
-  });
-}
-
-void tolk_block::add_bytes(std::string_view bytes) {
-  change([&] {
-    put_stream(bytes);
-    value_added();
-  });
-}
-
-void tolk_block::add_held(SharedBytes bytes) {
-  if (bytes.view.size() < kLeastHeldBytes) return add_bytes(bytes.view);
-  change([&] {
-    put_header(Tag::Stream, checked(bytes.view).size());
-    held_bytes_ += bytes.view.size();
-    held_.push_back({buffer_.size(), std::move(bytes)});
-    put_check_word();
-    value_added();
-  });
 }

@@ -2,6 +2,7 @@
 //
 // A built block has its encoded records in a RecordBuffer, with held bytes between them. A received
 // one has only its index, which looks into the message. A change turns the second into the first.
+// A block of the host has room for its first records behind it, see BlockWithRoom.
 //
 // Thread: one at a time while somebody changes it; any thread may use the const functions
 // otherwise. Owner: whoever made it; inner blocks belong to the index of the outermost one.
@@ -38,19 +39,22 @@ struct tolk_block {
   tolk_block() = default;
   tolk_block(const tolk_block& other);
   tolk_block& operator=(const tolk_block&) = delete;
-  ~tolk_block();
+  virtual ~tolk_block();
 
   // The block of received bytes, which stay as they are while it lives. `types` is the text of
   // "tolk.types" that came with it. In a reply the reserved keys are not values: dropped.
   static Received of_message(tolk::SharedBytes payload, std::string_view types, Reserved reserved);
   // The same of one's own encoded bytes, which are copied and have "tolk.types" in them.
   static Received of_copy(std::string_view encoded);
+  tolk_block* copy() const;
   // Without memory for a block, the host gets this one.
   static tolk_block* without_memory() noexcept;
 
   // Anything but TOLK_OK: a call with the block fails with that, TOLK_NO_MEMORY, TOLK_TOO_LARGE, or
   // TOLK_MISUSE after a reserved key. The block is empty then.
   tolk_status status() const noexcept { return status_; }
+  // Why, if the status alone does not say it; null otherwise. Valid until the block is changed.
+  const char* reason() const noexcept { return reason_ == nullptr ? nullptr : reason_->c_str(); }
 
   // The records for a message, without "tolk.types" and without reserved keys.
   // Where they lie, if they do so in one piece; valid until the block is changed.
@@ -70,7 +74,7 @@ struct tolk_block {
 
   void clear() noexcept;
   void run_out_of_memory() noexcept { lose(TOLK_NO_MEMORY); }
-  void add_key(std::string_view key);
+  void add_key(const char* key);  // null is misuse
   void add_none();
   void add_bool(bool value);
   void add_int(std::int64_t value);
@@ -84,6 +88,12 @@ struct tolk_block {
   void add_ints(const std::int64_t* values, std::size_t count);
   void add_doubles(const double* values, std::size_t count);
 
+ protected:
+  // `room`: for the first records, see RecordBuffer.
+  explicit tolk_block(char* room) noexcept : buffer_(room) {}
+  tolk_block(const tolk_block& other, char* room);
+  explicit tolk_block(tolk_status status) noexcept : status_(status) {}
+
  private:
   friend class tolk::BlockIndex;
   // Held bytes, which belong at `at` of the buffer.
@@ -91,14 +101,8 @@ struct tolk_block {
     std::size_t at;
     tolk::SharedBytes bytes;
   };
-  // Where an Encoder writes, when there is room.
-  struct End {
-    tolk_block& block;
-
-    void append(const char* data, std::size_t count) { block.buffer_.append(data, count); }
-    std::size_t size() const { return block.end(); }
-  };
   static constexpr std::size_t kMostBytes = tolk::frame_format::kMaxPayloadBytes;
+  static constexpr std::size_t kNoKey = static_cast<std::size_t>(-1);
 
   explicit tolk_block(tolk::BlockIndex* index) noexcept : is_received_(true), index_(index) {}
 
@@ -109,6 +113,7 @@ struct tolk_block {
   void change(Add&& add) noexcept;
   template <class Encode>
   void add_record(std::size_t room, Encode&& encode);
+  void prepare_change();
   void add_noted(std::string_view bytes, tolk::TypeNote note);
   void add_wide(std::uint64_t value, tolk::TypeNote note);
   template <class Encode>
@@ -116,6 +121,7 @@ struct tolk_block {
   void put_header(tolk::Tag tag, std::size_t word);
   void put_check_word();
   void put_key(std::string_view key);
+  void refuse(std::string reason);
   void put_scalar(const tolk::Item& item);
   void put_stream(std::string_view bytes);
   void put_block(const tolk_block& inner);
@@ -138,21 +144,24 @@ struct tolk_block {
   void become_built();
   void drop_index() noexcept;
   void lose(tolk_status status) noexcept;
+  void lose_as(const tolk_block& other);
   bool is_in_one_piece() const;
-  std::size_t buffer_end() const { return key_at_ ? *key_at_ : buffer_.size(); }
+  bool has_key() const { return key_at_ != kNoKey; }
+  std::size_t buffer_end() const { return has_key() ? key_at_ : buffer_.size(); }
   void rebuild_into(tolk_block& built) const;
 
   tolk::RecordBuffer buffer_;
   std::vector<Held> held_;
   std::size_t held_bytes_ = 0;
-  std::uint32_t records_ = 0;          // the values in the buffer
-  std::uint32_t keyed_ = 0;            // how many of them have keys
-  std::optional<std::size_t> key_at_;  // a key that has no value yet
+  std::uint32_t records_ = 0;    // the values in the buffer
+  std::uint32_t keyed_ = 0;      // how many of them have keys
+  std::size_t key_at_ = kNoKey;  // of a key that has no value yet
   bool is_received_ = false;
   tolk_status status_ = TOLK_OK;
   tolk::TypeNotes notes_;
   mutable std::atomic<tolk::BlockIndex*> index_ = nullptr;
   std::unique_ptr<std::string> encoded_;
+  std::unique_ptr<const std::string> reason_;
   tolk_block* next_inner_ = nullptr;
 };
 
@@ -160,8 +169,9 @@ template <class Add>
 void tolk_block::change(Add&& add) noexcept {
   if (status_ != TOLK_OK) return;
   try {
-    encoded_.reset();
-    become_built();
+    const bool is_as_built =
+        !is_received_ && encoded_ == nullptr && index_.load(std::memory_order_relaxed) == nullptr;
+    if (!is_as_built) prepare_change();
     add();
   } catch (const std::length_error&) {
     lose(TOLK_TOO_LARGE);
@@ -173,10 +183,25 @@ void tolk_block::change(Add&& add) noexcept {
 template <class Encode>
 void tolk_block::put(std::size_t room, Encode&& encode) {
   buffer_.make_room(room);
-  End end{*this};
-  tolk::Encoder encoder(end, 0);
+  tolk::RecordBuffer::Writer writer(buffer_, end());
+  tolk::Encoder encoder(writer, 0);
   encode(encoder);
+  writer.finish();
 }
+
+namespace tolk {
+
+// A block of the host. Most of them fit in this one piece of memory.
+class BlockWithRoom final : public tolk_block {
+ public:
+  BlockWithRoom() noexcept : tolk_block(room_) {}
+  explicit BlockWithRoom(const tolk_block& other) : tolk_block(other, room_) {}
+
+ private:
+  char room_[RecordBuffer::kRoomBytes];  // NOLINT(modernize-avoid-c-arrays)
+};
+
+}  // namespace tolk
 
 struct tolk_block::Received {
   std::unique_ptr<tolk_block> block;  // with the values before the first malformed record

@@ -31,14 +31,14 @@ const tolk_block& block_or_empty(const tolk_block* block) {
 }  // namespace
 
 tolk_block* tolk_block_new() {
-  auto* const block = new (std::nothrow) tolk_block;
+  auto* const block = new (std::nothrow) tolk::BlockWithRoom;
   return block != nullptr ? block : tolk_block::without_memory();
 }
 
 tolk_block* tolk_block_copy(const tolk_block* block) {
   if (block == nullptr) return tolk_block_new();
   try {
-    return new tolk_block(*block);
+    return block->copy();
   } catch (const std::exception&) {
     return tolk_block::without_memory();
   }
@@ -53,7 +53,7 @@ void tolk_block_clear(tolk_block* block) {
 }
 
 void tolk_block_add_key(tolk_block* block, const char* key) {
-  if (block != nullptr) block->add_key(key == nullptr ? std::string_view("s_c_") : key);
+  if (block != nullptr) block->add_key(key);
 }
 
 void tolk_block_add_none(tolk_block* block) {

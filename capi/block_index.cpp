@@ -15,8 +15,6 @@ namespace {
 
 // Up to here a text is copied with the index, without memory of its own.
 constexpr std::size_t kShortText = 64;
-// Room for so many values is made at once.
-constexpr std::size_t kUsualItems = 6;
 // So many keys are compared one by one.
 constexpr std::size_t kFewKeys = 8;
 
@@ -41,24 +39,11 @@ const char* read_scalar_at(const char* at, Item& item) {
   }
 }
 
-Tag tag_of(TolkValue::Type type) {
-  switch (type) {
-    case TolkValue::Bool:
-      return Tag::Bool;
-    case TolkValue::Double:
-      return Tag::Double;
-    case TolkValue::String:
-      return Tag::String;
-    case TolkValue::Stream:
-      return Tag::Stream;
-    default:
-      return Tag::Int;
-  }
-}
-
-// About how much memory the items of so many bytes need.
+// About how many values lie in so many bytes; and the memory that they need, with short texts.
+std::size_t usual_items(std::size_t bytes) { return std::min<std::size_t>(bytes / 24 + 1, 64); }
 std::size_t room_for(std::size_t bytes) {
-  return sizeof(BlockIndex) + bytes / 4 + (bytes / 24 + 2) * sizeof(Item);
+  constexpr std::size_t most_texts = 2048;
+  return sizeof(BlockIndex) + usual_items(bytes) * sizeof(Item) + std::min(bytes / 2, most_texts);
 }
 
 // A note that does not fit its value is passed over.
@@ -103,26 +88,21 @@ class IndexSink {
 
   void run() {
     if (!parser_.run()) index_.wrong_at_ = static_cast<std::size_t>(parser_.offset());
+    add_erased();
   }
 
-  void positional(const Scalar& scalar) {
-    index_.positional_.push_back(*index_.arena_, item_of(scalar));
-  }
+  void positional(const Scalar& scalar) { read(scalar, index_.add_positional()); }
   void erase_key(std::string_view key) {
-    Item erased;
-    erased.key = key.data();
-    erased.key_size = static_cast<std::uint32_t>(key.size());
-    erased.is_dropped = true;
-    index_.keyed_.push_back(*index_.arena_, erased);
+    add_erased();
+    if (index_.has_keyed_) erased_ = key;
   }
   void keyed(std::string_view key, const Scalar& scalar) {
-    Item item = item_of(scalar);
-    item.key = index_.arena_->copy_text(key);
-    item.key_size = static_cast<std::uint32_t>(key.size());
-    if (is_reserved_key(key)) index_.has_reserved_ = true;
     // The value itself replaces earlier ones of its key.
-    if (index_.keyed_.back().key_view() == key) index_.keyed_.pop_back();
-    index_.keyed_.push_back(*index_.arena_, item);
+    const bool is_same = erased_.data() == key.data() && erased_.size() == key.size();
+    if (!is_same) add_erased();
+    erased_ = {};
+    if (is_reserved_key(key)) index_.has_reserved_ = true;
+    read(scalar, index_.add_keyed({index_.arena_->copy_text(key), key.size()}));
   }
   void begin_list() { first_ = here(); }
   void list_element(const Scalar&) {}
@@ -132,42 +112,41 @@ class IndexSink {
   void end_map() { add_elements(Tag::Map); }
 
  private:
+  // An item that only replaces earlier ones.
+  void add_erased() {
+    if (erased_.data() == nullptr) return;
+    index_.add_keyed(erased_).is_dropped = true;
+    erased_ = {};
+  }
+
   const char* here() const { return input_.data() + static_cast<std::size_t>(parser_.offset()); }
 
-  Item item_of(const Scalar& scalar) {
-    Item item;
-    item.tag = tag_of(scalar.type);
+  void read(const Scalar& scalar, Item& item) {
+    item.tag = tag_at(here());
+    item.at = here() + 1;
     item.record = records_++;
-    if (!scalar.has_bytes()) {
-      item.at = here() + 1;
-      return item;
-    }
+    if (!scalar.has_bytes()) return;
     item.at = scalar.bytes.data();
     item.size = static_cast<std::uint32_t>(scalar.bytes.size());
     const bool is_short_text = scalar.type == TolkValue::String && item.size <= kShortText;
     if (is_short_text) item.text = index_.arena_->copy_text(scalar.bytes);
-    return item;
   }
 
   void add_elements(Tag tag) {
-    Item item;
+    Item& item = index_.add_positional();
     item.tag = tag;
     item.at = first_;
     item.size = static_cast<std::uint32_t>(here() - first_);
     item.record = records_++;
-    index_.positional_.push_back(*index_.arena_, item);
   }
 
   BlockIndex& index_;
   const std::string_view input_;
   RecordParser<IndexSink> parser_;
   const char* first_ = nullptr;
+  std::string_view erased_;  // the last key that erases, unless its value has come
   std::uint32_t records_ = 0;
 };
-
-bool is_reserved_key(std::string_view key) {
-  return key.starts_with("s_c_") || key.starts_with("tolk.");
-}
 
 bool RecordWalk::next(Item& item) {
   item = Item();
@@ -199,19 +178,10 @@ IndexRef BlockIndex::of_shared(const SharedBytes& bytes) {
   return index;
 }
 
-IndexRef BlockIndex::of_buffer(const RecordBuffer& buffer, std::size_t size) {
-  IndexRef index = of_shared({nullptr, buffer.view().substr(0, size)});
-  index->buffer_ = buffer;
-  return index;
-}
-
-// A copy of its own is quicker than one in the arena: both pieces are then of sizes that
-// allocators keep at hand.
 IndexRef BlockIndex::of_copy(std::string_view bytes) {
-  RecordBuffer copy;
-  copy.make_room(bytes.size());
-  if (!bytes.empty()) copy.append(bytes.data(), bytes.size());
-  return of_buffer(copy, bytes.size());
+  IndexRef index(make(ArenaRef(Arena::with_copy(bytes, room_for(bytes.size()))), nullptr));
+  index->parse(index->arena_->bytes());
+  return index;
 }
 
 void BlockIndex::release() noexcept {
@@ -249,9 +219,9 @@ void BlockIndex::free_memory() noexcept {
 void BlockIndex::parse(std::string_view bytes) {
   bytes_ = bytes;
   has_bytes_ = true;
-  positional_.reserve(*arena_, std::min(bytes.size() / int_record_bytes + 1, kUsualItems));
+  items_.reserve(*arena_, usual_items(bytes.size()));
   IndexSink(*this, bytes).run();
-  settle_keys();
+  settle();
 }
 
 void BlockIndex::read_elements(const Item& list) {
@@ -259,95 +229,93 @@ void BlockIndex::read_elements(const Item& list) {
   Item item;
   while (walk.next(item)) {
     if (list.tag == Tag::List) {
-      positional_.push_back(*arena_, item);
+      add_positional() = item;
       continue;
     }
     const std::string_view key = cut_at_zero(item.key_view());
     item.key = arena_->copy_text(key);
     item.key_size = static_cast<std::uint32_t>(key.size());
-    keyed_.push_back(*arena_, item);
+    add_keyed(key) = item;
   }
-  settle_keys();
+  settle();
 }
 
-// Of equal keys the last one counts.
-void BlockIndex::settle_keys() {
-  const auto is_replaced_later = [this](const Item& item) {
-    return std::any_of(&item + 1, static_cast<const Item*>(keyed_.end()),
-                       [&](const Item& later) { return later.key_view() == item.key_view(); });
-  };
-  if (keyed_.size() <= kFewKeys) {
-    for (Item& item : keyed_) item.is_dropped = item.is_dropped || is_replaced_later(item);
-  } else {
-    sort_keys();
-    for (std::size_t i = 0; i + 1 < by_key_.size(); ++i) {
-      Item& item = keyed_[by_key_[i]];
-      if (item.key_view() == keyed_[by_key_[i + 1]].key_view()) item.is_dropped = true;
-    }
+void BlockIndex::settle() {
+  if (is_mixed_) {
+    const Item* const middle = std::stable_partition(
+        items_.begin(), items_.end(), [](const Item& item) { return item.key == nullptr; });
+    count_ = static_cast<std::size_t>(middle - items_.begin());
+  }
+  if (!has_keyed_) return;
+  if (keyed().size() > kFewKeys) {
+    drop_replaced_of_many();
+  } else if (!drop_replaced()) {
+    return;
   }
   remove_dropped();
 }
 
+// Of equal keys the last one counts. False if each one does.
+bool BlockIndex::drop_replaced() {
+  bool is_any_dropped = false;
+  Item* const end = items_.end();
+  for (Item* item = items_.begin() + count_; item != end; ++item) {
+    for (const Item* later = item + 1; later != end; ++later) {
+      if (later->key_view() == item->key_view()) item->is_dropped = true;
+    }
+    is_any_dropped = is_any_dropped || item->is_dropped;
+  }
+  return is_any_dropped;
+}
+
+void BlockIndex::drop_replaced_of_many() {
+  const std::span<Item> keyed = this->keyed();
+  sort_keys();
+  for (std::size_t i = 0; i + 1 < by_key_.size(); ++i) {
+    Item& item = keyed[by_key_[i]];
+    if (item.key_view() == keyed[by_key_[i + 1]].key_view()) item.is_dropped = true;
+  }
+}
+
 void BlockIndex::remove_dropped() {
-  const Item* const end = std::remove_if(keyed_.begin(), keyed_.end(),
-                                         [](const Item& item) { return item.is_dropped; });
-  keyed_.cut(static_cast<std::size_t>(end - keyed_.begin()));
+  const std::span<Item> keyed = this->keyed();
+  const auto end =
+      std::remove_if(keyed.begin(), keyed.end(), [](const Item& item) { return item.is_dropped; });
+  items_.cut(count_ + static_cast<std::size_t>(end - keyed.begin()));
   by_key_.cut(0);
-  if (keyed_.size() > kFewKeys) sort_keys();
+  if (this->keyed().size() > kFewKeys) sort_keys();
 }
 
 void BlockIndex::sort_keys() {
+  const std::span<Item> keyed = this->keyed();
   by_key_.cut(0);
-  by_key_.reserve(*arena_, keyed_.size());
-  for (std::size_t i = 0; i < keyed_.size(); ++i) {
+  by_key_.reserve(*arena_, keyed.size());
+  for (std::size_t i = 0; i < keyed.size(); ++i) {
     by_key_.push_back(*arena_, static_cast<std::uint32_t>(i));
   }
-  std::sort(by_key_.begin(), by_key_.end(), [this](std::uint32_t left, std::uint32_t right) {
-    const int order = keyed_[left].key_view().compare(keyed_[right].key_view());
+  std::sort(by_key_.begin(), by_key_.end(), [keyed](std::uint32_t left, std::uint32_t right) {
+    const int order = keyed[left].key_view().compare(keyed[right].key_view());
     return order != 0 ? order < 0 : left < right;
   });
 }
 
 std::size_t BlockIndex::find(std::string_view key) const {
+  const std::span<Item> keyed = this->keyed();
   const auto has_key = [key](const Item& item) { return item.key_view() == key; };
-  const Item* found = keyed_.end();
   if (by_key_.empty()) {
-    found = std::find_if(keyed_.begin(), keyed_.end(), has_key);
-  } else {
-    const std::uint32_t* const at = std::lower_bound(
-        by_key_.begin(), by_key_.end(), key, [this](std::uint32_t left, std::string_view right) {
-          return keyed_[left].key_view() < right;
-        });
-    if (at != by_key_.end() && has_key(keyed_[*at])) found = &keyed_[*at];
+    const auto found = std::find_if(keyed.begin(), keyed.end(), has_key);
+    return found == keyed.end() ? TOLK_NOWHERE
+                                : count_ + static_cast<std::size_t>(found - keyed.begin());
   }
-  if (found == keyed_.end()) return TOLK_NOWHERE;
-  return positional_.size() + static_cast<std::size_t>(found - keyed_.begin());
+  const std::uint32_t* const at = std::lower_bound(
+      by_key_.begin(), by_key_.end(), key, [keyed](std::uint32_t left, std::string_view right) {
+        return keyed[left].key_view() < right;
+      });
+  return at == by_key_.end() || !has_key(keyed[*at]) ? TOLK_NOWHERE : count_ + *at;
 }
 
-const Item* BlockIndex::at(std::size_t index) const {
-  if (index < positional_.size()) return &positional_[index];
-  index -= positional_.size();
-  return index < keyed_.size() ? &keyed_[index] : nullptr;
-}
-
-tolk_kind BlockIndex::kind_of(const Item& item, const TypeNotes* notes) {
-  switch (item.tag) {
-    case Tag::Int:
-      return TOLK_INT;
-    case Tag::Bool:
-      return TOLK_BOOL;
-    case Tag::Double:
-      return TOLK_DOUBLE;
-    case Tag::String:
-      return TOLK_TEXT;
-    case Tag::List:
-      return TOLK_LIST;
-    case Tag::Map:
-      return TOLK_MAP;
-    default:
-      break;
-  }
-  const std::optional<TypeNote> note = notes == nullptr ? std::nullopt : notes->of(item.record);
+tolk_kind BlockIndex::kind_of_stream(const Item& item, const TypeNotes& notes) {
+  const std::optional<TypeNote> note = notes.of(item.record);
   return note ? noted_kind(item, *note) : TOLK_BYTES;
 }
 
@@ -428,15 +396,16 @@ void BlockIndex::copy_notes(const TypeNotes* notes) {
 }
 
 void BlockIndex::drop_reserved() {
-  for (Item& item : keyed_) item.is_dropped = is_reserved_key(item.key_view());
+  for (Item& item : keyed()) item.is_dropped = is_reserved_key(item.key_view());
   remove_dropped();
 }
 
 std::string_view BlockIndex::take(std::string_view key) {
-  const Item* const item = at(find(key));
-  if (item == nullptr) return {};
-  const std::string_view text = item->has_bytes() ? item->bytes() : std::string_view();
-  keyed_[static_cast<std::size_t>(item - keyed_.begin())].is_dropped = true;
+  const std::size_t index = find(key);
+  if (index == TOLK_NOWHERE) return {};
+  Item& item = items_[index];
+  const std::string_view text = item.has_bytes() ? item.bytes() : std::string_view();
+  item.is_dropped = true;
   remove_dropped();
   return text;
 }

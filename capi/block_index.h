@@ -10,13 +10,14 @@
 
 #include <tolk/c.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 #include <utility>
 
-#include "capi/record_buffer.h"
 #include "capi/type_notes.h"
 #include "params/arena.h"
 #include "params/record.h"
@@ -43,7 +44,9 @@ struct Item {
   bool has_bytes() const { return tag == Tag::String || tag == Tag::Stream; }
 };
 
-bool is_reserved_key(std::string_view key);
+inline bool is_reserved_key(std::string_view key) {
+  return key.starts_with("s_c_") || key.starts_with("tolk.");
+}
 
 // Reads records that a parser has accepted, one by one: those of a list or a map.
 class RecordWalk {
@@ -85,20 +88,25 @@ class IndexRef {
 class BlockIndex {
  public:
   // What a value is, with its note.
-  static tolk_kind kind_of(const Item& item, const TypeNotes* notes);
+  static tolk_kind kind_of(const Item& item, const TypeNotes* notes) {
+    constexpr std::array kinds{TOLK_INT,   TOLK_BOOL,    TOLK_DOUBLE, TOLK_TEXT,
+                               TOLK_BYTES, TOLK_MISSING, TOLK_LIST,   TOLK_MAP};
+    if (item.tag == Tag::Stream && notes != nullptr) return kind_of_stream(item, *notes);
+    return kinds[static_cast<std::size_t>(item.tag)];
+  }
 
   // Of bytes that `bytes.owner` keeps; and of bytes that are copied.
   static IndexRef of_shared(const SharedBytes& bytes);
-  static IndexRef of_buffer(const RecordBuffer& buffer,
-                            std::size_t size);  // the first `size` bytes
   static IndexRef of_copy(std::string_view bytes);
 
   void retain() noexcept { root_->owners_.fetch_add(1, std::memory_order_relaxed); }
   void release() noexcept;
 
-  std::size_t count() const { return positional_.size(); }
-  std::size_t total() const { return positional_.size() + keyed_.size(); }
-  const Item* at(std::size_t index) const;
+  std::size_t count() const { return count_; }
+  std::size_t total() const { return items_.size(); }
+  const Item* at(std::size_t index) const {
+    return index < items_.size() ? &items_[index] : nullptr;
+  }
   std::size_t find(std::string_view key) const;
   tolk_kind kind(const Item& item) const { return kind_of(item, notes_); }
   const char* text(const Item& item) const;
@@ -128,13 +136,32 @@ class BlockIndex {
  private:
   friend class IndexSink;
 
+  static tolk_kind kind_of_stream(const Item& item, const TypeNotes& notes);
   BlockIndex(Arena* arena, BlockIndex* root) noexcept
       : arena_(arena), root_(root == nullptr ? this : root) {}
   ~BlockIndex() = default;
   static BlockIndex* make(ArenaRef arena, BlockIndex* root);
+  std::span<Item> keyed() const { return {items_.begin() + count_, items_.size() - count_}; }
+  Item& add_positional() {
+    if (has_keyed_) {
+      is_mixed_ = true;
+    } else {
+      ++count_;
+    }
+    return items_.add(*arena_) = Item();
+  }
+  Item& add_keyed(std::string_view key) {
+    has_keyed_ = true;
+    Item& item = items_.add(*arena_) = Item();
+    item.key = key.data();
+    item.key_size = static_cast<std::uint32_t>(key.size());
+    return item;
+  }
   void parse(std::string_view bytes);
   void read_elements(const Item& list);
-  void settle_keys();
+  void settle();
+  bool drop_replaced();
+  void drop_replaced_of_many();
   void sort_keys();
   void remove_dropped();
   tolk_block* new_inner(const Item& item) const;
@@ -149,15 +176,16 @@ class BlockIndex {
 
   std::atomic<std::size_t> owners_ = 1;
   Arena* const arena_;  // of the items, and of this object
-  RecordBuffer buffer_;
   BlockIndex* const root_;
   std::string_view bytes_;
   bool has_bytes_ = false;
+  bool has_keyed_ = false;
+  bool is_mixed_ = false;  // a positional value comes behind a keyed one
   bool has_reserved_ = false;
   std::size_t wrong_at_ = TOLK_NOWHERE;
-  ArenaArray<Item> positional_;
-  ArenaArray<Item> keyed_;
-  ArenaArray<std::uint32_t> by_key_;  // of many keyed values
+  ArenaArray<Item> items_;            // as they came; then the positional ones first
+  std::size_t count_ = 0;             // of the positional ones
+  ArenaArray<std::uint32_t> by_key_;  // of many keyed values, counted from the first one
   TypeNotes own_notes_;
   const TypeNotes* notes_ = nullptr;
   mutable std::atomic<LateText*> late_texts_ = nullptr;

@@ -17,15 +17,15 @@ using tolk::TypeNotes;
 void tolk_block::add_list(const tolk_block& elements) {
   if (&elements == this) return add_list(tolk_block(elements));
   change([&] {
-    if (elements.status_ != TOLK_OK) return lose(elements.status_);
-    key_at_ ? put_list_block(elements) : put_plain_list(elements);
+    if (elements.status_ != TOLK_OK) return lose_as(elements);
+    has_key() ? put_list_block(elements) : put_plain_list(elements);
   });
 }
 
 void tolk_block::add_map(const tolk_block& entries) {
   if (&entries == this) return add_map(tolk_block(entries));
   change([&] {
-    if (entries.status_ != TOLK_OK) return lose(entries.status_);
+    if (entries.status_ != TOLK_OK) return lose_as(entries);
     if (!entries.is_received_ && entries.keyed_ == entries.records_) {
       return put_nested(entries, TypeNote::map);
     }
@@ -127,13 +127,14 @@ void tolk_block::put_elements(const Item& list) {
 template <class Put>
 void tolk_block::put_numbers(std::size_t count, std::size_t record_bytes, Put&& put_number) {
   if (count > tolk_block::kMostBytes / record_bytes) throw std::length_error("list");
-  const bool is_block = key_at_.has_value();
+  const bool is_block = has_key();
   const std::size_t bytes = count * record_bytes;
   buffer_.make_room(bytes + tolk::stream_record_bytes(0));
   put_header(is_block ? Tag::Stream : Tag::List, is_block ? bytes : count);
-  End to{*this};
-  tolk::Encoder encoder(to, is_block ? end() : 0);
+  tolk::RecordBuffer::Writer writer(buffer_, end());
+  tolk::Encoder encoder(writer, is_block ? end() : 0);
   for (std::size_t i = 0; i < count; ++i) put_number(encoder, i);
+  writer.finish();
   if (!is_block) return;
   put_check_word();
   notes_.add(records_, TypeNote::list);

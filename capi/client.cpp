@@ -38,7 +38,7 @@ CoreSettings settings_of(const tolk_client_options& options, Context context) {
 tolk_status connect_client(const char* address, const tolk_client_options& options, Context context,
                            tolk_client** client, tolk_error** error) {
   if (address == nullptr || client == nullptr) {
-    return fail_connect(TOLK_MISUSE, address, "there is no address or no place for the client",
+    return fail_connect(TOLK_MISUSE, address, "the address, or where the client goes, is null",
                         error);
   }
   const AddressParse parsed = parse_address(address, AddressUse::connect);
@@ -66,6 +66,11 @@ tolk_status tolk_client_connect(const char* address, const tolk_client_options* 
                                 tolk_client** client, tolk_error** error) {
   if (client != nullptr) *client = nullptr;
   return tolk::guarded_call(error, [&] {
+    if (tolk::is_without_size(options)) {
+      return tolk::fail_connect(
+          TOLK_MISUSE, address,
+          "the size of tolk_client_options is 0; it is sizeof(tolk_client_options)", error);
+    }
     const auto given = tolk::options_of(options);
     tolk::Context context(given.context, given.free_context);
     return tolk::connect_client(address, given, std::move(context), client, error);

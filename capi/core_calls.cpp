@@ -135,9 +135,12 @@ std::uint64_t Core::refuse(const std::shared_ptr<CallRecord>& record, tolk_statu
 
 std::uint64_t Core::start_one(const std::shared_ptr<CallRecord>& record, const tolk_call& call,
                               const Content* arguments) {
+  if (call.size == 0) {
+    return refuse(record, TOLK_MISUSE, "the size of tolk_call is 0; it is sizeof(tolk_call)");
+  }
   if (record->method.empty()) return refuse(record, TOLK_MISUSE, "a call needs a method");
   if (call.arguments != nullptr && call.arguments->status() != TOLK_OK) {
-    return refuse(record, call.arguments->status(), nullptr);
+    return refuse(record, call.arguments->status(), call.arguments->reason());
   }
   if (arguments != nullptr && arguments->is_too_large()) {
     return refuse(record, TOLK_TOO_LARGE, nullptr);
@@ -277,7 +280,9 @@ tolk_status Core::post(std::uint64_t id, const char* method, const tolk_block* a
   };
   if (!of_this_process()) return failed(TOLK_CLOSED);
   if (method == nullptr || *method == '\0') return failed(TOLK_MISUSE, "a call needs a method");
-  if (arguments != nullptr && arguments->status() != TOLK_OK) return failed(arguments->status());
+  if (arguments != nullptr && arguments->status() != TOLK_OK) {
+    return failed(arguments->status(), arguments->reason());
+  }
   if (state_ != State::open) return failed(TOLK_CLOSED);
   const Content content = Content::of(arguments);
   if (content.is_too_large()) return failed(TOLK_TOO_LARGE);

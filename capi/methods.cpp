@@ -77,6 +77,10 @@ tolk_status tolk_methods_add(tolk_methods* methods, const char* name, tolk_handl
                              void* context, const tolk_method_options* options,
                              tolk_error** error) {
   return tolk::guarded_call(error, [&] {
+    if (tolk::is_without_size(options)) {
+      return tolk::misuse(
+          error, "the size of tolk_method_options is 0; it is sizeof(tolk_method_options)");
+    }
     const auto given = tolk::options_of(options);
     return tolk::add_method(methods, name, handler, {context, given.free_context}, given, error);
   });

@@ -151,6 +151,7 @@ void tolk_request::answer(const tolk_block* result) {
     const auto refused = [&](const char* text) {
       return tolk::failure_message(core_kept_->role(), ids_, {TOLK_FAILED, 0, text, nullptr});
     };
+    if (result != nullptr && result->reason() != nullptr) return refused(result->reason());
     if (result != nullptr && result->status() != TOLK_OK)
       return refused("no memory for the result");
     if (content.is_too_large()) return refused("the result is too large");

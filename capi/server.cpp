@@ -37,7 +37,7 @@ CoreSettings settings_of(const tolk_server_options& options, Context context) {
 tolk_status listen_server(const char* address, const tolk_server_options& options, Context context,
                           tolk_server** server, tolk_error** error) {
   if (address == nullptr || server == nullptr) {
-    return fail_listen(TOLK_MISUSE, address, "there is no address or no place for the server",
+    return fail_listen(TOLK_MISUSE, address, "the address, or where the server goes, is null",
                        error);
   }
   const AddressParse parsed = parse_address(address, AddressUse::listen);
@@ -64,6 +64,11 @@ tolk_status tolk_server_listen(const char* address, const tolk_server_options* o
                                tolk_server** server, tolk_error** error) {
   if (server != nullptr) *server = nullptr;
   return tolk::guarded_call(error, [&] {
+    if (tolk::is_without_size(options)) {
+      return tolk::fail_listen(
+          TOLK_MISUSE, address,
+          "the size of tolk_server_options is 0; it is sizeof(tolk_server_options)", error);
+    }
     const auto given = tolk::options_of(options);
     tolk::Context context(given.context, given.free_context);
     return tolk::listen_server(address, given, std::move(context), server, error);

@@ -24,6 +24,21 @@ std::string_view next_part(std::string_view& rest, char end) {
 
 }  // namespace
 
+TypeNotes::TypeNotes(const TypeNotes& other)
+    : own_(other.own_),
+      records_(other.empty() ? nullptr : std::make_unique<Records>(*other.records_)) {}
+
+TypeNotes& TypeNotes::operator=(TypeNotes other) noexcept {
+  own_ = other.own_;
+  records_ = std::move(other.records_);
+  return *this;
+}
+
+TypeNotes& TypeNotes::of_record(std::uint32_t record) {
+  if (empty()) records_ = std::make_unique<Records>();
+  return (*records_)[record];
+}
+
 TypeNotes TypeNotes::parse(std::string_view text) { return *parse(text, text.size()); }
 
 std::optional<TypeNotes> TypeNotes::parse(std::string_view text, std::size_t most) {
@@ -56,22 +71,22 @@ bool TypeNotes::add_path(std::string_view path, TypeNote note, std::size_t& room
   }
   TypeNotes* at = this;
   for (std::size_t i = 0; i < depth; ++i) {
-    const auto [entry, is_new] = at->records_.try_emplace(steps.at(i));
-    if (is_new && room-- == 0) return false;
-    at = &entry->second;
+    if (at->find_own(steps.at(i)) == nullptr && room-- == 0) return false;
+    at = &at->of_record(steps.at(i));
   }
   at->own_ = note;
   return true;
 }
 
-std::string TypeNotes::text() const {
+std::string TypeNotes::written() const {
   std::string text;
   write(text, "");
   return text;
 }
 
 void TypeNotes::write(std::string& to, const std::string& path) const {
-  for (const auto& [record, notes] : records_) {
+  if (empty()) return;
+  for (const auto& [record, notes] : *records_) {
     const std::string here = path + (record == kEvery ? "*" : std::to_string(record));
     if (notes.own_) {
       if (!to.empty()) to += ' ';
@@ -84,18 +99,22 @@ void TypeNotes::write(std::string& to, const std::string& path) const {
 }
 
 void TypeNotes::add_inner(std::uint32_t record, const TypeNotes& inner) {
-  if (!inner.empty()) records_[record].records_ = inner.records_;
+  if (!inner.empty()) of_record(record).records_ = std::make_unique<Records>(*inner.records_);
 }
 
 void TypeNotes::copy(std::uint32_t record, const TypeNotes& other, std::uint32_t other_record) {
-  if (const TypeNotes* const found = other.find(other_record)) records_[record] = *found;
+  if (const TypeNotes* const found = other.find(other_record)) of_record(record) = *found;
+}
+
+const TypeNotes* TypeNotes::find_own(std::uint32_t record) const {
+  if (empty()) return nullptr;
+  const auto at = records_->find(record);
+  return at == records_->end() ? nullptr : &at->second;
 }
 
 const TypeNotes* TypeNotes::find(std::uint32_t record) const {
-  const auto at = records_.find(record);
-  if (at != records_.end()) return &at->second;
-  const auto every = records_.find(kEvery);
-  return every == records_.end() ? nullptr : &every->second;
+  const TypeNotes* const own = find_own(record);
+  return own != nullptr ? own : find_own(kEvery);
 }
 
 std::optional<TypeNote> TypeNotes::of(std::uint32_t record) const {

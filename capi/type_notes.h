@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,15 +27,21 @@ class TypeNotes {
  public:
   static constexpr int kMostDepth = 64;
 
+  TypeNotes() = default;
+  TypeNotes(const TypeNotes& other);
+  TypeNotes(TypeNotes&&) noexcept = default;
+  TypeNotes& operator=(TypeNotes other) noexcept;
+  ~TypeNotes() = default;
+
   static TypeNotes parse(std::string_view text);
   // None if they are about more than `most` records.
   static std::optional<TypeNotes> parse(std::string_view text, std::size_t most);
-  std::string text() const;
-  bool empty() const { return records_.empty(); }
+  std::string text() const { return empty() ? std::string() : written(); }
+  bool empty() const { return records_ == nullptr; }
 
-  void add(std::uint32_t record, TypeNote note) { records_[record].own_ = note; }
+  void add(std::uint32_t record, TypeNote note) { of_record(record).own_ = note; }
   // All elements of a list have this type.
-  void add_elements(std::uint32_t record, TypeNote note) { records_[record].add(kEvery, note); }
+  void add_elements(std::uint32_t record, TypeNote note) { of_record(record).add(kEvery, note); }
   // The record holds a block that has these notes.
   void add_inner(std::uint32_t record, const TypeNotes& inner);
 
@@ -46,15 +53,19 @@ class TypeNotes {
   const TypeNotes* inside(std::uint32_t record) const;
 
  private:
+  using Records = std::map<std::uint32_t, TypeNotes>;
   static constexpr std::uint32_t kEvery = UINT32_MAX;
 
   // `room`: how many records may be added.
   bool add_path(std::string_view path, TypeNote note, std::size_t& room);
+  std::string written() const;
+  TypeNotes& of_record(std::uint32_t record);
   void write(std::string& to, const std::string& path) const;
-  const TypeNotes* find(std::uint32_t record) const;
+  const TypeNotes* find_own(std::uint32_t record) const;
+  const TypeNotes* find(std::uint32_t record) const;  // or of all elements
 
   std::optional<TypeNote> own_;
-  std::map<std::uint32_t, TypeNotes> records_;
+  std::unique_ptr<Records> records_;  // most blocks have none, and must not pay for them
 };
 
 }  // namespace tolk

@@ -81,13 +81,6 @@ std::string Arena::take_encoded() {
   return std::move(string_);
 }
 
-const char* Arena::copy_text(std::string_view text) {
-  char* const copy = static_cast<char*>(allocate(text.size() + 1));
-  if (!text.empty()) std::memcpy(copy, text.data(), text.size());
-  copy[text.size()] = '\0';
-  return copy;
-}
-
 // Chunks grow, so that there are few of them for any number of values.
 void Arena::add_chunk(std::size_t least) {
   const std::size_t usual =

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -62,7 +63,12 @@ class Arena {
     return std::exchange(next_, next_ + rounded);
   }
   // A copy of `text` with a zero behind it.
-  const char* copy_text(std::string_view text);
+  const char* copy_text(std::string_view text) {
+    char* const copy = static_cast<char*>(allocate(text.size() + 1));
+    if (!text.empty()) std::memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    return copy;
+  }
   // Puts a zero behind a text inside the bytes. The check word that lies there has been tested.
   static void end_text(std::string_view text) noexcept {
     const_cast<char*>(text.data())[text.size()] = '\0';
@@ -111,9 +117,11 @@ class ArenaArray {
   T& operator[](std::size_t index) const noexcept { return items_[index]; }
   T& back() const noexcept { return items_[size_ - 1]; }
 
-  void push_back(Arena& arena, T item) {
+  void push_back(Arena& arena, T item) { add(arena) = item; }
+  // A new item at the end, which the caller fills.
+  T& add(Arena& arena) {
     if (size_ == capacity_) reserve(arena, size_ == 0 ? 4 : 2 * size_);
-    items_[size_++] = item;
+    return items_[size_++];
   }
   void pop_back() noexcept { --size_; }
   void cut(std::size_t size) noexcept { size_ = size; }

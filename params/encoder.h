@@ -2,6 +2,8 @@
 //
 // The buffer is anything that offers `append(const char*, std::size_t)` and `size()`: a
 // std::string, or the memory of a frame that was allocated in one piece with the sizes of record.h.
+// One that has room for whole records may offer `extend(std::size_t)`, which returns where they go:
+// a record that is put together elsewhere must wait for its bytes before it can be copied.
 // Thread: the one that uses the buffer. Owner: the caller owns the buffer.
 // Failure: what the buffer's `append` throws. The record is then incomplete, so callers make room
 // first.
@@ -23,20 +25,17 @@ class Encoder {
   Encoder(Buffer& buffer, std::size_t base) : buffer_(buffer), base_(base) {}
 
   void add_int(std::int32_t value) {
-    char record[int_record_bytes] = {static_cast<char>(Tag::Int)};
-    store32(record + 1, static_cast<std::uint32_t>(value));
-    append_checked(record);
+    append_checked<int_record_bytes>(
+        Tag::Int, [value](char* to) { store32(to, static_cast<std::uint32_t>(value)); });
   }
 
   void add_bool(bool value) {
-    char record[bool_record_bytes] = {static_cast<char>(Tag::Bool), value ? '1' : '0'};
-    append_checked(record);
+    append_checked<bool_record_bytes>(Tag::Bool, [value](char* to) { *to = value ? '1' : '0'; });
   }
 
   void add_double(double value) {
-    char record[double_record_bytes] = {static_cast<char>(Tag::Double)};
-    store64(record + 1, std::bit_cast<std::uint64_t>(value));
-    append_checked(record);
+    append_checked<double_record_bytes>(
+        Tag::Double, [value](char* to) { store64(to, std::bit_cast<std::uint64_t>(value)); });
   }
 
   // The bytes are written as they are: the caller cuts a text at its first zero byte.
@@ -58,11 +57,27 @@ class Encoder {
   void add_encoded(std::string_view records) { buffer_.append(records.data(), records.size()); }
 
  private:
-  // Fills in the check word, which is the last four bytes of `record`, and appends the record.
-  template <std::size_t Size>
-  void append_checked(char (&record)[Size]) {
-    store32(record + Size - 4, position() + static_cast<std::uint32_t>(Size - 4));
-    buffer_.append(record, Size);
+  // Appends what `write` writes.
+  template <std::size_t Size, class Write>
+  void append_written(const Write& write) {
+    if constexpr (requires(Buffer & buffer) { buffer.extend(Size); }) {
+      write(buffer_.extend(Size));
+    } else {
+      char bytes[Size];
+      write(bytes);
+      buffer_.append(bytes, Size);
+    }
+  }
+
+  // A record whose value `write_value` writes. The check word is its last four bytes.
+  template <std::size_t Size, class WriteValue>
+  void append_checked(Tag tag, const WriteValue& write_value) {
+    const std::uint32_t check_word = position() + static_cast<std::uint32_t>(Size - 4);
+    append_written<Size>([&](char* record) {
+      *record = static_cast<char>(tag);
+      write_value(record + 1);
+      store32(record + Size - 4, check_word);
+    });
   }
 
   void add_bytes(Tag tag, std::string_view bytes) {
@@ -70,15 +85,15 @@ class Encoder {
     const auto size = static_cast<std::uint32_t>(bytes.size());
     append_header(tag, size);
     if (size > 0) buffer_.append(bytes.data(), size);
-    char check_word[4];
-    store32(check_word, position());
-    buffer_.append(check_word, sizeof check_word);
+    const std::uint32_t check_word = position();
+    append_written<4>([&](char* to) { store32(to, check_word); });
   }
 
   void append_header(Tag tag, std::uint32_t word) {
-    char header[5] = {static_cast<char>(tag)};
-    store32(header + 1, word);
-    buffer_.append(header, sizeof header);
+    append_written<5>([&](char* header) {
+      *header = static_cast<char>(tag);
+      store32(header + 1, word);
+    });
   }
 
   std::uint32_t position() const { return static_cast<std::uint32_t>(buffer_.size() - base_); }

@@ -14,8 +14,8 @@
 ///   null, receives an error object, or null after a success. What it gives by other `**`
 ///   parameters is null after a failure.
 /// - **Texts** end with a zero byte and are UTF-8 by convention; nobody checks that.
-/// - **Structs** have their own size as the first member, without which no other counts. Zero in
-///   another one means the default: `tolk_call call = {.size = sizeof call};`
+/// - **Structs** have their own size as the first member; one of 0 is TOLK_MISUSE, and nothing of
+///   it is read. Zero in another member means the default: `tolk_call call = {.size = sizeof call};`
 /// - **Limits** are in milliseconds and hold within 10 ms.
 /// - **Callbacks** run where their object says (see tolk_client_options::execute), inline ones on
 ///   the object's loop thread. They must not throw.

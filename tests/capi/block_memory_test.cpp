@@ -13,6 +13,7 @@ namespace {
 
 int allocations_until_failure = -1;  // below 0: none fails
 long live_allocations = 0;
+long all_allocations = 0;
 
 void* allocate(std::size_t size) {
   if (allocations_until_failure == 0) throw std::bad_alloc();
@@ -20,6 +21,7 @@ void* allocate(std::size_t size) {
   void* const memory = std::malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
   ++live_allocations;
+  ++all_allocations;
   return memory;
 }
 
@@ -67,6 +69,53 @@ void read_everything(const tolk_block* block) {
     tolk_block_text(block, i, nullptr);
     tolk_block_int(tolk_block_inner(block, i), 0);
   }
+}
+
+void add_usual_values(tolk_block* block) {
+  tolk_block_add_int(block, 7);
+  tolk_block_add_bool(block, true);
+  tolk_block_add_double(block, 1.5);
+  tolk_block_add_text(block, "a text of some bytes", TOLK_TO_ZERO);
+  tolk_block_add_bytes(block, large.data(), 64);
+  for (const char* const key : {"alpha", "beta"}) {
+    tolk_block_add_key(block, key);
+    tolk_block_add_int(block, 1);
+  }
+}
+
+// The block with its records; and the block, with its bytes and index in one piece.
+TEST(CBlockMemory, SmallBlockIsBuiltInOnePieceAndParsedInTwo) {
+  const long before = all_allocations;
+  tolk_block* const built = tolk_block_new();
+  add_usual_values(built);
+  std::size_t size = 0;
+  const void* const bytes = tolk_block_encode(built, &size);
+  EXPECT_EQ(all_allocations, before + 1);
+  tolk_block* block = nullptr;
+  ASSERT_EQ(tolk_block_parse(bytes, size, &block, nullptr, nullptr), TOLK_OK);
+  EXPECT_STREQ(tolk_block_text(block, 3, nullptr), "a text of some bytes");
+  EXPECT_EQ(tolk_block_int(block, tolk_block_find(block, "beta")), 1);
+  EXPECT_EQ(all_allocations, before + 3);
+  tolk_block_free(block);
+  tolk_block_free(built);
+}
+
+TEST(CBlockMemory, BlockGrowsOutOfItsRoom) {
+  const long before = all_allocations;
+  tolk_block* const block = tolk_block_new();
+  std::int64_t last = 0;
+  while (all_allocations == before + 1) tolk_block_add_int(block, ++last);
+  EXPECT_EQ(all_allocations, before + 2);
+  EXPECT_GT(last, 20);
+  ASSERT_EQ(tolk_block_total(block), static_cast<std::size_t>(last));
+  for (std::int64_t i = 0; i < last; ++i) {
+    EXPECT_EQ(tolk_block_int(block, static_cast<std::size_t>(i)), i + 1);
+  }
+  tolk_block_clear(block);
+  const long after = all_allocations;
+  add_usual_values(block);
+  EXPECT_EQ(all_allocations, after) << "a cleared block begins in its room again";
+  tolk_block_free(block);
 }
 
 // One that has lost a value without memory would be sent with others missing.

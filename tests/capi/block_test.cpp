@@ -1,5 +1,8 @@
 // Blocks of the C interface, by its functions alone.
 
+#include "capi/block.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tolk/c.h>
 
@@ -302,6 +305,20 @@ TEST(CBlock, NumbersOfListsAreCopied) {
   }
 }
 
+// The first records lie in the block itself.
+TEST(CBlock, InnerBlockOfABuiltOneIsCopiedWithItsBytes) {
+  CBlock copy;
+  {
+    const CBlock numbers;
+    tolk_block_add_int(numbers, 5);
+    const CBlock block;
+    tolk_block_add_key(block, "k");
+    tolk_block_add_list(block, numbers);
+    copy = CBlock(tolk_block_copy(tolk_block_inner(block, 0)));
+  }
+  EXPECT_EQ(tolk_block_int(copy, 0), 5);
+}
+
 TEST(CBlock, CopyIsChangedAlone) {
   const CBlock block;
   tolk_block_add_int(block, 1);
@@ -396,7 +413,12 @@ TEST(CBlock, ReservedKeyMakesTheBlockUnusable) {
     tolk_block_add_int(block, 2);
     EXPECT_EQ(tolk_block_total(block), 0U);
     EXPECT_EQ(tolk_block_encode(block, nullptr), nullptr);
+    const CBlock outer;
+    tolk_block_add_list(outer, CBlock(tolk_block_copy(block)));
+    EXPECT_EQ(outer.get()->status(), TOLK_MISUSE);
+    EXPECT_THAT(outer.get()->reason(), testing::HasSubstr(key == nullptr ? "null" : key));
     tolk_block_clear(block);
+    EXPECT_EQ(block.get()->reason(), nullptr);
     tolk_block_add_int(block, 3);
     EXPECT_EQ(tolk_block_int(block, 0), 3);
   }

@@ -18,6 +18,60 @@ using Clock = std::chrono::steady_clock;
 class CapiOptions : public Pair {};
 INSTANTIATE_TEST_SUITE_P(All, CapiOptions, tolk::test::kAllTransports, tolk::test::transport_name);
 
+void expect_misuse_of(const std::string& what, tolk_status status, tolk_error* error) {
+  EXPECT_EQ(status, TOLK_MISUSE) << what;
+  const std::string reason = tolk_error_reason(error);
+  EXPECT_NE(reason.find("the size of " + what + " is 0"), std::string::npos) << reason;
+  tolk_error_free(error);
+}
+
+// It would be read as one of zeros otherwise, and the rest of it silently ignored.
+TEST_P(CapiOptions, AStructWithoutItsSizeIsMisuse) {
+  listen();
+  client = connect();
+  const char* const address = tolk_server_address(server.get());
+  const tolk_client_options client_options{};
+  const tolk_server_options server_options{};
+  const tolk_method_options method_options{};
+  const tolk_call call{};
+  tolk_error* error = nullptr;
+  tolk_client* no_client = nullptr;
+  tolk_server* no_server = nullptr;
+  tolk_status status = tolk_client_connect(address, &client_options, &no_client, &error);
+  expect_misuse_of("tolk_client_options", status, error);
+  EXPECT_EQ(no_client, nullptr);
+  status = tolk_server_listen("tcp4:127.0.0.1:0", &server_options, &no_server, &error);
+  expect_misuse_of("tolk_server_options", status, error);
+  EXPECT_EQ(no_server, nullptr);
+  tolk_methods* const methods = tolk_methods_new();
+  const auto drop = [](void*, tolk_request* request) { tolk_request_free(request); };
+  status = tolk_methods_add(methods, "m", drop, nullptr, &method_options, &error);
+  expect_misuse_of("tolk_method_options", status, error);
+  EXPECT_FALSE(tolk_methods_remove(methods, "m"));
+  tolk_methods_free(methods);
+  status = tolk_client_wait(client.get(), tolk_client_start(client.get(), &call), nullptr, &error);
+  expect_misuse_of("tolk_call", status, error);
+  status = tolk_server_wait(server.get(), tolk_server_start(server.get(), &call), nullptr, &error);
+  expect_misuse_of("tolk_call", status, error);
+}
+
+TEST_P(CapiOptions, AReservedKeyIsNamedByTheCallThatFails) {
+  listen();
+  client = connect();
+  tolk_block* const block = tolk_block_new();
+  tolk_block_add_key(block, "tolk.limit");
+  tolk_block_add_int(block, 1);
+  tolk_error* error = nullptr;
+  const auto expect_named = [&](tolk_status status) {
+    EXPECT_EQ(status, TOLK_MISUSE);
+    EXPECT_NE(std::string(tolk_error_reason(error)).find("\"tolk.limit\""), std::string::npos);
+    tolk_error_free(error);
+  };
+  expect_named(tolk_client_call(client.get(), "echo", block, 0, nullptr, &error));
+  expect_named(tolk_client_post(client.get(), "echo", block, 0, &error));
+  tolk_block_free(block);
+}
+
 struct LogLines {
   std::mutex mutex;
   std::string text;
