@@ -30,7 +30,7 @@ class FrameList {
 
   // Of a list that is not empty:
   std::span<const uv_buf_t> first_buffers() const {
-    return {first_->buffers, first_->buffer_count};
+    return {first_->buffers(), first_->buffer_count};
   }
   std::size_t first_bytes() const { return Frame::kPrefixBytes + first_->payload_bytes; }
   bool first_counts() const { return first_->counts; }

@@ -5,12 +5,11 @@
 #include <chrono>
 #include <utility>
 
+#include "transport/stream_handle.h"
 #include "transport/system_calls.h"
 
 namespace tolk {
 namespace {
-
-constexpr std::size_t kMostBuffersOfAFrame = 3;
 
 // What is left of `buffer` behind its first `skipped` bytes; takes these off `skipped`.
 uv_buf_t rest_of(uv_buf_t buffer, std::size_t& skipped) {
@@ -25,8 +24,10 @@ uv_buf_t rest_of(uv_buf_t buffer, std::size_t& skipped) {
 
 // The buffers of one uv_write.
 struct OutgoingQueue::Batch {
-  std::array<uv_buf_t, kMostFrames * kMostBuffersOfAFrame> buffers;
+  std::array<uv_buf_t, kMostBuffers> buffers;
   unsigned count = 0;
+
+  bool has_room(std::size_t more) const { return count + more <= buffers.size(); }
 
   void add(std::span<const uv_buf_t> frame, std::size_t skipped) {
     for (const uv_buf_t& buffer : frame) {
@@ -73,6 +74,7 @@ std::size_t OutgoingQueue::send_directly(const State& state, const Frame& frame)
 void OutgoingQueue::flush() {
   Batch batch;
   if (!begin_batch(batch)) return;
+  if (writing_bytes_ >= kBulkBytes && !std::exchange(is_wide_, true)) widen_send_buffer(stream_);
   const int status =
       system_calls.write(&request_, stream_, batch.buffers.data(), batch.count, on_written_cb);
   // The frames are kept: libuv may still refer to a refused write.
@@ -88,6 +90,7 @@ bool OutgoingQueue::begin_batch(Batch& batch) {
   for (std::size_t frames = 0; frames < kMostFrames && !state->waiting.empty(); ++frames) {
     const std::size_t size = state->waiting.first_bytes();
     if (frames > 0 && writing_bytes_ + size > kMostBytes) break;
+    if (!batch.has_room(state->waiting.first_buffers().size())) break;
     const std::size_t sent = std::exchange(state->first_sent, 0);
     batch.add(state->waiting.first_buffers(), sent);
     writing_bytes_ += size - sent;

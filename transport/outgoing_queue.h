@@ -58,6 +58,8 @@ class OutgoingQueue {
  public:
   static constexpr std::size_t kMostFrames = 64;                   // of one write
   static constexpr std::size_t kMostBytes = std::size_t{1} << 20;  // the same, but for one frame
+  static constexpr std::size_t kMostBuffers = 192;                 // the same; those of any frame fit
+  static_assert(kMostBuffers >= Frame::kMostBuffers);
   static constexpr int kForever = -1;
 
   // `bound`: how many bytes that count may wait. One frame of any size may wait alone.
@@ -107,6 +109,7 @@ class OutgoingQueue {
   std::condition_variable changed_;
   uv_stream_t* stream_ TOLK_GUARDED_BY(loop_role) = nullptr;
   uv_write_t request_ TOLK_GUARDED_BY(loop_role){};
+  bool is_wide_ TOLK_GUARDED_BY(loop_role) = false;
   FrameList writing_ TOLK_GUARDED_BY(loop_role);
   std::size_t writing_bytes_ TOLK_GUARDED_BY(loop_role) = 0;
   std::size_t writing_counted_ TOLK_GUARDED_BY(loop_role) = 0;
