@@ -19,6 +19,7 @@ constexpr char kKind[] = "tolk.kind";
 constexpr char kCode[] = "tolk.code";
 constexpr char kDetails[] = "tolk.details";
 constexpr char kData[] = "tolk.data";
+constexpr char kDone[] = "tolk.done";
 constexpr char kValue[] = "tolk.value";
 
 // The envelope and a name beside a block.
@@ -34,7 +35,8 @@ constexpr std::array kKinds{Kind{TOLK_WRONG_ARGUMENTS, "arguments", TOLK_WRONG_A
                             Kind{TOLK_UNANSWERED, "dropped", TOLK_UNANSWERED},
                             Kind{TOLK_BUSY, "busy", TOLK_BUSY},
                             Kind{TOLK_CLOSED, "closing", TOLK_GONE},
-                            Kind{TOLK_CANCELLED, "cancelled", TOLK_CANCELLED}};
+                            Kind{TOLK_CANCELLED, "cancelled", TOLK_CANCELLED},
+                            Kind{TOLK_TOO_LARGE, "large", TOLK_TOO_LARGE}};
 
 class MessageSink : public EnvelopeSink {
  public:
@@ -51,6 +53,7 @@ class MessageSink : public EnvelopeSink {
     if (value.type == TolkValue::String) return keyed_text(key, value.bytes);
     if (key == kDetails && value.type == TolkValue::Stream) message_.details = value.bytes;
     if (key == kData && value.type == TolkValue::Double) message_.data = value.real;
+    if (key == kDone && value.type == TolkValue::Double) message_.done = value.real;
     if (key == kValue) message_.marks_value = true;
     if (value.type != TolkValue::Int) return;
     if (key == kLimit) message_.limit_ms = value.integer;
@@ -185,7 +188,8 @@ bool has_feature(std::string_view features, std::string_view feature) {
 }
 
 Content Content::of(const tolk_block* block) {
-  if (block == nullptr || block->view()) return joined(block);
+  if (block == nullptr) return {};
+  if (block->view()) return {block->share(), block->types()};
   std::vector<SharedBytes> parts = block->pieces();
   Content content{std::move(parts.front()), block->types()};
   parts.erase(parts.begin());
@@ -193,9 +197,14 @@ Content Content::of(const tolk_block* block) {
   return content;
 }
 
-Content Content::joined(const tolk_block* block) {
-  if (block == nullptr) return {};
-  return {block->share(), block->types()};
+SharedBytes Content::whole() const {
+  if (more.empty()) return bytes;
+  std::string joined;
+  joined.reserve(size());
+  joined += bytes.view;
+  for (const SharedBytes& part : more) joined += part.view;
+  const auto owner = std::make_shared<const std::string>(std::move(joined));
+  return {owner, *owner};
 }
 
 std::size_t Content::size() const {
@@ -237,13 +246,16 @@ Frame post_message(std::string_view name, const Content* arguments) {
   });
 }
 
-Frame reply_message(Side side, const CallIds& ids, const Content& result,
-                    std::string_view features) {
+Frame reply_message(Side side, const CallIds& ids, const Content& result, std::string_view features,
+                    std::optional<double> data) {
   return Frame::build_around_all(LargeParts(&result), [&](auto& encoder) {
     add_parts(encoder, result);
     add_envelope(encoder, side, ids);
     add_string_if(encoder, kFeatures, features);
     add_string_if(encoder, kTypes, result.types);
+    if (!data) return;
+    encoder.add_key(kData);
+    encoder.add_double(*data);
   });
 }
 
@@ -255,6 +267,14 @@ Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failu
     add_envelope(encoder, side, ids);
     add_failure(encoder, failure);
   });
+}
+
+std::string failure_records(const HandlerFailure& failure, std::string_view unknown) {
+  std::string records;
+  Encoder<std::string> encoder(records, 0);
+  if (!unknown.empty()) encoder.add_string(kNoEvent + std::string(unknown));
+  add_failure(encoder, failure);
+  return records;
 }
 
 Failure failure_of(const Message& reply, std::string_view method) {
