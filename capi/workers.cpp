@@ -16,6 +16,10 @@ thread_local WorkerPool* pool_of_this_thread = nullptr;
 }  // namespace
 
 void WorkerPool::add(TaskPlace& place) {
+  if (add_quietly(place)) call_threads();
+}
+
+bool WorkerPool::add_quietly(TaskPlace& place) {
   auto state = state_.lock();
   if (state->last_end != Instant()) {
     const Instant now = instant_now();
@@ -23,7 +27,17 @@ void WorkerPool::add(TaskPlace& place) {
   }
   state->waiting.splice(state->waiting.end(), place);
   waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
-  find_thread(state);
+  return lacks_threads(*state);
+}
+
+void WorkerPool::call_threads() {
+  auto state = state_.lock();
+  find_threads(state);
+}
+
+bool WorkerPool::more_waits() {
+  return pool_of_this_thread != nullptr &&
+         pool_of_this_thread->waiting_count_.load(std::memory_order_relaxed) > 0;
 }
 
 void WorkerPool::retire() {
@@ -34,10 +48,6 @@ void WorkerPool::retire() {
 
 unsigned WorkerPool::most_threads(const State& state) const {
   return std::min(workers_ + state.blocked, kMost);
-}
-
-bool WorkerPool::needs_thread(const State& state) const {
-  return state.waiting.size() > state.idle + state.polling && state.threads < most_threads(state);
 }
 
 bool WorkerPool::on_worker() { return pool_of_this_thread != nullptr; }
@@ -51,21 +61,29 @@ bool WorkerPool::can_wait(State& state) {
   return state.watched;
 }
 
-bool WorkerPool::calls_one(State& state) {
-  if (state.idle == state.woken) return false;
-  ++state.woken;
-  return true;
+bool WorkerPool::lacks_threads(State& state) {
+  return state.waiting.size() > state.polling + state.woken + state.starting && !can_wait(state);
 }
 
-// For the task that came last. A thread is called without the lock, which it takes first.
-void WorkerPool::find_thread(Locked& state) {
-  if (state->waiting.size() <= state->polling + state->woken || can_wait(*state)) return;
-  const bool calls = calls_one(*state);
-  const bool starts = !calls && needs_thread(*state);
-  if (starts) ++state->threads;
+// Threads are called without the lock, which they take first.
+void WorkerPool::find_threads(Locked& state) {
+  unsigned calls = 0;
+  unsigned starts = 0;
+  while (lacks_threads(*state)) {
+    if (state->woken < state->idle) {
+      ++state->woken;
+      ++calls;
+    } else if (state->threads < most_threads(*state)) {
+      ++state->threads;
+      ++state->starting;
+      ++starts;
+    } else {
+      break;
+    }
+  }
   state.unlock();
-  if (calls) changed_.notify_one();
-  if (starts) start_thread();
+  for (; calls > 0; --calls) changed_.notify_one();
+  for (; starts > 0; --starts) start_thread();
 }
 
 void WorkerPool::start_thread() {
@@ -74,13 +92,16 @@ void WorkerPool::start_thread() {
   try {
     std::thread([self = shared_from_this()] { self->run_thread(); }).detach();
   } catch (const std::exception&) {
-    --state_.lock()->threads;
+    const auto state = state_.lock();
+    --state->threads;
+    --state->starting;
   }
 }
 
 void WorkerPool::run_thread() {
   platform::name_this_thread("tolk-worker");
   pool_of_this_thread = this;
+  --state_.lock()->starting;
   Instant begin{};
   while (const auto task = next(begin)) {
     begin = instant_now();
@@ -112,7 +133,7 @@ std::shared_ptr<tolk_task> WorkerPool::next(Instant begin) {
   waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
   ++state->taken;
   // Nobody else looks after the others.
-  if (!state->waiting.empty() && !state->watched) find_thread(state);
+  if (!state->waiting.empty() && !state->watched) find_threads(state);
   return task;
 }
 
@@ -160,7 +181,7 @@ bool WorkerPool::is_called(Locked& state) {
 void WorkerPool::change_blocked(int by) {
   auto state = state_.lock();
   state->blocked += static_cast<unsigned>(by);
-  if (by > 0) find_thread(state);
+  if (by > 0) find_threads(state);
 }
 
 WorkerPool::Blocked::Blocked() {

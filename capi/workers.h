@@ -37,10 +37,15 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
 
   // Runs the task that `place` holds.
   void add(TaskPlace& place);
+  // The same for one of several that come together. True: call_threads must follow.
+  bool add_quietly(TaskPlace& place);
+  void call_threads();
   // No task comes any more: idle threads end.
   void retire();
   // Whether the calling thread is one of any pool.
   static bool on_worker();
+  // Whether it is, and takes another task at once when its task returns.
+  static bool more_waits();
 
   // While alive, the calling thread waits in the library. If it is a thread of any pool, another
   // one may run meanwhile.
@@ -60,6 +65,7 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   struct State {
     TaskPlace waiting;
     unsigned threads = 0;
+    unsigned starting = 0;
     unsigned idle = 0;
     unsigned woken = 0;    // of the idle ones, those that are called
     unsigned polling = 0;  // look at the tasks soon
@@ -75,10 +81,9 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   using Locked = Guarded<State>::Locked;
 
   unsigned most_threads(const State& state) const;
-  bool needs_thread(const State& state) const;
   static bool can_wait(State& state);
-  static bool calls_one(State& state);
-  void find_thread(Locked& state);
+  static bool lacks_threads(State& state);
+  void find_threads(Locked& state);
   void start_thread();
   void run_thread();
   std::shared_ptr<tolk_task> next(Instant begin);
