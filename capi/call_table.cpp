@@ -171,8 +171,11 @@ void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcom
 void CallTable::deliver(const std::shared_ptr<CallRecord>& record, Callbacks::When when) {
   if (record->done != nullptr) return callbacks_.dispatch(record, when);
   if (record->is_own) return;
-  const auto shard = shard_of(record->number).lock();
-  record->finished = true;
+  {
+    const auto shard = shard_of(record->number).lock();
+    record->finished = true;
+  }
+  // Without the lock, which the woken thread takes first.
   record->ended.notify_all();
 }
 
@@ -301,11 +304,11 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& given_u
   const std::shared_ptr<CallRecord> record = at->second;
   if (wait == Wait::finished_only && !record->finished) return false;
   record->awaited = true;
-  const auto finished = [&](const Shard&) { return record->finished; };
+  const auto finished = [&](const Shard&) { return record->finished.load(); };
   const Instant begin = instant_now();
-  while (!record->finished && waits.pays(instant_now()) && instant_now() - begin < kStayAwake) {
+  if (!record->finished && waits.pays(begin)) {
     shard.unlock();
-    let_others_run();
+    while (!record->finished && instant_now() - begin < kStayAwake) let_others_run();
     shard.relock();
   }
   // Data of the call move the deadline.

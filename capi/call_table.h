@@ -59,7 +59,7 @@ struct CallRecord final : tolk_task {
 
   // Under the lock of the table, for a call without `done`.
   bool taken = false;  // somebody makes its outcome
-  bool finished = false;
+  std::atomic<bool> finished{false};  // read without the lock as well
   bool awaited = false;
   std::condition_variable ended;
   std::shared_ptr<CallRecord> next;  // of those that complete_where takes

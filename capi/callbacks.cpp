@@ -48,7 +48,7 @@ class tolk_task::OnLoop final : public tolk::Task {
   void run() TOLK_LOOP override { std::exchange(held_, nullptr)->run(); }
   void refuse() override {
     const auto task = std::exchange(held_, nullptr);
-    task->core_->callbacks().hand_to_others(*task);
+    task->core_->callbacks().hand_to_others(*task, Callbacks::When::later);
   }
 
   void hold() { held_ = task_.shared_from_this(); }
@@ -137,16 +137,52 @@ void Callbacks::drop_handlers() {
 }
 
 void Callbacks::hand_over(tolk_task& task, When when) {
-  if (!task.runs_inline_) return hand_to_others(task);
-  if (when == When::now && core_.on_loop_thread()) return task.run();
+  if (!task.runs_inline_) return hand_to_others(task, when);
+  if (when == When::now && core_.on_loop_thread()) {
+    if (quiet_ > 0) workers_->call_threads();
+    return task.run();
+  }
   static_cast<tolk_task::OnLoop&>(*task.loop_task_).hold();
   core_.post_to_loop(std::move(task.loop_task_));
 }
 
-void Callbacks::hand_to_others(tolk_task& task) {
+// At the end of the loop's turn, threads are called for all that came.
+class Callbacks::EndOfTurn final : public Task {
+ public:
+  explicit EndOfTurn(Callbacks& callbacks)
+      : core_(callbacks.core_.shared()), callbacks_(callbacks) {}
+
+  void run() TOLK_LOOP override { refuse(); }
+  // On the loop thread too: it posts the task, and closes the queue.
+  void refuse() override {
+    callbacks_.quiet_ = 0;
+    callbacks_.workers_->call_threads();
+  }
+
+ private:
+  const std::shared_ptr<Core> core_;
+  Callbacks& callbacks_;
+};
+
+// A thread that is called at once often takes the loop's processor, for one task alone.
+void Callbacks::add_quietly(TaskPlace& place) {
+  if (!workers_->add_quietly(place)) return;
+  if (++quiet_ == 1 && guarded_or(false, [this] {
+        core_.post_to_loop(std::make_unique<EndOfTurn>(*this));
+        return true;
+      })) {
+    return;
+  }
+  if (quiet_ > 1 && quiet_ < kMostQuiet) return;
+  quiet_ = quiet_ > 1 ? 1 : 0;
+  workers_->call_threads();
+}
+
+void Callbacks::hand_to_others(tolk_task& task, When when) {
   if (execute_ != nullptr && !task.is_for_workers()) return give_to_executor(task);
   auto& place = task.queue_place();
   place.front() = task.shared_from_this();
+  if (when == When::now && core_.on_loop_thread()) return add_quietly(place);
   workers_->add(place);
 }
 

@@ -127,8 +127,12 @@ class Callbacks {
     bool dropping = false;  // a thread drops handlers
   };
 
+  class EndOfTurn;
+  static constexpr int kMostQuiet = 16;
+
   void hand_over(tolk_task& task, When when);
-  void hand_to_others(tolk_task& task);
+  void hand_to_others(tolk_task& task, When when);
+  void add_quietly(TaskPlace& place);
   void give_to_executor(tolk_task& task);
   void drop_handlers();
   bool claim(tolk_task& task);
@@ -140,6 +144,8 @@ class Callbacks {
   const tolk_execute execute_;
   void* const context_;
   const std::shared_ptr<WorkerPool> workers_;
+  // The loop thread's: tasks of this turn for which no thread has been called.
+  int quiet_ = 0;
   std::atomic<std::size_t> handlers_{0};
   Guarded<State> state_;
   std::condition_variable changed_;

@@ -1,6 +1,7 @@
 #include "capi/messages.h"
 
 #include <array>
+#include <span>
 #include <utility>
 
 #include "capi/block.h"
@@ -106,19 +107,55 @@ const Kind* kind_of(tolk_status status) {
 }
 
 template <class Encoding>
+void add_parts(Encoding& encoder, const Content& content) {
+  encoder.add_part(content.bytes.view);
+  for (const SharedBytes& part : content.more) encoder.add_part(part.view);
+}
+
+template <class Encoding>
+void add_stream(Encoding& encoder, const Content& content) {
+  encoder.begin_stream(content.size());
+  add_parts(encoder, content);
+  encoder.end_stream();
+}
+
+template <class Encoding>
 void add_failure(Encoding& encoder, const HandlerFailure& failure) {
   add_string(encoder, kError, failure.text);
   if (const Kind* const kind = kind_of(failure.status)) add_string(encoder, kKind, kind->word);
   if (failure.code != 0) add_int(encoder, kCode, failure.code);
   if (failure.details == nullptr) return;
   encoder.add_key(kDetails);
-  encoder.add_stream(failure.details->bytes.view);
+  add_stream(encoder, *failure.details);
 }
 
-SharedBytes large_part(const Content* content) {
-  if (content == nullptr || content->bytes.view.size() < Frame::kTakeOverBytes) return {};
-  return content->bytes;
-}
+// The parts of a content that its frame does not copy.
+class LargeParts {
+ public:
+  explicit LargeParts(const Content* content) {
+    if (content == nullptr) return;
+    add(content->bytes);
+    for (const SharedBytes& part : content->more) add(part);
+  }
+  operator std::span<const SharedBytes>() const {
+    return many_.empty() ? std::span(&one_, count_) : std::span(many_);
+  }
+
+ private:
+  void add(const SharedBytes& part) {
+    if (part.view.size() < Frame::kTakeOverBytes || count_ == Frame::kMostLarge) return;
+    if (++count_ == 1) {
+      one_ = part;
+      return;
+    }
+    if (many_.empty()) many_.push_back(one_);
+    many_.push_back(part);
+  }
+
+  SharedBytes one_;
+  std::vector<SharedBytes> many_;
+  std::size_t count_ = 0;
+};
 
 tolk_status status_of(const Message& reply) {
   for (const Kind& kind : kKinds) {
@@ -152,11 +189,32 @@ bool has_feature(std::string_view features, std::string_view feature) {
 
 Content Content::of(const tolk_block* block) {
   if (block == nullptr) return {};
-  return {block->share(), block->types()};
+  if (block->view()) return {block->share(), block->types()};
+  std::vector<SharedBytes> parts = block->pieces();
+  Content content{std::move(parts.front()), block->types()};
+  parts.erase(parts.begin());
+  content.more = std::move(parts);
+  return content;
+}
+
+SharedBytes Content::whole() const {
+  if (more.empty()) return bytes;
+  std::string joined;
+  joined.reserve(size());
+  joined += bytes.view;
+  for (const SharedBytes& part : more) joined += part.view;
+  const auto owner = std::make_shared<const std::string>(std::move(joined));
+  return {owner, *owner};
+}
+
+std::size_t Content::size() const {
+  std::size_t size = bytes.view.size();
+  for (const SharedBytes& part : more) size += part.view.size();
+  return size;
 }
 
 bool Content::is_too_large() const {
-  return bytes.view.size() + types.size() > frame_format::kMaxPayloadBytes - kMostEnvelopeBytes;
+  return size() + types.size() > frame_format::kMaxPayloadBytes - kMostEnvelopeBytes;
 }
 
 int call_id_of(std::uint64_t token) { return static_cast<int>(token & 0x7fffffff) | 1; }
@@ -164,12 +222,12 @@ int call_id_of(std::uint64_t token) { return static_cast<int>(token & 0x7fffffff
 Frame call_message(std::string_view name, std::uint64_t token, const Content* arguments,
                    const CallExtras& extras) {
   const std::string token_string = token_text(token);
-  return Frame::build_around(large_part(arguments), [&](auto& encoder) {
+  return Frame::build_around_all(LargeParts(arguments), [&](auto& encoder) {
     add_string(encoder, kKeyName, name);
     add_int(encoder, kKeyCallId, call_id_of(token));
     if (arguments != nullptr) {
       encoder.add_key(kKeyArguments);
-      encoder.add_stream(arguments->bytes.view);
+      add_stream(encoder, *arguments);
     }
     add_string(encoder, kKeyToken, token_string);
     add_string_if(encoder, kFeatures, extras.features);
@@ -179,19 +237,19 @@ Frame call_message(std::string_view name, std::uint64_t token, const Content* ar
 }
 
 Frame post_message(std::string_view name, const Content* arguments) {
-  return Frame::build_around(large_part(arguments), [&](auto& encoder) {
+  return Frame::build_around_all(LargeParts(arguments), [&](auto& encoder) {
     add_string(encoder, kKeyName, name);
     if (arguments == nullptr) return;
     encoder.add_key(kKeyArguments);
-    encoder.add_stream(arguments->bytes.view);
+    add_stream(encoder, *arguments);
     add_string_if(encoder, kTypes, arguments->types);
   });
 }
 
 Frame reply_message(Side side, const CallIds& ids, const Content& result, std::string_view features,
                     std::optional<double> data) {
-  return Frame::build_around(large_part(&result), [&](auto& encoder) {
-    encoder.add_encoded(result.bytes.view);
+  return Frame::build_around_all(LargeParts(&result), [&](auto& encoder) {
+    add_parts(encoder, result);
     add_envelope(encoder, side, ids);
     add_string_if(encoder, kFeatures, features);
     add_string_if(encoder, kTypes, result.types);

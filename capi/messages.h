@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "capi/error.h"
 #include "params/shared_bytes.h"
@@ -48,12 +49,16 @@ struct Message {
 // Whether `features`, a list of words, has this one.
 bool has_feature(std::string_view features, std::string_view feature);
 
-// A block as it travels.
+// A block as it travels: its records, in one part or in several.
 struct Content {
   SharedBytes bytes;
   std::string types;  // the text of "tolk.types"
+  std::vector<SharedBytes> more{};  // the parts behind `bytes`, of a block that holds bytes
 
   static Content of(const tolk_block* block);
+  // In one part; copied only if there are several.
+  SharedBytes whole() const;
+  std::size_t size() const;
   bool is_too_large() const;
 };
 

@@ -57,10 +57,11 @@ bool Peer::close() {
   return true;
 }
 
-Sent Peer::send(Frame&& frame, bool counts) {
-  const Sent sent = out_.add(std::move(frame), counts);
+Sent Peer::send(Frame&& frame, bool counts, Send when) {
+  const Sent sent = out_.add(std::move(frame), counts, when);
+  if (sent == Sent::written) on_sent();
   if (sent != Sent::queued_first) return sent;
-  if (core_.on_loop_thread()) {
+  if (when == Send::now && core_.on_loop_thread()) {
     enter_loop();
     out_.flush();
   } else {
@@ -130,7 +131,9 @@ void Peer::set_hooks(std::shared_ptr<tolk_task> connect, std::shared_ptr<tolk_ta
   gone_hook_ = std::move(gone);
 }
 
-void Peer::on_written() {
+void Peer::on_written() { on_sent(); }
+
+void Peer::on_sent() {
   resume_if_below();
   core_.note_progress();
 }

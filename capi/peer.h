@@ -59,7 +59,7 @@ class Peer final : public StreamUser,
   bool close() TOLK_LOOP;
   bool is_gone() const { return gone_; }
   PeerStream* stream() TOLK_LOOP { return stream_; }
-  Sent send(Frame&& frame, bool counts);
+  Sent send(Frame&& frame, bool counts, Send when = Send::now);
   // Ends the connection soon. Needs no memory.
   void disconnect();
 
@@ -115,6 +115,7 @@ class Peer final : public StreamUser,
   using OpenRequests = std::multimap<std::string, tolk_request*, std::less<>>;
 
   void on_written() TOLK_LOOP override;
+  void on_sent();
   void on_write_failed(int status) TOLK_LOOP override;
   void dispatch_now(const std::shared_ptr<tolk_request>& request);
   template <class Function>

@@ -144,7 +144,7 @@ void tolk_request::become_plain(int call_id, const tolk::SharedBytes& block) {
 
 void tolk_request::answer(const tolk_block* result) {
   if (plain_call_id_ && (result == nullptr || result->status() == TOLK_OK)) {
-    return end_plain(std::string(tolk::Content::of(result).bytes.view));
+    return end_plain(std::string(tolk::Content::of(result).whole().view));
   }
   end_with([&] {
     const tolk::Content content = tolk::Content::of(result);
@@ -160,7 +160,7 @@ void tolk_request::answer(const tolk_block* result) {
 }
 
 void tolk_request::answer_with(const tolk::Content& result, std::optional<double> data) {
-  if (plain_call_id_) return end_plain(std::string(result.bytes.view));
+  if (plain_call_id_) return end_plain(std::string(result.whole().view));
   end_with([&] { return tolk::reply_message(core_kept_->role(), ids_, result, {}, data); });
 }
 

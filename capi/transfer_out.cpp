@@ -141,7 +141,7 @@ CallExtras CallOut::last_extras() {
 }
 
 void CallOut::send_whole() {
-  const auto rest = tolk_block::of_message(what_.arguments.bytes, what_.arguments.types,
+  const auto rest = tolk_block::of_message(what_.arguments.whole(), what_.arguments.types,
                                            tolk_block::Reserved::kept);
   Content whole;
   if (!gather(*rest.block, &whole)) return;
@@ -192,7 +192,7 @@ bool AnswerOut::may_go_on() { return request_->is_wanted(); }
 
 void AnswerOut::send_whole() {
   const auto rest =
-      tolk_block::of_message(result_.bytes, result_.types, tolk_block::Reserved::kept);
+      tolk_block::of_message(result_.whole(), result_.types, tolk_block::Reserved::kept);
   Content whole;
   if (!gather(*rest.block, &whole)) return;
   request_->answer_with(whole, std::nullopt);

@@ -16,12 +16,28 @@ thread_local WorkerPool* pool_of_this_thread = nullptr;
 }  // namespace
 
 void WorkerPool::add(TaskPlace& place) {
-  {
-    const auto state = state_.lock();
-    state->waiting.splice(state->waiting.end(), place);
-    if (state->idle > 0) changed_.notify_one();
+  if (add_quietly(place)) call_threads();
+}
+
+bool WorkerPool::add_quietly(TaskPlace& place) {
+  auto state = state_.lock();
+  if (state->last_end != Instant()) {
+    const Instant now = instant_now();
+    state->gaps.waited(now - std::exchange(state->last_end, {}), now);
   }
-  start_if_needed();
+  state->waiting.splice(state->waiting.end(), place);
+  waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
+  return lacks_threads(*state);
+}
+
+void WorkerPool::call_threads() {
+  auto state = state_.lock();
+  find_threads(state);
+}
+
+bool WorkerPool::more_waits() {
+  return pool_of_this_thread != nullptr &&
+         pool_of_this_thread->waiting_count_.load(std::memory_order_relaxed) > 0;
 }
 
 void WorkerPool::retire() {
@@ -30,56 +46,142 @@ void WorkerPool::retire() {
   changed_.notify_all();
 }
 
-bool WorkerPool::needs_thread(const State& state) const {
-  return state.waiting.size() > state.idle &&
-         state.threads < std::min(workers_ + state.blocked, kMost);
+unsigned WorkerPool::most_threads(const State& state) const {
+  return std::min(workers_ + state.blocked, kMost);
 }
 
 bool WorkerPool::on_worker() { return pool_of_this_thread != nullptr; }
 
-void WorkerPool::start_if_needed() {
-  {
-    const auto state = state_.lock();
-    if (!needs_thread(*state)) return;
-    ++state->threads;
+// Whether threads that run, or are called, soon take what waits; and somebody watches that.
+bool WorkerPool::can_wait(State& state) {
+  const int running = static_cast<int>(state.threads) -
+                      static_cast<int>(state.idle - state.woken + state.blocked);
+  if (running <= 0 || state.usual_run * state.waiting.size() > kStayAwake * running) return false;
+  state.watch_wanted = true;
+  return state.watched;
+}
+
+bool WorkerPool::lacks_threads(State& state) {
+  return state.waiting.size() > state.polling + state.woken + state.starting && !can_wait(state);
+}
+
+// Threads are called without the lock, which they take first.
+void WorkerPool::find_threads(Locked& state) {
+  unsigned calls = 0;
+  unsigned starts = 0;
+  while (lacks_threads(*state)) {
+    if (state->woken < state->idle) {
+      ++state->woken;
+      ++calls;
+    } else if (state->threads < most_threads(*state)) {
+      ++state->threads;
+      ++state->starting;
+      ++starts;
+    } else {
+      break;
+    }
   }
+  state.unlock();
+  for (; calls > 0; --calls) changed_.notify_one();
+  for (; starts > 0; --starts) start_thread();
+}
+
+void WorkerPool::start_thread() {
   platform::pin_library();
   const platform::SignalsBlocked inherited_by_the_thread;
   try {
     std::thread([self = shared_from_this()] { self->run_thread(); }).detach();
   } catch (const std::exception&) {
-    --state_.lock()->threads;
+    const auto state = state_.lock();
+    --state->threads;
+    --state->starting;
   }
 }
 
 void WorkerPool::run_thread() {
   platform::name_this_thread("tolk-worker");
   pool_of_this_thread = this;
-  while (const auto task = next()) task->run();
+  --state_.lock()->starting;
+  Instant begin{};
+  while (const auto task = next(begin)) {
+    begin = instant_now();
+    task->run();
+  }
 }
 
-// Null: the thread is not needed any more, and counts no longer.
-std::shared_ptr<tolk_task> WorkerPool::next() {
+void WorkerPool::note_run(State& state, Instant begin) {
+  constexpr int kWeight = 8;
+  state.last_end = instant_now();
+  const auto run = std::min<std::chrono::nanoseconds>(state.last_end - begin, kLongRun);
+  state.usual_run += (run - state.usual_run) / kWeight;
+}
+
+// Null: the thread is not needed any more, and counts no longer. `begin`: of its last task.
+std::shared_ptr<tolk_task> WorkerPool::next(Instant begin) {
   auto state = state_.lock();
-  const auto has_task = [](const State& now) { return !now.waiting.empty() || now.retired; };
-  if (state->threads <= workers_ + state->blocked && state->waiting.empty()) {
-    ++state->idle;
-    state.wait_for(changed_, kIdleLimit, has_task);
-    --state->idle;
-  }
-  if (state->waiting.empty() || state->threads > workers_ + state->blocked) {
+  if (begin != Instant()) note_run(*state, begin);
+  const auto is_needed = [&] { return state->threads <= workers_ + state->blocked; };
+  if (is_needed() && state->waiting.empty()) stay_awake(state);
+  if (is_needed() && state->waiting.empty()) sleep(state);
+  if (state->waiting.empty() || !is_needed()) {
     --state->threads;
     return nullptr;
   }
   std::shared_ptr<tolk_task> task = std::move(state->waiting.front());
   TaskPlace place;  // freed after the lock
   place.splice(place.end(), state->waiting, state->waiting.begin());
+  waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
+  ++state->taken;
+  // Nobody else looks after the others.
+  if (!state->waiting.empty() && !state->watched) find_threads(state);
   return task;
 }
 
+// While tasks come quickly. One thread is enough.
+void WorkerPool::stay_awake(Locked& state) {
+  const Instant begin = instant_now();
+  if (state->polling > 0 || state->retired || !state->gaps.pays(begin)) return;
+  ++state->polling;
+  state.unlock();
+  while (waiting_count_.load(std::memory_order_relaxed) == 0 &&
+         instant_now() - begin < kStayAwake) {
+    let_others_run();
+  }
+  state.relock();
+  --state->polling;
+}
+
+void WorkerPool::sleep(Locked& state) {
+  const Instant latest = instant_now() + kIdleLimit;
+  ++state->idle;
+  while (!is_called(state) && !state->retired && instant_now() < latest) {
+  }
+  --state->idle;
+  state->woken = std::min(state->woken, state->idle);
+}
+
+// Waits once, and tells whether there is a task for this thread. One that watches leaves tasks to
+// the threads that run as long as these take any.
+bool WorkerPool::is_called(Locked& state) {
+  const auto called = [](const State& now) { return now.woken > 0 || now.retired; };
+  const bool watches = !state->watched && (state->watch_wanted || !state->waiting.empty());
+  const std::size_t taken = state->taken;
+  if (watches) {
+    state->watched = true;
+    state->watch_wanted = false;
+  }
+  const bool is_called =
+      watches ? state.wait_for(changed_, kWatchPeriod, called)
+              : state.wait_for(changed_, kIdleLimit, called);
+  if (watches) state->watched = false;
+  if (is_called && state->woken > 0) --state->woken;
+  return !state->waiting.empty() && (is_called || state->taken == taken);
+}
+
 void WorkerPool::change_blocked(int by) {
-  state_.lock()->blocked += static_cast<unsigned>(by);
-  if (by > 0) start_if_needed();
+  auto state = state_.lock();
+  state->blocked += static_cast<unsigned>(by);
+  if (by > 0) find_threads(state);
 }
 
 WorkerPool::Blocked::Blocked() {

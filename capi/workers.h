@@ -3,15 +3,22 @@
 // A thread is started when a task waits and none is idle. One that waits in the library does not
 // count, so that calls from handlers cannot use all of them up.
 //
+// A thread takes one task after the other. While handlers are short, a task that comes waits for
+// the threads that run, which costs less than to wake another. An idle thread watches meanwhile:
+// when none takes a task for kWatchPeriod, it does.
+//
 // Thread: any. Owner: the object and every thread of the pool, which are detached.
 // Failure: a thread that cannot be started is started later, when the next task comes or ends.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <atomic>
 #include <list>
 #include <memory>
 
+#include "transport/staying_awake.h"
 #include "transport/thread_safety.h"
 
 struct tolk_task;
@@ -30,10 +37,15 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
 
   // Runs the task that `place` holds.
   void add(TaskPlace& place);
+  // The same for one of several that come together. True: call_threads must follow.
+  bool add_quietly(TaskPlace& place);
+  void call_threads();
   // No task comes any more: idle threads end.
   void retire();
   // Whether the calling thread is one of any pool.
   static bool on_worker();
+  // Whether it is, and takes another task at once when its task returns.
+  static bool more_waits();
 
   // While alive, the calling thread waits in the library. If it is a thread of any pool, another
   // one may run meanwhile.
@@ -47,24 +59,44 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
 
  private:
   static constexpr std::chrono::seconds kIdleLimit{10};
+  static constexpr std::chrono::milliseconds kWatchPeriod{1};
+  static constexpr std::chrono::nanoseconds kLongRun{1000000};
 
   struct State {
     TaskPlace waiting;
     unsigned threads = 0;
+    unsigned starting = 0;
     unsigned idle = 0;
+    unsigned woken = 0;    // of the idle ones, those that are called
+    unsigned polling = 0;  // look at the tasks soon
     unsigned blocked = 0;
     bool retired = false;
+    bool watched = false;       // an idle thread watches
+    bool watch_wanted = false;  // a task relies on it
+    std::size_t taken = 0;
+    std::chrono::nanoseconds usual_run{0};
+    Instant last_end{};
+    WaitScore gaps;  // between the last task and the next
   };
+  using Locked = Guarded<State>::Locked;
 
-  bool needs_thread(const State& state) const;
-  void start_if_needed();
+  unsigned most_threads(const State& state) const;
+  static bool can_wait(State& state);
+  static bool lacks_threads(State& state);
+  void find_threads(Locked& state);
+  void start_thread();
   void run_thread();
-  std::shared_ptr<tolk_task> next();
+  std::shared_ptr<tolk_task> next(Instant begin);
+  static void note_run(State& state, Instant begin);
+  void stay_awake(Locked& state);
+  void sleep(Locked& state);
+  bool is_called(Locked& state);
   void change_blocked(int by);
 
   const unsigned workers_;
   Guarded<State> state_;
   std::condition_variable changed_;
+  std::atomic<std::size_t> waiting_count_{0};  // for a thread that looks without the lock
 };
 
 }  // namespace tolk

@@ -42,6 +42,13 @@ class Encoder {
   void add_string(std::string_view text) { add_bytes(Tag::String, text); }
   void add_stream(std::string_view data) { add_bytes(Tag::Stream, data); }
 
+  // A stream record around bytes that come part by part, `size` in all.
+  void begin_stream(std::size_t size) {
+    append_header(Tag::Stream, static_cast<std::uint32_t>(size));
+  }
+  void add_part(std::string_view part) { buffer_.append(part.data(), part.size()); }
+  void end_stream() { append_check_word(); }
+
   // The first half of a key-and-value record. The value's record must follow.
   void add_key(std::string_view key) {
     const char tag = static_cast<char>(Tag::KeyValue);
@@ -85,6 +92,10 @@ class Encoder {
     const auto size = static_cast<std::uint32_t>(bytes.size());
     append_header(tag, size);
     if (size > 0) buffer_.append(bytes.data(), size);
+    append_check_word();
+  }
+
+  void append_check_word() {
     const std::uint32_t check_word = position();
     append_written<4>([&](char* to) { store32(to, check_word); });
   }

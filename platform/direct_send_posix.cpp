@@ -1,15 +1,18 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include <array>
 #include <cerrno>
+#include <cstddef>
 
 #include "platform/direct_send.h"
 
 namespace tolk::platform {
 namespace {
 
-constexpr std::size_t kMostBuffers = 8;
+// As libuv itself does it.
+static_assert(sizeof(uv_buf_t) == sizeof(iovec) &&
+              offsetof(uv_buf_t, base) == offsetof(iovec, iov_base) &&
+              offsetof(uv_buf_t, len) == offsetof(iovec, iov_len));
 
 #if defined(MSG_NOSIGNAL)
 constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
@@ -26,13 +29,9 @@ int descriptor_for_direct_send(const uv_stream_t* stream) {
 }
 
 std::size_t direct_send(int descriptor, std::span<const uv_buf_t> buffers) {
-  std::array<iovec, kMostBuffers> parts{};
   msghdr message{};
-  message.msg_iov = parts.data();
-  for (const uv_buf_t& buffer : buffers) {
-    if (message.msg_iovlen == parts.size()) break;
-    parts[message.msg_iovlen++] = {buffer.base, buffer.len};
-  }
+  message.msg_iov = reinterpret_cast<iovec*>(const_cast<uv_buf_t*>(buffers.data()));
+  message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(buffers.size());
   ssize_t sent = 0;
   do {
     sent = ::sendmsg(descriptor, &message, kFlags);

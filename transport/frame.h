@@ -1,8 +1,8 @@
 // One message as it travels.
 //
 // A frame is one heap block that holds libuv's write request, its buffer descriptors and the bytes,
-// so that writing it allocates and copies nothing more. A large part is not copied: the frame holds
-// it where it lies and is written from three buffers, still with one write.
+// so that writing it allocates and copies nothing more. Large parts are not copied: the frame holds
+// them where they lie and is written from several buffers, still with one write.
 // Thread: any, one at a time. Owner: whoever holds the Frame; libuv while a write is under way
 // (release() gives it away, adopt() takes it back in the completion callback).
 // Failure: std::bad_alloc.
@@ -14,7 +14,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -31,25 +30,35 @@ class Frame {
   static constexpr std::size_t kPrefixBytes = frame_format::kPrefixBytes;
   // From this size on, bytes are not copied into a frame.
   static constexpr std::size_t kTakeOverBytes = std::size_t{16} << 10;
+  // Parts of that size in one frame; what is more is copied.
+  static constexpr std::size_t kMostLarge = 64;
+  static constexpr std::size_t kMostBuffers = 2 * kMostLarge + 1;
 
   // A frame whose payload is what `fill(encoder)` writes. `fill` runs twice: first to measure, then
   // to write in place.
   template <class Fill>
   static Frame build(const Fill& fill) {
-    return build_around({}, fill);
+    return build_around_all({}, fill);
   }
 
   // The same. Where `fill` adds exactly the bytes of `large`, once at most, they are not copied:
   // the frame holds them and is written from where they lie.
   template <class Fill>
-  static Frame build_around(SharedBytes large, const Fill& fill) {
-    Measure measure(large.view);
+  static Frame build_around(const SharedBytes& large, const Fill& fill) {
+    return build_around_all({&large, 1}, fill);
+  }
+
+  // The same for up to kMostLarge parts, which `fill` adds in this order.
+  template <class Fill>
+  static Frame build_around_all(std::span<const SharedBytes> large, const Fill& fill) {
+    Measure measure(large);
     Encoder<Measure> measuring(measure, 0);
     fill(measuring);
-    Frame frame(measure, std::move(large));
+    Frame frame(measure, large.first(measure.taken()));
     Cursor cursor(frame);
     Encoder<Cursor> writing(cursor, 0);
     fill(writing);
+    cursor.end();
     return frame;
   }
 
@@ -64,7 +73,7 @@ class Frame {
       records = *owner;
       large = {std::move(owner), records};
     }
-    return build_around(std::move(large), [&](auto& encoder) {
+    return build_around(large, [&](auto& encoder) {
       encoder.add_encoded(records);
       fill(encoder);
     });
@@ -77,9 +86,9 @@ class Frame {
   std::size_t payload_bytes() const { return block_->payload_bytes; }
   std::size_t total_bytes() const { return kPrefixBytes + block_->payload_bytes; }
   // The bytes in the order of the stream.
-  std::span<const uv_buf_t> buffers() const { return {block_->buffers, block_->buffer_count}; }
+  std::span<const uv_buf_t> buffers() const { return {block_->buffers(), block_->buffer_count}; }
   // All bytes of a frame that is written from one buffer.
-  std::string_view bytes() const { return {block_->buffers[0].base, block_->buffers[0].len}; }
+  std::string_view bytes() const { return {block_->buffers()->base, block_->buffers()->len}; }
   uv_write_t* request() { return &block_->request; }
 
   // To libuv's side of a write, and back. `request` is the block's first member.
@@ -89,91 +98,115 @@ class Frame {
  private:
   friend class FrameList;
 
+  // In front of its buffers, the large parts and the bytes.
   struct Block {
     uv_write_t request;
-    SharedBytes large;  // not copied; none in most frames
     std::size_t payload_bytes;
-    uv_buf_t buffers[3];
+    Block* next;  // this and the next one are the FrameList's
+    bool counts;
+    unsigned large_count;
     unsigned buffer_count;
-    bool counts;  // this and the next one are the FrameList's
-    Block* next;
+
+    static std::size_t most_buffers(std::size_t large_count) { return 2 * large_count + 1; }
+    uv_buf_t* buffers() { return reinterpret_cast<uv_buf_t*>(this + 1); }
+    SharedBytes* large() {
+      return reinterpret_cast<SharedBytes*>(buffers() + most_buffers(large_count));
+    }
+    char* bytes() { return reinterpret_cast<char*>(large() + large_count); }
+
+    void add_buffer(const char* base, std::size_t size) {
+      uv_buf_t& buffer = buffers()[buffer_count++];
+      buffer.base = const_cast<char*>(base);  // libuv only reads what it writes to a stream
+      buffer.len = static_cast<decltype(buffer.len)>(size);
+    }
   };
-  // A block and the bytes behind it are one piece of memory.
+  static_assert(sizeof(Block) % alignof(SharedBytes) == 0 &&
+                sizeof(uv_buf_t) % alignof(SharedBytes) == 0);
+
   struct Free {
     void operator()(Block* block) const {
+      std::destroy_n(block->large(), block->large_count);
       block->~Block();
       ::operator delete(block);
     }
   };
 
-  // Counts, and finds the place of the large part.
+  // Whether the next of `large` is added; then it is taken.
+  static bool takes(std::span<const SharedBytes> large, std::size_t& taken, const char* data,
+                    std::size_t count) {
+    if (taken == large.size() || count == 0) return false;
+    const std::string_view next = large[taken].view;
+    if (data != next.data() || count != next.size()) return false;
+    ++taken;
+    return true;
+  }
+
+  // Counts, and finds the large parts.
   class Measure {
    public:
-    explicit Measure(std::string_view large) : large_(large) {}
+    explicit Measure(std::span<const SharedBytes> large) : large_(large) {}
 
     void append(const char* data, std::size_t count) {
-      if (is_large(large_, data, count)) large_at_ = size_;
       size_ += count;
+      if (takes(large_, taken_, data, count)) large_bytes_ += count;
     }
     std::size_t size() const { return size_; }
-    // None when no part is large.
-    std::optional<std::size_t> large_at() const { return large_at_; }
+    std::size_t taken() const { return taken_; }
+    std::size_t own_bytes() const { return size_ - large_bytes_; }
 
    private:
-    const std::string_view large_;
+    const std::span<const SharedBytes> large_;
+    std::size_t taken_ = 0;
     std::size_t size_ = 0;
-    std::optional<std::size_t> large_at_;
+    std::size_t large_bytes_ = 0;
   };
 
   // Writes into memory that was measured before.
   class Cursor {
    public:
     explicit Cursor(const Frame& frame)
-        : large_(frame.block_->large.view), at_(frame.own_payload()) {}
+        : block_(*frame.block_),
+          large_(block_.large(), block_.large_count),
+          begin_(block_.bytes()),
+          at_(begin_ + kPrefixBytes) {}
 
     void append(const char* data, std::size_t count) {
       size_ += count;
-      if (count == 0 || is_large(large_, data, count)) return;
-      std::memcpy(at_, data, count);
-      at_ += count;
+      if (takes(large_, taken_, data, count)) {
+        end();
+        block_.add_buffer(data, count);
+      } else if (count != 0) {
+        std::memcpy(at_, data, count);
+        at_ += count;
+      }
     }
     std::size_t size() const { return size_; }
+    // Own bytes since the last large part become a buffer.
+    void end() {
+      if (begin_ != at_) block_.add_buffer(begin_, static_cast<std::size_t>(at_ - begin_));
+      begin_ = at_;
+    }
 
    private:
-    const std::string_view large_;
+    Block& block_;
+    const std::span<const SharedBytes> large_;
+    std::size_t taken_ = 0;
+    char* begin_;
     char* at_;
     std::size_t size_ = 0;
   };
 
-  static bool is_large(std::string_view large, const char* data, std::size_t count) {
-    return data == large.data() && count == large.size() && count != 0;
-  }
-
   explicit Frame(Block* block) : block_(block) {}
 
-  Frame(const Measure& measure, SharedBytes large) {
-    const std::size_t large_bytes = measure.large_at() ? large.view.size() : 0;
-    const std::size_t own_bytes = kPrefixBytes + measure.size() - large_bytes;
-    block_.reset(new (::operator new(sizeof(Block) + own_bytes)) Block{});
+  Frame(const Measure& measure, std::span<const SharedBytes> large) {
+    const std::size_t size = sizeof(Block) + Block::most_buffers(large.size()) * sizeof(uv_buf_t) +
+                             large.size_bytes() + kPrefixBytes + measure.own_bytes();
+    block_.reset(new (::operator new(size)) Block{});
     block_->payload_bytes = measure.size();
-    char* const own = own_payload() - kPrefixBytes;
-    frame_format::store_length(own, measure.size());
-    const std::size_t before = measure.large_at() ? kPrefixBytes + *measure.large_at() : own_bytes;
-    add_buffer(own, before);
-    if (large_bytes == 0) return;
-    block_->large = std::move(large);
-    // libuv only reads what it writes to a stream.
-    add_buffer(const_cast<char*>(block_->large.view.data()), large_bytes);
-    if (before < own_bytes) add_buffer(own + before, own_bytes - before);
+    block_->large_count = static_cast<unsigned>(large.size());
+    std::uninitialized_copy(large.begin(), large.end(), block_->large());
+    frame_format::store_length(block_->bytes(), measure.size());
   }
-
-  void add_buffer(char* base, std::size_t size) {
-    uv_buf_t& buffer = block_->buffers[block_->buffer_count++];
-    buffer.base = base;
-    buffer.len = static_cast<decltype(buffer.len)>(size);
-  }
-
-  char* own_payload() const { return reinterpret_cast<char*>(block_.get() + 1) + kPrefixBytes; }
 
   std::unique_ptr<Block, Free> block_;
 };

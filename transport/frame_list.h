@@ -28,11 +28,20 @@ class FrameList {
     last_ = block;
   }
 
-  // Of a list that is not empty:
-  std::span<const uv_buf_t> first_buffers() const {
-    return {first_->buffers, first_->buffer_count};
+  // The frames in order, until `function` returns false.
+  struct Shown {
+    std::span<const uv_buf_t> buffers;
+    std::size_t bytes;
+  };
+  template <class Function>
+  void for_each(Function&& function) const {
+    Frame::Block* at = first_;
+    while (at != nullptr && function(shown(at))) at = at->next;
   }
-  std::size_t first_bytes() const { return Frame::kPrefixBytes + first_->payload_bytes; }
+
+  // Of a list that is not empty:
+  std::span<const uv_buf_t> first_buffers() const { return shown(first_).buffers; }
+  std::size_t first_bytes() const { return shown(first_).bytes; }
   bool first_counts() const { return first_->counts; }
   Frame take_first() noexcept { return Frame(std::exchange(first_, first_->next)); }
 
@@ -45,6 +54,10 @@ class FrameList {
   }
 
  private:
+  static Shown shown(Frame::Block* block) {
+    return {{block->buffers(), block->buffer_count}, Frame::kPrefixBytes + block->payload_bytes};
+  }
+
   Frame::Block* first_ = nullptr;
   Frame::Block* last_ = nullptr;  // of a list that is not empty
 };

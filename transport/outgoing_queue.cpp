@@ -5,12 +5,11 @@
 #include <chrono>
 #include <utility>
 
+#include "transport/stream_handle.h"
 #include "transport/system_calls.h"
 
 namespace tolk {
 namespace {
-
-constexpr std::size_t kMostBuffersOfAFrame = 3;
 
 // What is left of `buffer` behind its first `skipped` bytes; takes these off `skipped`.
 uv_buf_t rest_of(uv_buf_t buffer, std::size_t& skipped) {
@@ -23,17 +22,26 @@ uv_buf_t rest_of(uv_buf_t buffer, std::size_t& skipped) {
 
 }  // namespace
 
-// The buffers of one uv_write.
+// The buffers of one write.
 struct OutgoingQueue::Batch {
-  std::array<uv_buf_t, kMostFrames * kMostBuffersOfAFrame> buffers;
+  std::array<uv_buf_t, kMostBuffers> buffers;
   unsigned count = 0;
+  std::size_t frames = 0;
+  std::size_t bytes = 0;
 
-  void add(std::span<const uv_buf_t> frame, std::size_t skipped) {
+  // Without the first `skipped` bytes. False: there is no room for the frame.
+  bool add(std::span<const uv_buf_t> frame, std::size_t skipped, std::size_t size) {
+    if (frames == kMostFrames || count + frame.size() > buffers.size()) return false;
+    if (frames > 0 && bytes + size > kMostBytes) return false;
+    ++frames;
+    bytes += size - skipped;
     for (const uv_buf_t& buffer : frame) {
       const uv_buf_t rest = rest_of(buffer, skipped);
       if (rest.len != 0) buffers[count++] = rest;
     }
+    return true;
   }
+  std::span<const uv_buf_t> used() const { return {buffers.data(), count}; }
 };
 
 void OutgoingQueue::open(uv_stream_t* stream) {
@@ -43,17 +51,19 @@ void OutgoingQueue::open(uv_stream_t* stream) {
   flush();
 }
 
-Sent OutgoingQueue::add(Frame&& frame, bool counts) {
-  const auto state = state_.lock();
+Sent OutgoingQueue::add(Frame&& frame, bool counts, Send when) {
+  FrameList sent;  // freed without the lock
+  auto state = state_.lock();
   if (state->closed) return Sent::closed;
   const std::size_t size = frame.total_bytes();
   if (counts && !has_room(*state, size)) return Sent::full;
-  const std::size_t sent = send_directly(*state, frame);
-  if (sent == size) return Sent::written;
-  if (state->waiting.empty()) state->first_sent = sent;
   state->waiting.add(std::move(frame), counts);
-  state->bytes += size - sent;
+  state->bytes += size;
   if (counts) state->counted += size;
+  if (state->sending) return Sent::queued;
+  if (when == Send::now && may_send(*state)) send_waiting(state, sent);
+  if (state->closed) return Sent::closed;
+  if (state->waiting.empty()) return Sent::written;
   if (state->writing || std::exchange(state->flush_is_due, true)) return Sent::queued;
   return Sent::queued_first;
 }
@@ -62,17 +72,47 @@ bool OutgoingQueue::has_room(const State& state, std::size_t size) const {
   return state.counted == 0 || (state.counted < bound_ && size <= bound_ - state.counted);
 }
 
-// Nothing may overtake a frame that waits or is being written.
-std::size_t OutgoingQueue::send_directly(const State& state, const Frame& frame) {
-  if (state.descriptor == platform::kNoDescriptor || state.writing || !state.waiting.empty()) {
-    return 0;
+// Nothing may overtake a frame that is being written, or a part of one.
+bool OutgoingQueue::may_send(const State& state) {
+  return state.descriptor != platform::kNoDescriptor && !state.writing && !state.is_full;
+}
+
+// Without the lock: what others add meanwhile goes out here too, and none of them waits.
+void OutgoingQueue::send_waiting(Guarded<State>::Locked& state, FrameList& sent) {
+  state->sending = true;
+  for (int sends = 0; sends < kMostSends && !state->waiting.empty() && !state->is_full; ++sends) {
+    Batch batch;
+    state->waiting.for_each([&, skipped = state->first_sent](const auto& frame) mutable {
+      return batch.add(frame.buffers, std::exchange(skipped, 0), frame.bytes);
+    });
+    const int descriptor = state->descriptor;
+    state.unlock();
+    sent.clear();
+    const std::size_t taken = system_calls.send(descriptor, batch.used());
+    state.relock();
+    if (state->closed) break;
+    state->is_full = taken < batch.bytes;
+    take_sent(*state, taken, sent);
   }
-  return system_calls.send(state.descriptor, frame.buffers());
+  state->sending = false;
+  changed_.notify_all();
+}
+
+void OutgoingQueue::take_sent(State& state, std::size_t taken, FrameList& sent) {
+  state.bytes -= taken;
+  taken += state.first_sent;
+  while (!state.waiting.empty() && taken >= state.waiting.first_bytes()) {
+    taken -= state.waiting.first_bytes();
+    if (state.waiting.first_counts()) state.counted -= state.waiting.first_bytes();
+    sent.add(state.waiting.take_first(), false);
+  }
+  state.first_sent = taken;
 }
 
 void OutgoingQueue::flush() {
   Batch batch;
   if (!begin_batch(batch)) return;
+  if (writing_bytes_ >= kBulkBytes && !std::exchange(is_wide_, true)) widen_send_buffer(stream_);
   const int status =
       system_calls.write(&request_, stream_, batch.buffers.data(), batch.count, on_written_cb);
   // The frames are kept: libuv may still refer to a refused write.
@@ -83,18 +123,16 @@ void OutgoingQueue::flush() {
 bool OutgoingQueue::begin_batch(Batch& batch) {
   const auto state = state_.lock();
   state->flush_is_due = false;
-  if (state->closed || state->writing || state->waiting.empty()) return false;
-  writing_bytes_ = writing_counted_ = 0;
-  for (std::size_t frames = 0; frames < kMostFrames && !state->waiting.empty(); ++frames) {
-    const std::size_t size = state->waiting.first_bytes();
-    if (frames > 0 && writing_bytes_ + size > kMostBytes) break;
-    const std::size_t sent = std::exchange(state->first_sent, 0);
-    batch.add(state->waiting.first_buffers(), sent);
-    writing_bytes_ += size - sent;
+  if (state->closed || state->sending || state->writing || state->waiting.empty()) return false;
+  writing_counted_ = 0;
+  while (!state->waiting.empty() &&
+         batch.add(state->waiting.first_buffers(), state->first_sent, state->waiting.first_bytes())) {
+    state->first_sent = 0;
     const bool counts = state->waiting.first_counts();
-    if (counts) writing_counted_ += size;
+    if (counts) writing_counted_ += state->waiting.first_bytes();
     writing_.add(state->waiting.take_first(), counts);
   }
+  writing_bytes_ = batch.bytes;
   state->writing = true;
   return true;
 }
@@ -116,7 +154,7 @@ void OutgoingQueue::on_written(int status) {
 
 void OutgoingQueue::end_batch() {
   const auto state = state_.lock();
-  state->writing = false;
+  state->writing = state->is_full = false;
   state->bytes -= writing_bytes_;
   state->counted -= writing_counted_;
   changed_.notify_all();
@@ -141,11 +179,13 @@ bool OutgoingQueue::wait_until_empty(int limit_ms) {
   return decided && !closed;
 }
 
-// What libuv writes stays until its callback.
+// What libuv writes stays until its callback. A thread that sends has only to come back from one
+// system call.
 void OutgoingQueue::close() {
   FrameList dropped;  // without the lock
-  const auto state = state_.lock();
+  auto state = state_.lock();
   state->closed = true;
+  state.wait(changed_, [](const State& now) { return !now.sending; });
   state->descriptor = platform::kNoDescriptor;
   state->waiting.swap(dropped);
   state->bytes = state->counted = 0;

@@ -41,6 +41,11 @@ enum class Sent {
   closed,
 };
 
+enum class Send {
+  now,
+  soon,  // with what comes next, or by the loop thread
+};
+
 enum class Room { there, none_in_time, closed };
 
 // What a queue tells its owner.
@@ -58,6 +63,9 @@ class OutgoingQueue {
  public:
   static constexpr std::size_t kMostFrames = 64;                   // of one write
   static constexpr std::size_t kMostBytes = std::size_t{1} << 20;  // the same, but for one frame
+  static constexpr std::size_t kMostBuffers = 192;                 // the same; those of any frame fit
+  static_assert(kMostBuffers >= Frame::kMostBuffers);
+  static constexpr int kMostSends = 8;  // of one thread in a row
   static constexpr int kForever = -1;
 
   // `bound`: how many bytes that count may wait. One frame of any size may wait alone.
@@ -68,7 +76,7 @@ class OutgoingQueue {
   // The stream is connected. What was added before goes out.
   void open(uv_stream_t* stream) TOLK_LOOP;
   // `counts`: the frame is held to the bound. Only a frame that is queued is taken.
-  Sent add(Frame&& frame, bool counts);
+  Sent add(Frame&& frame, bool counts, Send when = Send::now);
   void flush() TOLK_LOOP;
   // Until a frame of `size` bytes in all that counts has room. Another thread may take that.
   Room wait_for_room(std::size_t size, int limit_ms);
@@ -83,7 +91,9 @@ class OutgoingQueue {
   struct State {
     int descriptor = platform::kNoDescriptor;
     bool closed = false;
+    bool sending = false;      // a thread sends what waits
     bool writing = false;      // libuv has a write
+    bool is_full = false;      // the system takes no more: libuv writes
     bool flush_is_due = true;  // somebody calls flush; before open, open does
     FrameList waiting;
     std::size_t first_sent = 0;  // of the first that waits: its bytes that are out already
@@ -93,7 +103,9 @@ class OutgoingQueue {
   struct Batch;
 
   static void on_written_cb(uv_write_t* request, int status);
-  static std::size_t send_directly(const State& state, const Frame& frame);
+  static bool may_send(const State& state);
+  void send_waiting(Guarded<State>::Locked& state, FrameList& sent);
+  static void take_sent(State& state, std::size_t taken, FrameList& sent);
   bool has_room(const State& state, std::size_t size) const;
   bool begin_batch(Batch& batch) TOLK_LOOP;
   void on_written(int status) TOLK_LOOP;
@@ -107,6 +119,7 @@ class OutgoingQueue {
   std::condition_variable changed_;
   uv_stream_t* stream_ TOLK_GUARDED_BY(loop_role) = nullptr;
   uv_write_t request_ TOLK_GUARDED_BY(loop_role){};
+  bool is_wide_ TOLK_GUARDED_BY(loop_role) = false;
   FrameList writing_ TOLK_GUARDED_BY(loop_role);
   std::size_t writing_bytes_ TOLK_GUARDED_BY(loop_role) = 0;
   std::size_t writing_counted_ TOLK_GUARDED_BY(loop_role) = 0;

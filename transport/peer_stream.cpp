@@ -7,12 +7,6 @@
 #include "transport/frame_writer.h"
 
 namespace tolk {
-namespace {
-
-constexpr std::size_t kBulkBytes = std::size_t{1} << 20;
-constexpr int kSendBufferBytes = 1 << 20;
-
-}  // namespace
 
 int PeerStream::id() const {
   return static_cast<int>(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&handle_)));
@@ -28,18 +22,10 @@ int PeerStream::start_reading() {
 }
 
 int PeerStream::write(Frame frame) {
-  if (frame.payload_bytes() >= kBulkBytes) widen_send_buffer();
+  if (frame.payload_bytes() >= kBulkBytes && !std::exchange(is_wide_, true)) {
+    widen_send_buffer(&handle_.stream);
+  }
   return write_frame(&handle_.stream, std::move(frame));
-}
-
-// Once, for the first frame that is larger than what a pipe takes at a time: then both ends wake
-// less often. The buffer of a TCP stream grows by itself.
-void PeerStream::widen_send_buffer() {
-  if (std::exchange(is_wide_, true) || handle_.handle.type != UV_NAMED_PIPE) return;
-  int bytes = 0;
-  if (uv_send_buffer_size(&handle_.handle, &bytes) != 0 || bytes >= kSendBufferBytes) return;
-  bytes = kSendBufferBytes;
-  uv_send_buffer_size(&handle_.handle, &bytes);
 }
 
 void PeerStream::write_reply(Frame reply) {

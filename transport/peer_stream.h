@@ -116,7 +116,6 @@ class PeerStream {
   static void allocBufferCb(uv_handle_t* handle, std::size_t suggested_bytes, uv_buf_t* buffer);
   std::span<char> room() TOLK_LOOP;
   void feed(std::string_view bytes) TOLK_LOOP;
-  void widen_send_buffer() TOLK_LOOP;
 
   StreamOwner& owner_;
   StreamHandle handle_;

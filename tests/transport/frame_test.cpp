@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -133,6 +134,34 @@ TEST(Frame, ALargePartIsWrittenFromWhereItLies) {
     EXPECT_TRUE(frame.buffers()[1].base == owner->data());
   }
   EXPECT_EQ(owner.use_count(), 1);
+}
+
+TEST(Frame, SeveralLargePartsAreWrittenFromWhereTheyLie) {
+  const auto first = std::make_shared<const std::string>(100, 'x');
+  const auto second = std::make_shared<const std::string>(200, 'y');
+  const std::vector<tolk::SharedBytes> large{{first, *first}, {second, *second}};
+  const auto fill_with = [](std::string_view one, std::string_view two) {
+    return [one, two](auto& to) {
+      to.begin_stream(3 + one.size() + two.size());
+      to.add_part("abc");
+      to.add_part(one);
+      to.add_part(two);
+      to.end_stream();
+    };
+  };
+  const std::string copied_first(*first);
+  const std::string copied_second(*second);
+  const Frame all_copied = Frame::build(fill_with(copied_first, copied_second));
+  {
+    const Frame frame = Frame::build_around_all(large, fill_with(*first, *second));
+    EXPECT_EQ(to_hex(on_the_stream(frame)), to_hex(all_copied.bytes()));
+    ASSERT_EQ(frame.buffers().size(), 4u);
+    EXPECT_TRUE(frame.buffers()[1].base == first->data());
+    EXPECT_TRUE(frame.buffers()[2].base == second->data());
+    EXPECT_EQ(first.use_count(), 3);
+  }
+  EXPECT_EQ(first.use_count(), 2);
+  EXPECT_EQ(second.use_count(), 2);
 }
 
 TEST(Frame, ALargePartStaysAsLongAsTheFrame) {
