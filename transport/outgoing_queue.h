@@ -57,7 +57,7 @@ class OutgoingEvents {
 class OutgoingQueue {
  public:
   static constexpr std::size_t kMostFrames = 64;                   // of one write
-  static constexpr std::size_t kMostBytes = std::size_t{1} << 20;  // the same, but for one frame
+  static constexpr std::size_t kMostBytes = std::size_t{1} << 20;  // of one write, or one frame
   static constexpr int kForever = -1;
 
   // `bound`: how many bytes that count may wait. One frame of any size may wait alone.

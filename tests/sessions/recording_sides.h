@@ -19,8 +19,8 @@
 
 namespace tolk::test {
 
-// What was told, in order.
-class Told {
+// The events, in order.
+class EventLog {
  public:
   void add(std::string event) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -50,10 +50,10 @@ class DeafSide : public Events {
  public:
   void on_message(PeerStream&, SharedBytes) TOLK_LOOP override { told.add("message"); }
 
-  Told told;
+  EventLog told;
 };
 
-// Of a server; with the defaults but for what a derived one overrides.
+// Of a server; with the defaults, except what a derived one overrides.
 class RecordingServer : public DeafSide<ServerEvents> {
  public:
   void on_starting(const Endpoint&) TOLK_LOOP override {}
