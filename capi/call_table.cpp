@@ -89,6 +89,35 @@ Outcome CallTable::MakeOutcome::operator()(const CallRecord& record) const noexc
   }
 }
 
+// Its end tells the outcome of a call with data: the host hears of that when its sources, sinks and
+// progress are through.
+class Delivery {
+ public:
+  Delivery() = default;
+  ~Delivery() {
+    if (record_) table_->deliver(record_, when_);
+  }
+  Delivery(const Delivery&) = delete;
+  Delivery& operator=(const Delivery&) = delete;
+
+  void prepare(CallTable& table, std::shared_ptr<CallRecord> record, Callbacks::When when) {
+    table_ = &table;
+    record_ = std::move(record);
+    when_ = when;
+  }
+
+ private:
+  CallTable* table_ = nullptr;
+  std::shared_ptr<CallRecord> record_;
+  Callbacks::When when_ = Callbacks::When::later;
+};
+
+std::shared_ptr<CallData> CallTable::new_data() {
+  auto data = std::make_shared<CallData>();
+  data->delivery = std::make_shared<Delivery>();
+  return data;
+}
+
 void CallRecord::run_claimed() {
   tolk_outcome shown{};
   shown.size = sizeof shown;
@@ -110,6 +139,7 @@ bool CallTable::add(const std::shared_ptr<CallRecord>& record) {
 }
 
 void CallTable::add_finished(const std::shared_ptr<CallRecord>& record, Outcome outcome) {
+  record->data.reset();
   if (record->done != nullptr) return settle(record, std::move(outcome), Callbacks::When::later);
   record->outcome = std::move(outcome);
   record->taken = true;
@@ -123,7 +153,7 @@ std::shared_ptr<CallRecord> CallTable::take(std::uint64_t number) {
   if (at == shard->records.end() || at->second->taken) return nullptr;
   std::shared_ptr<CallRecord> record = at->second;
   record->taken = true;
-  if (record->done != nullptr) shard->records.erase(at);
+  if (record->done != nullptr || record->is_own) shard->records.erase(at);
   return record;
 }
 
@@ -131,7 +161,16 @@ std::shared_ptr<CallRecord> CallTable::take(std::uint64_t number) {
 void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcome,
                        Callbacks::When when) {
   record->outcome = std::move(outcome);
+  const auto data = std::move(record->data);
+  if (!data) return deliver(record, when);
+  const auto delivery = std::move(data->delivery);
+  delivery->prepare(*this, record, when);
+  data->end(delivery);
+}
+
+void CallTable::deliver(const std::shared_ptr<CallRecord>& record, Callbacks::When when) {
   if (record->done != nullptr) return callbacks_.dispatch(record, when);
+  if (record->is_own) return;
   const auto shard = shard_of(record->number).lock();
   record->finished = true;
   record->ended.notify_all();
@@ -151,6 +190,44 @@ bool CallTable::complete_of(std::uint64_t peer, std::uint64_t number, const Make
     if (at == shard->records.end() || at->second->peer != peer) return false;
   }
   return complete(number, make, Callbacks::When::now);
+}
+
+CallRecord* CallTable::open_record(const Shard& shard, std::uint64_t number) {
+  const auto at = shard.records.find(number);
+  return at == shard.records.end() || at->second->taken ? nullptr : at->second.get();
+}
+
+std::shared_ptr<CallData> CallTable::data_of(std::uint64_t peer, std::uint64_t number) {
+  const auto shard = shard_of(number).lock();
+  const CallRecord* const record = open_record(*shard, number);
+  return record == nullptr || record->peer != peer ? nullptr : record->data;
+}
+
+std::shared_ptr<CallData> CallTable::data_for(std::uint64_t peer, std::uint64_t number) {
+  const auto made = new_data();
+  const auto shard = shard_of(number).lock();
+  CallRecord* const record = open_record(*shard, number);
+  if (record == nullptr || record->peer != peer) return nullptr;
+  if (!record->data) record->data = made;
+  return record->data;
+}
+
+std::uint64_t CallTable::deadline_of(std::uint64_t number) {
+  const auto shard = shard_of(number).lock();
+  const CallRecord* const record = open_record(*shard, number);
+  return record == nullptr ? 0 : record->deadline.load();
+}
+
+std::uint64_t CallTable::move_deadline(std::uint64_t number, std::uint64_t deadline,
+                                       bool only_later) {
+  const auto shard = shard_of(number).lock();
+  CallRecord* const record = open_record(*shard, number);
+  if (record == nullptr) return 0;
+  const std::uint64_t before = record->deadline;
+  if (only_later && before >= deadline) return before;
+  record->deadline = deadline;
+  if (deadline < before) record->ended.notify_all();
+  return before;
 }
 
 std::uint64_t CallTable::find_by_call_id(std::uint64_t peer, int call_id) {
@@ -174,7 +251,7 @@ void CallTable::complete_where(const Matches& matches, const MakeOutcome& make, 
       for (auto at = shard->records.begin(); at != shard->records.end();) {
         const std::shared_ptr<CallRecord>& record = at->second;
         const bool takes = !record->taken && matches(*record);
-        const bool listed = record->done == nullptr;
+        const bool listed = record->done == nullptr && !record->is_own;
         if (takes) {
           record->taken = true;
           record->next = std::exchange(first, record);
@@ -216,6 +293,7 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& given_u
   thread_local WaitScore waits;
   const WorkerPool::Blocked others_may_run;
   const WorkerWait worker_wait(*this, number);
+  std::shared_ptr<CallData> dropped;  // after the lock
   auto shard = shard_of(number).lock();
   const auto at = shard->records.find(number);
   if (at == shard->records.end() || at->second->done != nullptr || at->second->awaited)
@@ -224,22 +302,29 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& given_u
   if (wait == Wait::finished_only && !record->finished) return false;
   record->awaited = true;
   const auto finished = [&](const Shard&) { return record->finished; };
-  const auto decided = [&](const Shard&) { return record->finished || worker_wait.ends(); };
   const Instant begin = instant_now();
   while (!record->finished && waits.pays(instant_now()) && instant_now() - begin < kStayAwake) {
     shard.unlock();
     let_others_run();
     shard.relock();
   }
-  if (record->deadline == UINT64_MAX) {
-    shard.wait(record->ended, decided);
-  } else {
-    shard.wait_for(record->ended, until(record->deadline), decided);
+  // Data of the call move the deadline.
+  while (!record->finished && !worker_wait.ends() && uv_hrtime() < record->deadline) {
+    const std::uint64_t deadline = record->deadline;
+    const auto changed = [&](const Shard&) {
+      return record->finished || worker_wait.ends() || record->deadline < deadline;
+    };
+    if (deadline == UINT64_MAX) {
+      shard.wait(record->ended, changed);
+    } else {
+      shard.wait_for(record->ended, until(deadline), changed);
+    }
   }
   const Instant end = instant_now();
   waits.waited(end - begin, end);
   if (!std::exchange(record->taken, true)) {
     record->outcome = given_up(*record);
+    dropped = std::move(record->data);
   } else {
     shard.wait(record->ended, finished);  // somebody is making the outcome
   }

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "capi/block.h"
+#include "capi/call_data.h"
 #include "capi/callbacks.h"
 #include "capi/error.h"
 #include "transport/thread_safety.h"
@@ -47,10 +48,12 @@ struct CallRecord final : tolk_task {
   std::uint64_t number = 0;
   std::uint64_t peer = 0;
   std::string method;
-  std::uint64_t deadline = UINT64_MAX;  // of uv_hrtime
+  std::atomic<std::uint64_t> deadline{UINT64_MAX};  // of uv_hrtime; data move it
   tolk_done done = nullptr;
   void* context = nullptr;
   std::shared_ptr<CallGroup> group;
+  std::shared_ptr<CallData> data;  // until the call has an outcome
+  bool is_own = false;             // of the library: nobody waits for its outcome
   Outcome outcome;
 
   // Under the lock of the table, for a call without `done`.
@@ -62,10 +65,12 @@ struct CallRecord final : tolk_task {
 
  private:
   void run_claimed() override;
+  bool is_for_workers() const override { return is_own; }
 };
 
 class CallTable {
  public:
+  static std::shared_ptr<CallData> new_data();
   explicit CallTable(Callbacks& callbacks) : callbacks_(callbacks) {}
 
   // False: the table is closed.
@@ -95,6 +100,14 @@ class CallTable {
   bool complete_of(std::uint64_t peer, std::uint64_t number, const MakeOutcome& make);
   // The call to this peer that has this call id; 0 without one.
   std::uint64_t find_by_call_id(std::uint64_t peer, int call_id);
+  // The data of a call to this peer. Null: there are none, or there is no such call.
+  std::shared_ptr<CallData> data_of(std::uint64_t peer, std::uint64_t number);
+  // The same; makes them if there are none yet.
+  std::shared_ptr<CallData> data_for(std::uint64_t peer, std::uint64_t number);
+  // 0: there is no such call.
+  std::uint64_t deadline_of(std::uint64_t number);
+  // The deadline before; 0 without such a call.
+  std::uint64_t move_deadline(std::uint64_t number, std::uint64_t deadline, bool only_later);
   void complete_all_of(std::uint64_t peer, const MakeOutcome& make);
   // Completes all, and refuses what comes.
   void close(const MakeOutcome& make);
@@ -111,6 +124,7 @@ class CallTable {
 
  private:
   class WorkerWait;
+  friend class Delivery;
   using Records = std::unordered_map<std::uint64_t, std::shared_ptr<CallRecord>>;
   struct Shard {
     Records records;
@@ -121,9 +135,12 @@ class CallTable {
   const Guarded<Shard>& shard_of(std::uint64_t number) const {
     return shards_[number / 2 % kShards];  // numbers are odd
   }
+  // Null: there is none that has no outcome.
+  static CallRecord* open_record(const Shard& shard, std::uint64_t number);
   // Null: there is no such call, or somebody has taken it.
   std::shared_ptr<CallRecord> take(std::uint64_t number);
   void settle(const std::shared_ptr<CallRecord>& record, Outcome outcome, Callbacks::When when);
+  void deliver(const std::shared_ptr<CallRecord>& record, Callbacks::When when);
   template <class Matches>
   void complete_where(const Matches& matches, const MakeOutcome& make, bool close);
 

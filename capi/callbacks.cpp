@@ -144,7 +144,7 @@ void Callbacks::hand_over(tolk_task& task, When when) {
 }
 
 void Callbacks::hand_to_others(tolk_task& task) {
-  if (execute_ != nullptr) return give_to_executor(task);
+  if (execute_ != nullptr && !task.is_for_workers()) return give_to_executor(task);
   auto& place = task.queue_place();
   place.front() = task.shared_from_this();
   workers_->add(place);

@@ -38,6 +38,8 @@ struct tolk_task : std::enable_shared_from_this<tolk_task> {
 
  protected:
   virtual void run_claimed() = 0;
+  // Whether it runs no code of the host, so that it needs no executor.
+  virtual bool is_for_workers() const { return false; }
   // A handler that does not begin.
   virtual void drop_claimed() {}
 

@@ -30,6 +30,7 @@ CoreSettings settings_of(const tolk_client_options& options, Context context) {
   settings.log = options.log;
   settings.context = std::move(context);
   settings.most_queued_bytes = options.most_queued_bytes;
+  settings.most_data_bytes = options.most_data_bytes;
   settings.most_requests = options.most_requests;
   return settings;
 }
@@ -86,7 +87,10 @@ tolk_status tolk_client_call(tolk_client* client, const char* method, const tolk
 }
 
 uint64_t tolk_client_start(tolk_client* client, const tolk_call* call) {
-  if (client == nullptr || call == nullptr) return 0;
+  if (client == nullptr || call == nullptr) {
+    if (call != nullptr) tolk::drop_data(*call);
+    return 0;
+  }
   const auto core = client->core->shared();
   return core->start_guarded(*call);
 }

@@ -44,6 +44,7 @@ struct CoreSettings {
   Context context;
   std::size_t most_queued_bytes = 0;
   std::size_t most_requests = 0;  // under way for the whole object
+  std::size_t most_data_bytes = 0;
 };
 
 class Core {
@@ -70,6 +71,20 @@ class Core {
   bool cancel(std::uint64_t number);
   tolk_status post(std::uint64_t peer, const char* method, const tolk_block* arguments,
                    std::int32_t wait_ms, tolk_error** error);
+
+  // In core_data.cpp: data beside calls and answers.
+  std::size_t most_data_bytes() const { return settings_.most_data_bytes; }
+  // Ends a call that has no outcome yet. `reason` may be null.
+  void fail_call(std::uint64_t number, tolk_status status, const char* reason, int code);
+  enum class Move { anyhow, only_later };
+  void move_deadline(std::uint64_t number, std::int32_t limit_ms, Move move);
+  void post_cancel(Peer& peer, std::uint64_t number);
+  void complete_with_reply(Peer& peer, std::uint64_t number, const Message& reply,
+                           const SharedBytes& payload);
+  // Starts a call of the library with a `done`.
+  void start_own(std::shared_ptr<CallRecord> record, const std::shared_ptr<Peer>& to,
+                 const Content& arguments, std::int32_t limit_ms);
+  void start_answer(const std::shared_ptr<AnswerOut>& answer, Peer& to);
 
   // In core_end.cpp: the end, by the host.
   tolk_status close(std::int32_t limit_ms);
@@ -133,7 +148,6 @@ class Core {
   std::uint64_t start_internal(std::shared_ptr<CallRecord> record,
                                const std::shared_ptr<Peer>& peer, const Content* arguments,
                                const CallExtras& extras);
-  bool watch(const CallRecord& record);
   tolk_status take_outcome(Outcome outcome, tolk_block** result, tolk_error** error);
   std::int32_t usual_limit() const { return settings_.limit_ms; }
   const CoreSettings& settings() const { return settings_; }
@@ -142,11 +156,17 @@ class Core {
 
  private:
   std::shared_ptr<CallRecord> new_record(const tolk_call& call);
-  std::uint64_t start_for_all(const tolk_call& call);
+  std::uint64_t start_for_all(const tolk_call& call, bool has_data);
   std::uint64_t start_one(const std::shared_ptr<CallRecord>& record, const tolk_call& call,
                           const Content* arguments);
   std::uint64_t refuse(const std::shared_ptr<CallRecord>& record, tolk_status status,
                        const char* reason);
+  // False without memory.
+  bool watch(std::uint64_t number, std::uint64_t deadline);
+  void on_deadline(std::uint64_t number) TOLK_LOOP;
+  std::uint64_t start_with_data(const std::shared_ptr<CallRecord>& record, const tolk_call& call,
+                                const std::shared_ptr<Peer>& to, const Content* arguments);
+  static std::shared_ptr<CallData> take_data_of(const tolk_call& call);
   bool cancel_one(std::uint64_t number);
   tolk_status post_one(Peer& peer, const char* method, const Content* arguments,
                        std::uint64_t deadline);
@@ -158,6 +178,24 @@ class Core {
   void take_reply(Peer& peer, const Message& reply, const SharedBytes& payload) TOLK_LOOP;
   void take_call(const std::shared_ptr<Peer>& peer, const Message& call,
                  const SharedBytes& payload) TOLK_LOOP;
+  void take_plain_piece(const std::shared_ptr<Peer>& peer, const Message& call) TOLK_LOOP;
+  void take_plain_call(const std::shared_ptr<Peer>& peer, const Message& call, int call_id,
+                       const SharedBytes& block) TOLK_LOOP;
+  // Null: the call is answered with a failure.
+  std::shared_ptr<const Method> method_for(Peer& peer, const Message& call,
+                                           const std::string& name) TOLK_LOOP;
+  Outcome outcome_of_reply(const CallRecord& record, const Message& reply,
+                           const SharedBytes& payload) const;
+  // True: it is about data, and the call goes on.
+  bool takes_data_reply(Peer& peer, std::uint64_t number, const Message& reply,
+                        const SharedBytes& payload) TOLK_LOOP;
+  void take_piece(const std::shared_ptr<Peer>& peer, const SharedBytes& payload) TOLK_LOOP;
+  void take_piece_of_call(const std::shared_ptr<Peer>& peer, const Message& call,
+                          ReceivedPiece piece) TOLK_LOOP;
+  void take_piece_of_answer(const std::shared_ptr<Peer>& peer, const Message& call,
+                            ReceivedPiece piece) TOLK_LOOP;
+  static bool take_answer_data(const CallRecord& record, const Message& reply,
+                               std::optional<SharedBytes>* data);
   void take_cancel(Peer& peer, const Message& call) TOLK_LOOP;
   void describe(Peer& peer, const Message& call) TOLK_LOOP;
   bool is_drained() const;
@@ -185,6 +223,9 @@ class Core {
   std::condition_variable progress_;
   Guarded<int> progress_lock_;
 };
+
+// A call that nobody starts.
+void drop_data(const tolk_call& given);
 
 // Ends an object that its host does not get.
 struct EndUnlessTaken {

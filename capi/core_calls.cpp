@@ -56,15 +56,18 @@ tolk_status Core::refuse_wait(const char* method, tolk_error** error) const {
 
 std::uint64_t Core::start(const tolk_call& given) {
   tolk_call call = options_of(&given);
+  auto data = take_data_of(call);
   if (call.limit_ms == 0) call.limit_ms = usual_limit();
-  if (role_ == Side::server && call.client == TOLK_ALL) return start_for_all(call);
+  if (role_ == Side::server && call.client == TOLK_ALL) return start_for_all(call, data != nullptr);
   const auto record = new_record(call);
+  record->data = std::move(data);
   const Content content = Content::of(call.arguments);
   return start_one(record, call, call.arguments == nullptr ? nullptr : &content);
 }
 
 // Nobody else is there to run a callback.
 std::uint64_t Core::start_in_child(const tolk_call& call) {
+  drop_data(call);
   tolk_error* error = nullptr;
   if (call.done == nullptr) return 0;
   guarded([&] { fail_post(call.method, TOLK_CLOSED, nullptr, &error); });
@@ -73,7 +76,7 @@ std::uint64_t Core::start_in_child(const tolk_call& call) {
   return 0;
 }
 
-std::uint64_t Core::start_for_all(const tolk_call& call) {
+std::uint64_t Core::start_for_all(const tolk_call& call, bool has_data) {
   auto group = std::make_shared<CallGroup>();
   group->number = next_token();
   const Peers all = peers();
@@ -86,6 +89,7 @@ std::uint64_t Core::start_for_all(const tolk_call& call) {
   const auto alone = new_record(call);
   if (call.done == nullptr)
     return refuse(alone, TOLK_MISUSE, "a call to all clients needs a callback");
+  if (has_data) return refuse(alone, TOLK_MISUSE, "data go to one client");
   if (records.empty()) {
     return refuse(alone, state_ == State::open ? TOLK_NOT_CONNECTED : TOLK_CLOSED, nullptr);
   }
@@ -129,6 +133,7 @@ std::uint64_t Core::start_one(const std::shared_ptr<CallRecord>& record, const t
   if (record->method == kMethodDescribe && !to->takes_describe()) {
     return refuse(record, TOLK_NO_METHOD, "the peer does not tell its methods");
   }
+  if (record->data && record->data->source) return start_with_data(record, call, to, arguments);
   CallExtras extras;
   if (call.limit_ms >= 0 && to->tells_features()) extras.limit_ms = call.limit_ms;
   return start_internal(record, to, arguments, extras);
@@ -141,11 +146,8 @@ std::uint64_t Core::start_internal(std::shared_ptr<CallRecord> record,
   Frame frame = call_message(record->method, number, arguments, extras);
   if (!calls_.add(record)) return refuse(record, TOLK_CLOSED, nullptr);
   // From here on it is the table's: others may have completed it.
-  if (!watch(*record)) {
-    const auto make = [this](const CallRecord& late) {
-      return outcome_of(late, TOLK_NO_MEMORY, nullptr);
-    };
-    calls_.complete(number, make, Callbacks::When::later);
+  if (record->done != nullptr && !watch(number, record->deadline)) {
+    fail_call(number, TOLK_NO_MEMORY, nullptr, 0);
     return number;
   }
   const Sent sent = to->send(std::move(frame), false);
@@ -159,10 +161,10 @@ std::uint64_t Core::start_internal(std::shared_ptr<CallRecord> record,
 }
 
 // A thread that waits has its own clock. False without memory.
-bool Core::watch(const CallRecord& record) {
-  if (record.done == nullptr || record.deadline == UINT64_MAX) return true;
+bool Core::watch(std::uint64_t number, std::uint64_t deadline) {
+  if (deadline == UINT64_MAX) return true;
   return guarded_or(false, [&] {
-    if (deadlines_.add(record.deadline, record.number)) arm_deadlines();
+    if (deadlines_.add(deadline, number)) arm_deadlines();
     return true;
   });
 }
@@ -222,17 +224,13 @@ bool Core::cancel_one(std::uint64_t number) {
       number,
       [&](const CallRecord& record) {
         peer_id = record.peer;
+        if (record.data && record.data->call) record.data->call->on_ended();
         return outcome_of(record, TOLK_CANCELLED, nullptr);
       },
       Callbacks::When::later);
   if (!cancelled) return false;
   const auto to = peer(peer_id);
-  if (!to || !to->takes_cancel()) return true;
-  std::string token;
-  Encoder<std::string> encoder(token, 0);
-  encoder.add_string(token_text(number));
-  const Content content{copy_of(token), {}};
-  to->send(post_message(kMethodCancel, &content), false);
+  if (to && to->takes_cancel()) post_cancel(*to, number);
   return true;
 }
 

@@ -4,6 +4,7 @@
 
 #include "capi/core.h"
 #include "platform/process.h"
+#include "transport/frame_format.h"
 
 namespace tolk {
 namespace {
@@ -11,12 +12,14 @@ namespace {
 constexpr std::int32_t kUsualLimitMs = 5000;
 constexpr std::size_t kUsualQueuedBytes = std::size_t{64} << 20;
 constexpr std::size_t kUsualRequests = 10000;
+constexpr std::size_t kUsualDataBytes = frame_format::kMaxPayloadBytes;
 constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 
 CoreSettings with_defaults(CoreSettings settings) {
   if (settings.limit_ms == 0) settings.limit_ms = kUsualLimitMs;
   if (settings.most_queued_bytes == 0) settings.most_queued_bytes = kUsualQueuedBytes;
   if (settings.most_requests == 0) settings.most_requests = kUsualRequests;
+  if (settings.most_data_bytes == 0) settings.most_data_bytes = kUsualDataBytes;
   return settings;
 }
 
@@ -46,11 +49,8 @@ Core::Core(Side role, std::string address, CoreSettings settings)
       callbacks_(*this, settings_.execute, settings_.context.get(), settings_.workers),
       deadlines_(
           [this](std::uint64_t number) {
-            if (number == kDrainLimit) return begin_end();
-            const auto make = [this](const CallRecord& late) {
-              return outcome_of(late, TOLK_TIMED_OUT, nullptr);
-            };
-            calls_.complete(number, make, Callbacks::When::now);
+            enter_loop();
+            on_deadline(number);
           },
           [this](std::uint64_t number) { return number == kDrainLimit || calls_.has(number); }) {}
 

@@ -4,9 +4,11 @@
 
 #include "capi/block.h"
 #include "capi/core.h"
+#include "capi/pieces.h"
 #include "capi/request.h"
 #include "params/encoder.h"
 #include "params/parser.h"
+#include "transport/reserved_names.h"
 
 namespace tolk {
 
@@ -20,6 +22,10 @@ void Core::receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload
   if (message.plain.name == kMethodCancel) return take_cancel(*peer, message);
   if (answers_itself(*peer, message)) return;
   if (message.plain.name == kMethodDescribe) return describe(*peer, message);
+  if (message.plain.name == kMethodPieceBody && role_ == Side::server) {
+    return take_plain_piece(peer, message);
+  }
+  if (message.plain.name == kMethodPiece) return take_piece(peer, payload);
   take_call(peer, message, payload);
 }
 
@@ -32,21 +38,36 @@ void Core::take_reply(Peer& peer, const Message& reply, const SharedBytes& paylo
   } else if (reply.plain.call_id) {
     number = calls_.find_by_call_id(peer.id(), *reply.plain.call_id);
   }
-  calls_.complete_of(peer.id(), number, [&](const CallRecord& record) {
-    if (record.done == nullptr && uv_hrtime() > record.deadline) {
-      return outcome_of(record, TOLK_TIMED_OUT, nullptr);
-    }
-    Failure failure = failure_of(reply, record.method);
-    failure.address = address_;
-    if (record.peer != 0) failure.peer = "client " + std::to_string(record.peer);
-    if (failure.status != TOLK_OK) return Outcome::of(std::move(failure));
-    const SharedBytes message = payload.owner ? payload : copy_of(payload.view);
-    auto received = tolk_block::of_message(message, reply.types, tolk_block::Reserved::dropped);
-    if (!received.is_well_formed()) return outcome_of(record, TOLK_MALFORMED, nullptr);
-    Outcome outcome;
-    outcome.result = std::move(received.block);
-    return outcome;
-  });
+  if (!takes_data_reply(peer, number, reply, payload)) {
+    complete_with_reply(peer, number, reply, payload);
+  }
+}
+
+Outcome Core::outcome_of_reply(const CallRecord& record, const Message& reply,
+                               const SharedBytes& payload) const {
+  if (record.done == nullptr && uv_hrtime() > record.deadline) {
+    return outcome_of(record, TOLK_TIMED_OUT, nullptr);
+  }
+  Failure failure = failure_of(reply, record.method);
+  failure.address = address_;
+  if (record.peer != 0) failure.peer = "client " + std::to_string(record.peer);
+  if (failure.status != TOLK_OK) return Outcome::of(std::move(failure));
+  std::optional<SharedBytes> data;
+  if (!take_answer_data(record, reply, &data)) {
+    return outcome_of(record, TOLK_MALFORMED, "data of the answer are missing");
+  }
+  const SharedBytes message = payload.owner ? payload : copy_of(payload.view);
+  auto received = tolk_block::of_message(message, reply.types, tolk_block::Reserved::dropped);
+  if (!received.is_well_formed()) return outcome_of(record, TOLK_MALFORMED, nullptr);
+  Outcome outcome;
+  outcome.result = std::move(received.block);
+  if (!data) return outcome;
+  auto whole = std::make_unique<tolk_block>();
+  whole->add_held(std::move(*data));
+  append_values(*whole, *outcome.result, 0);
+  if (whole->status() != TOLK_OK) return outcome_of(record, whole->status(), nullptr);
+  outcome.result = std::move(whole);
+  return outcome;
 }
 
 void Core::take_cancel(Peer& peer, const Message& call) {
@@ -58,7 +79,9 @@ void Core::take_cancel(Peer& peer, const Message& call) {
   } sink;
   if (!call.plain.arguments) return;
   parse_records(*call.plain.arguments, sink);
-  if (!sink.text.empty()) peer.end_requests(sink.text, TOLK_CANCELLED);
+  if (sink.text.empty()) return;
+  peer.end_requests(sink.text, TOLK_CANCELLED);
+  peer.end_incoming(sink.text);
 }
 
 void Core::reply_failure(Peer& peer, const Message& call, const HandlerFailure& failure,
@@ -71,22 +94,31 @@ void Core::reply_failure(Peer& peer, const Message& call, const HandlerFailure& 
   if (ids.wants_reply()) peer.send(failure_message(role_, ids, failure, unknown), false);
 }
 
-void Core::take_call(const std::shared_ptr<Peer>& peer, const Message& call,
-                     const SharedBytes& payload) {
-  const std::string name(*call.plain.name);
-  // Counted before the look at the state: a close that has not refused the call waits for it.
-  Callbacks::HandlerCount handler(callbacks_);
-  if (state_ != State::open) {
-    return reply_failure(*peer, call, {TOLK_CLOSED, 0, "the peer is closing", nullptr});
-  }
-  const auto method = settings_.methods ? settings_.methods->find(name) : nullptr;
+std::shared_ptr<const Method> Core::method_for(Peer& peer, const Message& call,
+                                               const std::string& name) {
+  const auto refuse = [&](const HandlerFailure& failure, std::string_view unknown = {}) {
+    enter_loop();
+    reply_failure(peer, call, failure, unknown);
+    return nullptr;
+  };
+  if (state_ != State::open) return refuse({TOLK_CLOSED, 0, "the peer is closing", nullptr});
+  auto method = settings_.methods ? settings_.methods->find(name) : nullptr;
   if (!method) {
     const std::string text = "there is no method " + name;
-    return reply_failure(*peer, call, {TOLK_NO_METHOD, 0, text, nullptr}, name);
+    return refuse({TOLK_NO_METHOD, 0, text, nullptr}, name);
   }
-  if (role_ == Side::client && peer->requests() >= settings_.most_requests) {
-    return reply_failure(*peer, call, {TOLK_BUSY, 0, "too many requests are under way", nullptr});
+  if (role_ == Side::client && peer.requests() >= settings_.most_requests) {
+    return refuse({TOLK_BUSY, 0, "too many requests are under way", nullptr});
   }
+  return method;
+}
+
+void Core::take_call(const std::shared_ptr<Peer>& peer, const Message& call,
+                     const SharedBytes& payload) {
+  // Counted before the look at the state: a close that has not refused the call waits for it.
+  Callbacks::HandlerCount handler(callbacks_);
+  const auto method = method_for(*peer, call, std::string(*call.plain.name));
+  if (!method) return;
   const auto request =
       std::make_shared<tolk_request>(shared(), peer, method, call, payload, std::move(handler));
   peer->add_request(*request, payload.view.size());

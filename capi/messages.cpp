@@ -18,6 +18,7 @@ constexpr char kKind[] = "tolk.kind";
 constexpr char kCode[] = "tolk.code";
 constexpr char kDetails[] = "tolk.details";
 constexpr char kData[] = "tolk.data";
+constexpr char kDone[] = "tolk.done";
 constexpr char kValue[] = "tolk.value";
 
 // The envelope and a name beside a block.
@@ -33,7 +34,8 @@ constexpr std::array kKinds{Kind{TOLK_WRONG_ARGUMENTS, "arguments", TOLK_WRONG_A
                             Kind{TOLK_UNANSWERED, "dropped", TOLK_UNANSWERED},
                             Kind{TOLK_BUSY, "busy", TOLK_BUSY},
                             Kind{TOLK_CLOSED, "closing", TOLK_GONE},
-                            Kind{TOLK_CANCELLED, "cancelled", TOLK_CANCELLED}};
+                            Kind{TOLK_CANCELLED, "cancelled", TOLK_CANCELLED},
+                            Kind{TOLK_TOO_LARGE, "large", TOLK_TOO_LARGE}};
 
 class MessageSink : public EnvelopeSink {
  public:
@@ -50,6 +52,7 @@ class MessageSink : public EnvelopeSink {
     if (value.type == TolkValue::String) return keyed_text(key, value.bytes);
     if (key == kDetails && value.type == TolkValue::Stream) message_.details = value.bytes;
     if (key == kData && value.type == TolkValue::Double) message_.data = value.real;
+    if (key == kDone && value.type == TolkValue::Double) message_.done = value.real;
     if (key == kValue) message_.marks_value = true;
     if (value.type != TolkValue::Int) return;
     if (key == kLimit) message_.limit_ms = value.integer;
@@ -185,13 +188,16 @@ Frame post_message(std::string_view name, const Content* arguments) {
   });
 }
 
-Frame reply_message(Side side, const CallIds& ids, const Content& result,
-                    std::string_view features) {
+Frame reply_message(Side side, const CallIds& ids, const Content& result, std::string_view features,
+                    std::optional<double> data) {
   return Frame::build_around(large_part(&result), [&](auto& encoder) {
     encoder.add_encoded(result.bytes.view);
     add_envelope(encoder, side, ids);
     add_string_if(encoder, kFeatures, features);
     add_string_if(encoder, kTypes, result.types);
+    if (!data) return;
+    encoder.add_key(kData);
+    encoder.add_double(*data);
   });
 }
 
@@ -203,6 +209,14 @@ Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failu
     add_envelope(encoder, side, ids);
     add_failure(encoder, failure);
   });
+}
+
+std::string failure_records(const HandlerFailure& failure, std::string_view unknown) {
+  std::string records;
+  Encoder<std::string> encoder(records, 0);
+  if (!unknown.empty()) encoder.add_string(kNoEvent + std::string(unknown));
+  add_failure(encoder, failure);
+  return records;
 }
 
 Failure failure_of(const Message& reply, std::string_view method) {

@@ -23,7 +23,7 @@ inline constexpr char kMethodCancel[] = "tolk.cancel";
 inline constexpr char kMethodDescribe[] = "tolk.describe";
 inline constexpr char kNoEvent[] = "no event: ";
 // What this side takes of its peers.
-inline constexpr char kOwnFeatures[] = "cancel describe";
+inline constexpr char kOwnFeatures[] = "cancel describe pieces";
 
 struct Message {
   Envelope plain;
@@ -35,6 +35,7 @@ struct Message {
   std::int32_t code = 0;
   std::optional<std::string_view> details;
   std::optional<double> data;
+  std::optional<double> done;  // in the answer to a piece
   bool marks_value = false;
   // The first positional value, of a version check or of an unknown method's answer.
   bool first_is_true = false;
@@ -79,9 +80,9 @@ struct CallExtras {
 Frame call_message(std::string_view name, std::uint64_t token, const Content* arguments,
                    const CallExtras& extras);
 Frame post_message(std::string_view name, const Content* arguments);
-// `features`: only in the answer to a version check.
+// `features`: only in the answer to a version check. `data`: the bytes that came before.
 Frame reply_message(Side side, const CallIds& ids, const Content& result,
-                    std::string_view features = {});
+                    std::string_view features = {}, std::optional<double> data = {});
 
 struct HandlerFailure {
   tolk_status status = TOLK_FAILED;
@@ -92,6 +93,9 @@ struct HandlerFailure {
 // `unknown`: the name of the method that is not there; a plain caller learns it as a result.
 Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failure,
                       std::string_view unknown = {});
+
+// The same without an envelope.
+std::string failure_records(const HandlerFailure& failure, std::string_view unknown);
 
 // What the reply says about a call of `method`. TOLK_OK: the result is in it.
 Failure failure_of(const Message& reply, std::string_view method);

@@ -5,6 +5,7 @@
 #include "capi/core.h"
 #include "capi/messages.h"
 #include "capi/request.h"
+#include "capi/transfer_in.h"
 #include "platform/peer_user.h"
 
 namespace tolk {
@@ -118,6 +119,7 @@ void Peer::note_features(std::string_view features) {
   tells_features_ = true;
   takes_cancel_ = has_feature(features, "cancel");
   takes_describe_ = has_feature(features, "describe");
+  takes_pieces_ = has_feature(features, kFeaturePieces);
 }
 
 void Peer::dispatch(const std::shared_ptr<tolk_request>& request) {
@@ -194,6 +196,32 @@ void Peer::resume_if_below() {
   post(&LoopTasks::resume);
 }
 
+bool Peer::add_incoming(std::int32_t transfer, std::shared_ptr<RequestIn> data) {
+  return incoming_.lock()->emplace(transfer, std::move(data)).second;
+}
+
+std::shared_ptr<RequestIn> Peer::incoming(std::int32_t transfer) const {
+  const auto incoming = incoming_.lock();
+  const auto at = incoming->find(transfer);
+  return at == incoming->end() ? nullptr : at->second;
+}
+
+void Peer::forget_incoming(std::int32_t transfer, const RequestIn& data) {
+  std::shared_ptr<RequestIn> dropped;  // freed after the lock
+  const auto incoming = incoming_.lock();
+  const auto at = incoming->find(transfer);
+  if (at == incoming->end() || at->second.get() != &data) return;
+  dropped = std::move(at->second);
+  incoming->erase(at);
+}
+
+void Peer::end_incoming(std::string_view token) {
+  const Incoming incoming = *incoming_.lock();
+  for (const auto& [transfer, data] : incoming) {
+    if (data->token() == token) data->stop();
+  }
+}
+
 void Peer::end_requests(std::string_view token, tolk_status status) {
   const auto open = open_requests_.lock();
   const auto [first, last] = open->equal_range(token);
@@ -205,6 +233,8 @@ void Peer::end_all_requests(tolk_status status) {
     const auto open = open_requests_.lock();
     for (const auto& [token, request] : *open) request->set_state(status);
   }
+  const Incoming incoming = *incoming_.lock();
+  for (const auto& [transfer, data] : incoming) data->stop();
   std::list<std::shared_ptr<tolk_request>> dropped;  // freed after the lock
   held_.lock()->requests.swap(dropped);
   ordered_.clear();

@@ -18,10 +18,12 @@
 #include "capi/ordered_queue.h"
 #include "transport/outgoing_queue.h"
 #include "transport/peer_stream.h"
+#include "transport/piece_assembler.h"
 
 namespace tolk {
 
 class Core;
+class RequestIn;
 
 // When a peer is not read from: above one of the two. Below three quarters it is again.
 struct PeerQuota {
@@ -65,6 +67,7 @@ class Peer final : public StreamUser,
   bool takes_cancel() const { return takes_cancel_; }
   bool takes_describe() const { return takes_describe_; }
   bool tells_features() const { return tells_features_; }
+  bool takes_pieces() const { return takes_pieces_; }
 
   // Requests wait until on_connect has begun.
   void dispatch(const std::shared_ptr<tolk_request>& request) TOLK_LOOP;
@@ -79,10 +82,18 @@ class Peer final : public StreamUser,
   void set_hooks(std::shared_ptr<tolk_task> connect, std::shared_ptr<tolk_task> gone) TOLK_LOOP;
   std::shared_ptr<tolk_task> take_connect_hook() TOLK_LOOP { return std::move(connect_hook_); }
   std::shared_ptr<tolk_task> take_gone_hook() TOLK_LOOP { return std::move(gone_hook_); }
+  PieceAssembler& plain_pieces() { return plain_pieces_; }
 
   void add_request(tolk_request& request, std::size_t bytes) TOLK_LOOP;
   void remove_request(tolk_request& request, std::size_t bytes);
   std::size_t requests() const { return request_count_; }
+  // Data that come with calls of the peer, by the peer's number of the transfer. False: there is
+  // one of that number.
+  bool add_incoming(std::int32_t transfer, std::shared_ptr<RequestIn> data);
+  std::shared_ptr<RequestIn> incoming(std::int32_t transfer) const;
+  void forget_incoming(std::int32_t transfer, const RequestIn& data);
+  // Stops those whose call has this token.
+  void end_incoming(std::string_view token);
   void end_requests(std::string_view token, tolk_status status);
   void end_all_requests(tolk_status status);
 
@@ -97,6 +108,7 @@ class Peer final : public StreamUser,
     std::unique_ptr<Task> resume;
     std::unique_ptr<Task> disconnect;
   };
+  using Incoming = std::map<std::int32_t, std::shared_ptr<RequestIn>>;
   using OpenRequests = std::multimap<std::string, tolk_request*, std::less<>>;
 
   void on_written() TOLK_LOOP override;
@@ -120,12 +132,15 @@ class Peer final : public StreamUser,
   OrderedQueue ordered_;
   OrderedQueue hooks_;
   Guarded<LoopTasks> loop_tasks_;
+  PieceAssembler plain_pieces_;
   Guarded<Held> held_;
   Guarded<OpenRequests> open_requests_;
+  Guarded<Incoming> incoming_;
   std::atomic<bool> gone_{false};
   std::atomic<bool> takes_cancel_{false};
   std::atomic<bool> takes_describe_{false};
   std::atomic<bool> tells_features_{false};
+  std::atomic<bool> takes_pieces_{false};
   std::atomic<std::size_t> request_count_{0};
   std::atomic<std::size_t> request_bytes_{0};
   std::atomic<bool> is_paused_{false};

@@ -5,6 +5,11 @@
 #include <utility>
 
 #include "capi/core.h"
+#include "capi/pieces.h"
+#include "capi/plain_pieces.h"
+#include "capi/transfer_in.h"
+#include "capi/transfer_out.h"
+#include "transport/token.h"
 
 namespace {
 
@@ -41,6 +46,25 @@ tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tol
                                          notes_fit ? call.types : std::string_view(),
                                          tolk_block::Reserved::kept);
   bad_arguments_ = !notes_fit || !received.is_well_formed() || !call.plain.well_formed;
+  arguments_ = std::move(received.block);
+}
+
+tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
+                           std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
+                           const tolk::ReceivedPiece& first, tolk::Callbacks::HandlerCount handler)
+    : tolk_task(Kind::handler, method->is_inline()),
+      core_kept_(std::move(core)),
+      handler_(std::move(handler)),
+      peer_(std::move(peer)),
+      method_(std::move(method)),
+      name_(first.piece.method),
+      ids_(call.plain),
+      token_(call.plain.token.value_or("")),
+      bytes_(first.message.view.size()) {
+  auto received = tolk_block::of_message(
+      {first.message.owner, first.piece.arguments.value_or(std::string_view())}, call.types,
+      tolk_block::Reserved::kept);
+  bad_arguments_ = !received.is_well_formed();
   arguments_ = std::move(received.block);
 }
 
@@ -86,14 +110,14 @@ void tolk_request::part_is_over() {
     peer_->dispatch_next(peer_->ordered());
 }
 
-template <class MakeFrame>
-void tolk_request::end_with(const MakeFrame& make) {
+template <class Send>
+void tolk_request::end_by(const Send& send) {
   const auto self = shared_from_this();
   const auto held = std::move(held_by_handler_);
   if (ended_.exchange(true)) return;
   if (ids_.wants_reply()) {
     try {
-      peer_->send(make(), false);
+      send();
     } catch (const std::exception&) {  // no memory
       peer_->disconnect();
     }
@@ -102,7 +126,26 @@ void tolk_request::end_with(const MakeFrame& make) {
   part_is_over();
 }
 
+template <class MakeFrame>
+void tolk_request::end_with(const MakeFrame& make) {
+  end_by([&] { peer_->send(make(), false); });
+}
+
+void tolk_request::end_plain(std::string records) {
+  end_by([&] {
+    tolk::send_plain_result(core_kept_, peer_, ids_, *plain_call_id_, std::move(records));
+  });
+}
+
+void tolk_request::become_plain(int call_id, const tolk::SharedBytes& block) {
+  plain_call_id_ = call_id;
+  arguments_ = tolk_block::of_message(block, {}, tolk_block::Reserved::dropped).block;
+}
+
 void tolk_request::answer(const tolk_block* result) {
+  if (plain_call_id_ && (result == nullptr || result->status() == TOLK_OK)) {
+    return end_plain(std::string(tolk::Content::of(result).bytes.view));
+  }
   end_with([&] {
     const tolk::Content content = tolk::Content::of(result);
     const auto refused = [&](const char* text) {
@@ -115,6 +158,50 @@ void tolk_request::answer(const tolk_block* result) {
   });
 }
 
+void tolk_request::answer_with(const tolk::Content& result, std::optional<double> data) {
+  if (plain_call_id_) return end_plain(std::string(result.bytes.view));
+  end_with([&] { return tolk::reply_message(core_kept_->role(), ids_, result, {}, data); });
+}
+
+bool tolk_request::is_wanted() const {
+  return !ended_ && state_ == TOLK_OK && !core_kept_->is_closed() && !peer_->is_gone();
+}
+
+void tolk_request::answer_data(const tolk_block* result, std::unique_ptr<tolk_source> source) {
+  if (!ids_.wants_reply() || (result != nullptr && result->status() != TOLK_OK)) {
+    return answer(result);
+  }
+  tolk::Content content = tolk::Content::of(result);
+  if (content.is_too_large()) return answer(result);
+  auto self = std::static_pointer_cast<tolk_request>(shared_from_this());
+  const std::uint64_t number = tolk::next_token();
+  core_kept_->start_answer(
+      std::make_shared<tolk::AnswerOut>(core_kept_, peer_, number, std::move(source),
+                                        std::move(self), std::move(content)),
+      *peer_);
+}
+
+// A sender of the C++ layer has the other arguments in the last piece.
+bool tolk_request::take_data(std::optional<tolk::SharedBytes> data,
+                             const tolk::ReceivedPiece& last) {
+  const auto call = tolk::Message::scan(last.message.view);
+  auto whole = std::make_unique<tolk_block>();
+  if (data) whole->add_held(std::move(*data));
+  tolk::append_values(*whole, *arguments_, 0);
+  if (!last.piece.is_first()) {
+    const auto more = tolk_block::of_message(
+        {last.message.owner, call.plain.arguments.value_or("")}, {}, tolk_block::Reserved::dropped);
+    tolk::append_values(*whole, *more.block, 1);
+  }
+  if (whole->status() != TOLK_OK) return false;
+  ids_ = last.ids;
+  if (call.limit_ms && *call.limit_ms >= 0) {
+    deadline_ = uv_hrtime() + static_cast<std::uint64_t>(*call.limit_ms) * kNanosecondsPerMs;
+  }
+  arguments_before_data_ = std::exchange(arguments_, std::move(whole));
+  return true;
+}
+
 void tolk_request::fail(const tolk::HandlerFailure& failure) {
   core_kept_->log(TOLK_INFO, [&] {
     return peer_->name() + " called " + name_ + ": " + tolk_status_name(failure.status) + ", " +
@@ -122,6 +209,7 @@ void tolk_request::fail(const tolk::HandlerFailure& failure) {
   });
   const std::string_view unknown =
       failure.status == TOLK_NO_METHOD ? std::string_view(name_) : std::string_view();
+  if (plain_call_id_) return end_plain(tolk::failure_records(failure, unknown));
   end_with([&] { return tolk::failure_message(core_kept_->role(), ids_, failure, unknown); });
 }
 
@@ -142,6 +230,18 @@ tolk_status tolk_request_state(const tolk_request* request) { return request->st
 void tolk_request_answer(tolk_request* request, tolk_block* result) {
   const std::unique_ptr<tolk_block, void (*)(tolk_block*)> taken(result, tolk_block_free);
   if (request != nullptr) request->answer(result);
+}
+
+void tolk_request_answer_data(tolk_request* request, tolk_block* result, tolk_source* source) {
+  const std::unique_ptr<tolk_block, void (*)(tolk_block*)> taken(result, tolk_block_free);
+  std::unique_ptr<tolk_source> data(source);
+  if (request == nullptr) return;
+  if (data == nullptr) return request->fail({TOLK_FAILED, 0, "there are no data", nullptr});
+  try {
+    request->answer_data(result, std::move(data));
+  } catch (const std::exception&) {
+    request->fail({TOLK_FAILED, 0, "no memory for the data", nullptr});
+  }
 }
 
 void tolk_request_fail(tolk_request* request, tolk_status status, int32_t code, const char* text,

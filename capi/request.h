@@ -18,11 +18,19 @@
 #include "capi/methods.h"
 #include "capi/peer.h"
 
+namespace tolk {
+struct ReceivedPiece;
+}  // namespace tolk
+
 struct tolk_request final : tolk_task {
  public:
   tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
                std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
                const tolk::SharedBytes& payload, tolk::Callbacks::HandlerCount handler);
+  // Of a call whose data come in pieces.
+  tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
+               std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
+               const tolk::ReceivedPiece& first, tolk::Callbacks::HandlerCount handler);
   ~tolk_request() override;
 
   // The peer counts the request, until its end.
@@ -41,12 +49,29 @@ struct tolk_request final : tolk_task {
 
   void answer(const tolk_block* result);
   void fail(const tolk::HandlerFailure& failure);
+  // Takes the source. The request is answered when the data have arrived.
+  void answer_data(const tolk_block* result, std::unique_ptr<tolk_source> source);
+  void answer_with(const tolk::Content& result, std::optional<double> data);
+  // Nobody has ended it, and the caller has not told or left. Its limit does not count: data take
+  // their time.
+  bool is_wanted() const;
+
+  // A large call of a plain client: the block that its pieces are, with the client's call id. The
+  // result goes back in such pieces.
+  void become_plain(int call_id, const tolk::SharedBytes& block);
+
+  // Data that came with the call, all of them, and their last piece. Without a value of its own
+  // they are in a sink. False: they are too large for the arguments.
+  bool take_data(std::optional<tolk::SharedBytes> data, const tolk::ReceivedPiece& last);
 
  private:
   void run_claimed() override;
   void drop_claimed() override;
+  template <class Send>
+  void end_by(const Send& send);
   template <class MakeFrame>
   void end_with(const MakeFrame& make);
+  void end_plain(std::string records);
   void part_is_over();
 
   const std::shared_ptr<tolk::Core> core_kept_;
@@ -54,11 +79,13 @@ struct tolk_request final : tolk_task {
   const std::shared_ptr<tolk::Peer> peer_;
   const std::shared_ptr<const tolk::Method> method_;
   const std::string name_;
-  const tolk::CallIds ids_;
+  tolk::CallIds ids_;
+  std::optional<int> plain_call_id_;
   const std::string token_;
   const std::size_t bytes_;
   std::uint64_t deadline_ = UINT64_MAX;
   std::unique_ptr<tolk_block> arguments_;
+  std::unique_ptr<tolk_block> arguments_before_data_;
   bool bad_arguments_ = false;
   bool added_ = false;
   std::shared_ptr<tolk_task> held_by_handler_;

@@ -30,6 +30,7 @@ CoreSettings settings_of(const tolk_server_options& options, Context context) {
   settings.log = options.log;
   settings.context = std::move(context);
   settings.most_queued_bytes = options.most_queued_bytes;
+  settings.most_data_bytes = options.most_data_bytes;
   return settings;
 }
 
@@ -106,7 +107,10 @@ tolk_status tolk_server_call(tolk_server* server, uint64_t client, const char* m
 }
 
 uint64_t tolk_server_start(tolk_server* server, const tolk_call* call) {
-  if (server == nullptr || call == nullptr) return 0;
+  if (server == nullptr || call == nullptr) {
+    if (call != nullptr) tolk::drop_data(*call);
+    return 0;
+  }
   const auto core = server->core->shared();
   return core->start_guarded(*call);
 }

@@ -1,0 +1,64 @@
+// Where the data of a transfer come from, and where they go: memory, files, callbacks of the host.
+//
+// Thread: one at a time, that of the transfer's step. Owner: the host until a function takes it,
+// then the transfer. Failure: false; `code` is then the system's, or 0.
+#pragma once
+
+#include <tolk/c.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+struct tolk_source {
+ public:
+  explicit tolk_source(std::uint64_t total) : total_(total) {}
+  virtual ~tolk_source() = default;
+  tolk_source(const tolk_source&) = delete;
+  tolk_source& operator=(const tolk_source&) = delete;
+
+  std::uint64_t total() const { return total_; }
+  // The next bytes, as many as asked for.
+  virtual bool read(char* to, std::size_t size) = 0;
+  int code() const { return code_; }
+  // It runs code of the host.
+  virtual bool calls_host() const { return false; }
+
+ protected:
+  int code_ = 0;
+
+ private:
+  const std::uint64_t total_;
+};
+
+struct tolk_sink {
+ public:
+  tolk_sink() = default;
+  virtual ~tolk_sink() = default;
+  tolk_sink(const tolk_sink&) = delete;
+  tolk_sink& operator=(const tolk_sink&) = delete;
+
+  virtual bool write(std::string_view bytes) = 0;
+  // It runs code of the host.
+  virtual bool calls_host() const { return false; }
+  // All bytes are there.
+  virtual bool finish() { return true; }
+  // The transfer has succeeded.
+  virtual void keep() noexcept {}
+};
+
+namespace tolk {
+
+// The host's view of how far a transfer is.
+struct Progress {
+  tolk_progress function = nullptr;
+  void* context = nullptr;
+
+  // False cancels.
+  bool report(std::uint64_t done, std::uint64_t total) const {
+    return function == nullptr || function(context, done, total);
+  }
+};
+
+}  // namespace tolk

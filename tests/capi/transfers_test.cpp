@@ -1,0 +1,763 @@
+// Large data: both directions, each kind of source and sink, sizes beyond 2 GiB, and failures.
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <tolk/tolk.hpp>
+#include <vector>
+
+#include "pair.h"
+
+namespace {
+
+using tolk::test::Answer;
+using tolk::test::Done;
+using tolk::test::Event;
+using tolk::test::Owned;
+using tolk::test::Pair;
+using tolk::test::text_block;
+using tolk::test::text_of;
+
+constexpr std::size_t kPieceOfTransfer = std::size_t{256} << 10;
+
+// The bytes of a transfer: each word of 8 names its place, so that a test can check any part.
+std::uint64_t word_at(std::uint64_t offset) { return (offset / 8 + 1) * 0x9E3779B97F4A7C15; }
+
+void make_bytes(std::uint64_t offset, char* to, std::size_t size) {
+  while (size > 0) {
+    const std::uint64_t word = word_at(offset);
+    const std::size_t count = std::min<std::size_t>(8 - offset % 8, size);
+    std::memcpy(to, reinterpret_cast<const char*>(&word) + offset % 8, count);
+    to += count;
+    offset += count;
+    size -= count;
+  }
+}
+
+bool are_bytes(std::uint64_t offset, const char* bytes, std::size_t size) {
+  while (size > 0) {
+    const std::uint64_t word = word_at(offset);
+    const std::size_t count = std::min<std::size_t>(8 - offset % 8, size);
+    if (std::memcmp(bytes, reinterpret_cast<const char*>(&word) + offset % 8, count) != 0) {
+      return false;
+    }
+    bytes += count;
+    offset += count;
+    size -= count;
+  }
+  return true;
+}
+
+std::string some_bytes(std::size_t size) {
+  std::string bytes(size, '\0');
+  make_bytes(0, bytes.data(), size);
+  return bytes;
+}
+
+// A source of bytes that nobody has in memory. It counts its release.
+struct Maker {
+  std::uint64_t made = 0;
+  std::uint64_t fails_at = UINT64_MAX;
+  std::atomic<int> released{0};
+
+  tolk_source* source(std::uint64_t total) {
+    const auto read = [](void* self, void* to, std::size_t capacity) {
+      auto& maker = *static_cast<Maker*>(self);
+      if (maker.made >= maker.fails_at) return std::size_t{0};
+      make_bytes(maker.made, static_cast<char*>(to), capacity);
+      maker.made += capacity;
+      return capacity;
+    };
+    return tolk_source_callback(total, read, this,
+                                [](void* self) { ++static_cast<Maker*>(self)->released; });
+  }
+};
+
+// A sink that checks what it gets.
+struct Checker {
+  std::atomic<std::uint64_t> got{0};
+  std::uint64_t fails_at = UINT64_MAX;
+  std::atomic<bool> all_right{true};
+  std::atomic<int> released{0};
+  Event is_released;
+
+  tolk_sink* sink() {
+    const auto write = [](void* self, const void* bytes, std::size_t size) {
+      auto& checker = *static_cast<Checker*>(self);
+      if (checker.got >= checker.fails_at) return false;
+      if (!are_bytes(checker.got, static_cast<const char*>(bytes), size)) checker.all_right = false;
+      checker.got += size;
+      return true;
+    };
+    return tolk_sink_callback(write, this, [](void* self) {
+      auto& checker = *static_cast<Checker*>(self);
+      ++checker.released;
+      checker.is_released.set();
+    });
+  }
+};
+
+class TempFile {
+ public:
+  TempFile() {
+    static std::atomic<int> last{0};
+    path_ = std::filesystem::temp_directory_path() /
+            ("capi-transfer-" +
+             std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + "-" +
+             std::to_string(++last));
+  }
+  ~TempFile() { std::filesystem::remove(path_); }
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
+
+  std::string path() const { return path_.string(); }
+  bool exists() const { return std::filesystem::exists(path_); }
+  void put(const std::string& bytes) const {
+    std::ofstream(path_, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
+  }
+  std::string all() const {
+    std::ifstream file(path_, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  tolk_source* source() const {
+    tolk_source* made = nullptr;
+    EXPECT_EQ(tolk_source_file(path().c_str(), &made, nullptr), TOLK_OK);
+    return made;
+  }
+  tolk_sink* sink() const {
+    tolk_sink* made = nullptr;
+    EXPECT_EQ(tolk_sink_file(path().c_str(), &made, nullptr), TOLK_OK);
+    return made;
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A method that data come to, with what its host decides about them.
+struct DataMethod {
+  std::function<void(tolk_request*)> handler = [](tolk_request* request) {
+    tolk_request_answer(request, nullptr);
+  };
+  std::function<tolk_status(const tolk_request*, std::uint64_t, tolk_sink**)> accept;
+  std::function<bool(std::uint64_t, std::uint64_t)> progress = [](auto, auto) { return true; };
+  std::atomic<int> handled{0};
+
+  void add_to(tolk_methods* methods, const char* name) {
+    tolk_method_options options{};
+    options.size = sizeof options;
+    if (accept) {
+      options.accept = [](void* self, const tolk_request* request, std::uint64_t total,
+                          tolk_sink** sink) {
+        return static_cast<DataMethod*>(self)->accept(request, total, sink);
+      };
+    }
+    options.progress = [](void* self, std::uint64_t done, std::uint64_t total) {
+      return static_cast<DataMethod*>(self)->progress(done, total);
+    };
+    const auto call = [](void* self, tolk_request* request) {
+      ++static_cast<DataMethod*>(self)->handled;
+      static_cast<DataMethod*>(self)->handler(request);
+    };
+    ASSERT_EQ(tolk_methods_add(methods, name, call, this, &options, nullptr), TOLK_OK);
+  }
+};
+
+// The host's side of a call with data.
+struct DataCall {
+  tolk_call raw{};
+  std::vector<std::uint64_t> reports;
+  std::function<bool(std::uint64_t)> may_go_on = [](std::uint64_t) { return true; };
+  Owned<tolk_block> arguments;
+  Owned<tolk_block> result;
+  std::string reason;
+  int code = 0;
+
+  explicit DataCall(const char* method) {
+    raw.size = sizeof raw;
+    raw.method = method;
+    raw.context = this;
+    raw.progress = [](void* self, std::uint64_t done, std::uint64_t) {
+      auto& call = *static_cast<DataCall*>(self);
+      call.reports.push_back(done);
+      return call.may_go_on(done);
+    };
+  }
+  tolk_status finish(tolk_status status, tolk_block* block, tolk_error* error) {
+    result.reset(block);
+    reason = tolk_error_reason(error);
+    code = tolk_error_code(error);
+    tolk_error_free(error);
+    return status;
+  }
+  tolk_status run(tolk_client* client) {
+    raw.arguments = arguments.get();
+    tolk_block* block = nullptr;
+    tolk_error* error = nullptr;
+    const tolk_status status =
+        tolk_client_wait(client, tolk_client_start(client, &raw), &block, &error);
+    return finish(status, block, error);
+  }
+  tolk_status run(tolk_server* server, std::uint64_t client) {
+    raw.arguments = arguments.get();
+    raw.client = client;
+    tolk_block* block = nullptr;
+    tolk_error* error = nullptr;
+    const tolk_status status =
+        tolk_server_wait(server, tolk_server_start(server, &raw), &block, &error);
+    return finish(status, block, error);
+  }
+};
+
+std::string bytes_at(const tolk_block* block, std::size_t at) {
+  std::size_t size = 0;
+  const void* const bytes = tolk_block_bytes(block, at, &size);
+  return bytes == nullptr ? "" : std::string(static_cast<const char*>(bytes), size);
+}
+
+class CapiTransfers : public Pair {
+ protected:
+  // Each is its handler's until both ends are closed.
+  ~CapiTransfers() override { end(); }
+  DataMethod method;
+};
+INSTANTIATE_TEST_SUITE_P(All, CapiTransfers, tolk::test::kAllTransports,
+                         tolk::test::transport_name);
+
+TEST_P(CapiTransfers, MemoryIsTheFirstArgumentAndTheOthersFollow) {
+  const std::array<std::size_t, 6> sizes{0,
+                                         1,
+                                         kPieceOfTransfer,
+                                         kPieceOfTransfer + 1,
+                                         8 * kPieceOfTransfer,
+                                         21 * kPieceOfTransfer + 5};
+  method.handler = [](tolk_request* request) {
+    const tolk_block* const got = tolk_request_arguments(request);
+    EXPECT_EQ(tolk_block_total(got), 3U);
+    EXPECT_EQ(tolk_block_int(got, 1), std::int64_t{1} << 40);
+    EXPECT_STREQ(tolk_block_key(got, 2), "name");
+    const std::string bytes = bytes_at(got, 0);
+    EXPECT_TRUE(are_bytes(0, bytes.data(), bytes.size()));
+    tolk_request_answer(request, text_block(std::to_string(bytes.size())).release());
+  };
+  method.add_to(server_methods.get(), "take");
+  method.add_to(client_methods.get(), "take");
+  start();
+  for (const std::size_t size : sizes) {
+    const std::string bytes = some_bytes(size);
+    for (const bool to_server : {true, false}) {
+      DataCall call("take");
+      call.arguments.reset(tolk_block_new());
+      tolk_block_add_int(call.arguments.get(), std::int64_t{1} << 40);
+      tolk_block_add_key(call.arguments.get(), "name");
+      tolk_block_add_text(call.arguments.get(), "x", TOLK_TO_ZERO);
+      call.raw.source = tolk_source_memory(bytes.data(), size, nullptr, nullptr);
+      EXPECT_EQ(to_server ? call.run(client.get()) : call.run(server.get(), first_client()),
+                TOLK_OK)
+          << call.reason;
+      EXPECT_EQ(text_of(call.result.get()), std::to_string(size));
+      EXPECT_EQ(call.reports.front(), 0U);
+      EXPECT_EQ(call.reports.back(), size);
+      EXPECT_TRUE(std::is_sorted(call.reports.begin(), call.reports.end()));
+    }
+  }
+}
+
+TEST_P(CapiTransfers, AFileArrivesInAFile) {
+  const TempFile from;
+  const TempFile to;
+  from.put(some_bytes(5 * kPieceOfTransfer + 77));
+  std::vector<std::uint64_t> reports;
+  method.accept = [&](const tolk_request* request, std::uint64_t total, tolk_sink** sink) {
+    EXPECT_EQ(total, 5 * kPieceOfTransfer + 77);
+    EXPECT_EQ(text_of(tolk_request_arguments(request)), "name");
+    EXPECT_STREQ(tolk_request_method(request), "store");
+    *sink = to.sink();
+    return TOLK_OK;
+  };
+  method.progress = [&](std::uint64_t done, std::uint64_t) {
+    reports.push_back(done);
+    return true;
+  };
+  method.handler = [&](tolk_request* request) {
+    EXPECT_EQ(tolk_block_total(tolk_request_arguments(request)), 1U);
+    EXPECT_EQ(to.all(), from.all());
+    tolk_request_answer(request, text_block(text_of(tolk_request_arguments(request))).release());
+  };
+  method.add_to(server_methods.get(), "store");
+  start();
+  DataCall call("store");
+  call.arguments = text_block("name");
+  call.raw.source = from.source();
+  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
+  EXPECT_EQ(text_of(call.result.get()), "name");
+  EXPECT_EQ(reports.size(), 7U);
+  end();
+  EXPECT_EQ(to.all(), from.all());
+}
+
+TEST_P(CapiTransfers, AnAnswerHasDataFromEachSourceToEachSink) {
+  const TempFile from;
+  const TempFile to;
+  const std::string bytes = some_bytes(9 * kPieceOfTransfer + 3);
+  from.put(bytes);
+  Maker maker;
+  method.handler = [&](tolk_request* request) {
+    const std::string how = text_of(tolk_request_arguments(request));
+    maker.made = 0;
+    tolk_source* const source =
+        how == "file"     ? from.source()
+        : how == "memory" ? tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr)
+                          : maker.source(bytes.size());
+    tolk_request_answer_data(request, text_block("done").release(), source);
+  };
+  method.add_to(server_methods.get(), "fetch");
+  method.add_to(client_methods.get(), "fetch");
+  start();
+  for (const char* const how : {"file", "memory", "callback"}) {
+    DataCall in_memory("fetch");
+    in_memory.arguments = text_block(how);
+    EXPECT_EQ(in_memory.run(client.get()), TOLK_OK) << in_memory.reason;
+    EXPECT_EQ(tolk_block_total(in_memory.result.get()), 2U);
+    EXPECT_EQ(bytes_at(in_memory.result.get(), 0), bytes);
+    EXPECT_STREQ(tolk_block_text(in_memory.result.get(), 1, nullptr), "done");
+    DataCall in_file("fetch");
+    in_file.arguments = text_block(how);
+    in_file.raw.sink = to.sink();
+    EXPECT_EQ(in_file.run(server.get(), first_client()), TOLK_OK) << in_file.reason;
+    EXPECT_EQ(to.all(), bytes);
+    EXPECT_EQ(text_of(in_file.result.get()), "done");
+    EXPECT_EQ(in_file.reports.front(), 0U);
+    EXPECT_EQ(in_file.reports.back(), bytes.size());
+    Checker checker;
+    DataCall checked("fetch");
+    checked.arguments = text_block(how);
+    checked.raw.sink = checker.sink();
+    EXPECT_EQ(checked.run(client.get()), TOLK_OK) << checked.reason;
+    EXPECT_EQ(checker.got, bytes.size());
+    EXPECT_TRUE(checker.all_right);
+    EXPECT_TRUE(checker.is_released.wait());
+  }
+}
+
+TEST_P(CapiTransfers, ACancelAtEachPieceEndsBothEnds) {
+  for (std::uint64_t at = 0; at < 12; at += 3) {
+    Checker checker;
+    DataMethod stored;
+    stored.accept = [&](const tolk_request*, std::uint64_t, tolk_sink** sink) {
+      *sink = checker.sink();
+      return TOLK_OK;
+    };
+    stored.add_to(server_methods.get(), "store");
+    start();
+    Maker maker;
+    DataCall call("store");
+    call.raw.source = maker.source(20 * kPieceOfTransfer);
+    call.may_go_on = [&](std::uint64_t done) { return done < at * kPieceOfTransfer; };
+    EXPECT_EQ(call.run(client.get()), TOLK_CANCELLED);
+    EXPECT_EQ(tolk::test::call_client(client.get(), "nothing", "").status, TOLK_NO_METHOD);
+    if (at > 0) {
+      EXPECT_TRUE(checker.is_released.wait()) << at;
+    }
+    end();
+    EXPECT_EQ(stored.handled, 0);
+    EXPECT_EQ(maker.released, 1);
+    EXPECT_EQ(checker.released, at > 0 ? 1 : 0);
+    tolk_methods_remove(server_methods.get(), "store");
+  }
+}
+
+TEST_P(CapiTransfers, TheReceiverMayCancelOrRefuse) {
+  method.progress = [](std::uint64_t done, std::uint64_t) { return done < 2 * kPieceOfTransfer; };
+  method.add_to(server_methods.get(), "cancels");
+  DataMethod refuses;
+  refuses.accept = [](const tolk_request*, std::uint64_t, tolk_sink**) {
+    return TOLK_WRONG_ARGUMENTS;
+  };
+  refuses.add_to(server_methods.get(), "refuses");
+  start();
+  for (const auto& [name, status] :
+       {std::pair("cancels", TOLK_CANCELLED), std::pair("refuses", TOLK_WRONG_ARGUMENTS),
+        std::pair("unknown", TOLK_NO_METHOD)}) {
+    Maker maker;
+    DataCall call(name);
+    call.raw.source = maker.source(10 * kPieceOfTransfer);
+    EXPECT_EQ(call.run(client.get()), status) << name;
+    end();
+    start();
+    EXPECT_EQ(maker.released, 1);
+  }
+  EXPECT_EQ(method.handled + refuses.handled, 0);
+  end();
+}
+
+TEST_P(CapiTransfers, AFailingSinkOrSourceEndsTheTransfer) {
+  const TempFile to;
+  Maker broken;
+  Checker full;
+  full.fails_at = 3 * kPieceOfTransfer;
+  broken.fails_at = 3 * kPieceOfTransfer;
+  method.accept = [&](const tolk_request*, std::uint64_t, tolk_sink** sink) {
+    *sink = full.sink();
+    return TOLK_OK;
+  };
+  method.add_to(server_methods.get(), "store");
+  DataMethod fetch;
+  fetch.handler = [&](tolk_request* request) {
+    tolk_request_answer_data(request, nullptr, broken.source(20 * kPieceOfTransfer));
+  };
+  fetch.add_to(server_methods.get(), "fetch");
+  start();
+  Maker good;
+  DataCall store("store");
+  store.raw.source = good.source(20 * kPieceOfTransfer);
+  EXPECT_EQ(store.run(client.get()), TOLK_FAILED);
+  EXPECT_TRUE(full.is_released.wait());
+  EXPECT_EQ(good.released, 1);
+  DataCall no_source("fetch");
+  no_source.raw.source = broken.source(20 * kPieceOfTransfer);
+  EXPECT_EQ(no_source.run(client.get()), TOLK_FILE);
+  DataCall no_data("fetch");
+  no_data.arguments = text_block("broken");
+  no_data.raw.sink = to.sink();
+  EXPECT_EQ(no_data.run(client.get()), TOLK_FAILED);
+  EXPECT_FALSE(to.exists());
+  end();
+}
+
+TEST_P(CapiTransfers, ASinkOfTheCallerThatFailsIsItsOwnFailure) {
+  Maker maker;
+  method.handler = [&](tolk_request* request) {
+    tolk_request_answer_data(request, nullptr, maker.source(20 * kPieceOfTransfer));
+  };
+  method.add_to(server_methods.get(), "fetch");
+  start();
+  Checker full;
+  full.fails_at = 2 * kPieceOfTransfer;
+  DataCall call("fetch");
+  call.raw.sink = full.sink();
+  EXPECT_EQ(call.run(client.get()), TOLK_FILE);
+  end();
+  EXPECT_EQ(maker.released, 1);
+  EXPECT_EQ(full.released, 1);
+}
+
+TEST_P(CapiTransfers, AReceiverThatLeavesEndsTheTransfer) {
+  method.progress = [&](std::uint64_t done, std::uint64_t) {
+    if (done == 2 * kPieceOfTransfer) tolk_server_disconnect(server.get(), first_client());
+    return true;
+  };
+  method.add_to(server_methods.get(), "leave");
+  start();
+  Maker maker;
+  DataCall call("leave");
+  call.raw.source = maker.source(1000 * kPieceOfTransfer);
+  EXPECT_EQ(call.run(client.get()), TOLK_GONE);
+  end();
+  EXPECT_EQ(maker.released, 1);
+  EXPECT_LT(maker.made, 1000 * kPieceOfTransfer);
+  EXPECT_EQ(method.handled, 0);
+}
+
+TEST_P(CapiTransfers, TheHostCancelsACallWhoseDataAreUnderWay) {
+  Checker checker;
+  Event half;
+  method.accept = [&](const tolk_request*, std::uint64_t, tolk_sink** sink) {
+    *sink = checker.sink();
+    return TOLK_OK;
+  };
+  method.progress = [&](std::uint64_t done, std::uint64_t total) {
+    if (done >= total / 2) half.set();
+    return true;
+  };
+  method.add_to(server_methods.get(), "store");
+  start();
+  Maker maker;
+  DataCall call("store");
+  call.raw.source = maker.source(40 * kPieceOfTransfer);
+  call.may_go_on = [&](std::uint64_t done) { return done < 20 * kPieceOfTransfer || half.wait(); };
+  const std::uint64_t number = tolk_client_start(client.get(), &call.raw);
+  EXPECT_TRUE(half.wait());
+  if (tolk_client_cancel(client.get(), number)) {
+    EXPECT_TRUE(checker.is_released.wait());
+  }
+  end();
+  EXPECT_EQ(maker.released, 1);
+  EXPECT_EQ(checker.released, 1);
+}
+
+TEST_P(CapiTransfers, TheLimitCountsFromTheLastPieceAndAPieceHasItsOwn) {
+  tolk_request* kept = nullptr;
+  Event may_accept;
+  method.handler = [&](tolk_request* request) { kept = request; };
+  method.add_to(server_methods.get(), "silent");
+  DataMethod slow;
+  slow.accept = [&](const tolk_request*, std::uint64_t, tolk_sink**) {
+    may_accept.wait();
+    return TOLK_OK;
+  };
+  slow.add_to(server_methods.get(), "slow");
+  start();
+  const std::string bytes = some_bytes(3 * kPieceOfTransfer);
+  for (const bool is_slow : {false, true}) {
+    DataCall call(is_slow ? "slow" : "silent");
+    call.raw.source = tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr);
+    call.raw.limit_ms = is_slow ? 20000 : 60;
+    call.raw.piece_limit_ms = is_slow ? 60 : 20000;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(call.run(client.get()), TOLK_TIMED_OUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, tolk::test::kPatience / 2);
+  }
+  may_accept.set();
+  ASSERT_NE(kept, nullptr);
+  tolk_request_free(kept);
+  end();
+  EXPECT_EQ(slow.handled, 0);
+}
+
+TEST_P(CapiTransfers, TooMuchWithoutASinkIsRefused) {
+  method.add_to(server_methods.get(), "take");
+  DataMethod fetch;
+  Maker too_much;
+  fetch.handler = [&](tolk_request* request) {
+    tolk_request_answer_data(request, nullptr, too_much.source(2 << 20));
+  };
+  fetch.add_to(server_methods.get(), "fetch");
+  tolk_server_options options{};
+  options.most_data_bytes = 1 << 20;
+  listen(options);
+  tolk_client_options mine{};
+  mine.most_data_bytes = 1 << 20;
+  client = connect(mine);
+  Maker maker;
+  DataCall call("take");
+  call.raw.source = maker.source((1 << 20) + 1);
+  EXPECT_EQ(call.run(client.get()), TOLK_TOO_LARGE);
+  DataCall back("fetch");
+  EXPECT_EQ(back.run(client.get()), TOLK_TOO_LARGE);
+  end();
+  EXPECT_EQ(method.handled, 0);
+}
+
+// A host that waits on the only thread of its executor.
+TEST_P(CapiTransfers, DataWithoutCallbacksNeedNoExecutor) {
+  method.add_to(server_methods.get(), "take");
+  ASSERT_NO_FATAL_FAILURE(listen());
+  tolk_client_options options{};
+  options.execute = [](void*, tolk_task* task) {
+    ADD_FAILURE() << "the executor got a task";
+    tolk_task_run(task);
+  };
+  client = connect(options);
+  const std::string bytes = some_bytes(3 * kPieceOfTransfer);
+  DataCall call("take");
+  call.raw.progress = nullptr;
+  call.raw.source = tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr);
+  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
+  end();
+}
+
+TEST_P(CapiTransfers, EightGoSideBySide) {
+  std::array<Checker, 8> checkers;
+  method.accept = [&](const tolk_request* request, std::uint64_t, tolk_sink** sink) {
+    *sink = checkers[static_cast<std::size_t>(tolk_block_int(tolk_request_arguments(request), 0))]
+                .sink();
+    return TOLK_OK;
+  };
+  method.add_to(server_methods.get(), "store");
+  start();
+  std::array<Maker, 8> makers;
+  std::array<Done, 8> done;
+  for (std::size_t i = 0; i < 8; ++i) {
+    const Owned<tolk_block> number(tolk_block_new());
+    tolk_block_add_int(number.get(), static_cast<std::int64_t>(i));
+    tolk_call call{};
+    call.size = sizeof call;
+    call.method = "store";
+    call.arguments = number.get();
+    call.done = Done::call;
+    call.context = &done[i];
+    call.source = makers[i].source(100 * kPieceOfTransfer + i);
+    tolk_client_start(client.get(), &call);
+  }
+  for (std::size_t i = 0; i < 8; ++i) {
+    done[i].wait();
+    EXPECT_EQ(done[i].answer.status, TOLK_OK) << done[i].answer.reason;
+    EXPECT_EQ(checkers[i].got, 100 * kPieceOfTransfer + i);
+    EXPECT_TRUE(checkers[i].all_right);
+  }
+  end();
+}
+
+// More than 2 GiB, with a bound on what is in memory meanwhile.
+class CapiHugeTransfers : public Pair {};
+INSTANTIATE_TEST_SUITE_P(Pipe, CapiHugeTransfers, testing::Values("pipe"),
+                         tolk::test::transport_name);
+
+TEST_P(CapiHugeTransfers, MoreThanTwoGiBOfASparseFileGoThroughAFewPieces) {
+  constexpr std::uint64_t kTotal = (std::uint64_t{2} << 30) + 12345;
+  const TempFile from;
+  from.put("begin");
+  std::filesystem::resize_file(from.path(), kTotal);
+  std::atomic<std::uint64_t> got{0};
+  const auto count = [](void* to, const void*, std::size_t size) {
+    *static_cast<std::atomic<std::uint64_t>*>(to) += size;
+    return true;
+  };
+  DataMethod method;
+  method.accept = [&](const tolk_request*, std::uint64_t total, tolk_sink** sink) {
+    EXPECT_EQ(total, kTotal);
+    *sink = tolk_sink_callback(count, &got, nullptr);
+    return TOLK_OK;
+  };
+  method.add_to(server_methods.get(), "store");
+  start();
+  std::uint64_t most_ahead = 0;
+  DataCall call("store");
+  call.raw.source = from.source();
+  call.may_go_on = [&](std::uint64_t done) {
+    most_ahead = std::max<std::uint64_t>(most_ahead, got - done);
+    return true;
+  };
+  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
+  EXPECT_EQ(got, kTotal);
+  EXPECT_LE(most_ahead, 8 * kPieceOfTransfer);
+  end();
+}
+
+TEST_P(CapiHugeTransfers, MoreThanTwoGiBComeWithAnAnswer) {
+  constexpr std::uint64_t kTotal = (std::uint64_t{2} << 30) + 5;
+  Maker maker;
+  Checker checker;
+  DataMethod method;
+  method.handler = [&](tolk_request* request) {
+    tolk_request_answer_data(request, nullptr, maker.source(kTotal));
+  };
+  method.add_to(server_methods.get(), "fetch");
+  start();
+  DataCall call("fetch");
+  call.raw.sink = checker.sink();
+  call.may_go_on = [&](std::uint64_t) {
+    EXPECT_LE(maker.made - checker.got, 9 * kPieceOfTransfer);
+    return true;
+  };
+  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
+  EXPECT_EQ(checker.got, kTotal);
+  EXPECT_TRUE(checker.all_right);
+  end();
+}
+
+// Peers that do not know pieces, and the C++ layer, which has its own.
+class CapiOtherPeers : public Pair {};
+INSTANTIATE_TEST_SUITE_P(Pipe, CapiOtherPeers, testing::Values("pipe"), tolk::test::transport_name);
+
+TEST_P(CapiOtherPeers, ALayeredServerGetsDataInOneCall) {
+  tolk::Server plain;
+  plain.on("size", [](const std::string& data, int more) {
+    return std::to_string(data.size()) + " " + std::to_string(more);
+  });
+  const std::string address = "pipe:" + std::to_string(20000 + std::random_device()() % 20000);
+  plain.listen(tolk::Address(address));
+  tolk_client* made = nullptr;
+  ASSERT_EQ(tolk_client_connect(address.c_str(), nullptr, &made, nullptr), TOLK_OK);
+  client.reset(made);
+  Maker maker;
+  DataCall call("size");
+  call.arguments.reset(tolk_block_new());
+  tolk_block_add_int(call.arguments.get(), 7);
+  call.raw.source = maker.source(5 * kPieceOfTransfer);
+  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
+  EXPECT_EQ(text_of(call.result.get()), std::to_string(5 * kPieceOfTransfer) + " 7");
+  DataCall huge("size");
+  huge.raw.source = maker.source(std::uint64_t{3} << 30);
+  EXPECT_EQ(huge.run(client.get()), TOLK_TOO_LARGE);
+  end();
+}
+
+TEST_P(CapiOtherPeers, ALayeredClientSendsPiecesAndGetsAnAnswerInOneMessage) {
+  DataMethod take;
+  take.handler = [](tolk_request* request) {
+    const tolk_block* const got = tolk_request_arguments(request);
+    EXPECT_EQ(tolk_block_total(got), 2U);
+    EXPECT_EQ(tolk_block_int(got, 1), 7);
+    const std::string bytes = bytes_at(got, 0);
+    EXPECT_TRUE(are_bytes(0, bytes.data(), bytes.size()));
+    tolk_request_answer(request, text_block(std::to_string(bytes.size())).release());
+  };
+  take.add_to(server_methods.get(), "take");
+  DataMethod fetch;
+  const std::string bytes = some_bytes(3 * kPieceOfTransfer);
+  fetch.handler = [&](tolk_request* request) {
+    tolk_request_answer_data(request, nullptr,
+                             tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr));
+  };
+  fetch.add_to(server_methods.get(), "fetch");
+  std::string name = "pipe:" + std::to_string(20000 + std::random_device()() % 20000);
+  tolk_server_options options{};
+  options.size = sizeof options;
+  options.methods = server_methods.get();
+  tolk_server* made = nullptr;
+  ASSERT_EQ(tolk_server_listen(name.c_str(), &options, &made, nullptr), TOLK_OK);
+  server.reset(made);
+  tolk::Client plain;
+  plain.connect(tolk::Address(name));
+  EXPECT_EQ(plain.send<std::string>("take", bytes, nullptr, 7).value(),
+            std::to_string(bytes.size()));
+  EXPECT_EQ(plain.call<std::string>("fetch").value(), bytes);
+  EXPECT_EQ(plain.send("unknown", bytes, nullptr).error().code(), tolk::Errc::no_such_method);
+  plain.close();
+  end();
+}
+
+TEST_P(CapiOtherPeers, ALargeCallOfAPlainClientIsAnsweredInItsPieces) {
+  DataMethod take;
+  take.handler = [](tolk_request* request) {
+    const tolk_block* const got = tolk_request_arguments(request);
+    EXPECT_EQ(tolk_block_total(got), 1U);
+    const std::string bytes = bytes_at(got, 0);
+    EXPECT_TRUE(are_bytes(0, bytes.data(), bytes.size()));
+    tolk_request_answer(request, text_block(bytes).release());
+  };
+  take.add_to(server_methods.get(), "mirror");
+  DataMethod refuse;
+  refuse.handler = [](tolk_request* request) {
+    tolk_request_fail(request, TOLK_FAILED, 0, "no", nullptr);
+  };
+  refuse.add_to(server_methods.get(), "refuse");
+  const int port = 20000 + static_cast<int>(std::random_device()() % 20000);
+  tolk_server_options options{};
+  options.size = sizeof options;
+  options.methods = server_methods.get();
+  tolk_server* made = nullptr;
+  ASSERT_EQ(tolk_server_listen(("pipe:" + std::to_string(port)).c_str(), &options, &made, nullptr),
+            TOLK_OK);
+  server.reset(made);
+  IClient* const plain = CreateClient();
+  ASSERT_TRUE(plain->InitTolkClient(std::to_string(port).c_str(), false));
+  const std::string bytes = some_bytes(100000);
+  TolkParams block;
+  block.AddStream(bytes.data(), static_cast<long>(bytes.size()));
+  TolkParams* result = plain->SendMsgEx("mirror", &block, 77, 0);
+  ASSERT_NE(result, nullptr);
+  ASSERT_NE(result->GetValue(0), nullptr);
+  EXPECT_EQ(std::string(result->GetValue(0)->GetString()).size(),
+            std::string(bytes.c_str()).size());
+  TolkParams more;
+  result = plain->SendMsgEx("refuse", &more, 78, 0);
+  ASSERT_NE(result, nullptr);
+  EXPECT_NE(result->GetMap("tolk.error"), nullptr);
+  TolkParams none;
+  result = plain->SendMsgEx("unknown", &none, 79, 0);
+  ASSERT_NE(result, nullptr);
+  ASSERT_NE(result->GetValue(0), nullptr);
+  EXPECT_STREQ(result->GetValue(0)->GetString(), "no event: unknown");
+  plain->close();
+  DestroyClient(plain);
+  end();
+}
+
+}  // namespace
