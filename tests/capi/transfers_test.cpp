@@ -587,13 +587,13 @@ TEST_P(CapiTransfers, EightGoSideBySide) {
     call.arguments = number.get();
     call.done = Done::call;
     call.context = &done[i];
-    call.source = makers[i].source(100 * kPieceOfTransfer + i);
+    call.source = makers[i].source(30 * kPieceOfTransfer + i);
     tolk_client_start(client.get(), &call);
   }
   for (std::size_t i = 0; i < 8; ++i) {
     done[i].wait();
     EXPECT_EQ(done[i].answer.status, TOLK_OK) << done[i].answer.reason;
-    EXPECT_EQ(checkers[i].got, 100 * kPieceOfTransfer + i);
+    EXPECT_EQ(checkers[i].got, 30 * kPieceOfTransfer + i);
     EXPECT_TRUE(checkers[i].all_right);
   }
   end();
