@@ -38,8 +38,7 @@ CoreSettings settings_of(const tolk_client_options& options, Context context) {
 tolk_status connect_client(const char* address, const tolk_client_options& options, Context context,
                            tolk_client** client, tolk_error** error) {
   if (address == nullptr || client == nullptr) {
-    return fail_connect(TOLK_MISUSE, address, "the address, or where the client goes, is null",
-                        error);
+    return fail_connect(TOLK_MISUSE, address, "no address, or no place for the client", error);
   }
   const AddressParse parsed = parse_address(address, AddressUse::connect);
   if (!parsed.address) return fail_connect(TOLK_BAD_ADDRESS, address, parsed.wrong, error);

@@ -1,4 +1,4 @@
-// The messages of the C interface: plain envelopes, and the keys of the C interface after those.
+// The messages of the C interface: plain envelopes, and the keys that follow them.
 //
 // Thread: any. Lifetime: the texts of a scanned message point into its payload.
 // Failure: std::bad_alloc. A key of another type than it should have counts as absent.

@@ -37,8 +37,7 @@ CoreSettings settings_of(const tolk_server_options& options, Context context) {
 tolk_status listen_server(const char* address, const tolk_server_options& options, Context context,
                           tolk_server** server, tolk_error** error) {
   if (address == nullptr || server == nullptr) {
-    return fail_listen(TOLK_MISUSE, address, "the address, or where the server goes, is null",
-                       error);
+    return fail_listen(TOLK_MISUSE, address, "no address, or no place for the server", error);
   }
   const AddressParse parsed = parse_address(address, AddressUse::listen);
   if (!parsed.address) return fail_listen(TOLK_BAD_ADDRESS, address, parsed.wrong, error);

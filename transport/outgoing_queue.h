@@ -62,7 +62,7 @@ class OutgoingEvents {
 class OutgoingQueue {
  public:
   static constexpr std::size_t kMostFrames = 64;                   // of one write
-  static constexpr std::size_t kMostBytes = std::size_t{1} << 20;  // the same, but for one frame
+  static constexpr std::size_t kMostBytes = std::size_t{1} << 20;  // the same, or one frame
   static constexpr std::size_t kMostBuffers = 192;                 // the same; those of any frame fit
   static_assert(kMostBuffers >= Frame::kMostBuffers);
   static constexpr int kMostSends = 8;  // of one thread in a row

@@ -54,7 +54,12 @@ TEST_P(CapiEndings, NobodyListens) {
   tolk_error_free(error);
 }
 
-TEST_P(CapiEndings, AnAddressIsTaken) {
+class CapiAddresses : public Pair {};
+INSTANTIATE_TEST_SUITE_P(All, CapiAddresses,
+                         testing::ValuesIn(tolk::test::addresses_of_one_server()),
+                         tolk::test::transport_name);
+
+TEST_P(CapiAddresses, HaveOneServer) {
   listen();
   tolk_server* none = nullptr;
   EXPECT_EQ(tolk_server_listen(tolk_server_address(server.get()), nullptr, &none, nullptr),

@@ -201,10 +201,11 @@ TEST_P(CapiOptions, PostsWaitForRoomOnlyAsLongAsTheySay) {
   EXPECT_EQ(tolk_client_post(client.get(), "block", nullptr, 0, nullptr), TOLK_OK);
   ASSERT_TRUE(blocked.wait());
   const auto number = tolk_client_start(client.get(), &call);
-  while (post(0) == TOLK_OK) {
-  }
-  const auto begin = Clock::now();
-  EXPECT_EQ(post(50), TOLK_BUSY);
+  // What is queued may still go to the system meanwhile, and makes room.
+  auto begin = Clock::now();
+  tolk_status posted = TOLK_OK;
+  while ((posted = post(50)) == TOLK_OK) begin = Clock::now();
+  EXPECT_EQ(posted, TOLK_BUSY);
   EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
   EXPECT_TRUE(tolk_client_cancel(client.get(), number));
   done.wait();

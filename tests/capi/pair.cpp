@@ -2,6 +2,8 @@
 
 #include <random>
 
+#include "tests/e2e/support/system.h"
+
 namespace tolk::test {
 namespace {
 
@@ -114,6 +116,12 @@ void Pair::start() {
   ASSERT_NO_FATAL_FAILURE(listen());
   client = connect();
   ASSERT_NE(client, nullptr);
+}
+
+std::vector<const char*> addresses_of_one_server() {
+  std::vector<const char*> all{"tcp4:127.0.0.1:0", "tcp6:[::1]:0"};
+  if (pipe_names_are_exclusive()) all.push_back("pipe");
+  return all;
 }
 
 std::uint64_t Pair::first_client() const {

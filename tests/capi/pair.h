@@ -89,6 +89,8 @@ class Pair : public testing::TestWithParam<const char*> {
 };
 
 inline const auto kAllTransports = testing::Values("pipe", "tcp4:127.0.0.1:0", "tcp6:[::1]:0");
+// Those that a second server cannot take.
+std::vector<const char*> addresses_of_one_server();
 inline std::string transport_name(const testing::TestParamInfo<const char*>& info) {
   return std::string(info.param, 4);
 }

@@ -108,7 +108,7 @@ TEST_P(CapiTcp, AClientThatSaysNothingIsDisconnected) {
   EXPECT_EQ(tolk_server_clients(server.get(), nullptr, 0), 1U);
 }
 
-// A handler of one server waits, for ever, for a call to another one.
+// A handler of one server waits forever for a call to another one.
 Owned<tolk_server> ends_at_exit;
 
 [[noreturn]] void exit_while_a_handler_waits() {
