@@ -17,9 +17,9 @@ using tolk::test::text_of;
 
 class CapiRules : public Pair {
  protected:
-  // "keep" is not answered.
+  // A request may arrive until both ends are closed.
   ~CapiRules() override {
-    end();  // no handler adds one any more
+    end();
     for (tolk_request* const request : kept_) tolk_request_free(request);
   }
 
