@@ -320,7 +320,9 @@ std::size_t BlockIndex::find(std::string_view key) const {
         });
     if (at != by_key_.end() && has_key(keyed_[*at])) found = &keyed_[*at];
   }
-  if (found == keyed_.end()) return TOLK_NOWHERE;
+  if (found == keyed_.end()) {
+    return TOLK_NOWHERE;
+  }
   return positional_.size() + static_cast<std::size_t>(found - keyed_.begin());
 }
 
