@@ -68,7 +68,7 @@ tolk_block* tolk_block::copy() const {
 
 tolk_block* tolk_block::without_memory() noexcept { return &*block_without_memory; }
 
-tolk_block::Received tolk_block::of_message(SharedBytes payload, std::string_view types,
+tolk_block::Received tolk_block::of_message(const SharedBytes& payload, std::string_view types,
                                             Reserved reserved) {
   return received(BlockIndex::of_shared(payload), types, reserved);
 }

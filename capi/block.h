@@ -43,7 +43,8 @@ struct tolk_block {
 
   // The block of received bytes, which stay as they are while it lives. `types` is the text of
   // "tolk.types" that came with it. In a reply the reserved keys are not values: dropped.
-  static Received of_message(tolk::SharedBytes payload, std::string_view types, Reserved reserved);
+  static Received of_message(const tolk::SharedBytes& payload, std::string_view types,
+                             Reserved reserved);
   // The same of one's own encoded bytes, which are copied and have "tolk.types" in them.
   static Received of_copy(std::string_view encoded);
   tolk_block* copy() const;

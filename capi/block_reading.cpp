@@ -102,7 +102,9 @@ size_t tolk_block_total(const tolk_block* block) {
 }
 
 size_t tolk_block_find(const tolk_block* block, const char* key) {
-  if (key == nullptr) return TOLK_NOWHERE;
+  if (key == nullptr) {
+    return TOLK_NOWHERE;
+  }
   return read_or(TOLK_NOWHERE, block, [&](const BlockIndex& index) { return index.find(key); });
 }
 

@@ -17,7 +17,9 @@ constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 constexpr double kMostConfirmed = 9007199254740992.0;
 
 std::uint64_t deadline_after(std::int32_t limit_ms) {
-  if (limit_ms < 0) return UINT64_MAX;
+  if (limit_ms < 0) {
+    return UINT64_MAX;
+  }
   return uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs;
 }
 

@@ -24,7 +24,9 @@ CoreSettings with_defaults(CoreSettings settings) {
 }
 
 std::uint64_t deadline_after(std::int32_t limit_ms) {
-  if (limit_ms < 0) return UINT64_MAX;
+  if (limit_ms < 0) {
+    return UINT64_MAX;
+  }
   return uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs;
 }
 

@@ -86,7 +86,9 @@ tolk_status tolk_request::state() const {
 }
 
 std::int32_t tolk_request::limit_left() const {
-  if (deadline_ == UINT64_MAX) return TOLK_FOREVER;
+  if (deadline_ == UINT64_MAX) {
+    return TOLK_FOREVER;
+  }
   const std::uint64_t now = uv_hrtime();
   const std::uint64_t left = deadline_ > now ? (deadline_ - now) / kNanosecondsPerMs : 0;
   return static_cast<std::int32_t>(std::max<std::uint64_t>(left, 1));

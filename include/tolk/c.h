@@ -32,6 +32,8 @@
 #include <stdint.h>
 #include <tolk/export.h>
 
+// NOLINTBEGIN(modernize-use-using): C has typedef alone.
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -529,5 +531,7 @@ TOLK_API void tolk_server_free(tolk_server* server);
 #ifdef __cplusplus
 }  // extern "C"
 #endif
+
+// NOLINTEND(modernize-use-using)
 
 #endif  // TOLK_C_H
