@@ -58,7 +58,7 @@ struct CallRecord final : tolk_task {
   Outcome outcome;
 
   // Under the lock of the table, for a call without `done`.
-  bool taken = false;  // somebody makes its outcome
+  bool taken = false;                 // somebody makes its outcome
   std::atomic<bool> finished{false};  // read without the lock as well
   bool awaited = false;
   std::condition_variable ended;

@@ -52,7 +52,7 @@ bool has_feature(std::string_view features, std::string_view feature);
 // A block as it travels: its records, in one part or in several.
 struct Content {
   SharedBytes bytes;
-  std::string types;  // the text of "tolk.types"
+  std::string types;                // the text of "tolk.types"
   std::vector<SharedBytes> more{};  // the parts behind `bytes`, of a block that holds bytes
 
   static Content of(const tolk_block* block);

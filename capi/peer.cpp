@@ -180,7 +180,7 @@ void Peer::dispatch_next(OrderedQueue& queue) {
 }
 
 void Peer::add_request(tolk_request& request, std::size_t bytes) {
-  open_requests_.lock()->emplace(request.token(), &request);
+  if (!request.token().empty()) open_requests_.lock()->emplace(request.token(), &request);
   ++request_count_;
   request_bytes_ += bytes;
   request.note_added();
@@ -199,7 +199,7 @@ void Peer::add_request(tolk_request& request, std::size_t bytes) {
 }
 
 void Peer::remove_request(tolk_request& request, std::size_t bytes) {
-  {
+  if (!request.token().empty()) {
     const auto open = open_requests_.lock();
     auto [at, last] = open->equal_range(request.token());
     while (at != last && at->second != &request) ++at;
@@ -256,6 +256,7 @@ void Peer::end_requests(std::string_view token, tolk_status status) {
 }
 
 void Peer::end_all_requests(tolk_status status) {
+  gone_as_ = status;
   {
     const auto open = open_requests_.lock();
     for (const auto& [token, request] : *open) request->set_state(status);

@@ -58,6 +58,8 @@ class Peer final : public StreamUser,
   // The connection has ended. False: that is known already.
   bool close() TOLK_LOOP;
   bool is_gone() const { return gone_; }
+  // What requests hear of that.
+  tolk_status gone_as() const { return gone_as_; }
   PeerStream* stream() TOLK_LOOP { return stream_; }
   Sent send(Frame&& frame, bool counts, Send when = Send::now);
   // Ends the connection soon. Needs no memory.
@@ -141,6 +143,7 @@ class Peer final : public StreamUser,
   Guarded<OpenRequests> open_requests_;
   Guarded<Incoming> incoming_;
   std::atomic<bool> gone_{false};
+  std::atomic<tolk_status> gone_as_{TOLK_GONE};
   std::atomic<bool> takes_cancel_{false};
   std::atomic<bool> takes_describe_{false};
   std::atomic<bool> tells_features_{false};

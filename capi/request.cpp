@@ -81,7 +81,7 @@ tolk_status tolk_request::state() const {
   const tolk_status state = state_;
   if (state != TOLK_OK) return state;
   if (core_kept_->is_closed()) return TOLK_CLOSED;
-  if (peer_->is_gone()) return TOLK_GONE;
+  if (peer_->is_gone()) return peer_->gone_as();
   return uv_hrtime() > deadline_ ? TOLK_TIMED_OUT : TOLK_OK;
 }
 
@@ -130,7 +130,10 @@ void tolk_request::end_by(const Send& send) {
 
 template <class MakeFrame>
 void tolk_request::end_with(const MakeFrame& make) {
-  end_by([&] { peer_->send(make(), false); });
+  // What this thread sends next takes it along.
+  end_by([&] {
+    peer_->send(make(), false, tolk::WorkerPool::more_waits() ? tolk::Send::soon : tolk::Send::now);
+  });
 }
 
 void tolk_request::end_plain(std::string records) {

@@ -44,6 +44,7 @@ void WorkerPool::retire() {
   const auto state = state_.lock();
   state->retired = true;
   changed_.notify_all();
+  watcher_called_.notify_all();
 }
 
 unsigned WorkerPool::most_threads(const State& state) const {
@@ -55,24 +56,30 @@ bool WorkerPool::on_worker() { return pool_of_this_thread != nullptr; }
 // Whether threads that run, or are called, soon take what waits; and somebody watches that.
 bool WorkerPool::can_wait(State& state) {
   const int running = static_cast<int>(state.threads) -
-                      static_cast<int>(state.idle - state.woken + state.blocked);
+                      static_cast<int>(state.idle - state.woken + state.blocked) -
+                      static_cast<int>(state.watched && !state.watcher_called);
   if (running <= 0 || state.usual_run * state.waiting.size() > kStayAwake * running) return false;
   state.watch_wanted = true;
   return state.watched;
 }
 
 bool WorkerPool::lacks_threads(State& state) {
-  return state.waiting.size() > state.polling + state.woken + state.starting && !can_wait(state);
+  const std::size_t coming =
+      state.polling + state.woken + state.starting + (state.watcher_called ? 1 : 0);
+  return state.waiting.size() > coming && !can_wait(state);
 }
 
 // Threads are called without the lock, which they take first.
 void WorkerPool::find_threads(Locked& state) {
   unsigned calls = 0;
   unsigned starts = 0;
+  bool calls_watcher = false;
   while (lacks_threads(*state)) {
     if (state->woken < state->idle) {
       ++state->woken;
       ++calls;
+    } else if (state->watched && !state->watcher_called) {
+      state->watcher_called = calls_watcher = true;
     } else if (state->threads < most_threads(*state)) {
       ++state->threads;
       ++state->starting;
@@ -83,6 +90,7 @@ void WorkerPool::find_threads(Locked& state) {
   }
   state.unlock();
   for (; calls > 0; --calls) changed_.notify_one();
+  if (calls_watcher) watcher_called_.notify_one();
   for (; starts > 0; --starts) start_thread();
 }
 
@@ -151,30 +159,34 @@ void WorkerPool::stay_awake(Locked& state) {
   --state->polling;
 }
 
+// The limit is for a thread that hears nothing at all.
 void WorkerPool::sleep(Locked& state) {
   const Instant latest = instant_now() + kIdleLimit;
-  ++state->idle;
-  while (!is_called(state) && !state->retired && instant_now() < latest) {
+  while (!state->retired && instant_now() < latest) {
+    const bool watches = !state->watched && (state->watch_wanted || !state->waiting.empty());
+    if (watches ? watch(state) : is_called(state)) return;
   }
-  --state->idle;
-  state->woken = std::min(state->woken, state->idle);
 }
 
-// Waits once, and tells whether there is a task for this thread. One that watches leaves tasks to
-// the threads that run as long as these take any.
+// Waits once, and tells whether there is a task for this thread.
 bool WorkerPool::is_called(Locked& state) {
   const auto called = [](const State& now) { return now.woken > 0 || now.retired; };
-  const bool watches = !state->watched && (state->watch_wanted || !state->waiting.empty());
+  ++state->idle;
+  if (state.wait_for(changed_, kIdleLimit, called) && state->woken > 0) --state->woken;
+  --state->idle;
+  state->woken = std::min(state->woken, state->idle);
+  return !state->waiting.empty();
+}
+
+// The same for the thread that watches: it leaves tasks to the threads that run as long as these
+// take any.
+bool WorkerPool::watch(Locked& state) {
+  const auto called = [](const State& now) { return now.watcher_called || now.retired; };
   const std::size_t taken = state->taken;
-  if (watches) {
-    state->watched = true;
-    state->watch_wanted = false;
-  }
-  const bool is_called =
-      watches ? state.wait_for(changed_, kWatchPeriod, called)
-              : state.wait_for(changed_, kIdleLimit, called);
-  if (watches) state->watched = false;
-  if (is_called && state->woken > 0) --state->woken;
+  state->watched = true;
+  state->watch_wanted = false;
+  const bool is_called = state.wait_for(watcher_called_, kWatchPeriod, called);
+  state->watched = state->watcher_called = false;
   return !state->waiting.empty() && (is_called || state->taken == taken);
 }
 

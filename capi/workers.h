@@ -11,10 +11,10 @@
 // Failure: a thread that cannot be started is started later, when the next task comes or ends.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <atomic>
 #include <list>
 #include <memory>
 
@@ -66,12 +66,13 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
     TaskPlace waiting;
     unsigned threads = 0;
     unsigned starting = 0;
-    unsigned idle = 0;
+    unsigned idle = 0;     // asleep, without the one that watches
     unsigned woken = 0;    // of the idle ones, those that are called
     unsigned polling = 0;  // look at the tasks soon
     unsigned blocked = 0;
     bool retired = false;
-    bool watched = false;       // an idle thread watches
+    bool watched = false;  // a thread without a task watches
+    bool watcher_called = false;
     bool watch_wanted = false;  // a task relies on it
     std::size_t taken = 0;
     std::chrono::nanoseconds usual_run{0};
@@ -91,11 +92,13 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   void stay_awake(Locked& state);
   void sleep(Locked& state);
   bool is_called(Locked& state);
+  bool watch(Locked& state);
   void change_blocked(int by);
 
   const unsigned workers_;
   Guarded<State> state_;
   std::condition_variable changed_;
+  std::condition_variable watcher_called_;
   std::atomic<std::size_t> waiting_count_{0};  // for a thread that looks without the lock
 };
 

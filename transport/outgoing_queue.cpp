@@ -125,8 +125,8 @@ bool OutgoingQueue::begin_batch(Batch& batch) {
   state->flush_is_due = false;
   if (state->closed || state->sending || state->writing || state->waiting.empty()) return false;
   writing_counted_ = 0;
-  while (!state->waiting.empty() &&
-         batch.add(state->waiting.first_buffers(), state->first_sent, state->waiting.first_bytes())) {
+  while (!state->waiting.empty() && batch.add(state->waiting.first_buffers(), state->first_sent,
+                                              state->waiting.first_bytes())) {
     state->first_sent = 0;
     const bool counts = state->waiting.first_counts();
     if (counts) writing_counted_ += state->waiting.first_bytes();

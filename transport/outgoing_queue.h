@@ -1,20 +1,22 @@
 // The frames that wait to be written to one stream, and the only way by which they get there.
 //
-// A frame that nothing waits before is sent at once by the thread that adds it, where the system
-// can do that. Otherwise it is queued, and the loop thread writes many with one uv_write:
+// A frame is sent at once by the thread that adds it, where the system can do that. What others add
+// meanwhile is sent by the same thread. What the system does not take is queued, and the loop
+// thread writes many frames with one uv_write:
 //
 //   any thread                               loop thread
-//   add: nothing waits, the system takes it
+//   add: the system takes all that waits
+//   add, while another thread sends -> queued
 //   add: the system takes a part
 //   -> queued_first; post a task             flush: uv_write of all that waits
 //   add -> queued
 //                                            written: uv_write of what came meanwhile
 //
-// Thread: any, but where TOLK_LOOP says otherwise. One lock gives the order of all frames; under it
-// a thread makes one system call that does not block, and waits for nothing.
+// Thread: any, but where TOLK_LOOP says otherwise. One lock gives the order of all frames. One
+// thread at a time sends or writes; a send does not block, and is without the lock.
 // Owner: the queue owns its frames. It outlives the stream's close callback, before which libuv
 // ends a write under way.
-// Close comes before the stream's uv_close, under the lock of the sends: no thread sends on a
+// Close comes before the stream's uv_close, and waits for a send under way: no thread sends on a
 // descriptor that the system may have given to somebody else.
 // Failure: a write that fails is told to the owner's on_write_failed, on the loop thread, which
 // then closes the queue and the stream. A thread that sends itself leaves an error to be found
@@ -63,7 +65,7 @@ class OutgoingQueue {
  public:
   static constexpr std::size_t kMostFrames = 64;                   // of one write
   static constexpr std::size_t kMostBytes = std::size_t{1} << 20;  // the same, or one frame
-  static constexpr std::size_t kMostBuffers = 192;                 // the same; those of any frame fit
+  static constexpr std::size_t kMostBuffers = 192;  // the same; those of any frame fit
   static_assert(kMostBuffers >= Frame::kMostBuffers);
   static constexpr int kMostSends = 8;  // of one thread in a row
   static constexpr int kForever = -1;

@@ -1,6 +1,8 @@
 // Requests: failures, answers from elsewhere, order, executors, quotas, hooks.
+#include <cstdint>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "pair.h"
 #include "tests/e2e/support/waiting.h"
@@ -61,6 +63,36 @@ TEST_P(CapiRequests, AnotherThreadAnswersLater) {
   });
   EXPECT_EQ(call_client(client.get(), "later", "").text, "now");
   answers.join();
+  end();
+}
+
+// While handlers are short, requests wait for the workers that run. One that blocks keeps none of
+// them waiting.
+TEST_P(CapiRequests, AHandlerThatBlocksAmongShortOnesHoldsNobodyUp) {
+  constexpr int kBlocked = 3;  // one fewer than the usual workers
+  Event goes_on;
+  server_methods.add_echo();
+  server_methods.add("block", [&](tolk_request* request) {
+    goes_on.wait();
+    tolk_request_answer(request, nullptr);
+  });
+  start();
+  for (int blocked = 0; blocked < kBlocked; ++blocked) {
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(call_client(client.get(), "echo", "x").text, "x");
+    EXPECT_EQ(tolk_client_post(client.get(), "block", nullptr, 0, nullptr), TOLK_OK);
+    std::vector<std::uint64_t> calls;
+    for (int i = 0; i < 20; ++i) {
+      tolk_call call{};
+      call.size = sizeof call;
+      call.method = "echo";
+      call.limit_ms = 5000;  // shorter than a handler blocks
+      calls.push_back(tolk_client_start(client.get(), &call));
+    }
+    for (const std::uint64_t call : calls) {
+      EXPECT_EQ(tolk_client_wait(client.get(), call, nullptr, nullptr), TOLK_OK);
+    }
+  }
+  goes_on.set();
   end();
 }
 
