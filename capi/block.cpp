@@ -111,7 +111,11 @@ std::optional<std::string_view> tolk_block::view() const {
 
 SharedBytes tolk_block::share() const {
   if (const auto bytes = view()) {
-    if (!is_received_) return {buffer_.share().owner, *bytes};
+    if (!is_received_) {
+      SharedBytes shared = buffer_.share();
+      shared.view = shared.view.substr(0, bytes->size());
+      return shared;
+    }
     BlockIndex* const index = index_.load(std::memory_order_acquire);
     index->retain();
     IndexRef held(index);
