@@ -219,13 +219,14 @@ std::uint64_t CallTable::deadline_of(std::uint64_t number) {
 }
 
 std::uint64_t CallTable::move_deadline(std::uint64_t number, std::uint64_t deadline,
-                                       bool only_later) {
+                                       std::int32_t limit_ms, bool only_later) {
   const auto shard = shard_of(number).lock();
   CallRecord* const record = open_record(*shard, number);
   if (record == nullptr) return 0;
   const std::uint64_t before = record->deadline;
   if (only_later && before >= deadline) return before;
   record->deadline = deadline;
+  record->limit_ms = limit_ms;
   if (deadline < before) record->ended.notify_all();
   return before;
 }

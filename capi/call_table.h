@@ -48,7 +48,8 @@ struct CallRecord final : tolk_task {
   std::uint64_t number = 0;
   std::uint64_t peer = 0;
   std::string method;
-  std::atomic<std::uint64_t> deadline{UINT64_MAX};  // of uv_hrtime; data move it
+  std::atomic<std::uint64_t> deadline{UINT64_MAX};   // of uv_hrtime; data move it
+  std::atomic<std::int32_t> limit_ms{TOLK_FOREVER};  // what the deadline comes from
   tolk_done done = nullptr;
   void* context = nullptr;
   std::shared_ptr<CallGroup> group;
@@ -107,7 +108,8 @@ class CallTable {
   // 0: there is no such call.
   std::uint64_t deadline_of(std::uint64_t number);
   // The deadline before; 0 without such a call.
-  std::uint64_t move_deadline(std::uint64_t number, std::uint64_t deadline, bool only_later);
+  std::uint64_t move_deadline(std::uint64_t number, std::uint64_t deadline, std::int32_t limit_ms,
+                              bool only_later);
   void complete_all_of(std::uint64_t peer, const MakeOutcome& make);
   // Completes all, and refuses what comes.
   void close(const MakeOutcome& make);

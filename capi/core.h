@@ -93,6 +93,9 @@ class Core {
   // Something is over that a close may wait for.
   void note_progress();
 
+  // In core_receive.cpp: calls of peers, and replies.
+  void receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload) TOLK_LOOP;
+
   // The loop.
   bool on_loop_thread() const;
   // Whether the calling thread would wait for itself.
@@ -136,8 +139,6 @@ class Core {
   void finish_closing();
   Outcome outcome_of(const CallRecord& record, tolk_status status, const char* reason) const;
 
-  // In core_receive.cpp: calls of peers, and replies.
-  void receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload) TOLK_LOOP;
   // True: the object itself has answered.
   virtual bool answers_itself(Peer&, const Message&) TOLK_LOOP { return false; }
   // A reply, before its call is completed.
@@ -175,6 +176,7 @@ class Core {
   std::uint64_t start_in_child(const tolk_call& call);
   tolk_status fail_post(const char* method, tolk_status status, const char* reason,
                         tolk_error** error) const;
+  tolk_status fail_no_client(std::uint64_t id, const char* method, tolk_error** error) const;
   void take_reply(Peer& peer, const Message& reply, const SharedBytes& payload) TOLK_LOOP;
   void take_call(const std::shared_ptr<Peer>& peer, const Message& call,
                  const SharedBytes& payload) TOLK_LOOP;

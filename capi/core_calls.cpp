@@ -19,6 +19,12 @@ std::uint64_t deadline_after(std::int32_t limit_ms) {
   return uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs;
 }
 
+// A server calls a client that is not there.
+void say_no_client(Failure& failure, std::uint64_t client) {
+  failure.reason = client == TOLK_ALL ? "no client is connected" : "there is no such client";
+  failure.hint = "call a client between its on_connect and its on_gone";
+}
+
 }  // namespace
 
 Outcome Core::outcome_of(const CallRecord& record, tolk_status status, const char* reason) const {
@@ -26,8 +32,16 @@ Outcome Core::outcome_of(const CallRecord& record, tolk_status status, const cha
   failure.status = status;
   failure.method = record.method;
   failure.address = address_;
-  if (record.peer != 0) failure.peer = "client " + std::to_string(record.peer);
-  if (reason != nullptr) failure.reason = reason;
+  if (record.peer != 0 && record.peer != TOLK_ALL) {
+    failure.peer = "client " + std::to_string(record.peer);
+  }
+  if (reason != nullptr) {
+    failure.reason = reason;
+  } else if (status == TOLK_TIMED_OUT) {
+    failure.reason = "timed out after " + std::to_string(record.limit_ms) + " ms";
+  } else if (status == TOLK_NOT_CONNECTED) {
+    say_no_client(failure, record.peer);
+  }
   return Outcome::of(std::move(failure));
 }
 
@@ -37,6 +51,7 @@ std::shared_ptr<CallRecord> Core::new_record(const tolk_call& call) {
   record->peer = role_ == Side::server ? call.client : 0;
   record->method = call.method == nullptr ? "" : call.method;
   record->deadline = deadline_after(call.limit_ms);
+  record->limit_ms = call.limit_ms;
   record->done = call.done;
   record->context = call.context;
   if (record->done != nullptr) callbacks_.expect(*record);
@@ -248,6 +263,16 @@ tolk_status Core::fail_post(const char* method, tolk_status status, const char* 
   return fail(error, std::move(failure));
 }
 
+tolk_status Core::fail_no_client(std::uint64_t id, const char* method, tolk_error** error) const {
+  Failure failure;
+  failure.status = TOLK_NOT_CONNECTED;
+  failure.method = method;
+  failure.address = address_;
+  failure.peer = "client " + std::to_string(id);
+  say_no_client(failure, id);
+  return fail(error, std::move(failure));
+}
+
 tolk_status Core::post(std::uint64_t id, const char* method, const tolk_block* arguments,
                        std::int32_t wait_ms, tolk_error** error) {
   const auto failed = [&](tolk_status status, const char* reason = nullptr) {
@@ -272,7 +297,8 @@ tolk_status Core::post(std::uint64_t id, const char* method, const tolk_block* a
     return failed(worst);
   }
   const auto to = peer(role_ == Side::server ? id : 0);
-  if (!to) return failed(role_ == Side::server ? TOLK_NOT_CONNECTED : TOLK_GONE);
+  if (!to && role_ == Side::server) return fail_no_client(id, method, error);
+  if (!to) return failed(TOLK_GONE);
   return failed(post_one(*to, method, given, deadline));
 }
 

@@ -104,7 +104,8 @@ void Core::fail_call(std::uint64_t number, tolk_status status, const char* reaso
 
 void Core::move_deadline(std::uint64_t number, std::int32_t limit_ms, Move move) {
   const std::uint64_t deadline = deadline_after(limit_ms);
-  const std::uint64_t before = calls_.move_deadline(number, deadline, move == Move::only_later);
+  const std::uint64_t before =
+      calls_.move_deadline(number, deadline, limit_ms, move == Move::only_later);
   if (before > deadline && !watch(number, deadline)) fail_call(number, TOLK_NO_MEMORY, nullptr, 0);
 }
 

@@ -36,12 +36,6 @@ class OrderedQueue {
     return task;
   }
 
-  // Drops what waits.
-  void clear() {
-    TaskPlace dropped;  // freed after the lock
-    state_.lock()->waiting.swap(dropped);
-  }
-
  private:
   struct State {
     bool busy = false;

@@ -52,6 +52,7 @@ void Peer::open(PeerStream& stream) {
 bool Peer::close() {
   if (gone_.exchange(true)) return false;
   stream_ = nullptr;
+  held_back_.clear();
   out_.close();
   return true;
 }
@@ -93,8 +94,30 @@ void Peer::flush() {
   out_.flush();
 }
 
+bool Peer::holds_back(const SharedBytes& message) {
+  if (!is_stopped_) return false;
+  held_back_.push_back(message.owner ? message : copy_of(message.view));
+  return true;
+}
+
+// What was held back may reach the quota again.
 void Peer::resume() {
-  if (stream_ != nullptr && !stream_->is_closing()) stream_->start_reading();
+  const auto goes_on = [this] {
+    enter_loop();
+    return stream_ != nullptr && !stream_->is_closing();
+  };
+  is_stopped_ = false;
+  while (goes_on() && !is_stopped_ && !held_back_.empty()) {
+    const SharedBytes message = std::move(held_back_.front());
+    held_back_.pop_front();
+    const bool taken = guarded_or(false, [&] {
+      enter_loop();
+      core_.receive(shared_from_this(), message);
+      return true;
+    });
+    if (!taken) return end_stream(UV_ENOMEM);
+  }
+  if (goes_on() && !is_stopped_) stream_->start_reading();
 }
 
 void Peer::end_stream(int status) {
@@ -165,6 +188,7 @@ void Peer::add_request(tolk_request& request, std::size_t bytes) {
   });
   loop_tasks_.lock()->resume = std::move(resume);
   stream_->stop_reading();
+  is_stopped_ = true;
   if (!is_paused_.exchange(true)) {
     core_.log(TOLK_WARNING, [&] { return name() + " is above its quota and is not read"; });
   }
@@ -235,9 +259,6 @@ void Peer::end_all_requests(tolk_status status) {
   }
   const Incoming incoming = *incoming_.lock();
   for (const auto& [transfer, data] : incoming) data->stop();
-  std::list<std::shared_ptr<tolk_request>> dropped;  // freed after the lock
-  held_.lock()->requests.swap(dropped);
-  ordered_.clear();
 }
 
 }  // namespace tolk

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -84,6 +85,8 @@ class Peer final : public StreamUser,
   std::shared_ptr<tolk_task> take_gone_hook() TOLK_LOOP { return std::move(gone_hook_); }
   PieceAssembler& plain_pieces() { return plain_pieces_; }
 
+  // True: the peer is above its quota, and the message waits until it is below.
+  bool holds_back(const SharedBytes& message) TOLK_LOOP;
   void add_request(tolk_request& request, std::size_t bytes) TOLK_LOOP;
   void remove_request(tolk_request& request, std::size_t bytes);
   std::size_t requests() const { return request_count_; }
@@ -145,6 +148,9 @@ class Peer final : public StreamUser,
   std::atomic<std::size_t> request_bytes_{0};
   std::atomic<bool> is_paused_{false};
   PeerStream* stream_ TOLK_GUARDED_BY(loop_role) = nullptr;
+  // Above the quota: what was read together with the message that reached it.
+  bool is_stopped_ TOLK_GUARDED_BY(loop_role) = false;
+  std::deque<SharedBytes> held_back_ TOLK_GUARDED_BY(loop_role);
   bool is_announced_ TOLK_GUARDED_BY(loop_role) = false;
   bool is_checked_ TOLK_GUARDED_BY(loop_role) = false;
   std::shared_ptr<tolk_task> connect_hook_ TOLK_GUARDED_BY(loop_role);

@@ -203,8 +203,13 @@ void ServerCore::on_client_refused(const std::string& user) {
   log(TOLK_WARNING, [&] { return bound_to_ + ": refused " + user; });
 }
 
+// A client that has gone counts while handlers have its requests.
 bool ServerCore::may_accept(std::size_t count) {
-  if (count < most_clients_) return true;
+  std::erase_if(leaving_, [](const std::weak_ptr<Peer>& leaving) {
+    const auto peer = leaving.lock();
+    return !peer || peer->requests() == 0;
+  });
+  if (count + leaving_.size() < most_clients_) return true;
   log(TOLK_WARNING, [&] { return bound_to_ + ": refused a client, there are too many"; });
   return false;
 }
@@ -212,6 +217,7 @@ bool ServerCore::may_accept(std::size_t count) {
 // A client is one from its first message on, and the host hears of it before its calls begin.
 void ServerCore::on_message(PeerStream& stream, SharedBytes payload) {
   auto peer = std::static_pointer_cast<Peer>(stream.user());
+  if (peer && peer->holds_back(payload)) return;
   const bool is_new = !peer;
   if (is_new) peer = new_peer(stream);
   if (is_new && Message::scan(payload.view).plain.name != kMethodVersion) {
@@ -337,6 +343,12 @@ void ServerCore::on_client_gone(int id, int status) {
 }
 
 void ServerCore::on_peer_lost(const std::shared_ptr<Peer>& peer, tolk_status) {
+  if (most_clients_ != SIZE_MAX && peer->requests() != 0) {
+    guarded([&] {
+      enter_loop();
+      leaving_.push_back(peer);
+    });
+  }
   if (!peer->is_announced()) return;
   log(TOLK_INFO, [&] { return peer->name() + " has gone"; });
   const auto hook = peer->take_gone_hook();

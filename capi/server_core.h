@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "capi/address.h"
 #include "capi/core.h"
@@ -102,6 +103,8 @@ class ServerCore final : public Core, public ServerEvents {
   ErrorRef stopped_why_;
   // By the id of the stream.
   std::unordered_map<int, std::shared_ptr<Peer>> by_stream_ TOLK_GUARDED_BY(loop_role);
+  // Clients that have gone and may have left requests; only with a bound for clients.
+  std::vector<std::weak_ptr<Peer>> leaving_ TOLK_GUARDED_BY(loop_role);
   // Clients that have sent nothing yet: the number of the limit by the stream, and the reverse.
   Deadlines hello_limits_;
   std::uint64_t last_hello_ TOLK_GUARDED_BY(loop_role) = 0;

@@ -50,7 +50,9 @@ TEST_P(CapiCalls, TheServerCallsItsClient) {
   const Answer answer = call_server(server.get(), first_client(), "echo", "back");
   EXPECT_EQ(answer.status, TOLK_OK) << answer.reason;
   EXPECT_EQ(answer.text, "back");
-  EXPECT_EQ(call_server(server.get(), 12345678, "echo", "back").status, TOLK_NOT_CONNECTED);
+  const Answer nobody = call_server(server.get(), 12345678, "echo", "back");
+  EXPECT_EQ(nobody.status, TOLK_NOT_CONNECTED);
+  EXPECT_EQ(nobody.reason, "there is no such client");
 }
 
 TEST_P(CapiCalls, AnUnknownMethodIsNoMethod) {
@@ -66,7 +68,9 @@ TEST_P(CapiCalls, ALimitIsKept) {
   });
   start();
   const auto begin = Clock::now();
-  EXPECT_EQ(call_client(client.get(), "never", "", 50).status, TOLK_TIMED_OUT);
+  const Answer answer = call_client(client.get(), "never", "", 50);
+  EXPECT_EQ(answer.status, TOLK_TIMED_OUT);
+  EXPECT_EQ(answer.reason, "timed out after 50 ms");
   const auto took = Clock::now() - begin;
   EXPECT_GE(took, std::chrono::milliseconds(50));
   EXPECT_LE(took, std::chrono::milliseconds(2000));
@@ -129,6 +133,7 @@ TEST_P(CapiCalls, ADoneIsToldOfTheLimit) {
     tolk_client_start(client.get(), &call);
     done.wait();
     EXPECT_EQ(done.answer.status, TOLK_TIMED_OUT);
+    EXPECT_EQ(done.answer.reason, "timed out after 20 ms");
   }
   answered.set();
   end();

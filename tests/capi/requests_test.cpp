@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "pair.h"
+#include "tests/e2e/support/waiting.h"
 
 namespace {
 
@@ -10,6 +11,7 @@ using tolk::test::Answer;
 using tolk::test::call_client;
 using tolk::test::Done;
 using tolk::test::Event;
+using tolk::test::eventually;
 using tolk::test::Pair;
 using tolk::test::text_block;
 using tolk::test::text_of;
@@ -171,6 +173,102 @@ TEST_P(CapiRequests, HooksTellOfEachClientOnce) {
   hooks.gone.wait();
   server.reset();
   EXPECT_EQ(hooks.seen, (std::vector<std::string>{"connect " + id, "gone " + id}));
+  end();
+}
+
+TEST_P(CapiRequests, OrderedPostsOutliveTheirClient) {
+  Hooks hooks;
+  Event go_on;
+  std::atomic<int> noted{0};
+  server_methods.add(
+      "note",
+      [&](tolk_request* request) {
+        go_on.wait();
+        ++noted;
+        tolk_request_free(request);
+      },
+      TOLK_ORDERED);
+  listen(hook_options(hooks));
+  client = connect();
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(tolk_client_post(client.get(), "note", nullptr, 0, nullptr), TOLK_OK);
+  }
+  EXPECT_EQ(tolk_client_close(client.get(), TOLK_FOREVER), TOLK_OK);
+  hooks.gone.wait();
+  go_on.set();
+  EXPECT_TRUE(eventually([&] { return noted == 100; }));
+  end();
+}
+
+// Tasks that wait until the test runs them.
+struct SlowExecutor {
+  static void execute(void* self, tolk_task* task) {
+    auto& executor = *static_cast<SlowExecutor*>(self);
+    const std::lock_guard lock(executor.mutex);
+    executor.tasks.push_back(task);
+  }
+  bool run_next() {
+    tolk_task* task = nullptr;
+    {
+      const std::lock_guard lock(mutex);
+      if (tasks.empty()) return false;
+      task = tasks.front();
+      tasks.erase(tasks.begin());
+    }
+    tolk_task_run(task);
+    return true;
+  }
+  std::mutex mutex;
+  std::vector<tolk_task*> tasks;
+};
+
+TEST_P(CapiRequests, PostsThatWaitForOnConnectOutliveTheirClient) {
+  SlowExecutor executor;
+  int noted = 0;
+  server_methods.add("note", [&](tolk_request* request) {
+    ++noted;
+    tolk_request_free(request);
+  });
+  tolk_server_options options{};
+  options.context = &executor;
+  options.execute = SlowExecutor::execute;
+  options.on_connect = [](void*, tolk_server*, const tolk_peer*) {};
+  listen(options);
+  client = connect();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(tolk_client_post(client.get(), "note", nullptr, 0, nullptr), TOLK_OK);
+  }
+  EXPECT_EQ(tolk_client_close(client.get(), TOLK_FOREVER), TOLK_OK);
+  EXPECT_TRUE(eventually([&] { return tolk_server_clients(server.get(), nullptr, 0) == 0; }));
+  EXPECT_EQ(noted, 0);
+  while (executor.run_next()) {
+  }
+  EXPECT_EQ(noted, 3);
+  end();
+}
+
+TEST_P(CapiRequests, AGoneClientCountsWhileItsRequestsAreUnderWay) {
+  Hooks hooks;
+  tolk_request* kept = nullptr;
+  server_methods.add(
+      "keep", [&](tolk_request* request) { kept = request; }, TOLK_INLINE);
+  tolk_server_options options = hook_options(hooks);
+  options.most_clients = 1;
+  listen(options);
+  client = connect();
+  EXPECT_EQ(tolk_client_post(client.get(), "keep", nullptr, 0, nullptr), TOLK_OK);
+  EXPECT_EQ(tolk_client_close(client.get(), TOLK_FOREVER), TOLK_OK);
+  hooks.gone.wait();
+  const auto try_connect = [&] {
+    tolk_client* other = nullptr;
+    const tolk_status status =
+        tolk_client_connect(tolk_server_address(server.get()), nullptr, &other, nullptr);
+    tolk_client_free(other);
+    return status == TOLK_OK;
+  };
+  EXPECT_FALSE(try_connect());
+  tolk_request_free(kept);
+  EXPECT_TRUE(eventually(try_connect));
   end();
 }
 
