@@ -5,6 +5,7 @@
 
 #include "capi/block.h"
 #include "params/encoder.h"
+#include "platform/text.h"
 
 using tolk::BlockIndex;
 using tolk::Item;
@@ -87,13 +88,16 @@ TypeNote tolk_block::note_of(const Item& item) {
   return item.tag == Tag::List ? TypeNote::list : TypeNote::map;
 }
 
-// A plain list or map as a block of its own.
+// A plain list or map as a block of its own. Keys of plain maps end at a zero byte.
 tolk_block tolk_block::block_of(const Item& item, const TypeNotes* notes) {
   tolk_block block;
   const TypeNotes* const inside = notes == nullptr ? nullptr : notes->inside(item.record);
   RecordWalk walk(item);
   Item element;
-  while (walk.next(element)) block.put_item(element, inside);
+  while (walk.next(element)) {
+    element.key_size = static_cast<std::uint32_t>(tolk::cut_at_zero(element.key_view()).size());
+    block.put_item(element, inside);
+  }
   return block;
 }
 

@@ -121,6 +121,19 @@ TEST(CBlockParse, MapsOfPlainPeersAreRead) {
   EXPECT_EQ(tolk_block_int(kept, tolk_block_find(kept, "k")), 1);
 }
 
+TEST(CBlockParse, KeysOfPlainMapsEndAtAZeroByteInAListToo) {
+  const CBlock block =
+      parsed(hex("07 01000000 05 03 03000000 6B0062 0E000000 03 01000000 76 18000000"));
+  const CBlock outer;
+  tolk_block_add_list(outer, block);
+  const tolk_block* const maps[] = {tolk_block_inner(block, 0),
+                                    tolk_block_inner(tolk_block_inner(outer, 0), 0)};
+  for (const tolk_block* const map : maps) {
+    EXPECT_EQ(tolk_block_total(map), 1U);
+    EXPECT_EQ(tolk_block_find(map, "k"), 0U);
+  }
+}
+
 TEST(CBlockParse, ReplyHidesReservedKeysAndIsSentWithoutThem) {
   std::string bytes;
   Encoder encoder(bytes, 0);

@@ -319,6 +319,16 @@ TEST(CBlock, InnerBlockOfABuiltOneIsCopiedWithItsBytes) {
   EXPECT_EQ(tolk_block_int(copy, 0), 5);
 }
 
+TEST(CBlock, SharedBytesStayWhenTheBlockChanges) {
+  const CBlock block;
+  tolk_block_add_int(block, 5);
+  const std::string before = to_hex(block.get()->share().view);
+  const SharedBytes shared = block.get()->share();
+  tolk_block_clear(block);
+  tolk_block_add_int(block, 6);
+  EXPECT_EQ(to_hex(shared.view), before);
+}
+
 TEST(CBlock, CopyIsChangedAlone) {
   const CBlock block;
   tolk_block_add_int(block, 1);
