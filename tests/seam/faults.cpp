@@ -32,6 +32,8 @@ Faults::~Faults() { plan.on = false; }
 
 int Faults::met() { return plan.met; }
 
+bool Faults::of_calls() { return plan.chance == Chance::call; }
+
 bool Faults::injected() { return plan.met >= plan.k; }
 
 NextFails::NextFails(const char* call) { next_to_fail = call; }

@@ -22,6 +22,8 @@ class Faults {
   // Chances so far, and whether the k-th was among them.
   static int met();
   static bool injected();
+  // Whether calls fail, not memory.
+  static bool of_calls();
 };
 
 // While alive, the next call of libuv with this name fails, once, on whichever thread it comes.
