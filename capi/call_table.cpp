@@ -294,7 +294,6 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& given_u
   thread_local WaitScore waits;
   const WorkerPool::Blocked others_may_run;
   const WorkerWait worker_wait(*this, number);
-  std::shared_ptr<CallData> dropped;  // after the lock
   auto shard = shard_of(number).lock();
   const auto at = shard->records.find(number);
   if (at == shard->records.end() || at->second->done != nullptr || at->second->awaited)
@@ -324,11 +323,11 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& given_u
   const Instant end = instant_now();
   waits.waited(end - begin, end);
   if (!std::exchange(record->taken, true)) {
-    record->outcome = given_up(*record);
-    dropped = std::move(record->data);
-  } else {
-    shard.wait(record->ended, finished);  // somebody is making the outcome
+    shard.unlock();
+    settle(record, given_up(*record), Callbacks::When::later);
+    shard.relock();
   }
+  shard.wait(record->ended, finished);  // somebody makes the outcome, or ends the data
   *outcome = std::move(record->outcome);
   shard->records.erase(number);
   return true;

@@ -54,13 +54,15 @@ tolk_status ClientCore::fail_connect(tolk_status status, const std::string& reas
   return fail(error, std::move(failure));
 }
 
+// A server may end the connection before this thread sees it: that is no attempt to repeat.
 bool ClientCore::attempt() {
+  has_connected_ = false;
   const auto session = std::make_shared<ClientSession>(*this, where_);
   set_session(session);
   if (session->start_thread()) session->wait_until_decided();
   if (session->phase() == Phase::live) return true;
   session->wait_until_ended();
-  return false;
+  return has_connected_;
 }
 
 // Waits a moment, and never beyond the host's patience. The last attempt is at its end.
@@ -141,6 +143,7 @@ bool ClientCore::on_connected(uv_loop_t* loop, const Endpoint& where) {
   server->on_hook_begun();
   server->open(stream);
   add_peer(server);
+  has_connected_ = true;
   return true;
 }
 

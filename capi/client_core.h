@@ -69,8 +69,10 @@ class ClientCore final : public Core, public ClientEvents {
   tolk_client handle_;
   // Made with the connection, so that its end needs no memory.
   std::shared_ptr<tolk_task> gone_hook_ TOLK_GUARDED_BY(loop_role);
-  int attempt_status_ = 0;    // the same
-  std::string refused_user_;  // by the loop thread, before the attempt is decided
+  // Of the latest attempt: by the loop thread, before the attempt is decided.
+  int attempt_status_ = 0;
+  bool has_connected_ = false;
+  std::string refused_user_;
   std::atomic<std::uint64_t> version_check_{0};
   // What the server says about its version: by the loop thread, before the check is completed.
   bool same_version_ = false;

@@ -34,19 +34,47 @@ void Transfer::schedule() {
 }
 
 void Transfer::stop(std::shared_ptr<void> after) {
-  if (const auto state = after_.lock(); after && !state->is_over) state->dropped = std::move(after);
+  if (const auto state = state_.lock(); after && !state->is_over) state->after = std::move(after);
   stopped_ = true;
-  if (asked_.fetch_add(1) == 0) end();
+  if (asked_.fetch_add(1) == 0) return end();
+  end_waiting_step();
+}
+
+// The thread that the host's executor would run the step on may be waiting for the end.
+void Transfer::end_waiting_step() {
+  std::shared_ptr<Step> step;
+  {
+    const auto state = state_.lock();
+    if (state->is_listed) step = state->step.lock();
+  }
+  if (step) step->run();
 }
 
 void Transfer::dispatch() {
   const auto self = shared_from_this();
   try {
-    core_->callbacks().dispatch(std::make_shared<Step>(self), Callbacks::When::later);
+    const auto step = std::make_shared<Step>(self);
+    {
+      const auto state = state_.lock();
+      state->step = step;
+      state->is_listed = false;
+    }
+    core_->callbacks().dispatch(step, Callbacks::When::later);
+    note_listed(step);
   } catch (const std::exception&) {
     ran_out_ = true;
     end();
   }
+}
+
+// The step may be over by now, and another one be the latest.
+void Transfer::note_listed(const std::shared_ptr<Step>& step) {
+  {
+    const auto state = state_.lock();
+    if (state->step.lock() != step) return;
+    state->is_listed = true;
+  }
+  if (stopped_) step->run();
 }
 
 void Transfer::run() {
@@ -63,12 +91,12 @@ void Transfer::run() {
 // `asked_` stays above 0.
 void Transfer::end() {
   stopped_ = true;
-  if (after_.lock()->is_over) return;
+  if (state_.lock()->is_over) return;
   release();
   std::shared_ptr<void> after;  // dropped after the lock
-  const auto state = after_.lock();
+  const auto state = state_.lock();
   state->is_over = true;
-  after = std::move(state->dropped);
+  after = std::move(state->after);
 }
 
 }  // namespace tolk

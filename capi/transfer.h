@@ -27,7 +27,8 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
 
   // Has a step run soon.
   void schedule();
-  // No step begins any more. `after` is dropped when the host's code of the transfer is through.
+  // No step begins any more; one that waits for its turn is not waited for. `after` is dropped when
+  // the host's code of the transfer is through.
   void stop(std::shared_ptr<void> after = nullptr);
 
  protected:
@@ -46,6 +47,8 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   class Step;
 
   void dispatch();
+  void note_listed(const std::shared_ptr<Step>& step);
+  void end_waiting_step();
   void run();
   void end();
 
@@ -54,11 +57,13 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   // Who raises it from 0 is alone with the transfer until it is 0 again.
   std::atomic<std::uint32_t> asked_{0};
   std::atomic<bool> stopped_{false};
-  struct After {
+  struct State {
     bool is_over = false;
-    std::shared_ptr<void> dropped;
+    std::shared_ptr<void> after;
+    std::weak_ptr<Step> step;  // the latest
+    bool is_listed = false;    // so that it may be run
   };
-  Guarded<After> after_;
+  Guarded<State> state_;
   bool ran_out_ = false;
 };
 

@@ -561,6 +561,55 @@ TEST_P(CapiTransfers, DataWithoutCallbacksNeedNoExecutor) {
   end();
 }
 
+// A step that waits for the executor does not hold up the end of its call.
+TEST_P(CapiTransfers, AWaitOnTheExecutorsThreadEndsWithTheCall) {
+  method.add_to(server_methods.get(), "take");
+  ASSERT_NO_FATAL_FAILURE(listen());
+  std::vector<tolk_task*> tasks;
+  tolk_client_options options{};
+  options.context = &tasks;
+  options.execute = [](void* kept, tolk_task* task) {
+    static_cast<std::vector<tolk_task*>*>(kept)->push_back(task);
+  };
+  client = connect(options);
+  Maker maker;
+  DataCall call("take");
+  call.raw.source = maker.source(3 * kPieceOfTransfer);
+  const std::uint64_t number = tolk_client_start(client.get(), &call.raw);
+  EXPECT_TRUE(tolk_client_cancel(client.get(), number));
+  EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_CANCELLED);
+  EXPECT_EQ(maker.released, 1);
+  for (tolk_task* const task : tasks) tolk_task_run(task);
+  EXPECT_EQ(maker.made, 0U);
+  EXPECT_TRUE(call.reports.empty());
+}
+
+// The context of a call is the host's again when a wait for it returns.
+TEST_P(CapiTransfers, AWaitThatTimesOutReturnsAfterTheProgressCallback) {
+  method.add_to(server_methods.get(), "take");
+  start();
+  Event begun;
+  Event may_end;
+  std::atomic<bool> has_ended{false};
+  DataCall call("take");
+  call.raw.source = tolk_source_memory("bytes", 5, nullptr, nullptr);
+  call.raw.piece_limit_ms = 20;
+  call.may_go_on = [&](std::uint64_t) {
+    begun.set();
+    may_end.wait();
+    has_ended = true;
+    return true;
+  };
+  std::thread waiting([&] {
+    EXPECT_EQ(call.run(client.get()), TOLK_TIMED_OUT);
+    EXPECT_TRUE(has_ended);
+  });
+  EXPECT_TRUE(begun.wait());
+  std::this_thread::sleep_for(std::chrono::milliseconds(60));  // beyond the limit
+  may_end.set();
+  waiting.join();
+}
+
 TEST_P(CapiTransfers, EightGoSideBySide) {
   std::array<Checker, 8> checkers;
   method.accept = [&](const tolk_request* request, std::uint64_t, tolk_sink** sink) {
