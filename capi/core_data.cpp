@@ -112,6 +112,7 @@ void Core::move_deadline(std::uint64_t number, std::int32_t limit_ms, Move move)
 // A deadline may have been moved since it was watched.
 void Core::on_deadline(std::uint64_t number) {
   if (number == kDrainLimit) return begin_end();
+  if (number == kWorkers) return callbacks_.start_workers();
   const std::uint64_t due = calls_.deadline_of(number);
   if (due > uv_hrtime()) {
     if (!watch(number, due)) fail_call(number, TOLK_NO_MEMORY, nullptr, 0);

@@ -102,11 +102,12 @@ tolk_status ServerCore::listen(tolk_error** error) {
   if (session->start_thread()) session->wait_until_decided();
   if (session->phase() == Phase::live) return TOLK_OK;
   session->wait_until_ended();
+  if (listen_status_ == UV_ENOMEM) return fail_without_memory(error);
   Failure failure;
   failure.status = TOLK_CANNOT_LISTEN;
   failure.address = address();
   failure.code = listen_status_;
-  if (listen_status_ != 0) failure.reason = uv_strerror(listen_status_);
+  failure.reason = uv_strerror(listen_status_);
   return fail(error, std::move(failure));
 }
 

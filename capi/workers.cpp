@@ -49,6 +49,7 @@ void WorkerPool::start_if_needed() {
     std::thread([self = shared_from_this()] { self->run_thread(); }).detach();
   } catch (const std::exception&) {
     --state_.lock()->threads;
+    thread_lacks_();
   }
 }
 

@@ -4,13 +4,16 @@
 // count, so that calls from handlers cannot use all of them up.
 //
 // Thread: any. Owner: the object and every thread of the pool, which are detached.
-// Failure: a thread that cannot be started is started later, when the next task comes or ends.
+// Failure: a thread that cannot be started is started later. Who has a task for the pool, or is in
+// one, is told.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <list>
 #include <memory>
+#include <utility>
 
 #include "transport/thread_safety.h"
 
@@ -26,10 +29,13 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   static constexpr unsigned kUsual = 4;
   static constexpr unsigned kMost = 256;
 
-  explicit WorkerPool(unsigned workers) : workers_(workers == 0 ? kUsual : workers) {}
+  // `thread_lacks`: a thread could not be started; start_threads is to be called soon.
+  WorkerPool(unsigned workers, std::function<void()> thread_lacks)
+      : workers_(workers == 0 ? kUsual : workers), thread_lacks_(std::move(thread_lacks)) {}
 
   // Runs the task that `place` holds.
   void add(TaskPlace& place);
+  void start_threads() { start_if_needed(); }
   // No task comes any more: idle threads end.
   void retire();
   // Whether the calling thread is one of any pool.
@@ -63,6 +69,7 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   void change_blocked(int by);
 
   const unsigned workers_;
+  const std::function<void()> thread_lacks_;
   Guarded<State> state_;
   std::condition_variable changed_;
 };

@@ -120,6 +120,7 @@ std::string play(const Series& series, const CScenario& scenario, int k) {
     world.listen();
     world.other = world.connect();
     world.client = world.connect();
+    world.wait_for_clients(2);
   }
   const Faults faults(series.chance, series.mode, k);
   {

@@ -73,10 +73,11 @@ struct CWorld::Host {
     tolk_block* result = nullptr;
     const std::uint64_t caller = tolk_request_peer(request)->client;
     tolk_block* const arguments = ping();
+    tolk_error* error = nullptr;
     const tolk_status status = tolk_server_call(tolk_request_server(request), caller, "echo",
-                                                arguments, kLimitMs, &result, nullptr);
+                                                arguments, kLimitMs, &result, &error);
     tolk_block_free(arguments);
-    of(token).expect("a call from a handler", status);
+    of(token).expect("a call from a handler", status, TOLK_OK, error);
     if (status == TOLK_OK) return tolk_request_answer(request, result);
     tolk_request_fail(request, TOLK_FAILED, 0, "no memory to call back", nullptr);
   }
@@ -285,6 +286,10 @@ tolk_status CWorld::status_of(const tolk_call& call) {
 }
 
 void CWorld::skip(const tolk_call& call) { static_cast<Owed*>(call.context)->last_ones = 1; }
+
+void CWorld::wait_for_clients(int count) {
+  expect_that(eventually([&] { return connects_ == count; }), "on_connect was not called");
+}
 
 void CWorld::wait_until_stopped() {
   const Stopwatch since;

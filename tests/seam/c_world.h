@@ -54,6 +54,7 @@ class CWorld {
   tolk_request* kept_request(const tolk_call& call);
   // A post has arrived, or is lost.
   void wait_for_post();
+  void wait_for_clients(int count);
   void wait_until_stopped();
 
   static tolk_block* ping();
