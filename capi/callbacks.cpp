@@ -219,6 +219,8 @@ void Callbacks::end() {
                [](const State& now) { return !now.waiting.empty() || now.unfinished == 0; });
   }
   state->ending = false;
+  state.unlock();
+  workers_->run_here();  // has what was run here already, and would keep it
 }
 
 }  // namespace tolk

@@ -24,6 +24,12 @@ void WorkerPool::add(TaskPlace& place) {
   start_if_needed();
 }
 
+void WorkerPool::run_here() {
+  TaskPlace tasks;
+  tasks.swap(state_.lock()->waiting);
+  for (const auto& task : tasks) task->run();
+}
+
 void WorkerPool::retire() {
   const auto state = state_.lock();
   state->retired = true;

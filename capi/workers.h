@@ -36,6 +36,8 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   // Runs the task that `place` holds.
   void add(TaskPlace& place);
   void start_threads() { start_if_needed(); }
+  // Runs what waits on the calling thread: there may be no other.
+  void run_here();
   // No task comes any more: idle threads end.
   void retire();
   // Whether the calling thread is one of any pool.
