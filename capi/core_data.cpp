@@ -81,10 +81,14 @@ void Core::start_answer(const std::shared_ptr<AnswerOut>& answer, Peer& to) {
   record->deadline = deadline_after(usual_limit());
   record->data = CallTable::new_data();
   record->data->out = answer;
-  if (!calls_.add(record)) return answer->stop();
-  const bool watched = watch(record->number, record->deadline);
+  try {
+    if (!calls_.add(record)) return answer->stop();
+  } catch (const std::exception&) {
+    record->data->out.reset();  // the caller answers
+    throw;
+  }
+  if (!watch(record->number, record->deadline)) return answer->stop_without_memory();
   answer->schedule();
-  if (!watched) fail_call(answer->number(), TOLK_NO_MEMORY, nullptr, 0);
   if (to.is_gone()) fail_call(answer->number(), TOLK_GONE, nullptr, 0);
 }
 

@@ -188,6 +188,7 @@ tolk_status Core::close(std::int32_t limit_ms) {
   begin_end();
   if (const auto current = session()) current->wait_until_ended();
   finish_closing();
+  callbacks_.start_workers();  // the loop cannot do that any more
   return written ? TOLK_OK : TOLK_TIMED_OUT;
 }
 

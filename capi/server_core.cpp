@@ -292,12 +292,13 @@ void ServerCore::stop(Peer& peer, const Message& call) {
   Encoder<std::string>(yes, 0).add_bool(true);
   CallIds ids(call.plain);
   if (!ids.call_id) ids.call_id = 0;
-  peer.send(reply_message(Side::server, ids, {copy_of(yes), {}}), false);
+  Frame reply = reply_message(Side::server, ids, {copy_of(yes), {}});
   Failure failure;
   failure.status = TOLK_CLOSED;
   failure.address = address();
   failure.reason = "a client has stopped the server";
   ErrorRef why(new_error(std::move(failure)));
+  peer.send(std::move(reply), false);  // from here on there is need of no memory
   const auto current = session();
   if (!current->enter(Phase::close_asked)) return;
   log(TOLK_INFO, [&] { return peer.name() + " has stopped the server"; });

@@ -54,6 +54,9 @@ struct CWorld::Host {
   }
   static void give(void* token, tolk_request* request) {
     tolk_source* const source = of(token).source();
+    if (source == nullptr) {
+      return tolk_request_fail(request, TOLK_FAILED, 0, "no memory", nullptr);
+    }
     tolk_request_answer_data(request, ping(), source);
   }
   static void refuse(void*, tolk_request* request) {
@@ -88,6 +91,7 @@ struct CWorld::Host {
     ++owed.outcomes;
     const char* const reason = tolk_error_reason(outcome->error);
     const bool no_memory = std::strncmp(reason, "no memory", 9) == 0;
+    std::strncpy(owed.reason.data(), reason, owed.reason.size() - 1);
     owed.status = no_memory ? TOLK_NO_MEMORY : outcome->status;
     if (outcome->status == TOLK_OK) {
       world.expect_that(is_result_of(owed.method, outcome->result), "a result is wrong");
@@ -278,7 +282,9 @@ void CWorld::wait_either(const tolk_call& call, tolk_status right, tolk_status a
   while (owed.last_ones == 0) {
     if (!owed.over.try_acquire_for(kLongWait)) return note("no outcome of ", owed.method);
   }
-  expect(owed.method, owed.status, owed.status == also ? also : right);
+  const Exempt test;
+  const std::string what = std::string(owed.method) + " (" + owed.reason.data() + ")";
+  expect(what.c_str(), owed.status, owed.status == also ? also : right);
 }
 
 tolk_status CWorld::status_of(const tolk_call& call) {

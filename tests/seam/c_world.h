@@ -77,6 +77,7 @@ class CWorld {
   struct Owed {
     CWorld* world = nullptr;
     const char* method = "";
+    std::array<char, 80> reason{};
     std::atomic<int> outcomes{0};
     std::atomic<int> last_ones{0};
     std::atomic<tolk_status> status{TOLK_OK};
