@@ -8,8 +8,6 @@
 namespace tolk::test {
 namespace {
 
-constexpr int kLimitMs = 2000;
-
 struct FreeBlock {
   void operator()(tolk_block* block) const { tolk_block_free(block); }
 };
@@ -27,7 +25,7 @@ void call(CWorld& world) {
   tolk_error* error = nullptr;
   const Block arguments = ping();
   const tolk_status status =
-      tolk_client_call(world.client, "echo", arguments.get(), kLimitMs, &result, &error);
+      tolk_client_call(world.client, "echo", arguments.get(), CWorld::limit_ms(), &result, &error);
   world.expect("a client's call", status, TOLK_OK, error);
   world.expect_that((status == TOLK_OK) == CWorld::is_ping(result), "a wrong result");
   tolk_block_free(result);
@@ -38,7 +36,7 @@ void call_a_client(CWorld& world) {
   tolk_error* error = nullptr;
   const Block arguments = ping();
   const tolk_status status = tolk_server_call(world.server, world.newest_client, "echo",
-                                              arguments.get(), kLimitMs, &result, &error);
+                                              arguments.get(), CWorld::limit_ms(), &result, &error);
   const bool has_gone = status == TOLK_NOT_CONNECTED;
   world.expect("a server's call", has_gone ? TOLK_GONE : status, TOLK_OK, error);
   world.expect_that((status == TOLK_OK) == CWorld::is_ping(result), "a wrong result");
@@ -97,9 +95,9 @@ void cancel(CWorld& world) {
   const bool cancelled = tolk_client_cancel(world.client, number);
   world.wait(call, TOLK_CANCELLED);
   const tolk_status status = CWorld::status_of(call);
-  world.expect_that(cancelled ? status == TOLK_CANCELLED || status == TOLK_NO_MEMORY
-                              : status != TOLK_CANCELLED,
-                    "a cancel says what is not true");
+  world.expect_that(
+      cancelled ? status == TOLK_CANCELLED || status == TOLK_NO_MEMORY : status != TOLK_CANCELLED,
+      "a cancel says what is not true");
   if (request != nullptr) tolk_request_free(request);
 }
 
@@ -179,10 +177,10 @@ void close(CWorld& world) {
   tolk_call call = world.new_call("echo", arguments.get());
   tolk_client_start(world.client, &call);
   tolk_client_post(world.client, "drop", arguments.get(), 0, nullptr);
-  world.expect("a client's close", tolk_client_close(world.client, kLimitMs));
+  world.expect("a client's close", tolk_client_close(world.client, CWorld::limit_ms()));
   world.wait_either(call, TOLK_OK, TOLK_CLOSED);
-  world.expect("a server's close", tolk_server_close(world.server, kLimitMs));
-  world.expect("a wait for it", tolk_server_wait_closed(world.server, kLimitMs));
+  world.expect("a server's close", tolk_server_close(world.server, CWorld::limit_ms()));
+  world.expect("a wait for it", tolk_server_wait_closed(world.server, CWorld::limit_ms()));
 }
 
 void end_with_calls(CWorld& world) {
@@ -214,7 +212,8 @@ void stop_the_server(CWorld& world) {
   tolk_client_start(world.client, &call);
   world.wait(call);
   if (world.status_of(call) != TOLK_OK) return;
-  world.expect("a wait for a stopped server", tolk_server_wait_closed(world.server, kLimitMs));
+  world.expect("a wait for a stopped server",
+               tolk_server_wait_closed(world.server, CWorld::limit_ms()));
   world.wait_until_stopped();
 }
 

@@ -57,6 +57,7 @@ class CWorld {
   void wait_for_clients(int count);
   void wait_until_stopped();
 
+  static int limit_ms();
   static tolk_block* ping();
   static bool is_ping(const tolk_block* block);
   tolk_source* source();

@@ -24,6 +24,9 @@ class Faults {
   static bool injected();
   // Whether calls fail, not memory.
   static bool of_calls();
+  // From the k-th on all fail; and whether that has begun.
+  static bool will_go_on();
+  static bool go_on() { return will_go_on() && injected(); }
 };
 
 // While alive, the next call of libuv with this name fails, once, on whichever thread it comes.
