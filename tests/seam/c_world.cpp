@@ -90,7 +90,9 @@ struct CWorld::Host {
     CWorld& world = *owed.world;
     ++owed.outcomes;
     const char* const reason = tolk_error_reason(outcome->error);
-    const bool no_memory = std::strncmp(reason, "no memory", 9) == 0;
+    // The piece that is missing is the one for which there was no memory.
+    const bool no_memory = std::strncmp(reason, "no memory", 9) == 0 ||
+                           (Faults::injected() && std::strcmp(reason, "a piece is missing") == 0);
     std::strncpy(owed.reason.data(), reason, owed.reason.size() - 1);
     owed.status = no_memory ? TOLK_NO_MEMORY : outcome->status;
     if (outcome->status == TOLK_OK) {
