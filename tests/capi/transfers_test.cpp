@@ -120,8 +120,9 @@ class TempFile {
     std::ofstream(path_, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
   }
   std::string all() const {
-    std::ifstream file(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::string bytes(exists() ? std::filesystem::file_size(path_) : 0, '\0');
+    std::ifstream(path_, std::ios::binary).read(bytes.data(), std::streamsize(bytes.size()));
+    return bytes;
   }
   tolk_source* source() const {
     tolk_source* made = nullptr;
