@@ -86,7 +86,7 @@ Callbacks::Callbacks(Core& core, tolk_execute execute, void* context, unsigned w
     : core_(core),
       execute_(execute),
       context_(context),
-      workers_(std::make_shared<WorkerPool>(workers)) {}
+      workers_(std::make_shared<WorkerPool>(workers, [this] { core_.start_workers_soon(); })) {}
 
 // In a forked child the threads of the pool are gone, and may have left its lock taken.
 Callbacks::~Callbacks() {
@@ -255,6 +255,8 @@ void Callbacks::end() {
                [](const State& now) { return !now.waiting.empty() || now.unfinished == 0; });
   }
   state->ending = false;
+  state.unlock();
+  workers_->run_here();  // has what was run here already, and would keep it
 }
 
 }  // namespace tolk

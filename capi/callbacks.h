@@ -95,6 +95,7 @@ class Callbacks {
     Callbacks* callbacks_;
   };
   std::size_t handlers() const { return handlers_; }
+  void start_workers() { workers_->call_threads(); }
 
   // While alive, end waits for more.
   class Unfinished {

@@ -59,6 +59,7 @@ bool ClientCore::attempt() {
   has_connected_ = false;
   const auto session = std::make_shared<ClientSession>(*this, where_);
   set_session(session);
+  attempt_status_ = UV_ENOMEM;  // unless another failure is told
   if (session->start_thread()) session->wait_until_decided();
   if (session->phase() == Phase::live) return true;
   session->wait_until_ended();

@@ -92,6 +92,8 @@ class Core {
   tolk_status wait_closed(std::int32_t limit_ms);
   // Something is over that a close may wait for.
   void note_progress();
+  // A thread could not be started. The loop thread tries again.
+  void start_workers_soon();
 
   // In core_receive.cpp: calls of peers, and replies.
   void receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload) TOLK_LOOP;
@@ -208,8 +210,9 @@ class Core {
   std::shared_ptr<Peer> peer_after(const Peer* peer) const;
   tolk_status refuse_wait(const char* method, tolk_error** error) const;
 
-  // No call's number: those are odd.
+  // No calls' numbers: those are odd.
   static constexpr std::uint64_t kDrainLimit = 2;
+  static constexpr std::uint64_t kWorkers = 4;
 
   const Side role_;
   const std::string address_;

@@ -250,7 +250,7 @@ bool Core::cancel_one(std::uint64_t number) {
       Callbacks::When::later);
   if (!cancelled) return false;
   const auto to = peer(peer_id);
-  if (to && to->takes_cancel()) post_cancel(*to, number);
+  if (to && to->takes_cancel()) guarded([&] { post_cancel(*to, number); });
   return true;
 }
 

@@ -83,10 +83,14 @@ void Core::start_answer(const std::shared_ptr<AnswerOut>& answer, Peer& to) {
   record->deadline = deadline_after(usual_limit());
   record->data = CallTable::new_data();
   record->data->out = answer;
-  if (!calls_.add(record)) return answer->stop();
-  const bool watched = watch(record->number, record->deadline);
+  try {
+    if (!calls_.add(record)) return answer->stop();
+  } catch (const std::exception&) {
+    record->data->out.reset();  // the caller answers
+    throw;
+  }
+  if (!watch(record->number, record->deadline)) return answer->stop_without_memory();
   answer->schedule();
-  if (!watched) fail_call(answer->number(), TOLK_NO_MEMORY, nullptr, 0);
   if (to.is_gone()) fail_call(answer->number(), TOLK_GONE, nullptr, 0);
 }
 
@@ -114,6 +118,7 @@ void Core::move_deadline(std::uint64_t number, std::int32_t limit_ms, Move move)
 // A deadline may have been moved since it was watched.
 void Core::on_deadline(std::uint64_t number) {
   if (number == kDrainLimit) return begin_end();
+  if (number == kWorkers) return callbacks_.start_workers();
   const std::uint64_t due = calls_.deadline_of(number);
   if (due > uv_hrtime()) {
     if (!watch(number, due)) fail_call(number, TOLK_NO_MEMORY, nullptr, 0);

@@ -10,6 +10,7 @@ namespace tolk {
 namespace {
 
 constexpr std::int32_t kUsualLimitMs = 5000;
+constexpr std::int32_t kWorkerPauseMs = 10;
 constexpr std::size_t kUsualQueuedBytes = std::size_t{64} << 20;
 constexpr std::size_t kUsualRequests = 10000;
 constexpr std::size_t kUsualDataBytes = frame_format::kMaxPayloadBytes;
@@ -54,7 +55,7 @@ Core::Core(Side role, std::string address, CoreSettings settings)
             enter_loop();
             on_deadline(number);
           },
-          [this](std::uint64_t number) { return number == kDrainLimit || calls_.has(number); }) {}
+          [this](std::uint64_t number) { return number % 2 == 0 || calls_.has(number); }) {}
 
 Core::~Core() = default;
 
@@ -107,6 +108,12 @@ void Core::note_progress() {
   if (drains_alone_ && is_drained()) begin_end();
   const auto lock = progress_lock_.lock();
   progress_.notify_all();
+}
+
+void Core::start_workers_soon() {
+  guarded([this] {
+    if (deadlines_.add(deadline_after(kWorkerPauseMs), kWorkers)) arm_deadlines();
+  });
 }
 
 // All handlers have returned, and all frames are written.
@@ -183,6 +190,7 @@ tolk_status Core::close(std::int32_t limit_ms) {
   begin_end();
   if (const auto current = session()) current->wait_until_ended();
   finish_closing();
+  callbacks_.start_workers();  // the loop cannot do that any more
   return written ? TOLK_OK : TOLK_TIMED_OUT;
 }
 

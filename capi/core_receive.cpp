@@ -1,6 +1,7 @@
 // Calls of peers, and replies to calls.
 #include <array>
 #include <utility>
+#include <vector>
 
 #include "capi/block.h"
 #include "capi/core.h"
@@ -133,16 +134,18 @@ void Core::describe(Peer& peer, const Message& call) {
   const CallIds ids(call.plain);
   if (!ids.wants_reply()) return;
   const auto all = settings_.methods ? settings_.methods->all() : nullptr;
+  std::vector<const Method*> told;
+  if (all) {
+    for (const auto& [name, method] : *all) {
+      if (!name.empty() && !method->removed) told.push_back(method.get());
+    }
+  }
   std::string records;
   Encoder<std::string> encoder(records, 0);
   static constexpr std::array kColumns{&Method::name, &Method::signature, &Method::about};
   for (const auto column : kColumns) {
-    const std::size_t count = all ? all->size() - all->count(std::string_view()) : 0;
-    encoder.add_list_header(static_cast<std::uint32_t>(count));
-    if (!all) continue;
-    for (const auto& [name, method] : *all) {
-      if (!name.empty()) encoder.add_string((*method).*column);
-    }
+    encoder.add_list_header(static_cast<std::uint32_t>(told.size()));
+    for (const Method* const method : told) encoder.add_string((*method).*column);
   }
   peer.send(reply_message(role_, ids, {copy_of(records), {}}), false);
 }

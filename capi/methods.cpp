@@ -1,40 +1,49 @@
 #include "capi/methods.h"
 
 #include <cstring>
-#include <new>
 #include <utility>
 
 #include "capi/error.h"
 #include "capi/options.h"
+#include "platform/guarded.h"
 #include "transport/reserved_names.h"
 
 namespace tolk {
 
 // A call that looks a method up does not wait for a copy.
 bool MethodTable::add(std::shared_ptr<const Method> method) {
+  std::shared_ptr<const Methods> old;  // its contexts are released after the lock
   const auto methods = methods_.lock();
   auto changed = *methods ? std::make_shared<Methods>(**methods) : std::make_shared<Methods>();
-  if (!changed->emplace(method->name, method).second) return false;
-  *methods = std::move(changed);
+  auto& place = (*changed)[method->name];
+  if (place && !place->removed) return false;
+  place = std::move(method);
+  old = std::exchange(*methods, std::move(changed));
   return true;
 }
 
 bool MethodTable::remove(std::string_view name) {
   std::shared_ptr<const Methods> old;  // its contexts are released after the lock
   const auto methods = methods_.lock();
-  if (!*methods || !(*methods)->contains(name)) return false;
-  auto changed = std::make_shared<Methods>(**methods);
-  changed->erase(changed->find(name));
-  old = std::exchange(*methods, std::move(changed));
+  const auto at = *methods ? (*methods)->find(name) : Methods::const_iterator();
+  if (!*methods || at == (*methods)->end() || at->second->removed.exchange(true)) return false;
+  guarded([&] {
+    auto changed = std::make_shared<Methods>(**methods);
+    changed->erase(at->first);
+    old = std::exchange(*methods, std::move(changed));
+  });
   return true;
 }
 
 std::shared_ptr<const Method> MethodTable::find(std::string_view name) const {
   const auto methods = all();
   if (!methods) return nullptr;
-  auto found = methods->find(name);
-  if (found == methods->end() || name.empty()) found = methods->find(std::string_view());
-  return found == methods->end() ? nullptr : found->second;
+  const auto present = [&](std::string_view wanted) -> std::shared_ptr<const Method> {
+    const auto at = methods->find(wanted);
+    return at == methods->end() || at->second->removed ? nullptr : at->second;
+  };
+  const auto found = name.empty() ? nullptr : present(name);
+  return found ? found : present(std::string_view());
 }
 
 namespace {
@@ -71,7 +80,9 @@ tolk_status add_method(tolk_methods* methods, const char* name, tolk_handler han
 }  // namespace
 }  // namespace tolk
 
-tolk_methods* tolk_methods_new() { return new (std::nothrow) tolk_methods; }
+tolk_methods* tolk_methods_new() {
+  return tolk::guarded_or<tolk_methods*>(nullptr, [] { return new tolk_methods; });
+}
 
 tolk_status tolk_methods_add(tolk_methods* methods, const char* name, tolk_handler handler,
                              void* context, const tolk_method_options* options,

@@ -6,6 +6,7 @@
 
 #include <tolk/c.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -26,6 +27,8 @@ struct Method {
   std::string about;
   tolk_accept accept = nullptr;
   tolk_progress progress = nullptr;
+  // Set before the table is rid of it, for which there may be no memory.
+  mutable std::atomic<bool> removed{false};
 
   bool is_inline() const { return (flags & TOLK_INLINE) != 0; }
   bool is_ordered() const { return (flags & TOLK_ORDERED) != 0; }

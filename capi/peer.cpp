@@ -1,5 +1,6 @@
 #include "capi/peer.h"
 
+#include <tuple>
 #include <utility>
 
 #include "capi/core.h"
@@ -242,9 +243,19 @@ void Peer::forget_incoming(std::int32_t transfer, const RequestIn& data) {
   incoming->erase(at);
 }
 
+// In the order of the numbers; null behind the last.
+std::pair<std::int64_t, std::shared_ptr<RequestIn>> Peer::incoming_after(
+    std::int64_t transfer) const {
+  const auto incoming = incoming_.lock();
+  auto at = incoming->begin();
+  while (at != incoming->end() && at->first <= transfer) ++at;
+  if (at == incoming->end()) return {};
+  return *at;
+}
+
 void Peer::end_incoming(std::string_view token) {
-  const Incoming incoming = *incoming_.lock();
-  for (const auto& [transfer, data] : incoming) {
+  for (auto [transfer, data] = incoming_after(INT64_MIN); data;
+       std::tie(transfer, data) = incoming_after(transfer)) {
     if (data->token() == token) data->stop();
   }
 }
@@ -261,7 +272,8 @@ void Peer::end_all_requests(tolk_status status) {
     const auto open = open_requests_.lock();
     for (const auto& [token, request] : *open) request->set_state(status);
   }
-  const Incoming incoming = *incoming_.lock();
+  Incoming incoming;
+  incoming.swap(*incoming_.lock());
   for (const auto& [transfer, data] : incoming) data->stop();
 }
 

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "capi/ordered_queue.h"
 #include "transport/outgoing_queue.h"
@@ -116,6 +117,7 @@ class Peer final : public StreamUser,
   using Incoming = std::map<std::int32_t, std::shared_ptr<RequestIn>>;
   using OpenRequests = std::multimap<std::string, tolk_request*, std::less<>>;
 
+  std::pair<std::int64_t, std::shared_ptr<RequestIn>> incoming_after(std::int64_t transfer) const;
   void on_written() TOLK_LOOP override;
   void on_sent();
   void on_write_failed(int status) TOLK_LOOP override;

@@ -136,10 +136,9 @@ void tolk_request::end_with(const MakeFrame& make) {
   });
 }
 
-void tolk_request::end_plain(std::string records) {
-  end_by([&] {
-    tolk::send_plain_result(core_kept_, peer_, ids_, *plain_call_id_, std::move(records));
-  });
+template <class MakeRecords>
+void tolk_request::end_plain(const MakeRecords& make) {
+  end_by([&] { tolk::send_plain_result(core_kept_, peer_, ids_, *plain_call_id_, make()); });
 }
 
 void tolk_request::become_plain(int call_id, const tolk::SharedBytes& block) {
@@ -149,7 +148,7 @@ void tolk_request::become_plain(int call_id, const tolk::SharedBytes& block) {
 
 void tolk_request::answer(const tolk_block* result) {
   if (plain_call_id_ && (result == nullptr || result->status() == TOLK_OK)) {
-    return end_plain(std::string(tolk::Content::of(result).whole().view));
+    return end_plain([&] { return std::string(tolk::Content::of(result).whole().view); });
   }
   end_with([&] {
     const tolk::Content content = tolk::Content::of(result);
@@ -165,7 +164,7 @@ void tolk_request::answer(const tolk_block* result) {
 }
 
 void tolk_request::answer_with(const tolk::Content& result, std::optional<double> data) {
-  if (plain_call_id_) return end_plain(std::string(result.whole().view));
+  if (plain_call_id_) return end_plain([&] { return std::string(result.whole().view); });
   end_with([&] { return tolk::reply_message(core_kept_->role(), ids_, result, {}, data); });
 }
 
@@ -188,8 +187,8 @@ void tolk_request::answer_data(const tolk_block* result, std::unique_ptr<tolk_so
 }
 
 // A sender of the C++ layer has the other arguments in the last piece.
-bool tolk_request::take_data(std::optional<tolk::SharedBytes> data,
-                             const tolk::ReceivedPiece& last) {
+tolk_status tolk_request::take_data(std::optional<tolk::SharedBytes> data,
+                                    const tolk::ReceivedPiece& last) {
   const auto call = tolk::Message::scan(last.message.view);
   auto whole = std::make_unique<tolk_block>();
   if (data) whole->add_held(std::move(*data));
@@ -199,13 +198,13 @@ bool tolk_request::take_data(std::optional<tolk::SharedBytes> data,
         {last.message.owner, call.plain.arguments.value_or("")}, {}, tolk_block::Reserved::dropped);
     tolk::append_values(*whole, *more.block, 1);
   }
-  if (whole->status() != TOLK_OK) return false;
+  if (whole->status() != TOLK_OK) return whole->status();
   ids_ = last.ids;
   if (call.limit_ms && *call.limit_ms >= 0) {
     deadline_ = uv_hrtime() + static_cast<std::uint64_t>(*call.limit_ms) * kNanosecondsPerMs;
   }
   arguments_before_data_ = std::exchange(arguments_, std::move(whole));
-  return true;
+  return TOLK_OK;
 }
 
 void tolk_request::fail(const tolk::HandlerFailure& failure) {
@@ -215,7 +214,7 @@ void tolk_request::fail(const tolk::HandlerFailure& failure) {
   });
   const std::string_view unknown =
       failure.status == TOLK_NO_METHOD ? std::string_view(name_) : std::string_view();
-  if (plain_call_id_) return end_plain(tolk::failure_records(failure, unknown));
+  if (plain_call_id_) return end_plain([&] { return tolk::failure_records(failure, unknown); });
   end_with([&] { return tolk::failure_message(core_kept_->role(), ids_, failure, unknown); });
 }
 
@@ -243,6 +242,7 @@ void tolk_request_answer_data(tolk_request* request, tolk_block* result, tolk_so
   std::unique_ptr<tolk_source> data(source);
   if (request == nullptr) return;
   if (data == nullptr) return request->fail({TOLK_FAILED, 0, "there are no data", nullptr});
+  const auto kept = request->shared_from_this();
   try {
     request->answer_data(result, std::move(data));
   } catch (const std::exception&) {

@@ -61,8 +61,8 @@ struct tolk_request final : tolk_task {
   void become_plain(int call_id, const tolk::SharedBytes& block);
 
   // Data that came with the call, all of them, and their last piece. Without a value of its own
-  // they are in a sink. False: they are too large for the arguments.
-  bool take_data(std::optional<tolk::SharedBytes> data, const tolk::ReceivedPiece& last);
+  // they are in a sink. Fails if they are too large for the arguments.
+  tolk_status take_data(std::optional<tolk::SharedBytes> data, const tolk::ReceivedPiece& last);
 
  private:
   void run_claimed() override;
@@ -71,7 +71,8 @@ struct tolk_request final : tolk_task {
   void end_by(const Send& send);
   template <class MakeFrame>
   void end_with(const MakeFrame& make);
-  void end_plain(std::string records);
+  template <class MakeRecords>
+  void end_plain(const MakeRecords& make);
   void part_is_over();
 
   const std::shared_ptr<tolk::Core> core_kept_;

@@ -102,11 +102,12 @@ tolk_status ServerCore::listen(tolk_error** error) {
   if (session->start_thread()) session->wait_until_decided();
   if (session->phase() == Phase::live) return TOLK_OK;
   session->wait_until_ended();
+  if (listen_status_ == UV_ENOMEM) return fail_without_memory(error);
   Failure failure;
   failure.status = TOLK_CANNOT_LISTEN;
   failure.address = address();
   failure.code = listen_status_;
-  if (listen_status_ != 0) failure.reason = uv_strerror(listen_status_);
+  failure.reason = uv_strerror(listen_status_);
   return fail(error, std::move(failure));
 }
 
@@ -291,12 +292,13 @@ void ServerCore::stop(Peer& peer, const Message& call) {
   Encoder<std::string>(yes, 0).add_bool(true);
   CallIds ids(call.plain);
   if (!ids.call_id) ids.call_id = 0;
-  peer.send(reply_message(Side::server, ids, {copy_of(yes), {}}), false);
+  Frame reply = reply_message(Side::server, ids, {copy_of(yes), {}});
   Failure failure;
   failure.status = TOLK_CLOSED;
   failure.address = address();
   failure.reason = "a client has stopped the server";
   ErrorRef why(new_error(std::move(failure)));
+  peer.send(std::move(reply), false);  // from here on there is need of no memory
   const auto current = session();
   if (!current->enter(Phase::close_asked)) return;
   log(TOLK_INFO, [&] { return peer.name() + " has stopped the server"; });

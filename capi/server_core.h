@@ -97,7 +97,7 @@ class ServerCore final : public Core, public ServerEvents {
   // By the loop thread, before the start is decided.
   std::string bound_to_;
   int port_ = 0;
-  int listen_status_ = 0;
+  int listen_status_ = UV_ENOMEM;  // unless another failure is told
   // Made before the session, so that its end needs no memory.
   std::shared_ptr<tolk_task> stopped_hook_;
   ErrorRef stopped_why_;

@@ -50,6 +50,11 @@ void Transfer::end_waiting_step() {
   if (step) step->run();
 }
 
+void Transfer::stop_without_memory() {
+  ran_out_ = true;
+  stop();
+}
+
 void Transfer::dispatch() {
   const auto self = shared_from_this();
   try {

@@ -30,6 +30,8 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   // No step begins any more; one that waits for its turn is not waited for. `after` is dropped when
   // the host's code of the transfer is through.
   void stop(std::shared_ptr<void> after = nullptr);
+  // Before the first step.
+  void stop_without_memory();
 
  protected:
   // Whether steps run code of the host. Without, the host's executor has nothing to do with them.

@@ -9,6 +9,11 @@
 #include "platform/guarded.h"
 
 namespace tolk {
+namespace {
+
+constexpr char kNoMemory[] = "no memory for the data";
+
+}  // namespace
 
 TransferIn::TransferIn(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer, std::uint64_t total)
     : Transfer(std::move(core), std::move(peer)), total_(total) {}
@@ -37,9 +42,19 @@ void TransferIn::step() {
     const auto piece = next();
     if (!piece) return;
     if (is_stopped()) return refuse(*piece, status_, "the transfer has ended");
-    take(*piece);
+    take_guarded(*piece);
   }
   if (!waiting_.lock()->empty()) schedule();
+}
+
+// The sender of the piece hears of it, or its connection ends.
+void TransferIn::take_guarded(const ReceivedPiece& received) {
+  const auto without_memory = [&](const char*) {
+    status_ = TOLK_NO_MEMORY;
+    guarded([&] { refuse(received, TOLK_FAILED, kNoMemory); },
+            [&](const char*) { peer().disconnect(); });
+  };
+  guarded([&] { take(received); }, without_memory);
 }
 
 void TransferIn::take(const ReceivedPiece& received) {
@@ -99,8 +114,10 @@ void TransferIn::refuse(const ReceivedPiece& piece, tolk_status status, const ch
 }
 
 void TransferIn::release() {
+  if (ran_out_of_memory()) status_ = TOLK_NO_MEMORY;
+  const char* const text = ran_out_of_memory() ? kNoMemory : "the transfer has ended";
   guarded([&] {
-    while (const auto piece = next()) refuse(*piece, status_, "the transfer has ended");
+    while (const auto piece = next()) refuse(*piece, status_, text);
   });
   sink_.reset();
   memory_.clear();
@@ -146,9 +163,9 @@ bool RequestIn::begin(const ReceivedPiece& first) {
 void RequestIn::on_complete(const ReceivedPiece& last) {
   std::optional<SharedBytes> data;
   if (!sink_) data = memory_.take();
-  if (!request_->take_data(std::move(data), last)) {
-    return refuse(last, TOLK_TOO_LARGE, "the data are too large for the arguments");
-  }
+  const tolk_status taken = request_->take_data(std::move(data), last);
+  if (taken == TOLK_NO_MEMORY) return refuse(last, TOLK_FAILED, kNoMemory);
+  if (taken != TOLK_OK) return refuse(last, taken, "the data are too large for the arguments");
   if (sink_) sink_->keep();
   const auto request = request_;
   core().run_on_loop([request, to = peer_owner()] {
@@ -213,7 +230,6 @@ void AnswerIn::release() {
   TransferIn::release();
   Result dropped;
   std::swap(dropped, *result_.lock());
-  if (ran_out_of_memory()) status_ = TOLK_NO_MEMORY;
   guarded([&] { on_refused(); });  // unless the call has an outcome
 }
 

@@ -63,6 +63,7 @@ class TransferIn : public Transfer {
   static constexpr std::size_t kMostWaiting = 2 * kPieceWindow;
 
   std::optional<ReceivedPiece> next();
+  void take_guarded(const ReceivedPiece& piece);
   void take(const ReceivedPiece& piece);
   bool store(const ReceivedPiece& piece);
   bool report(const ReceivedPiece& piece);

@@ -94,7 +94,8 @@ bool TransferOut::gather(const tolk_block& rest, Content* whole) {
 void TransferOut::release() {
   // Unless it is over.
   guarded([&] {
-    fail({ran_out_of_memory() ? TOLK_NO_MEMORY : TOLK_CANCELLED, "the transfer has ended"});
+    if (ran_out_of_memory()) return fail({TOLK_NO_MEMORY, "no memory for the data"});
+    fail({TOLK_CANCELLED, "the transfer has ended"});
   });
   source_.reset();
 }

@@ -40,6 +40,16 @@ bool WorkerPool::more_waits() {
          pool_of_this_thread->waiting_count_.load(std::memory_order_relaxed) > 0;
 }
 
+void WorkerPool::run_here() {
+  TaskPlace tasks;
+  {
+    const auto state = state_.lock();
+    tasks.swap(state->waiting);
+    waiting_count_.store(0, std::memory_order_relaxed);
+  }
+  for (const auto& task : tasks) task->run();
+}
+
 void WorkerPool::retire() {
   const auto state = state_.lock();
   state->retired = true;
@@ -100,9 +110,12 @@ void WorkerPool::start_thread() {
   try {
     std::thread([self = shared_from_this()] { self->run_thread(); }).detach();
   } catch (const std::exception&) {
-    const auto state = state_.lock();
-    --state->threads;
-    --state->starting;
+    {
+      const auto state = state_.lock();
+      --state->threads;
+      --state->starting;
+    }
+    thread_lacks_();
   }
 }
 

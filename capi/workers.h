@@ -8,15 +8,18 @@
 // when none takes a task for kWatchPeriod, it does.
 //
 // Thread: any. Owner: the object and every thread of the pool, which are detached.
-// Failure: a thread that cannot be started is started later, when the next task comes or ends.
+// Failure: a thread that cannot be started is started later. Who has a task for the pool, or is in
+// one, is told.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <memory>
+#include <utility>
 
 #include "transport/staying_awake.h"
 #include "transport/thread_safety.h"
@@ -33,13 +36,17 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   static constexpr unsigned kUsual = 4;
   static constexpr unsigned kMost = 256;
 
-  explicit WorkerPool(unsigned workers) : workers_(workers == 0 ? kUsual : workers) {}
+  // `thread_lacks`: a thread could not be started; call_threads is to be called soon.
+  WorkerPool(unsigned workers, std::function<void()> thread_lacks)
+      : workers_(workers == 0 ? kUsual : workers), thread_lacks_(std::move(thread_lacks)) {}
 
   // Runs the task that `place` holds.
   void add(TaskPlace& place);
   // The same for one of several that come together. True: call_threads must follow.
   bool add_quietly(TaskPlace& place);
   void call_threads();
+  // Runs what waits on the calling thread: there may be no other.
+  void run_here();
   // No task comes any more: idle threads end.
   void retire();
   // Whether the calling thread is one of any pool.
@@ -96,6 +103,7 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   void change_blocked(int by);
 
   const unsigned workers_;
+  const std::function<void()> thread_lacks_;
   Guarded<State> state_;
   std::condition_variable changed_;
   std::condition_variable watcher_called_;

@@ -113,8 +113,13 @@ void OutgoingQueue::flush() {
   Batch batch;
   if (!begin_batch(batch)) return;
   if (writing_bytes_ >= kBulkBytes && !std::exchange(is_wide_, true)) widen_send_buffer(stream_);
+  unsigned& active = stream_->loop->active_reqs.count;
+  const unsigned active_before = active;
   const int status =
       system_calls.write(&request_, stream_, batch.buffers.data(), batch.count, on_written_cb);
+  // Without memory for many buffers, libuv counts a request that it has refused: its loop would
+  // never end.
+  if (status < 0) active = active_before;
   // The frames are kept: libuv may still refer to a refused write.
   if (status < 0) owner_.on_write_failed(status);
 }

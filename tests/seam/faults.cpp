@@ -32,6 +32,10 @@ Faults::~Faults() { plan.on = false; }
 
 int Faults::met() { return plan.met; }
 
+bool Faults::will_go_on() { return plan.mode == Mode::from_then_on; }
+
+bool Faults::of_calls() { return plan.chance == Chance::call; }
+
 bool Faults::injected() { return plan.met >= plan.k; }
 
 NextFails::NextFails(const char* call) { next_to_fail = call; }

@@ -22,6 +22,11 @@ class Faults {
   // Chances so far, and whether the k-th was among them.
   static int met();
   static bool injected();
+  // Whether calls fail, not memory.
+  static bool of_calls();
+  // From the k-th on all fail; and whether that has begun.
+  static bool will_go_on();
+  static bool go_on() { return will_go_on() && injected(); }
 };
 
 // While alive, the next call of libuv with this name fails, once, on whichever thread it comes.
