@@ -235,7 +235,9 @@ std::string CWorld::owed_trouble() const {
     if (owed_[i].last_ones != 1)
       return "calls of " + method + " have ended " + std::to_string(owed_[i].last_ones) + " times";
   }
-  return connects_ == gones_ ? "" : "on_connect and on_gone do not match";
+  if (connects_ == gones_) return "";
+  return "on_connect was called " + std::to_string(connects_) + " times, on_gone " +
+         std::to_string(gones_) + " times";
 }
 
 void CWorld::note(const char* what, const char* detail) {
