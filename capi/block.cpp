@@ -166,6 +166,7 @@ std::string tolk_block::types() const {
 }
 
 std::string_view tolk_block::encode() {
+  if (encoded_) return *encoded_;  // the host may still have it
   const std::string types = this->types();
   const auto bytes = view();
   if (bytes && types.empty()) return *bytes;

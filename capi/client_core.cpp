@@ -18,6 +18,7 @@ constexpr std::int32_t kUsualConnectLimitMs = 10000;
 constexpr std::uint64_t kFirstWaitMs = 1;
 constexpr std::uint64_t kLongestWaitMs = 10;
 constexpr std::uint64_t kNanosecondsPerMs = 1000000;
+constexpr char kNoAnswer[] = "the server does not answer";
 
 }  // namespace
 
@@ -56,6 +57,8 @@ tolk_status ClientCore::fail_connect(tolk_status status, const std::string& reas
 
 // A server may end the connection before this thread sees it: that is no attempt to repeat.
 bool ClientCore::attempt() {
+  const WorkerPool::Blocked others_may_run;
+  attempt_begin_ = uv_hrtime();
   has_connected_ = false;
   const auto session = std::make_shared<ClientSession>(*this, where_);
   set_session(session);
@@ -88,7 +91,7 @@ tolk_status ClientCore::connect(tolk_error** error) {
       return fail_connect(TOLK_REFUSED, "the server is another user's", error);
     }
     if (attempt_status_ == UV_ETIMEDOUT) {
-      return fail_connect(TOLK_TIMED_OUT, "the server does not answer", error);
+      return fail_connect(TOLK_TIMED_OUT, kNoAnswer, error);
     }
     if (attempt_status_ == UV_ENOMEM) return fail_without_memory(error);
     if (process_exits() || !may_try_again(begin, attempts)) {
@@ -109,7 +112,7 @@ tolk_status ClientCore::check_version(tolk_error** error) {
   record->deadline =
       connect_limit_ms_ < 0
           ? UINT64_MAX
-          : uv_hrtime() + static_cast<std::uint64_t>(connect_limit_ms_) * kNanosecondsPerMs;
+          : attempt_begin_ + static_cast<std::uint64_t>(connect_limit_ms_) * kNanosecondsPerMs;
   std::string arguments;
   Encoder<std::string> encoder(arguments, 0);
   encoder.add_key(kKeyVersion);
@@ -119,8 +122,12 @@ tolk_status ClientCore::check_version(tolk_error** error) {
   const auto server = peer(0);
   if (!server) return fail_connect(TOLK_GONE, "the server has ended the connection", error);
   start_internal(record, server, &content, {{}, kOwnFeatures});
-  const tolk_status status = wait(record->number, nullptr, error);
-  if (status != TOLK_OK) return status;
+  tolk_error* given = nullptr;
+  const tolk_status status = wait(record->number, nullptr, &given);
+  const ErrorRef why(given);
+  // The host has called no method.
+  if (status == TOLK_TIMED_OUT) return fail_connect(status, kNoAnswer, error);
+  if (status != TOLK_OK) return fail_connect(status, tolk_error_reason(why.get()), error);
   if (same_version_) return TOLK_OK;
   return fail_connect(TOLK_REFUSED, "the server has another version", error);
 }

@@ -71,6 +71,7 @@ class ClientCore final : public Core, public ClientEvents {
   std::shared_ptr<tolk_task> gone_hook_ TOLK_GUARDED_BY(loop_role);
   // Of the latest attempt: by the loop thread, before the attempt is decided.
   int attempt_status_ = 0;
+  std::uint64_t attempt_begin_ = 0;  // the host's
   bool has_connected_ = false;
   std::string refused_user_;
   std::atomic<std::uint64_t> version_check_{0};

@@ -13,6 +13,7 @@ namespace tolk {
 namespace {
 
 constexpr std::uint64_t kNanosecondsPerMs = 1000000;
+constexpr char kOwnLoop[] = "an inline callback and the log cannot wait for their own loop";
 
 std::uint64_t deadline_after(std::int32_t limit_ms) {
   if (limit_ms < 0) {
@@ -25,6 +26,11 @@ std::uint64_t deadline_after(std::int32_t limit_ms) {
 void say_no_client(Failure& failure, std::uint64_t client) {
   failure.reason = client == TOLK_ALL ? "no client is connected" : "there is no such client";
   failure.hint = "call a client between its on_connect and its on_gone";
+}
+
+// A post is misuse only when it has to wait where nobody may.
+const char* reason_of_post(tolk_status status) {
+  return status == TOLK_MISUSE ? kOwnLoop : nullptr;
 }
 
 }  // namespace
@@ -67,8 +73,7 @@ tolk_status Core::call(const tolk_call& call, tolk_block** result, tolk_error** 
 }
 
 tolk_status Core::refuse_wait(const char* method, tolk_error** error) const {
-  return fail_post(method, TOLK_MISUSE,
-                   "an inline callback and the log cannot wait for their own loop", error);
+  return fail_post(method, TOLK_MISUSE, kOwnLoop, error);
 }
 
 std::uint64_t Core::start(const tolk_call& given) {
@@ -211,9 +216,9 @@ tolk_status Core::wait(std::uint64_t number, tolk_block** result, tolk_error** e
   if (calls_.wait(number, how, given_up, &outcome)) {
     return take_outcome(std::move(outcome), result, error);
   }
-  if (calls_.is_closed() && !calls_.has(number)) {
-    return fail_post(nullptr, TOLK_CLOSED, nullptr, error);
-  }
+  const bool is_there = calls_.has(number);
+  if (calls_.is_closed() && !is_there) return fail_post(nullptr, TOLK_CLOSED, nullptr, error);
+  if (how == CallTable::Wait::finished_only && is_there) return refuse_wait(nullptr, error);
   return fail_post(nullptr, TOLK_MISUSE, "there is no such call to wait for", error);
 }
 
@@ -294,14 +299,15 @@ tolk_status Core::post(std::uint64_t id, const char* method, const tolk_block* a
     tolk_status worst = TOLK_OK;
     for (const auto& [each, to] : peers()) {
       const tolk_status status = post_one(*to, method, given, deadline);
-      if (status == TOLK_BUSY || status == TOLK_MISUSE) worst = status;
+      if (worst == TOLK_OK && status != TOLK_GONE) worst = status;
     }
-    return failed(worst);
+    return failed(worst, reason_of_post(worst));
   }
   const auto to = peer(role_ == Side::server ? id : 0);
   if (!to && role_ == Side::server) return fail_no_client(id, method, error);
   if (!to) return failed(TOLK_GONE);
-  return failed(post_one(*to, method, given, deadline));
+  const tolk_status status = post_one(*to, method, given, deadline);
+  return failed(status, reason_of_post(status));
 }
 
 // `deadline`: 0 is not to wait.

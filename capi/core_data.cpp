@@ -213,7 +213,8 @@ void Core::take_piece_of_call(const std::shared_ptr<Peer>& peer, const Message& 
     peer->add_incoming(piece.transfer, data);
   }
   if (!data) return reply_failure(*peer, call, {TOLK_FAILED, 0, "a piece is missing", nullptr});
-  data->add(std::move(received));
+  data->put(std::move(received));
+  peer->schedule(data);
 }
 
 void Core::take_piece_of_answer(const std::shared_ptr<Peer>& peer, const Message& call,
@@ -235,7 +236,10 @@ void Core::take_piece_of_answer(const std::shared_ptr<Peer>& peer, const Message
     }
     in = answer->in;
   }
-  if (in) return in->add(std::move(received));
+  if (in) {
+    in->put(std::move(received));
+    return in->schedule();
+  }
   reply_failure(*peer, call, {TOLK_CANCELLED, 0, "nobody waits for the data any more", nullptr});
 }
 

@@ -104,7 +104,7 @@ void Core::lose(const std::shared_ptr<Peer>& peer, tolk_status status) {
 
 // Any thread. Something is over that a close may wait for.
 void Core::note_progress() {
-  if (state_ == State::open) return;
+  if (state_ == State::open || !of_this_process()) return;
   if (drains_alone_ && is_drained()) begin_end();
   const auto lock = progress_lock_.lock();
   progress_.notify_all();
@@ -227,6 +227,7 @@ tolk_status Core::wait_closed(std::int32_t limit_ms) {
 void Core::end() {
   if (!of_this_process()) return;
   const auto self = shared();
+  const WorkerPool::Blocked others_may_run;
   close(0);
   callbacks_.end();
   calls_.forget();

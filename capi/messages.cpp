@@ -164,6 +164,13 @@ tolk_status status_of(const Message& reply) {
   return TOLK_FAILED;
 }
 
+// Whether a result begins with a text that reads as if there were no such method.
+bool reads_as_no_event(std::string_view records) {
+  constexpr std::size_t header = 5;
+  return records.size() > header && static_cast<Tag>(records.front()) == Tag::String &&
+         records.substr(header).starts_with(kNoEvent);
+}
+
 bool says_no_event(const Message& reply, std::string_view method) {
   return !reply.marks_value && reply.first_text.starts_with(kNoEvent) &&
          reply.first_text.substr(sizeof kNoEvent - 1) == method;
@@ -253,6 +260,10 @@ Frame reply_message(Side side, const CallIds& ids, const Content& result, std::s
     add_envelope(encoder, side, ids);
     add_string_if(encoder, kFeatures, features);
     add_string_if(encoder, kTypes, result.types);
+    if (reads_as_no_event(result.bytes.view)) {
+      encoder.add_key(kValue);
+      encoder.add_bool(true);
+    }
     if (!data) return;
     encoder.add_key(kData);
     encoder.add_double(*data);
@@ -288,8 +299,7 @@ Failure failure_of(const Message& reply, std::string_view method) {
     failure.reason = *reply.error;
     failure.code = reply.code;
     if (reply.details) {
-      failure.details =
-          tolk_block::of_message(copy_of(*reply.details), {}, tolk_block::Reserved::kept).block;
+      failure.details = tolk_block::of_copy(*reply.details).block;
     }
   } else if (says_no_event(reply, method)) {
     failure.status = TOLK_NO_METHOD;

@@ -1,5 +1,6 @@
 #include "capi/peer.h"
 
+#include <algorithm>
 #include <tuple>
 #include <utility>
 
@@ -162,17 +163,31 @@ void Peer::dispatch_now(const std::shared_ptr<tolk_request>& request) {
   core_.callbacks().dispatch(request, Callbacks::When::now);
 }
 
+void Peer::schedule(const std::shared_ptr<RequestIn>& data) {
+  {
+    const auto held = held_.lock();
+    if (!held->hook_begun) {
+      auto& all = held->data;
+      if (std::find(all.begin(), all.end(), data) == all.end()) all.push_back(data);
+      return;
+    }
+  }
+  data->schedule();
+}
+
 // A request that comes meanwhile waits behind those that are dispatched here.
 void Peer::on_hook_begun() {
   for (;;) {
-    std::list<std::shared_ptr<tolk_request>> requests;
+    Held begins;
     {
       const auto held = held_.lock();
-      held->hook_begun = held->requests.empty();
+      held->hook_begun = held->is_empty();
       if (held->hook_begun) return;
-      requests.swap(held->requests);
+      begins.requests.swap(held->requests);
+      begins.data.swap(held->data);
     }
-    for (const auto& request : requests) dispatch_now(request);
+    for (const auto& request : begins.requests) dispatch_now(request);
+    for (const auto& data : begins.data) data->schedule();
   }
 }
 

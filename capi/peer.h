@@ -75,6 +75,8 @@ class Peer final : public StreamUser,
 
   // Requests wait until on_connect has begun.
   void dispatch(const std::shared_ptr<tolk_request>& request) TOLK_LOOP;
+  // The same for data of a call, whose `accept` is code of the host.
+  void schedule(const std::shared_ptr<RequestIn>& data) TOLK_LOOP;
   void on_hook_begun();
   void dispatch_next(OrderedQueue& queue);
   OrderedQueue& ordered() { return ordered_; }
@@ -107,6 +109,9 @@ class Peer final : public StreamUser,
   struct Held {
     bool hook_begun = false;
     std::list<std::shared_ptr<tolk_request>> requests;
+    std::list<std::shared_ptr<RequestIn>> data;
+
+    bool is_empty() const { return requests.empty() && data.empty(); }
   };
   // What other threads may need the loop thread for. Prepared, so that it needs no memory then.
   struct LoopTasks {

@@ -79,6 +79,7 @@ void tolk_request::set_state(tolk_status state) {
 
 tolk_status tolk_request::state() const {
   const tolk_status state = state_;
+  if (!core_kept_->of_this_process()) return TOLK_CLOSED;
   if (state != TOLK_OK) return state;
   if (core_kept_->is_closed()) return TOLK_CLOSED;
   if (peer_->is_gone()) return peer_->gone_as();
@@ -117,6 +118,7 @@ void tolk_request::end_by(const Send& send) {
   const auto self = shared_from_this();
   const auto held = std::move(held_by_handler_);
   if (ended_.exchange(true)) return;
+  if (!core_kept_->of_this_process()) return;  // the parent answers
   if (ids_.wants_reply()) {
     try {
       send();
@@ -173,7 +175,8 @@ bool tolk_request::is_wanted() const {
 }
 
 void tolk_request::answer_data(const tolk_block* result, std::unique_ptr<tolk_source> source) {
-  if (!ids_.wants_reply() || (result != nullptr && result->status() != TOLK_OK)) {
+  const bool has_result = result == nullptr || result->status() == TOLK_OK;
+  if (!ids_.wants_reply() || !has_result || !core_kept_->of_this_process()) {
     return answer(result);
   }
   tolk::Content content = tolk::Content::of(result);
@@ -255,8 +258,10 @@ void tolk_request_fail(tolk_request* request, tolk_status status, int32_t code, 
   const std::unique_ptr<tolk_block, void (*)(tolk_block*)> taken(details, tolk_block_free);
   if (request == nullptr) return;
   tolk::Content content;
+  if (details != nullptr && details->status() != TOLK_OK) details = nullptr;
   try {
-    content = tolk::Content::of(details);
+    // With "tolk.types" in it: that of the reply is about its values.
+    if (details != nullptr) content.bytes.view = details->encode();
   } catch (const std::exception&) {  // no memory
     details = nullptr;
   }

@@ -96,6 +96,7 @@ std::shared_ptr<Core> ServerCore::shared() {
 // Host.
 
 tolk_status ServerCore::listen(tolk_error** error) {
+  const WorkerPool::Blocked others_may_run;
   prepare_stopped_hook();
   const auto session = std::make_shared<ServerSession>(*this, endpoint_of(where_));
   set_session(session);

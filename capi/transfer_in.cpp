@@ -20,12 +20,9 @@ TransferIn::TransferIn(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer, s
 
 TransferIn::~TransferIn() = default;
 
-void TransferIn::add(ReceivedPiece piece) {
-  {
-    const auto waiting = waiting_.lock();
-    if (waiting->size() < kMostWaiting) waiting->push_back(std::move(piece));
-  }
-  schedule();
+void TransferIn::put(ReceivedPiece piece) {
+  const auto waiting = waiting_.lock();
+  if (waiting->size() < kMostWaiting) waiting->push_back(std::move(piece));
 }
 
 std::optional<ReceivedPiece> TransferIn::next() {

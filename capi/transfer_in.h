@@ -1,9 +1,9 @@
 // Data that come from a peer: with a call of the peer, or with the answer to a call of ours.
 //
-// The loop thread adds pieces, a step stores them and confirms each. Only what is not stored yet is
+// The loop thread puts pieces, a step stores them and confirms each. Only what is not stored yet is
 // in memory, except for data without a sink.
 //
-// Thread: the loop for add; the rest is of the transfer's steps. Owner: as each transfer.
+// Thread: the loop for put; the rest is of the transfer's steps. Owner: as each transfer.
 // Failure: the pieces are answered with it, and the sink is dropped.
 #pragma once
 
@@ -37,7 +37,8 @@ class TransferIn : public Transfer {
   TransferIn(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer, std::uint64_t total);
   ~TransferIn() override;
 
-  void add(ReceivedPiece piece) TOLK_LOOP;
+  // A schedule follows.
+  void put(ReceivedPiece piece) TOLK_LOOP;
 
  protected:
   // Before the first byte.

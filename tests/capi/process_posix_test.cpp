@@ -85,6 +85,38 @@ TEST_P(CapiProcess, APeerOfAPipeHasAUserAndAProcess) {
   end();
 }
 
+// A child may free what it has of its parent's objects. The peer hears nothing of that.
+TEST_P(CapiProcess, ARequestThatAChildFreesStaysTheParents) {
+  tolk_request* kept = nullptr;
+  Event has_kept;
+  server_methods.add(
+      "keep",
+      [&](tolk_request* request) {
+        kept = request;
+        has_kept.set();
+      },
+      TOLK_INLINE);
+  start();
+  tolk_call call{};
+  call.size = sizeof call;
+  call.method = "keep";
+  call.limit_ms = TOLK_FOREVER;
+  const auto number = tolk_client_start(client.get(), &call);
+  ASSERT_TRUE(has_kept.wait());
+  const pid_t child = fork();
+  if (child == 0) {
+    if (tolk_request_state(kept) != TOLK_CLOSED) _exit(1);
+    tolk_request_free(kept);
+    _exit(0);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << WEXITSTATUS(status);
+  tolk_request_answer(kept, nullptr);
+  EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_OK);
+  end();
+}
+
 class CapiTcp : public Pair {};
 INSTANTIATE_TEST_SUITE_P(All, CapiTcp, testing::Values("tcp4:127.0.0.1:0"),
                          tolk::test::transport_name);
@@ -106,6 +138,60 @@ TEST_P(CapiTcp, AClientThatSaysNothingIsDisconnected) {
   close(silent);
   EXPECT_EQ(tolk::test::call_client(client.get(), "echo", "x").text, "x");
   EXPECT_EQ(tolk_server_clients(server.get(), nullptr, 0), 1U);
+}
+
+// A socket of the loopback that listens.
+int listening_socket(sockaddr_in& at) {
+  at = {};
+  at.sin_family = AF_INET;
+  at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const int made = socket(AF_INET, SOCK_STREAM, 0);
+  socklen_t size = sizeof at;
+  EXPECT_EQ(bind(made, reinterpret_cast<const sockaddr*>(&at), size), 0);
+  EXPECT_EQ(listen(made, 5), 0);
+  EXPECT_EQ(getsockname(made, reinterpret_cast<sockaddr*>(&at), &size), 0);
+  return made;
+}
+
+TEST(CapiSockets, AnInheritedOneIsListenedOn) {
+  sockaddr_in at{};
+  const int inherited = listening_socket(at);
+  Methods methods;
+  methods.add_echo();
+  tolk_server_options options{};
+  options.size = sizeof options;
+  options.methods = methods.get();
+  tolk_server* made = nullptr;
+  tolk_error* error = nullptr;
+  ASSERT_EQ(
+      tolk_server_listen(("fd:" + std::to_string(inherited)).c_str(), &options, &made, &error),
+      TOLK_OK)
+      << tolk_error_text(error);
+  const Owned<tolk_server> server(made);
+  EXPECT_EQ(tolk_server_port(made), ntohs(at.sin_port));
+  EXPECT_EQ(tolk_server_address(made), "tcp4:127.0.0.1:" + std::to_string(ntohs(at.sin_port)));
+  tolk_client* client = nullptr;
+  ASSERT_EQ(tolk_client_connect(tolk_server_address(made), nullptr, &client, nullptr), TOLK_OK);
+  EXPECT_EQ(tolk::test::call_client(client, "echo", "x").text, "x");
+  tolk_client_free(client);
+  EXPECT_EQ(tolk_server_listen("fd:9999", &options, &made, nullptr), TOLK_CANNOT_LISTEN);
+}
+
+// It accepts by the system alone, and never says a word.
+TEST(CapiSockets, AnAttemptThatIsNotAnsweredNamesNoMethod) {
+  sockaddr_in at{};
+  const int silent = listening_socket(at);
+  const std::string address = "tcp4:127.0.0.1:" + std::to_string(ntohs(at.sin_port));
+  tolk_client_options options{};
+  options.size = sizeof options;
+  options.connect_limit_ms = 50;
+  tolk_client* none = nullptr;
+  tolk_error* error = nullptr;
+  EXPECT_EQ(tolk_client_connect(address.c_str(), &options, &none, &error), TOLK_TIMED_OUT);
+  EXPECT_STREQ(tolk_error_method(error), "");
+  EXPECT_EQ(tolk_error_text(error), address + ": the server does not answer");
+  tolk_error_free(error);
+  close(silent);
 }
 
 // A handler of one server waits forever for a call to another one.
