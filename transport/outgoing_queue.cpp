@@ -62,7 +62,8 @@ Sent OutgoingQueue::add(Frame&& frame, bool counts, Send when) {
   if (counts) state->counted += size;
   if (state->sending) return Sent::queued;
   if (when == Send::now && may_send(*state)) send_waiting(state, sent);
-  if (state->closed) return Sent::closed;
+  // A close while this thread sent: the frame may be out.
+  if (state->closed) return Sent::queued;
   if (state->waiting.empty()) return Sent::written;
   if (state->writing || std::exchange(state->flush_is_due, true)) return Sent::queued;
   return Sent::queued_first;
