@@ -8,11 +8,12 @@ namespace {
 constexpr int kLongMs = 20000;
 
 struct CountedDone {
+  explicit CountedDone(Counts& counts_of_row) : counts(counts_of_row) {}
+
   Counts& counts;
   std::atomic<int> calls{0};
 };
 
-// The struct stays until the process ends: a second outcome would be seen.
 void count_done(void* context, const tolk_outcome*) {
   auto& done = *static_cast<CountedDone*>(context);
   if (++done.calls > 1) ++done.counts.done_twice;
@@ -82,13 +83,12 @@ std::string c_address_of(const test::Address& address) {
 
 CountedContext* CountedContext::make(Counts& counts, Answerer* answerer) {
   ++counts.contexts;
-  auto* const context = new CountedContext;
+  auto* const context = kept(std::make_unique<CountedContext>());
   context->counts = &counts;
   context->answerer = answerer;
   return context;
 }
 
-// It is not deleted, so that a second release is seen.
 void CountedContext::release(void* context) {
   auto& self = *static_cast<CountedContext*>(context);
   if (self.freed.exchange(true)) ++self.counts->wrong;
@@ -198,7 +198,7 @@ std::uint64_t start_counted(tolk_client* client, const char* method, unsigned fl
   call.flags = flags;
   call.limit_ms = limit_ms;
   call.done = count_done;
-  call.context = new CountedDone{counts};
+  call.context = kept(std::make_unique<CountedDone>(counts));
   ++counts.started;
   return tolk_client_start(client, &call);
 }

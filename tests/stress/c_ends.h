@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "tests/e2e/support/transports.h"
 #include "tests/stress/frame/run.h"
@@ -21,6 +22,16 @@ namespace tolk::stress {
 
 // As the C interface writes it.
 std::string c_address_of(const test::Address& address);
+
+// Keeps what the library may not use a second time until the process ends, so that such a use is
+// seen. It stays reachable: the leak sanitizer does not count it.
+template <class T>
+T* kept(std::unique_ptr<T> made) {
+  static std::mutex mutex;
+  static auto& all = *new std::deque<std::unique_ptr<T>>;
+  const std::lock_guard<std::mutex> lock(mutex);
+  return all.emplace_back(std::move(made)).get();
+}
 
 // What was given to the library, and what it has given back.
 struct Counts {

@@ -20,8 +20,9 @@ void nap(Random& random) {
 }
 
 struct FreeInDone {
-  Counts& counts;
-  tolk_client* client;
+  explicit FreeInDone(tolk_client* client_to_free) : client(client_to_free) {}
+
+  tolk_client* const client;
   std::atomic<bool> is_freed{false};
 };
 
@@ -71,7 +72,7 @@ class CRacingClient {
   }
 
   void free_in_done() {
-    auto* const freeing = new FreeInDone{counts_, client_};
+    auto* const freeing = kept(std::make_unique<FreeInDone>(client_));
     tolk_call call{};
     call.size = sizeof call;
     call.method = "echo";
