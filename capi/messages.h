@@ -103,6 +103,7 @@ Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failu
 std::string failure_records(const HandlerFailure& failure, std::string_view unknown);
 
 // What the reply says about a call of `method`. TOLK_OK: the result is in it.
+tolk_status status_of(const Message& reply, std::string_view method);
 Failure failure_of(const Message& reply, std::string_view method);
 
 }  // namespace tolk
