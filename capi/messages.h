@@ -96,11 +96,11 @@ struct HandlerFailure {
   const Content* details = nullptr;
 };
 // `unknown`: the name of the method that is not there; a plain caller learns it as a result.
-Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failure,
-                      std::string_view unknown = {});
+[[gnu::cold]] Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failure,
+                                    std::string_view unknown = {});
 
 // The same without an envelope.
-std::string failure_records(const HandlerFailure& failure, std::string_view unknown);
+[[gnu::cold]] std::string failure_records(const HandlerFailure& failure, std::string_view unknown);
 
 // What the reply says about a call of `method`. TOLK_OK: the result is in it.
 Failure failure_of(const Message& reply, std::string_view method);

@@ -229,7 +229,9 @@ void ServerCore::on_message(PeerStream& stream, SharedBytes payload) {
   receive(peer, payload);
 }
 
+// A client whose first reply could not be written has gone before the host has heard of it.
 void ServerCore::announce(const std::shared_ptr<Peer>& peer) {
+  if (peer->is_gone()) return;
   log(TOLK_INFO, [&] { return peer->name() + " connected from " + peer->shown().address; });
   peer->note_announced();
   const auto hook = peer->take_connect_hook();

@@ -3,7 +3,8 @@
 // The buffer is anything that offers `append(const char*, std::size_t)` and `size()`: a
 // std::string, or the memory of a frame that was allocated in one piece with the sizes of record.h.
 // One that has room for whole records may offer `extend(std::size_t)`, which returns where they go:
-// a record that is put together elsewhere must wait for its bytes before it can be copied.
+// a record that is put together elsewhere must wait for its bytes before it can be copied. One that
+// only counts may offer `skip(std::size_t)` instead.
 // Thread: the one that uses the buffer. Owner: the caller owns the buffer.
 // Failure: what the buffer's `append` throws. The record is then incomplete, so callers make room
 // first.
@@ -51,8 +52,7 @@ class Encoder {
 
   // The first half of a key-and-value record. The value's record must follow.
   void add_key(std::string_view key) {
-    const char tag = static_cast<char>(Tag::KeyValue);
-    buffer_.append(&tag, 1);
+    append_written<1>([](char* to) { *to = static_cast<char>(Tag::KeyValue); });
     add_string(key);
   }
 
@@ -67,7 +67,9 @@ class Encoder {
   // Appends what `write` writes.
   template <std::size_t Size, class Write>
   void append_written(const Write& write) {
-    if constexpr (requires(Buffer & buffer) { buffer.extend(Size); }) {
+    if constexpr (requires(Buffer & buffer) { buffer.skip(Size); }) {
+      buffer_.skip(Size);
+    } else if constexpr (requires(Buffer & buffer) { buffer.extend(Size); }) {
       write(buffer_.extend(Size));
     } else {
       char bytes[Size];

@@ -150,6 +150,8 @@ class Frame {
       size_ += count;
       if (takes(large_, taken_, data, count)) large_bytes_ += count;
     }
+    // Bytes of the encoder, which are no large part.
+    void skip(std::size_t count) { size_ += count; }
     std::size_t size() const { return size_; }
     std::size_t taken() const { return taken_; }
     std::size_t own_bytes() const { return size_ - large_bytes_; }
@@ -179,6 +181,11 @@ class Frame {
         std::memcpy(at_, data, count);
         at_ += count;
       }
+    }
+    // Where the encoder writes bytes, which are no large part.
+    char* extend(std::size_t count) {
+      size_ += count;
+      return std::exchange(at_, at_ + count);
     }
     std::size_t size() const { return size_; }
     // Own bytes since the last large part become a buffer.

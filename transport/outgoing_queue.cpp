@@ -177,11 +177,15 @@ Room OutgoingQueue::wait_for_room(std::size_t size, int limit_ms) {
 
 bool OutgoingQueue::wait_until_empty(int limit_ms) {
   bool closed = false;
-  const bool decided = wait(limit_ms, [&](const State& state) {
+  const auto decided = [&](const State& state) {
     closed = state.closed;
     return closed || state.bytes == 0;
-  });
-  return decided && !closed;
+  };
+  if (wait(limit_ms, decided)) return !closed;
+  // A thread that sends may have sent all of it, and only has to say so.
+  auto state = state_.lock();
+  state.wait(changed_, [&](const State& now) { return decided(now) || !now.sending; });
+  return !closed && state->bytes == 0;
 }
 
 // What libuv writes stays until its callback. A thread that sends has only to come back from one

@@ -167,7 +167,7 @@ TEST(ForgottenConnections, OneThatLeavesDisturbsNoOther) {
   RunningServer<ForgettingServer> server({Kind::pipe, "", pipe_name_of_test()});
   std::vector<RawSocket> sockets;
   for (int i = 0; i < 20; ++i) sockets.push_back(connected_to(server.address()));
-  for (const std::size_t leaving : {0, 19, 7, 8, 3}) sockets[leaving].close();
+  for (const std::size_t leaving : {0U, 19U, 7U, 8U, 3U}) sockets[leaving].close();
   wait_until_left(server, 5);
   EXPECT_TRUE(sockets[10].send(std::string(4, '\0')));
   EXPECT_TRUE(server.side->told.wait_for("message"));

@@ -19,6 +19,12 @@ std::unique_ptr<Process> c_peer(const char* side, const test::Address& address) 
   return std::make_unique<Process>(std::vector<std::string>{"c-peer", side, text_of(address)});
 }
 
+// The loop thread may be the last user of some.
+void expect_all_freed(Run& run, const Counts& counts) {
+  run.expect(eventually([&] { return counts.contexts_freed == counts.contexts; }),
+             counts.contexts_freed, " contexts freed of ", counts.contexts);
+}
+
 void kill_a_server(Run& run, Random& random, const test::Address& address) {
   Counts counts;
   const auto server = c_peer("server", address);
@@ -46,8 +52,7 @@ void kill_a_server(Run& run, Random& random, const test::Address& address) {
   tolk_methods_free(methods);
   run.expect(counts.gone == 1 && counts.wrong == 0 && counts.done_twice == 0, "gone ", counts.gone,
              ", wrong ", counts.wrong, ", twice ", counts.done_twice);
-  run.expect(eventually([&] { return counts.contexts_freed == counts.contexts; }),
-             counts.contexts_freed, " contexts freed of ", counts.contexts);
+  expect_all_freed(run, counts);
 }
 
 void kill_a_client(Run& run, Random& random, const test::Address& address) {
@@ -77,6 +82,7 @@ void kill_a_client(Run& run, Random& random, const test::Address& address) {
   tolk_methods_free(methods);
   run.expect(counts.gone == 1 && counts.connected == 1 && counts.wrong == 0, "gone ", counts.gone,
              ", connected ", counts.connected, ", wrong ", counts.wrong);
+  expect_all_freed(run, counts);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -295,6 +296,30 @@ TEST_F(OutgoingQueueFaults, PartThatIsOutAlreadyDoesNotLoseCount) {
   EXPECT_EQ(queue.add(frame_with_size(kBound), true), tolk::Sent::queued_first);
 }
 
+// The bytes are out before the thread that sends them comes back.
+TEST_F(OutgoingQueueFaults, WhoWaitsWithoutATimeoutHearsOfASendUnderWay) {
+  tolk::enter_loop();
+  static tolk::test::Event* sending;
+  static tolk::test::Event* waiting;
+  stream.open();
+  tolk::system_calls.send = [](int, std::span<const uv_buf_t> buffers) {
+    sending->set();
+    EXPECT_TRUE(waiting->wait());
+    return buffers[0].len;
+  };
+  for (int round = 0; round < 20; ++round) {
+    tolk::test::Event begun;
+    tolk::test::Event waits;
+    sending = &begun;
+    waiting = &waits;
+    std::thread sender([&] { EXPECT_EQ(stream.add("x"), tolk::Sent::written); });
+    EXPECT_TRUE(begun.wait());
+    waits.set();
+    EXPECT_TRUE(queue.wait_until_empty(0));
+    sender.join();
+  }
+}
+
 // What a thread waits for, and what it hears.
 class OutgoingQueueWaits : public OutgoingQueueFaults {
  protected:
@@ -420,7 +445,8 @@ TEST(OutgoingQueue, FramesOfTwoThreadsArriveWholeAndInTheOrderOfEach) {
   std::atomic<int> queued{0};
   const auto post = [&](char name) {
     for (int i = 0; i < kFrames; ++i) {
-      Frame frame = frame_of(name + std::to_string(i) + std::string(i % 50, '.'));
+      Frame frame =
+          frame_of(name + std::to_string(i) + std::string(static_cast<std::size_t>(i % 50), '.'));
       tolk::Sent sent = stream.queue.add(std::move(frame), true);
       while (sent == tolk::Sent::full) {
         EXPECT_EQ(stream.queue.wait_for_room(frame.total_bytes(), kPatienceMs), Room::there);
