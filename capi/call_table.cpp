@@ -78,14 +78,18 @@ Outcome Outcome::of(Failure failure) noexcept {
   return outcome;
 }
 
+Outcome Outcome::without_texts(tolk_status status) noexcept {
+  Outcome outcome;
+  outcome.status = status;
+  outcome.error = ErrorRef(static_error(status));
+  return outcome;
+}
+
 Outcome CallTable::MakeOutcome::operator()(const CallRecord& record) const noexcept {
   try {
     return call_(function_, record);
   } catch (const std::exception&) {
-    Outcome outcome;
-    outcome.status = fail_without_memory(nullptr);
-    outcome.error = ErrorRef(no_memory_error());
-    return outcome;
+    return Outcome::without_texts(TOLK_NO_MEMORY);
   }
 }
 

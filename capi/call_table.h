@@ -14,6 +14,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -33,6 +34,16 @@ struct Outcome {
   ErrorRef error;
 
   static Outcome of(Failure failure) noexcept;
+  // The same for a failure that `make` makes. Without memory for it, the outcome has its status.
+  template <class MakeFailure>
+  static Outcome failed(tolk_status status, const MakeFailure& make) noexcept {
+    try {
+      return of(make());
+    } catch (const std::exception&) {
+      return without_texts(status);
+    }
+  }
+  static Outcome without_texts(tolk_status status) noexcept;
 };
 
 // Calls that were started as one, for all clients of a server.

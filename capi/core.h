@@ -139,7 +139,9 @@ class Core {
   // The loop thread carries out the end.
   void on_loop_ending(tolk_status peers_lost) TOLK_LOOP;
   void finish_closing();
-  Outcome outcome_of(const CallRecord& record, tolk_status status, const char* reason) const;
+  // Without memory, it has its status alone.
+  Outcome outcome_of(const CallRecord& record, tolk_status status,
+                     const char* reason) const noexcept;
 
   // True: the object itself has answered.
   virtual bool answers_itself(Peer&, const Message&) TOLK_LOOP { return false; }
@@ -158,6 +160,7 @@ class Core {
   std::atomic<State> state_{State::open};
 
  private:
+  Failure failure_of_call(const CallRecord& record, tolk_status status, const char* reason) const;
   std::shared_ptr<CallRecord> new_record(const tolk_call& call);
   std::uint64_t start_for_all(const tolk_call& call, bool has_data);
   std::uint64_t start_one(const std::shared_ptr<CallRecord>& record, const tolk_call& call,

@@ -35,7 +35,8 @@ const char* reason_of_post(tolk_status status) {
 
 }  // namespace
 
-Outcome Core::outcome_of(const CallRecord& record, tolk_status status, const char* reason) const {
+Failure Core::failure_of_call(const CallRecord& record, tolk_status status,
+                              const char* reason) const {
   Failure failure;
   failure.status = status;
   failure.method = record.method;
@@ -50,7 +51,12 @@ Outcome Core::outcome_of(const CallRecord& record, tolk_status status, const cha
   } else if (status == TOLK_NOT_CONNECTED) {
     say_no_client(failure, record.peer);
   }
-  return Outcome::of(std::move(failure));
+  return failure;
+}
+
+Outcome Core::outcome_of(const CallRecord& record, tolk_status status,
+                         const char* reason) const noexcept {
+  return Outcome::failed(status, [&] { return failure_of_call(record, status, reason); });
 }
 
 std::shared_ptr<CallRecord> Core::new_record(const tolk_call& call) {
@@ -92,8 +98,8 @@ std::uint64_t Core::start_in_child(const tolk_call& call) {
   drop_data(call);
   tolk_error* error = nullptr;
   if (call.done == nullptr) return 0;
-  guarded([&] { fail_post(call.method, TOLK_CLOSED, nullptr, &error); });
-  tell_now(call, TOLK_CLOSED, error == nullptr ? no_memory_error() : error);
+  fail_post(call.method, TOLK_CLOSED, nullptr, &error);
+  tell_now(call, TOLK_CLOSED, error);
   tolk_error_free(error);
   return 0;
 }
@@ -262,12 +268,17 @@ bool Core::cancel_one(std::uint64_t number) {
 tolk_status Core::fail_post(const char* method, tolk_status status, const char* reason,
                             tolk_error** error) const {
   if (status == TOLK_OK) return TOLK_OK;
-  Failure failure;
-  failure.status = status;
-  failure.method = method == nullptr ? "" : method;
-  failure.address = address_;
-  if (reason != nullptr) failure.reason = reason;
-  return fail(error, std::move(failure));
+  const bool has_texts = guarded_or(false, [&] {
+    Failure failure;
+    failure.status = status;
+    failure.method = method == nullptr ? "" : method;
+    failure.address = address_;
+    if (reason != nullptr) failure.reason = reason;
+    fail(error, std::move(failure));
+    return true;
+  });
+  if (!has_texts && error != nullptr) *error = static_error(status);
+  return status;
 }
 
 tolk_status Core::fail_no_client(std::uint64_t id, const char* method, tolk_error** error) const {

@@ -96,14 +96,11 @@ void Core::start_answer(const std::shared_ptr<AnswerOut>& answer, Peer& to) {
 
 void Core::fail_call(std::uint64_t number, tolk_status status, const char* reason, int code) {
   const auto make = [&](const CallRecord& record) {
-    Failure failure;
-    failure.status = status;
-    failure.method = record.method;
-    failure.address = address_;
-    if (record.peer != 0) failure.peer = "client " + std::to_string(record.peer);
-    if (reason != nullptr) failure.reason = reason;
-    failure.code = code;
-    return Outcome::of(std::move(failure));
+    return Outcome::failed(status, [&] {
+      Failure failure = failure_of_call(record, status, reason);
+      failure.code = code;
+      return failure;
+    });
   };
   calls_.complete(number, make, Callbacks::When::later);
 }

@@ -49,10 +49,14 @@ Outcome Core::outcome_of_reply(const CallRecord& record, const Message& reply,
   if (record.done == nullptr && uv_hrtime() > record.deadline) {
     return outcome_of(record, TOLK_TIMED_OUT, nullptr);
   }
-  Failure failure = failure_of(reply, record.method);
-  failure.address = address_;
-  if (record.peer != 0) failure.peer = "client " + std::to_string(record.peer);
-  if (failure.status != TOLK_OK) return Outcome::of(std::move(failure));
+  if (const tolk_status status = status_of(reply, record.method); status != TOLK_OK) {
+    return Outcome::failed(status, [&] {
+      Failure failure = failure_of(reply, record.method);
+      failure.address = address_;
+      if (record.peer != 0) failure.peer = "client " + std::to_string(record.peer);
+      return failure;
+    });
+  }
   std::optional<SharedBytes> data;
   if (!take_answer_data(record, reply, &data)) {
     return outcome_of(record, TOLK_MALFORMED, "data of the answer are missing");

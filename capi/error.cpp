@@ -3,6 +3,7 @@
 #include <array>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "capi/block.h"
 #include "platform/never_destroyed.h"
@@ -65,27 +66,40 @@ Failure with_reason(Failure failure) {
   return failure;
 }
 
-// Made with the library, since there may be no memory for it later.
+// Made with the library, since there may be no memory for them later.
 struct StaticError : tolk_error {
   explicit StaticError(tolk_status status) : tolk_error({.status = status}) { is_static = true; }
 };
-NeverDestroyed<StaticError> without_memory(TOLK_NO_MEMORY);
-// The copy of no error.
-NeverDestroyed<StaticError> without_failure(TOLK_OK);
+
+struct StaticErrors {
+  StaticErrors() : StaticErrors(std::make_index_sequence<kTexts.size()>()) {}
+  template <std::size_t... kStatus>
+  explicit StaticErrors(std::index_sequence<kStatus...>)
+      : of{StaticError(static_cast<tolk_status>(kStatus))...} {}
+
+  std::array<StaticError, kTexts.size()> of;  // each status
+};
+NeverDestroyed<StaticErrors> static_errors;
 
 }  // namespace
 
 const char* status_hint(tolk_status status) noexcept { return texts_of(status).hint; }
 const char* status_reason(tolk_status status) noexcept { return texts_of(status).reason; }
 
-tolk_error* no_memory_error() noexcept { return &*without_memory; }
+tolk_error* static_error(tolk_status status) noexcept {
+  const bool is_known = static_cast<std::size_t>(status) < kTexts.size();
+  return &static_errors->of[is_known ? status : TOLK_NO_MEMORY];
+}
+
+tolk_error* no_memory_error() noexcept { return static_error(TOLK_NO_MEMORY); }
 
 tolk_error* new_error(Failure failure) noexcept {
-  if (failure.status == TOLK_NO_MEMORY) return no_memory_error();
+  const tolk_status status = failure.status;
+  if (status == TOLK_NO_MEMORY) return no_memory_error();
   try {
     return new tolk_error(std::move(failure));
   } catch (const std::exception&) {
-    return no_memory_error();
+    return static_error(status);
   }
 }
 
@@ -156,7 +170,7 @@ const tolk_block* tolk_error_details(const tolk_error* error) {
 }
 
 tolk_error* tolk_error_copy(const tolk_error* error) {
-  if (error == nullptr) return &*tolk::without_failure;
+  if (error == nullptr) return tolk::static_error(TOLK_OK);
   error->owners.fetch_add(1, std::memory_order_relaxed);
   // The host's errors are const to it, not to their count.
   return const_cast<tolk_error*>(error);

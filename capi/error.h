@@ -2,7 +2,7 @@
 //
 // Thread: an error does not change once the host has it; any thread may copy and free it.
 // Owner: counted; the host owns what it gets.
-// Failure: without memory for an error the host gets a static one that says so.
+// Failure: without memory for an error the host gets a static one, which has the status alone.
 #pragma once
 
 #include <tolk/c.h>
@@ -56,7 +56,8 @@ class ErrorRef {
 
 // Never null.
 tolk_error* new_error(Failure failure) noexcept;
-// The static error of TOLK_NO_MEMORY.
+// With the usual texts of the status. Needs no memory.
+tolk_error* static_error(tolk_status status) noexcept;
 tolk_error* no_memory_error() noexcept;
 
 // Gives the host an error, if it wants one, and returns the status.

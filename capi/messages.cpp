@@ -157,7 +157,7 @@ class LargeParts {
   std::size_t count_ = 0;
 };
 
-tolk_status status_of(const Message& reply) {
+tolk_status status_of_error(const Message& reply) {
   for (const Kind& kind : kKinds) {
     if (kind.word == reply.kind) return kind.at_caller;
   }
@@ -288,21 +288,21 @@ std::string failure_records(const HandlerFailure& failure, std::string_view unkn
   return records;
 }
 
+tolk_status status_of(const Message& reply, std::string_view method) {
+  if (!reply.plain.well_formed) return TOLK_MALFORMED;
+  if (reply.error) return status_of_error(reply);
+  return says_no_event(reply, method) ? TOLK_NO_METHOD : TOLK_OK;
+}
+
 Failure failure_of(const Message& reply, std::string_view method) {
   Failure failure;
-  failure.status = TOLK_OK;
+  failure.status = status_of(reply, method);
   failure.method = method;
-  if (!reply.plain.well_formed) {
-    failure.status = TOLK_MALFORMED;
-  } else if (reply.error) {
-    failure.status = status_of(reply);
-    failure.reason = *reply.error;
-    failure.code = reply.code;
-    if (reply.details) {
-      failure.details = tolk_block::of_copy(*reply.details).block;
-    }
-  } else if (says_no_event(reply, method)) {
-    failure.status = TOLK_NO_METHOD;
+  if (!reply.plain.well_formed || !reply.error) return failure;
+  failure.reason = *reply.error;
+  failure.code = reply.code;
+  if (reply.details) {
+    failure.details = tolk_block::of_copy(*reply.details).block;
   }
   return failure;
 }

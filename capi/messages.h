@@ -103,6 +103,7 @@ struct HandlerFailure {
 [[gnu::cold]] std::string failure_records(const HandlerFailure& failure, std::string_view unknown);
 
 // What the reply says about a call of `method`. TOLK_OK: the result is in it.
+tolk_status status_of(const Message& reply, std::string_view method);
 Failure failure_of(const Message& reply, std::string_view method);
 
 }  // namespace tolk

@@ -113,12 +113,13 @@ void tolk_request::part_is_over() {
     peer_->dispatch_next(peer_->ordered());
 }
 
+// In a forked child the request is the parent's, and so is the connection; threads that are not
+// here may have locks.
 template <class Send>
 void tolk_request::end_by(const Send& send) {
   const auto self = shared_from_this();
   const auto held = std::move(held_by_handler_);
-  if (ended_.exchange(true)) return;
-  if (!core_kept_->of_this_process()) return;  // the parent answers
+  if (ended_.exchange(true) || !core_kept_->of_this_process()) return;
   if (ids_.wants_reply()) {
     try {
       send();
@@ -175,8 +176,8 @@ bool tolk_request::is_wanted() const {
 }
 
 void tolk_request::answer_data(const tolk_block* result, std::unique_ptr<tolk_source> source) {
-  const bool has_result = result == nullptr || result->status() == TOLK_OK;
-  if (!ids_.wants_reply() || !has_result || !core_kept_->of_this_process()) {
+  const bool is_answered_at_once = !ids_.wants_reply() || !core_kept_->of_this_process();
+  if (is_answered_at_once || (result != nullptr && result->status() != TOLK_OK)) {
     return answer(result);
   }
   tolk::Content content = tolk::Content::of(result);

@@ -219,7 +219,7 @@ bool ServerCore::may_accept(std::size_t count) {
 // A client is one from its first message on, and the host hears of it before its calls begin.
 void ServerCore::on_message(PeerStream& stream, SharedBytes payload) {
   auto peer = std::static_pointer_cast<Peer>(stream.user());
-  if (peer && peer->holds_back(payload)) return;
+  if (peer && (peer->is_gone() || peer->holds_back(payload))) return;
   const bool is_new = !peer;
   if (is_new) peer = new_peer(stream);
   if (is_new && Message::scan(payload.view).plain.name != kMethodVersion) {

@@ -80,9 +80,11 @@ void PeerStream::on_read(ssize_t count, const char* bytes) {
 
 void PeerStream::feed(std::string_view bytes) {
   int status = UV_ENOMEM;  // there was no memory for what came
+  // A reply that cannot be written ends the stream in here, and with it what the stream keeps.
+  const auto reader = reader_;
   guarded([&] {
     enter_loop();
-    const bool goes_on = reader_->feed(bytes, [this](SharedBytes payload) {
+    const bool goes_on = reader->feed(bytes, [this](SharedBytes payload) {
       enter_loop();
       owner_.read_block().share_with(payload);
       owner_.side().on_message(*this, std::move(payload));
@@ -90,7 +92,7 @@ void PeerStream::feed(std::string_view bytes) {
     });
     status = goes_on ? 0 : UV_EPROTO;
   });
-  if (status != 0 && owner_.takes_messages()) owner_.on_stream_end(*this, status);
+  if (status != 0 && owner_.takes_messages() && !is_closing()) owner_.on_stream_end(*this, status);
 }
 
 }  // namespace tolk

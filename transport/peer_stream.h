@@ -77,7 +77,7 @@ class StreamOwner : public std::enable_shared_from_this<StreamOwner> {
 
 class PeerStream {
  public:
-  explicit PeerStream(StreamOwner& owner) : owner_(owner), reader_(new FrameReader) {}
+  explicit PeerStream(StreamOwner& owner) : owner_(owner) {}
   PeerStream(const PeerStream&) = delete;
   PeerStream& operator=(const PeerStream&) = delete;
 
@@ -120,7 +120,7 @@ class PeerStream {
   StreamOwner& owner_;
   StreamHandle handle_;
   uv_shutdown_t shutdown_{};
-  std::unique_ptr<FrameReader> reader_;
+  std::shared_ptr<FrameReader> reader_ = std::make_shared<FrameReader>();
   std::shared_ptr<StreamUser> user_;
   bool has_read_ = false;
   bool muted_ = false;

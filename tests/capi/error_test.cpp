@@ -93,6 +93,18 @@ TEST(CError, EveryStatusHasItsTexts) {
   EXPECT_STREQ(tolk_version(), "1.1.0");
 }
 
+TEST(CError, EveryStatusHasAnErrorThatNeedsNoMemory) {
+  for (int number = TOLK_OK; number <= TOLK_NO_MEMORY; ++number) {
+    const auto status = static_cast<tolk_status>(number);
+    tolk_error* const error = static_error(status);
+    EXPECT_EQ(tolk_error_status(error), status);
+    EXPECT_STREQ(tolk_error_reason(error), status_reason(status));
+    tolk_error_free(error);
+    EXPECT_EQ(tolk_error_copy(error), error);
+  }
+  EXPECT_EQ(tolk_error_status(static_error(static_cast<tolk_status>(31))), TOLK_NO_MEMORY);
+}
+
 TEST(CError, RunningOutOfMemoryIsAStatus) {
   tolk_error* error = nullptr;
   EXPECT_EQ(guarded_call(&error, []() -> tolk_status { throw std::bad_alloc(); }), TOLK_NO_MEMORY);

@@ -60,6 +60,49 @@ TEST_P(CapiProcess, ObjectsAreClosedInAForkedChild) {
   EXPECT_EQ(tolk_client_wait(client.get(), started, nullptr, nullptr), TOLK_OK);
 }
 
+// The child has the socket too.
+TEST_P(CapiProcess, RequestsAreAnsweredByTheParentAlone) {
+  tolk_request* kept = nullptr;
+  Event begun;
+  server_methods.add("keep", [&](tolk_request* request) {
+    kept = request;
+    begun.set();
+  });
+  start();
+  Done done;
+  tolk_call call{};
+  call.size = sizeof call;
+  call.method = "keep";
+  call.done = Done::call;
+  call.context = &done;
+  tolk_client_start(client.get(), &call);
+  begun.wait();
+  using End = void (*)(tolk_request*);
+  const End ends_of_a_child[] = {
+      [](tolk_request* request) { tolk_request_answer(request, nullptr); },
+      [](tolk_request* request) {
+        tolk_request_answer_data(request, nullptr, tolk_source_memory("x", 1, nullptr, nullptr));
+      },
+      [](tolk_request* request) { tolk_request_fail(request, TOLK_FAILED, 1, "child", nullptr); },
+      tolk_request_free,
+  };
+  for (const End end_request : ends_of_a_child) {
+    const pid_t child = fork();
+    if (child == 0) {
+      end_request(kept);
+      _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  tolk_request_fail(kept, TOLK_FAILED, 2, "parent", nullptr);
+  done.wait();
+  EXPECT_EQ(done.answer.reason, "parent");
+  EXPECT_EQ(done.calls, 1);
+  end();
+}
+
 TEST_P(CapiProcess, APeerOfAPipeHasAUserAndAProcess) {
   std::string user;
   std::int64_t process = -1;

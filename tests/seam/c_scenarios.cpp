@@ -96,9 +96,8 @@ void cancel(CWorld& world) {
   world.wait(call, TOLK_CANCELLED);
   if (request != nullptr) tolk_request_free(request);
   if (Faults::go_on()) return;  // the outcome may come with the end
-  const tolk_status status = CWorld::status_of(call);
-  const bool told = status == TOLK_CANCELLED || status == TOLK_NO_MEMORY;
-  world.expect_that(cancelled ? told : status != TOLK_CANCELLED, "a cancel says what is not true");
+  world.expect_that(cancelled == (CWorld::status_of(call) == TOLK_CANCELLED),
+                    "a cancel says what is not true");
 }
 
 void cancel_all(CWorld& world) {

@@ -101,6 +101,7 @@ struct CWorld::Host {
     auto& owed = *static_cast<Owed*>(context);
     CWorld& world = *owed.world;
     ++owed.outcomes;
+    world.expect_that(tolk_error_status(outcome->error) == outcome->status, "an error of another");
     const char* const reason = tolk_error_reason(outcome->error);
     // The piece that is missing is the one for which there was no memory.
     const bool no_memory = std::strncmp(reason, "no memory", 9) == 0 ||
