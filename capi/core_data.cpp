@@ -248,6 +248,10 @@ void Core::take_plain_piece(const std::shared_ptr<Peer>& peer, const Message& ca
   TolkParamsAccess::parse_shared(piece, copy_of(call.plain.arguments.value_or("")));
   auto joined = peer->plain_pieces().add(piece);
   if (joined) return take_plain_call(peer, call, joined->call_id, joined->bytes);
+  if (peer->plain_pieces().is_above(most_data_bytes())) {
+    log(TOLK_WARNING, [&] { return peer->name() + " has sent too many bytes of large calls"; });
+    return peer->disconnect();
+  }
   if (ids.wants_reply()) peer->send(plain_piece_answer(role_, ids), false);
 }
 

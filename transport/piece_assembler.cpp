@@ -41,15 +41,22 @@ std::optional<PieceAssembler::Joined> PieceAssembler::add(TolkParams& block) {
   GrowingBlock whole;
   {
     auto entries = entries_.lock();
-    Entry& entry = (*entries)[piece->call_id];
+    const auto [at, is_new] = entries->blocks.try_emplace(piece->call_id);
+    Entry& entry = at->second;
+    if (is_new) entries->bytes += kEntryBytes;
     const std::uint32_t now_ms = system_calls.tick_ms();
-    if (now_ms - entry.touched_ms > kStaleMs) entry.bytes.clear();
+    if (now_ms - entry.touched_ms > kStaleMs) {
+      entries->bytes -= entry.bytes.size();
+      entry.bytes.clear();
+    }
     entry.touched_ms = now_ms;
     const std::int64_t declared = std::max<std::int64_t>(piece->total, 0);
     entry.bytes.append(piece->bytes, static_cast<std::size_t>(declared));
+    entries->bytes += piece->bytes.size();
     if (static_cast<std::int64_t>(entry.bytes.size()) < piece->total) return std::nullopt;
+    entries->bytes -= entry.bytes.size() + kEntryBytes;
     whole = std::move(entry.bytes);
-    entries->erase(piece->call_id);
+    entries->blocks.erase(at);
   }
   // Without the lock: the pieces of other calls do not wait while a large block is joined.
   return Joined{piece->call_id, whole.take()};

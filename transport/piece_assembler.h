@@ -1,11 +1,13 @@
 // Joins the pieces of large blocks, by call id.
 //
 // Thread: any worker. Owner: the joined bytes, until the block is complete and handed out.
-// Memory: follows the bytes received, whatever total a peer declares; see GrowingBlock. Each byte
+// Memory: follows the bytes received, whatever total a peer declares; see GrowingBlock. Who bounds
+// it asks is_above after each piece. Each byte
 // is copied once, and no piece waits while much of what came before it is moved. Failure: a
 // malformed piece changes nothing and counts as incomplete.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -27,6 +29,8 @@ class PieceAssembler {
 
   // Takes one piece in. The whole block, once the declared total has come together.
   std::optional<Joined> add(TolkParams& piece);
+  // Whether the blocks that are not complete have more bytes than that, together.
+  bool is_above(std::size_t most_bytes) const { return entries_.lock()->bytes > most_bytes; }
 
  private:
   struct Entry {
@@ -38,7 +42,14 @@ class PieceAssembler {
   // after this long.
   static constexpr std::uint32_t kStaleMs = 60'000;
 
-  Guarded<std::map<int, Entry>> entries_;
+  // What a block costs besides its bytes.
+  static constexpr std::size_t kEntryBytes = 256;
+
+  struct Entries {
+    std::map<int, Entry> blocks;
+    std::size_t bytes = 0;
+  };
+  Guarded<Entries> entries_;
 };
 
 }  // namespace tolk

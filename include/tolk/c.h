@@ -9,18 +9,21 @@
 ///   TOLK_CLOSED, also those that are under way on other threads.
 /// - **Owner.** What a function gives through a `**` parameter, or returns without `const`, is the
 ///   caller's, who frees it with the `_free` of its type; null is allowed there. What is `const`
-///   is borrowed. A function that takes something over says so.
-/// - **Failure.** A function that can fail returns a status. Its last parameter, which may be
-///   null, receives an error object, or null after a success. What it gives by other `**`
-///   parameters is null after a failure.
+///   is borrowed, and so are the client and the server of a request. A function that takes
+///   something over says so.
+/// - **Failure.** A function that can fail returns a status. If its last parameter is one for an
+///   error object, that receives one, or null after a success; it may be null. What the function
+///   gives by other `**` parameters is null after a failure.
 /// - **Texts** end with a zero byte and are UTF-8 by convention; nobody checks that.
 /// - **Structs** have their own size as the first member; one of 0 is TOLK_MISUSE, and nothing of
 ///   it is read. Zero in another member means the default: `tolk_call call = {.size = sizeof call};`
-/// - **Limits** are in milliseconds and hold within 10 ms.
+/// - **Limits** are in milliseconds and hold within 10 ms. 0 is the usual one; for a post, a close
+///   and a wait for a close it means not to wait. Below 0 there is none.
 /// - **Callbacks** run where their object says (see tolk_client_options::execute), inline ones on
 ///   the object's loop thread. They must not throw.
 /// - **Contexts.** A `free_context` is called once, whatever happened: after the last callback
-///   that gets the context has returned, or when the function that took it fails.
+///   that gets the context has returned, or when the function that took it fails. That may be on
+///   any thread, and after the free of the object has returned.
 /// - **Waiting.** A function that waits says so. In an inline callback, or the log, of the same
 ///   object it does not wait for what the loop thread would do: it fails with TOLK_MISUSE.
 /// - **Fork.** In a child, objects of the parent are closed, and may be freed.
@@ -112,7 +115,8 @@ TOLK_API const char* tolk_error_wanted(const tolk_error* error);
 TOLK_API const char* tolk_error_found(const tolk_error* error);
 /// What to try.
 TOLK_API const char* tolk_error_hint(const tolk_error* error);
-/// TOLK_FAILED: the handler's number. Other failures: the system's error number, or 0.
+/// TOLK_FAILED: the handler's number. Other failures: the system's error number as libuv has it,
+/// which is below 0, or 0.
 TOLK_API int32_t tolk_error_code(const tolk_error* error);
 /// What the handler added to its failure; null without.
 TOLK_API const tolk_block* tolk_error_details(const tolk_error* error);
@@ -182,7 +186,7 @@ TOLK_API void tolk_block_add_doubles(tolk_block* block, const double* values, si
 
 // Reading. Indexes from 0 are the positional values; the keyed ones follow them. Any index is
 // allowed. Several threads may read a block that nobody changes. Pointers are valid until the block
-// is changed or freed; those of a received block point into the message.
+// is changed or freed; bytes of a received block lie in the message.
 
 /// The positional values.
 TOLK_API size_t tolk_block_count(const tolk_block* block);
@@ -239,7 +243,8 @@ TOLK_API tolk_status tolk_block_parse(const void* bytes, size_t size, tolk_block
 /// Reads the next bytes, at most `capacity`, and returns how many. 0 ends the transfer with
 /// TOLK_FILE.
 typedef size_t (*tolk_read)(void* context, void* to, size_t capacity);
-/// Takes the next bytes. False ends the transfer with TOLK_FILE.
+/// Takes the next bytes. False ends the transfer with TOLK_FILE. If a handler's source or sink
+/// fails, its caller gets TOLK_FAILED.
 typedef bool (*tolk_write)(void* context, const void* bytes, size_t size);
 /// False cancels the transfer. Called before the first byte, and then as the receiver confirms.
 typedef bool (*tolk_progress)(void* context, uint64_t done, uint64_t total);
@@ -325,7 +330,8 @@ typedef struct tolk_peer {
 /// ends it once, now or later, by tolk_request_answer, _fail or _free.
 typedef void (*tolk_handler)(void* context, tolk_request* request);
 /// Decides where data of `total` bytes go, before the first one. A null sink: into memory, as the
-/// first argument. It must not end the request. A status other than TOLK_OK refuses the transfer.
+/// first argument. It must not end the request. A status other than TOLK_OK refuses the transfer,
+/// and the sink is freed. Not called for data that a peer sends in one message.
 typedef tolk_status (*tolk_accept)(void* context, const tolk_request* request, uint64_t total,
                                    tolk_sink** sink);
 
@@ -348,7 +354,7 @@ TOLK_API tolk_methods* tolk_methods_new(void);
 TOLK_API tolk_status tolk_methods_add(tolk_methods* methods, const char* name, tolk_handler handler,
                                       void* context, const tolk_method_options* options,
                                       tolk_error** error);
-/// Handlers that run go on. False: there was no such method.
+/// Calls that have arrived still run. False: there was no such method.
 TOLK_API bool tolk_methods_remove(tolk_methods* methods, const char* name);
 /// Frees the host's reference; clients and servers keep theirs.
 TOLK_API void tolk_methods_free(tolk_methods* methods);
@@ -379,7 +385,7 @@ TOLK_API void tolk_request_answer(tolk_request* request, tolk_block* result);
 TOLK_API void tolk_request_answer_data(tolk_request* request, tolk_block* result,
                                        tolk_source* source);
 /// Answers with a failure: TOLK_FAILED, TOLK_WRONG_ARGUMENTS, or TOLK_NO_METHOD from a catch-all.
-/// Takes the request and `details`, which may be null.
+/// Another status counts as TOLK_FAILED. Takes the request and `details`, which may be null.
 TOLK_API void tolk_request_fail(tolk_request* request, tolk_status status, int32_t code,
                                 const char* text, tolk_block* details);
 /// Drops the request, the usual end of a posted one: a caller gets TOLK_UNANSWERED.
@@ -417,13 +423,14 @@ typedef struct tolk_client_options {
   /// Runs all callbacks that are not inline, instead of the workers.
   tolk_execute execute;
   tolk_log log;  ///< takes the lines of the log; null: nobody does
-  /// The server has ended the connection. Once; not after a close or free by the host.
+  /// The server has ended the connection. Once; not because of a close or free by the host, but
+  /// perhaps meanwhile.
   void (*on_gone)(void* context, tolk_client* client, const tolk_error* why);
   void* context;              ///< of the three
   tolk_release free_context;  ///< of `context`; may be null
   size_t most_queued_bytes;   ///< of posts that are not yet written; 0: 64 MiB
   size_t most_frame_bytes;    ///< of one message received; 0: 2,147,483,643, the most
-  size_t most_data_bytes;     ///< of data that come without a sink; 0: 2,147,483,643
+  size_t most_data_bytes;     ///< of each transfer without a sink; 0: 2,147,483,643
   unsigned most_requests;     ///< under way at a time, others fail with TOLK_BUSY; 0: 10,000
 } tolk_client_options;
 
@@ -437,7 +444,7 @@ TOLK_API tolk_status tolk_client_call(tolk_client* client, const char* method,
                                       tolk_block** result, tolk_error** error);
 /// Starts a call and returns its number, which is never used again. Does not wait: what is wrong
 /// with the call is its outcome. `done` does not run in here, except without memory: then it runs
-/// at once, and the number is 0.
+/// at once, and the number is 0. A call without `done` and without memory has that number, too.
 TOLK_API uint64_t tolk_client_start(tolk_client* client, const tolk_call* call);
 /// Waits for the outcome of a call without `done` and takes it, once. TOLK_MISUSE: there is no such
 /// call. An outcome that nobody takes is kept until the client's end.
@@ -448,14 +455,14 @@ TOLK_API tolk_status tolk_client_wait(tolk_client* client, uint64_t call, tolk_b
 TOLK_API bool tolk_client_cancel(tolk_client* client, uint64_t call);
 /// Calls without a result. Returns when the call is queued. If most_queued_bytes are queued it
 /// waits, at most `wait_ms`, then fails with TOLK_BUSY. Posts and calls of one thread arrive in
-/// order.
+/// order, except calls with data.
 TOLK_API tolk_status tolk_client_post(tolk_client* client, const char* method,
                                       const tolk_block* arguments, int32_t wait_ms,
                                       tolk_error** error);
 /// Refuses new calls, in both directions, and waits, at most `limit_ms`, until handlers have
 /// returned and posts and answers are written. Then ends the connection: calls under way end with
-/// TOLK_CLOSED. In a callback of the client it does not wait. TOLK_TIMED_OUT: something was not
-/// written.
+/// TOLK_CLOSED. In a callback of the client it does not wait. TOLK_TIMED_OUT: a handler has not
+/// returned, or something was not written.
 TOLK_API tolk_status tolk_client_close(tolk_client* client, int32_t limit_ms);
 /// Closes at once and waits for callbacks that run, except when called in one: the rest then ends
 /// by itself. Every `done` that has not begun runs in here; handlers do not begin.
@@ -481,7 +488,7 @@ typedef struct tolk_server_options {
   void* context;              ///< of the five
   tolk_release free_context;  ///< of `context`; may be null
   bool clients_may_stop;      ///< obey a client's "s_c_close_server"
-  // Quotas. A client above one of the first two is not read from until it is below.
+  // Quotas. A client above one of the first two is not read from until it is a quarter below.
   size_t most_client_bytes;       ///< arguments of its requests, and unwritten answers; 0: 64 MiB
   unsigned most_client_requests;  ///< under way; 0: 1,000
   size_t most_queued_bytes;       ///< of posts to one client; above it posts wait
@@ -517,7 +524,8 @@ TOLK_API tolk_status tolk_server_wait(tolk_server* server, uint64_t call, tolk_b
                                       tolk_error** error);
 /// See tolk_client_cancel.
 TOLK_API bool tolk_server_cancel(tolk_server* server, uint64_t call);
-/// `client`: TOLK_ALL posts to all, encoded once. TOLK_BUSY then: some of them did not get it.
+/// `client`: TOLK_ALL posts to all, encoded once; that there is none is no failure. TOLK_BUSY then:
+/// some of them did not get it.
 TOLK_API tolk_status tolk_server_post(tolk_server* server, uint64_t client, const char* method,
                                       const tolk_block* arguments, int32_t wait_ms,
                                       tolk_error** error);

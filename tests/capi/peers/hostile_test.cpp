@@ -207,6 +207,28 @@ TEST_P(HostileToCapiServer, WhoReadsNoAnswersIsNotRead) {
   EXPECT_TRUE(serves());
 }
 
+// Pieces of large calls that are never complete, each call with few of them.
+TEST_P(HostileToCapiServer, WhoBeginsTooManyLargeCallsIsDisconnected) {
+  tolk_server_options options{};
+  options.most_data_bytes = kMiB;
+  listen(options);
+  RawClient peer(address);
+  int sent = 0;
+  for (; sent < 256; ++sent) {
+    const std::string piece = BlockWriter()
+                                  .add(2 * kMiB)
+                                  .add(Stream{std::string(32768, 'x')})
+                                  .keyed("s_c_largedata", true)
+                                  .keyed("s_c_sw_threadid", sent + 1)
+                                  .bytes();
+    if (!peer.call("s_c_req_body", sent + 1, piece)) break;
+  }
+  EXPECT_GE(sent, 30);
+  EXPECT_LE(sent, 32);
+  EXPECT_TRUE(peer.socket.ended());
+  EXPECT_TRUE(serves());
+}
+
 TEST_P(HostileToCapiServer, WhoSaysNothingIsDisconnected) {
   tolk_server_options options{};
   options.hello_limit_ms = 50;
@@ -367,8 +389,13 @@ TEST_P(HostileToCapiClient, AServerOfAnotherVersionIsRefused) {
     const Address other = fresh_address(GetParam());
     const RawServer wrong(other, each.greeting);
     tolk_client* none = nullptr;
-    EXPECT_EQ(tolk_client_connect(c_address(other).c_str(), nullptr, &none, nullptr), each.status);
+    tolk_error* error = nullptr;
+    EXPECT_EQ(tolk_client_connect(c_address(other).c_str(), nullptr, &none, &error), each.status);
     EXPECT_EQ(none, nullptr);
+    const bool is_refused = each.status == TOLK_REFUSED;
+    EXPECT_STREQ(tolk_error_wanted(error), is_refused ? kVersion : "");
+    EXPECT_STREQ(tolk_error_method(error), "");
+    tolk_error_free(error);
   }
 }
 
