@@ -140,7 +140,7 @@ bool ClientCore::on_connected(uv_loop_t* loop, const Endpoint& where) {
   Peer::Identity identity{0, address(), {}, 0};
   if (!where.is_tcp()) identity.note_user_of(&stream.handle().pipe);
   const auto server =
-      std::make_shared<Peer>(*this, std::move(identity), settings().most_queued_bytes, PeerQuota());
+      Peer::make(*this, std::move(identity), settings().most_queued_bytes, PeerQuota());
   Failure failure;
   failure.status = TOLK_GONE;
   failure.address = address();

@@ -82,7 +82,7 @@ class Core {
   void complete_with_reply(Peer& peer, std::uint64_t number, const Message& reply,
                            const SharedBytes& payload);
   // Starts a call of the library with a `done`.
-  void start_own(std::shared_ptr<CallRecord> record, const std::shared_ptr<Peer>& to,
+  void start_own(const std::shared_ptr<CallRecord>& record, const std::shared_ptr<Peer>& to,
                  const Content& arguments, std::int32_t limit_ms);
   void start_answer(const std::shared_ptr<AnswerOut>& answer, Peer& to);
 
@@ -113,11 +113,8 @@ class Core {
   template <class MakeText>
   void log(tolk_level level, const MakeText& make_text) const {
     if (settings_.log == nullptr) return;
-    guarded([&] {
-      const std::string text = make_text();
-      const Callbacks::Scope scope(*this, true);
-      settings_.log(settings_.context.get(), level, text.c_str());
-    });
+    log_made(
+        level, [](const void* to) { return (*static_cast<const MakeText*>(to))(); }, &make_text);
   }
 
  protected:
@@ -150,7 +147,7 @@ class Core {
   void reply_failure(Peer& peer, const Message& call, const HandlerFailure& failure,
                      std::string_view unknown = {}) TOLK_LOOP;
   bool open_deadlines(uv_loop_t* loop) TOLK_LOOP { return deadlines_.open(loop) == 0; }
-  std::uint64_t start_internal(std::shared_ptr<CallRecord> record,
+  std::uint64_t start_internal(const std::shared_ptr<CallRecord>& record,
                                const std::shared_ptr<Peer>& peer, const Content* arguments,
                                const CallExtras& extras);
   tolk_status take_outcome(Outcome outcome, tolk_block** result, tolk_error** error);
@@ -160,6 +157,8 @@ class Core {
   std::atomic<State> state_{State::open};
 
  private:
+  // Without a template, since lines are many and rare.
+  void log_made(tolk_level level, std::string (*make)(const void*), const void* maker) const;
   Failure failure_of_call(const CallRecord& record, tolk_status status, const char* reason) const;
   std::shared_ptr<CallRecord> new_record(const tolk_call& call);
   std::uint64_t start_for_all(const tolk_call& call, bool has_data);

@@ -170,7 +170,7 @@ std::uint64_t Core::start_one(const std::shared_ptr<CallRecord>& record, const t
   return start_internal(record, to, arguments, extras);
 }
 
-std::uint64_t Core::start_internal(std::shared_ptr<CallRecord> record,
+std::uint64_t Core::start_internal(const std::shared_ptr<CallRecord>& record,
                                    const std::shared_ptr<Peer>& to, const Content* arguments,
                                    const CallExtras& extras) {
   const std::uint64_t number = record->number;
@@ -327,7 +327,8 @@ tolk_status Core::post_one(Peer& to, const char* method, const Content* argument
   Frame frame = post_message(method, arguments);
   const std::size_t size = frame.total_bytes();
   for (;;) {
-    const Sent sent = to.send(std::move(frame), true);
+    const Sent sent = to.send(std::move(frame), true);  // NOLINT(bugprone-use-after-move)
+    // A full queue has not taken it.
     if (sent == Sent::closed) return state_ == State::open ? TOLK_GONE : TOLK_CLOSED;
     if (sent != Sent::full) return TOLK_OK;
     const std::uint64_t now = uv_hrtime();

@@ -284,13 +284,13 @@ void Core::take_plain_call(const std::shared_ptr<Peer>& peer, const Message& las
   peer->dispatch(request);
 }
 
-void Core::start_own(std::shared_ptr<CallRecord> record, const std::shared_ptr<Peer>& to,
+void Core::start_own(const std::shared_ptr<CallRecord>& record, const std::shared_ptr<Peer>& to,
                      const Content& arguments, std::int32_t limit_ms) {
   callbacks_.expect(*record);
   record->is_own = true;
   record->peer = to->id();
   record->deadline = deadline_after(limit_ms);
-  start_internal(std::move(record), to, &arguments, {});
+  start_internal(record, to, &arguments, {});
 }
 
 }  // namespace tolk

@@ -61,6 +61,14 @@ Core::~Core() = default;
 
 bool Core::of_this_process() const { return process_ == platform::generation(); }
 
+void Core::log_made(tolk_level level, std::string (*make)(const void*), const void* maker) const {
+  guarded([&] {
+    const std::string text = make(maker);
+    const Callbacks::Scope scope(*this, true);
+    settings_.log(settings_.context.get(), level, text.c_str());
+  });
+}
+
 bool Core::on_loop_thread() const {
   const auto current = session();
   return current && current->on_own_thread();

@@ -27,6 +27,11 @@ Peer::Peer(Core& core, Identity identity, std::size_t most_queued, PeerQuota quo
   shown_.process = identity_.process;
 }
 
+std::shared_ptr<Peer> Peer::make(Core& core, Identity identity, std::size_t most_queued,
+                                 PeerQuota quota) {
+  return std::make_shared<Peer>(core, std::move(identity), most_queued, quota);
+}
+
 // The peer keeps its prepared tasks; they keep it only while they run.
 template <class Function>
 std::unique_ptr<Task> Peer::prepare(Function function) {

@@ -49,6 +49,8 @@ class Peer final : public StreamUser,
   };
 
   Peer(Core& core, Identity identity, std::size_t most_queued, PeerQuota quota);
+  static std::shared_ptr<Peer> make(Core& core, Identity identity, std::size_t most_queued,
+                                    PeerQuota quota);
 
   std::uint64_t id() const { return shown_.client; }
   const tolk_peer& shown() const { return shown_; }

@@ -63,7 +63,7 @@ class PlainResult {
     const auto core = result->core_;
     const auto peer = result->peer_;
     record->context = result.release();
-    core->start_own(std::move(record), peer, piece, kPieceLimitMs);
+    core->start_own(record, peer, piece, kPieceLimitMs);
   }
 
  private:

@@ -160,8 +160,7 @@ std::shared_ptr<Peer> ServerCore::new_peer(PeerStream& stream) {
              0) {
     identity.address = text_of(name);
   }
-  auto peer =
-      std::make_shared<Peer>(*this, std::move(identity), settings().most_queued_bytes, quota_);
+  auto peer = Peer::make(*this, std::move(identity), settings().most_queued_bytes, quota_);
   peer->set_hooks(make_client_hook(on_connect_), make_client_hook(on_gone_));
   const auto silent = silent_.find(stream.id());
   if (silent != silent_.end()) {

@@ -76,7 +76,7 @@ Frame call_frame(std::string_view name, int call_id, std::optional<std::string_v
   const std::string token_string = token ? token_text(*token) : std::string();
   SharedBytes held;
   if (owner && arguments) held = {std::move(owner), *arguments};
-  return Frame::build_around(std::move(held), [&](auto& encoder) {
+  return Frame::build_around(held, [&](auto& encoder) {
     add_keyed_string(encoder, kKeyName, name);
     add_keyed_int(encoder, kKeyCallId, call_id);
     if (arguments) {

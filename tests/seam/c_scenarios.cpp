@@ -210,7 +210,7 @@ void stop_the_server(CWorld& world) {
   tolk_call call = world.new_call("s_c_close_server", nullptr);
   tolk_client_start(world.client, &call);
   world.wait(call);
-  if (world.status_of(call) != TOLK_OK) return;
+  if (CWorld::status_of(call) != TOLK_OK) return;
   world.expect("a wait for a stopped server",
                tolk_server_wait_closed(world.server, CWorld::limit_ms()));
   world.wait_until_stopped();
