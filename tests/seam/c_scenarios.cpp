@@ -192,6 +192,35 @@ void end_with_calls(CWorld& world) {
   for (const tolk_call& each : calls) world.wait(each, TOLK_CLOSED);
 }
 
+void free_in_callback(CWorld& world, unsigned flags) {
+  const Block arguments = ping();
+  tolk_client* const client = world.client;
+  tolk_call kept = world.new_call("keep", nullptr);
+  tolk_client_start(client, &kept);
+  tolk_call call = world.new_call("echo", arguments.get(), flags);
+  world.free_in(call);
+  tolk_client_start(client, &call);
+  world.wait(call);
+  world.wait(kept, TOLK_CLOSED);
+}
+
+void free_in_a_callback(CWorld& world) { free_in_callback(world, 0); }
+
+void free_in_an_inline_callback(CWorld& world) { free_in_callback(world, TOLK_INLINE); }
+
+void remove_a_method(CWorld& world) {
+  tolk_call before = world.new_call("keep", nullptr);
+  tolk_client_start(world.client, &before);
+  tolk_request* const request = world.kept_request(before);
+  world.expect_that(world.remove_method("keep"), "a method is not there");
+  world.expect_that(!world.remove_method("keep"), "a method that was removed is there");
+  tolk_call after = world.new_call("keep", nullptr);
+  tolk_client_start(world.client, &after);
+  world.wait(after, TOLK_NO_METHOD);
+  if (request != nullptr) tolk_request_answer(request, CWorld::ping());
+  world.wait(before);
+}
+
 void lose_a_client(CWorld& world) {
   tolk_call call = world.new_call("keep", nullptr);
   tolk_client_start(world.client, &call);
@@ -238,6 +267,9 @@ constexpr std::array kAll{
     CScenario{"get data", get_data},
     CScenario{"close", close},
     CScenario{"end with calls", end_with_calls},
+    CScenario{"free in a callback", free_in_a_callback},
+    CScenario{"free in an inline callback", free_in_an_inline_callback},
+    CScenario{"remove a method", remove_a_method},
     CScenario{"lose a client", lose_a_client},
     CScenario{"stop the server", stop_the_server},
 };

@@ -101,7 +101,8 @@ struct CWorld::Host {
     auto& owed = *static_cast<Owed*>(context);
     CWorld& world = *owed.world;
     ++owed.outcomes;
-    world.expect_that(tolk_error_status(outcome->error) == outcome->status, "an error of another");
+    world.expect_that(tolk_error_status(outcome->error) == outcome->status,
+                      "an error has another status");
     const char* const reason = tolk_error_reason(outcome->error);
     // The piece that is missing is the one for which there was no memory.
     const bool no_memory = std::strncmp(reason, "no memory", 9) == 0 ||
@@ -111,6 +112,7 @@ struct CWorld::Host {
     if (outcome->status == TOLK_OK) {
       world.expect_that(is_result_of(owed.method, outcome->result), "a result is wrong");
     }
+    tolk_client_free(owed.frees.exchange(nullptr));
     if (outcome->left == 0) ++owed.last_ones;
     owed.over.release();
   }
@@ -185,6 +187,8 @@ void CWorld::make_methods() {
   add("call back", Host::call_back);
 }
 
+bool CWorld::remove_method(const char* name) { return tolk_methods_remove(methods_, name); }
+
 void CWorld::listen() {
   tolk_server_options options{};
   options.size = sizeof options;
@@ -224,6 +228,7 @@ tolk_client* CWorld::connect() {
 }
 
 void CWorld::end() {
+  for (Owed& owed : owed_) tolk_client_free(owed.frees.exchange(nullptr));
   tolk_client_free(std::exchange(other, nullptr));
   tolk_client_free(std::exchange(client, nullptr));
   tolk_server_free(std::exchange(server, nullptr));
@@ -313,6 +318,10 @@ void CWorld::wait_either(const tolk_call& call, tolk_status right, tolk_status a
 
 tolk_status CWorld::status_of(const tolk_call& call) {
   return static_cast<Owed*>(call.context)->status;
+}
+
+void CWorld::free_in(const tolk_call& call) {
+  static_cast<Owed*>(call.context)->frees = std::exchange(client, nullptr);
 }
 
 void CWorld::skip(const tolk_call& call) { static_cast<Owed*>(call.context)->last_ones = 1; }

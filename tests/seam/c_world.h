@@ -29,6 +29,7 @@ class CWorld {
   CWorld& operator=(const CWorld&) = delete;
 
   void make_methods();
+  bool remove_method(const char* name);
   void listen();
   tolk_client* connect();
   // Frees what there is.
@@ -48,6 +49,8 @@ class CWorld {
   void wait_either(const tolk_call& call, tolk_status right, tolk_status also);
   // The last outcome.
   static tolk_status status_of(const tolk_call& call);
+  // Its `done` frees the client; the end does if that does not come.
+  void free_in(const tolk_call& call);
   // It is not started.
   void skip(const tolk_call& call);
   // Of the handler of "keep"; null when the call has ended before.
@@ -79,6 +82,7 @@ class CWorld {
     CWorld* world = nullptr;
     const char* method = "";
     std::array<char, 80> reason{};
+    std::atomic<tolk_client*> frees{nullptr};
     std::atomic<int> outcomes{0};
     std::atomic<int> last_ones{0};
     std::atomic<tolk_status> status{TOLK_OK};
