@@ -80,19 +80,20 @@ void PeerStream::on_read(ssize_t count, const char* bytes) {
 
 void PeerStream::feed(std::string_view bytes) {
   int status = UV_ENOMEM;  // there was no memory for what came
-  // A reply that cannot be written ends the stream in here, and with it what the stream keeps.
-  const auto reader = reader_;
+  std::unique_ptr<FrameReader> reader = std::move(reader_);
   guarded([&] {
     enter_loop();
     const bool goes_on = reader->feed(bytes, [this](SharedBytes payload) {
       enter_loop();
       owner_.read_block().share_with(payload);
       owner_.side().on_message(*this, std::move(payload));
-      return owner_.takes_messages();
+      return !has_ended_ && owner_.takes_messages();
     });
     status = goes_on ? 0 : UV_EPROTO;
   });
-  if (status != 0 && owner_.takes_messages() && !is_closing()) owner_.on_stream_end(*this, status);
+  if (has_ended_) return;
+  reader_ = std::move(reader);
+  if (status != 0 && owner_.takes_messages()) owner_.on_stream_end(*this, status);
 }
 
 }  // namespace tolk

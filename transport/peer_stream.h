@@ -77,7 +77,7 @@ class StreamOwner : public std::enable_shared_from_this<StreamOwner> {
 
 class PeerStream {
  public:
-  explicit PeerStream(StreamOwner& owner) : owner_(owner) {}
+  explicit PeerStream(StreamOwner& owner) : owner_(owner), reader_(new FrameReader) {}
   PeerStream(const PeerStream&) = delete;
   PeerStream& operator=(const PeerStream&) = delete;
 
@@ -94,8 +94,11 @@ class PeerStream {
   // Ends the writing side once all frames are out; the reading side goes on.
   int shut_down_writing(uv_shutdown_cb done) TOLK_LOOP;
   void close() TOLK_LOOP { close_handle(&handle_.handle); }
-  // The stream has ended: its partial frame goes.
-  void drop_pending() TOLK_LOOP { reader_.reset(); }
+  // The stream has ended, perhaps while it hands on messages: its partial frame goes.
+  void drop_pending() TOLK_LOOP {
+    has_ended_ = true;
+    reader_.reset();
+  }
   bool is_closing() const TOLK_LOOP { return uv_is_closing(&handle_.handle) != 0; }
   // No memory to answer the peer: the stream cannot go on.
   void end_unanswered() TOLK_LOOP;
@@ -120,9 +123,10 @@ class PeerStream {
   StreamOwner& owner_;
   StreamHandle handle_;
   uv_shutdown_t shutdown_{};
-  std::shared_ptr<FrameReader> reader_ = std::make_shared<FrameReader>();
+  std::unique_ptr<FrameReader> reader_;  // null while it feeds
   std::shared_ptr<StreamUser> user_;
   bool has_read_ = false;
+  bool has_ended_ = false;
   bool muted_ = false;
   bool is_wide_ = false;
 };

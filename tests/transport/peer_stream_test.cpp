@@ -40,7 +40,10 @@ class StreamSide final : public tolk::MessageSide, private tolk::PlainReceiver {
   explicit StreamSide(Events& log) : log_(log) {}
 
   void on_message(PeerStream& stream, tolk::SharedBytes payload) TOLK_LOOP override {
-    receive(stream, payload);
+    if (!ends_stream) return receive(stream, payload);
+    log_.emplace_back("ended");
+    stream.close();
+    stream.drop_pending();
   }
   bool accepts_malformed() const override { return malformed_counts; }
   void on_message_without_name() TOLK_LOOP override { log_.emplace_back("no name"); }
@@ -58,6 +61,7 @@ class StreamSide final : public tolk::MessageSide, private tolk::PlainReceiver {
 
   tolk::StreamRules rules;
   bool malformed_counts = false;
+  bool ends_stream = false;
   std::string called;
   tolk::SharedBytes arguments;
   std::atomic<int> calls{0};
@@ -181,6 +185,14 @@ TEST_F(ConnectedStream, FramesOfOneReadAreDroppedOnceNoMessagesAreTaken) {
   peer_sends(std::string(reply().bytes()) + std::string(reply().bytes()));
   run_until_end();
   EXPECT_EQ(log, (Events{"first read", "reply 7", "end EOF"}));
+}
+
+// The answer to a message may be refused, which ends the stream while it hands on others.
+TEST_F(ConnectedStream, FramesAndAPartBehindAMessageThatEndsTheStreamAreDropped) {
+  side.ends_stream = true;
+  peer_sends(std::string(reply().bytes()) + std::string(reply().bytes()) + "xx");
+  run_until([this] { return log.size() >= 2; });
+  EXPECT_EQ(log, (Events{"first read", "ended"}));
 }
 
 TEST_F(ConnectedStream, EndIsAFirstReadToo) {
