@@ -283,8 +283,7 @@ void ServerCore::answer_version_check(Peer& peer, const Message& call) {
         reply_message(Side::server, ids, {copy_of(result), {}}, call.features ? kOwnFeatures : ""),
         false);
   }
-  // A refused answer has ended the connection: nobody would tell that it has gone.
-  if (is_new && !peer.is_gone()) announce(peer.shared_from_this());
+  if (is_new) announce(peer.shared_from_this());
 }
 
 // The connection that asked stays open until its reply has arrived.
