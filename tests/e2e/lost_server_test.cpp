@@ -161,7 +161,7 @@ TEST_P(LostOwnServer, PostJustBeforeItsCloseBegins) {
   expect_mostly(1, [this] { return begun_of(1); });
 }
 
-// Three for each worker: they have 10 ms to begin them all.
+// Each worker gets three posts. The client has 10 ms to begin them all.
 TEST_P(LostOwnServer, PostsJustBeforeItsCloseAllBegin) {
   expect_mostly(12, [this] { return begun_of(12); });
 }

@@ -129,7 +129,7 @@ TEST(OutOfMemory, ParsingAMapOfManyEntriesKeepsWholeOnes) {
       [](TolkParams& block) { EXPECT_EQ(block.ParamsSize(), 0); });
 }
 
-// One for the values, the keys and the bytes; one for what the block has of its own.
+// The parser allocates once for the values, keys and bytes together, and once for the block itself.
 TEST(Memory, AFewValuesNeedOnePiece) {
   const std::string text(16, 't');
   const std::string bytes(64, 'b');

@@ -59,7 +59,7 @@ TEST(BlockWithoutMemory, ReservesHalfAsMuchAheadUntilTheSystemHasIt) {
   EXPECT_EQ(factor_after(attempts_ahead()), 1u);
 }
 
-// One that takes a read of a few bytes at a time never gets whole.
+// A block that offered only a few bytes to each read would never be complete.
 TEST(BlockWithoutMemory, RoomIsWorthARead) {
   GrowingBlock block;
   block.append(std::string(2 * GrowingBlock::kFirstBytes, 'x'), 2 * GrowingBlock::kFirstBytes);
