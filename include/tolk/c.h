@@ -16,7 +16,8 @@
 ///   gives by other `**` parameters is null after a failure.
 /// - **Texts** end with a zero byte and are UTF-8 by convention; nobody checks that.
 /// - **Structs** have their own size as the first member; one of 0 is TOLK_MISUSE, and nothing of
-///   it is read. Zero in another member means the default: `tolk_call call = {.size = sizeof call};`
+///   it is read. Zero in another member means the default:
+///   `tolk_call call = {.size = sizeof call};`
 /// - **Limits** are in milliseconds and hold within 10 ms. 0 is the usual one; for a post, a close
 ///   and a wait for a close it means not to wait. Below 0 there is none.
 /// - **Callbacks** run where their object says (see tolk_client_options::execute), inline ones on
