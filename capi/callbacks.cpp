@@ -75,7 +75,7 @@ void tolk_task::run() {
 }
 
 void tolk_task_run(tolk_task* task) {
-  if (task == nullptr) return;
+  if (task == nullptr || !task->core_->of_this_process()) return;
   const auto held = std::exchange(task->held_by_host_, nullptr);
   if (held) held->run();
 }

@@ -132,7 +132,8 @@ tolk_status tolk_client_close(tolk_client* client, int32_t limit_ms) {
 }
 
 void tolk_client_free(tolk_client* client) {
-  if (client == nullptr) return;
+  // In a forked child, threads of the parent may have left anything of it half done.
+  if (client == nullptr || !client->core->of_this_process()) return;
   const auto core = std::move(client->held_by_host);
   if (core) core->end();
 }

@@ -20,6 +20,13 @@ constexpr std::uint64_t kLongestWaitMs = 10;
 constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 constexpr char kNoAnswer[] = "the server does not answer";
 
+// Of an attempt that fails for another reason than that nobody listens.
+const char* hint_of(int status) {
+  if (status == UV_EACCES || status == UV_EPERM) return "run it as a user who may use the address";
+  if (status == UV_EMFILE || status == UV_ENFILE) return "close files, or allow more open ones";
+  return "look at the address and the network";
+}
+
 }  // namespace
 
 ClientCore::ClientCore(Endpoint where, std::string address, CoreSettings settings,
@@ -46,7 +53,13 @@ tolk_status ClientCore::fail_connect(tolk_status status, const std::string& reas
   failure.status = status;
   failure.address = address();
   failure.reason = reason;
-  if (status == TOLK_NOT_CONNECTED) failure.code = attempt_status_;
+  if (status == TOLK_NOT_CONNECTED) {
+    failure.code = attempt_status_;
+    if (attempt_status_ != UV_ECONNREFUSED && attempt_status_ != UV_ENOENT) {
+      failure.reason = uv_strerror(attempt_status_);
+      failure.hint = hint_of(attempt_status_);
+    }
+  }
   if (!refused_user_.empty()) failure.peer = refused_user_;
   if (status == TOLK_REFUSED && refused_user_.empty()) {
     failure.wanted = kVersionText;

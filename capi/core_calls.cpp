@@ -86,7 +86,9 @@ std::uint64_t Core::start(const tolk_call& given) {
   tolk_call call = options_of(&given);
   auto data = take_data_of(call);
   if (call.limit_ms == 0) call.limit_ms = usual_limit();
-  if (role_ == Side::server && call.client == TOLK_ALL) return start_for_all(call, data != nullptr);
+  if (role_ == Side::server && call.client == TOLK_ALL) {
+    return start_for_all(call, call.source != nullptr || call.sink != nullptr);
+  }
   const auto record = new_record(call);
   record->data = std::move(data);
   const Content content = Content::of(call.arguments);

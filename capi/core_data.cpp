@@ -37,7 +37,8 @@ void drop_data(const tolk_call& given) {
 std::shared_ptr<CallData> Core::take_data_of(const tolk_call& call) {
   std::unique_ptr<tolk_source> source(call.source);
   std::unique_ptr<tolk_sink> sink(call.sink);
-  if (!source && !sink) return nullptr;
+  // Data of the answer may come without a sink too.
+  if (!source && !sink && call.progress == nullptr && call.piece_limit_ms == 0) return nullptr;
   auto data = CallTable::new_data();
   data->source = std::move(source);
   data->answer_data.lock()->sink = std::move(sink);

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::int32_t kUsualLimitMs = 5000;
 constexpr std::int32_t kWorkerPauseMs = 10;
+constexpr int kMomentMs = 10;
 constexpr std::size_t kUsualQueuedBytes = std::size_t{64} << 20;
 constexpr std::size_t kUsualRequests = 10000;
 constexpr std::size_t kUsualDataBytes = frame_format::kMaxPayloadBytes;
@@ -40,6 +41,15 @@ int ms_until(std::uint64_t deadline) {
   if (deadline == UINT64_MAX) return OutgoingQueue::kForever;
   const std::uint64_t now = uv_hrtime();
   return deadline > now ? static_cast<int>((deadline - now) / kNanosecondsPerMs + 1) : 0;
+}
+
+// The loop thread needs a moment, or longer when it is in an inline callback that is slow.
+bool has_ended_by(Session& session, std::uint64_t deadline) {
+  if (deadline != UINT64_MAX) {
+    return session.wait_until_ended(std::chrono::milliseconds(ms_until(deadline) + kMomentMs));
+  }
+  session.wait_until_ended();
+  return true;
 }
 
 }  // namespace
@@ -196,10 +206,11 @@ tolk_status Core::close(std::int32_t limit_ms) {
   const WorkerPool::Blocked others_may_run;
   const bool written = drain(deadline);
   begin_end();
-  if (const auto current = session()) current->wait_until_ended();
-  finish_closing();
+  const auto current = session();
+  const bool ended = !current || has_ended_by(*current, deadline);
+  if (ended) finish_closing();
   callbacks_.start_workers();  // the loop cannot do that any more
-  return written ? TOLK_OK : TOLK_TIMED_OUT;
+  return written && (ended || limit_ms == 0) ? TOLK_OK : TOLK_TIMED_OUT;
 }
 
 // Nothing is sent any more when the streams are closed after this.
@@ -233,10 +244,13 @@ tolk_status Core::wait_closed(std::int32_t limit_ms) {
 // In a callback it does not wait for the loop thread, which may be in an inline one that waits for
 // this thread.
 void Core::end() {
-  if (!of_this_process()) return;
   const auto self = shared();
   const WorkerPool::Blocked others_may_run;
   close(0);
+  if (const auto current = session(); current && !Callbacks::inside(*this)) {
+    current->wait_until_ended();
+    finish_closing();
+  }
   callbacks_.end();
   calls_.forget();
 }

@@ -244,6 +244,15 @@ void Peer::resume_if_below() {
   post(&LoopTasks::resume);
 }
 
+tolk_status Peer::keep_data(std::uint64_t total, std::uint64_t most) {
+  if (total > most) return TOLK_TOO_LARGE;
+  std::uint64_t kept = kept_data_;
+  do {
+    if (kept > most - total) return TOLK_BUSY;
+  } while (!kept_data_.compare_exchange_weak(kept, kept + total));
+  return TOLK_OK;
+}
+
 bool Peer::add_incoming(std::int32_t transfer, std::shared_ptr<RequestIn> data) {
   return incoming_.lock()->emplace(transfer, std::move(data)).second;
 }

@@ -104,6 +104,9 @@ class Peer final : public StreamUser,
   void forget_incoming(std::int32_t transfer, const RequestIn& data);
   // Stops those whose call has this token.
   void end_incoming(std::string_view token);
+  // Counts data of the peer that are to be kept in memory, until they are dropped; or says why not.
+  tolk_status keep_data(std::uint64_t total, std::uint64_t most);
+  void drop_data(std::uint64_t total) { kept_data_ -= total; }
   void end_requests(std::string_view token, tolk_status status);
   void end_all_requests(tolk_status status);
 
@@ -159,6 +162,7 @@ class Peer final : public StreamUser,
   std::atomic<bool> takes_pieces_{false};
   std::atomic<std::size_t> request_count_{0};
   std::atomic<std::size_t> request_bytes_{0};
+  std::atomic<std::uint64_t> kept_data_{0};
   std::atomic<bool> is_paused_{false};
   PeerStream* stream_ TOLK_GUARDED_BY(loop_role) = nullptr;
   // Above the quota: what was read together with the message that reached it.

@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 constexpr std::size_t kFewTypes = 4096;
+constexpr char kTooLargeResult[] = "the result is too large";
 
 // The arguments lie in the message. One that is only lent is copied.
 tolk::SharedBytes arguments_of(const tolk::Message& call, const tolk::SharedBytes& payload) {
@@ -69,7 +70,9 @@ tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tol
 }
 
 tolk_request::~tolk_request() {
-  if (added_ && !ended_) peer_->remove_request(*this, bytes_);
+  if (!added_ || ended_) return;
+  peer_->drop_data(data_bytes_);
+  peer_->remove_request(*this, bytes_);
 }
 
 void tolk_request::set_state(tolk_status state) {
@@ -117,9 +120,11 @@ void tolk_request::part_is_over() {
 // here may have locks.
 template <class Send>
 void tolk_request::end_by(const Send& send) {
+  if (!core_kept_->of_this_process()) return;
   const auto self = shared_from_this();
   const auto held = std::move(held_by_handler_);
-  if (ended_.exchange(true) || !core_kept_->of_this_process()) return;
+  if (ended_.exchange(true)) return;
+  peer_->drop_data(data_bytes_);  // before the caller may send others
   if (ids_.wants_reply()) {
     try {
       send();
@@ -150,19 +155,21 @@ void tolk_request::become_plain(int call_id, const tolk::SharedBytes& block) {
 }
 
 void tolk_request::answer(const tolk_block* result) {
-  if (plain_call_id_ && (result == nullptr || result->status() == TOLK_OK)) {
+  const tolk_status status = result == nullptr ? TOLK_OK : result->status();
+  if (status != TOLK_OK) {
+    const char* const text = result->reason() != nullptr ? result->reason()
+                             : status == TOLK_TOO_LARGE  ? kTooLargeResult
+                                                         : "no memory for the result";
+    return fail({TOLK_FAILED, 0, text, nullptr});
+  }
+  if (plain_call_id_) {
     return end_plain([&] { return std::string(tolk::Content::of(result).whole().view); });
   }
   end_with([&] {
     const tolk::Content content = tolk::Content::of(result);
-    const auto refused = [&](const char* text) {
-      return tolk::failure_message(core_kept_->role(), ids_, {TOLK_FAILED, 0, text, nullptr});
-    };
-    if (result != nullptr && result->reason() != nullptr) return refused(result->reason());
-    if (result != nullptr && result->status() != TOLK_OK)
-      return refused("no memory for the result");
-    if (content.is_too_large()) return refused("the result is too large");
-    return tolk::reply_message(core_kept_->role(), ids_, content);
+    if (!content.is_too_large()) return tolk::reply_message(core_kept_->role(), ids_, content);
+    return tolk::failure_message(core_kept_->role(), ids_,
+                                 {TOLK_FAILED, 0, kTooLargeResult, nullptr});
   });
 }
 

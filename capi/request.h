@@ -35,6 +35,8 @@ struct tolk_request final : tolk_task {
 
   // The peer counts the request, until its end.
   void note_added() { added_ = true; }
+  // Data in memory are to be its first argument. They count for the peer, until its end.
+  void note_data(std::uint64_t total) { data_bytes_ = total; }
   bool has_bad_arguments() const { return bad_arguments_; }
   const tolk::Method& method() const { return *method_; }
   const std::string& name() const { return name_; }
@@ -84,6 +86,7 @@ struct tolk_request final : tolk_task {
   std::optional<int> plain_call_id_;
   const std::string token_;
   const std::size_t bytes_;
+  std::uint64_t data_bytes_ = 0;
   std::uint64_t deadline_ = UINT64_MAX;
   std::unique_ptr<tolk_block> arguments_;
   std::unique_ptr<tolk_block> arguments_before_data_;

@@ -158,7 +158,8 @@ tolk_status tolk_server_wait_closed(tolk_server* server, int32_t limit_ms) {
 }
 
 void tolk_server_free(tolk_server* server) {
-  if (server == nullptr) return;
+  // In a forked child, threads of the parent may have left anything of it half done.
+  if (server == nullptr || !server->core->of_this_process()) return;
   const auto core = std::move(server->held_by_host);
   if (core) core->end();
 }

@@ -110,6 +110,16 @@ void TransferIn::refuse(const ReceivedPiece& piece, tolk_status status, const ch
   peer().send(failure_message(core().role(), piece.ids, {status, 0, text, nullptr}), false);
 }
 
+bool TransferIn::keeps_data(const ReceivedPiece& first) {
+  const tolk_status status = peer().keep_data(total_, core().most_data_bytes());
+  if (status == TOLK_OK) return true;
+  status_ = status;
+  refuse(first, status,
+         status == TOLK_BUSY ? "too many bytes of data are under way"
+                             : "the receiver does not take so many bytes");
+  return false;
+}
+
 void TransferIn::release() {
   if (ran_out_of_memory()) status_ = TOLK_NO_MEMORY;
   const char* const text = ran_out_of_memory() ? kNoMemory : "the transfer has ended";
@@ -152,9 +162,10 @@ bool RequestIn::begin(const ReceivedPiece& first) {
       return false;
     }
   }
-  if (sink_ || total() <= core().most_data_bytes()) return true;
-  refuse(first, TOLK_TOO_LARGE, "the receiver does not take so many bytes");
-  return false;
+  if (sink_) return true;
+  if (!keeps_data(first)) return false;
+  request_->note_data(total());
+  return true;
 }
 
 void RequestIn::on_complete(const ReceivedPiece& last) {
@@ -190,10 +201,10 @@ AnswerIn::AnswerIn(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer, std::
 }
 
 bool AnswerIn::begin(const ReceivedPiece& first) {
-  if (has_sink_ || total() <= core().most_data_bytes()) return true;
-  status_ = TOLK_TOO_LARGE;
-  refuse(first, TOLK_TOO_LARGE, "the caller does not take so many bytes");
-  return false;
+  if (has_sink_) return true;
+  if (!keeps_data(first)) return false;
+  kept_ = total();
+  return true;
 }
 
 void AnswerIn::on_complete(const ReceivedPiece& last) {
@@ -225,6 +236,7 @@ void AnswerIn::on_refused() {
 
 void AnswerIn::release() {
   TransferIn::release();
+  peer().drop_data(kept_);
   Result dropped;
   std::swap(dropped, *result_.lock());
   guarded([&] { on_refused(); });  // unless the call has an outcome

@@ -51,6 +51,8 @@ class TransferIn : public Transfer {
 
   void confirm(const ReceivedPiece& piece);
   void refuse(const ReceivedPiece& piece, tolk_status status, const char* text);
+  // Data without a sink count for their peer, unless they are refused.
+  bool keeps_data(const ReceivedPiece& first);
   // Before the sender hears of it.
   virtual void on_refused() {}
   std::uint64_t total() const { return total_; }
@@ -124,6 +126,7 @@ class AnswerIn final : public TransferIn {
   const Progress progress_;
   const bool has_sink_;
   const bool calls_host_;
+  std::uint64_t kept_ = 0;
   Guarded<Result> result_;  // for the thread that completes the call
 };
 

@@ -332,6 +332,11 @@ TEST_P(CapiContract, AResultThatCannotBeSentIsAFailure) {
     tolk_block_add_int(block, 1);
     tolk_request_answer(request, block);
   });
+  server_methods.add("large", [](tolk_request* request) {
+    tolk_block* const block = tolk_block_new();
+    tolk_block_add_bytes_held(block, "", std::size_t{3} << 30, nullptr, nullptr);  // never read
+    tolk_request_answer(request, block);
+  });
   server_methods.add("fail", [](tolk_request* request) {
     tolk_request_fail(request, TOLK_GONE, 5, "not that", nullptr);
   });
@@ -342,6 +347,7 @@ TEST_P(CapiContract, AResultThatCannotBeSentIsAFailure) {
   const Answer failure = call_client(client.get(), "fail", "");
   EXPECT_EQ(failure.status, TOLK_FAILED);
   EXPECT_EQ(failure.code, 5);
+  EXPECT_EQ(call_client(client.get(), "large", "").reason, "the result is too large");
 }
 
 TEST_P(CapiContract, ACloseRefusesCallsOfBothSidesWhileHandlersRun) {

@@ -1,14 +1,17 @@
 // Forked children, other processes and users, and the end of the process.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <string>
 
 #include "pair.h"
+#include "tests/e2e/support/waiting.h"
 
 namespace {
 
@@ -160,6 +163,58 @@ TEST_P(CapiProcess, ARequestThatAChildFreesStaysTheParents) {
   end();
 }
 
+// What threads of the parent have is neither used nor released in a child.
+TEST_P(CapiProcess, AChildReleasesNothingAndRunsNothing) {
+  struct Seen {
+    Event has_task;
+    tolk_task* task = nullptr;
+    std::atomic<int> released{0};
+  } seen;
+  Methods methods;
+  Event handled;
+  methods.add("handle", [&](tolk_request* request) {
+    handled.set();
+    tolk_request_answer(request, nullptr);
+  });
+  server_methods.add_echo();
+  start();
+  tolk_client_options options{};
+  options.size = sizeof options;
+  options.methods = methods.get();
+  options.context = &seen;
+  options.execute = [](void* context, tolk_task* task) {
+    static_cast<Seen*>(context)->task = task;
+    static_cast<Seen*>(context)->has_task.set();
+  };
+  options.free_context = [](void* context) { ++static_cast<Seen*>(context)->released; };
+  tolk_client* open = nullptr;
+  tolk_client* closed = nullptr;
+  const char* const address = tolk_server_address(server.get());
+  ASSERT_EQ(tolk_client_connect(address, &options, &closed, nullptr), TOLK_OK);
+  EXPECT_EQ(tolk_client_close(closed, TOLK_FOREVER), TOLK_OK);
+  ASSERT_EQ(tolk_client_connect(address, &options, &open, nullptr), TOLK_OK);
+  std::array<std::uint64_t, 3> ids{};
+  const auto count = tolk_server_clients(server.get(), ids.data(), ids.size());
+  ASSERT_GE(count, 2U);
+  EXPECT_EQ(tolk_server_post(server.get(), ids[count - 1], "handle", nullptr, 0, nullptr), TOLK_OK);
+  ASSERT_TRUE(seen.has_task.wait());
+  const pid_t child = fork();
+  if (child == 0) {
+    tolk_task_run(seen.task);
+    tolk_client_free(open);
+    tolk_client_free(closed);
+    _exit(seen.released + (handled.happened() ? 10 : 0));
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << WEXITSTATUS(status);
+  tolk_task_run(seen.task);
+  EXPECT_TRUE(handled.wait());
+  tolk_client_free(open);
+  tolk_client_free(closed);
+  EXPECT_TRUE(tolk::test::eventually([&] { return seen.released == 2; }));
+}
+
 class CapiTcp : public Pair {};
 INSTANTIATE_TEST_SUITE_P(All, CapiTcp, testing::Values("tcp4:127.0.0.1:0"),
                          tolk::test::transport_name);
@@ -235,6 +290,42 @@ TEST(CapiSockets, AnAttemptThatIsNotAnsweredNamesNoMethod) {
   EXPECT_EQ(tolk_error_text(error), address + ": the server does not answer");
   tolk_error_free(error);
   close(silent);
+}
+
+tolk_status connect_and_fail(const char* address, std::string& reason, std::string& hint) {
+  tolk_client* none = nullptr;
+  tolk_error* error = nullptr;
+  const tolk_status status = tolk_client_connect(address, nullptr, &none, &error);
+  reason = tolk_error_reason(error);
+  hint = tolk_error_hint(error);
+  tolk_error_free(error);
+  return status;
+}
+
+TEST(CapiSockets, AnAttemptThatFailsSaysWhatTheSystemSaid) {
+  std::string reason;
+  std::string usual_hint;
+  std::string hint;
+  EXPECT_EQ(connect_and_fail("tcp4:127.0.0.1:1", reason, usual_hint), TOLK_NOT_CONNECTED);
+  EXPECT_EQ(reason, "nobody listens there");
+  EXPECT_EQ(connect_and_fail("pipe:nobody-at-all", reason, usual_hint), TOLK_NOT_CONNECTED);
+  EXPECT_EQ(reason, "nobody listens there");
+  // No connection leads to a multicast address.
+  EXPECT_EQ(connect_and_fail("tcp4:224.0.0.1:5000", reason, hint), TOLK_NOT_CONNECTED);
+  EXPECT_EQ(reason, "network is unreachable");
+  EXPECT_NE(hint, usual_hint);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const int next = dup(0);
+  close(next);
+  rlimit none = before;
+  none.rlim_cur = static_cast<rlim_t>(next);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const tolk_status status = connect_and_fail("pipe:nobody-at-all", reason, hint);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(status, TOLK_NOT_CONNECTED);
+  EXPECT_EQ(reason, "too many open files");
+  EXPECT_NE(hint, usual_hint);
 }
 
 // A handler of one server waits forever for a call to another one.

@@ -251,6 +251,27 @@ TEST_P(CapiRules, ACloseInACallbackKeepsItsLimit) {
   end();
 }
 
+TEST_P(CapiRules, ACloseKeepsItsLimitBehindASlowInlineCallback) {
+  Event begun;
+  Event closed;
+  server_methods.add(
+      "slow",
+      [&](tolk_request* request) {
+        begun.set();
+        EXPECT_TRUE(closed.wait());
+        tolk_request_free(request);
+      },
+      TOLK_INLINE);
+  start();
+  EXPECT_EQ(tolk_client_post(client.get(), "slow", nullptr, 0, nullptr), TOLK_OK);
+  EXPECT_TRUE(begun.wait());
+  EXPECT_EQ(tolk_server_close(server.get(), 20), TOLK_TIMED_OUT);
+  EXPECT_EQ(tolk_server_wait_closed(server.get(), 0), TOLK_TIMED_OUT);
+  closed.set();
+  EXPECT_EQ(tolk_server_wait_closed(server.get(), 20000), TOLK_OK);
+  end();
+}
+
 TEST_P(CapiRules, AFreeCutsTheDrainOfACallbackShort) {
   Event closing;
   Event freed;

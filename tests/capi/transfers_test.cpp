@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "pair.h"
+#include "tests/e2e/support/waiting.h"
 #include "tests/pattern.h"
 
 namespace {
@@ -20,6 +21,7 @@ namespace {
 using tolk::test::Answer;
 using tolk::test::Done;
 using tolk::test::Event;
+using tolk::test::eventually;
 using tolk::test::Owned;
 using tolk::test::Pair;
 using tolk::test::text_block;
@@ -548,6 +550,52 @@ TEST_P(CapiTransfers, TooMuchWithoutASinkIsRefused) {
   EXPECT_EQ(back.run(client.get()), TOLK_TOO_LARGE);
   end();
   EXPECT_EQ(method.handled, 0);
+}
+
+// What a request has counts until its end.
+TEST_P(CapiTransfers, DataInMemoryHaveOneBoundForAllTransfersOfAPeer) {
+  constexpr std::size_t kMost = 4 * kPieceOfTransfer;
+  std::atomic<tolk_request*> kept{nullptr};
+  method.handler = [&](tolk_request* request) { kept = request; };
+  method.add_to(server_methods.get(), "keep");
+  DataMethod fetch;
+  const std::string bytes = some_bytes(3 * kPieceOfTransfer);
+  fetch.handler = [&](tolk_request* request) {
+    tolk_request_answer_data(request, nullptr,
+                             tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr));
+  };
+  fetch.add_to(server_methods.get(), "fetch");
+  tolk_server_options options{};
+  options.most_data_bytes = kMost;
+  listen(options);
+  tolk_client_options mine{};
+  mine.most_data_bytes = kMost;
+  client = connect(mine);
+  for (int round = 0; round < 3; ++round) {
+    DataCall keeps("keep");
+    keeps.raw.source = tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr);
+    keeps.raw.limit_ms = TOLK_FOREVER;
+    const auto number = tolk_client_start(client.get(), &keeps.raw);
+    ASSERT_TRUE(eventually([&] { return kept != nullptr; }));
+    DataCall refused("keep");
+    refused.raw.source = tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr);
+    EXPECT_EQ(refused.run(client.get()), TOLK_BUSY);
+    EXPECT_EQ(refused.reason, "too many bytes of data are under way");
+    tolk_request_answer(kept.exchange(nullptr), nullptr);
+    EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_OK);
+  }
+  // Nobody reads the second one's answer before the first one's has arrived.
+  DataCall first("fetch");
+  first.raw.limit_ms = TOLK_FOREVER;
+  tolk_status second = TOLK_OK;
+  first.may_go_on = [&](std::uint64_t done) {
+    if (done == kPieceOfTransfer) second = DataCall("fetch").run(client.get());
+    return true;
+  };
+  EXPECT_EQ(first.run(client.get()), TOLK_OK) << first.reason;
+  EXPECT_EQ(second, TOLK_BUSY);
+  EXPECT_EQ(DataCall("fetch").run(client.get()), TOLK_OK);
+  end();
 }
 
 // A host that waits on the only thread of its executor.
