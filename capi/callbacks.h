@@ -32,7 +32,7 @@ struct tolk_task : std::enable_shared_from_this<tolk_task> {
   tolk_task& operator=(const tolk_task&) = delete;
 
   // Unless somebody has claimed it.
-  void run();
+  virtual void run();
   // An element for a queue in which the task waits for its turn; a pool's, later.
   std::list<std::shared_ptr<tolk_task>>& queue_place() { return worker_place_; }
 

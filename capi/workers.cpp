@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <limits>
 #include <thread>
 #include <utility>
 
@@ -11,7 +12,10 @@
 namespace tolk {
 namespace {
 
+// The round in which the calling thread began its task.
+constexpr unsigned kNoRound = std::numeric_limits<unsigned>::max();
 thread_local WorkerPool* pool_of_this_thread = nullptr;
+thread_local unsigned round_of_this_thread = kNoRound;
 
 }  // namespace
 
@@ -63,20 +67,23 @@ unsigned WorkerPool::most_threads(const State& state) const {
 
 bool WorkerPool::on_worker() { return pool_of_this_thread != nullptr; }
 
+// Threads that look at the tasks soon.
+std::size_t WorkerPool::coming(const State& state) {
+  return state.polling + state.woken + state.starting + (state.watcher_called ? 1 : 0);
+}
+
 // Whether threads that run, or are called, soon take what waits; and somebody watches that.
 bool WorkerPool::can_wait(State& state) {
-  const int running = static_cast<int>(state.threads) -
-                      static_cast<int>(state.idle - state.woken + state.blocked) -
-                      static_cast<int>(state.watched && !state.watcher_called);
-  if (running <= 0 || state.usual_run * state.waiting.size() > kStayAwake * running) return false;
+  const auto relied_on = static_cast<int>(state.quick + coming(state));
+  if (relied_on == 0 || state.usual_run * state.waiting.size() > kStayAwake * relied_on) {
+    return false;
+  }
   state.watch_wanted = true;
   return state.watched;
 }
 
 bool WorkerPool::lacks_threads(State& state) {
-  const std::size_t coming =
-      state.polling + state.woken + state.starting + (state.watcher_called ? 1 : 0);
-  return state.waiting.size() > coming && !can_wait(state);
+  return state.waiting.size() > coming(state) && !can_wait(state);
 }
 
 // Threads are called without the lock, which they take first.
@@ -130,6 +137,15 @@ void WorkerPool::run_thread() {
   }
 }
 
+void WorkerPool::rely_on_this_thread(State& state) {
+  round_of_this_thread = state.round;
+  ++state.quick;
+}
+
+void WorkerPool::no_longer_rely_on_this_thread(State& state) {
+  if (std::exchange(round_of_this_thread, kNoRound) == state.round) --state.quick;
+}
+
 void WorkerPool::note_run(State& state, Instant begin) {
   constexpr int kWeight = 8;
   state.last_end = instant_now();
@@ -140,12 +156,15 @@ void WorkerPool::note_run(State& state, Instant begin) {
 // Null: the thread is not needed any more, and counts no longer. `begin`: of its last task.
 std::shared_ptr<tolk_task> WorkerPool::next(Instant begin) {
   auto state = state_.lock();
+  no_longer_rely_on_this_thread(*state);
   if (begin != Instant()) note_run(*state, begin);
   const auto is_needed = [&] { return state->threads <= workers_ + state->blocked; };
   if (is_needed() && state->waiting.empty()) stay_awake(state);
   if (is_needed() && state->waiting.empty()) sleep(state);
   if (state->waiting.empty() || !is_needed()) {
     --state->threads;
+    // It may have been called for a task, or have watched.
+    if (!state->waiting.empty()) find_threads(state);
     return nullptr;
   }
   std::shared_ptr<tolk_task> task = std::move(state->waiting.front());
@@ -153,6 +172,7 @@ std::shared_ptr<tolk_task> WorkerPool::next(Instant begin) {
   place.splice(place.end(), state->waiting, state->waiting.begin());
   waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
   ++state->taken;
+  rely_on_this_thread(*state);
   // Nobody else looks after the others.
   if (!state->waiting.empty() && !state->watched) find_threads(state);
   return task;
@@ -187,12 +207,11 @@ bool WorkerPool::is_called(Locked& state) {
   ++state->idle;
   if (state.wait_for(changed_, kIdleLimit, called) && state->woken > 0) --state->woken;
   --state->idle;
-  state->woken = std::min(state->woken, state->idle);
   return !state->waiting.empty();
 }
 
 // The same for the thread that watches: it leaves tasks to the threads that run as long as these
-// take any.
+// take any. When they do not, they are late.
 bool WorkerPool::watch(Locked& state) {
   const auto called = [](const State& now) { return now.watcher_called || now.retired; };
   const std::size_t taken = state->taken;
@@ -200,13 +219,20 @@ bool WorkerPool::watch(Locked& state) {
   state->watch_wanted = false;
   const bool is_called = state.wait_for(watcher_called_, kWatchPeriod, called);
   state->watched = state->watcher_called = false;
-  return !state->waiting.empty() && (is_called || state->taken == taken);
+  if (state->waiting.empty()) return false;
+  if (is_called) return true;
+  if (state->taken != taken) return false;
+  ++state->round;
+  state->quick = 0;
+  return true;
 }
 
 void WorkerPool::change_blocked(int by) {
   auto state = state_.lock();
   state->blocked += static_cast<unsigned>(by);
-  if (by > 0) find_threads(state);
+  if (by < 0) return;
+  no_longer_rely_on_this_thread(*state);
+  find_threads(state);
 }
 
 WorkerPool::Blocked::Blocked() {

@@ -5,7 +5,8 @@
 //
 // A thread takes one task after the other. While handlers are short, a task that comes waits for
 // the threads that run, which costs less than to wake another. An idle thread watches meanwhile:
-// when none takes a task for kWatchPeriod, it does.
+// when none takes a task for kWatchPeriod, it does. The threads that run are late then: no task
+// relies on them until they begin another.
 //
 // Thread: any. Owner: the object and every thread of the pool, which are detached.
 // Failure: a thread that cannot be started is started later. Who has a task for the pool, or is in
@@ -49,6 +50,10 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   void run_here();
   // No task comes any more: idle threads end.
   void retire();
+  // For tests: threads that sleep; whether one more watches; how often threads were late.
+  unsigned idle() const { return state_.lock()->idle; }
+  bool watched() const { return state_.lock()->watched; }
+  unsigned late_rounds() const { return state_.lock()->round; }
   // Whether the calling thread is one of any pool.
   static bool on_worker();
   // Whether it is, and takes another task at once when its task returns.
@@ -77,6 +82,8 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
     unsigned woken = 0;    // of the idle ones, those that are called
     unsigned polling = 0;  // look at the tasks soon
     unsigned blocked = 0;
+    unsigned round = 0;  // begins when threads are found to be late
+    unsigned quick = 0;  // run a task that they began in this round, without a wait in the library
     bool retired = false;
     bool watched = false;  // a thread without a task watches
     bool watcher_called = false;
@@ -89,12 +96,15 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   using Locked = Guarded<State>::Locked;
 
   unsigned most_threads(const State& state) const;
+  static std::size_t coming(const State& state);
   static bool can_wait(State& state);
   static bool lacks_threads(State& state);
   void find_threads(Locked& state);
   void start_thread();
   void run_thread();
   std::shared_ptr<tolk_task> next(Instant begin);
+  static void rely_on_this_thread(State& state);
+  static void no_longer_rely_on_this_thread(State& state);
   static void note_run(State& state, Instant begin);
   void stay_awake(Locked& state);
   void sleep(Locked& state);
