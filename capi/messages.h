@@ -18,6 +18,13 @@
 #include "transport/envelope.h"
 #include "transport/frame.h"
 
+// What runs only in a failure is built for size.
+#if defined(__GNUC__)
+#define TOLK_COLD [[gnu::cold]]
+#else
+#define TOLK_COLD
+#endif
+
 namespace tolk {
 
 inline constexpr char kMethodCancel[] = "tolk.cancel";
@@ -96,11 +103,11 @@ struct HandlerFailure {
   const Content* details = nullptr;
 };
 // `unknown`: the name of the method that is not there; a plain caller learns it as a result.
-[[gnu::cold]] Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failure,
-                                    std::string_view unknown = {});
+TOLK_COLD Frame failure_message(Side side, const CallIds& ids, const HandlerFailure& failure,
+                                std::string_view unknown = {});
 
 // The same without an envelope.
-[[gnu::cold]] std::string failure_records(const HandlerFailure& failure, std::string_view unknown);
+TOLK_COLD std::string failure_records(const HandlerFailure& failure, std::string_view unknown);
 
 // What the reply says about a call of `method`. TOLK_OK: the result is in it.
 tolk_status status_of(const Message& reply, std::string_view method);

@@ -54,8 +54,9 @@ class Frame {
     Measure measure(large);
     Encoder<Measure> measuring(measure, 0);
     fill(measuring);
-    Frame frame(measure, large.first(measure.taken()));
-    Cursor cursor(frame);
+    large = large.first(measure.taken());
+    Frame frame(measure, large);
+    Cursor cursor(frame, large);
     Encoder<Cursor> writing(cursor, 0);
     fill(writing);
     cursor.end();
@@ -166,9 +167,10 @@ class Frame {
   // Writes into memory that was measured before.
   class Cursor {
    public:
-    explicit Cursor(const Frame& frame)
+    // `large`: the parts that the frame holds.
+    Cursor(const Frame& frame, std::span<const SharedBytes> large)
         : block_(*frame.block_),
-          large_(block_.large(), block_.large_count),
+          large_(large),
           begin_(block_.bytes()),
           at_(begin_ + kPrefixBytes) {}
 

@@ -238,7 +238,7 @@ void CWorld::end() {
 
 std::string CWorld::judge() {
   const bool released = eventually([this] { return owed_trouble().empty(); }, kLongWait);
-  if (trouble_ == "" && !released) trouble_ = owed_trouble();
+  if (trouble_.empty() && !released) trouble_ = owed_trouble();
   return trouble_;
 }
 

@@ -41,6 +41,10 @@ std::string bytes_of_frame(const std::string& payload) {
 Frame frame_with_size(std::size_t size) {
   return frame_of(std::string(size - Frame::kPrefixBytes, 'x'));
 }
+// A frame that is not queued stays the caller's.
+tolk::Sent offer(tolk::OutgoingQueue& queue, Frame& frame) {
+  return queue.add(std::move(frame), true);
+}
 
 // A queue on one end of a pair of sockets, with its loop. It closes as its users have to.
 class StreamWithQueue : public tolk::OutgoingEvents {
@@ -264,7 +268,7 @@ TEST_F(OutgoingQueueFaults, BoundHoldsForFramesThatCountAndGivesTheirRoomBack) {
   Frame frame = frame_with_size(kBound - 1);
   EXPECT_EQ(queue.add(std::move(frame), true), tolk::Sent::queued_first);
   Frame next = frame_with_size(5);
-  EXPECT_EQ(queue.add(std::move(next), true), tolk::Sent::full);
+  EXPECT_EQ(offer(queue, next), tolk::Sent::full);
   EXPECT_EQ(next.total_bytes(), 5u) << "the frame stays the caller's";
   EXPECT_EQ(queue.add(std::move(next), false), tolk::Sent::queued);
   EXPECT_EQ(queue.wait_for_room(5, 0), Room::none_in_time);
@@ -442,10 +446,10 @@ TEST(OutgoingQueue, FramesOfTwoThreadsArriveWholeAndInTheOrderOfEach) {
     for (int i = 0; i < kFrames; ++i) {
       Frame frame =
           frame_of(name + std::to_string(i) + std::string(static_cast<std::size_t>(i % 50), '.'));
-      tolk::Sent sent = stream.queue.add(std::move(frame), true);
+      tolk::Sent sent = offer(stream.queue, frame);
       while (sent == tolk::Sent::full) {
         EXPECT_EQ(stream.queue.wait_for_room(frame.total_bytes(), kPatienceMs), Room::there);
-        sent = stream.queue.add(std::move(frame), true);
+        sent = offer(stream.queue, frame);
       }
       ++(sent == tolk::Sent::written ? direct : queued);
       if (sent == tolk::Sent::queued_first) flush_is_due = true;

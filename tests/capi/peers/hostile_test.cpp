@@ -160,7 +160,8 @@ TEST_P(HostileToCapiServer, AFloodAboveTheQuotaIsNotRead) {
   listen(options);
   RawClient peer(address);
   const long before = resident_kib();
-  const std::string arguments = BlockWriter().add(Stream{std::string(128 * 1024, 'x')}).bytes();
+  const std::string arguments =
+      BlockWriter().add(Stream{std::string(std::size_t{128} << 10, 'x')}).bytes();
   const std::string flood = frame(call_payload("keep", 3, arguments, "0x7"));
   int sent = 0;
   while (sent < 1024 && peer.socket.send(flood, Milliseconds(200))) ++sent;
@@ -194,7 +195,7 @@ TEST_P(HostileToCapiServer, NothingAboveTheQuotaBegins) {
 TEST_P(HostileToCapiServer, WhoReadsNoAnswersIsNotRead) {
   tolk_server_options options{};
   options.most_client_requests = 8;
-  options.most_client_bytes = 4 * kMiB;
+  options.most_client_bytes = std::size_t{4} * kMiB;
   listen(options);
   RawClient peer(address);
   peer.socket.shrink_receive_buffer();
