@@ -214,6 +214,18 @@ Figures measure_memory(const Setup& setup) {
   return figures;
 }
 
+Figures measure_rest(const Setup& setup) {
+  constexpr std::chrono::milliseconds kSettle{1000};
+  auto client = setup.contestant.connect(setup.place, 1);
+  must(client->echo(0, pattern(setup.payload_bytes)));
+  std::this_thread::sleep_for(kSettle);
+  const double before = sleeps(setup.processes);
+  const Clock::time_point begin = Clock::now();
+  std::this_thread::sleep_for(setup.turn);
+  const std::chrono::duration<double> passed = Clock::now() - begin;
+  return {{"wakes_s", (sleeps(setup.processes) - before) / passed.count()}};
+}
+
 Figures measure_connect(const Setup& setup) {
   std::vector<double> connect_us;
   std::vector<double> close_us;

@@ -44,6 +44,8 @@ Figures measure_posts(const Setup& setup);
 Figures measure_bulk(const Setup& setup);
 // What a connected client that does nothing costs in the server.
 Figures measure_memory(const Setup& setup);
+// How often a client that does nothing and its server wake.
+Figures measure_rest(const Setup& setup);
 Figures measure_connect(const Setup& setup);
 
 // The value below which `part` (0 to 1) of the values lie. 0 for none.

@@ -30,11 +30,9 @@ constexpr std::chrono::milliseconds kEndLimit{3000};
 constexpr rlim_t kDescriptors = 20000;
 
 using Measure = Figures (*)(const Setup&);
-const std::map<std::string, Measure> kMeasures = {{"echo", measure_echo},
-                                                  {"posts", measure_posts},
-                                                  {"bulk", measure_bulk},
-                                                  {"memory", measure_memory},
-                                                  {"connect", measure_connect}};
+const std::map<std::string, Measure> kMeasures = {
+    {"echo", measure_echo},     {"posts", measure_posts}, {"bulk", measure_bulk},
+    {"memory", measure_memory}, {"rest", measure_rest},   {"connect", measure_connect}};
 
 struct Options {
   std::string measure;
@@ -46,7 +44,7 @@ struct Options {
 };
 
 void describe(CLI::App& app, Options& options, Setup& setup) {
-  app.add_option("measure", options.measure, "echo, posts, bulk, memory or connect")
+  app.add_option("measure", options.measure, "echo, posts, bulk, memory, rest or connect")
       ->required()
       ->check(CLI::IsMember(kMeasures));
   app.add_option("--transport", options.transport, "pipe (default), tcp4 or tcp6")

@@ -1,11 +1,25 @@
 #include "bench/calls/usage.h"
 
 #include <time.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 
 namespace bench {
+namespace {
+
+double number_after(const std::filesystem::path& file, const std::string& name) {
+  std::ifstream words(file);
+  std::string word;
+  while (words >> word && word != name) {
+  }
+  double number = 0;
+  return words >> number ? number : 0;
+}
+
+}  // namespace
 
 double processor_us(const std::vector<pid_t>& processes) {
   double sum = 0;
@@ -22,12 +36,20 @@ double processor_us(const std::vector<pid_t>& processes) {
 double resident_kib(const std::vector<pid_t>& processes) {
   double sum = 0;
   for (const pid_t process : processes) {
-    std::ifstream pages("/proc/" + std::to_string(process) + "/smaps_rollup");
-    std::string word;
-    while (pages >> word && word != "Rss:") {
+    sum += number_after("/proc/" + std::to_string(process) + "/smaps_rollup", "Rss:");
+  }
+  return sum;
+}
+
+double sleeps(const std::vector<pid_t>& processes) {
+  double sum = 0;
+  for (const pid_t process : processes) {
+    std::error_code gone;
+    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+    for (const auto& thread : std::filesystem::directory_iterator(tasks, gone)) {
+      if (thread.path().filename() == std::to_string(gettid())) continue;
+      sum += number_after(thread.path() / "status", "voluntary_ctxt_switches:");
     }
-    double kib = 0;
-    if (pages >> kib) sum += kib;
   }
   return sum;
 }

@@ -11,5 +11,7 @@ namespace bench {
 
 double processor_us(const std::vector<pid_t>& processes);
 double resident_kib(const std::vector<pid_t>& processes);
+// How often their threads have gone to sleep, without the calling one.
+double sleeps(const std::vector<pid_t>& processes);
 
 }  // namespace bench

@@ -38,7 +38,7 @@ def grid(count, columns, width, height):
 
 # --- bars
 
-BAR_PANEL = (330, 238)
+BAR_PANEL = (330, 270)
 NAMES_WIDTH, BARS_WIDTH, BAR_STEP = 104, 150, 16
 
 

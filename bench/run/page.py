@@ -14,9 +14,11 @@ TEXT = pathlib.Path(__file__).parent / "page.md"
 INSTRUCTIONS = pathlib.Path(__file__).parent.parent / "instructions.json"
 COLUMNS = [("A", "p50_us"), ("A", "p99_us"), ("A busy", "p50_us"), ("S", "p50_us"),
            ("S", "p99_us"), ("S", "cpu_us"), ("B", "calls_s"), ("C", "msg_s"), ("D1", "mb_s"),
-           ("D2", "mb_s"), ("E", "kib"), ("H", "connect_us"), ("H", "close_us")]
+           ("D2", "mb_s"), ("E", "kib"), ("H", "connect_us"), ("H", "close_us"),
+           ("I", "wakes_s")]
 HEADS = {"p50_us": "p50 µs", "p99_us": "p99 µs", "cpu_us": "cpu µs", "calls_s": "calls/s",
-         "msg_s": "msg/s", "mb_s": "MB/s", "kib": "KiB", "connect_us": "µs", "close_us": "close µs"}
+         "msg_s": "msg/s", "mb_s": "MB/s", "kib": "KiB", "connect_us": "µs", "close_us": "close µs",
+         "wakes_s": "wake-ups/s"}
 
 
 def table(heads, lines):
@@ -30,10 +32,25 @@ def rounds_of(result):
     return f"{counted} (+{left_out})" if left_out else str(counted)
 
 
+def c_ratios_table(results):
+    lines = []
+    for name, result in results.items():
+        if name in ("F", "G", "I") or "tolk, C" not in rows.names_in(result):
+            continue
+        key = result["figures"][0]
+        cells = []
+        for mine in ("tolk, C", "tolk, C, inline"):
+            cells.append(common.figure(rows.median_of(result, mine, key)) + " " + charts.UNITS[key])
+            cells += [common.figure(rows.ratio(result, mine, one, key)) for one in rows.BASELINES]
+        lines.append([f"{name}: {result['title']}", *cells])
+    heads = ["× floor", "× floor, yielding"]
+    return table(["Row", "tolk, C", *heads, "tolk, C, inline", *heads], lines)
+
+
 def ratios_table(results):
     lines = []
     for name, result in results.items():
-        if name in ("F", "G"):
+        if name in ("F", "G", "I"):
             continue
         key = result["figures"][0]
         cells = [common.figure(rows.median_of(result, "tolk", key)) + " " + charts.UNITS[key]]
@@ -114,7 +131,7 @@ def main():
     results, curves = document.get("rows", {}), document.get("scale", {})
     page = string.Template(TEXT.read_text(encoding="utf-8")).substitute(
         machine=machine_line(document), ratios=ratios_table(results),
-        contestants=contestants_table(results), idle=idle_table(results),
+        c_ratios=c_ratios_table(results), contestants=contestants_table(results), idle=idle_table(results),
         fields=fields_table(results), growth=growth_table(curves),
         instructions=instructions_table(), failures=failures(results))
     (FOLDER / "README.md").write_text(page, encoding="utf-8")

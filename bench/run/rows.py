@@ -78,6 +78,8 @@ ROWS = {
              ["p50_us", "p50_alone_us", "times"], peers={}, rounds=3),
     "H": Row("connect with version check; close", ["connect"],
              ["connect_us", "connect_p99_us", "close_us"], baselines=["bare socket", *BASELINES]),
+    "I": Row("wake-ups of an idle client and its server in a second", ["rest"], ["wakes_s"],
+             rounds=1, turn_ms=3000),
 }
 
 
