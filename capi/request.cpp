@@ -9,6 +9,7 @@
 #include "capi/plain_pieces.h"
 #include "capi/transfer_in.h"
 #include "capi/transfer_out.h"
+#include "transport/pause_point.h"
 #include "transport/token.h"
 
 namespace {
@@ -120,6 +121,7 @@ void tolk_request::end_by(const Send& send) {
   const auto self = shared_from_this();
   const auto held = std::move(held_by_handler_);
   if (ended_.exchange(true) || !core_kept_->of_this_process()) return;
+  TOLK_PAUSE_POINT("request.ending");
   if (ids_.wants_reply()) {
     try {
       send();
@@ -127,6 +129,7 @@ void tolk_request::end_by(const Send& send) {
       peer_->disconnect();
     }
   }
+  TOLK_PAUSE_POINT("request.answered");
   peer_->remove_request(*this, bytes_);
   part_is_over();
 }
