@@ -11,12 +11,13 @@
 namespace tolk::test {
 namespace {
 
-constexpr int kShortLimitMs = 20;
+constexpr int kShortLimitMs = 50;
 constexpr int kCloseLimitMs = 200;
 // An event that does not wait for the held thread is through by then.
 constexpr int kMostCSettleMs = 10;
 constexpr Milliseconds kCHang{20'000};
 constexpr Milliseconds kReach{10'000};
+constexpr Milliseconds kShortReach{1000};
 
 class CHostThread {
  public:
@@ -39,11 +40,13 @@ class CRound {
     set_up();
     Hold hold(cell_.point);
     CHostThread activity(activity_of(cell_.activity));
-    if (!hold.reached(kReach)) give_up("no thread gets to the step");
+    // On a busy machine the limit may pass before.
+    const bool is_limit = cell_.event == CEvent::limit;
+    if (!hold.reached(is_limit ? kShortReach : kReach) && !is_limit)
+      give_up("no thread gets to the step");
     CHostThread event(event_of(cell_.event));
-    const int settle_ms = cell_.event == CEvent::limit
-                              ? 2 * kShortLimitMs
-                              : std::uniform_int_distribution<int>(1, kMostCSettleMs)(random_);
+    const int settle_ms = is_limit ? 2 * kShortLimitMs
+                                   : std::uniform_int_distribution<int>(1, kMostCSettleMs)(random_);
     static_cast<void>(event.ends_within(Milliseconds(settle_ms)));
     hold.release();
     if (!event.ends_within(kCHang)) give_up("the event hangs");
