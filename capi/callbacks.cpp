@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "capi/core.h"
+#include "transport/pause_point.h"
 #include "transport/process_exit.h"
 
 namespace tolk {
@@ -116,6 +117,7 @@ void Callbacks::dispatch(const std::shared_ptr<tolk_task>& task, When when) {
       if (std::exchange(state->dropping, true)) return;
     }
   }
+  TOLK_PAUSE_POINT("callback.listed");
   if (drops) return drop_handlers();
   hand_over(*task, when);
 }
@@ -216,6 +218,7 @@ void Callbacks::claim_listed(State& state, tolk_task& task) {
 
 void Callbacks::run_claimed(tolk_task& task, bool drop) {
   const auto self = std::move(task.place_.front());
+  TOLK_PAUSE_POINT("callback.claimed");
   {
     const Scope scope(core_);
     if (drop) {
@@ -224,6 +227,7 @@ void Callbacks::run_claimed(tolk_task& task, bool drop) {
       task.run_claimed();
     }
   }
+  TOLK_PAUSE_POINT("callback.returned");
   task.expected_by_ = nullptr;
   count_down();
   core_.note_progress();

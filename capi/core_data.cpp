@@ -8,6 +8,7 @@
 #include "capi/request.h"
 #include "params/content.h"
 #include "params/encoder.h"
+#include "transport/pause_point.h"
 #include "transport/token.h"
 
 namespace tolk {
@@ -71,6 +72,7 @@ std::uint64_t Core::start_with_data(const std::shared_ptr<CallRecord>& record,
     return number;
   }
   out->schedule();
+  TOLK_PAUSE_POINT("transfer.begun");
   // A peer that goes from now on completes what is in the table.
   if (to->is_gone()) fail_call(number, TOLK_GONE, nullptr, 0);
   return number;
@@ -122,6 +124,7 @@ void Core::on_deadline(std::uint64_t number) {
     if (!watch(number, due)) fail_call(number, TOLK_NO_MEMORY, nullptr, 0);
     return;
   }
+  TOLK_PAUSE_POINT("limit.passed");
   calls_.complete(
       number, [this](const CallRecord& late) { return outcome_of(late, TOLK_TIMED_OUT, nullptr); },
       Callbacks::When::now);
@@ -185,6 +188,7 @@ void Core::take_piece(const std::shared_ptr<Peer>& peer, const SharedBytes& payl
   if (!piece) {
     return reply_failure(*peer, call, {TOLK_WRONG_ARGUMENTS, 0, "the piece is malformed", nullptr});
   }
+  TOLK_PAUSE_POINT("piece.received");
   ReceivedPiece received{*piece, message, CallIds(call.plain)};
   if (!piece->token.empty()) return take_piece_of_answer(peer, call, std::move(received));
   if (!piece->cancels) return take_piece_of_call(peer, call, std::move(received));

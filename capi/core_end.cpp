@@ -5,6 +5,7 @@
 #include "capi/core.h"
 #include "platform/process.h"
 #include "transport/frame_format.h"
+#include "transport/pause_point.h"
 
 namespace tolk {
 namespace {
@@ -113,6 +114,7 @@ void Core::lose(const std::shared_ptr<Peer>& peer, tolk_status status) {
   const bool is_first = peer->close();
   peers_.lock()->erase(peer->id());
   if (!is_first) return;
+  TOLK_PAUSE_POINT("peer.closed");
   calls_.complete_all_of(
       peer->id(), [&](const CallRecord& record) { return outcome_of(record, status, nullptr); });
   peer->end_all_requests(status);
@@ -180,6 +182,7 @@ void Core::begin_end() {
   drains_alone_ = false;
   calls_.close(
       [this](const CallRecord& record) { return outcome_of(record, TOLK_CLOSED, nullptr); });
+  TOLK_PAUSE_POINT("end.calls_closed");
   const auto current = session();
   if (!current || (!current->enter(Phase::close_asked) && current->phase() != Phase::close_asked)) {
     return finish_closing();  // there is nothing to end, or it has ended
@@ -194,6 +197,7 @@ tolk_status Core::close(std::int32_t limit_ms) {
     log(TOLK_INFO, [&] { return address_ + ": closing"; });
     if (limit_ms != 0) guarded([this] { begin_draining(); });
   }
+  TOLK_PAUSE_POINT("end.draining");
   const std::uint64_t deadline = deadline_after(limit_ms);
   if (Callbacks::inside(*this) || on_loop_thread()) {
     if (limit_ms == 0) {
@@ -251,6 +255,7 @@ void Core::end() {
     current->wait_until_ended();
     finish_closing();
   }
+  TOLK_PAUSE_POINT("end.before_callbacks");
   callbacks_.end();
   calls_.forget();
 }

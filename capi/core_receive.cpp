@@ -9,6 +9,7 @@
 #include "capi/request.h"
 #include "params/encoder.h"
 #include "params/parser.h"
+#include "transport/pause_point.h"
 #include "transport/reserved_names.h"
 
 namespace tolk {
@@ -32,6 +33,7 @@ void Core::receive(const std::shared_ptr<Peer>& peer, const SharedBytes& payload
 
 // A reply without a token is that of a plain server that closes.
 void Core::take_reply(Peer& peer, const Message& reply, const SharedBytes& payload) {
+  TOLK_PAUSE_POINT("reply.received");
   on_reply(peer, reply);
   std::uint64_t number = 0;
   if (reply.plain.token) {
@@ -130,6 +132,7 @@ void Core::take_call(const std::shared_ptr<Peer>& peer, const Message& call,
   if (request->has_bad_arguments()) {
     return request->fail({TOLK_WRONG_ARGUMENTS, 0, "the arguments are not a block", nullptr});
   }
+  TOLK_PAUSE_POINT("request.received");
   peer->dispatch(request);
 }
 

@@ -140,32 +140,35 @@ class CallbackSource final : public tolk_source {
   const Context context_;
 };
 
+// Makes or empties the file when nothing else can fail any more.
 class FileSink final : public tolk_sink {
  public:
-  FileSink(std::string path, std::unique_ptr<File> file)
-      : path_(std::move(path)), file_(std::move(file)) {}
+  explicit FileSink(const char* path)
+      : path_(path), file_(path, UV_FS_O_WRONLY | UV_FS_O_CREAT | UV_FS_O_TRUNC) {}
   ~FileSink() override {
-    file_->close();
-    if (kept_) return;
+    if (status_ < 0 || kept_) return;
+    file_.close();
     FileRequest request;
     uv_fs_unlink(nullptr, request.get(), path_.c_str(), nullptr);
   }
 
+  int status() const { return status_; }
   bool write(std::string_view bytes) override {
     while (!bytes.empty()) {
-      const std::int64_t put = file_->write_at(offset_, bytes.substr(0, kMostBytesAtOnce));
+      const std::int64_t put = file_.write_at(offset_, bytes.substr(0, kMostBytesAtOnce));
       if (put <= 0) return false;
       offset_ += static_cast<std::uint64_t>(put);
       bytes.remove_prefix(static_cast<std::size_t>(put));
     }
     return true;
   }
-  bool finish() override { return file_->close() == 0; }
+  bool finish() override { return file_.close() == 0; }
   void keep() noexcept override { kept_ = true; }
 
  private:
   const std::string path_;
-  const std::unique_ptr<File> file_;
+  File file_;
+  const int status_ = file_.status();  // of the opening
   std::uint64_t offset_ = 0;
   bool kept_ = false;
 };
@@ -233,10 +236,9 @@ tolk_status tolk_sink_file(const char* path, tolk_sink** sink, tolk_error** erro
   if (sink != nullptr) *sink = nullptr;
   return tolk::guarded_call(error, [&] {
     if (path == nullptr || sink == nullptr) return tolk::fail_file(nullptr, 0, error);
-    std::string name(path);
-    auto file = std::make_unique<tolk::File>(path, UV_FS_O_WRONLY | UV_FS_O_CREAT | UV_FS_O_TRUNC);
-    if (file->status() < 0) return tolk::fail_file(path, file->status(), error);
-    *sink = new tolk::FileSink(std::move(name), std::move(file));
+    auto made = std::make_unique<tolk::FileSink>(path);
+    if (made->status() < 0) return tolk::fail_file(path, made->status(), error);
+    *sink = made.release();
     return TOLK_OK;
   });
 }

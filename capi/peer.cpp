@@ -9,6 +9,7 @@
 #include "capi/request.h"
 #include "capi/transfer_in.h"
 #include "platform/peer_user.h"
+#include "transport/pause_point.h"
 
 namespace tolk {
 
@@ -65,7 +66,9 @@ bool Peer::close() {
 }
 
 Sent Peer::send(Frame&& frame, bool counts, Send when) {
+  TOLK_PAUSE_POINT("peer.before_send");
   const Sent sent = out_.add(std::move(frame), counts, when);
+  TOLK_PAUSE_POINT("peer.sent");
   if (sent == Sent::written) on_sent();
   if (sent != Sent::queued_first) return sent;
   if (when == Send::now && core_.on_loop_thread()) {

@@ -52,25 +52,31 @@ class PlainResult {
     encoder.add_int(call_id);
   }
 
-  // Sends the next piece, or ends.
+  // Sends the next piece, or ends. Throws without memory; nothing is sent then.
   static void go_on(std::unique_ptr<PlainResult> result) {
     if (result->is_sent() || !fits_pieces(result->block_)) return result->end();
+    const auto core = result->core_;
+    const auto peer = result->peer_;
     const Content piece{copy_of(result->next()), {}};
     auto record = std::make_shared<CallRecord>(false);
     record->number = next_token();
     record->method = kMethodPieceBody;
     record->done = on_answer;
-    const auto core = result->core_;
-    const auto peer = result->peer_;
-    record->context = result.release();
+    record->context = result.get();
     core->start_own(record, peer, piece, kPieceLimitMs);
+    static_cast<void>(result.release());  // it is the callback's, which may have run
   }
 
  private:
   static void on_answer(void* context, const tolk_outcome* outcome) {
     std::unique_ptr<PlainResult> result(static_cast<PlainResult*>(context));
-    if (outcome->status != TOLK_OK) return result->end();
-    guarded([&] { go_on(std::move(result)); });
+    const auto peer = result->peer_;
+    const auto go_on_or_end = [&] {
+      if (outcome->status != TOLK_OK) return result->end();
+      go_on(std::move(result));
+    };
+    // Without memory for an answer, the caller learns it by the end of the connection.
+    guarded(go_on_or_end, [&](const char*) { peer->disconnect(); });
   }
 
   bool is_sent() const { return sent_ == block_.size(); }

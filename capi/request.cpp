@@ -9,6 +9,7 @@
 #include "capi/plain_pieces.h"
 #include "capi/transfer_in.h"
 #include "capi/transfer_out.h"
+#include "transport/pause_point.h"
 #include "transport/token.h"
 
 namespace {
@@ -124,6 +125,7 @@ void tolk_request::end_by(const Send& send) {
   const auto self = shared_from_this();
   const auto held = std::move(held_by_handler_);
   if (ended_.exchange(true)) return;
+  TOLK_PAUSE_POINT("request.ending");
   peer_->drop_data(data_bytes_);  // before the caller may send others
   if (ids_.wants_reply()) {
     try {
@@ -132,6 +134,7 @@ void tolk_request::end_by(const Send& send) {
       peer_->disconnect();
     }
   }
+  TOLK_PAUSE_POINT("request.answered");
   peer_->remove_request(*this, bytes_);
   part_is_over();
 }

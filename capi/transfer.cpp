@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "capi/core.h"
+#include "transport/pause_point.h"
 
 namespace tolk {
 
@@ -83,6 +84,7 @@ void Transfer::note_listed(const std::shared_ptr<Step>& step) {
 }
 
 void Transfer::run() {
+  TOLK_PAUSE_POINT("transfer.before_step");
   const std::uint32_t seen = asked_;
   try {
     if (!stopped_) step();
@@ -97,6 +99,7 @@ void Transfer::run() {
 void Transfer::end() {
   stopped_ = true;
   if (state_.lock()->is_over) return;
+  TOLK_PAUSE_POINT("transfer.ending");
   release();
   std::shared_ptr<void> after;  // dropped after the lock
   const auto state = state_.lock();

@@ -3,6 +3,7 @@
 #include <array>
 #include <memory>
 
+#include "tests/seam/c_data.h"
 #include "tests/seam/faults.h"
 
 namespace tolk::test {
@@ -265,6 +266,14 @@ constexpr std::array kAll{
     CScenario{"call back", call_back},
     CScenario{"send data", send_data},
     CScenario{"get data", get_data},
+    CScenario{"send data to a sink", send_data_to_a_sink},
+    CScenario{"send data to a sink, executor", send_data_to_a_sink, true, kHost},
+    CScenario{"get data into a sink", get_data_into_a_sink},
+    CScenario{"send a file to a file", send_a_file_to_a_file},
+    CScenario{"cancel a transfer", cancel_a_transfer},
+    CScenario{"a plain client's large call", large_call_of_a_plain_client},
+    CScenario{"give data to a plain client", give_data_to_a_plain_client},
+    CScenario{"exchange data with a plain server", exchange_data_with_a_plain_server},
     CScenario{"close", close},
     CScenario{"end with calls", end_with_calls},
     CScenario{"free in a callback", free_in_a_callback},

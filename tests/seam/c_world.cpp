@@ -16,20 +16,12 @@ constexpr std::chrono::milliseconds kShortWait{20};
 constexpr std::size_t kDataBytes = std::size_t{700} << 10;  // three pieces
 constexpr char kPing[] = "ping";
 
-const std::vector<char>& data() {
-  static const std::vector<char> bytes = [] {
-    std::vector<char> made(kDataBytes);
-    for (std::size_t i = 0; i < made.size(); ++i) made[i] = static_cast<char>(i * 7 + i / 251);
-    return made;
-  }();
-  return bytes;
-}
-
 bool is_data(const tolk_block* block) {
   const Exempt reading;
   std::size_t size = 0;
   const void* const bytes = tolk_block_bytes(block, 0, &size);
-  return bytes != nullptr && size == data().size() && std::memcmp(bytes, data().data(), size) == 0;
+  return bytes != nullptr && size == CWorld::data().size() &&
+         std::memcmp(bytes, CWorld::data().data(), size) == 0;
 }
 
 // False after a short wait if `may_fail`, which may begin meanwhile; otherwise after a long one.
@@ -54,8 +46,6 @@ bool is_result_of(const char* method, const tolk_block* result) {
 
 // The handlers and callbacks.
 struct CWorld::Host {
-  static CWorld& of(void* token) { return *static_cast<Token*>(token)->world; }
-
   static void echo(void*, tolk_request* request) {
     if (is_ping(tolk_request_arguments(request))) return tolk_request_answer(request, ping());
     tolk_request_fail(request, TOLK_WRONG_ARGUMENTS, 0, "not a ping", nullptr);
@@ -156,18 +146,18 @@ void CWorld::run_tasks() {
   }
 }
 
-void* CWorld::new_context() {
+CWorld::Token* CWorld::new_context() {
   Token& token = tokens_[next_token_++];
   token.world = this;
   return &token;
 }
 
+CWorld& CWorld::of(void* token) { return *static_cast<Token*>(token)->world; }
+
 void CWorld::release(void* token) { ++static_cast<Token*>(token)->releases; }
 
-void CWorld::add(const char* name, tolk_handler handler, unsigned flags) {
-  tolk_method_options options{};
+void CWorld::add(const char* name, tolk_handler handler, tolk_method_options options) {
   options.size = sizeof options;
-  options.flags = flags;
   options.free_context = release;
   expect("tolk_methods_add",
          tolk_methods_add(methods_, name, handler, new_context(), &options, nullptr),
@@ -177,10 +167,14 @@ void CWorld::add(const char* name, tolk_handler handler, unsigned flags) {
 void CWorld::make_methods() {
   methods_ = tolk_methods_new();
   add("echo", Host::echo);
-  add("inline", Host::echo, TOLK_INLINE);
-  add("ordered", Host::echo, TOLK_ORDERED);
+  tolk_method_options options{};
+  options.flags = TOLK_INLINE;
+  add("inline", Host::echo, options);
+  options.flags = TOLK_ORDERED;
+  add("ordered", Host::echo, options);
   add("take", Host::take);
   add("give", Host::give);
+  add("stream", Host::give);
   add("refuse", Host::refuse);
   add("drop", Host::drop);
   add("keep", Host::keep);
@@ -207,8 +201,8 @@ void CWorld::listen() {
   expect_that((status == TOLK_OK) == (server != nullptr), "a failed listen gives a server");
 }
 
-tolk_client* CWorld::connect() {
-  if (server == nullptr) return nullptr;
+tolk_client* CWorld::connect(const char* address) {
+  if (address == nullptr && server == nullptr) return nullptr;
   tolk_client_options options{};
   options.size = sizeof options;
   options.methods = methods_;
@@ -220,8 +214,8 @@ tolk_client* CWorld::connect() {
   options.free_context = release;
   tolk_client* made = nullptr;
   tolk_error* error = nullptr;
-  const tolk_status status =
-      tolk_client_connect(tolk_server_address(server), &options, &made, &error);
+  if (address == nullptr) address = tolk_server_address(server);
+  const tolk_status status = tolk_client_connect(address, &options, &made, &error);
   expect("tolk_client_connect", status, TOLK_OK, error);
   expect_that((status == TOLK_OK) == (made != nullptr), "a failed connect gives a client");
   return made;
@@ -320,6 +314,10 @@ tolk_status CWorld::status_of(const tolk_call& call) {
   return static_cast<Owed*>(call.context)->status;
 }
 
+bool CWorld::is_over(const tolk_call& call) {
+  return static_cast<Owed*>(call.context)->last_ones != 0;
+}
+
 void CWorld::free_in(const tolk_call& call) {
   static_cast<Owed*>(call.context)->frees = std::exchange(client, nullptr);
 }
@@ -371,6 +369,15 @@ bool CWorld::is_ping(const tolk_block* block) {
   const Exempt reading;
   const char* const text = tolk_block_text(block, 0, nullptr);
   return text != nullptr && std::strcmp(text, kPing) == 0;
+}
+
+std::span<const char> CWorld::data() {
+  static const std::vector<char> bytes = [] {
+    std::vector<char> made(kDataBytes);
+    for (std::size_t i = 0; i < made.size(); ++i) made[i] = static_cast<char>(i * 7 + i / 251);
+    return made;
+  }();
+  return bytes;
 }
 
 tolk_source* CWorld::source() {

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cstdint>
 #include <semaphore>
+#include <span>
 #include <string>
 #include <thread>
 
@@ -22,6 +23,13 @@ namespace tolk::test {
 class CWorld {
  public:
   enum class Executor { workers, host };
+  // A context, which the library releases once; what has passed through it if it is one of data.
+  struct Token {
+    CWorld* world = nullptr;
+    std::atomic<int> releases{0};
+    std::atomic<std::size_t> bytes{0};
+    std::atomic<bool> is_right{true};
+  };
 
   CWorld(const char* address, Executor executor);
   ~CWorld();
@@ -31,7 +39,8 @@ class CWorld {
   void make_methods();
   bool remove_method(const char* name);
   void listen();
-  tolk_client* connect();
+  // To the world's server, or another one.
+  tolk_client* connect(const char* address = nullptr);
   // Frees what there is.
   void end();
   // After the end, without failures.
@@ -49,6 +58,7 @@ class CWorld {
   void wait_either(const tolk_call& call, tolk_status right, tolk_status also);
   // The last outcome.
   static tolk_status status_of(const tolk_call& call);
+  static bool is_over(const tolk_call& call);
   // Its `done` frees the client; the end does if that does not come.
   void free_in(const tolk_call& call);
   // It is not started.
@@ -63,9 +73,13 @@ class CWorld {
   static int limit_ms();
   static tolk_block* ping();
   static bool is_ping(const tolk_block* block);
+  static std::span<const char> data();
   tolk_source* source();
-  void* new_context();
+  Token* new_context();
+  // The world of a handler or a callback.
+  static CWorld& of(void* token);
   static void release(void* token);
+  void add(const char* name, tolk_handler handler, tolk_method_options options = {});
 
   tolk_server* server = nullptr;
   tolk_client* client = nullptr;
@@ -74,10 +88,6 @@ class CWorld {
   std::atomic<int> servers_stopped{0};
 
  private:
-  struct Token {
-    CWorld* world = nullptr;
-    std::atomic<int> releases{0};
-  };
   struct Owed {
     CWorld* world = nullptr;
     const char* method = "";
@@ -90,7 +100,6 @@ class CWorld {
   };
   struct Host;
 
-  void add(const char* name, tolk_handler handler, unsigned flags = 0);
   void note(const char* what, const char* detail = "");
   tolk_request* take_kept();
   void run_tasks();

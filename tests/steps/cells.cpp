@@ -132,4 +132,15 @@ std::string name_of(const Cell& cell) {
          kEvents[index(cell.event)] + (cell.transport == Transport::pipe ? ", pipe" : ", tcp4");
 }
 
+std::vector<MatrixCell> matrix_cells() {
+  std::vector<MatrixCell> all;
+  for (const Cell& cell : all_cells()) {
+    all.push_back({name_of(cell), [cell]() -> PlayRound {
+                     const auto bystander = std::make_shared<Bystander>(cell.transport);
+                     return [=](std::mt19937& random) { return play(cell, random, *bystander); };
+                   }});
+  }
+  return all;
+}
+
 }  // namespace tolk::test

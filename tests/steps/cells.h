@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/support/waiting.h"
+#include "tests/steps/matrix.h"
 #include "tests/steps/world.h"
 
 namespace tolk::test {
@@ -48,13 +48,6 @@ const std::vector<Step>& all_steps();
 // Without those that make no sense: destroying what is being destroyed.
 std::vector<Cell> all_cells();
 std::string name_of(const Cell& cell);
-
-struct Report {
-  std::string trouble;  // empty when all was well
-  // The latest return of a caller behind the moment at which it had to return, less the documented
-  // allowance for the sweep.
-  Milliseconds latest{};
-};
 
 // Plays the cell once.
 Report play(const Cell& cell, std::mt19937& random, Bystander& bystander);

@@ -1,8 +1,10 @@
-// tolk_steps: holds a thread at each step of a call, a close or a stop while the peer dies, the
-// client closes or is destroyed, or the server stops; then lets it go and looks that every caller
-// comes back in time and that the process is as usable as before.
+// tolk_steps and tolk_c_steps: hold a thread at each step of a call, a close or a stop while the
+// peer dies, an end closes or is freed, or something else happens; then let it go and look that
+// every caller comes back in time and that the process is as usable as before.
 //
 // Each cell of the matrix runs in a process of its own, which the parent watches.
+#include "tests/steps/matrix.h"
+
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,14 +22,13 @@
 #include <string>
 #include <vector>
 
-#include "tests/steps/cells.h"
 #include "tests/steps/pauses.h"
 
 namespace tolk::test {
 namespace {
 
 constexpr char kUsage[] =
-    "Usage: tolk_steps [--rounds N] [--seed N] [--jobs N] [--sample N] [--only TEXT]\n"
+    "Usage: tolk_steps|tolk_c_steps [--rounds N] [--seed N] [--jobs N] [--sample N] [--only TEXT]\n"
     "                  [--late-ms N] [--short-pauses] [--list]\n"
     "  --rounds N      rounds of each cell, 1 unless said\n"
     "  --seed N        0 takes a new one; it is printed\n"
@@ -84,10 +85,10 @@ Options read_options(int count, char** words) {
   return options;
 }
 
-std::vector<Cell> chosen_cells(const Options& options) {
-  std::vector<Cell> cells = all_cells();
-  std::erase_if(cells, [&](const Cell& cell) {
-    return name_of(cell).find(options.only) == std::string::npos;
+std::vector<MatrixCell> chosen_cells(const Options& options) {
+  std::vector<MatrixCell> cells = matrix_cells();
+  std::erase_if(cells, [&](const MatrixCell& cell) {
+    return cell.name.find(options.only) == std::string::npos;
   });
   std::mt19937 random(options.seed);
   std::shuffle(cells.begin(), cells.end(), random);
@@ -119,7 +120,7 @@ void note_latest(std::int64_t late_ms) {
 }
 
 // In a process of its own. Its exit status says whether all was well.
-[[noreturn]] void run_cell(const Cell& cell, unsigned seed, const Options& options) {
+[[noreturn]] void run_cell(const MatrixCell& cell, unsigned seed, const Options& options) {
   std::ios_base::sync_with_stdio(false);
   static Silence silence;
   std::cout.rdbuf(&silence);
@@ -129,13 +130,13 @@ void note_latest(std::int64_t late_ms) {
   Milliseconds latest{};
   int status = 0;
   {
-    Bystander bystander(cell.transport);
+    const PlayRound play = cell.begin();
     for (int round = 0; round < options.rounds && status == 0; ++round) {
-      const Report report = play(cell, random, bystander);
+      const Report report = play(random);
       latest = std::max(latest, report.latest);
       note_latest(latest.count());
       if (report.trouble.empty() && latest.count() <= options.late_ms) continue;
-      std::fprintf(stderr, "%s, round %d: %s, latest %lld ms\n", name_of(cell).c_str(), round,
+      std::fprintf(stderr, "%s, round %d: %s, latest %lld ms\n", cell.name.c_str(), round,
                    report.trouble.c_str(), static_cast<long long>(latest.count()));
       status = 1;
     }
@@ -148,12 +149,12 @@ class Jobs {
  public:
   explicit Jobs(const Options& options) : options_(options) {}
 
-  void begin(const Cell& cell, unsigned seed) {
+  void begin(const MatrixCell& cell, unsigned seed) {
     if (running_.size() >= static_cast<std::size_t>(options_.jobs)) wait_for_one();
     const pid_t child = fork();
     if (child < 0) std::abort();
     if (child == 0) run_cell(cell, seed, options_);
-    running_.emplace(child, name_of(cell));
+    running_.emplace(child, cell.name);
   }
   void wait_for_all() {
     while (!running_.empty()) wait_for_one();
@@ -181,9 +182,9 @@ class Jobs {
 };
 
 int run(const Options& options) {
-  const std::vector<Cell> cells = chosen_cells(options);
+  const std::vector<MatrixCell> cells = chosen_cells(options);
   if (options.list) {
-    for (const Cell& cell : cells) std::puts(name_of(cell).c_str());
+    for (const MatrixCell& cell : cells) std::puts(cell.name.c_str());
     return 0;
   }
   latest_of_all();  // before the first fork
@@ -191,7 +192,7 @@ int run(const Options& options) {
   std::fflush(stdout);
   Jobs jobs(options);
   unsigned seed = options.seed;
-  for (const Cell& cell : cells) jobs.begin(cell, ++seed);
+  for (const MatrixCell& cell : cells) jobs.begin(cell, ++seed);
   jobs.wait_for_all();
   std::printf("%zu cells, %d rounds each, %d failed; the latest caller was %lld ms late\n",
               cells.size(), options.rounds, jobs.failures(),

@@ -1,0 +1,106 @@
+// A client and a server of the C interface for one round of the matrix, and a record of what the
+// library owes their host: each outcome once, each context released once, an on_gone for each
+// on_connect.
+//
+// Thread: made and ended by one thread; its handlers and callbacks run on any.
+// Owner: the record lives on while the library owes something.
+#pragma once
+
+#include <tolk/c.h>
+
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/support/transports.h"
+#include "tests/steps/relay.h"
+
+namespace tolk::test {
+
+class COwed {
+ public:
+  struct Context {
+    COwed* owed = nullptr;
+    std::atomic<int> releases{0};
+    std::atomic<std::size_t> bytes{0};  // of a source or a sink
+  };
+  struct Call {
+    COwed* owed = nullptr;
+    std::atomic<int> outcomes{0};
+    std::atomic<tolk_status> status{TOLK_OK};
+  };
+
+  Context* new_context();
+  static void release(void* context);
+  Call* new_call();
+  static void done(void* call, const tolk_outcome* outcome);
+  void keep(tolk_request* request);
+  // Of the requests that were kept, the latest; null without one.
+  tolk_request* take_kept();
+  std::size_t kept() const;
+
+  // Empty when all calls have had their outcome.
+  std::string open_calls() const;
+  // Empty when nothing is owed any more.
+  std::string open_contexts() const;
+
+  std::atomic<int> connects{0};
+  std::atomic<int> gones{0};
+  std::atomic<std::uint64_t> client_id{0};
+  std::atomic<bool> has_wrong_result{false};
+
+ private:
+  mutable std::mutex mutex_;
+  std::deque<Context> contexts_;
+  std::deque<Call> calls_;
+  std::vector<tolk_request*> kept_;
+};
+
+class CPair {
+ public:
+  explicit CPair(Transport transport);
+  ~CPair();
+  CPair(const CPair&) = delete;
+  CPair& operator=(const CPair&) = delete;
+
+  // Listens and connects, through the relay.
+  bool come_up();
+  // Directly.
+  tolk_client* connect_another();
+  // Empty when calls in both directions are answered, else what is not.
+  std::string trouble();
+  // Ends what is left, and says what was not as it should be then.
+  std::string leave();
+
+  tolk_source* new_source();
+  tolk_sink* new_sink();
+  // For whoever frees them: they are no longer this pair's then.
+  tolk_client* take_client() { return client.exchange(nullptr); }
+  tolk_server* take_server() { return server.exchange(nullptr); }
+
+  std::shared_ptr<COwed> owed = std::make_shared<COwed>();
+  std::atomic<tolk_client*> client{nullptr};
+  std::atomic<tolk_server*> server{nullptr};
+
+ private:
+  struct Handlers;
+
+  void add(const char* name, tolk_handler handler, tolk_accept accept = nullptr);
+  tolk_client* connect(const Address& to);
+
+  const Address front_;
+  const Address back_;
+  tolk_methods* methods_ = tolk_methods_new();
+
+ public:
+  Relay relay;
+};
+
+// An echo of both answers.
+tolk_block* c_ping();
+bool is_c_ping(const tolk_block* block);
+
+}  // namespace tolk::test
