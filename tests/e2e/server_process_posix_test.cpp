@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <string>
 #include <vector>
 
 #include "tests/e2e/support/server_test.h"
@@ -45,6 +46,21 @@ TEST(ServerSignals, WriteToAPeerThatReadsNoMoreIsOneErrorLine) {
   client.post("foo");
   EXPECT_TRUE(capture.wait_for_line("Write error: broken pipe")) << capture.text();
   EXPECT_TRUE(RawClient(address).is_greeted());
+}
+
+// What a killed server leaves stays until another server takes the name.
+TEST(FreshAddress, IsNoPipeOfWhichAFileIsLeft) {
+  const Address address = fresh_address(Transport::pipe);
+  ServerPtr server = make_server();
+  ASSERT_TRUE(start_server(server.get(), address)) << "it makes the directory";
+  const int last = std::stoi(address.port);
+  const std::string socket = pipe_path(std::to_string(last + 1));
+  const std::string lock = pipe_path(std::to_string(last + 2)) + ".lock";
+  std::ofstream{socket};
+  std::ofstream{lock};
+  EXPECT_EQ(fresh_address(Transport::pipe).port, std::to_string(last + 3));
+  EXPECT_TRUE(std::filesystem::remove(socket));
+  EXPECT_TRUE(std::filesystem::remove(lock));
 }
 
 // By bare system calls: see process_state_posix.cpp.

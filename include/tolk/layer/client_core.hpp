@@ -3,6 +3,7 @@
 /// replacement of a lost one.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <tolk/layer/connection.hpp>
 #include <tolk/layer/workers.hpp>

@@ -5,6 +5,7 @@
 #include <tolk/IClient.h>
 #include <tolk/tolk.h>
 
+#include <atomic>
 #include <tolk/layer/address.hpp>
 #include <tolk/layer/call_ids.hpp>
 #include <tolk/layer/side.hpp>

@@ -5,6 +5,7 @@
 #include <tolk/IServer.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <random>
 #include <tolk/layer/connection.hpp>

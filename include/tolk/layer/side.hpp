@@ -11,7 +11,7 @@
 #include <tolk/IMethodAll.h>
 #include <tolk/IServerMethod.h>
 
-#include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -29,19 +29,20 @@ inline constexpr char kMethodPiece[] = "tolk.piece";
 inline constexpr char kNoStdException[] = "an exception that is no std::exception";
 
 // Counts the threads that run user code, and refuses new ones after `close`.
+//
+// It uses a condition variable and not std::atomic::wait, which can miss a notification in GCC 12's
+// library for Windows and then waits forever.
 class Gate {
  public:
   // Counts its thread during its lifetime. False after `close`.
   class Pass {
    public:
-    explicit Pass(Gate& gate) : gate_(gate), outer_(innermost()) {
+    explicit Pass(Gate& gate) : gate_(gate), outer_(innermost()), let_in_(gate.enter()) {
       innermost() = this;
-      ++gate_.inside_;
-      let_in_ = !gate_.closed_;
     }
     ~Pass() {
       innermost() = outer_;
-      if (--gate_.inside_ == 0) gate_.inside_.notify_all();
+      gate_.leave();
     }
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
@@ -56,19 +57,27 @@ class Gate {
 
     Gate& gate_;
     Pass* const outer_;
-    bool let_in_;
+    const bool let_in_;
   };
 
   // Refuses threads from now on.
-  void close() { closed_ = true; }
+  void close() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
+  }
   // Waits until no thread is counted. Returns at once on a counted thread, which would wait for
   // itself.
   void wait_until_empty() {
     if (has_this_thread()) return;
-    for (int inside = inside_; inside != 0; inside = inside_) inside_.wait(inside);
+    std::unique_lock<std::mutex> lock(mutex_);
+    emptied_.wait(lock, [&] { return inside_ == 0; });
   }
   // Whether `wait_until_empty` would return at once.
-  bool is_empty() const { return inside_ == 0 || has_this_thread(); }
+  bool is_empty() const {
+    if (has_this_thread()) return true;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return inside_ == 0;
+  }
   bool has_this_thread() const {
     for (const Pass* pass = Pass::innermost(); pass != nullptr; pass = pass->outer_) {
       if (&pass->gate_ == this) return true;
@@ -77,8 +86,20 @@ class Gate {
   }
 
  private:
-  std::atomic<int> inside_{0};
-  std::atomic<bool> closed_{false};
+  bool enter() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++inside_;
+    return !closed_;
+  }
+  void leave() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (--inside_ == 0) emptied_.notify_all();
+  }
+
+  mutable std::mutex mutex_;
+  std::condition_variable emptied_;
+  int inside_ = 0;       // under `mutex_`
+  bool closed_ = false;  // under `mutex_`
 };
 
 // The ownership of the handlers of one IClient or IServer. An object that never ran does not delete

@@ -2,8 +2,11 @@
 
 #include <array>
 #include <atomic>
+#include <filesystem>
+#include <system_error>
 
 #include "tests/e2e/support/process_state.h"
+#include "tests/e2e/support/raw_channel.h"
 #include "tests/e2e/support/sockets.h"
 #include "tests/e2e/support/system.h"
 
@@ -39,10 +42,26 @@ std::string free_port(SocketAddress (*any_address)(int port)) {
   }
 }
 
+// A server that was killed leaves its files, and a later process can have the same id. On Windows a
+// pipe ends with its server.
+bool is_free_pipe(int number) {
+  if (kOnWindows) return true;
+  const std::string path = pipe_path(std::to_string(number));
+  std::error_code ignored;
+  return !std::filesystem::exists(std::filesystem::symlink_status(path, ignored)) &&
+         !std::filesystem::exists(path + ".lock", ignored);
+}
+
+// Each process has numbers of its own.
 int free_pipe_number() {
-  constexpr int kProcesses = 20000;
-  constexpr int kPipesOfAProcess = 100000;
-  return process_number() % kProcesses * kPipesOfAProcess + 70000 + next_number() % 30000;
+  constexpr int kFirst = 70000;
+  constexpr int kProcesses = 65536;
+  constexpr int kPipesOfAProcess = 30000;
+  for (;;) {
+    const int number = kFirst + process_number() % kProcesses * kPipesOfAProcess +
+                       next_number() % kPipesOfAProcess;
+    if (is_free_pipe(number)) return number;
+  }
 }
 
 }  // namespace
