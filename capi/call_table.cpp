@@ -1,5 +1,6 @@
 #include "capi/call_table.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <iterator>
@@ -296,28 +297,31 @@ bool CallTable::has(std::uint64_t number) const {
   return shard_of(number).lock()->records.contains(number);
 }
 
-bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& given_up,
-                     Outcome* outcome) {
+CallTable::Waited CallTable::wait(std::uint64_t number, std::uint64_t latest,
+                                  const MakeOutcome& given_up, Outcome* outcome) {
   thread_local WaitScore waits;
   const WorkerPool::Blocked others_may_run;
   const WorkerWait worker_wait(*this, number);
   auto shard = shard_of(number).lock();
   const auto at = shard->records.find(number);
   if (at == shard->records.end() || at->second->done != nullptr || at->second->awaited)
-    return false;
+    return Waited::none;
   const std::shared_ptr<CallRecord> record = at->second;
-  if (wait == Wait::finished_only && !record->finished) return false;
   record->awaited = true;
   const auto finished = [&](const Shard&) { return record->finished.load(); };
   const Instant begin = instant_now();
-  if (!record->finished && waits.pays(begin)) {
+  if (!record->finished && latest != 0 && waits.pays(begin)) {
     shard.unlock();
     while (!record->finished && instant_now() - begin < kStayAwake) let_others_run();
     shard.relock();
   }
   // Data of the call move the deadline.
   while (!record->finished && !worker_wait.ends() && uv_hrtime() < record->deadline) {
-    const std::uint64_t deadline = record->deadline;
+    if (uv_hrtime() >= latest) {
+      record->awaited = false;
+      return Waited::goes_on;
+    }
+    const std::uint64_t deadline = std::min(latest, record->deadline.load());
     const auto changed = [&](const Shard&) {
       return record->finished || worker_wait.ends() || record->deadline < deadline;
     };
@@ -337,7 +341,7 @@ bool CallTable::wait(std::uint64_t number, Wait wait, const MakeOutcome& given_u
   shard.wait(record->ended, finished);  // somebody makes the outcome, or ends the data
   *outcome = std::move(record->outcome);
   shard->records.erase(number);
-  return true;
+  return Waited::ended;
 }
 
 }  // namespace tolk

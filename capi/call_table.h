@@ -130,10 +130,12 @@ class CallTable {
   void forget();
   bool has(std::uint64_t number) const;
 
-  enum class Wait { allowed, finished_only };
-  // Waits for the outcome and takes it. False: there is no such call to wait for. `given_up` makes
-  // the outcome when the limit passes, or the process exits and the thread is a worker.
-  bool wait(std::uint64_t number, Wait wait, const MakeOutcome& given_up, Outcome* outcome);
+  enum class Waited { ended, goes_on, none };
+  // Waits for the outcome and takes it, unless there is no such call to wait for, or it goes on at
+  // `latest`, where 0 is not to wait. `given_up` makes the outcome when the call's limit passes, or
+  // the process exits and the thread is a worker.
+  Waited wait(std::uint64_t number, std::uint64_t latest, const MakeOutcome& given_up,
+              Outcome* outcome);
 
  private:
   class WorkerWait;

@@ -102,11 +102,16 @@ uint64_t tolk_client_start(tolk_client* client, const tolk_call* call) {
 
 tolk_status tolk_client_wait(tolk_client* client, uint64_t call, tolk_block** result,
                              tolk_error** error) {
+  return tolk_client_wait_for(client, call, TOLK_FOREVER, result, error);
+}
+
+tolk_status tolk_client_wait_for(tolk_client* client, uint64_t call, int32_t limit_ms,
+                                 tolk_block** result, tolk_error** error) {
   if (result != nullptr) *result = nullptr;
   return tolk::guarded_call(error, [&] {
     if (client == nullptr) return tolk::without_client(error);
     const auto core = client->core->shared();
-    return core->wait(call, result, error);
+    return core->wait(call, limit_ms, result, error);
   });
 }
 

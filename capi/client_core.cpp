@@ -136,7 +136,7 @@ tolk_status ClientCore::check_version(tolk_error** error) {
   if (!server) return fail_connect(TOLK_GONE, "the server has ended the connection", error);
   start_internal(record, server, &content, {{}, kOwnFeatures});
   tolk_error* given = nullptr;
-  const tolk_status status = wait(record->number, nullptr, &given);
+  const tolk_status status = wait(record->number, TOLK_FOREVER, nullptr, &given);
   const ErrorRef why(given);
   // The host has called no method.
   if (status == TOLK_TIMED_OUT) return fail_connect(status, kNoAnswer, error);

@@ -67,7 +67,8 @@ class Core {
   // In core_calls.cpp: calls to peers.
   tolk_status call(const tolk_call& call, tolk_block** result, tolk_error** error);
   std::uint64_t start_guarded(const tolk_call& given);
-  tolk_status wait(std::uint64_t number, tolk_block** result, tolk_error** error);
+  tolk_status wait(std::uint64_t number, std::int32_t limit_ms, tolk_block** result,
+                   tolk_error** error);
   bool cancel(std::uint64_t number);
   tolk_status post(std::uint64_t peer, const char* method, const tolk_block* arguments,
                    std::int32_t wait_ms, tolk_error** error);

@@ -75,7 +75,7 @@ std::shared_ptr<CallRecord> Core::new_record(const tolk_call& call) {
 tolk_status Core::call(const tolk_call& call, tolk_block** result, tolk_error** error) {
   if (!of_this_process()) return fail_post(call.method, TOLK_CLOSED, nullptr, error);
   if (may_not_wait()) return refuse_wait(call.method, error);
-  return wait(start(call), result, error);
+  return wait(start(call), TOLK_FOREVER, result, error);
 }
 
 tolk_status Core::refuse_wait(const char* method, tolk_error** error) const {
@@ -214,20 +214,26 @@ void Core::arm_deadlines() {
   }
 }
 
-tolk_status Core::wait(std::uint64_t number, tolk_block** result, tolk_error** error) {
+tolk_status Core::wait(std::uint64_t number, std::int32_t limit_ms, tolk_block** result,
+                       tolk_error** error) {
   if (!of_this_process()) return fail_post(nullptr, TOLK_CLOSED, nullptr, error);
   const auto given_up = [this](const CallRecord& record) {
     return outcome_of(record, process_exits() ? TOLK_CLOSED : TOLK_TIMED_OUT, nullptr);
   };
+  const bool waits = limit_ms != 0 && !may_not_wait();
   Outcome outcome;
-  const auto how = may_not_wait() ? CallTable::Wait::finished_only : CallTable::Wait::allowed;
-  if (calls_.wait(number, how, given_up, &outcome)) {
-    return take_outcome(std::move(outcome), result, error);
+  switch (calls_.wait(number, waits ? deadline_after(limit_ms) : 0, given_up, &outcome)) {
+    case CallTable::Waited::ended:
+      return take_outcome(std::move(outcome), result, error);
+    case CallTable::Waited::goes_on:
+      if (!waits && limit_ms != 0) return refuse_wait(nullptr, error);
+      return fail_post(nullptr, TOLK_BUSY, "the call has not ended", error);
+    case CallTable::Waited::none:
+      break;
   }
-  const bool is_there = calls_.has(number);
-  if (calls_.is_closed() && !is_there) return fail_post(nullptr, TOLK_CLOSED, nullptr, error);
-  if (how == CallTable::Wait::finished_only && is_there) return refuse_wait(nullptr, error);
-  return fail_post(nullptr, TOLK_MISUSE, "there is no such call to wait for", error);
+  const bool ended = calls_.is_closed() && !calls_.has(number);
+  return fail_post(nullptr, ended ? TOLK_CLOSED : TOLK_MISUSE,
+                   ended ? nullptr : "there is no such call to wait for", error);
 }
 
 tolk_status Core::take_outcome(Outcome outcome, tolk_block** result, tolk_error** error) {

@@ -73,6 +73,7 @@ Core::~Core() = default;
 bool Core::of_this_process() const { return process_ == platform::generation(); }
 
 void Core::log_made(tolk_level level, std::string (*make)(const void*), const void* maker) const {
+  if (!of_this_process()) return;
   guarded([&] {
     const std::string text = make(maker);
     const Callbacks::Scope scope(*this, true);
@@ -251,7 +252,8 @@ void Core::end() {
   const auto self = shared();
   const WorkerPool::Blocked others_may_run;
   close(0);
-  if (const auto current = session(); current && !Callbacks::inside(*this)) {
+  if (const auto current = session();
+      current && !current->on_own_thread() && !Callbacks::inside(*this)) {
     current->wait_until_ended();
     finish_closing();
   }

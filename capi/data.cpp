@@ -51,6 +51,11 @@ class File {
     *size = request->statbuf.st_size;
     return 0;
   }
+  bool is_regular() {
+    FileRequest request;
+    return uv_fs_fstat(nullptr, request.get(), file_, nullptr) == 0 &&
+           (request->statbuf.st_mode & S_IFMT) == S_IFREG;
+  }
   // How many bytes, or a status.
   std::int64_t read_at(std::uint64_t offset, char* to, std::size_t size) {
     FileRequest request;
@@ -170,7 +175,7 @@ class FileSink final : public tolk_sink {
   File file_;
   const int status_ = file_.status();  // of the opening
   std::uint64_t offset_ = 0;
-  bool kept_ = false;
+  bool kept_ = !file_.is_regular();  // a device stays
 };
 
 class CallbackSink final : public tolk_sink {

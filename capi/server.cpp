@@ -122,11 +122,16 @@ uint64_t tolk_server_start(tolk_server* server, const tolk_call* call) {
 
 tolk_status tolk_server_wait(tolk_server* server, uint64_t call, tolk_block** result,
                              tolk_error** error) {
+  return tolk_server_wait_for(server, call, TOLK_FOREVER, result, error);
+}
+
+tolk_status tolk_server_wait_for(tolk_server* server, uint64_t call, int32_t limit_ms,
+                                 tolk_block** result, tolk_error** error) {
   if (result != nullptr) *result = nullptr;
   return tolk::guarded_call(error, [&] {
     if (server == nullptr) return tolk::without_server(error);
     const auto core = server->core->shared();
-    return core->wait(call, result, error);
+    return core->wait(call, limit_ms, result, error);
   });
 }
 

@@ -64,6 +64,7 @@ class ServerCore final : public Core, public ServerEvents {
 
   void on_starting(const Endpoint&) TOLK_LOOP override {}
   void on_listen_failed(const char*, int status) TOLK_LOOP override { listen_status_ = status; }
+  void on_loop_failed(int status) TOLK_LOOP override { listen_status_ = status; }
   bool on_listening(uv_loop_t* loop, const Endpoint& where) TOLK_LOOP override;
   void on_connection_error() TOLK_LOOP override {}
   void on_connecting(int) TOLK_LOOP override {}

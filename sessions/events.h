@@ -54,6 +54,8 @@ class ServerEvents : public MessageSide {
   virtual void on_starting(const Endpoint& where) TOLK_LOOP = 0;
   // `step`: "Bind" or "Listen".
   virtual void on_listen_failed(const char* step, int status) TOLK_LOOP = 0;
+  // The same before and after those steps.
+  virtual void on_loop_failed(int) TOLK_LOOP {}
   // False ends the attempt.
   virtual bool on_listening(uv_loop_t* loop, const Endpoint& where) TOLK_LOOP = 0;
 

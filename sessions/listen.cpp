@@ -34,8 +34,13 @@ void ServerSession::serve() {
 
 bool ServerSession::listen() {
   side_.on_starting(where_);
-  if (open_loop() != 0 || uv_timer_init(loop(), &listening_pause_) != 0 || !open_listener() ||
-      open_queue() != 0 || !side_.on_listening(loop(), where_)) {
+  const auto opened = [this](int status) {
+    enter_loop();
+    if (status != 0) side_.on_loop_failed(status);
+    return status == 0;
+  };
+  if (!opened(open_loop()) || uv_timer_init(loop(), &listening_pause_) != 0 || !open_listener() ||
+      !opened(open_queue()) || !side_.on_listening(loop(), where_)) {
     close_queue();
     close_all_handles();
     run_until_handles_closed();

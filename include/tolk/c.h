@@ -19,15 +19,17 @@
 ///   it is read. Zero in another member means the default:
 ///   `tolk_call call = {.size = sizeof call};`
 /// - **Limits** are in milliseconds and hold within 10 ms. 0 is the usual one; for a post, a close
-///   and a wait for a close it means not to wait. Below 0 there is none.
+///   and a wait it means not to wait. Below 0 there is none.
 /// - **Callbacks** run where their object says (see tolk_client_options::execute), inline ones on
-///   the object's loop thread. They must not throw.
-/// - **Contexts.** A `free_context` is called once, whatever happened: after the last callback
-///   that gets the context has returned, or when the function that took it fails. That may be on
-///   any thread, and after the free of the object has returned.
+///   the object's loop thread while that runs. They must not throw.
+/// - **Contexts.** A `free_context`, which may be null, is called once, whatever happened: after
+///   the last callback that gets the context has returned, or when the function that took it
+///   fails. That may be on any thread, and after the free of the object has returned.
 /// - **Waiting.** A function that waits says so. In an inline callback, or the log, of the same
 ///   object it does not wait for what the loop thread would do: it fails with TOLK_MISUSE.
-/// - **Fork.** In a child, objects of the parent are closed, and may be freed.
+/// - **Fork.** In a child, clients, servers, requests and tasks of the parent are closed: calls
+///   with them fail with TOLK_CLOSED, a `done` runs at once, and to free, answer or run them does
+///   nothing. Their contexts are not released there.
 #ifndef TOLK_C_H
 #define TOLK_C_H
 
@@ -76,7 +78,7 @@ typedef enum tolk_status {
   TOLK_CANCELLED = 2,         ///< tolk_client_cancel, a progress callback, or the peer
   TOLK_GONE = 3,              ///< the peer has ended the connection, or is closing
   TOLK_CLOSED = 4,            ///< this end is closed
-  TOLK_NOT_CONNECTED = 5,     ///< nobody listens there, or there is no such client
+  TOLK_NOT_CONNECTED = 5,     ///< nobody can be reached there, or there is no such client
   TOLK_REFUSED = 6,           ///< the peer has another version, or is another user
   TOLK_CANNOT_LISTEN = 7,     ///< the address is taken or cannot be used
   TOLK_NO_METHOD = 8,         ///< the peer has no method of that name
@@ -96,11 +98,13 @@ typedef enum tolk_status {
 TOLK_API const char* tolk_status_name(tolk_status status);
 
 // All of these accept null and never return null, except tolk_error_details. What they
-// return lives as long as the error.
+// return lives as long as the error. One that there was no memory for has the usual texts of its
+// status alone.
 
 /// TOLK_OK for null.
 TOLK_API tolk_status tolk_error_status(const tolk_error* error);
-/// All of it in one line: "add at pipe:5000: timed out after 500 ms".
+/// All of it: "add at pipe:5000: timed out after 500 ms". One line, unless a handler's text has
+/// several: it is kept as it is.
 TOLK_API const char* tolk_error_text(const tolk_error* error);
 /// What happened, without method and address. For TOLK_FAILED it is the handler's text.
 TOLK_API const char* tolk_error_reason(const tolk_error* error);
@@ -108,7 +112,8 @@ TOLK_API const char* tolk_error_reason(const tolk_error* error);
 TOLK_API const char* tolk_error_method(const tolk_error* error);
 /// The address that was connected to or listened on.
 TOLK_API const char* tolk_error_address(const tolk_error* error);
-/// Who was at the other end: "client 3", "user 1000"; empty when nobody was.
+/// Who was at the other end: on a server "client 3"; on a client "user 1000" if the server of that
+/// user was refused. Otherwise empty: a server is known by its address.
 TOLK_API const char* tolk_error_peer(const tolk_error* error);
 /// What was expected, for instance a version; empty otherwise.
 TOLK_API const char* tolk_error_wanted(const tolk_error* error);
@@ -230,8 +235,8 @@ TOLK_API size_t tolk_block_doubles(const tolk_block* block, size_t index, double
 /// Returns the encoded block and its size, valid until the block is changed or freed. Null without
 /// memory.
 TOLK_API const void* tolk_block_encode(tolk_block* block, size_t* size);
-/// Makes a block of encoded bytes, which it copies. TOLK_MALFORMED: `wrong_at`, which may be null,
-/// receives the offset of what is wrong.
+/// Makes a block of encoded bytes, which it copies. Reserved keys are values here; a call leaves
+/// them out. TOLK_MALFORMED: `wrong_at`, which may be null, receives the offset of what is wrong.
 TOLK_API tolk_status tolk_block_parse(const void* bytes, size_t size, tolk_block** block,
                                       size_t* wrong_at, tolk_error** error);
 
@@ -262,7 +267,8 @@ TOLK_API tolk_source* tolk_source_callback(uint64_t total, tolk_read read, void*
 /// For a source that no function has taken.
 TOLK_API void tolk_source_free(tolk_source* source);
 
-/// A file, which is made or emptied now, and removed if the transfer fails.
+/// A file, which is made or emptied now, and removed unless a transfer succeeds. One that is no
+/// regular file stays.
 TOLK_API tolk_status tolk_sink_file(const char* path, tolk_sink** sink, tolk_error** error);
 /// A callback, which gets the bytes in order.
 TOLK_API tolk_sink* tolk_sink_callback(tolk_write write, void* context, tolk_release free_context);
@@ -307,13 +313,14 @@ typedef struct tolk_call {
   unsigned flags;               ///< TOLK_INLINE: where `done` runs
   tolk_done done;               ///< null: the outcome is kept until the wait for it
   void* context;                ///< of `done` and `progress`
-  /// Data that go along, and where data of the answer go. Taken, whatever happens. Without a sink,
-  /// a handler has the data as its first argument, and a caller as the first value of the result.
-  /// A peer that does not know pieces gets the data like that, in one message of 2 GB at most.
+  /// Data that go along, and where data of the answer go; a sink gets nothing if there are none.
+  /// Taken, whatever happens. Without a sink, a handler has the data as its first argument, and a
+  /// caller as the first value of the result. A peer that does not know pieces gets and sends them
+  /// like that, in one message of 2 GB at most.
   tolk_source* source;
   tolk_sink* sink;         ///< see `source`
   tolk_progress progress;  ///< of both; runs as `done` without flags would
-  int32_t piece_limit_ms;  ///< how long a piece may take; 0: the usual limit
+  int32_t piece_limit_ms;  ///< how long a piece may take, of both; 0: the usual limit
 } tolk_call;
 
 // ---- Calls of peers ----------------------------------------------------------------------------
@@ -380,13 +387,15 @@ TOLK_API int32_t tolk_request_limit_left(const tolk_request* request);
 /// TOLK_TIMED_OUT, TOLK_GONE or TOLK_CLOSED: the answer is not needed any more.
 TOLK_API tolk_status tolk_request_state(const tolk_request* request);
 
-/// Answers, from any thread. Takes the request and `result`, which may be null.
+/// Answers, from any thread. Takes the request and `result`, which may be null. One that cannot be
+/// sent is a TOLK_FAILED that says why.
 TOLK_API void tolk_request_answer(tolk_request* request, tolk_block* result);
 /// The same with data (see tolk_call::sink). Takes `source` too.
 TOLK_API void tolk_request_answer_data(tolk_request* request, tolk_block* result,
                                        tolk_source* source);
 /// Answers with a failure: TOLK_FAILED, TOLK_WRONG_ARGUMENTS, or TOLK_NO_METHOD from a catch-all.
-/// Another status counts as TOLK_FAILED. Takes the request and `details`, which may be null.
+/// Another status counts as TOLK_FAILED. Takes the request and `details`, which may be null and are
+/// left out if they lack memory or have a reserved key.
 TOLK_API void tolk_request_fail(tolk_request* request, tolk_status status, int32_t code,
                                 const char* text, tolk_block* details);
 /// Drops the request, the usual end of a posted one: a caller gets TOLK_UNANSWERED.
@@ -416,7 +425,7 @@ typedef void (*tolk_log)(void* context, tolk_level level, const char* text);
 typedef struct tolk_client_options {
   size_t size;               ///< of this struct
   tolk_methods* methods;     ///< what the server may call; kept, not taken
-  int32_t patience_ms;       ///< how long to try again while nobody listens
+  int32_t patience_ms;       ///< how long to try again after TOLK_NOT_CONNECTED
   int32_t connect_limit_ms;  ///< for one attempt, the version check included; 0: 10,000
   int32_t limit_ms;          ///< of calls that name none; 0: 5,000
   unsigned workers;  ///< threads for callbacks, started when needed; 0: 4. One that waits in a
@@ -431,7 +440,8 @@ typedef struct tolk_client_options {
   tolk_release free_context;  ///< of `context`; may be null
   size_t most_queued_bytes;   ///< of posts that are not yet written; 0: 64 MiB
   size_t most_frame_bytes;    ///< of one message received; 0: 2,147,483,643, the most
-  size_t most_data_bytes;     ///< of each transfer without a sink; 0: 2,147,483,643
+  size_t most_data_bytes;     ///< of transfers without a sink, all that are under way together,
+                              ///< others fail with TOLK_BUSY; 0: 2,147,483,643
   unsigned most_requests;     ///< under way at a time, others fail with TOLK_BUSY; 0: 10,000
 } tolk_client_options;
 
@@ -444,13 +454,17 @@ TOLK_API tolk_status tolk_client_call(tolk_client* client, const char* method,
                                       const tolk_block* arguments, int32_t limit_ms,
                                       tolk_block** result, tolk_error** error);
 /// Starts a call and returns its number, which is never used again. Does not wait: what is wrong
-/// with the call is its outcome. `done` does not run in here, except without memory: then it runs
-/// at once, and the number is 0. A call without `done` and without memory has that number, too.
+/// with the call is its outcome. `done` does not run in here, except without memory or in a forked
+/// child: then it runs at once, and the number is 0. A call without `done` has that number then,
+/// too, and a wait for it is TOLK_MISUSE.
 TOLK_API uint64_t tolk_client_start(tolk_client* client, const tolk_call* call);
 /// Waits for the outcome of a call without `done` and takes it, once. TOLK_MISUSE: there is no such
 /// call. An outcome that nobody takes is kept until the client's end.
 TOLK_API tolk_status tolk_client_wait(tolk_client* client, uint64_t call, tolk_block** result,
                                       tolk_error** error);
+/// The same, at most `limit_ms`. TOLK_BUSY: the call goes on, and can be waited for again.
+TOLK_API tolk_status tolk_client_wait_for(tolk_client* client, uint64_t call, int32_t limit_ms,
+                                          tolk_block** result, tolk_error** error);
 /// Ends a call with TOLK_CANCELLED and tells the server, if that knows about it. False: the call
 /// had ended.
 TOLK_API bool tolk_client_cancel(tolk_client* client, uint64_t call);
@@ -463,10 +477,11 @@ TOLK_API tolk_status tolk_client_post(tolk_client* client, const char* method,
 /// Refuses new calls, in both directions, and waits, at most `limit_ms`, until handlers have
 /// returned and posts and answers are written. Then ends the connection: calls under way end with
 /// TOLK_CLOSED. In a callback of the client it does not wait. TOLK_TIMED_OUT: a handler has not
-/// returned, or something was not written.
+/// returned, or something was not written. An inline callback that runs then holds up the end of
+/// the connection, but not this function.
 TOLK_API tolk_status tolk_client_close(tolk_client* client, int32_t limit_ms);
 /// Closes at once and waits for callbacks that run, except when called in one: the rest then ends
-/// by itself. Every `done` that has not begun runs in here; handlers do not begin.
+/// by itself. Every `done` and on_gone that has not begun runs in here; handlers do not begin.
 TOLK_API void tolk_client_free(tolk_client* client);
 
 // ---- Servers -----------------------------------------------------------------------------------
@@ -494,16 +509,17 @@ typedef struct tolk_server_options {
   unsigned most_client_requests;  ///< under way; 0: 1,000
   size_t most_queued_bytes;       ///< of posts to one client; above it posts wait
   size_t most_frame_bytes;        ///< a client that sends more is disconnected
-  size_t most_data_bytes;         ///< as tolk_client_options::most_data_bytes
+  size_t most_data_bytes;         ///< of one client: as tolk_client_options::most_data_bytes
   unsigned most_clients;          ///< others are disconnected at once; 0: as many as the system has
   int32_t hello_limit_ms;         ///< for a client's first message; 0: 60,000
 } tolk_server_options;
 
 /// Listens. Port 0 lets the system choose, and "fd:3" is a listening socket that the process
-/// inherited. `options` may be null.
+/// inherited, which the server takes; not on Windows. `options` may be null.
 TOLK_API tolk_status tolk_server_listen(const char* address, const tolk_server_options* options,
                                         tolk_server** server, tolk_error** error);
-/// The address with its real port; lives as long as the server.
+/// The address with its real port, or with the path of an inherited pipe; lives as long as the
+/// server.
 TOLK_API const char* tolk_server_address(const tolk_server* server);
 /// The port of a TCP server, 0 otherwise.
 TOLK_API int tolk_server_port(const tolk_server* server);
@@ -523,10 +539,13 @@ TOLK_API uint64_t tolk_server_start(tolk_server* server, const tolk_call* call);
 /// See tolk_client_wait.
 TOLK_API tolk_status tolk_server_wait(tolk_server* server, uint64_t call, tolk_block** result,
                                       tolk_error** error);
+/// See tolk_client_wait_for.
+TOLK_API tolk_status tolk_server_wait_for(tolk_server* server, uint64_t call, int32_t limit_ms,
+                                          tolk_block** result, tolk_error** error);
 /// See tolk_client_cancel.
 TOLK_API bool tolk_server_cancel(tolk_server* server, uint64_t call);
-/// `client`: TOLK_ALL posts to all, encoded once; that there is none is no failure. TOLK_BUSY then:
-/// some of them did not get it.
+/// `client`: TOLK_ALL posts to all; that there is none is no failure. The block is encoded once,
+/// and copied for each, except large bytes. TOLK_BUSY then: some of them did not get it.
 TOLK_API tolk_status tolk_server_post(tolk_server* server, uint64_t client, const char* method,
                                       const tolk_block* arguments, int32_t wait_ms,
                                       tolk_error** error);
@@ -534,7 +553,8 @@ TOLK_API tolk_status tolk_server_post(tolk_server* server, uint64_t client, cons
 TOLK_API tolk_status tolk_server_close(tolk_server* server, int32_t limit_ms);
 /// Waits until the server is closed, by whomever, at most `limit_ms`, or TOLK_FOREVER.
 TOLK_API tolk_status tolk_server_wait_closed(tolk_server* server, int32_t limit_ms);
-/// As tolk_client_free. Every on_gone that has not begun runs in here too.
+/// As tolk_client_free. Every on_connect, on_gone and on_stopped that has not begun runs in here
+/// too.
 TOLK_API void tolk_server_free(tolk_server* server);
 
 #ifdef __cplusplus

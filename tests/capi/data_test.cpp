@@ -66,6 +66,17 @@ TEST(CapiData, ASinkEmptiesItsFileAndRemovesItUnused) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
+#if !defined(_WIN32)
+TEST(CapiData, ASinkRemovesNothingButAFile) {
+  const std::string path = unused_data_path();
+  std::filesystem::create_symlink("/dev/null", path);
+  tolk_sink* sink = nullptr;
+  ASSERT_EQ(tolk_sink_file(path.c_str(), &sink, nullptr), TOLK_OK);
+  tolk_sink_free(sink);
+  EXPECT_TRUE(std::filesystem::remove(path));
+}
+#endif
+
 TEST(CapiData, AClientThatIsNotThereTakesTheDataToo) {
   int released = 0;
   tolk_call call{};

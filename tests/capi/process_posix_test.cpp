@@ -322,7 +322,14 @@ TEST(CapiSockets, AnAttemptThatFailsSaysWhatTheSystemSaid) {
   none.rlim_cur = static_cast<rlim_t>(next);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
   const tolk_status status = connect_and_fail("pipe:nobody-at-all", reason, hint);
+  tolk_server* no_server = nullptr;
+  tolk_error* error = nullptr;
+  const tolk_status listened =
+      tolk_server_listen("pipe:nobody-at-all", nullptr, &no_server, &error);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(listened, TOLK_CANNOT_LISTEN);
+  EXPECT_STREQ(tolk_error_reason(error), "too many open files");
+  tolk_error_free(error);
   EXPECT_EQ(status, TOLK_NOT_CONNECTED);
   EXPECT_EQ(reason, "too many open files");
   EXPECT_NE(hint, usual_hint);

@@ -83,6 +83,22 @@ TEST_P(CapiRules, OneOfTwoWaitsIsRefused) {
   EXPECT_EQ(cancelled, 1);
 }
 
+TEST_P(CapiRules, AWaitWithALimitLeavesTheCall) {
+  start_with_keep();
+  tolk_call call{};
+  call.size = sizeof call;
+  call.method = "keep";
+  call.limit_ms = 100;
+  const auto number = tolk_client_start(client.get(), &call);
+  const auto wait = [&](int limit_ms) {
+    return tolk_client_wait_for(client.get(), number, limit_ms, nullptr, nullptr);
+  };
+  EXPECT_EQ(wait(0), TOLK_BUSY);
+  EXPECT_EQ(wait(5), TOLK_BUSY);
+  EXPECT_EQ(wait(20000), TOLK_TIMED_OUT) << "the call's own limit";
+  EXPECT_EQ(wait(0), TOLK_MISUSE);
+}
+
 TEST_P(CapiRules, AWaitForAnUnknownCallOfAClosedObjectIsClosed) {
   start_with_keep();
   EXPECT_EQ(tolk_client_wait(client.get(), 1, nullptr, nullptr), TOLK_MISUSE);
