@@ -456,7 +456,7 @@ TOLK_API tolk_status tolk_client_call(tolk_client* client, const char* method,
 /// Starts a call and returns its number, which is never used again. Does not wait: what is wrong
 /// with the call is its outcome. `done` does not run in here, except without memory or in a forked
 /// child: then it runs at once, and the number is 0. A call without `done` has that number then,
-/// too, and a wait for it is TOLK_MISUSE.
+/// too, and cannot be waited for.
 TOLK_API uint64_t tolk_client_start(tolk_client* client, const tolk_call* call);
 /// Waits for the outcome of a call without `done` and takes it, once. TOLK_MISUSE: there is no such
 /// call. An outcome that nobody takes is kept until the client's end.

@@ -51,6 +51,8 @@ TEST_P(CapiEndings, NobodyListens) {
   EXPECT_EQ(tolk_client_connect(address.c_str(), nullptr, &none, &error), TOLK_NOT_CONNECTED);
   EXPECT_EQ(none, nullptr);
   EXPECT_EQ(tolk_error_address(error), address);
+  EXPECT_STREQ(tolk_error_peer(error), "");
+  EXPECT_STREQ(tolk_error_reason(error), "nobody listens there");
   tolk_error_free(error);
 }
 

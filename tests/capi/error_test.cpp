@@ -48,6 +48,7 @@ TEST(CError, LineNamesTheHandlersFailures) {
   EXPECT_EQ(line({.status = TOLK_WRONG_ARGUMENTS, .address = "pipe:1", .reason = "2"}),
             "pipe:1: wrong arguments: 2");
   EXPECT_EQ(line({.status = TOLK_NO_METHOD}), "no such method");
+  EXPECT_EQ(line({.status = TOLK_FAILED, .reason = "one\ntwo"}), "handler failed: one\ntwo");
 }
 
 TEST(CError, CopyLivesOn) {
