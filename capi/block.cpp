@@ -13,8 +13,6 @@ using tolk::BlockIndex;
 using tolk::IndexRef;
 using tolk::Item;
 using tolk::SharedBytes;
-using tolk::Tag;
-using tolk::TypeNote;
 
 namespace {
 

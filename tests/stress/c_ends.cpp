@@ -95,7 +95,7 @@ void CountedContext::release(void* context) {
   ++self.counts->contexts_freed;
 }
 
-Answerer::Answerer(Random random) : random_(std::move(random)), thread_([this] { run(); }) {}
+Answerer::Answerer(Random random) : random_(random), thread_([this] { run(); }) {}
 
 Answerer::~Answerer() {
   {

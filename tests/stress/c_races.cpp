@@ -33,7 +33,7 @@ class CRacingClient {
                 Answerer& answerer, Random random)
       : counts_(counts),
         answerer_(answerer),
-        random_(std::move(random)),
+        random_(random),
         end_(static_cast<ClientEnd>(random_.between(0, 3))),
         client_(stressed_client(address, methods, counts)) {}
 
