@@ -98,14 +98,16 @@ class CRound {
       case CActivity::call:
         return [=, this] {
           tolk_block* result = nullptr;
-          judge(tolk_client_call(client, "echo", ping_.get(), limit(), &result, nullptr), result);
+          const tolk_status status =
+              tolk_client_call(client, "echo", ping_.get(), limit(), &result, nullptr);
+          judge(status, result);
         };
       case CActivity::server_call:
         return [=, this] {
           tolk_block* result = nullptr;
-          judge(tolk_server_call(server, pair_.owed->client_id, "echo", ping_.get(), limit(),
-                                 &result, nullptr),
-                result);
+          const tolk_status status = tolk_server_call(server, pair_.owed->client_id, "echo",
+                                                      ping_.get(), limit(), &result, nullptr);
+          judge(status, result);
         };
       case CActivity::post:
         return [=, this] { tolk_client_post(client, "drop", ping_.get(), 0, nullptr); };

@@ -33,11 +33,19 @@ void answer_later(void* context, tolk_request* request) {
 }
 
 void keep(void* context, tolk_request* request) {
-  ++static_cast<CountedContext*>(context)->answerer->kept;
+  const auto caller = tolk_block_uint(tolk_request_arguments(request), 0) % 2;
+  ++static_cast<CountedContext*>(context)->answerer->kept.at(caller);
   answer_later(context, request);
 }
 
 void drop(void*, tolk_request* request) { tolk_request_free(request); }
+
+bool is_allowed(tolk_status status) {
+  return status == TOLK_OK || status == TOLK_TIMED_OUT || status == TOLK_CANCELLED ||
+         status == TOLK_GONE || status == TOLK_CLOSED || status == TOLK_UNANSWERED;
+}
+
+}  // namespace
 
 tolk_block* number_block(int number) {
   tolk_block* const block = tolk_block_new();
@@ -45,10 +53,7 @@ tolk_block* number_block(int number) {
   return block;
 }
 
-bool is_allowed(tolk_status status) {
-  return status == TOLK_OK || status == TOLK_TIMED_OUT || status == TOLK_CANCELLED ||
-         status == TOLK_GONE || status == TOLK_CLOSED || status == TOLK_UNANSWERED;
-}
+namespace {
 
 void call_and_compare(tolk_client* client, const char* method, Counts& counts, Random& random) {
   const int number = random.between(1, 1000000);
@@ -56,8 +61,10 @@ void call_and_compare(tolk_client* client, const char* method, Counts& counts, R
   tolk_block* result = nullptr;
   const tolk_status status =
       tolk_client_call(client, method, arguments, random.between(1, 300), &result, nullptr);
-  if (!is_allowed(status)) ++counts.wrong;
-  if (status == TOLK_OK && tolk_block_int(result, 0) != number) ++counts.wrong;
+  if (!is_allowed(status)) counts.note_wrong(tolk_status_name(status));
+  if (status == TOLK_OK && tolk_block_int(result, 0) != number) {
+    counts.note_wrong("another call's result");
+  }
   tolk_block_free(result);
   tolk_block_free(arguments);
 }
@@ -69,7 +76,8 @@ void start_and_take(tolk_client* client, const char* method, Counts& counts, Ran
   call.limit_ms = random.between(1, 300);
   const std::uint64_t number = tolk_client_start(client, &call);
   if (random.one_in(2)) tolk_client_cancel(client, number);
-  if (!is_allowed(tolk_client_wait(client, number, nullptr, nullptr))) ++counts.wrong;
+  const tolk_status status = tolk_client_wait(client, number, nullptr, nullptr);
+  if (!is_allowed(status)) counts.note_wrong(tolk_status_name(status));
 }
 
 }  // namespace
@@ -91,7 +99,7 @@ CountedContext* CountedContext::make(Counts& counts, Answerer* answerer) {
 
 void CountedContext::release(void* context) {
   auto& self = *static_cast<CountedContext*>(context);
-  if (self.freed.exchange(true)) ++self.counts->wrong;
+  if (self.freed.exchange(true)) self.counts->note_wrong("a context was freed twice");
   ++self.counts->contexts_freed;
 }
 

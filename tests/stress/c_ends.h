@@ -6,6 +6,7 @@
 
 #include <tolk/c.h>
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -20,6 +21,8 @@
 
 namespace tolk::stress {
 
+// A block with one number.
+tolk_block* number_block(int number);
 // As the C interface writes it.
 std::string c_address_of(const test::Address& address);
 
@@ -41,6 +44,11 @@ struct Counts {
   std::atomic<long> done{0};
   std::atomic<long> done_twice{0};
   std::atomic<long> wrong{0};
+  std::atomic<const char*> first_wrong{""};
+  // `what` is a literal.
+  void note_wrong(const char* what) {
+    if (++wrong == 1) first_wrong = what;
+  }
   std::atomic<long> connected{0};
   std::atomic<long> gone{0};
 };
@@ -64,8 +72,9 @@ class Answerer {
   Answerer& operator=(const Answerer&) = delete;
 
   void take(tolk_request* request);
-  // Requests of "keep" that have come: their calls are under way.
-  std::atomic<int> kept{0};
+  // Of two callers, which say which they are: requests of "keep" that have come, so that their
+  // calls are under way.
+  std::array<std::atomic<int>, 2> kept{};
 
  private:
   void run();

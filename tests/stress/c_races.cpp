@@ -29,9 +29,10 @@ struct FreeInDone {
 // `answerer`: the server's.
 class CRacingClient {
  public:
-  CRacingClient(const std::string& address, tolk_methods* methods, Counts& counts,
+  CRacingClient(int index, const std::string& address, tolk_methods* methods, Counts& counts,
                 Answerer& answerer, Random random)
-      : counts_(counts),
+      : index_(index),
+        counts_(counts),
         answerer_(answerer),
         random_(random),
         end_(static_cast<ClientEnd>(random_.between(0, 3))),
@@ -60,13 +61,17 @@ class CRacingClient {
  private:
   // The request has come, so the call is under way.
   void free_under_a_call() {
-    const int before = answerer_.kept;
+    const std::atomic<int>& kept = answerer_.kept.at(static_cast<std::size_t>(index_));
     std::thread calls([&] {
+      tolk_block* const caller = number_block(index_);
       const tolk_status status =
-          tolk_client_call(client_, "keep", nullptr, TOLK_FOREVER, nullptr, nullptr);
-      if (status != TOLK_OK && status != TOLK_CLOSED && status != TOLK_UNANSWERED) ++counts_.wrong;
+          tolk_client_call(client_, "keep", caller, TOLK_FOREVER, nullptr, nullptr);
+      if (status != TOLK_OK && status != TOLK_CLOSED && status != TOLK_UNANSWERED) {
+        counts_.note_wrong(tolk_status_name(status));
+      }
+      tolk_block_free(caller);
     });
-    if (!eventually([&] { return answerer_.kept > before; })) ++counts_.wrong;
+    if (!eventually([&] { return kept > 0; })) counts_.note_wrong("a call has not come");
     tolk_client_free(client_);
     calls.join();
   }
@@ -85,9 +90,12 @@ class CRacingClient {
       self.is_freed = true;
     };
     tolk_client_start(client_, &call);
-    if (!eventually([&] { return freeing->is_freed.load(); })) ++counts_.wrong;
+    if (!eventually([&] { return freeing->is_freed.load(); })) {
+      counts_.note_wrong("an outcome has not come");
+    }
   }
 
+  const int index_;  // 0 or 1
   Counts& counts_;
   Answerer& answerer_;
   Random random_;
@@ -108,7 +116,7 @@ void race_once(Run& run, Random& random) {
     const bool server_stays = random.one_in(2);
     std::vector<std::unique_ptr<CRacingClient>> clients;
     for (int i = 0; i < 2; ++i) {
-      clients.push_back(std::make_unique<CRacingClient>(address, methods, counts, *answerer,
+      clients.push_back(std::make_unique<CRacingClient>(i, address, methods, counts, *answerer,
                                                         Random(random.engine()(), 0)));
       if (!run.expect(clients.back()->is_connected(), "a client cannot connect")) return;
     }
@@ -135,7 +143,8 @@ void race_once(Run& run, Random& random) {
              counts.contexts_freed + hooks.contexts_freed, " contexts freed of ",
              counts.contexts + hooks.contexts);
   run.expect(counts.done_twice == 0, counts.done_twice, " outcomes came twice");
-  run.expect(counts.wrong == 0, counts.wrong, " results or statuses were wrong");
+  run.expect(counts.wrong == 0, counts.wrong,
+             " results or statuses were wrong: ", counts.first_wrong.load());
 }
 
 }  // namespace
