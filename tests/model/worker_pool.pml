@@ -30,9 +30,6 @@
 #ifndef FAILURES
 #define FAILURES 0  // threads that cannot be started, at most
 #endif
-#ifndef POLLS
-#define POLLS 1  // a thread without a task may poll
-#endif
 #define LATE 255
 
 // The pool, guarded by its lock.
@@ -250,7 +247,7 @@ inline watch_ends() {
 inline next_task() {
   atomic {
     no_longer_quick();
-    polls = POLLS && is_needed && waiting == 0 && polling == 0 && !retired;
+    polls = is_needed && waiting == 0 && polling == 0 && !retired;
     if
     :: polls -> polling++
     :: polls -> polls = false
