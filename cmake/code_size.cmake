@@ -4,19 +4,14 @@ set(tolk_hot
     "/capi/(block_adding|block_index|block_reading|call_table|messages|record_buffer)[.]cpp$"
     "/client/calls[.]cpp$"
     "/params/(TolkParams|arena|content)[.]cpp$"
-    "/server/receive[.]cpp$"
+    "/server/(calls|receive)[.]cpp$"
     "/sessions/(outgoing_call|session)[.]cpp$"
-    "/transport/(envelope|frame_writer|peer_stream|plain_receiver|result_table)[.]cpp$"
+    "/transport/(envelope|frame_writer|method_registry|peer_stream|plain_receiver|result_table)[.]cpp$"
     "/transport/(staying_awake|task_queue|wait_list|work_queue)[.]cpp$")
 list(JOIN tolk_hot "|" tolk_hot)
 # Of those, the ones whose small functions of headers must be inlined: the linker would take the
 # copies that other files have, which are optimised for size.
 set(tolk_apart "/params/(TolkParams|arena|content)[.]cpp$|/transport/(envelope|peer_stream|plain_receiver)[.]cpp$")
-# Classes of the interface keep their type information, because hosts may ask for it, and so do those
-# that tests derive from.
-set(tolk_typed "/(client|server)/(TolkClient|TolkServer|large_data)[.]cpp$"
-               "/(sessions/session|transport/(plain_receiver|work_item))[.]cpp$")
-list(JOIN tolk_typed "|" tolk_typed)
 set(optimised "$<AND:$<CXX_COMPILER_ID:GNU>,$<CONFIG:Release,RelWithDebInfo,MinSizeRel,None>>")
 
 # The shared library is optimised as a whole: that alone saves a sixth of it. The objects hold plain
@@ -28,9 +23,16 @@ if(BUILD_SHARED_LIBS
    AND NOT TOLK_SANITIZE
    AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
   set(whole ON)
-  # Files with and without type information describe the same tables of functions differently.
-  target_link_options(tolk PRIVATE "$<${optimised}:-flto=auto;-Wno-odr>" LINKER:--gc-sections)
+  target_link_options(tolk PRIVATE "$<${optimised}:-flto=auto>")
   target_link_options(tolk_static INTERFACE -fno-lto)
+  # Its relocations are nearly all of one kind. Packed they need a tenth, and this C library to load.
+  include(CheckCXXSourceCompiles)
+  check_cxx_source_compiles(
+    "#include <features.h>\n#if !__GLIBC_PREREQ(2, 36)\n#error older\n#endif\nint main() {}"
+    TOLK_C_LIBRARY_UNPACKS)
+  if(TOLK_C_LIBRARY_UNPACKS)
+    target_link_options(tolk PRIVATE LINKER:-z,pack-relative-relocs)
+  endif()
 endif()
 
 # tolk_optimise(OBJECTS PATTERN IS_MATCHING OPTION...): for those sources that match, or for the others.
@@ -54,6 +56,5 @@ foreach(objects IN ITEMS tolk_platform tolk_objects)
                 -fno-align-loops)
   if(whole)
     tolk_optimise(${objects} "${tolk_apart}" OFF -flto -ffat-lto-objects)
-    tolk_optimise(${objects} "${tolk_typed}" OFF -fno-rtti)
   endif()
 endforeach()
