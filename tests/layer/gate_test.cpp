@@ -1,4 +1,4 @@
-// The gate that counts the threads in user code.
+// Counting the threads in user code, and waiting until there are none.
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -17,7 +17,7 @@ void stay_busy_for(std::chrono::microseconds time) {
 }
 
 // The last thread leaves at many moments of the other thread's wait: before, during and after its
-// beginning. Each gate is a new one, because a first wait takes the longest to begin.
+// beginning. Each round has a new object, because a first wait takes the longest to begin.
 TEST(LayerGate, LastThreadThatLeavesWakesAWaitThatJustBegins) {
   constexpr std::chrono::microseconds kStep{5};
   constexpr int kRounds = 64;
