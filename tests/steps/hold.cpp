@@ -19,10 +19,12 @@ struct Hold::State {
 
 namespace {
 
+// Threads pass most points when nothing is held: they should not be put in order by that, and it may
+// be a thread without memory.
+constinit std::atomic<int> hold_count{0};
+
 // Never destroyed: loop threads may pass points while the process ends.
 struct Holds {
-  // Threads pass most points when nothing is held; they should not be put in order by that.
-  std::atomic<int> count{0};
   std::mutex mutex;
   std::condition_variable changed;
   std::vector<std::shared_ptr<Hold::State>> all;
@@ -38,14 +40,14 @@ Holds& holds() {
 Hold::Hold(const char* point) : state_(std::make_shared<State>(State{point})) {
   const std::lock_guard<std::mutex> lock(holds().mutex);
   holds().all.push_back(state_);
-  ++holds().count;
+  ++hold_count;
 }
 
 Hold::~Hold() {
   release();
   const std::lock_guard<std::mutex> lock(holds().mutex);
   std::erase(holds().all, state_);
-  --holds().count;
+  --hold_count;
 }
 
 bool Hold::reached(Milliseconds limit) const {
@@ -63,7 +65,7 @@ void Hold::release() {
 
 void tolk::pause_point(const char* name) {
   using namespace tolk::test;
-  if (holds().count.load(std::memory_order_relaxed) == 0) return;
+  if (hold_count.load(std::memory_order_relaxed) == 0) return;
   std::unique_lock<std::mutex> lock(holds().mutex);
   const auto at = std::find_if(holds().all.begin(), holds().all.end(), [&](const auto& state) {
     return !state->taken && state->point == name;
@@ -79,7 +81,7 @@ void tolk::pause_at_phase(const char* kind, const char* when, int phase) {
   constexpr std::array kNames{"starting", "live",   "close_asked", "closeasync_asked",
                               "lost",     "closed", "ended"};
   static_assert(kNames.size() == static_cast<std::size_t>(Phase::ended) + 1);
-  if (tolk::test::holds().count.load(std::memory_order_relaxed) == 0) return;
+  if (test::hold_count.load(std::memory_order_relaxed) == 0) return;
   const std::string name =
       std::string(kind) + '.' + when + '.' + kNames[static_cast<std::size_t>(phase)];
   pause_point(name.c_str());
