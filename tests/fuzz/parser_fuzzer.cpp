@@ -9,8 +9,6 @@
 #include <string>
 #include <string_view>
 
-#include "capi/block.h"
-#include "tests/capi/c_block_text.h"
 #include "tests/fuzz/block_repair.h"
 #include "tests/fuzz/finding.h"
 #include "tests/params/block_text.h"
@@ -58,10 +56,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const bool verdict = block.Parser(bytes, static_cast<int>(size));
   tolk::test::expect_same("verdict and values", tolk::test::block_text(verdict, block),
                           naive.text());
-  const tolk_block::Received received = tolk_block::of_copy({bytes, size});
-  tolk::test::expect_same(
-      "verdict and values of the C interface",
-      tolk::test::c_block_text(received.is_well_formed(), received.block->index()), naive.text());
   const Envelope envelope = Envelope::scan({bytes, size});
   expect("the scan's verdict is the parser's", envelope.well_formed == verdict);
   expect_envelope_of(block, envelope);
