@@ -56,8 +56,8 @@ TEST(FreshAddress, IsNoPipeOfWhichAFileIsLeft) {
   const int last = std::stoi(address.port);
   const std::string socket = pipe_path(std::to_string(last + 1));
   const std::string lock = pipe_path(std::to_string(last + 2)) + ".lock";
-  std::ofstream{socket};
-  std::ofstream{lock};
+  std::ofstream(socket).close();
+  std::ofstream(lock).close();
   EXPECT_EQ(fresh_address(Transport::pipe).port, std::to_string(last + 3));
   EXPECT_TRUE(std::filesystem::remove(socket));
   EXPECT_TRUE(std::filesystem::remove(lock));
