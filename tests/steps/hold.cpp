@@ -19,8 +19,8 @@ struct Hold::State {
 
 namespace {
 
-// Threads pass most points when nothing is held: they should not be put in order by that, and it may
-// be a thread without memory.
+// Threads pass most points when nothing is held: they should not be put in order by that, and it
+// may be a thread without memory.
 constinit std::atomic<int> hold_count{0};
 
 // Never destroyed: loop threads may pass points while the process ends.
