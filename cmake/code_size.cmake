@@ -1,3 +1,8 @@
+option(TOLK_SMALL "Optimise the library for size, which takes twice as long to build" ON)
+if(NOT TOLK_SMALL)
+  return()
+endif()
+
 # Optimised libraries are built for size, since a host carries the whole library and most of it runs
 # once in a connection's life; what each call and each value passes through is built for speed.
 set(tolk_hot
