@@ -1,232 +1,38 @@
-// Large data: both directions, each kind of source and sink, sizes beyond 2 GiB, and failures.
-#include <algorithm>
+// Large data: both directions, each kind of source and sink, and failures.
+#include <tolk/c.h>
+
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
-#include <tolk/tolk.hpp>
 #include <vector>
 
 #include "pair.h"
 #include "tests/e2e/support/waiting.h"
-#include "tests/pattern.h"
+#include "transfer_support.h"
 
 namespace {
 
-using tolk::test::Answer;
+using tolk::test::are_bytes;
+using tolk::test::bytes_at;
+using tolk::test::Checker;
+using tolk::test::DataCall;
+using tolk::test::DataMethod;
 using tolk::test::Done;
 using tolk::test::Event;
 using tolk::test::eventually;
+using tolk::test::kPieceOfTransfer;
+using tolk::test::Maker;
 using tolk::test::Owned;
 using tolk::test::Pair;
+using tolk::test::some_bytes;
+using tolk::test::TempFile;
 using tolk::test::text_block;
 using tolk::test::text_of;
-
-constexpr std::size_t kPieceOfTransfer = std::size_t{256} << 10;
-
-// The bytes of a transfer repeat, but not with the pieces, so that one that is lost, doubled or out
-// of order shows. They are made and compared as quickly as memory allows: some transfers are large.
-const std::string& repeated_bytes() {
-  static const std::string bytes = tolk::test::pattern((std::size_t{1} << 20) - 57);
-  return bytes;
-}
-
-template <class Use>
-void for_each_part(std::uint64_t offset, std::size_t size, Use use) {
-  for (std::size_t done = 0; done < size;) {
-    const std::size_t at = (offset + done) % repeated_bytes().size();
-    const std::size_t count = std::min(repeated_bytes().size() - at, size - done);
-    use(done, repeated_bytes().data() + at, count);
-    done += count;
-  }
-}
-
-void make_bytes(std::uint64_t offset, char* to, std::size_t size) {
-  for_each_part(offset, size, [&](std::size_t done, const char* part, std::size_t count) {
-    std::memcpy(to + done, part, count);
-  });
-}
-
-bool are_bytes(std::uint64_t offset, const char* bytes, std::size_t size) {
-  bool all_right = true;
-  for_each_part(offset, size, [&](std::size_t done, const char* part, std::size_t count) {
-    if (std::memcmp(bytes + done, part, count) != 0) all_right = false;
-  });
-  return all_right;
-}
-
-std::string some_bytes(std::size_t size) {
-  std::string bytes(size, '\0');
-  make_bytes(0, bytes.data(), size);
-  return bytes;
-}
-
-// A source of bytes that nobody has in memory. It counts its release.
-struct Maker {
-  std::atomic<std::uint64_t> made{0};
-  std::uint64_t fails_at = UINT64_MAX;
-  std::atomic<int> released{0};
-
-  tolk_source* source(std::uint64_t total) {
-    const auto read = [](void* self, void* to, std::size_t capacity) {
-      auto& maker = *static_cast<Maker*>(self);
-      if (maker.made >= maker.fails_at) return std::size_t{0};
-      make_bytes(maker.made, static_cast<char*>(to), capacity);
-      maker.made += capacity;
-      return capacity;
-    };
-    return tolk_source_callback(total, read, this,
-                                [](void* self) { ++static_cast<Maker*>(self)->released; });
-  }
-};
-
-// A sink that checks what it gets.
-struct Checker {
-  std::atomic<std::uint64_t> got{0};
-  std::uint64_t fails_at = UINT64_MAX;
-  std::atomic<bool> all_right{true};
-  std::atomic<int> released{0};
-  Event is_released;
-
-  tolk_sink* sink() {
-    const auto write = [](void* self, const void* bytes, std::size_t size) {
-      auto& checker = *static_cast<Checker*>(self);
-      if (checker.got >= checker.fails_at) return false;
-      if (!are_bytes(checker.got, static_cast<const char*>(bytes), size)) checker.all_right = false;
-      checker.got += size;
-      return true;
-    };
-    return tolk_sink_callback(write, this, [](void* self) {
-      auto& checker = *static_cast<Checker*>(self);
-      ++checker.released;
-      checker.is_released.set();
-    });
-  }
-};
-
-class TempFile {
- public:
-  TempFile() {
-    static std::atomic<int> last{0};
-    path_ = std::filesystem::temp_directory_path() /
-            ("capi-transfer-" +
-             std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + "-" +
-             std::to_string(++last));
-  }
-  ~TempFile() { std::filesystem::remove(path_); }
-  TempFile(const TempFile&) = delete;
-  TempFile& operator=(const TempFile&) = delete;
-
-  std::string path() const { return path_.string(); }
-  bool exists() const { return std::filesystem::exists(path_); }
-  void put(const std::string& bytes) const {
-    std::ofstream(path_, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
-  }
-  std::string all() const {
-    std::string bytes(exists() ? std::filesystem::file_size(path_) : 0, '\0');
-    std::ifstream(path_, std::ios::binary).read(bytes.data(), std::streamsize(bytes.size()));
-    return bytes;
-  }
-  tolk_source* source() const {
-    tolk_source* made = nullptr;
-    EXPECT_EQ(tolk_source_file(path().c_str(), &made, nullptr), TOLK_OK);
-    return made;
-  }
-  tolk_sink* sink() const {
-    tolk_sink* made = nullptr;
-    EXPECT_EQ(tolk_sink_file(path().c_str(), &made, nullptr), TOLK_OK);
-    return made;
-  }
-
- private:
-  std::filesystem::path path_;
-};
-
-// A method that data come to, with what its host decides about them.
-struct DataMethod {
-  std::function<void(tolk_request*)> handler = [](tolk_request* request) {
-    tolk_request_answer(request, nullptr);
-  };
-  std::function<tolk_status(const tolk_request*, std::uint64_t, tolk_sink**)> accept;
-  std::function<bool(std::uint64_t, std::uint64_t)> progress = [](auto, auto) { return true; };
-  std::atomic<int> handled{0};
-
-  void add_to(tolk_methods* methods, const char* name) {
-    tolk_method_options options{};
-    options.size = sizeof options;
-    if (accept) {
-      options.accept = [](void* self, const tolk_request* request, std::uint64_t total,
-                          tolk_sink** sink) {
-        return static_cast<DataMethod*>(self)->accept(request, total, sink);
-      };
-    }
-    options.progress = [](void* self, std::uint64_t done, std::uint64_t total) {
-      return static_cast<DataMethod*>(self)->progress(done, total);
-    };
-    const auto call = [](void* self, tolk_request* request) {
-      ++static_cast<DataMethod*>(self)->handled;
-      static_cast<DataMethod*>(self)->handler(request);
-    };
-    ASSERT_EQ(tolk_methods_add(methods, name, call, this, &options, nullptr), TOLK_OK);
-  }
-};
-
-// The host's side of a call with data.
-struct DataCall {
-  tolk_call raw{};
-  std::vector<std::uint64_t> reports;
-  std::function<bool(std::uint64_t)> may_go_on = [](std::uint64_t) { return true; };
-  Owned<tolk_block> arguments;
-  Owned<tolk_block> result;
-  std::string reason;
-  int code = 0;
-
-  explicit DataCall(const char* method) {
-    raw.size = sizeof raw;
-    raw.method = method;
-    raw.context = this;
-    raw.progress = [](void* self, std::uint64_t done, std::uint64_t) {
-      auto& call = *static_cast<DataCall*>(self);
-      call.reports.push_back(done);
-      return call.may_go_on(done);
-    };
-  }
-  tolk_status finish(tolk_status status, tolk_block* block, tolk_error* error) {
-    result.reset(block);
-    reason = tolk_error_reason(error);
-    code = tolk_error_code(error);
-    tolk_error_free(error);
-    return status;
-  }
-  tolk_status run(tolk_client* client) {
-    raw.arguments = arguments.get();
-    tolk_block* block = nullptr;
-    tolk_error* error = nullptr;
-    const tolk_status status =
-        tolk_client_wait(client, tolk_client_start(client, &raw), &block, &error);
-    return finish(status, block, error);
-  }
-  tolk_status run(tolk_server* server, std::uint64_t client) {
-    raw.arguments = arguments.get();
-    raw.client = client;
-    tolk_block* block = nullptr;
-    tolk_error* error = nullptr;
-    const tolk_status status =
-        tolk_server_wait(server, tolk_server_start(server, &raw), &block, &error);
-    return finish(status, block, error);
-  }
-};
-
-std::string bytes_at(const tolk_block* block, std::size_t at) {
-  std::size_t size = 0;
-  const void* const bytes = tolk_block_bytes(block, at, &size);
-  return bytes == nullptr ? "" : std::string(static_cast<const char*>(bytes), size);
-}
 
 class CapiTransfers : public Pair {
  protected:
@@ -694,180 +500,6 @@ TEST_P(CapiTransfers, EightGoSideBySide) {
     EXPECT_EQ(checkers[i].got, 30 * kPieceOfTransfer + i);
     EXPECT_TRUE(checkers[i].all_right);
   }
-  end();
-}
-
-// More than 2 GiB, with a bound on what is in memory meanwhile. A sanitizer, which looks at the
-// code and not at the numbers, would take minutes for that.
-#if defined(TOLK_SANITIZED)
-constexpr std::uint64_t kHuge = std::uint64_t{64} << 20;
-#else
-constexpr std::uint64_t kHuge = std::uint64_t{2} << 30;
-#endif
-
-class CapiHugeTransfers : public Pair {};
-INSTANTIATE_TEST_SUITE_P(Pipe, CapiHugeTransfers, testing::Values("pipe"),
-                         tolk::test::transport_name);
-
-TEST_P(CapiHugeTransfers, MoreThanTwoGiBOfASparseFileGoThroughAFewPieces) {
-  constexpr std::uint64_t kTotal = kHuge + 12345;
-  const TempFile from;
-  from.put("begin");
-  std::filesystem::resize_file(from.path(), kTotal);
-  std::atomic<std::uint64_t> got{0};
-  const auto count = [](void* to, const void*, std::size_t size) {
-    *static_cast<std::atomic<std::uint64_t>*>(to) += size;
-    return true;
-  };
-  DataMethod method;
-  method.accept = [&](const tolk_request*, std::uint64_t total, tolk_sink** sink) {
-    EXPECT_EQ(total, kTotal);
-    *sink = tolk_sink_callback(count, &got, nullptr);
-    return TOLK_OK;
-  };
-  method.add_to(server_methods.get(), "store");
-  start();
-  std::uint64_t most_ahead = 0;
-  DataCall call("store");
-  call.raw.source = from.source();
-  call.may_go_on = [&](std::uint64_t done) {
-    most_ahead = std::max<std::uint64_t>(most_ahead, got - done);
-    return true;
-  };
-  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
-  EXPECT_EQ(got, kTotal);
-  EXPECT_LE(most_ahead, 8 * kPieceOfTransfer);
-  end();
-}
-
-TEST_P(CapiHugeTransfers, MoreThanTwoGiBComeWithAnAnswer) {
-  constexpr std::uint64_t kTotal = kHuge + 5;
-  Maker maker;
-  Checker checker;
-  DataMethod method;
-  method.handler = [&](tolk_request* request) {
-    tolk_request_answer_data(request, nullptr, maker.source(kTotal));
-  };
-  method.add_to(server_methods.get(), "fetch");
-  start();
-  DataCall call("fetch");
-  call.raw.sink = checker.sink();
-  call.may_go_on = [&](std::uint64_t) {
-    EXPECT_LE(maker.made - checker.got, 9 * kPieceOfTransfer);
-    return true;
-  };
-  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
-  EXPECT_EQ(checker.got, kTotal);
-  EXPECT_TRUE(checker.all_right);
-  end();
-}
-
-// Peers that do not know pieces, and the C++ layer, which has its own.
-class CapiOtherPeers : public Pair {};
-INSTANTIATE_TEST_SUITE_P(Pipe, CapiOtherPeers, testing::Values("pipe"), tolk::test::transport_name);
-
-TEST_P(CapiOtherPeers, ALayeredServerGetsDataInOneCall) {
-  tolk::Server plain;
-  plain.on("size", [](const std::string& data, int more) {
-    return std::to_string(data.size()) + " " + std::to_string(more);
-  });
-  const std::string address = "pipe:" + std::to_string(20000 + std::random_device()() % 20000);
-  plain.listen(tolk::Address(address));
-  tolk_client* made = nullptr;
-  ASSERT_EQ(tolk_client_connect(address.c_str(), nullptr, &made, nullptr), TOLK_OK);
-  client.reset(made);
-  Maker maker;
-  DataCall call("size");
-  call.arguments.reset(tolk_block_new());
-  tolk_block_add_int(call.arguments.get(), 7);
-  call.raw.source = maker.source(5 * kPieceOfTransfer);
-  EXPECT_EQ(call.run(client.get()), TOLK_OK) << call.reason;
-  EXPECT_EQ(text_of(call.result.get()), std::to_string(5 * kPieceOfTransfer) + " 7");
-  DataCall huge("size");
-  huge.raw.source = maker.source(std::uint64_t{3} << 30);
-  EXPECT_EQ(huge.run(client.get()), TOLK_TOO_LARGE);
-  end();
-}
-
-TEST_P(CapiOtherPeers, ALayeredClientSendsPiecesAndGetsAnAnswerInOneMessage) {
-  DataMethod take;
-  take.handler = [](tolk_request* request) {
-    const tolk_block* const got = tolk_request_arguments(request);
-    EXPECT_EQ(tolk_block_total(got), 2U);
-    EXPECT_EQ(tolk_block_int(got, 1), 7);
-    const std::string bytes = bytes_at(got, 0);
-    EXPECT_TRUE(are_bytes(0, bytes.data(), bytes.size()));
-    tolk_request_answer(request, text_block(std::to_string(bytes.size())).release());
-  };
-  take.add_to(server_methods.get(), "take");
-  DataMethod fetch;
-  const std::string bytes = some_bytes(3 * kPieceOfTransfer);
-  fetch.handler = [&](tolk_request* request) {
-    tolk_request_answer_data(request, nullptr,
-                             tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr));
-  };
-  fetch.add_to(server_methods.get(), "fetch");
-  std::string name = "pipe:" + std::to_string(20000 + std::random_device()() % 20000);
-  tolk_server_options options{};
-  options.size = sizeof options;
-  options.methods = server_methods.get();
-  tolk_server* made = nullptr;
-  ASSERT_EQ(tolk_server_listen(name.c_str(), &options, &made, nullptr), TOLK_OK);
-  server.reset(made);
-  tolk::Client plain;
-  plain.connect(tolk::Address(name));
-  EXPECT_EQ(plain.send<std::string>("take", bytes, nullptr, 7).value(),
-            std::to_string(bytes.size()));
-  EXPECT_EQ(plain.call<std::string>("fetch").value(), bytes);
-  EXPECT_EQ(plain.send("unknown", bytes, nullptr).error().code(), tolk::Errc::no_such_method);
-  plain.close();
-  end();
-}
-
-TEST_P(CapiOtherPeers, ALargeCallOfAPlainClientIsAnsweredInItsPieces) {
-  DataMethod take;
-  take.handler = [](tolk_request* request) {
-    const tolk_block* const got = tolk_request_arguments(request);
-    EXPECT_EQ(tolk_block_total(got), 1U);
-    const std::string bytes = bytes_at(got, 0);
-    EXPECT_TRUE(are_bytes(0, bytes.data(), bytes.size()));
-    tolk_request_answer(request, text_block(bytes).release());
-  };
-  take.add_to(server_methods.get(), "mirror");
-  DataMethod refuse;
-  refuse.handler = [](tolk_request* request) {
-    tolk_request_fail(request, TOLK_FAILED, 0, "no", nullptr);
-  };
-  refuse.add_to(server_methods.get(), "refuse");
-  const int port = 20000 + static_cast<int>(std::random_device()() % 20000);
-  tolk_server_options options{};
-  options.size = sizeof options;
-  options.methods = server_methods.get();
-  tolk_server* made = nullptr;
-  ASSERT_EQ(tolk_server_listen(("pipe:" + std::to_string(port)).c_str(), &options, &made, nullptr),
-            TOLK_OK);
-  server.reset(made);
-  IClient* const plain = CreateClient();
-  ASSERT_TRUE(plain->InitTolkClient(std::to_string(port).c_str(), false));
-  const std::string bytes = some_bytes(100000);
-  TolkParams block;
-  block.AddStream(bytes.data(), static_cast<long>(bytes.size()));
-  TolkParams* result = plain->SendMsgEx("mirror", &block, 77, 0);
-  ASSERT_NE(result, nullptr);
-  ASSERT_NE(result->GetValue(0), nullptr);
-  EXPECT_EQ(std::string(result->GetValue(0)->GetString()).size(),
-            std::string(bytes.c_str()).size());
-  TolkParams more;
-  result = plain->SendMsgEx("refuse", &more, 78, 0);
-  ASSERT_NE(result, nullptr);
-  EXPECT_NE(result->GetMap("tolk.error"), nullptr);
-  TolkParams none;
-  result = plain->SendMsgEx("unknown", &none, 79, 0);
-  ASSERT_NE(result, nullptr);
-  ASSERT_NE(result->GetValue(0), nullptr);
-  EXPECT_STREQ(result->GetValue(0)->GetString(), "no event: unknown");
-  plain->close();
-  DestroyClient(plain);
   end();
 }
 
