@@ -68,7 +68,9 @@ tolk_block* tolk_block::without_memory() noexcept { return &*block_without_memor
 
 tolk_block::Received tolk_block::of_message(const SharedBytes& payload, std::string_view types,
                                             Reserved reserved) {
-  return received(BlockIndex::of_shared(payload), types, reserved);
+  return received(
+      payload.owner ? BlockIndex::of_shared(payload) : BlockIndex::of_copy(payload.view), types,
+      reserved);
 }
 
 tolk_block::Received tolk_block::of_copy(std::string_view encoded) {

@@ -41,7 +41,8 @@ struct tolk_block {
   tolk_block& operator=(const tolk_block&) = delete;
   virtual ~tolk_block();
 
-  // The block of received bytes, which stay as they are while it lives. `types` is the text of
+  // The block of received bytes, which stay as they are while it lives. Bytes that nobody owns are
+  // copied. `types` is the text of
   // "tolk.types" that came with it. In a reply the reserved keys are not values: dropped.
   static Received of_message(const tolk::SharedBytes& payload, std::string_view types,
                              Reserved reserved);

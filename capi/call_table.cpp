@@ -1,15 +1,17 @@
 #include "capi/call_table.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <exception>
 #include <iterator>
 #include <list>
-#include <optional>
+#include <memory>
 #include <utility>
 
+#include "capi/core.h"
 #include "capi/messages.h"
-#include "platform/never_destroyed.h"
+#include "platform/process.h"
 #include "transport/process_exit.h"
 #include "transport/staying_awake.h"
 
@@ -31,20 +33,20 @@ class CallTable::WorkerWait {
     if (!WorkerPool::on_worker()) return;
     install_exit_handler();
     place_.push_back({&table, number});
-    auto& waits = *all;
-    const auto list = waits.lock();
+    all_ = &all_of_this_process();
+    const auto list = all_->list.lock();
     list->splice(list->end(), place_);
     at_ = std::prev(list->end());
   }
   ~WorkerWait() {
-    if (!at_) return;
-    const auto list = (*all).lock();
-    place_.splice(place_.end(), *list, *at_);
+    if (all_ == nullptr) return;
+    const auto list = all_->list.lock();
+    place_.splice(place_.end(), *list, at_);
   }
   WorkerWait(const WorkerWait&) = delete;
   WorkerWait& operator=(const WorkerWait&) = delete;
 
-  bool ends() const { return at_ && process_exits(); }
+  bool ends() const { return all_ != nullptr && process_exits(); }
 
  private:
   struct Wait {
@@ -52,9 +54,23 @@ class CallTable::WorkerWait {
     std::uint64_t number;
   };
   using Waits = std::list<Wait>;
+  struct All {
+    const std::uint32_t process = platform::generation();
+    Guarded<Waits> list;
+  };
+
+  // A forked child makes its own: its parent's may be locked by a thread that is not there.
+  static All& all_of_this_process() {
+    All* known = all.load();
+    if (known != nullptr && known->process == platform::generation()) return *known;
+    auto made = std::make_unique<All>();
+    return all.compare_exchange_strong(known, made.get()) ? *made.release() : *known;
+  }
 
   static void wake_all() {
-    const auto list = (*all).lock();
+    All* const known = all.load();
+    if (known == nullptr || known->process != platform::generation()) return;
+    const auto list = known->list.lock();
     for (const auto& [table, number] : *list) {
       const auto shard = table->shard_of(number).lock();
       const auto at = shard->records.find(number);
@@ -62,15 +78,16 @@ class CallTable::WorkerWait {
     }
   }
 
-  static NeverDestroyed<Guarded<Waits>> all;
+  static std::atomic<All*> all;  // never destroyed: threads may use it while the process ends
   static const AtProcessExit at_exit;
 
+  All* all_ = nullptr;
   Waits place_;
-  std::optional<Waits::iterator> at_;
+  Waits::iterator at_;
 };
 
-NeverDestroyed<Guarded<CallTable::WorkerWait::Waits>> CallTable::WorkerWait::all;
-const AtProcessExit CallTable::WorkerWait::at_exit{wake_all};
+constinit std::atomic<CallTable::WorkerWait::All*> CallTable::WorkerWait::all{nullptr};
+const AtProcessExit CallTable::WorkerWait::at_exit{wake_all, AtProcessExit::In::every_process};
 
 Outcome Outcome::of(Failure failure) noexcept {
   Outcome outcome;
@@ -131,9 +148,13 @@ void CallRecord::run_claimed() {
   shown.error = outcome.error.get();
   shown.call = group ? group->number : number;
   shown.client = peer;
-  shown.left = group ? group->left.fetch_sub(1) - 1 : 0;
+  shown.left = group ? --group->left : 0;
   done(context, &shown);
   outcome = {};
+  if (!group) return;
+  if (const auto waiting = group->outcomes.next()) {
+    core_->callbacks().dispatch(waiting, Callbacks::When::later);
+  }
 }
 
 bool CallTable::add(const std::shared_ptr<CallRecord>& record) {
@@ -166,6 +187,9 @@ std::shared_ptr<CallRecord> CallTable::take(std::uint64_t number) {
 void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcome,
                        Callbacks::When when) {
   record->outcome = std::move(outcome);
+  if (record->outcome.status == TOLK_GONE && record->data && record->data->call) {
+    record->data->call->tell_kept_reply(*record);
+  }
   const auto data = std::move(record->data);
   if (!data) return deliver(record, when);
   const auto delivery = std::move(data->delivery);
@@ -174,7 +198,10 @@ void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcom
 }
 
 void CallTable::deliver(const std::shared_ptr<CallRecord>& record, Callbacks::When when) {
-  if (record->done != nullptr) return callbacks_.dispatch(record, when);
+  if (record->done != nullptr) {
+    if (record->group && !record->group->outcomes.push(record)) return;
+    return callbacks_.dispatch(record, when);
+  }
   if (record->is_own) return;
   {
     const auto shard = shard_of(record->number).lock();

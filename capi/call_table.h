@@ -24,6 +24,7 @@
 #include "capi/call_data.h"
 #include "capi/callbacks.h"
 #include "capi/error.h"
+#include "capi/ordered_queue.h"
 #include "transport/thread_safety.h"
 
 namespace tolk {
@@ -46,11 +47,14 @@ struct Outcome {
   static Outcome without_texts(tolk_status status) noexcept;
 };
 
-// Calls that were started as one, for all clients of a server.
+// Calls that were started as one, for all clients of a server. Their callbacks come one after the
+// other, so that the last may free what all of them use.
 struct CallGroup {
   std::uint64_t number = 0;
-  std::atomic<std::size_t> left{0};
+  std::size_t left = 0;  // of the callback that runs
   std::vector<std::uint64_t> calls;
+  std::atomic<bool> is_cancelled{false};  // those that have not begun, too
+  OrderedQueue outcomes;
 };
 
 struct CallRecord final : tolk_task {

@@ -16,6 +16,20 @@ Callbacks::Scope::Scope(const Core& core, bool is_log)
 
 Callbacks::Scope::~Scope() { innermost = outer_; }
 
+Callbacks::Telling::Telling(Callbacks& callbacks) {
+  const auto state = callbacks.state_.lock();
+  if (state->is_silent) return;
+  ++state->lines;
+  callbacks_ = &callbacks;
+}
+
+Callbacks::Telling::~Telling() {
+  if (callbacks_ == nullptr) return;
+  const auto state = callbacks_->state_.lock();
+  --state->lines;
+  if (state->is_silent) callbacks_->changed_.notify_all();
+}
+
 bool Callbacks::inside(const Core& core) {
   for (const Scope* at = Scope::innermost; at != nullptr; at = at->outer_) {
     if (&at->core_ == &core) return true;
@@ -49,7 +63,7 @@ class tolk_task::OnLoop final : public tolk::Task {
   void run() TOLK_LOOP override { std::exchange(held_, nullptr)->run(); }
   void refuse() override {
     const auto task = std::exchange(held_, nullptr);
-    task->core_->callbacks().hand_to_others(*task, Callbacks::When::later);
+    task->core_->callbacks().hand_to_others(task, Callbacks::When::later);
   }
 
   void hold() { held_ = task_.shared_from_this(); }
@@ -59,8 +73,8 @@ class tolk_task::OnLoop final : public tolk::Task {
   std::shared_ptr<tolk_task> held_;
 };
 
-tolk_task::tolk_task(Kind kind, bool runs_inline)
-    : kind_(kind), runs_inline_(runs_inline), place_(1), worker_place_(1) {
+tolk_task::tolk_task(Kind kind, bool runs_inline, std::shared_ptr<tolk::Core> core)
+    : kind_(kind), runs_inline_(runs_inline), core_(std::move(core)) {
   if (runs_inline) loop_task_ = std::make_unique<OnLoop>(*this);
 }
 
@@ -70,14 +84,15 @@ tolk_task::~tolk_task() {
 
 // In a process that exits, no handler begins.
 void tolk_task::run() {
-  const auto core = core_;
   const bool drop = kind_ == Kind::handler && tolk::process_exits();
-  if (core->callbacks().claim(*this)) core->callbacks().run_claimed(*this, drop);
+  tolk::Callbacks& callbacks = core_->callbacks();
+  if (callbacks.claim(*this)) callbacks.run_claimed(*this, drop);
 }
 
 void tolk_task_run(tolk_task* task) {
   if (task == nullptr || !task->core_->of_this_process()) return;
   const auto held = std::exchange(task->held_by_host_, nullptr);
+  TOLK_PAUSE_POINT("task.before_run");
   if (held) held->run();
 }
 
@@ -87,7 +102,13 @@ Callbacks::Callbacks(Core& core, tolk_execute execute, void* context, unsigned w
     : core_(core),
       execute_(execute),
       context_(context),
-      workers_(std::make_shared<WorkerPool>(workers, [this] { core_.start_workers_soon(); })) {}
+      workers_(std::make_shared<WorkerPool>(workers, [this] { on_thread_lacking(); })) {}
+
+// After the end the loop cannot be relied on: what still comes runs on the thread that brings it.
+void Callbacks::on_thread_lacking() {
+  if (state_.lock()->ended) return workers_->run_here();
+  core_.start_workers_soon();
+}
 
 // In a forked child the threads of the pool are gone, and may have left its lock taken.
 Callbacks::~Callbacks() {
@@ -103,23 +124,22 @@ void Callbacks::dispatch(const std::shared_ptr<tolk_task>& task, When when) {
   bool drops = false;
   {
     const auto state = state_.lock();
-    task->core_ = core_.shared();
-    task->place_.front() = task;
+    if (!task->core_) task->core_ = core_.shared();
+    task->place_.task = task;
     if (std::exchange(task->expected_by_, this) == nullptr) ++state->unfinished;
     if (state->ending || !state->ended || task->kind_ != tolk_task::Kind::handler) {
-      task->waiting_at_ = task->place_.begin();
-      state->waiting.splice(state->waiting.end(), task->place_);
+      state->waiting.add(task->place_);
       if (state->ending) return changed_.notify_all();
     } else {
       drops = true;
       task->claimed_ = true;
-      state->dropped.splice(state->dropped.end(), task->place_);
+      state->dropped.add(task->place_);
       if (std::exchange(state->dropping, true)) return;
     }
   }
   TOLK_PAUSE_POINT("callback.listed");
   if (drops) return drop_handlers();
-  hand_over(*task, when);
+  hand_over(task, when);
 }
 
 // The end of one handler may dispatch the next: that comes on the list, so that thousands of them
@@ -131,21 +151,21 @@ void Callbacks::drop_handlers() {
       const auto state = state_.lock();
       state->dropping = !state->dropped.empty();
       if (!state->dropping) return;
-      task = state->dropped.front();
-      task->place_.splice(task->place_.end(), state->dropped, state->dropped.begin());
+      task = state->dropped.first();
+      state->dropped.remove(task->place_);
     }
     run_claimed(*task, true);
   }
 }
 
-void Callbacks::hand_over(tolk_task& task, When when) {
-  if (!task.runs_inline_) return hand_to_others(task, when);
+void Callbacks::hand_over(const std::shared_ptr<tolk_task>& task, When when) {
+  if (!task->runs_inline_) return hand_to_others(task, when);
   if (when == When::now && core_.on_loop_thread()) {
     if (quiet_ > 0) workers_->call_threads();
-    return task.run();
+    return task->run();
   }
-  static_cast<tolk_task::OnLoop&>(*task.loop_task_).hold();
-  core_.post_to_loop(std::move(task.loop_task_));
+  static_cast<tolk_task::OnLoop&>(*task->loop_task_).hold();
+  core_.post_to_loop(std::move(task->loop_task_));
 }
 
 // At the end of the loop's turn, threads are called for all that came.
@@ -180,26 +200,27 @@ void Callbacks::add_quietly(TaskPlace& place) {
   workers_->call_threads();
 }
 
-void Callbacks::hand_to_others(tolk_task& task, When when) {
-  if (execute_ != nullptr && !task.is_for_workers()) return give_to_executor(task);
-  auto& place = task.queue_place();
-  place.front() = task.shared_from_this();
+void Callbacks::hand_to_others(const std::shared_ptr<tolk_task>& task, When when) {
+  if (execute_ != nullptr && !task->is_for_workers()) return give_to_executor(task);
+  auto& place = task->queue_place();
+  place.task = task;
   if (when == When::now && core_.on_loop_thread()) return add_quietly(place);
   workers_->add(place);
 }
 
 // A thread in end() takes the task itself. It returns only when nobody calls the executor: the host
 // may end that afterwards.
-void Callbacks::give_to_executor(tolk_task& task) {
+void Callbacks::give_to_executor(const std::shared_ptr<tolk_task>& task) {
   {
     const auto state = state_.lock();
-    if (state->ending || task.claimed_) return;
+    if (state->ending || task->claimed_) return;
     ++state->unfinished;
   }
   {
     const Scope scope(core_);
-    task.held_by_host_ = task.shared_from_this();
-    execute_(context_, &task);
+    task->held_by_host_ = task;
+    TOLK_PAUSE_POINT("executor.before_call");
+    execute_(context_, task.get());
   }
   count_down();
 }
@@ -213,11 +234,11 @@ bool Callbacks::claim(tolk_task& task) {
 
 void Callbacks::claim_listed(State& state, tolk_task& task) {
   task.claimed_ = true;
-  task.place_.splice(task.place_.end(), state.waiting, task.waiting_at_);
+  state.waiting.remove(task.place_);
 }
 
 void Callbacks::run_claimed(tolk_task& task, bool drop) {
-  const auto self = std::move(task.place_.front());
+  const auto self = std::move(task.place_.task);
   TOLK_PAUSE_POINT("callback.claimed");
   {
     const Scope scope(core_);
@@ -245,10 +266,10 @@ void Callbacks::end() {
   const bool waits = !inside(core_);
   auto state = state_.lock();
   state->ended = true;
-  state->ending = waits;
+  if (waits) state->ending = true;  // a callback may free what a failed connect ends
   for (;;) {
     while (!state->waiting.empty()) {
-      const auto task = state->waiting.front();
+      const auto task = state->waiting.first();
       claim_listed(*state, *task);
       state.unlock();
       run_claimed(*task, task->kind_ == tolk_task::Kind::handler);
@@ -258,7 +279,9 @@ void Callbacks::end() {
     state.wait(changed_,
                [](const State& now) { return !now.waiting.empty() || now.unfinished == 0; });
   }
-  state->ending = false;
+  if (waits) state->ending = false;
+  state->is_silent = true;
+  if (!inside_log(core_)) state.wait(changed_, [](const State& now) { return now.lines == 0; });
   state.unlock();
   workers_->run_here();  // has what was run here already, and would keep it
 }

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <list>
 #include <memory>
 #include <utility>
 
@@ -26,15 +25,19 @@ struct tolk_task : std::enable_shared_from_this<tolk_task> {
  public:
   enum class Kind { outcome, hook, handler };
 
-  tolk_task(Kind kind, bool runs_inline);
+  // `core`: its object, unless that is told by the dispatch.
+  tolk_task(Kind kind, bool runs_inline, std::shared_ptr<tolk::Core> core = nullptr);
   virtual ~tolk_task();
   tolk_task(const tolk_task&) = delete;
   tolk_task& operator=(const tolk_task&) = delete;
 
   // Unless somebody has claimed it.
   virtual void run();
-  // An element for a queue in which the task waits for its turn; a pool's, later.
-  std::list<std::shared_ptr<tolk_task>>& queue_place() { return worker_place_; }
+  // After a run on a worker, for the only owner: drops what somebody may wait for. False: what is
+  // left is more than some memory.
+  virtual bool drop_all_but_memory() { return false; }
+  // For a queue in which the task waits for its turn; a pool's, later.
+  tolk::TaskPlace& queue_place() { return worker_place_; }
 
  protected:
   virtual void run_claimed() = 0;
@@ -45,17 +48,16 @@ struct tolk_task : std::enable_shared_from_this<tolk_task> {
 
   const Kind kind_;
   const bool runs_inline_;
+  std::shared_ptr<tolk::Core> core_;
 
  private:
   friend class tolk::Callbacks;
   friend void tolk_task_run(tolk_task* task);
   class OnLoop;
 
-  std::shared_ptr<tolk::Core> core_;        // from the dispatch on
   tolk::Callbacks* expected_by_ = nullptr;  // who counts the task as unfinished
-  tolk::TaskPlace place_;                   // in the list of Callbacks
-  tolk::TaskPlace::iterator waiting_at_;
-  tolk::TaskPlace worker_place_;  // in the list of the pool
+  tolk::TaskPlace place_;                   // in the row of Callbacks
+  tolk::TaskPlace worker_place_;            // in that of the pool
   std::unique_ptr<tolk::Task> loop_task_;
   std::shared_ptr<tolk_task> held_by_host_;
   bool claimed_ = false;
@@ -77,7 +79,7 @@ class Callbacks {
   // One that is dropped without a dispatch counts no longer.
   void expect(tolk_task& task);
   // Runs or drops what waits. Afterwards, unless the calling thread is in one of the callbacks,
-  // none runs any more.
+  // none runs any more. The log gets no line afterwards; one that this thread is in goes on.
   void end();
 
   // While alive, a handler waits or runs. It counts from the arrival of its request on.
@@ -111,6 +113,20 @@ class Callbacks {
     Callbacks& callbacks_;
   };
 
+  // While alive, a line of the log is told, unless the object has ended. The end waits for it.
+  class Telling {
+   public:
+    explicit Telling(Callbacks& callbacks);
+    ~Telling();
+    Telling(const Telling&) = delete;
+    Telling& operator=(const Telling&) = delete;
+
+    bool is_allowed() const { return callbacks_ != nullptr; }
+
+   private:
+    Callbacks* callbacks_ = nullptr;
+  };
+
   // Whether the calling thread is in a callback of the object, or in its log.
   static bool inside(const Core& core);
   static bool inside_log(const Core& core);
@@ -120,21 +136,25 @@ class Callbacks {
  private:
   friend struct ::tolk_task;
   struct State {
-    TaskPlace waiting;
-    TaskPlace dropped;           // handlers that come after the end
+    TaskRow waiting;
+    TaskRow dropped;             // handlers that come after the end
     std::size_t unfinished = 0;  // expected, waiting or running; or the executor is being called
+    std::size_t lines = 0;       // of the log, being told
     bool ended = false;
-    bool ending = false;    // a thread is in end() and takes what comes
-    bool dropping = false;  // a thread drops handlers
+    bool is_silent = false;  // the log gets no more lines
+    bool ending = false;     // a thread is in end() and takes what comes
+    bool dropping = false;   // a thread drops handlers
   };
+
+  void on_thread_lacking();
 
   class EndOfTurn;
   static constexpr int kMostQuiet = 16;
 
-  void hand_over(tolk_task& task, When when);
-  void hand_to_others(tolk_task& task, When when);
+  void hand_over(const std::shared_ptr<tolk_task>& task, When when);
+  void hand_to_others(const std::shared_ptr<tolk_task>& task, When when);
   void add_quietly(TaskPlace& place);
-  void give_to_executor(tolk_task& task);
+  void give_to_executor(const std::shared_ptr<tolk_task>& task);
   void drop_handlers();
   bool claim(tolk_task& task);
   static void claim_listed(State& state, tolk_task& task);

@@ -17,7 +17,6 @@ constexpr std::int32_t kUsualConnectLimitMs = 10000;
 // While nobody listens: the first waits are short, since a server that is being started comes soon.
 constexpr std::uint64_t kFirstWaitMs = 1;
 constexpr std::uint64_t kLongestWaitMs = 10;
-constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 constexpr char kNoAnswer[] = "the server does not answer";
 
 // Of an attempt that fails for another reason than that nobody listens.
@@ -141,8 +140,11 @@ tolk_status ClientCore::check_version(tolk_error** error) {
   // The host has called no method.
   if (status == TOLK_TIMED_OUT) return fail_connect(status, kNoAnswer, error);
   if (status != TOLK_OK) return fail_connect(status, tolk_error_reason(why.get()), error);
-  if (same_version_) return TOLK_OK;
-  return fail_connect(TOLK_REFUSED, "the server has another version", error);
+  if (!same_version_) {
+    return fail_connect(TOLK_REFUSED, "the server has another version", error);
+  }
+  note_part_of_gone();
+  return TOLK_OK;
 }
 
 // Loop.
@@ -177,7 +179,6 @@ void ClientCore::on_reply(Peer& peer, const Message& reply) {
   if (reply.features) peer.note_features(*reply.features);
   same_version_ = reply.first_is_true;
   server_version_ = reply.version;
-  is_connected_ = same_version_;
   version_check_ = 0;
 }
 
@@ -194,13 +195,16 @@ void ClientCore::on_broken_off() {
   on_lost();
 }
 
-// The hook holds this object only while it waits to run.
 void ClientCore::on_peer_lost(const std::shared_ptr<Peer>&, tolk_status status) {
-  const auto hook = std::move(gone_hook_);
   log(TOLK_INFO,
       [&] { return address() + (status == TOLK_GONE ? ": the server has gone" : ": closed"); });
-  if (on_gone_ == nullptr || status != TOLK_GONE || !is_connected_ || !is_open()) return;
-  callbacks().dispatch(hook, Callbacks::When::later);
+  if (status == TOLK_GONE) note_part_of_gone();
+}
+
+// The hook holds this object only while it waits to run.
+void ClientCore::note_part_of_gone() {
+  if (gone_parts_left_.fetch_sub(1) != 1 || on_gone_ == nullptr || !is_open()) return;
+  callbacks().dispatch(std::exchange(gone_hook_, nullptr), Callbacks::When::later);
 }
 
 }  // namespace tolk

@@ -11,17 +11,14 @@
 #include <string>
 
 #include "capi/core.h"
+#include "capi/handle.h"
 #include "sessions/client_session.h"
 
 namespace tolk {
 class ClientCore;
 }  // namespace tolk
 
-// The host's handle. It lives as long as the object, since callbacks that still run may use it.
-struct tolk_client {
-  tolk::ClientCore* core = nullptr;
-  std::shared_ptr<tolk::ClientCore> held_by_host;
-};
+struct tolk_client : tolk::Handle<tolk::ClientCore> {};
 
 namespace tolk {
 
@@ -40,6 +37,9 @@ class ClientCore final : public Core, public ClientEvents {
   tolk_status check_version(tolk_error** error);
   tolk_status fail_connect(tolk_status status, const std::string& reason, tolk_error** error) const;
   bool may_try_again(std::uint64_t begin, unsigned attempts) const;
+
+  // The thread that connects, and the loop thread.
+  void note_part_of_gone();
 
   // Loop.
   void on_message(PeerStream& stream, SharedBytes payload) TOLK_LOOP override;
@@ -67,8 +67,10 @@ class ClientCore final : public Core, public ClientEvents {
   const StreamRules rules_;
   void (*const on_gone_)(void* context, tolk_client* client, const tolk_error* why);
   tolk_client handle_;
-  // Made with the connection, so that its end needs no memory.
-  std::shared_ptr<tolk_task> gone_hook_ TOLK_GUARDED_BY(loop_role);
+  // Made with the connection, so that its end needs no memory. It is dispatched when the connect
+  // has succeeded and the server has gone: by whoever comes second.
+  std::shared_ptr<tolk_task> gone_hook_;
+  std::atomic<int> gone_parts_left_{2};
   // Of the latest attempt: by the loop thread, before the attempt is decided.
   int attempt_status_ = 0;
   std::uint64_t attempt_begin_ = 0;  // the host's
@@ -78,7 +80,6 @@ class ClientCore final : public Core, public ClientEvents {
   // What the server says about its version: by the loop thread, before the check is completed.
   bool same_version_ = false;
   std::string server_version_;
-  std::atomic<bool> is_connected_{false};
 };
 
 }  // namespace tolk

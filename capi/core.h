@@ -82,6 +82,8 @@ class Core {
   void post_cancel(Peer& peer, std::uint64_t number);
   void complete_with_reply(Peer& peer, std::uint64_t number, const Message& reply,
                            const SharedBytes& payload);
+  Outcome outcome_of_reply(const CallRecord& record, const Message& reply,
+                           const SharedBytes& payload) const;
   // Starts a call of the library with a `done`.
   void start_own(const std::shared_ptr<CallRecord>& record, const std::shared_ptr<Peer>& to,
                  const Content& arguments, std::int32_t limit_ms);
@@ -112,7 +114,7 @@ class Core {
 
   // A line for the host's log, which `make_text` makes.
   template <class MakeText>
-  void log(tolk_level level, const MakeText& make_text) const {
+  void log(tolk_level level, const MakeText& make_text) {
     if (settings_.log == nullptr) return;
     log_made(
         level, [](const void* to) { return (*static_cast<const MakeText*>(to))(); }, &make_text);
@@ -159,7 +161,7 @@ class Core {
 
  private:
   // Without a template, since lines are many and rare.
-  void log_made(tolk_level level, std::string (*make)(const void*), const void* maker) const;
+  void log_made(tolk_level level, std::string (*make)(const void*), const void* maker);
   Failure failure_of_call(const CallRecord& record, tolk_status status, const char* reason) const;
   std::shared_ptr<CallRecord> new_record(const tolk_call& call);
   std::uint64_t start_for_all(const tolk_call& call, bool has_data);
@@ -174,6 +176,7 @@ class Core {
                                 const std::shared_ptr<Peer>& to, const Content* arguments);
   static std::shared_ptr<CallData> take_data_of(const tolk_call& call);
   bool cancel_one(std::uint64_t number);
+  void tell_cancelled(std::uint64_t peer_id, std::uint64_t number);
   tolk_status post_one(Peer& peer, const char* method, const Content* arguments,
                        std::uint64_t deadline);
   void tell_now(const tolk_call& call, tolk_status status, const tolk_error* error) const;
@@ -190,9 +193,7 @@ class Core {
                        const SharedBytes& block) TOLK_LOOP;
   // Null: the call is answered with a failure.
   std::shared_ptr<const Method> method_for(Peer& peer, const Message& call,
-                                           const std::string& name) TOLK_LOOP;
-  Outcome outcome_of_reply(const CallRecord& record, const Message& reply,
-                           const SharedBytes& payload) const;
+                                           std::string_view name) TOLK_LOOP;
   // True: it is about data, and the call goes on.
   bool takes_data_reply(Peer& peer, std::uint64_t number, const Message& reply,
                         const SharedBytes& payload) TOLK_LOOP;
@@ -234,18 +235,5 @@ class Core {
 
 // A call that nobody starts.
 void drop_data(const tolk_call& given);
-
-// Ends an object that its host does not get.
-struct EndUnlessTaken {
-  explicit EndUnlessTaken(Core* made) : core(made) {}
-  ~EndUnlessTaken() {
-    if (!taken) core->end();
-  }
-  EndUnlessTaken(const EndUnlessTaken&) = delete;
-  EndUnlessTaken& operator=(const EndUnlessTaken&) = delete;
-
-  Core* const core;
-  bool taken = false;
-};
 
 }  // namespace tolk

@@ -6,21 +6,14 @@
 #include "capi/core.h"
 #include "capi/options.h"
 #include "params/encoder.h"
+#include "transport/pause_point.h"
 #include "transport/process_exit.h"
 #include "transport/token.h"
 
 namespace tolk {
 namespace {
 
-constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 constexpr char kOwnLoop[] = "an inline callback and the log cannot wait for their own loop";
-
-std::uint64_t deadline_after(std::int32_t limit_ms) {
-  if (limit_ms < 0) {
-    return UINT64_MAX;
-  }
-  return uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs;
-}
 
 // A server calls a client that is not there.
 void say_no_client(Failure& failure, std::uint64_t client) {
@@ -132,10 +125,18 @@ std::uint64_t Core::start_for_all(const tolk_call& call, bool has_data) {
   }
   for (const auto& record : records) record->group = group;
   for (const auto& record : records) {
+    if (group->is_cancelled) {
+      refuse(record, TOLK_CANCELLED, nullptr);
+      continue;
+    }
     try {
       start_one(record, call, call.arguments == nullptr ? nullptr : &content);
     } catch (const std::exception&) {
       refuse(record, TOLK_NO_MEMORY, nullptr);
+    }
+    // One that was cancelled before it was sent is cancelled again.
+    if (group->is_cancelled && !cancel_one(record->number)) {
+      tell_cancelled(record->peer, record->number);
     }
   }
   return group->number;
@@ -162,7 +163,10 @@ std::uint64_t Core::start_one(const std::shared_ptr<CallRecord>& record, const t
   }
   if (state_ != State::open) return refuse(record, TOLK_CLOSED, nullptr);
   const auto to = peer(record->peer);
-  if (!to) return refuse(record, role_ == Side::server ? TOLK_NOT_CONNECTED : TOLK_GONE, nullptr);
+  if (!to) {
+    if (state_ != State::open) return refuse(record, TOLK_CLOSED, nullptr);
+    return refuse(record, role_ == Side::server ? TOLK_NOT_CONNECTED : TOLK_GONE, nullptr);
+  }
   if (record->method == kMethodDescribe && !to->takes_describe()) {
     return refuse(record, TOLK_NO_METHOD, "the peer does not tell its methods");
   }
@@ -177,6 +181,7 @@ std::uint64_t Core::start_internal(const std::shared_ptr<CallRecord>& record,
                                    const CallExtras& extras) {
   const std::uint64_t number = record->number;
   Frame frame = call_message(record->method, number, arguments, extras);
+  TOLK_PAUSE_POINT("call.before_register");
   if (!calls_.add(record)) return refuse(record, TOLK_CLOSED, nullptr);
   // From here on it is the table's: others may have completed it.
   if (record->done != nullptr && !watch(number, record->deadline)) {
@@ -253,6 +258,7 @@ bool Core::cancel(std::uint64_t number) {
   }
   if (!group) return cancel_one(number);
   bool any = false;
+  group->is_cancelled = true;
   for (const std::uint64_t each : group->calls) any = cancel_one(each) || any;
   return any;
 }
@@ -267,10 +273,13 @@ bool Core::cancel_one(std::uint64_t number) {
         return outcome_of(record, TOLK_CANCELLED, nullptr);
       },
       Callbacks::When::later);
-  if (!cancelled) return false;
+  if (cancelled) tell_cancelled(peer_id, number);
+  return cancelled;
+}
+
+void Core::tell_cancelled(std::uint64_t peer_id, std::uint64_t number) {
   const auto to = peer(peer_id);
   if (to && to->takes_cancel()) guarded([&] { post_cancel(*to, number); });
-  return true;
 }
 
 tolk_status Core::fail_post(const char* method, tolk_status status, const char* reason,

@@ -14,15 +14,7 @@
 namespace tolk {
 namespace {
 
-constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 constexpr double kMostConfirmed = 9007199254740992.0;
-
-std::uint64_t deadline_after(std::int32_t limit_ms) {
-  if (limit_ms < 0) {
-    return UINT64_MAX;
-  }
-  return uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs;
-}
 
 }  // namespace
 
@@ -66,6 +58,7 @@ std::uint64_t Core::start_with_data(const std::shared_ptr<CallRecord>& record,
   data.out = out;
   record->deadline = deadline_after(piece_limit_ms);
   const std::uint64_t number = record->number;
+  TOLK_PAUSE_POINT("call.before_register");
   if (!calls_.add(record)) return refuse(record, TOLK_CLOSED, nullptr);
   if (record->done != nullptr && !watch(number, record->deadline)) {
     fail_call(number, TOLK_NO_MEMORY, nullptr, 0);
@@ -202,11 +195,15 @@ void Core::take_piece_of_call(const std::shared_ptr<Peer>& peer, const Message& 
   if (piece.is_first() && !data) {
     // Counted before the look at the state: a close that has not refused the call waits for it.
     Callbacks::HandlerCount handler(callbacks_);
-    const auto method = method_for(*peer, call, std::string(piece.method));
+    const auto method = method_for(*peer, call, piece.method);
     if (!method) return;
+    if (!peer->has_room_for_incoming(received.message.view.size())) {
+      return reply_failure(*peer, call,
+                           {TOLK_BUSY, 0, "too many transfers are under way", nullptr});
+    }
     const auto request =
         std::make_shared<tolk_request>(shared(), peer, method, call, received, std::move(handler));
-    peer->add_request(*request, received.message.view.size());
+    peer->list_request(*request);
     if (request->has_bad_arguments()) {
       return reply_failure(*peer, call,
                            {TOLK_WRONG_ARGUMENTS, 0, "the arguments are not a block", nullptr});

@@ -16,7 +16,6 @@ constexpr int kMomentMs = 10;
 constexpr std::size_t kUsualQueuedBytes = std::size_t{64} << 20;
 constexpr std::size_t kUsualRequests = 10000;
 constexpr std::size_t kUsualDataBytes = frame_format::kMaxPayloadBytes;
-constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 
 CoreSettings with_defaults(CoreSettings settings) {
   if (settings.limit_ms == 0) settings.limit_ms = kUsualLimitMs;
@@ -24,13 +23,6 @@ CoreSettings with_defaults(CoreSettings settings) {
   if (settings.most_requests == 0) settings.most_requests = kUsualRequests;
   if (settings.most_data_bytes == 0) settings.most_data_bytes = kUsualDataBytes;
   return settings;
-}
-
-std::uint64_t deadline_after(std::int32_t limit_ms) {
-  if (limit_ms < 0) {
-    return UINT64_MAX;
-  }
-  return uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs;
 }
 
 std::chrono::nanoseconds time_until(std::uint64_t deadline) {
@@ -72,10 +64,14 @@ Core::~Core() = default;
 
 bool Core::of_this_process() const { return process_ == platform::generation(); }
 
-void Core::log_made(tolk_level level, std::string (*make)(const void*), const void* maker) const {
+void Core::log_made(tolk_level level, std::string (*make)(const void*), const void* maker) {
   if (!of_this_process()) return;
   guarded([&] {
-    const std::string text = make(maker);
+    std::string text = make(maker);
+    std::replace(text.begin(), text.end(), '\n', ' ');  // a peer's text adds no lines
+    std::replace(text.begin(), text.end(), '\r', ' ');
+    const Callbacks::Telling telling(callbacks_);
+    if (!telling.is_allowed()) return;
     const Callbacks::Scope scope(*this, true);
     settings_.log(settings_.context.get(), level, text.c_str());
   });

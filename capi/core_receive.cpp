@@ -63,8 +63,7 @@ Outcome Core::outcome_of_reply(const CallRecord& record, const Message& reply,
   if (!take_answer_data(record, reply, &data)) {
     return outcome_of(record, TOLK_MALFORMED, "data of the answer are missing");
   }
-  const SharedBytes message = payload.owner ? payload : copy_of(payload.view);
-  auto received = tolk_block::of_message(message, reply.types, tolk_block::Reserved::dropped);
+  auto received = tolk_block::of_message(payload, reply.types, tolk_block::Reserved::dropped);
   if (!received.is_well_formed()) return outcome_of(record, TOLK_MALFORMED, nullptr);
   Outcome outcome;
   outcome.result = std::move(received.block);
@@ -102,7 +101,7 @@ void Core::reply_failure(Peer& peer, const Message& call, const HandlerFailure& 
 }
 
 std::shared_ptr<const Method> Core::method_for(Peer& peer, const Message& call,
-                                               const std::string& name) {
+                                               std::string_view name) {
   const auto refuse = [&](const HandlerFailure& failure, std::string_view unknown = {}) {
     enter_loop();
     reply_failure(peer, call, failure, unknown);
@@ -111,7 +110,7 @@ std::shared_ptr<const Method> Core::method_for(Peer& peer, const Message& call,
   if (state_ != State::open) return refuse({TOLK_CLOSED, 0, "the peer is closing", nullptr});
   auto method = settings_.methods ? settings_.methods->find(name) : nullptr;
   if (!method) {
-    const std::string text = "there is no method " + name;
+    const std::string text = "there is no method " + std::string(name);
     return refuse({TOLK_NO_METHOD, 0, text, nullptr}, name);
   }
   if (role_ == Side::client && peer.requests() >= settings_.most_requests) {
@@ -124,7 +123,7 @@ void Core::take_call(const std::shared_ptr<Peer>& peer, const Message& call,
                      const SharedBytes& payload) {
   // Counted before the look at the state: a close that has not refused the call waits for it.
   Callbacks::HandlerCount handler(callbacks_);
-  const auto method = method_for(*peer, call, std::string(*call.plain.name));
+  const auto method = method_for(*peer, call, *call.plain.name);
   if (!method) return;
   const auto request =
       std::make_shared<tolk_request>(shared(), peer, method, call, payload, std::move(handler));

@@ -248,6 +248,11 @@ tolk_status tolk_sink_file(const char* path, tolk_sink** sink, tolk_error** erro
   });
 }
 
+void tolk_sink_explain(tolk_sink* sink, const char* text) {
+  if (sink == nullptr || text == nullptr) return;
+  tolk::guarded([&] { sink->why = text; });  // without memory, the reason is the usual one
+}
+
 tolk_sink* tolk_sink_callback(tolk_write write, void* context, tolk_release free_context) {
   return tolk::guarded_or<tolk_sink*>(nullptr, [&]() -> tolk_sink* {
     tolk::Context owner(context, free_context);

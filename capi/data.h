@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 
 struct tolk_source {
@@ -46,6 +47,9 @@ struct tolk_sink {
   virtual bool finish() { return true; }
   // The transfer has succeeded.
   virtual void keep() noexcept {}
+
+  // Why the last write has failed, if the host has said so.
+  std::string why;
 };
 
 namespace tolk {

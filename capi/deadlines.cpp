@@ -4,12 +4,6 @@
 #include <utility>
 
 namespace tolk {
-namespace {
-
-constexpr std::uint64_t kNanosecondsPerMs = 1000000;
-
-}  // namespace
-
 int Deadlines::open(uv_loop_t* loop) {
   timer_.data = this;
   return uv_timer_init(loop, &timer_);

@@ -19,6 +19,14 @@
 
 namespace tolk {
 
+inline constexpr std::uint64_t kNanosecondsPerMs = 1000000;
+
+// By uv_hrtime; a negative limit is none.
+inline std::uint64_t deadline_after(std::int32_t limit_ms) {
+  return limit_ms < 0 ? UINT64_MAX
+                      : uv_hrtime() + static_cast<std::uint64_t>(limit_ms) * kNanosecondsPerMs;
+}
+
 class Deadlines {
  public:
   // `expired(number)` on the loop thread. `is_live(number)`, on any: whether somebody still waits

@@ -10,7 +10,6 @@
 
 namespace tolk {
 
-// A call that looks a method up does not wait for a copy.
 bool MethodTable::add(std::shared_ptr<const Method> method) {
   std::shared_ptr<const Methods> old;  // its contexts are released after the lock
   const auto methods = methods_.lock();
@@ -36,11 +35,11 @@ bool MethodTable::remove(std::string_view name) {
 }
 
 std::shared_ptr<const Method> MethodTable::find(std::string_view name) const {
-  const auto methods = all();
-  if (!methods) return nullptr;
+  const auto methods = methods_.lock();
+  if (!*methods) return nullptr;
   const auto present = [&](std::string_view wanted) -> std::shared_ptr<const Method> {
-    const auto at = methods->find(wanted);
-    return at == methods->end() || at->second->removed ? nullptr : at->second;
+    const auto at = (*methods)->find(wanted);
+    return at == (*methods)->end() || at->second->removed ? nullptr : at->second;
   };
   const auto found = name.empty() ? nullptr : present(name);
   return found ? found : present(std::string_view());

@@ -18,8 +18,8 @@ class OrderedQueue {
     const auto state = state_.lock();
     if (!std::exchange(state->busy, true)) return true;
     auto& place = task->queue_place();
-    place.front() = task;
-    state->waiting.splice(state->waiting.end(), place);
+    place.task = task;
+    state->waiting.add(place);
     return false;
   }
 
@@ -30,16 +30,13 @@ class OrderedQueue {
       state->busy = false;
       return nullptr;
     }
-    std::shared_ptr<tolk_task> task = std::move(state->waiting.front());
-    auto& place = task->queue_place();
-    place.splice(place.end(), state->waiting, state->waiting.begin());
-    return task;
+    return state->waiting.take_first();
   }
 
  private:
   struct State {
     bool busy = false;
-    TaskPlace waiting;
+    TaskRow waiting;
   };
 
   Guarded<State> state_;

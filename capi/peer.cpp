@@ -204,10 +204,20 @@ void Peer::dispatch_next(OrderedQueue& queue) {
 }
 
 void Peer::add_request(tolk_request& request, std::size_t bytes) {
+  list_request(request);
+  count_request(request, bytes);
+}
+
+void Peer::list_request(tolk_request& request) {
   if (!request.token().empty()) open_requests_.lock()->emplace(request.token(), &request);
+  ++listed_count_;
+  request.note_listed();
+}
+
+void Peer::count_request(tolk_request& request, std::size_t bytes) {
   ++request_count_;
   request_bytes_ += bytes;
-  request.note_added();
+  request.note_counted();
   if (stream_ == nullptr || !is_above(quota_.requests, quota_.bytes)) return;
   auto resume = prepare([](Peer& self) {
     enter_loop();
@@ -222,13 +232,15 @@ void Peer::add_request(tolk_request& request, std::size_t bytes) {
   resume_if_below();  // others may have ended meanwhile
 }
 
-void Peer::remove_request(tolk_request& request, std::size_t bytes) {
+void Peer::remove_request(tolk_request& request, std::size_t bytes, bool counted) {
   if (!request.token().empty()) {
     const auto open = open_requests_.lock();
     auto [at, last] = open->equal_range(request.token());
     while (at != last && at->second != &request) ++at;
     if (at != last) open->erase(at);
   }
+  --listed_count_;
+  if (!counted) return;
   --request_count_;
   request_bytes_ -= bytes;
   resume_if_below();
@@ -258,6 +270,13 @@ tolk_status Peer::keep_data(std::uint64_t total, std::uint64_t most) {
 
 bool Peer::add_incoming(std::int32_t transfer, std::shared_ptr<RequestIn> data) {
   return incoming_.lock()->emplace(transfer, std::move(data)).second;
+}
+
+bool Peer::has_room_for_incoming(std::size_t bytes) const {
+  const auto incoming = incoming_.lock();
+  if (incoming->empty()) return true;
+  for (const auto& [transfer, data] : *incoming) bytes += data->argument_bytes();
+  return incoming->size() < kMostIncoming && bytes <= quota_.bytes;
 }
 
 std::shared_ptr<RequestIn> Peer::incoming(std::int32_t transfer) const {

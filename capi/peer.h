@@ -27,6 +27,9 @@ namespace tolk {
 class Core;
 class RequestIn;
 
+// How many calls of one peer may have their data on their way.
+inline constexpr std::size_t kMostIncoming = 1000;
+
 // When a peer is not read from: above one of the two. Below three quarters it is again.
 struct PeerQuota {
   std::size_t bytes = SIZE_MAX;
@@ -95,11 +98,17 @@ class Peer final : public StreamUser,
   // True: the peer is above its quota, and the message waits until it is below.
   bool holds_back(const SharedBytes& message) TOLK_LOOP;
   void add_request(tolk_request& request, std::size_t bytes) TOLK_LOOP;
-  void remove_request(tolk_request& request, std::size_t bytes);
-  std::size_t requests() const { return request_count_; }
+  // The two halves of that. A request whose data are on their way does not count for the quota: it
+  // ends only if the peer is read.
+  void list_request(tolk_request& request);
+  void count_request(tolk_request& request, std::size_t bytes) TOLK_LOOP;
+  void remove_request(tolk_request& request, std::size_t bytes, bool counted);
+  std::size_t requests() const { return listed_count_; }
   // Data that come with calls of the peer, by the peer's number of the transfer. False: there is
   // one of that number.
   bool add_incoming(std::int32_t transfer, std::shared_ptr<RequestIn> data);
+  // Whether a further one with so many bytes of arguments may begin. One alone may.
+  bool has_room_for_incoming(std::size_t bytes) const;
   std::shared_ptr<RequestIn> incoming(std::int32_t transfer) const;
   void forget_incoming(std::int32_t transfer, const RequestIn& data);
   // Stops those whose call has this token.
@@ -160,7 +169,8 @@ class Peer final : public StreamUser,
   std::atomic<bool> takes_describe_{false};
   std::atomic<bool> tells_features_{false};
   std::atomic<bool> takes_pieces_{false};
-  std::atomic<std::size_t> request_count_{0};
+  std::atomic<std::size_t> listed_count_{0};
+  std::atomic<std::size_t> request_count_{0};  // of those that count for the quota
   std::atomic<std::size_t> request_bytes_{0};
   std::atomic<std::uint64_t> kept_data_{0};
   std::atomic<bool> is_paused_{false};

@@ -18,7 +18,7 @@ constexpr char kOffset[] = "tolk.offset";
 constexpr char kTotal[] = "tolk.total";
 constexpr char kCancel[] = "tolk.cancel";
 constexpr char kArguments[] = "tolk.arguments";
-constexpr char kDone[] = "tolk.done";
+constexpr char kDoneKey[] = "tolk.done";
 
 // Doubles count bytes exactly up to here.
 constexpr double kMostTotal = 9007199254740992.0;
@@ -147,7 +147,7 @@ PieceBlock::PieceBlock(const Piece& piece, std::size_t size) {
 Frame confirm_message(Side side, const CallIds& ids, std::uint64_t done) {
   std::string records;
   Encoder<std::string> encoder(records, 0);
-  encoder.add_key(kDone);
+  encoder.add_key(kDoneKey);
   encoder.add_double(static_cast<double>(done));
   return reply_message(side, ids, {{nullptr, records}, {}});
 }

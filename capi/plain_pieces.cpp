@@ -44,7 +44,8 @@ class PlainResult {
         peer_(std::move(peer)),
         ids_(ids),
         call_id_(call_id),
-        block_(std::move(records)) {
+        block_(std::move(records)),
+        unwritten_(core_->callbacks()) {
     Encoder<std::string> encoder(block_, 0);
     encoder.add_key(kKeyName);
     encoder.add_string(kMethodLargeData);
@@ -104,6 +105,7 @@ class PlainResult {
   const int call_id_;
   std::string block_;
   std::size_t sent_ = 0;
+  Callbacks::HandlerCount unwritten_;  // a close waits for the answer
 };
 
 }  // namespace

@@ -14,24 +14,16 @@
 
 namespace {
 
-constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 constexpr std::size_t kFewTypes = 4096;
+constexpr std::size_t kFewBytes = 4096;
 constexpr char kTooLargeResult[] = "the result is too large";
-
-// The arguments lie in the message. One that is only lent is copied.
-tolk::SharedBytes arguments_of(const tolk::Message& call, const tolk::SharedBytes& payload) {
-  if (!call.plain.arguments) return {};
-  if (!payload.owner) return tolk::copy_of(*call.plain.arguments);
-  return {payload.owner, *call.plain.arguments};
-}
 
 }  // namespace
 
 tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
                            std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
                            const tolk::SharedBytes& payload, tolk::Callbacks::HandlerCount handler)
-    : tolk_task(Kind::handler, method->is_inline()),
-      core_kept_(std::move(core)),
+    : tolk_task(Kind::handler, method->is_inline(), std::move(core)),
       handler_(std::move(handler)),
       peer_(std::move(peer)),
       method_(std::move(method)),
@@ -40,11 +32,11 @@ tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tol
       token_(call.plain.token.value_or("")),
       bytes_(payload.view.size()) {
   if (call.limit_ms && *call.limit_ms >= 0) {
-    deadline_ = uv_hrtime() + static_cast<std::uint64_t>(*call.limit_ms) * kNanosecondsPerMs;
+    deadline_ = uv_hrtime() + static_cast<std::uint64_t>(*call.limit_ms) * tolk::kNanosecondsPerMs;
   }
   // Notes take up to 50 times the memory of their text.
   const bool notes_fit = call.types.size() <= kFewTypes + payload.view.size() / 4;
-  auto received = tolk_block::of_message(arguments_of(call, payload),
+  auto received = tolk_block::of_message({payload.owner, call.plain.arguments.value_or("")},
                                          notes_fit ? call.types : std::string_view(),
                                          tolk_block::Reserved::kept);
   bad_arguments_ = !notes_fit || !received.is_well_formed() || !call.plain.well_formed;
@@ -54,8 +46,7 @@ tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tol
 tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tolk::Peer> peer,
                            std::shared_ptr<const tolk::Method> method, const tolk::Message& call,
                            const tolk::ReceivedPiece& first, tolk::Callbacks::HandlerCount handler)
-    : tolk_task(Kind::handler, method->is_inline()),
-      core_kept_(std::move(core)),
+    : tolk_task(Kind::handler, method->is_inline(), std::move(core)),
       handler_(std::move(handler)),
       peer_(std::move(peer)),
       method_(std::move(method)),
@@ -71,9 +62,9 @@ tolk_request::tolk_request(std::shared_ptr<tolk::Core> core, std::shared_ptr<tol
 }
 
 tolk_request::~tolk_request() {
-  if (!added_ || ended_) return;
+  if (!listed_ || ended_) return;
   peer_->drop_data(data_bytes_);
-  peer_->remove_request(*this, bytes_);
+  peer_->remove_request(*this, bytes_, counted_);
 }
 
 void tolk_request::set_state(tolk_status state) {
@@ -83,9 +74,9 @@ void tolk_request::set_state(tolk_status state) {
 
 tolk_status tolk_request::state() const {
   const tolk_status state = state_;
-  if (!core_kept_->of_this_process()) return TOLK_CLOSED;
+  if (!core_->of_this_process()) return TOLK_CLOSED;
   if (state != TOLK_OK) return state;
-  if (core_kept_->is_closed()) return TOLK_CLOSED;
+  if (core_->is_closed()) return TOLK_CLOSED;
   if (peer_->is_gone()) return peer_->gone_as();
   return uv_hrtime() > deadline_ ? TOLK_TIMED_OUT : TOLK_OK;
 }
@@ -95,7 +86,7 @@ std::int32_t tolk_request::limit_left() const {
     return TOLK_FOREVER;
   }
   const std::uint64_t now = uv_hrtime();
-  const std::uint64_t left = deadline_ > now ? (deadline_ - now) / kNanosecondsPerMs : 0;
+  const std::uint64_t left = deadline_ > now ? (deadline_ - now) / tolk::kNanosecondsPerMs : 0;
   return static_cast<std::int32_t>(std::max<std::uint64_t>(left, 1));
 }
 
@@ -112,6 +103,16 @@ void tolk_request::drop_claimed() {
   handler_.end();
 }
 
+// Another owner may have had it until now: the count makes what that one has done visible.
+bool tolk_request::drop_all_but_memory() {
+  if (!ended_ || bytes_ > kFewBytes || data_bytes_ != 0) return false;
+  shared_from_this().reset();
+  peer_.reset();
+  method_.reset();
+  core_.reset();
+  return true;
+}
+
 void tolk_request::part_is_over() {
   if (parts_left_.fetch_sub(1) == 1 && method_->is_ordered())
     peer_->dispatch_next(peer_->ordered());
@@ -121,9 +122,8 @@ void tolk_request::part_is_over() {
 // here may have locks.
 template <class Send>
 void tolk_request::end_by(const Send& send) {
-  if (!core_kept_->of_this_process()) return;
-  const auto self = shared_from_this();
-  const auto held = std::move(held_by_handler_);
+  if (!core_->of_this_process()) return;
+  const auto held = std::move(held_by_handler_);  // else its caller keeps it
   if (ended_.exchange(true)) return;
   TOLK_PAUSE_POINT("request.ending");
   peer_->drop_data(data_bytes_);  // before the caller may send others
@@ -135,7 +135,7 @@ void tolk_request::end_by(const Send& send) {
     }
   }
   TOLK_PAUSE_POINT("request.answered");
-  peer_->remove_request(*this, bytes_);
+  peer_->remove_request(*this, bytes_, counted_);
   part_is_over();
 }
 
@@ -149,7 +149,7 @@ void tolk_request::end_with(const MakeFrame& make) {
 
 template <class MakeRecords>
 void tolk_request::end_plain(const MakeRecords& make) {
-  end_by([&] { tolk::send_plain_result(core_kept_, peer_, ids_, *plain_call_id_, make()); });
+  end_by([&] { tolk::send_plain_result(core_, peer_, ids_, *plain_call_id_, make()); });
 }
 
 void tolk_request::become_plain(int call_id, const tolk::SharedBytes& block) {
@@ -170,23 +170,22 @@ void tolk_request::answer(const tolk_block* result) {
   }
   end_with([&] {
     const tolk::Content content = tolk::Content::of(result);
-    if (!content.is_too_large()) return tolk::reply_message(core_kept_->role(), ids_, content);
-    return tolk::failure_message(core_kept_->role(), ids_,
-                                 {TOLK_FAILED, 0, kTooLargeResult, nullptr});
+    if (!content.is_too_large()) return tolk::reply_message(core_->role(), ids_, content);
+    return tolk::failure_message(core_->role(), ids_, {TOLK_FAILED, 0, kTooLargeResult, nullptr});
   });
 }
 
 void tolk_request::answer_with(const tolk::Content& result, std::optional<double> data) {
   if (plain_call_id_) return end_plain([&] { return std::string(result.whole().view); });
-  end_with([&] { return tolk::reply_message(core_kept_->role(), ids_, result, {}, data); });
+  end_with([&] { return tolk::reply_message(core_->role(), ids_, result, {}, data); });
 }
 
 bool tolk_request::is_wanted() const {
-  return !ended_ && state_ == TOLK_OK && !core_kept_->is_closed() && !peer_->is_gone();
+  return !ended_ && state_ == TOLK_OK && !core_->is_closed() && !peer_->is_gone();
 }
 
 void tolk_request::answer_data(const tolk_block* result, std::unique_ptr<tolk_source> source) {
-  const bool is_answered_at_once = !ids_.wants_reply() || !core_kept_->of_this_process();
+  const bool is_answered_at_once = !ids_.wants_reply() || !core_->of_this_process();
   if (is_answered_at_once || (result != nullptr && result->status() != TOLK_OK)) {
     return answer(result);
   }
@@ -194,10 +193,9 @@ void tolk_request::answer_data(const tolk_block* result, std::unique_ptr<tolk_so
   if (content.is_too_large()) return answer(result);
   auto self = std::static_pointer_cast<tolk_request>(shared_from_this());
   const std::uint64_t number = tolk::next_token();
-  core_kept_->start_answer(
-      std::make_shared<tolk::AnswerOut>(core_kept_, peer_, number, std::move(source),
-                                        std::move(self), std::move(content)),
-      *peer_);
+  core_->start_answer(std::make_shared<tolk::AnswerOut>(core_, peer_, number, std::move(source),
+                                                        std::move(self), std::move(content)),
+                      *peer_);
 }
 
 // A sender of the C++ layer has the other arguments in the last piece.
@@ -215,21 +213,21 @@ tolk_status tolk_request::take_data(std::optional<tolk::SharedBytes> data,
   if (whole->status() != TOLK_OK) return whole->status();
   ids_ = last.ids;
   if (call.limit_ms && *call.limit_ms >= 0) {
-    deadline_ = uv_hrtime() + static_cast<std::uint64_t>(*call.limit_ms) * kNanosecondsPerMs;
+    deadline_ = uv_hrtime() + static_cast<std::uint64_t>(*call.limit_ms) * tolk::kNanosecondsPerMs;
   }
   arguments_before_data_ = std::exchange(arguments_, std::move(whole));
   return TOLK_OK;
 }
 
 void tolk_request::fail(const tolk::HandlerFailure& failure) {
-  core_kept_->log(TOLK_INFO, [&] {
+  core_->log(TOLK_INFO, [&] {
     return peer_->name() + " called " + name_ + ": " + tolk_status_name(failure.status) + ", " +
            std::string(failure.text);
   });
   const std::string_view unknown =
       failure.status == TOLK_NO_METHOD ? std::string_view(name_) : std::string_view();
   if (plain_call_id_) return end_plain([&] { return tolk::failure_records(failure, unknown); });
-  end_with([&] { return tolk::failure_message(core_kept_->role(), ids_, failure, unknown); });
+  end_with([&] { return tolk::failure_message(core_->role(), ids_, failure, unknown); });
 }
 
 const tolk_block* tolk_request_arguments(const tolk_request* request) {

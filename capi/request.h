@@ -33,8 +33,10 @@ struct tolk_request final : tolk_task {
                const tolk::ReceivedPiece& first, tolk::Callbacks::HandlerCount handler);
   ~tolk_request() override;
 
-  // The peer counts the request, until its end.
-  void note_added() { added_ = true; }
+  // The peer knows the request, and counts it, until its end.
+  void note_listed() { listed_ = true; }
+  void note_counted() { counted_ = true; }
+  std::size_t bytes() const { return bytes_; }
   // Data in memory are to be its first argument. They count for the peer, until its end.
   void note_data(std::uint64_t total) { data_bytes_ = total; }
   bool has_bad_arguments() const { return bad_arguments_; }
@@ -43,7 +45,7 @@ struct tolk_request final : tolk_task {
   const std::string& token() const { return token_; }
   const tolk_block* arguments() const { return arguments_.get(); }
   const tolk_peer& peer() const { return peer_->shown(); }
-  tolk::Core& core() const { return *core_kept_; }
+  tolk::Core& core() const { return *core_; }
 
   void set_state(tolk_status state);
   tolk_status state() const;
@@ -67,6 +69,7 @@ struct tolk_request final : tolk_task {
   tolk_status take_data(std::optional<tolk::SharedBytes> data, const tolk::ReceivedPiece& last);
 
  private:
+  bool drop_all_but_memory() override;
   void run_claimed() override;
   void drop_claimed() override;
   template <class Send>
@@ -77,10 +80,9 @@ struct tolk_request final : tolk_task {
   void end_plain(const MakeRecords& make);
   void part_is_over();
 
-  const std::shared_ptr<tolk::Core> core_kept_;
   tolk::Callbacks::HandlerCount handler_;  // until the handler has returned
-  const std::shared_ptr<tolk::Peer> peer_;
-  const std::shared_ptr<const tolk::Method> method_;
+  std::shared_ptr<tolk::Peer> peer_;
+  std::shared_ptr<const tolk::Method> method_;
   const std::string name_;
   tolk::CallIds ids_;
   std::optional<int> plain_call_id_;
@@ -91,7 +93,8 @@ struct tolk_request final : tolk_task {
   std::unique_ptr<tolk_block> arguments_;
   std::unique_ptr<tolk_block> arguments_before_data_;
   bool bad_arguments_ = false;
-  bool added_ = false;
+  bool listed_ = false;
+  bool counted_ = false;
   std::shared_ptr<tolk_task> held_by_handler_;
   std::atomic<bool> ended_{false};
   std::atomic<tolk_status> state_{TOLK_OK};

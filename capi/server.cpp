@@ -12,48 +12,24 @@ using tolk::ServerCore;
 namespace tolk {
 namespace {
 
-tolk_status fail_listen(tolk_status status, const char* address, const char* reason,
-                        tolk_error** error) {
-  Failure failure;
-  failure.status = status;
-  failure.address = address == nullptr ? "" : address;
-  failure.reason = reason;
-  return fail(error, std::move(failure));
-}
-
-CoreSettings settings_of(const tolk_server_options& options, Context context) {
-  CoreSettings settings;
-  if (options.methods != nullptr) settings.methods = options.methods->table;
-  settings.limit_ms = options.limit_ms;
-  settings.workers = options.workers;
-  settings.execute = options.execute;
-  settings.log = options.log;
-  settings.context = std::move(context);
-  settings.most_queued_bytes = options.most_queued_bytes;
-  settings.most_data_bytes = options.most_data_bytes;
-  return settings;
-}
-
 tolk_status listen_server(const char* address, const tolk_server_options& options, Context context,
                           tolk_server** server, tolk_error** error) {
   if (address == nullptr || server == nullptr) {
-    return fail_listen(TOLK_MISUSE, address, "no address, or no place for the server", error);
+    return fail_at(address, TOLK_MISUSE, "no address, or no place for the server", error);
   }
   const AddressParse parsed = parse_address(address, AddressUse::listen);
-  if (!parsed.address) return fail_listen(TOLK_BAD_ADDRESS, address, parsed.wrong, error);
+  if (!parsed.address) return fail_at(address, TOLK_BAD_ADDRESS, parsed.wrong, error);
   const auto core = std::make_shared<ServerCore>(*parsed.address,
                                                  settings_of(options, std::move(context)), options);
-  EndUnlessTaken end{core.get()};
+  Starting starting(core->server_handle(), core);
   const tolk_status status = core->listen(error);
   if (status != TOLK_OK) return status;
-  *server = core->server_handle();
-  (*server)->held_by_host = core;
-  end.taken = true;
+  *server = starting.take();
   return TOLK_OK;
 }
 
-tolk_status without_server(tolk_error** error) {
-  return fail_listen(TOLK_MISUSE, nullptr, "there is no server", error);
+HandleUse use(tolk_server* server) {
+  return {server == nullptr ? nullptr : server->core, "there is no server"};
 }
 
 }  // namespace
@@ -64,8 +40,8 @@ tolk_status tolk_server_listen(const char* address, const tolk_server_options* o
   if (server != nullptr) *server = nullptr;
   return tolk::guarded_call(error, [&] {
     if (tolk::is_without_size(options)) {
-      return tolk::fail_listen(
-          TOLK_MISUSE, address,
+      return tolk::fail_at(
+          address, TOLK_MISUSE,
           "the size of tolk_server_options is 0; it is sizeof(tolk_server_options)", error);
     }
     const auto given = tolk::options_of(options);
@@ -97,63 +73,34 @@ bool tolk_server_disconnect(tolk_server* server, uint64_t client) {
 tolk_status tolk_server_call(tolk_server* server, uint64_t client, const char* method,
                              const tolk_block* arguments, int32_t limit_ms, tolk_block** result,
                              tolk_error** error) {
-  if (result != nullptr) *result = nullptr;
-  return tolk::guarded_call(error, [&] {
-    if (server == nullptr) return tolk::without_server(error);
-    tolk_call call{};
-    call.size = sizeof call;
-    call.method = method;
-    call.arguments = arguments;
-    call.client = client;
-    call.limit_ms = limit_ms;
-    const auto core = server->core->shared();
-    return core->call(call, result, error);
-  });
+  return tolk::use(server).call(client, method, arguments, limit_ms, result, error);
 }
 
 uint64_t tolk_server_start(tolk_server* server, const tolk_call* call) {
-  if (server == nullptr || call == nullptr) {
-    if (call != nullptr) tolk::drop_data(*call);
-    return 0;
-  }
-  const auto core = server->core->shared();
-  return core->start_guarded(*call);
+  return tolk::use(server).start(call);
 }
 
 tolk_status tolk_server_wait(tolk_server* server, uint64_t call, tolk_block** result,
                              tolk_error** error) {
-  return tolk_server_wait_for(server, call, TOLK_FOREVER, result, error);
+  return tolk::use(server).wait(call, TOLK_FOREVER, result, error);
 }
 
 tolk_status tolk_server_wait_for(tolk_server* server, uint64_t call, int32_t limit_ms,
                                  tolk_block** result, tolk_error** error) {
-  if (result != nullptr) *result = nullptr;
-  return tolk::guarded_call(error, [&] {
-    if (server == nullptr) return tolk::without_server(error);
-    const auto core = server->core->shared();
-    return core->wait(call, limit_ms, result, error);
-  });
+  return tolk::use(server).wait(call, limit_ms, result, error);
 }
 
 bool tolk_server_cancel(tolk_server* server, uint64_t call) {
-  if (server == nullptr) return false;
-  const auto core = server->core->shared();
-  return tolk::guarded_or(false, [&] { return core->cancel(call); });
+  return tolk::use(server).cancel(call);
 }
 
 tolk_status tolk_server_post(tolk_server* server, uint64_t client, const char* method,
                              const tolk_block* arguments, int32_t wait_ms, tolk_error** error) {
-  return tolk::guarded_call(error, [&] {
-    if (server == nullptr) return tolk::without_server(error);
-    const auto core = server->core->shared();
-    return core->post(client, method, arguments, wait_ms, error);
-  });
+  return tolk::use(server).post(client, method, arguments, wait_ms, error);
 }
 
 tolk_status tolk_server_close(tolk_server* server, int32_t limit_ms) {
-  if (server == nullptr) return TOLK_MISUSE;
-  const auto core = server->core->shared();
-  return core->close(limit_ms);
+  return tolk::use(server).close(limit_ms);
 }
 
 tolk_status tolk_server_wait_closed(tolk_server* server, int32_t limit_ms) {
@@ -162,9 +109,4 @@ tolk_status tolk_server_wait_closed(tolk_server* server, int32_t limit_ms) {
   return core->wait_closed(limit_ms);
 }
 
-void tolk_server_free(tolk_server* server) {
-  // In a forked child, threads of the parent may have left anything of it half done.
-  if (server == nullptr || !server->core->of_this_process()) return;
-  const auto core = std::move(server->held_by_host);
-  if (core) core->end();
-}
+void tolk_server_free(tolk_server* server) { tolk::free_handle(server); }

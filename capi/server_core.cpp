@@ -15,7 +15,6 @@ namespace {
 constexpr std::size_t kUsualClientBytes = std::size_t{64} << 20;
 constexpr unsigned kUsualClientRequests = 1000;
 constexpr std::int32_t kUsualHelloLimitMs = 60000;
-constexpr std::uint64_t kNanosecondsPerMs = 1000000;
 
 // Of all servers of the process.
 std::uint64_t next_client_id() {

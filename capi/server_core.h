@@ -14,17 +14,14 @@
 
 #include "capi/address.h"
 #include "capi/core.h"
+#include "capi/handle.h"
 #include "sessions/server_session.h"
 
 namespace tolk {
 class ServerCore;
 }  // namespace tolk
 
-// The host's handle. It lives as long as the object, since callbacks that still run may use it.
-struct tolk_server {
-  tolk::ServerCore* core = nullptr;
-  std::shared_ptr<tolk::ServerCore> held_by_host;
-};
+struct tolk_server : tolk::Handle<tolk::ServerCore> {};
 
 namespace tolk {
 

@@ -80,7 +80,8 @@ bool TransferIn::store(const ReceivedPiece& received) {
   }
   if (sink_->write(bytes)) return true;
   status_ = TOLK_FILE;
-  refuse(received, TOLK_FAILED, "the receiver cannot store the data");
+  const std::string why = sink_->why;
+  refuse(received, TOLK_FAILED, why.empty() ? "the receiver cannot store the data" : why.c_str());
   return false;
 }
 
@@ -142,6 +143,8 @@ RequestIn::~RequestIn() = default;
 
 const std::string& RequestIn::token() const { return request_->token(); }
 
+std::size_t RequestIn::argument_bytes() const { return request_->bytes(); }
+
 bool RequestIn::calls_host() const {
   return request_->method().accept != nullptr || request_->method().progress != nullptr;
 }
@@ -177,8 +180,12 @@ void RequestIn::on_complete(const ReceivedPiece& last) {
   if (sink_) sink_->keep();
   const auto request = request_;
   core().run_on_loop([request, to = peer_owner()] {
-    enter_loop();
-    to->dispatch(request);
+    const auto begin = [&] {
+      enter_loop();
+      to->count_request(*request, request->bytes());
+      to->dispatch(request);
+    };
+    guarded(begin, [&](const char*) { to->disconnect(); });
   });
   stop();
 }

@@ -86,6 +86,7 @@ class RequestIn final : public TransferIn {
   ~RequestIn() override;
 
   const std::string& token() const;
+  std::size_t argument_bytes() const;
 
  private:
   // `accept` may give a sink that runs code of the host.

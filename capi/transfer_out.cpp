@@ -40,10 +40,19 @@ void TransferOut::step() {
   const std::uint64_t confirmed = confirmed_;
   if (!may_go_on()) return fail({TOLK_CANCELLED, "nobody waits for the data any more"});
   if (confirmed > sent_) return fail({TOLK_MALFORMED, "a piece is confirmed that was not sent"});
-  if (std::exchange(reported_, confirmed) != confirmed && !report(confirmed)) {
+  if (!report_up_to(confirmed)) {
     return fail({TOLK_CANCELLED, "the progress callback has cancelled it"});
   }
   if (fill_window(confirmed) && confirmed == total()) on_all_confirmed();
+}
+
+// Each piece, also if several of them were confirmed since the last step.
+bool TransferOut::report_up_to(std::uint64_t confirmed) {
+  while (reported_ < confirmed) {
+    reported_ = std::min<std::uint64_t>(reported_ + kPieceBytes, confirmed);
+    if (!report(reported_)) return false;
+  }
+  return true;
 }
 
 bool TransferOut::fill_window(std::uint64_t confirmed) {
@@ -123,6 +132,15 @@ bool CallOut::keeps_reply(const SharedBytes& payload) {
   return true;
 }
 
+void CallOut::tell_kept_reply(CallRecord& record) const {
+  const SharedBytes reply = *reply_.lock();
+  if (reply.owner == nullptr) return;
+  const auto make = [&](const CallRecord& of) {
+    return core().outcome_of_reply(of, Message::scan(reply.view), reply);
+  };
+  record.outcome = CallTable::MakeOutcome(make)(record);
+}
+
 bool CallOut::report(std::uint64_t done) { return what_.progress.report(done, total()); }
 
 void CallOut::step() {
@@ -197,6 +215,7 @@ void AnswerOut::send_whole() {
   Content whole;
   if (!gather(*rest.block, &whole)) return;
   request_->answer_with(whole, std::nullopt);
+  request_.reset();
   stop();
 }
 
@@ -208,6 +227,7 @@ void AnswerOut::send(Frame&& frame) { peer().send(std::move(frame), false); }
 
 void AnswerOut::on_all_confirmed() {
   request_->answer_with(result_, static_cast<double>(total()));
+  request_.reset();
   stop();
 }
 

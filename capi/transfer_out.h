@@ -22,6 +22,8 @@
 
 namespace tolk {
 
+struct CallRecord;
+
 class TransferOut : public Transfer {
  public:
   TransferOut(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer, std::uint64_t number,
@@ -62,6 +64,7 @@ class TransferOut : public Transfer {
 
  private:
   void begin();
+  bool report_up_to(std::uint64_t confirmed);
   bool fill_window(std::uint64_t confirmed);
   bool send_next(std::size_t size);
 
@@ -92,6 +95,8 @@ class CallOut final : public TransferOut {
 
   // True: the transfer keeps the reply until the host knows that all data have arrived.
   bool keeps_reply(const SharedBytes& payload);
+  // The connection has ended. If a reply is kept, it becomes the outcome.
+  void tell_kept_reply(CallRecord& record) const;
   // The peer needs not be told that the call has ended.
   void on_ended() { peer_knows_ = true; }
 
@@ -133,8 +138,8 @@ class AnswerOut final : public TransferOut {
   void fail(const Trouble& trouble) override;
   void release() override;
 
-  Callbacks::HandlerCount unwritten_;  // a close waits for the answer, as for a handler
-  std::shared_ptr<tolk_request> request_;
+  Callbacks::HandlerCount unwritten_;      // a close waits for the answer, as for a handler
+  std::shared_ptr<tolk_request> request_;  // until it is answered
   const Content result_;
 };
 

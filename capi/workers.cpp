@@ -1,12 +1,14 @@
 #include "capi/workers.h"
 
 #include <algorithm>
-#include <exception>
+#include <cstdint>
 #include <limits>
 #include <thread>
 #include <utility>
 
 #include "capi/callbacks.h"
+#include "platform/guarded.h"
+#include "platform/process.h"
 #include "platform/thread.h"
 
 namespace tolk {
@@ -15,7 +17,16 @@ namespace {
 // The round in which the calling thread began its task.
 constexpr unsigned kNoRound = std::numeric_limits<unsigned>::max();
 thread_local WorkerPool* pool_of_this_thread = nullptr;
+thread_local std::uint32_t process_of_this_thread = 0;
 thread_local unsigned round_of_this_thread = kNoRound;
+
+// Null: the thread is of no pool. That is also so in a child that a task has forked: the child has
+// none of the pool's threads, and the tasks are its parent's.
+WorkerPool* pool_here() {
+  const bool is_here =
+      pool_of_this_thread != nullptr && process_of_this_thread == platform::generation();
+  return is_here ? pool_of_this_thread : nullptr;
+}
 
 }  // namespace
 
@@ -24,12 +35,14 @@ void WorkerPool::add(TaskPlace& place) {
 }
 
 bool WorkerPool::add_quietly(TaskPlace& place) {
+  TaskRow done;  // freed without the lock
   auto state = state_.lock();
+  state->done.swap(done);
   if (state->last_end != Instant()) {
     const Instant now = instant_now();
     state->gaps.waited(now - std::exchange(state->last_end, {}), now);
   }
-  state->waiting.splice(state->waiting.end(), place);
+  state->waiting.add(place);
   waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
   return lacks_threads(*state);
 }
@@ -40,18 +53,18 @@ void WorkerPool::call_threads() {
 }
 
 bool WorkerPool::more_waits() {
-  return pool_of_this_thread != nullptr &&
-         pool_of_this_thread->waiting_count_.load(std::memory_order_relaxed) > 0;
+  const WorkerPool* const pool = pool_here();
+  return pool != nullptr && pool->waiting_count_.load(std::memory_order_relaxed) > 0;
 }
 
 void WorkerPool::run_here() {
-  TaskPlace tasks;
+  TaskRow tasks;
   {
     const auto state = state_.lock();
     tasks.swap(state->waiting);
     waiting_count_.store(0, std::memory_order_relaxed);
   }
-  for (const auto& task : tasks) task->run();
+  while (!tasks.empty()) tasks.take_first()->run();
 }
 
 void WorkerPool::retire() {
@@ -65,7 +78,7 @@ unsigned WorkerPool::most_threads(const State& state) const {
   return std::min(workers_ + state.blocked, kMost);
 }
 
-bool WorkerPool::on_worker() { return pool_of_this_thread != nullptr; }
+bool WorkerPool::on_worker() { return pool_here() != nullptr; }
 
 // Threads that look at the tasks soon.
 std::size_t WorkerPool::coming(const State& state) {
@@ -113,25 +126,28 @@ void WorkerPool::find_threads(Locked& state) {
 
 void WorkerPool::start_thread() {
   platform::pin_library();
-  const platform::SignalsBlocked inherited_by_the_thread;
-  try {
+  const bool started = guarded_or(false, [this] {
+    const platform::SignalsBlocked inherited_by_the_thread;
     std::thread([self = shared_from_this()] { self->run_thread(); }).detach();
-  } catch (const std::exception&) {
-    {
-      const auto state = state_.lock();
-      --state->threads;
-      --state->starting;
-    }
-    thread_lacks_();
+    return true;
+  });
+  if (started) return;
+  {
+    const auto state = state_.lock();
+    --state->threads;
+    --state->starting;
   }
+  thread_lacks_();
 }
 
 void WorkerPool::run_thread() {
   platform::name_this_thread("tolk-worker");
+  process_of_this_thread = platform::generation();
   pool_of_this_thread = this;
   --state_.lock()->starting;
   Instant begin{};
-  while (const auto task = next(begin)) {
+  std::shared_ptr<tolk_task> task;
+  while ((task = next(std::move(task), begin))) {
     begin = instant_now();
     task->run();
   }
@@ -153,9 +169,18 @@ void WorkerPool::note_run(State& state, Instant begin) {
   state.usual_run += (run - state.usual_run) / kWeight;
 }
 
-// Null: the thread is not needed any more, and counts no longer. `begin`: of its last task.
-std::shared_ptr<tolk_task> WorkerPool::next(Instant begin) {
+// Null: the thread is not needed any more, and counts no longer. `begin`: of the task `before`.
+// In a stream of tasks, the thread that adds them frees the memory of `before`: two threads that
+// allocate and free in the same heap wait for each other.
+std::shared_ptr<tolk_task> WorkerPool::next(std::shared_ptr<tolk_task> before, Instant begin) {
+  if (before.use_count() != 1 || !before->drop_all_but_memory()) before.reset();
   auto state = state_.lock();
+  if (before) {
+    TaskPlace& place = before->queue_place();
+    place.task = std::move(before);
+    state->done.add(place);
+  }
+  if (state->waiting.empty()) free_done(state);
   no_longer_rely_on_this_thread(*state);
   if (begin != Instant()) note_run(*state, begin);
   const auto is_needed = [&] { return state->threads <= workers_ + state->blocked; };
@@ -167,15 +192,23 @@ std::shared_ptr<tolk_task> WorkerPool::next(Instant begin) {
     if (!state->waiting.empty()) find_threads(state);
     return nullptr;
   }
-  std::shared_ptr<tolk_task> task = std::move(state->waiting.front());
-  TaskPlace place;  // freed after the lock
-  place.splice(place.end(), state->waiting, state->waiting.begin());
+  std::shared_ptr<tolk_task> task = state->waiting.take_first();
   waiting_count_.store(state->waiting.size(), std::memory_order_relaxed);
   ++state->taken;
   rely_on_this_thread(*state);
   // Nobody else looks after the others.
   if (!state->waiting.empty() && !state->watched) find_threads(state);
   return task;
+}
+
+// Nobody adds tasks any more.
+void WorkerPool::free_done(Locked& state) {
+  if (state->done.empty()) return;
+  TaskRow done;
+  done.swap(state->done);
+  state.unlock();
+  done.clear();
+  state.relock();
 }
 
 // While tasks come quickly. One thread is enough.
@@ -236,11 +269,11 @@ void WorkerPool::change_blocked(int by) {
 }
 
 WorkerPool::Blocked::Blocked() {
-  if (pool_of_this_thread != nullptr) pool_of_this_thread->change_blocked(1);
+  if (WorkerPool* const pool = pool_here()) pool->change_blocked(1);
 }
 
 WorkerPool::Blocked::~Blocked() {
-  if (pool_of_this_thread != nullptr) pool_of_this_thread->change_blocked(-1);
+  if (WorkerPool* const pool = pool_here()) pool->change_blocked(-1);
 }
 
 }  // namespace tolk

@@ -18,26 +18,21 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
-#include <list>
 #include <memory>
 #include <utility>
 
+#include "capi/task_row.h"
 #include "transport/staying_awake.h"
 #include "transport/thread_safety.h"
 
-struct tolk_task;
-
 namespace tolk {
-
-// One task in a list: an element that is made with the task, so that listing needs no memory.
-using TaskPlace = std::list<std::shared_ptr<tolk_task>>;
 
 class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
  public:
   static constexpr unsigned kUsual = 4;
   static constexpr unsigned kMost = 256;
 
-  // `thread_lacks`: a thread could not be started; call_threads is to be called soon.
+  // `thread_lacks`: a thread could not be started; call_threads or run_here is to be called soon.
   WorkerPool(unsigned workers, std::function<void()> thread_lacks)
       : workers_(workers == 0 ? kUsual : workers), thread_lacks_(std::move(thread_lacks)) {}
 
@@ -75,7 +70,8 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   static constexpr std::chrono::nanoseconds kLongRun{1000000};
 
   struct State {
-    TaskPlace waiting;
+    TaskRow waiting;
+    TaskRow done;  // their memory is freed by the thread that has allocated it: it adds the next
     unsigned threads = 0;
     unsigned starting = 0;
     unsigned idle = 0;     // asleep, without the one that watches
@@ -102,7 +98,8 @@ class WorkerPool : public std::enable_shared_from_this<WorkerPool> {
   void find_threads(Locked& state);
   void start_thread();
   void run_thread();
-  std::shared_ptr<tolk_task> next(Instant begin);
+  std::shared_ptr<tolk_task> next(std::shared_ptr<tolk_task> before, Instant begin);
+  static void free_done(Locked& state);
   static void rely_on_this_thread(State& state);
   static void no_longer_rely_on_this_thread(State& state);
   static void note_run(State& state, Instant begin);

@@ -56,9 +56,10 @@ endfunction()
 
 foreach(objects IN ITEMS tolk_platform tolk_objects)
   tolk_optimise(${objects} "${tolk_hot}" OFF -Os)
-  # Small loops and short jumps gain nothing where everything begins at a multiple of 16 bytes.
+  # Small loops and short jumps gain nothing where everything begins at a multiple of 16 bytes. The
+  # rare parts of functions are not apart, where each would need unwinding tables of its own.
   tolk_optimise(${objects} "${tolk_hot}" ON -fno-align-functions -fno-align-jumps -fno-align-labels
-                -fno-align-loops)
+                -fno-align-loops -fno-reorder-blocks-and-partition)
   if(whole)
     tolk_optimise(${objects} "${tolk_apart}" OFF -flto -ffat-lto-objects)
   endif()

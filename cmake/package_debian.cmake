@@ -3,7 +3,8 @@ set(runtime libtolk${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtolk-dev)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tolk-tools)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tolk)
+set(CPACK_COMPONENTS_ALL runtime development python)
 if(TOLK_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
@@ -42,14 +43,29 @@ ${about}
 .
 This package has the command tolk, with which a shell calls, serves and
 watches methods, and a dissector for Wireshark.")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+    "calls between processes by method name - Python 3 package
+${about}
+.
+This package has the module tolk for Python 3.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${runtime} (>= ${PROJECT_VERSION}), python3 (>= 3.9)")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${runtime} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libuv1-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS tolk-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "wireshark | tshark")
+
+# It is for all of Debian's versions of Python 3. The library is that of the system.
+install(
+  DIRECTORY bindings/python/tolk
+  DESTINATION lib/python3/dist-packages
+  COMPONENT python
+  PATTERN __pycache__ EXCLUDE)
 
 # What programs that are linked with the library depend on, and how the loader learns of it.
 set(extra ${PROJECT_BINARY_DIR}/debian)

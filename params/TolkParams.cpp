@@ -19,7 +19,7 @@
 #include "platform/large_memory.h"
 #include "platform/text.h"
 
-using Access = TolkParamsAccess;
+using ParamsAccess = TolkParamsAccess;
 using tolk::Argument;
 
 namespace {
@@ -32,7 +32,7 @@ constexpr std::size_t spare_bytes = 4096;
 // The first memory of a block: enough for most small blocks, which then never move.
 constexpr std::size_t first_capacity = 255;
 
-std::string& own_bytes(TolkParams& block) { return Access::content(block).own_bytes(); }
+std::string& own_bytes(TolkParams& block) { return ParamsAccess::content(block).own_bytes(); }
 
 // Doubling keeps many small records cheap.
 void grow(std::string& buffer, std::size_t needed) {
@@ -135,20 +135,21 @@ void add_element(Encoder& encoder, const TolkValue& element) {
 
 TolkParams::TolkParams() : content_(new Content) {}
 
-TolkParams::TolkParams(const TolkParams& other) : content_(new Content(Access::content(other))) {}
+TolkParams::TolkParams(const TolkParams& other)
+    : content_(new Content(ParamsAccess::content(other))) {}
 
 TolkParams& TolkParams::operator=(const TolkParams& other) {
   if (this == &other) return *this;
   get_buffer_ = other.get_buffer_;
   // This marks the content of a refreshable block as used. Its table then keeps the content until
   // this block holds a count of its own.
-  Content& shared = Access::content(other);
+  Content& shared = ParamsAccess::content(other);
   shared.retain();
-  Access::replace(*this, &shared);
+  ParamsAccess::replace(*this, &shared);
   return *this;
 }
 
-TolkParams::~TolkParams() { Access::content(*this).release(); }
+TolkParams::~TolkParams() { ParamsAccess::content(*this).release(); }
 
 void TolkParams::AddInt(int v) {
   append_record(own_bytes(*this), tolk::int_record_bytes, [&](auto& to) { to.add_int(v); });
@@ -217,39 +218,41 @@ void TolkParams::AddList(ListParams* list) {
 
 ListParams* TolkParams::CreateListParams() { return new ListParams; }
 
-std::string* TolkParams::GetParamas() { return &Access::content(*this).given_bytes(); }
+std::string* TolkParams::GetParamas() { return &ParamsAccess::content(*this).given_bytes(); }
 const char* TolkParams::GetParamasPtr() { return GetParamas()->c_str(); }
-long TolkParams::GetParamasSize() { return static_cast<long>(Access::content(*this).size()); }
-int TolkParams::Size() { return static_cast<int>(Access::content(*this).size()); }
+long TolkParams::GetParamasSize() { return static_cast<long>(ParamsAccess::content(*this).size()); }
+int TolkParams::Size() { return static_cast<int>(ParamsAccess::content(*this).size()); }
 
-int TolkParams::ParamsSize() { return static_cast<int>(Access::content(*this).values.size()); }
-int TolkParams::MapSize() { return static_cast<int>(Access::content(*this).keyed.size()); }
+int TolkParams::ParamsSize() {
+  return static_cast<int>(ParamsAccess::content(*this).values.size());
+}
+int TolkParams::MapSize() { return static_cast<int>(ParamsAccess::content(*this).keyed.size()); }
 
 bool TolkParams::Parser(const char* data, int len) {
-  return Access::content(*this).parse_copy(tolk::bytes_of(data, len));
+  return ParamsAccess::content(*this).parse_copy(tolk::bytes_of(data, len));
 }
 
-bool TolkParams::ToParams() { return Access::content(*this).parse_own_bytes(); }
+bool TolkParams::ToParams() { return ParamsAccess::content(*this).parse_own_bytes(); }
 
 TolkValue* TolkParams::GetValue(int i) {
-  const auto& values = Access::content(*this).values;
+  const auto& values = ParamsAccess::content(*this).values;
   const bool exists = i >= 0 && static_cast<std::size_t>(i) < values.size();
   return exists ? values[static_cast<std::size_t>(i)] : nullptr;
 }
 
 TolkValue* TolkParams::GetMap(const char* key) {
   if (key == nullptr) return nullptr;
-  return Access::content(*this).find(key);
+  return ParamsAccess::content(*this).find(key);
 }
 
 std::map<const char*, TolkValue*>* TolkParams::GetMapPtr() {
-  return &Access::content(*this).keyed_view();
+  return &ParamsAccess::content(*this).keyed_view();
 }
 
 void TolkParams::GetBuffer() { get_buffer_ = true; }
 bool TolkParams::IsGetBuffer() { return get_buffer_; }
 
-void TolkParams::Clear() { Access::content(*this).clear(); }
+void TolkParams::Clear() { ParamsAccess::content(*this).clear(); }
 
 void TolkParams::IntTobytes(int v, std::string* out) {
   char bytes[4];

@@ -17,7 +17,7 @@ using Kind = tolk::Endpoint::Kind;
 
 namespace {
 
-tolk::Endpoint endpoint(Kind kind, const char* host, const char* port) {
+tolk::Endpoint server_endpoint(Kind kind, const char* host, const char* port) {
   return {kind, std::string(tolk::text_of(host)), std::string(tolk::text_of(port))};
 }
 
@@ -35,33 +35,35 @@ void TolkServer::release() {
 }
 
 bool TolkServer::ListenPipe(const char* port) {
-  return guarded_or(
-      false, [&, side = side()] { return side->listen(endpoint(Kind::pipe, nullptr, port)); });
+  return guarded_or(false, [&, side = side()] {
+    return side->listen(server_endpoint(Kind::pipe, nullptr, port));
+  });
 }
 
 bool TolkServer::InitTolkServer(const char* port) {
-  return guarded_or(
-      false, [&, side = side()] { return side->start(endpoint(Kind::pipe, nullptr, port)); });
+  return guarded_or(false, [&, side = side()] {
+    return side->start(server_endpoint(Kind::pipe, nullptr, port));
+  });
 }
 
 bool TolkServer::ListenTcp4(const char* host, const char* port) {
-  return guarded_or(false,
-                    [&, side = side()] { return side->listen(endpoint(Kind::tcp4, host, port)); });
+  return guarded_or(
+      false, [&, side = side()] { return side->listen(server_endpoint(Kind::tcp4, host, port)); });
 }
 
 bool TolkServer::ListenTcp6(const char* host, const char* port) {
-  return guarded_or(false,
-                    [&, side = side()] { return side->listen(endpoint(Kind::tcp6, host, port)); });
+  return guarded_or(
+      false, [&, side = side()] { return side->listen(server_endpoint(Kind::tcp6, host, port)); });
 }
 
 bool TolkServer::InitTolkServerTcp4(const char* host, const char* port) {
-  return guarded_or(false,
-                    [&, side = side()] { return side->start(endpoint(Kind::tcp4, host, port)); });
+  return guarded_or(
+      false, [&, side = side()] { return side->start(server_endpoint(Kind::tcp4, host, port)); });
 }
 
 bool TolkServer::InitTolkServerTcp6(const char* host, const char* port) {
-  return guarded_or(false,
-                    [&, side = side()] { return side->start(endpoint(Kind::tcp6, host, port)); });
+  return guarded_or(
+      false, [&, side = side()] { return side->start(server_endpoint(Kind::tcp6, host, port)); });
 }
 
 bool TolkServer::run() {

@@ -28,8 +28,8 @@ class Workers {
   bool open_ TOLK_GUARDED_BY(mutex_) = true;
 };
 
-constinit Workers workers;
-const AtProcessExit close_workers([] { workers.close(); });
+constinit Workers call_workers;
+const AtProcessExit close_workers([] { call_workers.close(); });
 
 }  // namespace
 
@@ -71,7 +71,7 @@ bool WorkQueue::add(std::unique_ptr<WorkItem>& item, std::unique_ptr<Runner>* ru
 
 // Without the lock: the runner would begin by waiting for it.
 void WorkQueue::start(uv_loop_t* loop, std::unique_ptr<Runner> runner) {
-  if (workers.enqueue(loop, &runner->work, run_items, on_runner_done)) {
+  if (call_workers.enqueue(loop, &runner->work, run_items, on_runner_done)) {
     static_cast<void>(runner.release());  // on_runner_done owns it
   } else if (take_back() && !process_exits()) {
     throw std::runtime_error("no worker");

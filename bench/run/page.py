@@ -59,7 +59,7 @@ def wakes_line(results):
 def ratios_table(results):
     lines = []
     for name, result in results.items():
-        if name in ("F", "G", "I"):
+        if name in ("F", "G", "I", "P"):
             continue
         key = result["figures"][0]
         cells = [common.figure(rows.median_of(result, "tolk", key)) + " " + charts.UNITS[key]]
@@ -138,11 +138,11 @@ def main():
         print("docs/benchmarks/figures.json is missing: scripts/bench --json makes it")
         return 1
     results, curves = document.get("rows", {}), document.get("scale", {})
-    own = common.read_json(FOLDER / "own.json").get("rows") or results
     page = string.Template(TEXT.read_text(encoding="utf-8")).substitute(
         machine=machine_line(document), ratios=ratios_table(results),
-        c_ratios=c_ratios_table(own), wakes=wakes_line(own), contestants=contestants_table(results), idle=idle_table(results),
-        fields=fields_table(own), growth=growth_table(curves),
+        c_ratios=c_ratios_table(results), wakes=wakes_line(results),
+        contestants=contestants_table(results), idle=idle_table(results),
+        fields=fields_table(results), growth=growth_table(curves),
         instructions=instructions_table(), failures=failures(results))
     (FOLDER / "README.md").write_text(page, encoding="utf-8")
     (FOLDER / "rows.svg").write_text(charts.bars(results), encoding="utf-8")

@@ -1,12 +1,15 @@
 """Calls between two processes: contestants take turns, row by row and round by round.
 
 usage: rows.py [--json FILE] [--rows A,S,…] [--contestants tolk] [--rounds N] [--turn-ms N]
-               [--transport pipe] [--peers] [--quick]
+               [--transport pipe] [--peers] [--quick] [--use-memory]
 
 A round is one turn of every contestant (A B C, A B C, …), so that what disturbs the machine
 disturbs all of them, and a ratio is the median of the rounds' ratios. A round in which another
 machine took more than 2 % of the processors' time is left out and repeated. Rows of an existing
 FILE stay unless they are measured again. Other libraries have turns with --peers alone.
+
+A virtual machine gets memory from its host when it uses it for the first time, at a tenth of the
+usual speed or less; row D1 shows it. With --use-memory, all of it has been used before the rows.
 """
 
 import argparse
@@ -37,6 +40,10 @@ PEERS = {
     "Thrift": ["contestant_thrift"],
     "sd-bus": ["contestant_sdbus"],
     "sd-bus, daemon": ["contestant_sdbus", "daemon"],
+}
+IN_PYTHON = {
+    "bare, Python": ["contestant_python", "bare"],
+    "tolk, Python": ["contestant_python", "tolk"],
 }
 OWN_FIELDS = {"tolk": ["fields_tolk"], "tolk, C": ["fields_capi"]}
 PEERS_OF_FIELDS = {"protobuf": ["fields_protobuf"], "msgpack": ["fields_msgpack"]}
@@ -76,6 +83,8 @@ ROWS = {
              peers=PEERS_OF_FIELDS, baselines=["protobuf", "msgpack"]),
     "G": Row("A beside 10,000 idle connections", ["echo", "--idle", "10000"],
              ["p50_us", "p50_alone_us", "times"], peers={}, rounds=3),
+    "P": Row("A in Python", ["echo"], ["cpu_us", "p50_us", "p99_us"], own=IN_PYTHON, peers={},
+             baselines=["bare, Python"]),
     "H": Row("connect with version check; close", ["connect"],
              ["connect_us", "connect_p99_us", "close_us"], baselines=["bare socket", *BASELINES]),
     "I": Row("wake-ups of an idle client and its server in a second", ["rest"], ["wakes_s"],
@@ -164,6 +173,7 @@ def parse_command_line():
     parser.add_argument("--transport", choices=["pipe", "tcp4", "tcp6"], default="pipe")
     parser.add_argument("--peers", action="store_true", help="with other libraries")
     parser.add_argument("--quick", action="store_true", help="too short to compare")
+    parser.add_argument("--use-memory", action="store_true", help="fill free memory once, before")
     options = parser.parse_args()
     options.rows = options.rows.split(",")
     unknown = [name for name in options.rows if name not in ROWS]
@@ -174,6 +184,8 @@ def parse_command_line():
 
 def main():
     options = parse_command_line()
+    if options.use_memory:
+        common.use_memory()
     document = common.read_json(options.json) if options.json else {}
     document["machine"] = common.machine()
     document["date"] = datetime.date.today().isoformat()

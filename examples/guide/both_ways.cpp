@@ -4,7 +4,7 @@
 int main(int argc, char** argv) {
   const tolk::Address where = argc > 1 ? argv[1] : "pipe:5000";
 
-  tolk::Server server(tolk::Options{.quiet = true});
+  tolk::Server server;
   // A handler that takes a Caller can call back. The caller does not pass it.
   server.on("delete", [](const tolk::Caller& caller, const std::string& file) {
     const bool sure = caller.call<bool>("ask", "Delete " + file + "?").value();
@@ -12,7 +12,7 @@ int main(int argc, char** argv) {
   });
   server.listen(where);
 
-  tolk::Client client(tolk::Options{.quiet = true});
+  tolk::Client client;
   // Before connect, because the server may call at once.
   client.on("ask", [](const std::string& question) {
     std::cout << question << " yes\n";

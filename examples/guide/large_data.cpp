@@ -4,13 +4,13 @@
 int main(int argc, char** argv) {
   const tolk::Address where = argc > 1 ? argv[1] : "pipe:5000";
 
-  tolk::Server server(tolk::Options{.quiet = true});
+  tolk::Server server;
   server.on("upload", [](const tolk::bytes& data, const std::string& name) {
     return name + ": " + std::to_string(data.size()) + " bytes";
   });
   server.listen(where);
 
-  tolk::Client client = tolk::connect(where, {.quiet = true});
+  tolk::Client client = tolk::connect(where);
   const tolk::bytes data(1'000'000);
   // The data is the first argument; the others follow the callback.
   const auto show = [](tolk::Progress now) {

@@ -7,7 +7,7 @@ int main(int argc, char** argv) {
   std::mutex mutex;
   std::string lines;
 
-  tolk::Server server;  // quiet would leave only the failures
+  tolk::Server server;
   server.on("fail", [] { throw std::runtime_error("out of paper"); });
   // Gets each line with its line end, on the thread that logs it.
   server.log([&](std::string_view line) {
@@ -16,8 +16,9 @@ int main(int argc, char** argv) {
   });
   server.listen(where);
 
-  tolk::Client client = tolk::connect(where, {.quiet = true});
+  tolk::Client client = tolk::connect(where);
   client.call("fail");
   const std::lock_guard lock(mutex);
-  std::cout << lines.substr(lines.find("handler error"));
+  const std::size_t begin = lines.find("handler error");
+  std::cout << lines.substr(begin, lines.find('\n', begin) + 1 - begin);
 }

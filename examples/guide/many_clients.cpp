@@ -8,20 +8,19 @@ int main(int argc, char** argv) {
   constexpr int kClients = 3;
   std::latch joined(kClients), heard(kClients);
 
-  tolk::Server server(tolk::Options{.quiet = true});
-  // A server can call a client after the client has sent something.
+  tolk::Server server;
   server.on("join", [&] { joined.count_down(); });
   server.listen(where);
 
   std::list<tolk::Client> clients;
   for (int i = 0; i < kClients; ++i) {
-    tolk::Client& client = clients.emplace_back(tolk::Options{.quiet = true});
+    tolk::Client& client = clients.emplace_back();
     client.on("news", [&](const std::string&) { heard.count_down(); });
     client.connect(where);
     client.post("join");
   }
   joined.wait();
-  for (const int id : server.clients()) server.post(id, "news", "the build is green");
+  server.broadcast("news", "the build is green");  // server.post(id, …) is for one of clients()
   heard.wait();
   std::cout << server.clients().size() << " clients have heard it\n";
 }

@@ -6,12 +6,12 @@
 int main(int argc, char** argv) {
   const tolk::Address where = argc > 1 ? argv[1] : "pipe:5000";
 
-  tolk::Server server(tolk::Options{.quiet = true});
+  tolk::Server server;
   server.on("square", [](int n) { return n * n; });
   server.listen(where);
 
   // Threads can share a client. Their calls run at the same time.
-  tolk::Client client = tolk::connect(where, {.quiet = true});
+  tolk::Client client = tolk::connect(where);
   std::atomic<int> sum = 0;
   {
     std::vector<std::jthread> threads;
@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
   }
   std::cout << sum << "\n";
 
-  // The same on the client's threads.
+  // The same without threads: both calls are under way at once.
   std::future<int> six = client.async<int>("square", 6);
   std::future<int> seven = client.async<int>("square", 7);
   std::cout << six.get() + seven.get() << "\n";

@@ -272,6 +272,8 @@ TOLK_API void tolk_source_free(tolk_source* source);
 TOLK_API tolk_status tolk_sink_file(const char* path, tolk_sink** sink, tolk_error** error);
 /// A callback, which gets the bytes in order.
 TOLK_API tolk_sink* tolk_sink_callback(tolk_write write, void* context, tolk_release free_context);
+/// For a `write` that is about to return false: the reason that the sender gets. Copies the text.
+TOLK_API void tolk_sink_explain(tolk_sink* sink, const char* text);
 /// For a sink that no function has taken.
 TOLK_API void tolk_sink_free(tolk_sink* sink);
 
@@ -298,7 +300,8 @@ typedef struct tolk_outcome {
 } tolk_outcome;
 
 /// Called once for each call that was started, whatever happens; for TOLK_ALL once for each client
-/// that was connected, and once without one.
+/// that was connected, and once without one. Those for TOLK_ALL come one after the other: when
+/// the one whose `left` is 0 runs, the others have returned.
 typedef void (*tolk_done)(void* context, const tolk_outcome* outcome);
 
 /// A call.
@@ -413,7 +416,9 @@ typedef void (*tolk_execute)(void* context, tolk_task* task);
 /// How much a line of the log matters.
 typedef enum tolk_level { TOLK_DEBUG = 0, TOLK_INFO = 1, TOLK_WARNING = 2 } tolk_level;
 
-/// Takes one line, on the thread where something happened. It must not wait.
+/// Takes one line, on the thread where something happened. It must not wait. No line comes
+/// after the free of its object has returned: the free waits for one that is being told, unless it
+/// is called in the log.
 typedef void (*tolk_log)(void* context, tolk_level level, const char* text);
 
 // ---- Clients -----------------------------------------------------------------------------------
@@ -434,7 +439,7 @@ typedef struct tolk_client_options {
   tolk_execute execute;
   tolk_log log;  ///< takes the lines of the log; null: nobody does
   /// The server has ended the connection. Once; not because of a close or free by the host, but
-  /// perhaps meanwhile.
+  /// perhaps meanwhile. Handlers may still run, or begin later.
   void (*on_gone)(void* context, tolk_client* client, const tolk_error* why);
   void* context;              ///< of the three
   tolk_release free_context;  ///< of `context`; may be null
@@ -495,17 +500,22 @@ typedef struct tolk_server_options {
   unsigned workers;       ///< as tolk_client_options::workers
   tolk_execute execute;   ///< as tolk_client_options::execute
   tolk_log log;           ///< as tolk_client_options::log
-  /// A client has connected and can be called. Begins before any of its calls.
+  /// A client has connected and can be called. Its calls wait until this is about to begin, and
+  /// may run before it returns.
   void (*on_connect)(void* context, tolk_server* server, const tolk_peer* client);
-  /// It has gone, or the server ends. Once for each on_connect, after that has returned.
+  /// It has gone, or the server ends. Once for each on_connect, after that has returned. Handlers
+  /// of its calls, and outcomes of calls to it, may still run, or begin later.
   void (*on_gone)(void* context, tolk_server* server, const tolk_peer* client);
   /// A client has stopped the server, or there was no memory to go on.
   void (*on_stopped)(void* context, tolk_server* server, const tolk_error* why);
   void* context;              ///< of the five
   tolk_release free_context;  ///< of `context`; may be null
   bool clients_may_stop;      ///< obey a client's "s_c_close_server"
-  // Quotas. A client above one of the first two is not read from until it is a quarter below.
-  size_t most_client_bytes;       ///< arguments of its requests, and unwritten answers; 0: 64 MiB
+  // Quotas. A client above one of the first two is not read from, its replies included, until it is
+  // a quarter below. Calls whose data are on their way count apart: a client that has 1,000 of
+  // them, or that many bytes of their arguments, gets TOLK_BUSY for more.
+  size_t most_client_bytes;       ///< arguments of its requests, and all that is not yet written
+                                  ///< to it; 0: 64 MiB
   unsigned most_client_requests;  ///< under way; 0: 1,000
   size_t most_queued_bytes;       ///< of posts to one client; above it posts wait
   size_t most_frame_bytes;        ///< a client that sends more is disconnected

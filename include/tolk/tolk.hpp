@@ -1,6 +1,6 @@
 /// @file
 /// The C++ layer: servers, clients and calls with C++ types. It needs C++20 and consists of headers
-/// that use only the exported interface.
+/// over the C interface. It prints nothing.
 ///
 /// @code
 /// tolk::Server server;
@@ -11,7 +11,8 @@
 /// int sum = client.call<int>("add", 2, 3, 500ms).value();
 /// @endcode
 ///
-/// A peer may use the plain interface. docs/wire.md describes what the layer adds to messages.
+/// A peer may use any interface of the library. docs/wire.md describes what the layer adds to
+/// messages.
 #pragma once
 
 #if defined(__cplusplus) && __cplusplus < 202002L && (!defined(_MSVC_LANG) || _MSVC_LANG < 202002L)
@@ -19,14 +20,7 @@
 #error "tolk.hpp needs C++20 (-std=c++20); tolk.h does with C++17"
 #else
 
-#include <tolk/layer/address.hpp>
-#include <tolk/layer/caller.hpp>
 #include <tolk/layer/client.hpp>
-#include <tolk/layer/codec.hpp>
-#include <tolk/layer/error.hpp>
-#include <tolk/layer/pack.hpp>
 #include <tolk/layer/server.hpp>
-#include <tolk/layer/transfers.hpp>
-#include <tolk/layer/value.hpp>
 
 #endif

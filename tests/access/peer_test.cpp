@@ -38,6 +38,7 @@ class OpenedDirectory : public AccessTest {
 // No hook runs and no message is read, not even the empty one, which would print a line.
 TEST_F(OpenedDirectory, OtherUserIsRefusedBeforeAnyRead) {
   EXPECT_EQ(connection_of(other.id()), "refused");
+  EXPECT_TRUE(server->prints(refusal()));
   EXPECT_EQ(server->printed(), start_line() + refusal());
 }
 

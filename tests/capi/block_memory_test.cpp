@@ -1,13 +1,17 @@
-// Blocks of the C interface with every single allocation failing in turn. A program of its own,
-// since it replaces the allocation functions.
+// Blocks of the C interface with every single allocation failing in turn, and callbacks without
+// memory. A program of its own, since it replaces the allocation functions.
 
 #include <gtest/gtest.h>
 #include <tolk/c.h>
 
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <string>
+
+#include "capi/client_core.h"
+#include "capi/hook_task.h"
 
 namespace {
 
@@ -175,6 +179,27 @@ TEST(CBlockMemory, ReadingAndCopyingFailCleanly) {
   }
   tolk_block_free(part);
   tolk_block_free(built);
+}
+
+// A loss of the connection may have begun before a free in a callback, which does not wait, and
+// tell the host afterwards.
+TEST(CCallbacksMemory, WhatComesAfterTheEndNeedsNoThread) {
+  auto core = std::make_shared<tolk::ClientCore>(tolk::Endpoint(), "", tolk::CoreSettings(),
+                                                 tolk_client_options());
+  const std::weak_ptr<tolk::Core> left = core;
+  bool ran = false;
+  auto late = tolk::make_hook([&ran] { ran = true; });
+  {
+    const tolk::Callbacks::Scope in_a_callback(*core);
+    core->end();
+  }
+  allocations_until_failure = 0;
+  core->callbacks().dispatch(late, tolk::Callbacks::When::later);
+  allocations_until_failure = -1;
+  EXPECT_TRUE(ran);
+  late.reset();
+  core.reset();
+  EXPECT_TRUE(left.expired());
 }
 
 }  // namespace

@@ -7,25 +7,17 @@
 namespace {
 
 using tolk::test::call_client;
+using tolk::test::call_of;
 using tolk::test::Done;
 using tolk::test::Event;
 using tolk::test::Owned;
 using tolk::test::Pair;
 using tolk::test::text_block;
-using tolk::test::text_of;
 
 class CapiEndings : public Pair {};
 INSTANTIATE_TEST_SUITE_P(All, CapiEndings, tolk::test::kAllTransports, tolk::test::transport_name);
 
-tolk_call never_ending(Done& done) {
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "keep";
-  call.limit_ms = TOLK_FOREVER;
-  call.done = Done::call;
-  call.context = &done;
-  return call;
-}
+tolk_call never_ending(Done& done) { return call_of("keep", &done, TOLK_FOREVER); }
 
 // Keeps requests until the end.
 struct Kept {
@@ -77,12 +69,12 @@ TEST_P(CapiEndings, AClosedClientRefusesCallsAndEndsThoseUnderWay) {
   const tolk_call call = never_ending(done);
   tolk_client_start(client.get(), &call);
   kept.has_one.wait();
-  EXPECT_EQ(tolk_client_close(client.get(), 1000), TOLK_OK);
+  EXPECT_EQ(tolk_client_close(client.get(), 20000), TOLK_OK);
   done.wait();
   EXPECT_EQ(done.answer.status, TOLK_CLOSED);
   EXPECT_EQ(call_client(client.get(), "keep", "").status, TOLK_CLOSED);
   EXPECT_EQ(tolk_client_post(client.get(), "keep", nullptr, 0, nullptr), TOLK_CLOSED);
-  EXPECT_EQ(tolk_client_close(client.get(), 1000), TOLK_OK);
+  EXPECT_EQ(tolk_client_close(client.get(), 20000), TOLK_OK);
   end();
 }
 
@@ -208,6 +200,84 @@ TEST_P(CapiEndings, AClientStopsTheServerOnlyIfItMay) {
   stopped.wait();
   EXPECT_EQ(tolk_server_wait_closed(server.get(), 20000), TOLK_OK);
   end();
+}
+
+// Counts the lines, until the library needs it no longer.
+struct CountedLines {
+  std::atomic<int> lines{0};
+  Event released;
+
+  tolk_server_options options() {
+    tolk_server_options options{};
+    options.context = this;
+    options.log = [](void* self, tolk_level, const char*) {
+      ++static_cast<CountedLines*>(self)->lines;
+    };
+    options.free_context = [](void* self) { static_cast<CountedLines*>(self)->released.set(); };
+    return options;
+  }
+};
+
+TEST_P(CapiEndings, TheLogGetsNoLineAfterTheFree) {
+  CountedLines log;
+  Kept kept;
+  server_methods.add("keep", kept.handler(), TOLK_INLINE);
+  listen(log.options());
+  client = connect();
+  ASSERT_EQ(tolk_client_post(client.get(), "keep", nullptr, 0, nullptr), TOLK_OK);
+  kept.has_one.wait();
+  server.reset();
+  const int lines = log.lines;
+  EXPECT_GT(lines, 0);
+  tolk_request_free(kept.requests.back());
+  kept.requests.clear();
+  EXPECT_TRUE(log.released.wait());
+  EXPECT_EQ(log.lines, lines);
+}
+
+// The loop thread is not waited for there, and ends later.
+TEST_P(CapiEndings, TheLogGetsNoLineAfterAFreeInACallback) {
+  CountedLines log;
+  int lines = 0;
+  server_methods.add("free", [&](tolk_request* request) {
+    server.reset();
+    lines = log.lines;
+    tolk_request_free(request);
+  });
+  listen(log.options());
+  client = connect();
+  ASSERT_EQ(tolk_client_post(client.get(), "free", nullptr, 0, nullptr), TOLK_OK);
+  EXPECT_TRUE(log.released.wait());
+  EXPECT_GT(lines, 0);
+  EXPECT_EQ(log.lines, lines);
+}
+
+TEST_P(CapiEndings, AFreeWaitsForALineThatIsBeingTold) {
+  struct Log {
+    Event begun;
+    Event freed;
+  } log;
+  Kept kept;
+  server_methods.add("keep", kept.handler(), TOLK_INLINE);
+  tolk_server_options options{};
+  options.context = &log;
+  options.log = [](void* context, tolk_level, const char* text) {
+    if (std::string(text).find(" called keep: ") == std::string::npos) return;
+    static_cast<Log*>(context)->begun.set();
+    EXPECT_FALSE(static_cast<Log*>(context)->freed.wait(std::chrono::milliseconds(50)));
+  };
+  listen(options);
+  client = connect();
+  ASSERT_EQ(tolk_client_post(client.get(), "keep", nullptr, 0, nullptr), TOLK_OK);
+  kept.has_one.wait();
+  std::thread fails([&] {
+    tolk_request_free(kept.requests.back());
+    kept.requests.clear();
+  });
+  log.begun.wait();
+  server.reset();
+  log.freed.set();
+  fails.join();
 }
 
 }  // namespace

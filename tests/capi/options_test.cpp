@@ -1,16 +1,23 @@
 // What the options of clients and servers say.
+#include <atomic>
 #include <chrono>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "pair.h"
+#include "tests/e2e/support/waiting.h"
 
 namespace {
 
 using tolk::test::call_client;
+using tolk::test::call_of;
 using tolk::test::Done;
 using tolk::test::Event;
+using tolk::test::eventually;
+using tolk::test::Owned;
 using tolk::test::Pair;
 using tolk::test::text_block;
 using Clock = std::chrono::steady_clock;
@@ -119,6 +126,23 @@ TEST_P(CapiOptions, TheLogTellsWhatHappens) {
   EXPECT_TRUE(log.has(": refused a client, there are too many\n")) << log.text;
 }
 
+TEST_P(CapiOptions, APeersTextAddsNoLinesToTheLog) {
+  LogLines log;
+  server_methods.add("fail", [](tolk_request* request) {
+    tolk_request_fail(request, TOLK_FAILED, 1, "one\n1 two\r\n1 three", nullptr);
+  });
+  tolk_server_options options{};
+  options.context = &log;
+  options.log = LogLines::add;
+  listen(options);
+  client = connect();
+  EXPECT_EQ(call_client(client.get(), "fail", "").reason, "one\n1 two\r\n1 three");
+  call_client(client.get(), "no\n1 such", "");
+  end();
+  EXPECT_TRUE(log.has(": failed, one 1 two  1 three\n")) << log.text;
+  EXPECT_TRUE(log.has(" called no 1 such, refused: ")) << log.text;
+}
+
 TEST_P(CapiOptions, NothingWaitsInTheLog) {
   LogLines log;
   server_methods.add_echo();
@@ -133,6 +157,97 @@ TEST_P(CapiOptions, NothingWaitsInTheLog) {
   tolk::test::call_server(server.get(), first_client(), "fail", "");
   EXPECT_EQ(log.call_in_log, TOLK_MISUSE);
   end();
+}
+
+// The line comes from a callback, or from the loop thread.
+TEST_P(CapiOptions, AClientMayBeClosedAndFreedInItsLog) {
+  struct Log {
+    Owned<tolk_client> client;
+    std::atomic<tolk_status> closed{TOLK_BUSY};
+    std::atomic<int> released{0};
+  };
+  const auto free_at_failure = [](void* context, tolk_level, const char* text) {
+    auto& self = *static_cast<Log*>(context);
+    const std::string line = text;
+    const bool is_it =
+        line.find(" failed") != std::string::npos || line.find(", refused") != std::string::npos;
+    if (!is_it) return;
+    if (const auto freed = std::exchange(self.client, nullptr)) {
+      self.closed = tolk_client_close(freed.get(), TOLK_FOREVER);
+    }
+  };
+  const auto fail = [](tolk_request* request) {
+    tolk_request_fail(request, TOLK_FAILED, 1, "on purpose", nullptr);
+  };
+  client_methods.add("fail", fail);
+  client_methods.add("fail inline", fail, TOLK_INLINE);
+  listen();
+  for (const char* const method : {"fail", "fail inline", "unknown"}) {
+    Log log;
+    tolk_client_options options{};
+    options.context = &log;
+    options.log = free_at_failure;
+    options.free_context = [](void* context) { ++static_cast<Log*>(context)->released; };
+    log.client = connect(options);
+    ASSERT_TRUE(eventually([&] { return tolk_server_clients(server.get(), nullptr, 0) == 1; }));
+    ASSERT_EQ(tolk_server_post(server.get(), first_client(), method, nullptr, 0, nullptr), TOLK_OK);
+    EXPECT_TRUE(eventually([&] { return log.released == 1; })) << method;
+    EXPECT_EQ(log.closed, TOLK_OK);
+    ASSERT_TRUE(eventually([&] { return tolk_server_clients(server.get(), nullptr, 0) == 0; }));
+  }
+}
+
+TEST_P(CapiOptions, AnExecutorMayFreeItsClient) {
+  struct Executor {
+    Owned<tolk_client> client;
+    tolk_task* task = nullptr;
+    std::atomic<int> released{0};
+  } executor;
+  server_methods.add_echo();
+  listen();
+  tolk_client_options options{};
+  options.context = &executor;
+  options.execute = [](void* context, tolk_task* task) {
+    auto& self = *static_cast<Executor*>(context);
+    self.task = task;
+    self.client.reset();
+  };
+  options.free_context = [](void* context) { ++static_cast<Executor*>(context)->released; };
+  executor.client = connect(options);
+  Done done;
+  const tolk_call call = call_of("echo", &done);
+  tolk_client_start(executor.client.get(), &call);
+  done.wait();
+  EXPECT_EQ(done.answer.status, TOLK_OK);
+  ASSERT_TRUE(eventually([&] { return tolk_server_clients(server.get(), nullptr, 0) == 0; }));
+  EXPECT_EQ(executor.released, 0) << "the task is still the host's";
+  tolk_task_run(executor.task);
+  EXPECT_TRUE(eventually([&] { return executor.released == 1; }));
+  EXPECT_EQ(done.calls, 1);
+}
+
+TEST_P(CapiOptions, NoIdIsUsedAgain) {
+  server_methods.add_echo(TOLK_INLINE);
+  std::set<std::uint64_t> clients;
+  std::set<std::uint64_t> calls;
+  std::uint64_t before = 0;
+  for (int round = 0; round < 10; ++round) {
+    if (round % 5 == 0) listen();  // another server has other ids too
+    client = connect();
+    const std::uint64_t id = first_client();
+    EXPECT_TRUE(clients.insert(id).second) << id;
+    for (int i = 0; i < 10; ++i) {
+      const tolk_call call = call_of("echo");
+      const std::uint64_t number = tolk_client_start(client.get(), &call);
+      EXPECT_TRUE(calls.insert(number).second) << number;
+      EXPECT_FALSE(tolk_client_cancel(client.get(), before));
+      EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_OK);
+      before = number;
+    }
+    client.reset();
+    ASSERT_TRUE(eventually([&] { return tolk_server_clients(server.get(), nullptr, 0) == 0; }));
+    EXPECT_FALSE(tolk_server_disconnect(server.get(), id));
+  }
 }
 
 TEST_P(CapiOptions, PatienceIsNotExceeded) {
@@ -191,18 +306,16 @@ TEST_P(CapiOptions, PostsWaitForRoomOnlyAsLongAsTheySay) {
   const auto post = [&](int wait_ms) {
     return tolk_client_post(client.get(), "note", block.get(), wait_ms, nullptr);
   };
-  done.also = [&](const tolk_outcome*) { in_callback = post(TOLK_FOREVER); };
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "keep";
+  done.also = [&](const tolk_outcome*) {
+    while ((in_callback = post(TOLK_FOREVER)) == TOLK_OK) {
+    }
+  };
+  tolk_call call = call_of("keep", &done, TOLK_FOREVER);
   call.flags = TOLK_INLINE;
-  call.limit_ms = TOLK_FOREVER;
-  call.done = Done::call;
-  call.context = &done;
   EXPECT_EQ(tolk_client_post(client.get(), "block", nullptr, 0, nullptr), TOLK_OK);
   ASSERT_TRUE(blocked.wait());
   const auto number = tolk_client_start(client.get(), &call);
-  // What is queued may still go to the system meanwhile, and makes room.
+  // What is queued may still go to the system meanwhile, and makes room, also after this loop.
   auto begin = Clock::now();
   tolk_status posted = TOLK_OK;
   while ((posted = post(50)) == TOLK_OK) begin = Clock::now();

@@ -1,9 +1,12 @@
 // Large data beyond 2 GiB, and those of peers that do not know pieces.
+#include <tolk/tolk.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <tolk/tolk.hpp>
 

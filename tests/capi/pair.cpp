@@ -82,6 +82,17 @@ void Done::call(void* self, const tolk_outcome* outcome) {
   event->set();
 }
 
+tolk_call call_of(const char* method, Done* done, int limit_ms) {
+  tolk_call call{};
+  call.size = sizeof call;
+  call.method = method;
+  call.limit_ms = limit_ms;
+  if (done == nullptr) return call;
+  call.done = Done::call;
+  call.context = done;
+  return call;
+}
+
 Pair::~Pair() { end(); }
 
 void Pair::end() {
@@ -102,7 +113,7 @@ void Pair::listen(tolk_server_options options) {
 
 Owned<tolk_client> Pair::connect(tolk_client_options options) {
   options.size = sizeof options;
-  options.methods = client_methods.get();
+  if (options.methods == nullptr) options.methods = client_methods.get();
   tolk_client* made = nullptr;
   tolk_error* error = nullptr;
   EXPECT_EQ(tolk_client_connect(tolk_server_address(server.get()), &options, &made, &error),

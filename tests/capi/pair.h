@@ -69,6 +69,9 @@ class Done {
   const std::shared_ptr<Event> done_ = std::make_shared<Event>();
 };
 
+// With `done`, or one that is waited for.
+tolk_call call_of(const char* method, Done* done = nullptr, int limit_ms = 0);
+
 // The parameter is an address to listen on.
 class Pair : public testing::TestWithParam<const char*> {
  protected:

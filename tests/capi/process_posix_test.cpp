@@ -16,6 +16,7 @@
 
 namespace {
 
+using tolk::test::call_of;
 using tolk::test::Done;
 using tolk::test::Event;
 using tolk::test::Methods;
@@ -28,11 +29,7 @@ INSTANTIATE_TEST_SUITE_P(All, CapiProcess, tolk::test::kAllTransports, tolk::tes
 // The number of the first thing that is wrong; 0 is none.
 int wrong_in_child(tolk_client* client, tolk_server* server, std::uint64_t started) {
   Done done;
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "echo";
-  call.done = Done::call;
-  call.context = &done;
+  tolk_call call = call_of("echo", &done);
   if (tolk_client_call(client, "echo", nullptr, 0, nullptr, nullptr) != TOLK_CLOSED) return 1;
   if (tolk_client_wait(client, started, nullptr, nullptr) != TOLK_CLOSED) return 2;
   if (tolk_client_post(client, "echo", nullptr, TOLK_FOREVER, nullptr) != TOLK_CLOSED) return 3;
@@ -52,9 +49,7 @@ TEST_P(CapiProcess, ObjectsAreClosedInAForkedChild) {
   server_methods.add_echo();
   start();
   EXPECT_EQ(tolk::test::call_client(client.get(), "echo", "x").text, "x");
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "echo";
+  tolk_call call = call_of("echo");
   const auto started = tolk_client_start(client.get(), &call);
   const pid_t child = fork();
   if (child == 0) _exit(wrong_in_child(client.get(), server.get(), started));
@@ -74,11 +69,7 @@ TEST_P(CapiProcess, RequestsAreAnsweredByTheParentAlone) {
   });
   start();
   Done done;
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "keep";
-  call.done = Done::call;
-  call.context = &done;
+  tolk_call call = call_of("keep", &done, TOLK_FOREVER);
   tolk_client_start(client.get(), &call);
   begun.wait();
   using End = void (*)(tolk_request*);
@@ -144,10 +135,7 @@ TEST_P(CapiProcess, ARequestThatAChildFreesStaysTheParents) {
       },
       TOLK_INLINE);
   start();
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "keep";
-  call.limit_ms = TOLK_FOREVER;
+  tolk_call call = call_of("keep", nullptr, TOLK_FOREVER);
   const auto number = tolk_client_start(client.get(), &call);
   ASSERT_TRUE(has_kept.wait());
   const pid_t child = fork();
@@ -216,6 +204,52 @@ TEST_P(CapiProcess, AChildReleasesNothingAndRunsNothing) {
   EXPECT_TRUE(tolk::test::eventually([&] { return seen.released == 2; }));
 }
 
+#if TOLK_CHILDREN_HAVE_THREADS
+tolk_status waits_in_a_worker(const char* address) {
+  static tolk_client* own = nullptr;
+  Methods methods;
+  methods.add("wait", [](tolk_request* request) {
+    tolk_client_wait(own, 1, nullptr, nullptr);  // no such call: it has to look for it
+    tolk_request_answer(request, nullptr);
+  });
+  tolk_server_options options{};
+  options.size = sizeof options;
+  options.methods = methods.get();
+  tolk_server* server = nullptr;
+  if (tolk_server_listen(address, &options, &server, nullptr) != TOLK_OK) return TOLK_CANNOT_LISTEN;
+  tolk_client_connect(tolk_server_address(server), nullptr, &own, nullptr);
+  return tolk_client_call(own, "wait", nullptr, 10000, nullptr, nullptr);
+}
+
+// Workers of the parent go in and out of waits, so that some are on their way at each fork.
+TEST_P(CapiProcess, WorkersOfAChildWaitForNoThreadOfTheParent) {
+  constexpr unsigned kWorkers = 4;
+  std::atomic<bool> stops{false};
+  std::atomic<unsigned> running{0};
+  server_methods.add("wait on", [&](tolk_request* request) {
+    ++running;
+    while (!stops) tolk_client_wait(client.get(), 1, nullptr, nullptr);
+    tolk_request_answer(request, nullptr);
+    --running;
+  });
+  start();
+  for (unsigned i = 0; i < kWorkers; ++i) {
+    EXPECT_EQ(tolk_client_post(client.get(), "wait on", nullptr, 0, nullptr), TOLK_OK);
+  }
+  EXPECT_TRUE(tolk::test::eventually([&] { return running == kWorkers; }));
+  int status = 0;
+  for (int i = 0; i < 20 && status == 0; ++i) {
+    const pid_t child = fork();
+    if (child == 0) _exit(waits_in_a_worker("tcp4:127.0.0.1:0"));
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+  }
+  stops = true;
+  EXPECT_TRUE(tolk::test::eventually([&] { return running == 0; })) << "they use the client";
+  EXPECT_EQ(status, 0) << WEXITSTATUS(status);
+  end();
+}
+#endif
+
 class CapiTcp : public Pair {};
 INSTANTIATE_TEST_SUITE_P(All, CapiTcp, testing::Values("tcp4:127.0.0.1:0"),
                          tolk::test::transport_name);
@@ -223,7 +257,7 @@ INSTANTIATE_TEST_SUITE_P(All, CapiTcp, testing::Values("tcp4:127.0.0.1:0"),
 TEST_P(CapiTcp, AClientThatSaysNothingIsDisconnected) {
   server_methods.add_echo();
   tolk_server_options options{};
-  options.hello_limit_ms = 50;
+  options.hello_limit_ms = 1000;  // enough for who does say something
   listen(options);
   client = connect();
   sockaddr_in to{};
@@ -383,5 +417,26 @@ TEST(CapiProcessExit, WaitsOfHandlersEnd) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(exit_while_a_handler_waits(), testing::ExitedWithCode(0), "");
 }
+
+#if TOLK_CHILDREN_HAVE_THREADS
+// The parent has an exit handler already.
+[[noreturn]] void exit_of_a_child_while_a_handler_waits() {
+  tolk_server* of_the_parent = nullptr;
+  tolk_server_listen("tcp4:127.0.0.1:0", nullptr, &of_the_parent, nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(10);
+    exit_while_a_handler_waits();
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  _exit(status == 0 ? 0 : 1);
+}
+
+TEST(CapiProcessExit, WaitsOfHandlersEndInAForkedChild) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(exit_of_a_child_while_a_handler_waits(), testing::ExitedWithCode(0), "");
+}
+#endif
 
 }  // namespace

@@ -6,14 +6,15 @@
 
 #include "pair.h"
 #include "tests/e2e/support/waiting.h"
+#include "tests/host_executor.h"
 
 namespace {
 
-using tolk::test::Answer;
 using tolk::test::call_client;
-using tolk::test::Done;
+using tolk::test::call_of;
 using tolk::test::Event;
 using tolk::test::eventually;
+using tolk::test::HostExecutor;
 using tolk::test::Pair;
 using tolk::test::text_block;
 using tolk::test::text_of;
@@ -82,9 +83,7 @@ TEST_P(CapiRequests, AHandlerThatBlocksAmongShortOnesHoldsNobodyUp) {
     EXPECT_EQ(tolk_client_post(client.get(), "block", nullptr, 0, nullptr), TOLK_OK);
     std::vector<std::uint64_t> calls;
     for (int i = 0; i < 20; ++i) {
-      tolk_call call{};
-      call.size = sizeof call;
-      call.method = "echo";
+      tolk_call call = call_of("echo");
       call.limit_ms = 5000;  // shorter than a handler blocks
       calls.push_back(tolk_client_start(client.get(), &call));
     }
@@ -122,33 +121,7 @@ TEST_P(CapiRequests, OrderedMethodsWaitForTheAnswerBefore) {
 }
 
 TEST_P(CapiRequests, AnExecutorRunsHandlersAndOutcomes) {
-  struct Executor {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<tolk_task*> tasks;
-    bool ends = false;
-    std::thread thread{[this] { run(); }};
-    void run() {
-      std::unique_lock lock(mutex);
-      for (;;) {
-        changed.wait(lock, [&] { return ends || !tasks.empty(); });
-        if (tasks.empty()) return;
-        tolk_task* const task = tasks.front();
-        tasks.erase(tasks.begin());
-        lock.unlock();
-        tolk_task_run(task);
-        lock.lock();
-      }
-    }
-    void end() {
-      {
-        const std::lock_guard lock(mutex);
-        ends = true;
-        changed.notify_all();
-      }
-      thread.join();
-    }
-  } executor;
+  HostExecutor executor;
   std::thread::id ran_on;
   server_methods.add("where", [&](tolk_request* request) {
     ran_on = std::this_thread::get_id();
@@ -156,19 +129,14 @@ TEST_P(CapiRequests, AnExecutorRunsHandlersAndOutcomes) {
   });
   tolk_server_options options{};
   options.context = &executor;
-  options.execute = [](void* context, tolk_task* task) {
-    auto& to = *static_cast<Executor*>(context);
-    const std::lock_guard lock(to.mutex);
-    to.tasks.push_back(task);
-    to.changed.notify_all();
-  };
+  options.execute = HostExecutor::execute;
   listen(options);
   client = connect();
   EXPECT_EQ(call_client(client.get(), "where", "").status, TOLK_OK);
-  EXPECT_EQ(ran_on, executor.thread.get_id());
-  client.reset();
-  server.reset();
+  EXPECT_EQ(ran_on, executor.thread());
+  end();
   executor.end();
+  EXPECT_EQ(executor.trouble(), "");
 }
 
 struct Hooks {
@@ -282,8 +250,14 @@ TEST_P(CapiRequests, PostsThatWaitForOnConnectOutliveTheirClient) {
 TEST_P(CapiRequests, AGoneClientCountsWhileItsRequestsAreUnderWay) {
   Hooks hooks;
   tolk_request* kept = nullptr;
+  Event keeps;
   server_methods.add(
-      "keep", [&](tolk_request* request) { kept = request; }, TOLK_INLINE);
+      "keep",
+      [&](tolk_request* request) {
+        kept = request;
+        keeps.set();
+      },
+      TOLK_INLINE);
   tolk_server_options options = hook_options(hooks);
   options.most_clients = 1;
   listen(options);
@@ -291,6 +265,7 @@ TEST_P(CapiRequests, AGoneClientCountsWhileItsRequestsAreUnderWay) {
   EXPECT_EQ(tolk_client_post(client.get(), "keep", nullptr, 0, nullptr), TOLK_OK);
   EXPECT_EQ(tolk_client_close(client.get(), TOLK_FOREVER), TOLK_OK);
   hooks.gone.wait();
+  keeps.wait();  // the hook may be told before the handler is
   const auto try_connect = [&] {
     tolk_client* other = nullptr;
     const tolk_status status =
@@ -334,11 +309,8 @@ TEST_P(CapiRequests, AClientAboveItsQuotaIsServedLater) {
   const auto other = connect();
   const auto block = text_block(std::string(100000, 'x'));
   std::vector<std::uint64_t> numbers;
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "keep";
+  tolk_call call = call_of("keep", nullptr, TOLK_FOREVER);
   call.arguments = block.get();
-  call.limit_ms = TOLK_FOREVER;
   for (int i = 0; i < 50; ++i) numbers.push_back(tolk_client_start(client.get(), &call));
   while (arrived < 3) std::this_thread::yield();
   for (int i = 0; i < 100; ++i) EXPECT_EQ(call_client(other.get(), "echo", "x").text, "x");

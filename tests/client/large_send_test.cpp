@@ -19,6 +19,7 @@ using testing::ElementsAre;
 
 constexpr int kAnswerLimitMs = 20000;
 constexpr int kShortMs = 100;
+constexpr int kAnswerableMs = 1000;  // enough for the pieces that are answered
 constexpr int kPieceBytes = 100;
 
 struct SentPiece {
@@ -124,6 +125,7 @@ TEST_F(LargeSend, FirstPieceWithoutAnAnswerIsFalseAndTheLast) {
   fill(block);
   EXPECT_FALSE(client.SendMsgLargeData("m", &block, 5, kShortMs));
   EXPECT_NE(client.SendMsg("echo", nullptr, 6, kAnswerLimitMs), nullptr);
+  ASSERT_TRUE(held.wait_entered());
   EXPECT_THAT(sent.sizes(), ElementsAre(100));
 }
 
@@ -131,7 +133,8 @@ TEST_F(LargeSend, LastPieceWithoutAnAnswerIsFalseToo) {
   connect(2);
   TolkParams block;
   fill(block);
-  EXPECT_FALSE(client.SendMsgLargeData("m", &block, 5, kShortMs));
+  EXPECT_FALSE(client.SendMsgLargeData("m", &block, 5, kAnswerableMs));
+  ASSERT_TRUE(held.wait_entered());  // perhaps after the limit
   EXPECT_EQ(sent.joined(), bytes_of(block));
 }
 

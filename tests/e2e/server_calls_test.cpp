@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kCallId = 77;
 // No test waits that long: a call with this limit is either woken or hangs.
-constexpr int kNever = 600000;
+constexpr int kNeverMs = 600000;
 
 // A library server, whose method "who" returns the caller's id, and clients on plain sockets.
 class ServerCalls : public OverTransports {
@@ -41,12 +41,12 @@ class ServerCalls : public OverTransports {
       ASSERT_TRUE(call.has_value());
       client->socket.send_frame(reply_payload(*call, BlockWriter().add(number)));
     });
-    TolkParams* const result = server->SendMsg(id, "m", nullptr, call_id, kNever);
+    TolkParams* const result = server->SendMsg(id, "m", nullptr, call_id, kNeverMs);
     answering.join();
     return result;
   }
   // The result that is kept under a call id, as a call that cannot be delivered returns it.
-  TolkParams* kept(int call_id) { return server->SendMsg(0, "m", nullptr, call_id, kNever); }
+  TolkParams* kept(int call_id) { return server->SendMsg(0, "m", nullptr, call_id, kNeverMs); }
   // Returns when the sweep runs: an unanswered call has timed out.
   void let_the_sweep_begin() {
     server->SendMsg(id, "m", nullptr, 999, 0);
@@ -70,11 +70,12 @@ TEST_P(ServerCalls, ReturnTheResultOfTheClientsMethod) {
                    out->AddInt(2 * in->GetValue(0)->GetInt());
                  }));
   ASSERT_TRUE(connect_client(callee.get(), address));
-  TolkParams* const own = callee->SendMsg("who", nullptr, 0, kNever);
+  TolkParams* const own = callee->SendMsg("who", nullptr, 0, kNeverMs);
   ASSERT_NE(own, nullptr);
   TolkParams arguments;
   arguments.AddInt(21);
-  TolkParams* const result = server->SendMsg(number_in(own), "double", &arguments, kCallId, kNever);
+  TolkParams* const result =
+      server->SendMsg(number_in(own), "double", &arguments, kCallId, kNeverMs);
   EXPECT_EQ(number_in(result), 42);
   EXPECT_STREQ(result->GetMap("s_c_sw_name")->GetString(), "retval");
   EXPECT_EQ(result->GetMap("s_c_sw_threadid")->GetInt(), kCallId);
@@ -113,8 +114,8 @@ TEST_P(ServerCalls, PostReturnsNullForKnownAndUnknownClients) {
 }
 
 TEST_P(ServerCalls, CallToAnUnknownClientDoesNotWait) {
-  EXPECT_EQ(server->SendMsg(id + 1, "m", nullptr, kCallId, kNever), nullptr);
-  EXPECT_EQ(server->SendMsg(0, "m", nullptr, kCallId, kNever), nullptr);
+  EXPECT_EQ(server->SendMsg(id + 1, "m", nullptr, kCallId, kNeverMs), nullptr);
+  EXPECT_EQ(server->SendMsg(0, "m", nullptr, kCallId, kNeverMs), nullptr);
 }
 
 // On purpose: a client is known to the server once it has sent something.
@@ -128,7 +129,7 @@ TEST_P(ServerCalls, CallToAClientThatHasSentNothingDoesNotWait) {
                  }));
   RawClient silent(address, false);
   ASSERT_TRUE(connected.wait_for(1));
-  EXPECT_EQ(server->SendMsg(newcomer, "m", nullptr, kCallId, kNever), nullptr);
+  EXPECT_EQ(server->SendMsg(newcomer, "m", nullptr, kCallId, kNeverMs), nullptr);
   server->PostMsg(newcomer, "m", nullptr, kCallId);
   EXPECT_TRUE(silent.socket.is_quiet());
   ASSERT_TRUE(silent.socket.send("x"));  // any byte will do
@@ -140,7 +141,7 @@ TEST_P(ServerCalls, CallToAClientThatHasSentNothingDoesNotWait) {
 TEST_P(ServerCalls, CallToAClientThatHasLeftDoesNotWait) {
   client->socket.close();
   ASSERT_TRUE(eventually([&] { return server->GetClientCount() == 0; }));
-  EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, kNever), nullptr);
+  EXPECT_EQ(server->SendMsg(id, "m", nullptr, kCallId, kNeverMs), nullptr);
 }
 
 // On purpose: without an answer a call returns the block of an earlier answer.
@@ -170,7 +171,7 @@ TEST_P(ServerCalls, LateAnswerIsKeptAndWakesNobody) {
   Counter over;
   TolkParams* result = nullptr;
   std::thread caller([&] {
-    result = server->SendMsg(id, "second", nullptr, kCallId, kNever);
+    result = server->SendMsg(id, "second", nullptr, kCallId, kNeverMs);
     over.add();
   });
   const auto second = client->socket.read_message();
@@ -187,7 +188,7 @@ TEST_P(ServerCalls, AnswerWithoutACallIdIsDropped) {
   Counter over;
   TolkParams* result = nullptr;
   std::thread caller([&] {
-    result = server->SendMsg(id, "m", nullptr, kCallId, kNever);
+    result = server->SendMsg(id, "m", nullptr, kCallId, kNeverMs);
     over.add();
   });
   const auto call = client->socket.read_message();
@@ -222,7 +223,7 @@ TEST_P(ServerCalls, ClearRetvalMemDropsResults) {
 TEST_P(ServerCalls, MethodThatTheClientLacksTimesOut) {
   const ClientPtr callee = make_client();
   ASSERT_TRUE(connect_client(callee.get(), address));
-  const int callee_id = number_in(callee->SendMsg("who", nullptr, 0, kNever));
+  const int callee_id = number_in(callee->SendMsg("who", nullptr, 0, kNeverMs));
   const Stopwatch watch;
   EXPECT_EQ(server->SendMsg(callee_id, "nothing", nullptr, kCallId, 600), nullptr);
   EXPECT_GE(watch.elapsed(), Milliseconds(600));
@@ -235,7 +236,7 @@ TEST_P(ServerCalls, ConcurrentCallsGetTheirOwnAnswers) {
   for (int i = 0; i < kCallers; ++i) {
     callers.emplace_back([this, i, &results] {
       results.at(static_cast<std::size_t>(i)) =
-          number_in(server->SendMsg(id, "m", nullptr, kCallId + i, kNever));
+          number_in(server->SendMsg(id, "m", nullptr, kCallId + i, kNeverMs));
     });
   }
   std::vector<Message> calls;
@@ -261,7 +262,7 @@ TEST_P(ServerCalls, TimeoutOfZeroEndsAtTheFirstSweep) {
 }
 
 TEST_P(ServerCalls, TimeoutOfZeroAcceptsAnAnswerBeforeTheSweep) {
-  server->SetTimeoutStep(kNever);
+  server->SetTimeoutStep(kNeverMs);
   let_the_sweep_begin();  // and the next one is far
   std::thread answering([&] {
     const auto call = client->socket.read_message();
@@ -293,7 +294,7 @@ TEST_P(ServerCalls, TimeoutStepSetWhileRunningAppliesAfterTheNextSweep) {
 
 TEST_P(ServerCalls, TimeoutStepBelowOneIsTheDefault) {
   for (const int step : {0, -5}) {
-    server->SetTimeoutStep(kNever);
+    server->SetTimeoutStep(kNeverMs);
     server->SetTimeoutStep(step);
     let_the_sweep_begin();
     // The sweep looks once now or soon: only a further look ends this call.
@@ -304,7 +305,7 @@ TEST_P(ServerCalls, TimeoutStepBelowOneIsTheDefault) {
 
 // The sweep of one server ends the calls of all.
 TEST_P(ServerCalls, SweepOfAnotherServerTimesOutTheCallToo) {
-  server->SetTimeoutStep(kNever);
+  server->SetTimeoutStep(kNeverMs);
   let_the_sweep_begin();
   Counter over;
   std::thread caller([&] {
@@ -322,7 +323,7 @@ TEST_P(ServerCalls, SweepOfAnotherServerTimesOutTheCallToo) {
 TEST_P(ServerCalls, CallsOfAServerThatDoesNotRunPrintALine) {
   const ServerPtr idle = make_server();
   Capture capture;
-  EXPECT_EQ(idle->SendMsg(id, "m", nullptr, kCallId, kNever), nullptr);
+  EXPECT_EQ(idle->SendMsg(id, "m", nullptr, kCallId, kNeverMs), nullptr);
   EXPECT_EQ(idle->PostMsg(id, "m", nullptr, kCallId), nullptr);
   EXPECT_EQ(capture.text(), "send msg: disconnect... .. .\nsend msg: disconnect... .. .\n");
 }
@@ -333,7 +334,7 @@ TEST_P(ServerCalls, HookMayCallAndPost) {
   server->method("s_c_connect", on_call([raw = server.get(), to = id, hooked](int, TolkParams*,
                                                                               TolkParams*) mutable {
                    raw->PostMsg(to, "posted", nullptr, kCallId);
-                   EXPECT_EQ(raw->SendMsg(to, "called", nullptr, kCallId, kNever), nullptr);
+                   EXPECT_EQ(raw->SendMsg(to, "called", nullptr, kCallId, kNeverMs), nullptr);
                    hooked.add();
                  }));
   RawClient newcomer(address);

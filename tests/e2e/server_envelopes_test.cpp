@@ -13,8 +13,8 @@ namespace tolk::test {
 namespace {
 
 constexpr int kTimeoutMs = 40000;
-constexpr int kOwnCallId = 77;  // of no envelope
-constexpr long kGrowthKib = 8L * 1024;
+constexpr int kCallIdOfNone = 77;  // of no envelope
+constexpr long kServerGrowthKib = 8L * 1024;
 
 class EveryEnvelopeToAServer : public ServerTest {
  protected:
@@ -32,7 +32,7 @@ class EveryEnvelopeToAServer : public ServerTest {
   void expect_undisturbed(const Batch& batch) {
     IServer* const raw = server.get();
     auto waiting = std::async(std::launch::async, [raw, id = newest_id->load()] {
-      return string_at(raw->SendMsg(id, "question", nullptr, kOwnCallId, kTimeoutMs), 0);
+      return string_at(raw->SendMsg(id, "question", nullptr, kCallIdOfNone, kTimeoutMs), 0);
     });
     const auto question = bystander->socket.read_message();
     ASSERT_TRUE(question);
@@ -94,7 +94,7 @@ TEST_P(EnvelopesToAPipeServer, LeakNoMemory) {
   exchange_all();
   const long before = resident_kib();
   exchange_all();
-  EXPECT_LT(resident_kib() - before, kGrowthKib + held_back_kib());
+  EXPECT_LT(resident_kib() - before, kServerGrowthKib + held_back_kib());
 }
 
 TEST_P(EveryEnvelopeToAServer, AtRandomDisturbsNoOtherCall) {

@@ -20,8 +20,8 @@ const std::vector<std::optional<Scalar>>& every_type() {
 }
 
 std::string describe(const std::optional<Scalar>& value) {
-  constexpr const char* kTypes[] = {"int", "bool", "double", "string", "stream"};
-  return value ? kTypes[value->index()] : "absent";
+  constexpr const char* kTypeNames[] = {"int", "bool", "double", "string", "stream"};
+  return value ? kTypeNames[value->index()] : "absent";
 }
 
 class HostilePeer : public ServerTest {

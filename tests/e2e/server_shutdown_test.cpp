@@ -10,8 +10,8 @@
 namespace tolk::test {
 namespace {
 
-const std::string kClosing = "Server Closing!\n";
-const std::string kClosed = "Server Closed!\n";
+const std::string kServerClosing = "Server Closing!\n";
+const std::string kServerClosed = "Server Closed!\n";
 
 class ServerShutdown : public ServerTest {
  protected:
@@ -41,7 +41,7 @@ TEST_P(ServerShutdown, ClosePrintsTwoLines) {
   Capture capture;
   EXPECT_TRUE(server->close());
   EXPECT_FALSE(server->isok());
-  EXPECT_EQ(capture.text(), kClosing + kClosed);
+  EXPECT_EQ(capture.text(), kServerClosing + kServerClosed);
 }
 
 TEST_P(ServerShutdown, SecondClosePrintsTheFirstLineOnly) {
@@ -49,13 +49,13 @@ TEST_P(ServerShutdown, SecondClosePrintsTheFirstLineOnly) {
   server->close();
   Capture capture;
   EXPECT_TRUE(server->close());
-  EXPECT_EQ(capture.text(), kClosing);
+  EXPECT_EQ(capture.text(), kServerClosing);
 }
 
 TEST_P(ServerShutdown, CloseOfANeverStartedServerPrintsTheFirstLine) {
   Capture capture;
   EXPECT_TRUE(server->close());
-  EXPECT_EQ(capture.text(), kClosing);
+  EXPECT_EQ(capture.text(), kServerClosing);
 }
 
 TEST_P(ServerShutdown, CloseDeletesEveryHandler) {
@@ -85,7 +85,7 @@ TEST_P(ServerShutdown, CloseEndsEveryConnectionSilently) {
   server->close();
   EXPECT_EQ(greeted.socket.read_until_end(), "");
   EXPECT_TRUE(silent.socket.ended());
-  EXPECT_EQ(capture.text(), kClosing + kClosed);
+  EXPECT_EQ(capture.text(), kServerClosing + kServerClosed);
   EXPECT_EQ(told.value(), 0) << "the hook runs only for connections that end by themselves";
   EXPECT_EQ(server->GetClientCount(), 1) << "the count keeps its last value";
 }
@@ -120,7 +120,7 @@ TEST_P(ServerShutdown, CloseasyncStopsAPipeServerAndKeepsHandlers) {
   Capture capture;
   EXPECT_TRUE(server->closeasync());
   EXPECT_EQ(server->isok(), !is_pipe());
-  EXPECT_EQ(capture.text(), is_pipe() ? kClosing + kClosed : "bad close\n");
+  EXPECT_EQ(capture.text(), is_pipe() ? kServerClosing + kServerClosed : "bad close\n");
   EXPECT_EQ(deleted.value(), 0);
   if (!is_pipe()) {
     EXPECT_TRUE(RawClient(address).is_greeted());
@@ -160,7 +160,7 @@ TEST_P(ServerShutdown, DestroyDeletesHandlersOnTcpAndNoneOnAPipe) {
   start_with_handlers();
   Capture capture;
   server.reset();
-  EXPECT_EQ(capture.text(), kClosing + kClosed);
+  EXPECT_EQ(capture.text(), kServerClosing + kServerClosed);
   EXPECT_EQ(deleted.value(), is_pipe() ? 0 : kHandlers);
 }
 
@@ -171,7 +171,7 @@ TEST_P(ServerShutdown, CloseRequestIsAnsweredThenDeletesEveryHandler) {
   EXPECT_TRUE(capture.wait_for_line("Server Closed!"));
   EXPECT_EQ(deleted.value(), kHandlers);
   const std::string text = capture.text();
-  EXPECT_TRUE(text.ends_with(kClosing + kClosed)) << text;
+  EXPECT_TRUE(text.ends_with(kServerClosing + kServerClosed)) << text;
 }
 
 TEST_P(ServerShutdown, CloseRequestOfALibraryClientReturnsTrue) {
@@ -202,7 +202,7 @@ TEST_P(ServerShutdown, NothingAfterACloseRequestIsDispatched) {
   EXPECT_EQ(*answer->at(0), Scalar(true));
   EXPECT_EQ(client.socket.read_until_end(), "");
   EXPECT_TRUE(capture.wait_for_line("Server Closed!"));
-  EXPECT_EQ(capture.text(), kClosing + kClosed);
+  EXPECT_EQ(capture.text(), kServerClosing + kServerClosed);
   server.reset();
   EXPECT_EQ(called.value(), 0);
 }
@@ -336,7 +336,7 @@ TEST_P(ServerShutdown, ReplyAfterCloseIsDroppedSilently) {
   server->close();
   gate.open();
   EXPECT_TRUE(eventually([] { return open_loops() == 0; }));
-  EXPECT_EQ(capture.text(), kClosing + kClosed);
+  EXPECT_EQ(capture.text(), kServerClosing + kServerClosed);
 }
 
 TEST_P(ServerShutdown, DestroyLetsARunningHandlerFinish) {

@@ -13,7 +13,7 @@ namespace {
 constexpr int kCallIdOfTheFiles = 5;
 
 // What the golden calls carry: the positional value 7 and the keyed value ok = true.
-void fill(TolkParams& block) {
+void fill_shapes(TolkParams& block) {
   block.AddInt(7);
   block.AddKeyValueBool("ok", true);
 }
@@ -47,7 +47,7 @@ TOLK_OVER_TRANSPORTS(ClientWire);
 
 TEST_P(ClientWire, CallMatchesTheGoldenFile) {
   TolkParams arguments;
-  fill(arguments);
+  fill_shapes(arguments);
   std::thread caller([&] { client->SendMsg("sum", &arguments, kCallIdOfTheFiles, 1); });
   EXPECT_EQ(next(), to_hex(golden("call")));
   caller.join();
@@ -61,7 +61,7 @@ TEST_P(ClientWire, CallWithoutArgumentsMatchesTheGoldenFile) {
 
 TEST_P(ClientWire, PostedCallMatchesTheGoldenFile) {
   TolkParams arguments;
-  fill(arguments);
+  fill_shapes(arguments);
   client->PostMsg("sum", &arguments, kCallIdOfTheFiles);
   EXPECT_EQ(next(), to_hex(golden("posted_call")));
   client->PostMsgFast("sum", &arguments, kCallIdOfTheFiles);
@@ -81,7 +81,7 @@ TEST_P(ClientWire, PieceOfALargeCallMatchesTheGoldenFile) {
 class ClientReplyWire : public ClientWire {
  protected:
   void SetUp() override {
-    client->method("sum", on_call([](int, TolkParams*, TolkParams* out) { fill(*out); }));
+    client->method("sum", on_call([](int, TolkParams*, TolkParams* out) { fill_shapes(*out); }));
     connect();
   }
 };
@@ -133,7 +133,7 @@ TEST_P(Handshake, RequestMatchesTheGoldenFile) {
 class ServerWire : public OverTransports {
  protected:
   void SetUp() override {
-    server->method("sum", on_call([](int, TolkParams*, TolkParams* out) { fill(*out); }));
+    server->method("sum", on_call([](int, TolkParams*, TolkParams* out) { fill_shapes(*out); }));
     server->method("s_c_connect", on_call([id = id](int connection, TolkParams*, TolkParams*) {
                      *id = connection;
                    }));
@@ -225,7 +225,7 @@ TEST_P(ServerWire, ResultAndReplyToTheLastPieceMatchTheGoldenFiles) {
 TEST_P(ServerWire, CallMatchesTheGoldenFile) {
   ASSERT_NE(answer_to(call_payload("sum", 1, {}, "0x1")), "nothing came");
   TolkParams arguments;
-  fill(arguments);
+  fill_shapes(arguments);
   std::thread caller([&] { server->SendMsg(*id, "sum", &arguments, kCallIdOfTheFiles, 1); });
   EXPECT_EQ(next(), to_hex(golden("call")));
   caller.join();
@@ -234,7 +234,7 @@ TEST_P(ServerWire, CallMatchesTheGoldenFile) {
 TEST_P(ServerWire, PostedCallMatchesTheGoldenFile) {
   ASSERT_NE(answer_to(call_payload("sum", 1, {}, "0x1")), "nothing came");
   TolkParams arguments;
-  fill(arguments);
+  fill_shapes(arguments);
   server->PostMsg(*id, "sum", &arguments, kCallIdOfTheFiles);
   EXPECT_EQ(next(), to_hex(golden("posted_call")));
 }

@@ -1,6 +1,4 @@
 // A connected server and client of the C++ layer, for tests of calls.
-//
-// Ending a client takes the library a third of a second, so a suite shares one pair.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -23,7 +21,7 @@ using std::chrono_literals::operator""s;
 
 // As the layer writes it.
 inline tolk::v1::Address layered(const Address& at) {
-  if (at.is_pipe()) return tolk::pipe{std::stoi(at.port)};
+  if (at.is_pipe()) return tolk::pipe{at.port};
   if (at.transport == Transport::tcp4) return tolk::tcp4{at.host, std::stoi(at.port)};
   return tolk::tcp6{at.host, std::stoi(at.port)};
 }

@@ -1,7 +1,9 @@
 // A client that connects again when it has lost its server.
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <optional>
+#include <vector>
 
 #include "tests/layer/joined.h"
 
@@ -38,7 +40,7 @@ TEST_F(LayerReconnect, CallsSucceedWithANewServer) {
     EXPECT_TRUE(client.connected());
     EXPECT_EQ(client.call<int>("add", 1, 2).value(), 3);
     // Its methods are registered again, and timeouts work as before.
-    const int id = server->clients().at(0);
+    const ClientId id = server->clients().at(0);
     EXPECT_EQ(server->call<int>(id, "double", 4).value(), 8);
   }
 }
@@ -46,8 +48,8 @@ TEST_F(LayerReconnect, CallsSucceedWithANewServer) {
 TEST_F(LayerReconnect, TimeoutsWorkOnTheNewConnection) {
   const auto address = fresh_address(Transport::pipe);
   std::optional<RawServer> raw(std::in_place, address);
-  Client client = connect(layered(address));
   Counter back;
+  Client client = connect(layered(address));
   client.reconnecting({.first = 5ms, .changed = [&](bool connected) {
                          if (connected) back.add();
                        }});
@@ -55,6 +57,19 @@ TEST_F(LayerReconnect, TimeoutsWorkOnTheNewConnection) {
   RawSocket again = raw->take();
   ASSERT_TRUE(back.wait_for(1));
   EXPECT_EQ(client.call("m", 50ms).error().code(), Errc::timed_out);
+}
+
+// Three bytes for the method "upload", in two pieces.
+void send_upload(RawSocket& to, int transfer) {
+  for (const char* const bytes : {"", "abc"}) {
+    const auto piece = BlockWriter()
+                           .keyed("tolk.transfer", transfer)
+                           .keyed("tolk.method", "upload")
+                           .keyed("tolk.offset", 0.0)
+                           .keyed("tolk.total", 3.0)
+                           .add(Stream{bytes});
+    to.send_frame(call_payload("tolk.piece", 1, piece.bytes(), "0x1"));
+  }
 }
 
 // A server that accepts one client and refuses every later one.
@@ -148,7 +163,7 @@ TEST_F(LayerReconnect, MethodAddedWhileDisconnectedIsRegisteredAfterwards) {
   client.on("later", [] { return 8; });
   start();
   ASSERT_TRUE(back.wait_for(1));
-  const int id = server->clients().at(0);
+  const ClientId id = server->clients().at(0);
   EXPECT_EQ(server->call<int>(id, "late").value(), 7);
   EXPECT_EQ(server->call<int>(id, "later").value(), 8);
 }
@@ -182,6 +197,49 @@ TEST_F(LayerReconnect, ReconnectingClientCanBeClosed) {
   const Error error = client.call("add").error();
   EXPECT_EQ(error.code(), Errc::not_connected);
   EXPECT_STREQ(error.hint(), "make a new client: a closed one stays closed");
+}
+
+// The data of handlers that did not begin are dropped with their connection, whose memory is used
+// again for later requests.
+TEST_F(LayerReconnect, DataOfALostConnectionReachNoLaterHandler) {
+  constexpr int kMany = 100;
+  const auto address = fresh_address(Transport::pipe);
+  RawServer raw(address);
+  Counter received;
+  Counter back;
+  Counter begun;
+  std::atomic<int> strange{0};
+  std::mutex mutex;
+  std::vector<Deferred<void>> unanswered;
+  const auto keep = [&] {
+    const std::lock_guard<std::mutex> lock(mutex);
+    begun.add();
+    return unanswered.emplace_back();
+  };
+  Client client(Options{.close_limit = 0ms});
+  client.on("upload", ordered, [&] { return keep(); });
+  client.on("plain", [&](const Values& all) {
+    if (!(all == Values())) ++strange;
+    return keep();
+  });
+  client.on_receiving([&](const Caller&, Progress) { received.add(); });
+  client.connect(layered(address));
+  client.reconnecting({.first = 1ms, .changed = [&](bool connected) {
+                         if (connected) back.add();
+                       }});
+  for (int round = 0; round < 10; ++round) {
+    RawSocket peer = raw.take();
+    for (int i = 0; i < 2 * kMany; ++i) peer.send_frame(call_payload("plain", 1, {}, "0x1"));
+    peer.send_frame(call_payload("upload", 1, {}, "0x1"));  // the next ones wait for its answer
+    for (int i = 1; i <= kMany; ++i) send_upload(peer, i);
+    ASSERT_TRUE(begun.wait_for((round + 1) * (2 * kMany + 1)));
+    ASSERT_TRUE(received.wait_for((round + 1) * kMany));
+    peer.close();
+    ASSERT_TRUE(back.wait_for(round + 1));
+    const std::lock_guard<std::mutex> lock(mutex);
+    unanswered.clear();
+  }
+  EXPECT_EQ(strange, 0);
 }
 
 }  // namespace

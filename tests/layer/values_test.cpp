@@ -213,6 +213,18 @@ TEST_F(LayerValues, StructIsReadFromKeyedValuesToo) {
   EXPECT_EQ(client.call<Point>("keyed").value(), (Point{1, 2.0}));
 }
 
+TEST_F(LayerValues, KeyedValuesAreNotPositional) {
+  using Maybe = std::optional<int>;
+  server.on("key alone", [] { return Values().add("x", 1); });
+  EXPECT_EQ(client.call<Maybe>("key alone").value(), std::nullopt);
+  EXPECT_EQ(client.call<int>("key alone").error().code(), Errc::wrong_type);
+  server.on("one and a key", [] { return Values().add(7).add("x", 1); });
+  using Two = std::tuple<Maybe, Maybe>;
+  EXPECT_EQ(client.call<Two>("one and a key").value(), Two(7, std::nullopt));
+  server.on("maybe", [](Maybe a, Maybe b) { return Two(a, b); });
+  EXPECT_EQ(client.call<Two>("maybe", 7, arg("x", 1)).value(), Two(7, std::nullopt));
+}
+
 TEST_F(LayerValues, WrongResultIsReportedByElementOrField) {
   int count = 0;
   const auto misfit = [&]<class T>(const Values& result, const T&) {
@@ -253,13 +265,82 @@ TEST_F(LayerValues, MoveOnlyHandlersAndPlainFunctionsAreAccepted) {
   EXPECT_EQ(client.call<int>("counter").value(), 2);
 }
 
-TEST_F(LayerValues, BlockInsideAStreamCanBeRead) {
-  server.on("points", [](const Values& values) {
-    const auto& stream = values.at(0).get<bytes>();
-    const auto inner = Values::parse(detail::chars(stream.data(), stream.size()));
-    return inner ? inner->at("x").get<int>() : -1;
-  });
-  EXPECT_EQ(client.call<int>("points", Point{9, 0}).value(), 9);
+TEST_F(LayerValues, ValuesShowStructsAsMapsAndListsAsLists) {
+  server.on("same", [](const Values& values) { return values; });
+  const Values back =
+      client.call<Values>("same", Point{9, 0.5}, std::vector<Point>{}, std::vector<Point>(1))
+          .value();
+  EXPECT_EQ(back.at(0), Value(Value::Map{{"x", 9}, {"y", 0.5}}));
+  EXPECT_EQ(back.at(1), Value(Value::List{}));
+  EXPECT_EQ(back.at(2), Value(Value::List{Value::Map{{"x", 0}, {"y", 0.0}}}));
+  EXPECT_EQ(back.at(0).to<Point>(), (Point{9, 0.5}));
+  struct Nothing {
+    std::optional<int> a;
+  };
+  const Values empty = client
+                           .call<Values>("same", Nothing{}, std::map<std::string, int>{},
+                                         Value(Value::Map{}), Value(Value::List{}))
+                           .value();
+  const Value no_fields(Value::Map{});
+  EXPECT_EQ(empty.positional(), (Value::List{no_fields, no_fields, no_fields, Value::List{}}));
+  EXPECT_EQ(back.at(0).to<int>(), std::nullopt);
+}
+
+// The arguments of a call, as docs/wire.md shows them.
+template <class... Args>
+std::string encoded(const Args&... args) {
+  detail::Block block;
+  detail::Limits limits;
+  detail::take_arguments(block, limits, args...);
+  std::size_t size = 0;
+  const void* const first = tolk_block_encode(block.get(), &size);
+  return {static_cast<const char*>(first), size};
+}
+
+TEST_F(LayerValues, ArgumentsHaveTheDocumentedBytes) {
+  struct X {
+    int x = 0;
+  };
+  struct XAndY {
+    int x = 0;
+    int y = 0;
+  };
+  const auto expect_bytes = [](const std::string& block, std::initializer_list<int> bytes,
+                               const std::string& types) {
+    const std::string wanted(bytes.begin(), bytes.end());
+    EXPECT_EQ(block.substr(0, wanted.size()), wanted);
+    EXPECT_THAT(block.substr(wanted.size()), testing::HasSubstr("tolk.types"));
+    EXPECT_THAT(block.substr(wanted.size()), testing::HasSubstr(types));
+  };
+  expect_bytes(encoded(std::int64_t{5000000000}),
+               {4, 8, 0, 0, 0, 0, 0xF2, 5, 0x2A, 1, 0, 0, 0, 0x0D, 0, 0, 0}, "0=int64");
+  expect_bytes(encoded(std::optional<int>(), 2),
+               {4, 0, 0, 0, 0, 5, 0, 0, 0, 0, 2, 0, 0, 0, 0x0E, 0, 0, 0}, "0=none");
+  expect_bytes(encoded(XAndY{3, 4}),
+               {4,    0x28, 0, 0, 0, 5,    3, 1, 0, 0,    0, 0x78, 7, 0,    0, 0,     //
+                0,    3,    0, 0, 0, 0x10, 0, 0, 0, 5,    3, 1,    0, 0,    0, 0x79,  //
+                0x1B, 0,    0, 0, 0, 4,    0, 0, 0, 0x24, 0, 0,    0, 0x2D, 0, 0,    0},
+               "0=map");
+  expect_bytes(encoded(std::vector<X>{{3}, {5}}),
+               {6, 2,    0, 0, 0,                                            //
+                4, 0x14, 0, 0, 0, 5,    3, 1, 0, 0,    0, 0x78, 7, 0, 0, 0,  //
+                0, 3,    0, 0, 0, 0x10, 0, 0, 0, 0x1E, 0, 0,    0,           //
+                4, 0x14, 0, 0, 0, 5,    3, 1, 0, 0,    0, 0x78, 7, 0, 0, 0,  //
+                0, 5,    0, 0, 0, 0x10, 0, 0, 0, 0x3B, 0, 0,    0},
+               "0.0=map 0.1=map");
+}
+
+// Peers of earlier versions send a struct as bytes.
+TEST_F(LayerValues, BlockInsideBytesCanBeRead) {
+  const Values fields = Values().add("x", 9);
+  tolk_block* const block = tolk_block_new();
+  tolk_block_add_key(block, "x");
+  tolk_block_add_int(block, 9);
+  std::size_t size = 0;
+  const char* const first = static_cast<const char*>(tolk_block_encode(block, &size));
+  EXPECT_EQ(Values::parse({first, size}), fields);
+  EXPECT_EQ(Values::parse("nonsense"), std::nullopt);
+  tolk_block_free(block);
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // Scenarios of large data: with sources and sinks of every kind, and with peers that know no
-// pieces. The plain peers are sockets of the test, where nothing fails. Thread: one. Failure: as
-// the world's.
+// pieces. The plain peers are sockets of the test, where nothing fails, or of the required
+// interface. Thread: one. Failure: as the world's.
 #pragma once
 
+#include "tests/e2e/support/transports.h"
 #include "tests/seam/c_world.h"
 
 namespace tolk::test {
@@ -17,5 +18,11 @@ void cancel_a_transfer(CWorld& world);
 void large_call_of_a_plain_client(CWorld& world);
 void give_data_to_a_plain_client(CWorld& world);
 void exchange_data_with_a_plain_server(CWorld& world);
+// Where other peers find the server.
+Address address_of(tolk_server* server);
+
+// In c_required.cpp.
+void calls_with_a_required_server(CWorld& world);
+void calls_with_a_required_client(CWorld& world);
 
 }  // namespace tolk::test

@@ -22,6 +22,8 @@
 #include "tests/e2e/support/waiting.h"
 #include "tests/seam/c_scenarios.h"
 #include "tests/seam/faults.h"
+#include "tests/silence.h"
+#include "tests/steps/pauses.h"
 #include "transport/system_calls.h"
 
 namespace tolk::test {
@@ -168,6 +170,8 @@ int run_scenario(const Series& series, const CScenario& scenario, const Options&
 
 [[noreturn]] void run_series(const Series& series, const Options& options, Progress& progress) {
   const Exempt this_thread;
+  silence_standard_output();
+  shorten_pauses();
   take_over_memory_of_libuv();
   if (series.sends == Sends::by_the_loop) system_calls.send = sends_nothing;
   int status = 0;

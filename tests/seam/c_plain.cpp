@@ -17,12 +17,6 @@ constexpr Milliseconds kNoThreadWait{50};
 constexpr Milliseconds kAcceptStep{10};
 constexpr char kCallToken[] = "0x7";
 
-Address address_of(tolk_server* server) {
-  const std::string text = tolk_server_address(server);
-  if (text.starts_with("pipe:")) return {Transport::pipe, "", text.substr(5)};
-  return {Transport::tcp4, "127.0.0.1", std::to_string(tolk_server_port(server))};
-}
-
 std::string large_text() {
   const auto data = CWorld::data();
   std::string text(data.data(), kLargeBytes);
@@ -151,6 +145,12 @@ class PlainServer {
 };
 
 }  // namespace
+
+Address address_of(tolk_server* server) {
+  const std::string text = tolk_server_address(server);
+  if (text.starts_with("pipe:")) return {Transport::pipe, "", text.substr(5)};
+  return {Transport::tcp4, "127.0.0.1", std::to_string(tolk_server_port(server))};
+}
 
 void large_call_of_a_plain_client(CWorld& world) {
   const Exempt peer;

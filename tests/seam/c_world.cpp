@@ -298,13 +298,20 @@ tolk_call CWorld::new_call(const char* method, const tolk_block* arguments, unsi
 
 void CWorld::wait(const tolk_call& call, tolk_status right) { wait_either(call, right, right); }
 
-void CWorld::wait_either(const tolk_call& call, tolk_status right, tolk_status also) {
+bool CWorld::comes(const tolk_call& call) {
   auto& owed = *static_cast<Owed*>(call.context);
   while (owed.last_ones == 0) {
     if (acquire(owed.over, [] { return Faults::go_on(); })) continue;
-    if (Faults::go_on()) return;  // without a thread for callbacks it comes with the end
-    return note("no outcome of ", owed.method);
+    // Without a thread for callbacks it comes with the end.
+    if (!Faults::go_on()) note("no outcome of ", owed.method);
+    return false;
   }
+  return true;
+}
+
+void CWorld::wait_either(const tolk_call& call, tolk_status right, tolk_status also) {
+  if (!comes(call)) return;
+  auto& owed = *static_cast<Owed*>(call.context);
   const Exempt test;
   const std::string what = std::string(owed.method) + " (" + owed.reason.data() + ")";
   expect(what.c_str(), owed.status, owed.status == also ? also : right);

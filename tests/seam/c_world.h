@@ -54,6 +54,8 @@ class CWorld {
   // A call with `done`, whose outcomes the world counts.
   tolk_call new_call(const char* method, const tolk_block* arguments, unsigned flags = 0);
   void wait(const tolk_call& call, tolk_status right = TOLK_OK);
+  // Whether all outcomes come now. If not, they come with the end, or that is a trouble.
+  bool comes(const tolk_call& call);
   // Another status than `right` that is as good.
   void wait_either(const tolk_call& call, tolk_status right, tolk_status also);
   // The last outcome.

@@ -10,10 +10,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <map>
 #include <new>
-#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -21,6 +19,7 @@
 #include "tests/seam/faults.h"
 #include "tests/seam/fresh.h"
 #include "tests/seam/scenario.h"
+#include "tests/silence.h"
 #include "tests/steps/pauses.h"
 
 namespace tolk::test {
@@ -76,11 +75,6 @@ struct Progress {
   bool injected = false;
 };
 
-class Silence final : public std::streambuf {
-  int overflow(int character) override { return character; }
-  std::streamsize xsputn(const char*, std::streamsize count) override { return count; }
-};
-
 // How many chances there are in a run without failures.
 int chances(Scenario& scenario, const Series& series) {
   const Faults none(series.chance, series.mode, 1 << 30);
@@ -89,9 +83,7 @@ int chances(Scenario& scenario, const Series& series) {
 }
 
 void prepare_process() {
-  std::ios_base::sync_with_stdio(false);
-  static Silence silence;
-  std::cout.rdbuf(&silence);
+  silence_standard_output();
   shorten_pauses();
   take_over_memory_of_libuv();
 }

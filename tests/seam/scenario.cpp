@@ -1,16 +1,12 @@
 #include "tests/seam/scenario.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <thread>
 #include <utility>
 
-#include "client/large_wait.h"
 #include "tests/e2e/support/handlers.h"
 #include "tests/e2e/support/process_state.h"
 #include "tests/seam/faults.h"
-#include "transport/wait_list.h"
+#include "tests/seam/operation.h"
 
 namespace tolk::test {
 namespace {
@@ -20,9 +16,6 @@ constexpr int kCallId = 5;
 constexpr int kTimeoutMs = 100;
 constexpr int kAnswerLimitMs = 5000;
 constexpr std::size_t kLargeBytes = 70'000;  // three pieces
-// After this long the test ends the waits of a call, as the loss of a server would.
-constexpr Milliseconds kPatience{1000};
-constexpr Milliseconds kHang{20'000};
 
 IServerMethod* echo() {
   return on_call(
@@ -32,52 +25,6 @@ IServerMethod* echo() {
 IServerMethod* noting(std::shared_ptr<std::atomic<int>> newest) {
   return on_call([newest = std::move(newest)](int id, TolkParams*, TolkParams*) { *newest = id; });
 }
-
-// Runs the host's operation with failures, on the calling thread. When it does not come back, ends
-// its waits; when that does not help either, ends the process.
-class Operation {
- public:
-  explicit Operation(int& ended_waits) : ended_waits_(ended_waits) {}
-
-  template <class Work>
-  auto operator()(const Work& work) {
-    const Exempt watcher_is_made_without_failures;
-    std::thread watcher([this] { watch(); });
-    const Ended ended(*this, watcher);
-    const Subject subject;
-    return work();
-  }
-
- private:
-  struct Ended {
-    Ended(Operation& operation, std::thread& watcher) : operation_(operation), watcher_(watcher) {}
-    ~Ended() {
-      operation_.done_.add();
-      watcher_.join();
-      operation_.done_ = Counter();
-    }
-    Operation& operation_;
-    std::thread& watcher_;
-  };
-
-  void watch() {
-    const Exempt this_thread;
-    if (done_.wait_for(1, kPatience)) return;
-    ++ended_waits_;
-    const Stopwatch since;
-    while (!done_.wait_for(1, Milliseconds(20))) {
-      client_waits().wake_all();
-      server_waits().wake_all();
-      large_wait().post_and_forget();
-      if (since.elapsed() < kHang) continue;
-      std::fputs("an operation hangs\n", stderr);
-      std::abort();
-    }
-  }
-
-  int& ended_waits_;
-  Counter done_;
-};
 
 // A server and a client with their handlers.
 struct Side {

@@ -16,6 +16,12 @@ struct CStep {
 
 using enum CActivity;
 constexpr std::array kCSteps{
+    CStep{"call.before_register", call},
+    CStep{"call.before_register", server_call},
+    CStep{"call.before_register", outcome},
+    CStep{"call.before_register", send_data},
+    CStep{"call.before_register", connect},
+
     CStep{"peer.before_send", call},
     CStep{"peer.sent", call},
     CStep{"request.received", call},
@@ -92,6 +98,59 @@ constexpr std::array kCSteps{
     CStep{"client.before.ended", lost},
 };
 
+// Those at which it matters that a thread of the host runs the callbacks.
+constexpr std::array kStepsOfExecutors{
+    CStep{"executor.before_call", call},
+    CStep{"executor.before_call", post},
+    CStep{"executor.before_call", outcome},
+    CStep{"executor.before_call", time_out},
+    CStep{"executor.before_call", send_data},
+    CStep{"executor.before_call", get_data},
+    CStep{"executor.before_call", connect},
+    CStep{"executor.before_call", client_close},
+    CStep{"executor.before_call", client_free},
+    CStep{"executor.before_call", server_free},
+    CStep{"executor.before_call", lost},
+
+    CStep{"task.before_run", call},
+    CStep{"task.before_run", server_call},
+    CStep{"task.before_run", post},
+    CStep{"task.before_run", outcome},
+    CStep{"task.before_run", time_out},
+    CStep{"task.before_run", send_data},
+    CStep{"task.before_run", get_data},
+    CStep{"task.before_run", connect},
+    CStep{"task.before_run", client_close},
+    CStep{"task.before_run", lost},
+
+    CStep{"callback.listed", call},
+    CStep{"callback.listed", outcome},
+    CStep{"callback.claimed", call},
+    CStep{"callback.claimed", post},
+    CStep{"callback.claimed", outcome},
+    CStep{"callback.claimed", time_out},
+    CStep{"callback.claimed", client_free},
+    CStep{"callback.claimed", server_free},
+    CStep{"callback.claimed", lost},
+    CStep{"callback.returned", call},
+    CStep{"callback.returned", outcome},
+
+    CStep{"request.ending", call},
+    CStep{"request.answered", call},
+    CStep{"request.ending", answer_later},
+    CStep{"transfer.before_step", send_data},
+    CStep{"transfer.ending", send_data},
+    CStep{"transfer.before_step", get_data},
+    CStep{"transfer.ending", get_data},
+
+    CStep{"end.draining", client_close},
+    CStep{"end.calls_closed", client_close},
+    CStep{"end.before_callbacks", client_free},
+    CStep{"end.draining", server_close},
+    CStep{"end.calls_closed", server_close},
+    CStep{"end.before_callbacks", server_free},
+};
+
 constexpr std::array kCEvents{CEvent::peer_dies,   CEvent::disconnect,   CEvent::client_close,
                               CEvent::client_free, CEvent::server_close, CEvent::server_free,
                               CEvent::limit,       CEvent::cancel};
@@ -116,19 +175,25 @@ bool makes_sense(const CCell& cell) {
   return true;
 }
 
-}  // namespace
-
 // Each cell over one of the transports: the next event over the other one.
-std::vector<CCell> all_c_cells() {
-  std::vector<CCell> cells;
-  for (const CStep& step : kCSteps) {
+template <class Steps>
+void add_cells(std::vector<CCell>& cells, const Steps& steps, CPair::RunsOn runs_on) {
+  for (const CStep& step : steps) {
     for (const CEvent event : kCEvents) {
       const bool is_pipe = (cells.size() + static_cast<std::size_t>(event)) % 2 == 0;
       const CCell cell{step.point, step.activity, event,
-                       is_pipe ? Transport::pipe : Transport::tcp4};
+                       is_pipe ? Transport::pipe : Transport::tcp4, runs_on};
       if (makes_sense(cell)) cells.push_back(cell);
     }
   }
+}
+
+}  // namespace
+
+std::vector<CCell> all_c_cells() {
+  std::vector<CCell> cells;
+  add_cells(cells, kCSteps, CPair::RunsOn::workers);
+  add_cells(cells, kStepsOfExecutors, CPair::RunsOn::executor);
   return cells;
 }
 
@@ -142,7 +207,8 @@ std::string name_of(const CCell& cell) {
                                "server close", "server free", "limit",        "cancel"};
   return std::string(cell.point) + " of " + kActivities[static_cast<std::size_t>(cell.activity)] +
          " x " + kEvents[static_cast<std::size_t>(cell.event)] +
-         (cell.transport == Transport::pipe ? ", pipe" : ", tcp4");
+         (cell.transport == Transport::pipe ? ", pipe" : ", tcp4") +
+         (cell.runs_on == CPair::RunsOn::executor ? ", executor" : "");
 }
 
 std::vector<MatrixCell> matrix_cells() {

@@ -47,6 +47,7 @@ struct CCell {
   CActivity activity;
   CEvent event;
   Transport transport;
+  CPair::RunsOn runs_on = CPair::RunsOn::workers;
 };
 
 // Without those that make no sense: using what is being freed.

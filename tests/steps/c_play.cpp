@@ -34,7 +34,7 @@ class CHostThread {
 class CRound {
  public:
   CRound(const CCell& cell, std::mt19937& random, CPair& bystander)
-      : cell_(cell), random_(random), bystander_(bystander), pair_(cell.transport) {}
+      : cell_(cell), random_(random), bystander_(bystander), pair_(cell.transport, cell.runs_on) {}
 
   Report play() {
     set_up();
@@ -47,7 +47,8 @@ class CRound {
     CHostThread event(event_of(cell_.event));
     const int settle_ms = is_limit ? 2 * kShortLimitMs
                                    : std::uniform_int_distribution<int>(1, kMostCSettleMs)(random_);
-    static_cast<void>(event.ends_within(Milliseconds(settle_ms)));
+    event_is_over_ = event.ends_within(Milliseconds(settle_ms));
+    if (event_is_over_ && cancels_nothing_) note("nothing is cancelled");
     hold.release();
     if (!event.ends_within(kCHang)) give_up("the event hangs");
     if (!activity.ends_within(kCHang)) give_up("the activity hangs");
@@ -136,11 +137,11 @@ class CRound {
       case CActivity::client_close:
         return [=] { tolk_client_close(client, kCloseLimitMs); };
       case CActivity::client_free:
-        return [mine = pair_.take_client()] { tolk_client_free(mine); };
+        return [this] { pair_.free_client(); };
       case CActivity::server_close:
         return [=] { tolk_server_close(server, kCloseLimitMs); };
       case CActivity::server_free:
-        return [mine = pair_.take_server()] { tolk_server_free(mine); };
+        return [this] { pair_.free_server(); };
       case CActivity::lost:
         break;
     }
@@ -158,17 +159,22 @@ class CRound {
       case CEvent::client_close:
         return [=] { tolk_client_close(client, kCloseLimitMs); };
       case CEvent::client_free:
-        return [mine = pair_.take_client()] { tolk_client_free(mine); };
+        return [this] { pair_.free_client(); };
       case CEvent::server_close:
         return [=] { tolk_server_close(server, kCloseLimitMs); };
       case CEvent::server_free:
-        return [mine = pair_.take_server()] { tolk_server_free(mine); };
+        return [this] { pair_.free_server(); };
       case CEvent::limit:
         return [] {};  // the round waits for it
       case CEvent::cancel:
         break;
     }
-    return [=, this] { tolk_client_cancel(client, number_); };
+    return [=, this] {
+      tolk_client_cancel(client, number_);
+      // Of the next call, which the host does not know yet.
+      const bool is_registered = std::string(cell_.point) != "call.before_register";
+      if (!is_registered) cancels_nothing_ = tolk_client_cancel(client, number_ + 2);
+    };
   }
 
   std::function<void()> cutting() {
@@ -178,7 +184,8 @@ class CRound {
 
   tolk_call absent_call() {
     tolk_call call = new_call("absent", limit());
-    const bool is_inline = std::uniform_int_distribution<int>(0, 1)(random_) == 0;
+    const bool is_inline = cell_.runs_on == CPair::RunsOn::workers &&
+                           std::uniform_int_distribution<int>(0, 1)(random_) == 0;
     call.flags = is_inline ? unsigned{TOLK_INLINE} : 0;
     return call;
   }
@@ -196,8 +203,18 @@ class CRound {
     if (!may_be(status)) note(std::string("a call ends with ") + tolk_status_name(status));
   }
 
+  // This end is closed when the call is registered.
+  bool comes_after_the_end() const {
+    const bool by_client = cell_.activity == CActivity::call;
+    const auto close = by_client ? CEvent::client_close : CEvent::server_close;
+    const auto free = by_client ? CEvent::client_free : CEvent::server_free;
+    return event_is_over_ && std::string(cell_.point) == "call.before_register" &&
+           (cell_.event == close || cell_.event == free);
+  }
+
   // A dropped handler leaves its request unanswered.
   bool may_be(tolk_status status) const {
+    if (comes_after_the_end()) return status == TOLK_CLOSED;
     switch (status) {
       case TOLK_OK:
         return true;
@@ -223,6 +240,8 @@ class CRound {
   CPair pair_;
   const std::unique_ptr<tolk_block, FreePing> ping_{c_ping()};
   std::atomic<std::uint64_t> number_{0};
+  std::atomic<bool> event_is_over_{false};
+  std::atomic<bool> cancels_nothing_{false};
   std::mutex mutex_;
   Report report_;
 };

@@ -138,10 +138,18 @@ struct CPair::Handlers {
   }
   static void on_gone(void* context, tolk_server*, const tolk_peer*) { ++owed(context).gones; }
   static void on_server_gone(void*, tolk_client*, const tolk_error*) {}
+  static void execute(void* context, tolk_task* task) {
+    auto& of = *static_cast<COwed::Context*>(context);
+    if (of.is_freed) of.owed->has_late_task = true;
+    of.executor->add(task);
+  }
 };
 
-CPair::CPair(Transport transport)
-    : front_(fresh_address(transport)), back_(fresh_address(transport)), relay(front_, back_) {
+CPair::CPair(Transport transport, RunsOn runs_on)
+    : executor_(runs_on == RunsOn::executor ? std::make_unique<HostExecutor>() : nullptr),
+      front_(fresh_address(transport)),
+      back_(fresh_address(transport)),
+      relay(front_, back_) {
   add("echo", Handlers::echo);
   add("drop", Handlers::drop);
   add("keep", Handlers::keep);
@@ -159,33 +167,39 @@ void CPair::add(const char* name, tolk_handler handler, tolk_accept accept) {
   tolk_methods_add(methods_, name, handler, owed->new_context(), &options, nullptr);
 }
 
-tolk_client* CPair::connect(const Address& to) {
-  tolk_client_options options{};
+template <class Options>
+Options CPair::options_of_both(COwed::Context* context) {
+  context->executor = executor_.get();
+  Options options{};
   options.size = sizeof options;
   options.methods = methods_;
-  options.on_gone = Handlers::on_server_gone;
-  options.context = owed->new_context();
+  if (executor_) options.execute = Handlers::execute;
+  options.context = context;
   options.free_context = COwed::release;
+  return options;
+}
+
+tolk_client* CPair::connect(const Address& to, COwed::Context* context) {
+  auto options = options_of_both<tolk_client_options>(context);
+  options.on_gone = Handlers::on_server_gone;
   tolk_client* made = nullptr;
   tolk_client_connect(c_text_of(to).c_str(), &options, &made, nullptr);
   return made;
 }
 
-tolk_client* CPair::connect_another() { return connect(back_); }
+tolk_client* CPair::connect_another() { return connect(back_, owed->new_context()); }
 
 bool CPair::come_up() {
-  tolk_server_options options{};
-  options.size = sizeof options;
-  options.methods = methods_;
+  server_context_ = owed->new_context();
+  client_context_ = owed->new_context();
+  auto options = options_of_both<tolk_server_options>(server_context_);
   options.on_connect = Handlers::on_connect;
   options.on_gone = Handlers::on_gone;
-  options.context = owed->new_context();
-  options.free_context = COwed::release;
   tolk_server* made = nullptr;
   if (tolk_server_listen(c_text_of(back_).c_str(), &options, &made, nullptr) != TOLK_OK)
     return false;
   server = made;
-  client = connect(front_);
+  client = connect(front_, client_context_);
   return client != nullptr && eventually([this] { return owed->connects == 1; });
 }
 
@@ -206,11 +220,26 @@ std::string CPair::trouble() {
   return trouble;
 }
 
+void CPair::free_client() {
+  tolk_client* const mine = client.exchange(nullptr);
+  tolk_client_free(mine);
+  if (mine != nullptr) client_context_->is_freed = true;
+}
+
+void CPair::free_server() {
+  tolk_server* const mine = server.exchange(nullptr);
+  tolk_server_free(mine);
+  if (mine != nullptr) server_context_->is_freed = true;
+}
+
 std::string CPair::leave() {
-  tolk_client_free(take_client());
-  tolk_server_free(take_server());
+  free_client();
+  free_server();
   tolk_methods_free(std::exchange(methods_, nullptr));
   std::string trouble = owed->open_calls();
+  if (executor_) executor_->end();
+  if (executor_ && trouble.empty()) trouble = executor_->trouble();
+  if (trouble.empty() && owed->has_late_task) trouble = "the executor is called after a free";
   while (tolk_request* const request = owed->take_kept()) tolk_request_free(request);
   relay.cut(Relay::Ending::closed);
   const bool all_released = eventually([this] { return owed->open_contexts().empty(); }, kOwedWait);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tests/e2e/support/transports.h"
+#include "tests/host_executor.h"
 #include "tests/steps/relay.h"
 
 namespace tolk::test {
@@ -24,6 +25,8 @@ class COwed {
  public:
   struct Context {
     COwed* owed = nullptr;
+    HostExecutor* executor = nullptr;
+    std::atomic<bool> is_freed{false};  // the object that has it
     std::atomic<int> releases{0};
     std::atomic<std::size_t> bytes{0};  // of a source or a sink
   };
@@ -51,6 +54,7 @@ class COwed {
   std::atomic<int> gones{0};
   std::atomic<std::uint64_t> client_id{0};
   std::atomic<bool> has_wrong_result{false};
+  std::atomic<bool> has_late_task{false};
 
  private:
   mutable std::mutex mutex_;
@@ -61,7 +65,10 @@ class COwed {
 
 class CPair {
  public:
-  explicit CPair(Transport transport);
+  // What runs callbacks that are not inline.
+  enum class RunsOn { workers, executor };
+
+  explicit CPair(Transport transport, RunsOn runs_on = RunsOn::workers);
   ~CPair();
   CPair(const CPair&) = delete;
   CPair& operator=(const CPair&) = delete;
@@ -77,9 +84,9 @@ class CPair {
 
   tolk_source* new_source();
   tolk_sink* new_sink();
-  // For whoever frees them: they are no longer this pair's then.
-  tolk_client* take_client() { return client.exchange(nullptr); }
-  tolk_server* take_server() { return server.exchange(nullptr); }
+  // From now on nobody may call the executor for it.
+  void free_client();
+  void free_server();
 
   std::shared_ptr<COwed> owed = std::make_shared<COwed>();
   std::atomic<tolk_client*> client{nullptr};
@@ -89,11 +96,16 @@ class CPair {
   struct Handlers;
 
   void add(const char* name, tolk_handler handler, tolk_accept accept = nullptr);
-  tolk_client* connect(const Address& to);
+  tolk_client* connect(const Address& to, COwed::Context* context);
+  template <class Options>
+  Options options_of_both(COwed::Context* context);
 
+  const std::unique_ptr<HostExecutor> executor_;
   const Address front_;
   const Address back_;
   tolk_methods* methods_ = tolk_methods_new();
+  COwed::Context* client_context_ = nullptr;
+  COwed::Context* server_context_ = nullptr;
 
  public:
   Relay relay;

@@ -14,14 +14,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <map>
 #include <new>
 #include <random>
-#include <streambuf>
 #include <string>
 #include <vector>
 
+#include "tests/silence.h"
 #include "tests/steps/pauses.h"
 
 namespace tolk::test {
@@ -96,12 +95,6 @@ std::vector<MatrixCell> chosen_cells(const Options& options) {
   return cells;
 }
 
-// The library's lines go nowhere.
-class Silence final : public std::streambuf {
-  int overflow(int character) override { return character; }
-  std::streamsize xsputn(const char*, std::streamsize count) override { return count; }
-};
-
 // The latest of all callers, in memory that all cells share.
 std::atomic<std::int64_t>& latest_of_all() {
   static auto* const shared = [] {
@@ -121,9 +114,7 @@ void note_latest(std::int64_t late_ms) {
 
 // In a process of its own. Its exit status says whether all was well.
 [[noreturn]] void run_cell(const MatrixCell& cell, unsigned seed, const Options& options) {
-  std::ios_base::sync_with_stdio(false);
-  static Silence silence;
-  std::cout.rdbuf(&silence);
+  silence_standard_output();
   if (options.short_pauses) shorten_pauses();
   alarm(static_cast<unsigned>(60 + 5 * options.rounds));
   std::mt19937 random(seed);

@@ -23,8 +23,7 @@ TEST(ToolBench, StartsAServerOfItsOwnAndReports) {
 class ToolBenchServed : public ServedTest {};
 
 TEST_F(ToolBenchServed, MeasuresARunningServer) {
-  const Ended ended =
-      tolk_command({"bench", at, "add", "2", "3", "--duration", "50ms", "--json=short"});
+  const Ended ended = tolk_command({"bench", at, "add", "2", "3", "--duration", "50ms", "--json"});
   EXPECT_EQ(ended.code, 0) << ended.err;
   const Json json = Json::parse(ended.out);
   EXPECT_EQ(json["address"], at);

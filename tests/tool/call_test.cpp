@@ -13,7 +13,7 @@ class ToolCall : public ServedTest {
  protected:
   // What the server was given, as it tells it back.
   std::string echoed(std::vector<std::string> words, const Given& given = {}) const {
-    words.insert(words.begin(), {"echo", "--json=short"});
+    words.insert(words.begin(), {"echo", "--json"});
     const Ended ended = call(std::move(words), given);
     EXPECT_EQ(ended.code, 0) << ended.err;
     EXPECT_EQ(ended.err, "");
@@ -30,13 +30,13 @@ TEST_F(ToolCall, PrintsTheResultAndNothingElse) {
 
 TEST_F(ToolCall, PrintsNothingWhereThereIsNoResult) {
   EXPECT_EQ(call({"nothing"}).out, "");
-  EXPECT_EQ(call({"nothing", "--json=short"}).out, "null\n");
+  EXPECT_EQ(call({"nothing", "--json"}).out, "null\n");
 }
 
 TEST_F(ToolCall, ShowsTheLibrarysLinesOnlyWhenAskedAndNeverAmongTheData) {
   const Ended ended = call({"add", "2", "3", "-v"});
   EXPECT_EQ(ended.out, "5\n");
-  EXPECT_THAT(ended.err, HasSubstr("connected: "));
+  EXPECT_THAT(ended.err, HasSubstr(": connected"));
 }
 
 TEST_F(ToolCall, FindsTheTypesOfWords) {
@@ -74,14 +74,52 @@ TEST_F(ToolCall, WritesBytesAsTheyAreWhereNoTerminalIs) {
 
 TEST_F(ToolCall, ReadsJsonArguments) {
   EXPECT_EQ(echoed({"--json", "[1, \"x\", {\"k\": 2.0}]"}), "[1,\"x\",{\"k\":2.0}]\n");
+  EXPECT_EQ(call({"echo", "--json=\"x\""}).out, "\"x\"\n");
+  EXPECT_EQ(call({"echo", "--json=-"}, {.input = "\"x\""}).out, "\"x\"\n");
   EXPECT_EQ(echoed({"--json={\"k\": [1, 2]}"}), "{\"k\":[1,2]}\n");
   EXPECT_EQ(echoed({"--json", "-"}, {.input = "[-4]"}), "-4\n");
   EXPECT_EQ(echoed({"--json", "[[1, 2], 3]"}), "[[1,2],3]\n");
 }
 
+TEST_F(ToolCall, NullIsAnAbsentValueAndMovesNoOther) {
+  server.on("scaled", [](std::optional<int> by, int number) { return by.value_or(10) * number; });
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+           {":json=null", "2"}, {"--json=[null,2]"}, {"--json", "[null, 2]"}}) {
+    std::vector<std::string> all = {"scaled"};
+    all.insert(all.end(), words.begin(), words.end());
+    const Ended ended = call(all);
+    EXPECT_EQ(ended.out, "20\n") << words[0] << ended.err;
+  }
+  EXPECT_EQ(echoed({":json=null", "2"}), "[null,2]\n");
+  EXPECT_EQ(echoed({":json=[1,null,3]"}), "[1,null,3]\n");
+  EXPECT_EQ(call({"add", "2", "3", ":json=null"}).out, "5\n");
+}
+
+TEST_F(ToolCall, IntegersHave64Bits) {
+  EXPECT_EQ(echoed({"9223372036854775807", "-9223372036854775808", "18446744073709551615"}),
+            "[9223372036854775807,-9223372036854775808,18446744073709551615]\n");
+  EXPECT_EQ(echoed({"n:int=5000000000"}), "{\"n\":5000000000}\n");
+}
+
+// A call of that name would be taken for a reply, and wait until its limit: that has another code.
+TEST_F(ToolCall, RetvalIsRefusedAtOnce) {
+  for (const char* const command : {"call", "post", "send", "fetch"}) {
+    const Ended ended = tolk_command({command, at, "retval", "-"});
+    EXPECT_EQ(ended.code, 2) << command;
+    EXPECT_THAT(ended.err, HasSubstr("no method has the name retval"));
+  }
+}
+
+TEST_F(ToolCall, AMistypedMethodIsGuessed) {
+  const Ended ended = call({"ehco", "1"});
+  EXPECT_EQ(ended.code, 5);
+  EXPECT_THAT(ended.err, HasSubstr("\ntry: did you mean echo? tolk describe " + at));
+  EXPECT_THAT(call({"quite_different"}).err, Not(HasSubstr("did you mean")));
+}
+
 TEST_F(ToolCall, PrintsJsonAsAsked) {
-  EXPECT_EQ(call({"echo", "1", "x", "--json=pretty"}).out, "[\n  1,\n  \"x\"\n]\n");
-  EXPECT_EQ(call({"echo", "a \"b\"", "--json=short"}).out, "\"a \\\"b\\\"\"\n");
+  EXPECT_EQ(call({"echo", "1", "x", "--pretty"}).out, "[\n  1,\n  \"x\"\n]\n");
+  EXPECT_EQ(call({"echo", "a \"b\"", "--json"}).out, "\"a \\\"b\\\"\"\n");
   EXPECT_EQ(call({"echo", "a \"b\""}).out, "a \"b\"\n");
 }
 
@@ -117,7 +155,7 @@ TEST_F(ToolCall, CallsHostsWithoutTheLayer) {
 
 TEST_F(ToolCall, PostReturnsWhenTheServerHasTheCall) {
   Counter came;
-  server.on("note", [&](const std::string& text) {
+  server.on("note", [came](const std::string& text) mutable {
     EXPECT_EQ(text, "hello");
     came.add();
   });

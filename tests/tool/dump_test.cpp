@@ -116,14 +116,14 @@ TEST(ToolDump, ReadsHexadecimalWithComments) {
 }
 
 TEST(ToolDump, GivesJson) {
-  const Ended frames = dump(golden("call") + golden("server_reply"), {"--json=short"});
+  const Ended frames = dump(golden("call") + golden("server_reply"), {"--json"});
   const std::size_t end = frames.out.find('\n');
   const Json call = Json::parse(frames.out.substr(0, end));
   EXPECT_EQ(call["method"], "sum");
   EXPECT_EQ(call["arguments"], Json::parse("[7, {\"ok\": true}]"));
   EXPECT_EQ(Json::parse(frames.out.substr(end))["kind"], "reply");
-  EXPECT_EQ(dump(BlockWriter().add(7).list({1, 2}).bytes(), {"--json=short"}).out, "[7,[1,2]]\n");
-  EXPECT_EQ(dump(golden("call").substr(0, 30), {"--frames", "--json=short"}).code, 1);
+  EXPECT_EQ(dump(BlockWriter().add(7).list({1, 2}).bytes(), {"--json"}).out, "[7,[1,2]]\n");
+  EXPECT_EQ(dump(golden("call").substr(0, 30), {"--frames", "--json"}).code, 1);
 }
 
 TEST(ToolDump, HasColoursOnATerminal) {

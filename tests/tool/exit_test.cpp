@@ -39,7 +39,15 @@ TEST_F(ToolExit, UsageIsTwo) {
   EXPECT_THAT(options.err, HasSubstr("try: write -- before the command to run\n"));
   const Ended word = tolk_command({"lst"});
   EXPECT_EQ(word.code, 2);
-  EXPECT_EQ(word.err, "tolk: there is no subcommand lst\ntry: tolk --help\n");
+  EXPECT_EQ(word.err,
+            "tolk: there is no subcommand lst\ntry: did you mean list? tolk help lists all\n");
+  EXPECT_EQ(tolk_command({"bogus"}).err,
+            "tolk: there is no subcommand bogus\ntry: tolk help lists all\n");
+  const Ended option = tolk_command({"call", at, "add", "--tiemout=5s"});
+  EXPECT_EQ(option.code, 2);
+  EXPECT_EQ(option.err,
+            "tolk: unexpected argument: --tiemout=5s\n"
+            "try: did you mean --timeout? tolk call --help\n");
   const Ended time = tolk_command({"call", at, "add", "--timeout", "-5"});
   EXPECT_EQ(time.code, 2);
   EXPECT_THAT(time.err,
@@ -80,9 +88,9 @@ TEST_F(ToolExit, NumbersAndNamesThatAreNoneAreUsage) {
 
 TEST_F(ToolExit, BadArgumentsAreUsage) {
   const std::string where = "echo at " + at;
-  expect_error(call({"echo", "3000000000"}), 2, where, "does not fit in a 32-bit int",
-               ":string=3000000000");
-  expect_error(call({"echo", "n:int=x"}), 2, where, "argument n:int=x: not a 32-bit int",
+  expect_error(call({"echo", "18446744073709551616"}), 2, where, "does not fit in 64 bits",
+               ":string=18446744073709551616");
+  expect_error(call({"echo", "n:int=x"}), 2, where, "argument n:int=x: not an integer of 64 bits",
                "whole number");
   expect_error(call({"echo", "n:long=5"}), 2, where, "there is no type \"long\"", "double");
   expect_error(call({"echo", ":json=1e999"}), 2, where, "number overflow parsing '1e999'", "quote");
@@ -90,14 +98,14 @@ TEST_F(ToolExit, BadArgumentsAreUsage) {
                "argument s_c_x=1: a key must not begin with s_c_ or tolk.", "another key");
   expect_error(call({"echo", "@/nowhere"}), 2, where, "/nowhere: No such file", ":string=@");
   expect_error(call({"echo", "--json", "{bad"}), 2, where, "not valid JSON from character 2",
-               "pretty");
-  expect_error(call({"echo", "--json", "[1, null]"}), 2, where, "null is not allowed", "--json");
-  expect_error(call({"echo", "1", "--json", "[1]"}), 2, where, "given twice", "one --json");
+               "--json alone is about the output");
+  expect_error(call({"echo", "--json=short"}), 2, where, "not valid JSON", "--json alone");
+  expect_error(call({"echo", "1", "--json", "[1]"}), 2, where, "given twice", "by --json");
 }
 
 TEST_F(ToolExit, ABadAddressIsUsage) {
-  expect_error(tolk_command({"call", "5000x", "add"}), 2, "add at 5000x",
-               "an address is pipe:NUMBER", "tcp4:127.0.0.1:5000");
+  expect_error(tolk_command({"call", "5000x", "add"}), 2, "add at 5000x", "an address is pipe:NAME",
+               "tcp4:127.0.0.1:5000");
 }
 
 TEST_F(ToolExit, CannotConnectIsThree) {
@@ -194,9 +202,10 @@ TEST_F(ToolExit, InterruptedServersTakeTheirSocketsAway) {
 }
 
 TEST_F(ToolExit, AnAddressThatIsTakenIsOne) {
-  expect_error(tolk_command({"serve", at, "now", "--", "date"}), 1, "now at " + at, "EADDRINUSE",
+  expect_error(tolk_command({"serve", at, "now", "--", "date"}), 1, "now at " + at,
+               "address already in use", "choose another");
+  expect_error(tolk_command({"listen", at}), 1, "listen at " + at, "address already in use",
                "choose another");
-  expect_error(tolk_command({"listen", at}), 1, "listen at " + at, "EADDRINUSE", "choose another");
 }
 
 TEST_F(ToolExit, OutputThatNobodyTakesIsOne) {

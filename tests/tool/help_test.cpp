@@ -61,9 +61,24 @@ TEST(ToolHelp, EverySubcommandSaysWhatItTakes) {
   }
 }
 
-TEST(ToolHelp, SaysThatJsonIsForArgumentsAndForOutput) {
-  EXPECT_THAT(help_of("call"),
-              AllOf(HasSubstr("is how to print the result"), HasSubstr("the arguments, as JSON")));
+TEST(ToolHelp, IsASubcommandToo) {
+  EXPECT_EQ(tolk_command({"help"}).out, tolk_command({"--help"}).out);
+  EXPECT_EQ(tolk_command({"help", "send"}).out, help_of("send"));
+  const Ended unknown = tolk_command({"help", "sned"});
+  EXPECT_EQ(unknown.code, 2);
+  EXPECT_EQ(unknown.err,
+            "tolk: there is no subcommand sned\ntry: did you mean send? tolk help lists all\n");
+}
+
+// Wherever it is, --json is JSON instead of words and plain text.
+TEST(ToolHelp, JsonHasOneMeaning) {
+  for (const std::string& name : subcommands()) {
+    const std::string help = help_of(name);
+    if (help.find("--json") == std::string::npos) continue;
+    EXPECT_THAT(help, testing::AnyOf(HasSubstr("Print JSON, in one line"),
+                                     HasSubstr("JSON instead of words and plain text")))
+        << name;
+  }
 }
 
 TEST(ToolHelp, LinesFitIntoATerminal) {
@@ -82,8 +97,8 @@ const std::set<std::string>& serving() {
 // Every subcommand is here: the last test sees to it.
 const std::vector<std::string>& tested() {
   static const std::vector<std::string> kTested = {
-      "bench",   "call", "completion", "describe", "dump", "list", "listen",
-      "monitor", "ping", "post",       "receive",  "send", "serve"};
+      "bench",  "call",    "completion", "describe", "dump",    "fetch", "help", "list",
+      "listen", "monitor", "ping",       "post",     "receive", "send",  "serve"};
   return kTested;
 }
 

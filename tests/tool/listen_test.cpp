@@ -1,6 +1,9 @@
 // tolk listen: every call that arrives, and what is answered.
 #include <signal.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "tests/tool/served.h"
@@ -23,7 +26,7 @@ class ToolListen : public testing::Test {
 };
 
 TEST_F(ToolListen, PrintsEachCallAsALineOfJson) {
-  listen({"--json=short", "--count", "2"});
+  listen({"--json", "--count", "2"});
   Client client = connect(at);
   (void)client.call("first", 1, "x", arg("k", true));
   (void)client.call("second");
@@ -38,7 +41,7 @@ TEST_F(ToolListen, PrintsEachCallAsALineOfJson) {
 }
 
 TEST_F(ToolListen, ShowsAListInAStructAsItIs) {
-  listen({"--json=short", "--count", "1"});
+  listen({"--json", "--count", "1"});
   (void)tolk_command({"call", at, "m", R"(--json={"a":[1,{"b":2}]})"});
   EXPECT_EQ(Json::parse(process->end().out)["arguments"], Json::parse(R"([{"a":[1,{"b":2}]}])"));
 }
@@ -62,7 +65,7 @@ TEST_F(ToolListen, AnswersWithAList) {
 }
 
 TEST_F(ToolListen, ShowsCallsThatAreOnlyPosted) {
-  listen({"--json=short"});
+  listen({"--json"});
   EXPECT_EQ(tolk_command({"post", at, "note", "hello"}).code, 0);
   process->await("\"hello\"");
   process->signal(SIGINT);
@@ -70,11 +73,53 @@ TEST_F(ToolListen, ShowsCallsThatAreOnlyPosted) {
 }
 
 TEST_F(ToolListen, ShowsWhatIsSentInPiecesToOthers) {
-  listen({"--json=short", "--count", "1"});
+  listen({"--json", "--count", "1"});
   EXPECT_EQ(tolk_command({"send", at, "upload", "-", "--name", "x"}, {.input = "hello"}).code, 0);
   const Json line = Json::parse(process->end().out);
   EXPECT_EQ(line["method"], "upload");
   EXPECT_EQ(line["arguments"], Json::parse(R"([{"$base64": "aGVsbG8="}, {"name": "x"}])"));
+}
+
+TEST_F(ToolListen, LongValuesAreShownByTheirSizeAndBegin) {
+  listen({"--json", "--count", "2"});
+  Client client = connect(at);
+  std::string text(70'000, 'x');
+  text.replace(47, 2, "\xc3\xa4");  // where it is cut
+  (void)client.call("store", bytes(1'000'000), text, std::vector<int>(1000, 7), arg("k", text));
+  (void)client.call("store", std::string(256, 'x'));
+  const Ended ended = process->end();
+  const Json arguments = Json::parse(ended.out.substr(0, ended.out.find('\n')))["arguments"];
+  const std::string zeros(64, 'A');
+  const Json shown = {{"$bytes", 70'000}, {"$text", std::string(47, 'x')}};
+  EXPECT_EQ(arguments[0], Json({{"$bytes", 1'000'000}, {"$first", zeros}}));
+  EXPECT_EQ(arguments[1], shown);
+  EXPECT_EQ(arguments[2].size(), 33U);
+  EXPECT_EQ(arguments[2].back(), Json({{"$more", 968}}));
+  EXPECT_EQ(arguments[3]["k"], shown);
+  EXPECT_THAT(ended.out, HasSubstr(std::string(256, 'x')));
+  EXPECT_LT(ended.out.size(), 2000U);
+}
+
+TEST_F(ToolListen, FullShowsAllOfThem) {
+  listen({"--full", "--count", "1"});
+  (void)connect(at).call("store", std::string(70'000, 'x'));
+  EXPECT_GT(process->end().out.size(), 70'000U);
+}
+
+// A name of a pipe is a file; the port of a TCP address is none.
+TEST(ToolListenOverTcp, DeletesNoFileThatIsNamedLikeThePort) {
+  char name[] = "/tmp/tolk-test-XXXXXX";
+  const std::string folder = mkdtemp(name);
+  const auto where = fresh_address(test::Transport::tcp4);
+  std::ofstream(folder + "/" + where.port) << "kept";
+  {
+    Process listens(tolk_words({"listen", layered(where).text()}), {.folder = folder});
+    listens.await("listening at ");
+    listens.signal(SIGINT);
+    EXPECT_EQ(listens.end().code, 130);
+  }
+  EXPECT_TRUE(std::filesystem::exists(folder + "/" + where.port));
+  std::filesystem::remove_all(folder);
 }
 
 TEST_F(ToolListen, EndsWhenNobodyReadsAnyMore) {

@@ -42,8 +42,8 @@ Json line_with(const std::vector<Json>& lines, const Json& values) {
 class Monitored {
  public:
   explicit Monitored(Transport from = Transport::pipe, Transport to = Transport::pipe,
-                     const std::vector<std::string>& more = {})
-      : from_(fresh_address(from)), to_(fresh_address(to)), process_(words(more)) {
+                     const std::vector<std::string>& more = {}, const Given& given = {})
+      : from_(fresh_address(from)), to_(fresh_address(to)), process_(words(more), given) {
     process_.await("passing on to");
   }
 
@@ -118,7 +118,64 @@ TEST_P(ToolMonitorOver, PrintsTheFramesOfBothDirections) {
   EXPECT_EQ(line_with(lines, {{"kind", "reply"}, {"method", "count"}})["direction"], "to server");
   EXPECT_EQ(line_with(lines, {{"kind", "post"}, {"method", "log"}})["arguments"],
             Json::array({{{"level", 3}, {"text", "hello"}}}));
-  EXPECT_EQ(line_with(lines, {{"kind", "reply"}, {"method", "nope"}})["error"], "no event: nope");
+  EXPECT_EQ(line_with(lines, {{"kind", "reply"}, {"method", "nope"}})["error"],
+            "there is no method nope");
+}
+
+// Calls some methods through the monitor.
+Ended lines_about(Monitored& monitored) {
+  Server server;
+  add_methods(server);
+  server.listen(layered(monitored.to()));
+  Client client = connect(layered(monitored.from()));
+  EXPECT_EQ(client.call<int>("add", 19, 23).value(), 42);
+  EXPECT_FALSE(client.call<int>("fail").has_value());
+  EXPECT_FALSE(client.call<int>("add", 1).has_value());
+  client.close();
+  monitored.process().await("connection 1: closed");
+  return monitored.end();
+}
+
+std::vector<std::string> methods_in(const std::vector<Json>& lines) {
+  std::vector<std::string> all;
+  for (const Json& line : lines) {
+    all.push_back(line["method"].get<std::string>() + " " + line["direction"].get<std::string>());
+  }
+  return all;
+}
+
+TEST(ToolMonitor, TheVersionCheckIsShownWhenItIsAsked) {
+  Monitored usual;
+  EXPECT_THAT(lines_about(usual).out, Not(HasSubstr("s_c_version")));
+  Monitored all(Transport::pipe, Transport::pipe, {"--all"});
+  EXPECT_THAT(lines_about(all).out, HasSubstr("s_c_version"));
+}
+
+TEST(ToolMonitor, ShowsAMethodADirectionOrErrorsAlone) {
+  using testing::ElementsAre;
+  const auto shown = [](const std::vector<std::string>& words) {
+    Monitored monitored(Transport::pipe, Transport::pipe, words);
+    return methods_in(lines_of(lines_about(monitored).out));
+  };
+  EXPECT_THAT(shown({"--method", "fail"}), ElementsAre("fail to server", "fail to client"));
+  EXPECT_THAT(shown({"--method", "fail", "--method=add", "--direction", "to-server"}),
+              ElementsAre("add to server", "fail to server", "add to server"));
+  EXPECT_THAT(shown({"--errors"}), ElementsAre("fail to client", "add to client"));
+  EXPECT_THAT(shown({"--errors", "--method", "add"}), ElementsAre("add to client"));
+  EXPECT_EQ(tolk_command({"monitor", "--from", "1", "--to", "2", "--direction", "up"}).code, 2);
+}
+
+TEST(ToolMonitor, LinesOnATerminalAreForPeople) {
+  const Given given{.out_is_terminal = true};
+  Monitored monitored(Transport::pipe, Transport::pipe, {}, given);
+  const std::string out = lines_about(monitored).out;
+  const std::string time = "\033\\[2m[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9][0-9][0-9]  1 ";
+  EXPECT_THAT(out, testing::ContainsRegex(time + "-> .*add.* \\[19,23\\]"));
+  EXPECT_THAT(out, testing::ContainsRegex(time + "<- .*add.* \\[42\\].*  [0-9.]+ ms"));
+  EXPECT_THAT(out, HasSubstr("fail\033[0m\033[1;31m: the disk is full\033[0m"));
+  EXPECT_THAT(out, Not(HasSubstr("\"method\"")));
+  Monitored json(Transport::pipe, Transport::pipe, {"--json", "--color=never"}, given);
+  EXPECT_EQ(lines_of(lines_about(json).out).at(0)["method"], "add");
 }
 
 TEST(ToolMonitor, EachConnectionHasANumberOfItsOwn) {
@@ -300,7 +357,7 @@ TEST(ToolMonitor, RefusesWhatCanNotBe) {
                                    ": --from and --to name the same address\ntry: "));
   const Ended nowhere = tolk_command({"monitor", "--from", at, "--to", "nowhere"});
   EXPECT_EQ(nowhere.code, 2);
-  EXPECT_THAT(nowhere.err, StartsWith("tolk: monitor at nowhere: an address is pipe:NUMBER"));
+  EXPECT_THAT(nowhere.err, StartsWith("tolk: monitor at nowhere: an address is pipe:NAME"));
   EXPECT_EQ(tolk_command({"monitor", "--to", at}).code, 2);
 
   Server server;

@@ -27,14 +27,13 @@ TEST_F(ToolServe, GivesTheArgumentsAsJsonAndTakesJsonAsTheResult) {
   EXPECT_EQ(client.call<int>("method", 1, "x", arg("k", 2.0)).value(), 42);
 }
 
-// A process of its own shows where the count of accepted connections begins.
-TEST_F(ToolServe, TheLibrarysLinesCountAcceptedConnectionsFromZero) {
+TEST_F(ToolServe, TheLibrarysLinesNameEachClient) {
   process = std::make_unique<Process>(tolk_words({"serve", at, "method", "-v", "--", "cat"}));
   process->await("listening at " + at);
   client.connect(at);
-  process->await("Accept success: 0 client id: ");
+  process->await("client 1 connected from ");
   const Client another = connect(at);
-  process->await("Accept success: 1 client id: ");
+  process->await("client 2 connected from ");
 }
 
 TEST_F(ToolServe, TheCommandSeesAnArrayWithKeysAtItsEnd) {
@@ -56,7 +55,7 @@ TEST_F(ToolServe, AnArrayIsAListAndAnObjectIsKeyedValues) {
 TEST_F(ToolServe, InnerListsPassThroughAsTheyAre) {
   serve({"--", "cat"});
   const std::string json = R"([[1,{"b":2}]])";
-  EXPECT_EQ(tolk_command({"call", at, "method", "--json=short", "--json", json}).out, json + "\n");
+  EXPECT_EQ(tolk_command({"call", at, "method", "--json=" + json}).out, json + "\n");
 }
 
 TEST_F(ToolServe, WhatIsNoJsonThatTravelsIsAText) {
@@ -113,6 +112,31 @@ TEST_F(ToolServe, AClientMayStopIt) {
   const Ended ended = process->end();
   EXPECT_EQ(ended.code, 0);
   EXPECT_THAT(ended.err, HasSubstr("a client has stopped the server"));
+}
+
+TEST_F(ToolServe, SeveralMethodsHaveACommandEach) {
+  process = std::make_unique<Process>(
+      tolk_words({"serve", at, "upper=tr a-z A-Z", "count=wc -w", "equal=printf '%s' a=b"}));
+  process->await("listening at " + at);
+  client.connect(at);
+  EXPECT_EQ(client.call<std::vector<std::string>>("upper", "a b").value(),
+            std::vector<std::string>{"A B"});
+  EXPECT_EQ(client.call<int>("count", "a b").value(), 2);
+  EXPECT_EQ(client.call<std::string>("equal").value(), "a=b");
+  EXPECT_THAT(tolk_command({"describe", at}).out, HasSubstr("runs tr a-z A-Z\n"));
+}
+
+TEST_F(ToolServe, AMethodWithoutACommandIsNamed) {
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{"upper"}, {"now=date", "upper"}}) {
+    std::vector<std::string> all = {"serve", at};
+    all.insert(all.end(), words.begin(), words.end());
+    const Ended ended = tolk_command(all);
+    EXPECT_EQ(ended.code, 2);
+    EXPECT_EQ(ended.err, "tolk: upper at " + at +
+                             ": there is no command for it\ntry: write METHOD -- COMMAND, or "
+                             "METHOD='COMMAND' for each of several methods\n");
+  }
 }
 
 TEST_F(ToolServe, AMissingProgramIsSaidAtOnce) {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 #include <tolk/tolk.hpp>
@@ -37,6 +38,18 @@ inline void add_methods(Server& server) {
     return sum;
   });
   server.on("upload", [](const tolk::bytes& data) { return static_cast<int>(data.size()); });
+  server.on(
+      "store", [](const tolk::bytes& data, std::optional<int> year,
+                  named<"draft", std::optional<bool>> draft, named<"name", std::string> name) {
+        return name.value + " " + std::to_string(data.size()) + " " +
+               std::to_string(year.value_or(0)) + (draft.value.value_or(false) ? " draft" : "");
+      });
+  server.on("download", [](const std::string& name) {
+    const std::string text = "what is in " + name;
+    return std::pair(name, from_bytes(tolk::bytes(
+                               reinterpret_cast<const std::byte*>(text.data()),
+                               reinterpret_cast<const std::byte*>(text.data()) + text.size())));
+  });
   server.on("nothing", [] {});
   server.on("fail", []() -> int { throw std::runtime_error("the disk is full"); });
 }

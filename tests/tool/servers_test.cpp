@@ -1,7 +1,9 @@
 // tolk list, describe and ping: what there is, what it offers, how fast it answers.
 #include <signal.h>
+#include <tolk/c.h>
 
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "tests/tool/served.h"
 
@@ -10,13 +12,25 @@ namespace {
 
 using Json = nlohmann::json;
 
+struct Spot {
+  int x = 0;
+  int y = 0;
+};
+TOLK_FIELDS(Spot, x, y)
+
+struct Path {
+  std::string name;
+  std::vector<Spot> spots;
+};
+TOLK_FIELDS(Path, name, spots)
+
 class ToolServers : public ServedTest {};
 
 class ToolList : public ServedTest {
  protected:
   // The entry of the address; null when it is not listed.
   static Json listed(const std::string& address, const std::vector<std::string>& words = {}) {
-    std::vector<std::string> all = {"list", "--json=short"};
+    std::vector<std::string> all = {"list", "--json"};
     all.insert(all.end(), words.begin(), words.end());
     const Ended ended = tolk_command(all);
     EXPECT_EQ(ended.code, 0) << ended.err;
@@ -91,10 +105,58 @@ TEST_F(ToolServers, DescribePrintsNamesSignaturesAndTexts) {
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_THAT(ended.out, HasSubstr("add(int, int) -> int  "));
   EXPECT_THAT(ended.out, HasSubstr("  the sum of two numbers\n"));
-  const Json all = Json::parse(tolk_command({"describe", at, "--json=pretty"}).out);
+  const Json all = Json::parse(tolk_command({"describe", at, "--pretty"}).out);
   EXPECT_EQ(all[0], Json({{"name", "add"},
                           {"signature", "(int, int) -> int"},
                           {"about", "the sum of two numbers"}}));
+}
+
+TEST_F(ToolServers, DescribeFitsTheTerminal) {
+  server.on(
+      "place",
+      [](named<"left", int>, named<"top", int>, named<"width", int>, named<"height", int>,
+         named<"opacity", std::optional<double>>) { return std::string(); },
+      "puts a window where it shall be, and tells the name of the place that it had before");
+  const Ended ended = tolk_command({"describe", at}, {.environment = {"COLUMNS=60"}});
+  std::istringstream lines(ended.out);
+  for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 60U) << line;
+  EXPECT_THAT(ended.out, HasSubstr("place(left: int, top: int, width: int, height: int,\n"
+                                   "    opacity: double?) -> string\n"
+                                   "    puts a window where it shall be, and tells the name of\n"
+                                   "    the place that it had before\n"));
+  // Scripts get a method a line.
+  EXPECT_THAT(tolk_command({"describe", at}).out, HasSubstr("opacity: double?) -> string  puts a"));
+}
+
+TEST_F(ToolServers, DescribeWritesAStructOnce) {
+  server.on("move", [](const Spot& from, const std::vector<Spot>&) { return from; });
+  server.on("only", [](const Path& path) { return path.name; });
+  const Ended ended = tolk_command({"describe", at, "--color=never"});
+  EXPECT_THAT(ended.out, HasSubstr("move(T1, [T1]) -> T1\n"));
+  EXPECT_THAT(ended.out, HasSubstr("only({name: string, spots: [T1]}) -> string\n"));
+  EXPECT_THAT(ended.out, testing::EndsWith("\nT1 = {x: int, y: int}\n"));
+  const Json all = Json::parse(tolk_command({"describe", at, "--json"}).out);
+  EXPECT_THAT(all.dump(), HasSubstr("({x: int, y: int}, [{x: int, y: int}]) -> {x: int, y: int}"));
+}
+
+TEST_F(ToolServers, DescribeLeavesASignatureOfAnotherFormAsItIs) {
+  struct Odd {
+    static void answer(void*, tolk_request* request) { tolk_request_answer(request, nullptr); }
+  };
+  const std::string where = fresh().text();
+  tolk_methods* const methods = tolk_methods_new();
+  tolk_method_options options{};
+  options.size = sizeof options;
+  options.signature = "takes <whatever> {comes";
+  tolk_methods_add(methods, "odd ", Odd::answer, nullptr, &options, nullptr);
+  tolk_server_options wanted{};
+  wanted.size = sizeof wanted;
+  wanted.methods = methods;
+  tolk_server* own = nullptr;
+  ASSERT_EQ(tolk_server_listen(where.c_str(), &wanted, &own, nullptr), TOLK_OK);
+  EXPECT_EQ(tolk_command({"describe", where}).out, "odd takes <whatever> {comes\n");
+  tolk_server_free(own);
+  tolk_methods_free(methods);
 }
 
 TEST_F(ToolServers, DescribeSaysThatAPlainServerDoesNotOfferIt) {
@@ -116,7 +178,7 @@ TEST_F(ToolServers, PingPrintsEachAnswerAndASummary) {
                                       ": 2 sent, 2 answered; min/avg/max "
                                       "[0-9.]+/[0-9.]+/[0-9.]+ ms\n"));
   EXPECT_THAT(tolk_command({"ping", at, "-c", "1", "-q"}).out, StartsWith(at + ": 1 sent"));
-  const Json json = Json::parse(tolk_command({"ping", at, "-c", "1", "--json=short"}).out);
+  const Json json = Json::parse(tolk_command({"ping", at, "-c", "1", "--json"}).out);
   EXPECT_EQ(json["answered"], 1);
   EXPECT_EQ(json["min_ms"], json["max_ms"]);
 }

@@ -14,7 +14,7 @@ class ToolTerminal : public ServedTest {
 };
 
 TEST_F(ToolTerminal, JsonHasColoursOnATerminal) {
-  const Ended ended = call({"echo", "1", "x", "k=true", "--json=short"}, both);
+  const Ended ended = call({"echo", "1", "x", "k=true", "--json"}, both);
   EXPECT_EQ(ended.out,
             "[\033[33m1\033[0m,\033[32m\"x\"\033[0m,{\033[1;34m\"k\"\033[0m:\033[33mtrue\033[0m}]"
             "\r\n");
@@ -27,7 +27,7 @@ TEST_F(ToolTerminal, PlainTextStaysPlain) {
 TEST_F(ToolTerminal, NoColorIsHeard) {
   Given given = both;
   given.environment = {"NO_COLOR=1"};
-  EXPECT_EQ(call({"echo", "1", "--json=short"}, given).out, "1\r\n");
+  EXPECT_EQ(call({"echo", "1", "--json"}, given).out, "1\r\n");
 }
 
 TEST_F(ToolTerminal, ColorIsDecidedByHand) {
@@ -61,7 +61,7 @@ TEST_F(ToolTerminal, TextsOfAPeerDoNoHarmToATerminal) {
   EXPECT_THAT(tolk_command({"describe", at}).out, HasSubstr("all\\x1b[2J\n"));
   EXPECT_EQ(call({"echo", "a\tb\033[2J"}, both).out, "a\tb\\x1b[2J\r\n");
   EXPECT_EQ(call({"echo", "a\033[2J"}).out, "a\033[2J\n");
-  EXPECT_EQ(call({"echo", "\x7f", "--json=short", "--color=never"}, both).out, "\"\\x7f\"\r\n");
+  EXPECT_EQ(call({"echo", "\x7f", "--json", "--color=never"}, both).out, "\"\\x7f\"\r\n");
 }
 
 TEST_F(ToolTerminal, BenchShowsProgressOnATerminalAlone) {

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "params/encoder.h"
+#include "tests/one_of.h"
 #include "transport/reserved_names.h"
 
 namespace {
@@ -218,7 +219,7 @@ std::string random_block(std::mt19937& random) {
 }
 
 TEST(Envelope, ScanAgreesWithTheParserOnRandomPayloads) {
-  for (unsigned seed = 0; seed < 4000; ++seed) {
+  for (unsigned seed = 0; seed < 4000; seed += tolk::test::one_of()) {
     std::mt19937 random(seed);
     std::string payload = random_block(random);
     expect_as_parsed(payload);

@@ -6,6 +6,7 @@
 #include "tools/tolk/subcommands/subcommands.h"
 #include "tools/tolk/system/interrupt.h"
 #include "tools/tolk/system/streams.h"
+#include "tools/tolk/text/nearest.h"
 #include "tools/tolk/text/output.h"
 
 namespace tolk::tool {
@@ -23,10 +24,12 @@ void add_all(CLI::App& app, CommonOptions& options) {
   add_listen(app, options);
   add_monitor(app, options);
   add_send(app, options);
+  add_fetch(app, options);
   add_receive(app, options);
   add_dump(app, options);
   add_bench(app, options);
   add_completion(app, options);
+  add_help(app);
   for (CLI::App* const command : app.get_subcommands([](CLI::App*) { return true; })) {
     unmark_words_of(*command);
   }
@@ -39,11 +42,21 @@ std::string help_of(const CLI::App& app) {
 }
 
 // The option parser would only say that a subcommand is missing.
-void check_subcommand(const CLI::App& app, const std::vector<std::string>& words) {
+void check_first_word(const CLI::App& app, const std::vector<std::string>& words) {
   if (words.empty() || words.front().starts_with('-')) return;
-  const auto is_meant = [&](const CLI::App* sub) { return sub->get_name() == words.front(); };
-  if (!app.get_subcommands(is_meant).empty()) return;
-  throw Failure(Exit::usage, "there is no subcommand " + unmarked(words.front()), "tolk --help");
+  check_subcommand(app, unmarked(words.front()));
+}
+
+// The names of the options that are like the first of the words that is one.
+std::string meant_option(const CLI::App& command, const std::vector<std::string>& words) {
+  const auto word = std::find_if(words.begin(), words.end(),
+                                 [](const std::string& each) { return each.starts_with("--"); });
+  if (word == words.end()) return "";
+  std::vector<std::string> names;
+  for (const CLI::Option* const option : command.get_options()) {
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  return did_you_mean(word->substr(0, word->find('=')), names);
 }
 
 // Names the words that nothing expects, in their order. The options of a command to run are left
@@ -54,14 +67,16 @@ Failure not_expected(const CLI::App& app) {
   for (const std::string& word : words) text += " " + unmarked(word);
   const auto meant = app.get_subcommands();
   const bool serves = !meant.empty() && meant.front()->get_name() == "serve";
-  return {Exit::usage, text, serves ? "write -- before the command to run" : help_of(app)};
+  const std::string guess = meant.empty() ? "" : meant_option(*meant.front(), words);
+  return {Exit::usage, text,
+          guess + (serves ? "write -- before the command to run" : help_of(app))};
 }
 
 // Throws the errors of the option parser, and Failure.
 Exit run_line(CLI::App& app, std::vector<std::string> words) {
   Output& output = Output::get();
   try {
-    check_subcommand(app, words);
+    check_first_word(app, words);
     std::reverse(words.begin(), words.end());  // the option parser takes the last word first
     app.parse(std::move(words));
   } catch (const CLI::CallForHelp&) {

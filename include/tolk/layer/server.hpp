@@ -2,128 +2,164 @@
 /// A server: its methods, its clients, and calls to clients.
 #pragma once
 
-#include <tolk/layer/server_core.hpp>
+#include <tolk/layer/method.hpp>
 
 namespace tolk {
 inline namespace v1 {
+/// @cond internal
+namespace detail {
+class ServerCore final : public Core {
+ public:
+  using Core::Core;
+
+  void listen(const Address& where) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      const char* const wrong = closed_                 ? "a closed server can't listen again"
+                                : link_ || is_starting_ ? "this server listens already"
+                                                        : nullptr;
+      if (wrong != nullptr) throw Error(Errc::misuse, "", where.text(), wrong);
+      is_starting_ = true;
+    }
+    tolk_server_options wanted{};
+    fill(wanted, new std::shared_ptr<Core>(shared_from_this()),
+         delete_context<std::shared_ptr<Core>>);
+    wanted.clients_may_stop = options.clients_may_stop;
+    wanted.on_connect = run_hook<&ServerCore::on_connect>;
+    wanted.on_gone = run_hook<&ServerCore::on_closed>;
+    wanted.on_stopped = [](void* of, tolk_server*, const tolk_error*) {
+      self_of(of).stopped_ = true;
+    };
+    tolk_server* server = nullptr;
+    CError error;
+    tolk_server_listen(where.text().c_str(), &wanted, &server, error.place());
+    const std::lock_guard<std::mutex> lock(mutex_);
+    is_starting_ = false;
+    changed_.notify_all();
+    if (server == nullptr) throw listen_error(error.get());
+    link_ = std::make_shared<Link>(server);
+    address_ = tolk_server_address(server);
+    port_ = tolk_server_port(server);
+  }
+
+  void close(bool is_destroyed) {
+    begin_close();
+    end_link(link(), is_destroyed);
+    if (is_destroyed) forget_methods();
+  }
+
+  bool listening() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return link_ && !closed_ && !stopped_;
+  }
+  void wait() {
+    const auto link = this->link();
+    if (!link) throw Error(Errc::misuse, "", "", "this server does not listen");
+    const Link::Use use = Link::use(link);
+    if (use) tolk_server_wait_closed(use->server(), TOLK_FOREVER);
+  }
+  int port() const { return port_; }
+
+  std::vector<ClientId> clients() const {
+    std::vector<ClientId> ids;
+    const Link::Use use = Link::use(link());
+    if (!use || closed_) return ids;
+    std::size_t count = tolk_server_clients(use->server(), nullptr, 0);
+    do {
+      ids.resize(count);
+      count = tolk_server_clients(use->server(), ids.data(), ids.size());
+    } while (count > ids.size());
+    ids.resize(count);
+    return ids;
+  }
+  bool disconnect(ClientId client) {
+    const Link::Use use = Link::use(link());
+    return use && tolk_server_disconnect(use->server(), client);
+  }
+
+  Function<void(ClientId)> on_connect;
+  Function<void(ClientId)> on_closed;
+
+ private:
+  static ServerCore& self_of(void* context) { return static_cast<ServerCore&>(core_of(context)); }
+
+  template <Function<void(ClientId)> ServerCore::*Hook>
+  static void run_hook(void* of, tolk_server*, const tolk_peer* peer) {
+    const Scope scope(&self_of(of));
+    if (const auto& hook = self_of(of).*Hook) hook(peer->client);
+  }
+
+  static Error listen_error(const tolk_error* error) {
+    if (errc_of(error) != Errc::cannot_listen) return to_error(error);
+    const std::string reason = tolk_error_reason(error);
+    const std::string where = tolk_error_address(error);
+    const bool is_pipe = where.starts_with("pipe:");
+    const bool denied = reason == "permission denied";
+    std::string_view hint;  // for a failure other than a taken address
+    if (reason == "address not available") hint = "use an address that this machine has";
+    if (denied && !is_pipe) {
+      hint = "choose a port from 1024 on: lower ones are not for every user";
+    } else if (denied || reason == "not a directory") {
+      hint =
+          "see that the directory of the pipes, and what is in it, is this user's alone: "
+          "tolk(7), FILES";
+    }
+    return Error(Errc::cannot_listen, "", where, "can't listen: " + reason, hint)
+        .with(tolk_error_code(error), {});
+  }
+
+  Error unconnected(const std::string& method, ClientId to) const override {
+    return {Errc::not_connected, method, text_of(to, address()),
+            "not connected: the server does not listen", "let the server listen, then call"};
+  }
+
+  std::atomic<int> port_{0};
+  std::atomic<bool> stopped_{false};
+};
+}  // namespace detail
+/// @endcond
 
 /// A server. It listens from `listen` until it is closed or destroyed.
-/// @code
-/// tolk::Server server;
-/// server.on("add", [](int a, int b) { return a + b; });
-/// server.listen(tolk::pipe{5000});
-/// server.wait();
-/// @endcode
-///
-/// Thread: every operation is safe on any thread; set hooks, `on_any` and `log` before `listen`.
-/// Handlers run concurrently on the four workers of the process, so they must be thread-safe; a
-/// handler that waits occupies a worker. Hooks run on the loop thread and must be short. A hook may
-/// close or destroy the server only if no call to a client is under way, because the call would
-/// wait for this thread.
-///
-/// Owner: the server owns its handlers. `close` and the destructor wait for running handlers, hooks
-/// and log sinks, except when one of them is the caller. None runs afterwards.
-///
-/// Failure: `listen`, `wait` and `on` throw tolk::Error. Calls return a Result.
-class Server {
+/// Hooks run where handlers run: on_connect of a client before its calls, on_closed after it. A
+/// moved-from server can only be destroyed or assigned to. Failure: `listen` and `wait` throw
+/// tolk::Error.
+class Server : public Calls<Server, ClientId>, public Endpoint<Server, detail::ServerCore> {
  public:
-  /// A server that does not listen. It uses `limit` and `quiet` of the options.
-  explicit Server(const Options& options = {})
-      : core_(std::make_shared<detail::ServerCore>(options)) {}
-  /// A moved-from server can only be destroyed or assigned to.
-  Server(Server&&) noexcept = default;
-  /// Exchanges the two servers.
-  Server& operator=(Server&& other) noexcept {
-    std::swap(core_, other.core_);
-    return *this;
-  }
-  /// Closes the server.
-  ~Server() { close(); }
+  /// A server that does not listen.
+  explicit Server(const Options& options = {}) : Endpoint(options) {}
 
-  /// Registers a method. Its parameter and result types are deduced from the handler. codec.hpp
-  /// lists the types; a handler may also take Caller, tolk::named and tolk::Values. The caller gets
-  /// the return value, or an error with the text of the exception. `about` is a description for
-  /// Client::describe. Throws Errc::misuse for a second handler of a name.
-  template <class Handler>
-  Server& on(std::string_view method, Handler handler, std::string about = {}) {
-    core_->add(detail::make_method(method, std::move(handler), std::move(about)));
-    return *this;
-  }
-
-  /// Sets the handler for all names without a handler. It gets the caller, whose `method()` is the
-  /// name, and the arguments, and returns the result. A caller without this layer finds an
-  /// additional last value "no event: NAME".
-  Server& on_any(std::function<Values(const Caller&, const Values&)> handler) {
-    core_->side->catch_all = [handler = std::move(handler)](const detail::Invocation& call) {
-      const Caller caller(call.caller_id, call.method, call.back);
-      handler(caller, Values::of(call.in)).put(call.out);
-    };
-    return *this;
-  }
-  /// Sets the hook for new clients. It gets the client's id, before the client can be called.
-  Server& on_connect(std::function<void(int client)> hook) {
+  /// Sets the hook for new clients. It gets the client's id, and may call the client.
+  Server& on_connect(Function<void(ClientId client)> hook) {
     core_->on_connect = std::move(hook);
     return *this;
   }
   /// Sets the hook for ended connections. It gets the client's id.
-  Server& on_closed(std::function<void(int client)> hook) {
+  Server& on_closed(Function<void(ClientId client)> hook) {
     core_->on_closed = std::move(hook);
     return *this;
   }
-  /// Sets the hook for received pieces of large data (Client::send). It may cancel, or throw an
-  /// exception, whose text the sender gets.
-  Server& on_receiving(std::function<void(const Caller&, Progress)> hook) {
-    core_->side->receiving = std::move(hook);
-    return *this;
-  }
-  /// Sets the log sink. It gets the lines of the listening server with their line ends: connects,
-  /// disconnects, failed handlers. Without a sink these lines are dropped. The lines of a close go
-  /// to standard output, unless the server is quiet. The sink runs on the thread that logs, several
-  /// at a time. It must be short and must not use the server.
-  Server& log(std::function<void(std::string_view line)> sink) {
-    core_->side->log = std::move(sink);
-    return *this;
-  }
-
-  /// Starts to listen and returns. Throws tolk::Error (Errc::cannot_listen) with the reason.
+  /// Starts to listen and returns. Throws tolk::Error: Errc::bad_address or Errc::cannot_listen.
   void listen(const Address& where) { core_->listen(where); }
-  /// Ends all connections and stops listening. It first waits for outgoing calls to clients, up to
-  /// their timeouts. After a client has stopped the server, it does not wait for them, because
-  /// nothing checks their timeouts; they return when another server of the process makes calls. A
-  /// closed server cannot listen again.
-  void close() {
-    if (const auto core = core_) core->close();
-  }
-  /// Returns whether the server listens. Any client may ask a server to close.
+  /// Returns whether the server listens.
   bool listening() const { return core_->listening(); }
-  /// Waits until another thread or a client closes the server. Throws Errc::misuse if the server
-  /// never listened.
+  /// Waits until another thread or a client closes the server. Throws Errc::misuse without listen.
   void wait() { core_->wait(); }
-  /// Returns the text form of the address; empty before `listen`.
-  std::string address() const { return core_->address(); }
+  /// Returns the port of a TCP server, otherwise 0.
+  int port() const { return core_->port(); }
 
   /// Returns the ids of the connected clients; none after a close.
-  std::vector<int> clients() const { return core_->clients.ids(); }
-  /// Returns the methods of this server.
-  std::vector<MethodInfo> methods() const { return core_->side->infos(); }
-
-  /// Calls a method of a client and waits for the result, like Client::call. A client without this
-  /// layer does not answer for an unknown method, which is Errc::timed_out. The end of the
-  /// connection is noticed at the timeout.
-  template <class T = void, class... Args>
-  Result<T> call(int client, std::string_view method, const Args&... args) {
-    const auto core = core_;
-    return detail::call<T>(*core, client, method, args...);
-  }
-  /// Posts a call to a client, like Client::post.
+  std::vector<ClientId> clients() const { return core_->clients(); }
+  /// Ends the connection of a client. Returns whether there was one.
+  bool disconnect(ClientId client) { return core_->disconnect(client); }
+  /// Posts a call to all clients. Errc::busy: some did not get it, because too much waits for them.
   template <class... Args>
-  Result<void> post(int client, std::string_view method, const Args&... args) {
-    const auto core = core_;
-    return detail::post(*core, client, method, args...);
+  Result<void> broadcast(std::string_view method, const Args&... args) {
+    return this->post(TOLK_ALL, method, args...);
   }
 
  private:
-  std::shared_ptr<detail::ServerCore> core_;
+  friend class Calls<Server, ClientId>;
+  detail::Callee callee(ClientId client) const { return {core_, client}; }
 };
 
 }  // namespace v1

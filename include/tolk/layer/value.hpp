@@ -1,20 +1,17 @@
 /// @file
-/// Values whose types are known only at run time: one Value, and the Values of a call.
+/// Values whose types are known only at run time, and the layer's hold on the blocks under them.
 ///
-/// Thread: values, one thread at a time. Owner: each value owns its bytes and does not point into a
-/// library block. Failure: std::bad_alloc; the accessors of Value throw std::bad_variant_access.
+/// Thread: values, one thread at a time. Owner: copies of a value share what it holds. Failure:
+/// std::bad_alloc; Value::get throws std::bad_variant_access.
 #pragma once
 
-#include <tolk/ListParams.h>
-#include <tolk/TolkParams.h>
-#include <tolk/TolkValue.h>
+#include <tolk/c.h>
 
-#include <cstddef>
-#include <cstring>
+#include <concepts>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -22,228 +19,284 @@
 namespace tolk {
 inline namespace v1 {
 
-/// Any bytes, zero bytes included. They are sent as a byte stream.
+/// Any bytes, zero bytes included.
 using bytes = std::vector<std::byte>;
 
 /// @cond internal
 namespace detail {
+template <class T, class... Of>
+concept OneOf = (std::same_as<T, Of> || ...);
 
-inline std::string_view chars(const std::byte* data, std::size_t size) {
-  return {reinterpret_cast<const char*>(data), size};
-}
+template <class T>
+concept Integer = std::integral<T> && !OneOf<T, bool, char, wchar_t, char8_t, char16_t, char32_t>;
 
-inline bytes to_bytes(std::string_view text) {
-  const auto* const first = reinterpret_cast<const std::byte*>(text.data());
-  return {first, first + text.size()};
-}
+// What the C interface gives and takes by pointer, or none.
+template <class T, void (*Free)(T*)>
+class Held {
+ public:
+  Held() = default;
+  explicit Held(T* owned) noexcept : held_(owned) {}
+  Held(Held&& other) noexcept : held_(other.release()) {}
+  Held& operator=(Held&& other) noexcept {
+    std::swap(held_, other.held_);
+    return *this;
+  }
+  ~Held() { Free(held_); }
 
-inline bool has_bytes(const TolkValue& value) { return value.IsString() || value.IsStream(); }
+  T* get() const noexcept { return held_; }
+  T* release() noexcept { return std::exchange(held_, nullptr); }
+  T** place() noexcept { return &held_; }
 
-// The bytes of a string or a stream; valid as long as the value.
-inline std::string_view bytes_of(const TolkValue& value) {
-  long size = 0;
-  const char* const data = value.GetStream(size);
-  return {data, static_cast<std::size_t>(size)};
-}
-
-// The three places of a scalar: a position, a key, and a list element.
-struct Position {
-  TolkParams& block;
-  void boolean(bool v) const { block.AddBool(v); }
-  void integer(int v) const { block.AddInt(v); }
-  void real(double v) const { block.AddDouble(v); }
-  void string(const char* text, std::size_t) const { block.AddString(text); }
-  void stream(std::string_view v) const { block.AddStream(v.data(), static_cast<long>(v.size())); }
+ private:
+  T* held_ = nullptr;
 };
 
-struct Key {
-  TolkParams& block;
-  const char* key;
-  void boolean(bool v) const { block.AddKeyValueBool(key, v); }
-  void integer(int v) const { block.AddKeyValueInt(key, v); }
-  void real(double v) const { block.AddKeyValueDouble(key, v); }
-  void string(const char* text, std::size_t) const { block.AddKeyValueString(key, text); }
-  void stream(std::string_view v) const {
-    block.AddKeyValueStream(key, v.data(), static_cast<long>(v.size()));
+// As each block of the C interface, it carries a lack of memory along.
+using Block = Held<tolk_block, tolk_block_free>;
+using CError = Held<tolk_error, tolk_error_free>;
+
+inline Block new_block() noexcept { return Block(tolk_block_new()); }
+
+inline const char* name_of(tolk_kind kind) noexcept {
+  constexpr const char* kNames[] = {"nothing", "nothing", "bool",  "int",  "int",
+                                    "double",  "string",  "bytes", "list", "map"};
+  return kind <= TOLK_MAP ? kNames[kind] : "unknown";
+}
+
+// One value of a block that is read. It may be missing. `why`, if not null, receives why the value
+// does not fit: a text that follows the name of the argument.
+struct From {
+  const tolk_block* block = nullptr;
+  std::size_t index = 0;
+  std::string* why = nullptr;
+
+  tolk_kind kind() const noexcept { return tolk_block_kind(block, index); }
+  bool is_nothing() const noexcept { return kind() <= TOLK_NONE; }
+
+  // Of a text or bytes: older peers do not tell these apart.
+  bool has_bytes() const noexcept { return kind() == TOLK_TEXT || kind() == TOLK_BYTES; }
+  std::string_view bytes() const noexcept {
+    std::size_t size = 0;
+    const void* const first = tolk_block_bytes(block, index, &size);
+    return {static_cast<const char*>(first), size};
+  }
+
+  // The values of a list or a map, null without. Older peers send both as bytes.
+  const tolk_block* inside(tolk_kind wanted) const noexcept {
+    const tolk_kind is = kind();
+    return is == wanted || is == TOLK_BYTES ? tolk_block_inner(block, index) : nullptr;
+  }
+  From at(const tolk_block* inner, std::size_t i) const noexcept { return {inner, i, why}; }
+  // Behind the last position there is nothing: the block has its keyed values there.
+  static From position(const tolk_block* of, std::size_t i, std::string* why = nullptr) noexcept {
+    return {of, i < tolk_block_count(of) ? i : TOLK_NOWHERE, why};
+  }
+
+  // For a value that does not fit. They return false.
+  bool refuse(std::string_view text) const {
+    if (why != nullptr) *why = text;
+    return false;
+  }
+  // An element has said why.
+  bool refuse_in(std::string_view place) const {
+    if (why != nullptr) why->insert(0, place);
+    return false;
   }
 };
 
-struct Element {
-  ListParams& list;
-  void boolean(bool v) const { list.AddBool(v); }
-  void integer(int v) const { list.AddInt(v); }
-  void real(double v) const { list.AddDouble(v); }
-  void string(const char* text, std::size_t size) const {
-    list.AddString(text, static_cast<long>(size));
-  }
-  void stream(std::string_view v) const { list.AddStream(v.data(), static_cast<long>(v.size())); }
-};
-
-// A string record ends at its first zero byte, so a string with a zero byte is sent as a stream.
-template <class Place>
-void put_text(const Place& place, const char* text, std::size_t size) {
-  if (std::memchr(text, 0, size) == nullptr) {
-    place.string(text, size);
-  } else {
-    place.stream({text, size});
-  }
+// The next value's key. One with a zero byte is refused like a reserved one: it would be cut.
+inline void put_key(tolk_block* to, const std::string& key) noexcept {
+  const bool has_zero = key.find('\0') != std::string::npos;
+  tolk_block_add_key(to, has_zero ? "tolk." : key.c_str());
 }
 
-// Adds a list. `fill` adds its elements.
+inline void put_text(tolk_block* to, std::string_view text) noexcept {
+  tolk_block_add_text(to, text.data() == nullptr ? "" : text.data(), text.size());
+}
+
+// Adds a list or a map that `fill` fills.
 template <class Fill>
-void put_list(TolkParams& block, const Fill& fill) {
-  ListParams* const list = TolkParams::CreateListParams();
-  try {
-    fill(Element{*list});
-  } catch (...) {
-    TolkParams().AddList(list);  // only a block can free it
-    throw;
-  }
-  block.AddList(list);
+void put_inner(tolk_block* to, tolk_kind kind, const Fill& fill) {
+  const Block inner = new_block();
+  fill(inner.get());
+  kind == TOLK_MAP ? tolk_block_add_map(to, inner.get()) : tolk_block_add_list(to, inner.get());
 }
-
-// Sends a value without a wire type as a stream that holds a block.
-template <class Place, class Fill>
-void put_block(const Place& place, const Fill& fill) {
-  TolkParams inner;
-  fill(inner);
-  place.stream(*inner.GetParamas());
-}
-
-inline bool parse_block(TolkParams& block, std::string_view text) {
-  return block.Parser(text.data(), static_cast<int>(text.size()));
-}
-
-// The library reserves the keys of the envelope and of this layer.
-inline bool is_reserved(std::string_view name) {
-  return name.starts_with("s_c_") || name.starts_with("tolk.");
-}
-
 }  // namespace detail
 /// @endcond
 
-/// One value of any type that can be sent: nothing, bool, int, double, string, bytes, or a list.
-/// A received map reads as nothing.
+/// One value: nothing, bool, an integer, double, string, bytes, a list or a map. A struct is a map.
 class Value {
  public:
-  /// The elements of a list. On the wire, a list inside a list is a stream that holds a block.
+  /// The elements of a list.
   using List = std::vector<Value>;
+  /// The values of a map, or the fields of a struct.
+  using Map = std::map<std::string, Value>;
 
   /// Nothing.
   Value() = default;
   /// A bool.
-  Value(bool v) : held_(v) {}
-  /// An int.
-  Value(int v) : held_(v) {}
+  Value(bool v) { hold(v); }
+  /// An integer. It is held as int if it fits, else as std::int64_t, else as std::uint64_t.
+  template <detail::Integer T>
+  Value(T v) {
+    if (std::in_range<int>(v)) {
+      hold(static_cast<int>(v));
+    } else if (std::in_range<std::int64_t>(v)) {
+      hold(static_cast<std::int64_t>(v));
+    } else {
+      hold(static_cast<std::uint64_t>(v));
+    }
+  }
   /// A double.
-  Value(double v) : held_(v) {}
+  Value(double v) { hold(v); }
   /// A string.
-  Value(std::string v) : held_(std::move(v)) {}
-  /// A string.
-  Value(const char* v) : held_(std::string(v)) {}
-  /// Bytes.
-  Value(bytes v) : held_(std::move(v)) {}
-  /// A list.
-  Value(List v) : held_(std::move(v)) {}
+  Value(const char* v) : Value(std::string(v)) {}
+  /// A std::string, bytes, a list or a map.
+  template <detail::OneOf<std::string, bytes, List, Map> T>
+  Value(T v) : held_as_(kOf<T>), shared_(new T(std::move(v)), drop<T>) {}
 
   /// Whether the value is nothing.
-  bool is_none() const noexcept { return held_.index() == 0; }
-  /// Whether the value is of type `T`: bool, int, double, std::string, bytes or List.
+  bool is_none() const noexcept { return held_as_ == 0; }
+  /// Whether the value is held as a `T`: bool, int, std::int64_t, std::uint64_t, double,
+  /// std::string, bytes, List or Map.
   template <class T>
   bool is() const noexcept {
-    return std::holds_alternative<T>(held_);
+    return held_as_ == kOf<T>;
   }
-  /// Returns the value as a `T`. Throws std::bad_variant_access for another type.
+  /// Returns the value that is held as a `T`. Throws std::bad_variant_access for another type.
   template <class T>
   const T& get() const {
-    return std::get<T>(held_);
+    if (const T* const held = get_if<T>()) return *held;
+    throw std::bad_variant_access();
   }
-  /// Returns a pointer to the value as a `T`, or null for another type.
+  /// Returns a pointer to the value that is held as a `T`, or null.
   template <class T>
   const T* get_if() const noexcept {
-    return std::get_if<T>(&held_);
+    if (!is<T>()) return nullptr;
+    const void* const held = std::is_arithmetic_v<T> ? scalar_ : shared_.get();
+    return static_cast<const T*>(held);
   }
+  /// Returns the value as any type that travels, such as a struct, or nothing if it does not fit.
+  template <class T>
+  std::optional<T> to() const;
 
   /// Whether both values have the same type and are equal.
-  bool operator==(const Value& other) const = default;
+  bool operator==(const Value& other) const {
+    bool is_same = held_as_ == other.held_as_;
+    visit([&]<class T>(const T& held) { is_same = is_same && held == other.get<T>(); });
+    return is_same;
+  }
 
   /// The name of the type: `"int"`, `"list"`, `"nothing"`.
   const char* type_name() const noexcept {
-    static constexpr const char* kNames[] = {"nothing", "bool",  "int", "double",
-                                             "string",  "bytes", "list"};
-    return kNames[held_.index()];
+    return detail::name_of(static_cast<tolk_kind>(held_as_ < 3 ? held_as_ + 1 : held_as_));
   }
 
   /// @cond internal
-  static Value of(const TolkValue* from) {
-    if (from == nullptr) return {};
-    if (from->IsBool()) return from->GetBool();
-    if (from->IsInt()) return from->GetInt();
-    if (from->IsDouble()) return from->GetDouble();
-    if (from->IsString()) return std::string(detail::bytes_of(*from));
-    if (from->IsStream()) return detail::to_bytes(detail::bytes_of(*from));
-    if (!from->IsList()) return {};
-    List elements;
-    for (const TolkValue* element : *from->GetList()) elements.push_back(of(element));
-    return elements;
+  static Value of(detail::From from) {
+    const auto [block, index, why] = from;
+    switch (from.kind()) {
+      case TOLK_BOOL:
+        return tolk_block_bool(block, index);
+      case TOLK_INT:
+        return tolk_block_int(block, index);
+      case TOLK_UINT:
+        return tolk_block_uint(block, index);
+      case TOLK_DOUBLE:
+        return tolk_block_double(block, index);
+      case TOLK_TEXT:
+        return std::string(from.bytes());
+      case TOLK_BYTES: {
+        const auto* const first = reinterpret_cast<const std::byte*>(from.bytes().data());
+        return bytes(first, first + from.bytes().size());
+      }
+      case TOLK_LIST:
+        return list_of(tolk_block_inner(block, index));
+      case TOLK_MAP:
+        return map_of(tolk_block_inner(block, index));
+      default:
+        return {};
+    }
+  }
+  static List list_of(const tolk_block* block) {
+    List list;
+    const std::size_t count = tolk_block_count(block);
+    list.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) list.push_back(of({block, i}));
+    return list;
+  }
+  static Map map_of(const tolk_block* block) {
+    Map map;
+    const std::size_t total = tolk_block_total(block);
+    for (std::size_t i = tolk_block_count(block); i < total; ++i) {
+      const std::string key = tolk_block_key(block, i);
+      map[key] = of({block, i});
+    }
+    return map;
   }
 
-  template <class Place>
-  void put(const Place& place) const {
-    if (const bool* v = get_if<bool>()) return place.boolean(*v);
-    if (const int* v = get_if<int>()) return place.integer(*v);
-    if (const double* v = get_if<double>()) return place.real(*v);
-    if (const auto* v = get_if<std::string>()) {
-      return detail::put_text(place, v->data(), v->size());
-    }
-    if (const auto* v = get_if<bytes>()) return place.stream(detail::chars(v->data(), v->size()));
-    if (const List* v = get_if<List>()) put_list(place, *v);
-  }
+  void put(tolk_block* to) const;
   /// @endcond
 
  private:
-  static void put_list(const detail::Position& place, const List& list) {
-    detail::put_list(place.block, [&](const detail::Element& element) {
-      for (const Value& value : list) value.put(element);
-    });
+  // A std::variant of all of them costs each file that includes this a fifth of a second.
+  template <class T, class... Of>
+  static constexpr unsigned index_in() {
+    unsigned index = 0;
+    (void)((++index, std::same_as<T, Of>) || ...);
+    return index;
   }
-  template <class Place>
-  static void put_list(const Place& place, const List& list) {
-    detail::put_block(place, [&](TolkParams& inner) {
-      for (const Value& value : list) value.put(detail::Position{inner});
-    });
+  template <class T>
+  static constexpr unsigned kOf =
+      index_in<T, bool, int, std::int64_t, std::uint64_t, double, std::string, bytes, List, Map>();
+
+  template <class T>
+  static void drop(const void* held) {
+    delete static_cast<const T*>(held);
+  }
+  template <class T>
+  void hold(T v) {
+    held_as_ = kOf<T>;
+    std::construct_at(reinterpret_cast<T*>(scalar_), v);
+  }
+  // Nothing is not visited.
+  template <class Visit>
+  void visit(const Visit& visitor) const {
+    visit_as<bool, int, std::int64_t, std::uint64_t, double, std::string, bytes, List, Map>(
+        visitor);
+  }
+  template <class... Of, class Visit>
+  void visit_as(const Visit& visitor) const {
+    (void)((is<Of>() && (visitor(get<Of>()), true)) || ...);
   }
 
-  std::variant<std::monostate, bool, int, double, std::string, bytes, List> held_;
+  unsigned held_as_ = 0;
+  alignas(8) std::byte scalar_[8] = {};
+  std::shared_ptr<const void> shared_;
 };
 
 /// The arguments or the results of a call, of any types: positional values and keyed values.
 ///
 /// It can be an argument (its values are inserted among the other arguments), the result type of a
 /// call, the return type of a handler, and the only positional parameter of a handler.
-/// @code
-/// tolk::Values arguments;
-/// arguments.add(3).add("name", "x.txt");
-/// tolk::Values results = client.call<tolk::Values>("anything", arguments).value();
-/// @endcode
 class Values {
  public:
-  /// Adds a positional value. A value that is nothing is not sent, so the following values move up.
+  /// Adds a positional value.
   Values& add(Value value) {
     positional_.push_back(std::move(value));
     return *this;
   }
-  /// Sets the value of a key, and replaces an earlier one. The library reserves keys that begin
-  /// with `s_c_` or `tolk.`; they do not arrive.
+  /// Sets the value of a key, and replaces an earlier one. A call with a key that begins with
+  /// `s_c_` or `tolk.` fails, because the library reserves these.
   Values& add(const std::string& key, Value value) {
     keyed_[key] = std::move(value);
     return *this;
   }
 
   /// The positional values, in order.
-  const std::vector<Value>& positional() const noexcept { return positional_; }
+  const Value::List& positional() const noexcept { return positional_; }
   /// The keyed values.
-  const std::map<std::string, Value>& keyed() const noexcept { return keyed_; }
+  const Value::Map& keyed() const noexcept { return keyed_; }
   /// The number of positional values.
   std::size_t size() const noexcept { return positional_.size(); }
   /// A positional value, or nothing beyond the last one.
@@ -258,33 +311,23 @@ class Values {
   /// Whether all values are equal.
   bool operator==(const Values& other) const = default;
 
-  /// Parses a complete block, such as the stream of a struct or of an inner list.
+  /// Parses a complete block, such as the bytes of a struct from an older peer.
   static std::optional<Values> parse(std::string_view text) {
-    TolkParams block;
-    if (!detail::parse_block(block, text)) return std::nullopt;
-    return of(block);
+    detail::Block block;
+    tolk_block_parse(text.data(), text.size(), block.place(), nullptr, nullptr);
+    if (block.get() == nullptr) return std::nullopt;
+    return of(block.get());
   }
 
   /// @cond internal
-  // `first`, if not null, replaces the first positional value.
-  static Values of(TolkParams& block, const TolkValue* first = nullptr) {
+  // `before`: a block whose values come first.
+  static Values of(const tolk_block* block, const tolk_block* before = nullptr) {
     Values values;
-    for (int i = 0; i < block.ParamsSize(); ++i) {
-      values.add(Value::of(i == 0 && first != nullptr ? first : block.GetValue(i)));
-    }
-    for (const auto& [key, value] : *block.GetMapPtr()) {
-      if (!detail::is_reserved(key)) values.keyed_[key] = Value::of(value);
-    }
+    values.positional_ = Value::list_of(before);
+    for (Value& value : Value::list_of(block)) values.add(std::move(value));
+    values.keyed_ = Value::map_of(block);
     return values;
   }
-
-  void put(TolkParams& block) const {
-    for (const Value& value : positional_) value.put(detail::Position{block});
-    for (const auto& [key, value] : keyed_) value.put(detail::Key{block, key.c_str()});
-  }
-
-  // Removes the value that the library adds after the answer of a catch-all handler.
-  void drop_last() { positional_.pop_back(); }
   /// @endcond
 
  private:
@@ -293,8 +336,8 @@ class Values {
     return none;
   }
 
-  std::vector<Value> positional_;
-  std::map<std::string, Value> keyed_;
+  Value::List positional_;
+  Value::Map keyed_;
 };
 
 }  // namespace v1

@@ -143,11 +143,8 @@ TOLK_CAPI_OVER_TRANSPORTS(DataWire);
 TEST_P(DataWire, DataOfACallTravelInPieces) {
   connect();
   const auto arguments = seven_and_ok();
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "sum";
+  tolk_call call = call_of("sum", nullptr, 1500);
   call.arguments = arguments.get();
-  call.limit_ms = 1500;
   call.source = three_bytes();
   const uint64_t number = tolk_client_start(client.get(), &call);
   auto piece = peer.read_message();
@@ -274,10 +271,7 @@ TEST_P(DataWire, AClientTellsThatTheDataAreTooLarge) {
   tolk_client_options options{};
   options.most_data_bytes = 2;
   connect(options);
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "give";
-  call.limit_ms = TOLK_FOREVER;
+  tolk_call call = call_of("give", nullptr, TOLK_FOREVER);
   const uint64_t number = tolk_client_start(client.get(), &call);
   const auto question = peer.read_message();
   ASSERT_TRUE(question && question->token());

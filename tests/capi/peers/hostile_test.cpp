@@ -17,9 +17,10 @@ std::string echo_call(const std::string& token = "0x7") {
 
 class HostileToCapiServer : public OverTransports {
  protected:
+  // A request may arrive until the server is closed.
   void TearDown() override {
-    release();
     server.reset();
+    release();
   }
 
   // "keep" holds its requests until the end.
@@ -55,6 +56,24 @@ class HostileToCapiServer : public OverTransports {
       if (!answer || answer->string_at(0) != "ping") return false;
     }
     return true;
+  }
+
+  // 128 MiB would be in memory if the server read on.
+  void expect_that_a_flood_is_not_read(const tolk_server_options& options) {
+    listen(options);
+    RawClient peer(address);
+    const long before = resident_kib();
+    const std::string arguments =
+        BlockWriter().add(Stream{std::string(std::size_t{128} << 10, 'x')}).bytes();
+    const std::string flood = frame(call_payload("keep", 3, arguments, "0x7"));
+    int sent = 0;
+    for (; sent < 8; ++sent) ASSERT_TRUE(peer.socket.send(flood));
+    EXPECT_TRUE(eventually([&] { return count_kept() >= 8; }));
+    while (sent < 1024 && peer.socket.send(flood, Milliseconds(200))) ++sent;
+    EXPECT_LT(sent, 1024);
+    EXPECT_TRUE(serves());
+    EXPECT_LT(count_kept(), 64U);
+    EXPECT_LT(resident_kib() - before, 32 * 1024);
   }
 
   std::mutex mutex;
@@ -152,24 +171,16 @@ TEST_P(HostileToCapiServer, RandomBytesDisturbNobody) {
   EXPECT_TRUE(eventually([&] { return tolk_server_clients(server.get(), nullptr, 0) == 1; }));
 }
 
-// 128 MiB would be in memory if the server read on.
-TEST_P(HostileToCapiServer, AFloodAboveTheQuotaIsNotRead) {
+TEST_P(HostileToCapiServer, AFloodOfRequestsAboveTheQuotaIsNotRead) {
   tolk_server_options options{};
   options.most_client_requests = 8;
+  expect_that_a_flood_is_not_read(options);
+}
+
+TEST_P(HostileToCapiServer, AFloodOfArgumentsAboveTheQuotaIsNotRead) {
+  tolk_server_options options{};
   options.most_client_bytes = kMiB;
-  listen(options);
-  RawClient peer(address);
-  const long before = resident_kib();
-  const std::string arguments =
-      BlockWriter().add(Stream{std::string(std::size_t{128} << 10, 'x')}).bytes();
-  const std::string flood = frame(call_payload("keep", 3, arguments, "0x7"));
-  int sent = 0;
-  while (sent < 1024 && peer.socket.send(flood, Milliseconds(200))) ++sent;
-  EXPECT_LT(sent, 1024);
-  EXPECT_TRUE(serves());
-  EXPECT_GE(count_kept(), 8U);
-  EXPECT_LT(count_kept(), 64U);
-  EXPECT_LT(resident_kib() - before, 32 * 1024);
+  expect_that_a_flood_is_not_read(options);
 }
 
 // What comes in one read with the request that reaches the quota waits as well.
@@ -232,7 +243,7 @@ TEST_P(HostileToCapiServer, WhoBeginsTooManyLargeCallsIsDisconnected) {
 
 TEST_P(HostileToCapiServer, WhoSaysNothingIsDisconnected) {
   tolk_server_options options{};
-  options.hello_limit_ms = 50;
+  options.hello_limit_ms = 1000;  // enough for the bystander
   listen(options);
   RawClient peer(address, false);
   EXPECT_TRUE(peer.socket.ended());
@@ -273,6 +284,41 @@ TEST_P(HostileToCapiServer, TypesOfNoValueAreIgnored) {
   EXPECT_TRUE(serves());
 }
 
+// The first piece of a transfer, and what its sender hears.
+std::string begin_transfer(RawClient& peer, int transfer, std::size_t argument_bytes) {
+  const BlockWriter arguments = BlockWriter().add(std::string(argument_bytes, 'x'));
+  const BlockWriter piece = BlockWriter()
+                                .keyed("tolk.transfer", transfer)
+                                .keyed("tolk.method", "echo")
+                                .keyed("tolk.offset", 0.0)
+                                .keyed("tolk.total", 1000.0)
+                                .keyed("tolk.arguments", Stream{arguments.bytes()})
+                                .add(Stream{});
+  const auto answer = peer.call("tolk.piece", 1, piece.bytes());
+  return answer ? answer->text("tolk.kind").value_or("begun") : "no answer";
+}
+
+// Their requests are not held against the client, since only its pieces can end them.
+TEST_P(HostileToCapiServer, TransfersThatDoNotGoOnAreBounded) {
+  listen();
+  RawClient peer(address);
+  for (int transfer = 0; transfer < 1000; ++transfer) {
+    ASSERT_EQ(begin_transfer(peer, transfer, 1), "begun");
+  }
+  EXPECT_EQ(begin_transfer(peer, 1000, 1), "busy");
+  EXPECT_TRUE(serves());
+}
+
+TEST_P(HostileToCapiServer, ArgumentsOfTransfersThatDoNotGoOnAreBounded) {
+  tolk_server_options options{};
+  options.most_client_bytes = kMiB;
+  listen(options);
+  RawClient peer(address);
+  EXPECT_EQ(begin_transfer(peer, 1, std::size_t{2} * kMiB), "begun");
+  EXPECT_EQ(begin_transfer(peer, 2, 1), "busy");
+  EXPECT_TRUE(serves());
+}
+
 class HostileToCapiClient : public OverTransports {
  protected:
   void connect(tolk_client_options options = {}) {
@@ -285,10 +331,7 @@ class HostileToCapiClient : public OverTransports {
   // What became of a call that the peer answers with `answer(call)`.
   template <class Answering>
   tolk_status status_of_call(const Answering& answering) {
-    tolk_call call{};
-    call.size = sizeof call;
-    call.method = "ask";
-    call.limit_ms = 20000;
+    tolk_call call = call_of("ask", nullptr, 20000);
     const uint64_t number = tolk_client_start(client.get(), &call);
     const auto asked = peer.read_message();
     if (!asked) return TOLK_MISUSE;

@@ -50,7 +50,7 @@ TEST_P(CapiAndLayer, ALayerServerCallsACClient) {
   ASSERT_NE(client, nullptr);
   tolk_block* result = nullptr;
   ASSERT_EQ(tolk_client_call(client.get(), "here", nullptr, 0, &result, nullptr), TOLK_OK);
-  const int id = static_cast<int>(tolk_block_int(result, 0));
+  const auto id = static_cast<std::uint64_t>(tolk_block_int(result, 0));
   tolk_block_free(result);
   EXPECT_EQ(server.call<std::string>(id, "echo", "ab").value(), "ab");
   const auto failed = server.call<std::string>(id, "fail");

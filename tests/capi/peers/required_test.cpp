@@ -153,10 +153,7 @@ TEST_P(CapiAtRequiredServer, ACatchAllSeesNoNameOfTheLibrary) {
     out->AddString("seen");
   }));
   start();
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "cancelled";
-  call.limit_ms = TOLK_FOREVER;
+  tolk_call call = call_of("cancelled", nullptr, TOLK_FOREVER);
   tolk_client_cancel(client.get(), tolk_client_start(client.get(), &call));
   tolk_client_post(client.get(), "posted", nullptr, kLongMs, nullptr);
   EXPECT_EQ(call_client(client.get(), "tolk.describe", "").status, TOLK_NO_METHOD);
@@ -176,10 +173,7 @@ TEST_P(CapiAtRequiredServer, TheClientLearnsThatTheServerHasGone) {
   const OpenAtEnd open(gate);
   server->method("slow", blocking(gate));
   start();
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "slow";
-  call.limit_ms = kLongMs;
+  tolk_call call = call_of("slow", nullptr, kLongMs);
   const uint64_t number = tolk_client_start(client.get(), &call);
   ASSERT_TRUE(gate.wait_entered());
   std::thread closing([&] { server->close(); });

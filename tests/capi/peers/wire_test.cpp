@@ -90,11 +90,8 @@ class CapiClientWire : public OverTransports {
         BlockWriter().add(true).keyed("VERSION", kVersion).keyed(kFeatures, kPeerFeatures)));
   }
   uint64_t start(const char* method, const tolk_block* arguments, int limit_ms) {
-    tolk_call call{};
-    call.size = sizeof call;
-    call.method = method;
+    tolk_call call = call_of(method, nullptr, limit_ms);
     call.arguments = arguments;
-    call.limit_ms = limit_ms;
     return tolk_client_start(client.get(), &call);
   }
   std::string answer_to(const char* method) {
@@ -229,8 +226,8 @@ class CapiServerWire : public OverTransports {
     });
     methods.add("drop", [](tolk_request* request) { tolk_request_free(request); });
   }
-  void listen(bool greets = true) {
-    server = c_server(address, methods);
+  void listen(bool greets = true, tolk_server_options options = {}) {
+    server = c_server(address, methods, options);
     peer = std::make_unique<RawClient>(address, greets);
     ASSERT_EQ(peer->is_greeted(), greets);
   }
@@ -278,11 +275,8 @@ TEST_P(CapiServerWire, ItsCallsAndPostsMatchTheGoldenFiles) {
   listen();
   uint64_t id = 0;
   ASSERT_EQ(tolk_server_clients(server.get(), &id, 1), 1U);
-  tolk_call call{};
-  call.size = sizeof call;
-  call.method = "sum";
+  tolk_call call = call_of("sum", nullptr, TOLK_FOREVER);
   call.client = id;
-  call.limit_ms = TOLK_FOREVER;
   const auto arguments = filled();
   call.arguments = arguments.get();
   tolk_server_start(server.get(), &call);
@@ -306,6 +300,24 @@ TEST_P(CapiServerWire, APlainClientGetsNoNameOfTheLibrary) {
     ASSERT_TRUE(message);
     EXPECT_EQ(message->name(), name);
   }
+}
+
+// The executor runs what is refused before the start returns.
+TEST_P(CapiServerWire, AnOutcomeMayCancelTheCallsToAllThatHaveNotBegun) {
+  tolk_server_options options{};
+  options.execute = [](void*, tolk_task* task) { tolk_task_run(task); };
+  listen(true, options);
+  const auto other = c_client(address, {});
+  std::vector<tolk_status> outcomes;
+  Done last;
+  last.also = [&](const tolk_outcome* outcome) {
+    outcomes.push_back(outcome->status);
+    if (outcome->left == 1) tolk_server_cancel(server.get(), outcome->call);
+  };
+  tolk_call call = call_of("tolk.describe", &last, TOLK_FOREVER);
+  call.client = TOLK_ALL;
+  tolk_server_start(server.get(), &call);
+  EXPECT_EQ(outcomes, (std::vector<tolk_status>{TOLK_NO_METHOD, TOLK_CANCELLED}));
 }
 
 TEST_P(CapiServerWire, ACallWithoutIdAndTokenIsNotAnswered) {

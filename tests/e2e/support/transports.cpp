@@ -31,13 +31,15 @@ SocketAddress any_ip4_address(int port) { return ip4_address("0.0.0.0", port); }
 SocketAddress any_ip6_address(int port) { return ip6_address("::", port); }
 
 // Below the ports that the system gives to connecting sockets, so that none of those takes it
-// before the server does; other test processes search elsewhere in the range.
+// before the server does; other test processes search elsewhere in the range, also when a process
+// runs many tests.
 std::string free_port(SocketAddress (*any_address)(int port)) {
   constexpr int kFirst = 10000;
   constexpr int kCount = 22000;
-  constexpr int kPortsOfAProcess = 37;
+  constexpr int kPortsOfAProcess = 1009;
   for (;;) {
-    const int port = kFirst + (process_number() * kPortsOfAProcess + next_number()) % kCount;
+    const int first = process_number() % kCount * kPortsOfAProcess;
+    const int port = kFirst + (first + next_number()) % kCount;
     if (is_free(any_address(port))) return std::to_string(port);
   }
 }

@@ -8,7 +8,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kPatienceMs = 20000;
+constexpr int kTrafficPatienceMs = 20000;
 constexpr int kFewest = 10;
 
 TolkValue* value_at(TolkParams* block, int position) {
@@ -80,7 +80,7 @@ bool Bystander::call(Latencies* latencies) {
   Question question(++number_, 64);
   const auto begin = Clock::now();
   TolkParams* const reply =
-      client_->SendMsgFast("echo", question.arguments(), call_id_, kPatienceMs);
+      client_->SendMsgFast("echo", question.arguments(), call_id_, kTrafficPatienceMs);
   const std::chrono::duration<double, std::micro> took = Clock::now() - begin;
   if (latencies != nullptr) latencies->add(took.count());
   return run_.expect(question.is_answered_by(reply), "a bystander's call ", number_,

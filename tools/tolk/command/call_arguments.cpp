@@ -14,7 +14,9 @@
 namespace tolk::tool {
 namespace {
 
-constexpr char kMark = '\x1f';  // the unit separator, which nobody types
+constexpr char kJson[] = "--json";
+constexpr char kBareFlag[] = "true";  // what the option parser makes of a flag without a value
+constexpr char kMark = '\x1f';        // the unit separator, which nobody types
 constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
 constexpr std::string_view kDigits = "0123456789";
 
@@ -52,15 +54,21 @@ std::string contents_of(const std::string& name) {
   }
 }
 
+std::optional<Value> whole_number_in(std::string_view text) {
+  if (const auto number = number_in<std::int64_t>(text)) return *number;
+  if (const auto number = number_in<std::uint64_t>(text)) return *number;
+  return std::nullopt;
+}
+
 Value plain_value(std::string_view word, std::string_view text) {
   if (text == "true") return true;
   if (text == "false") return false;
   if (text.size() > 1 && text[0] == '@')
     return bytes_from(contents_of(std::string(text.substr(1))));
   if (!looks_like_number(text)) return std::string(text);
-  if (const auto whole = number_in<int>(text)) return *whole;
+  if (const auto whole = whole_number_in(text)) return *whole;
   if (is_whole(text)) {
-    refuse(word, "the number does not fit in a 32-bit int",
+    refuse(word, "the number does not fit in 64 bits",
            "write " + std::string(text) + ".0 for a double, or :string=" + std::string(text));
   }
   if (const auto real = number_in<double>(text)) return *real;
@@ -77,8 +85,8 @@ Value typed_value(std::string_view word, std::string_view type, std::string_view
     refuse(word, "not a bool", "write true or false");
   }
   if (type == "int") {
-    if (const auto whole = number_in<int>(text)) return *whole;
-    refuse(word, "not a 32-bit int", "write a whole number from -2147483648 to 2147483647");
+    if (const auto whole = whole_number_in(text)) return *whole;
+    refuse(word, "not an integer of 64 bits", "write a whole number such as -3");
   }
   if (type == "double") {
     if (const auto real = number_in<double>(text)) return *real;
@@ -139,21 +147,26 @@ void add_argument(Values& values, const std::string& word) {
 
 Values read_arguments(const ArgumentTexts& texts) {
   Values values;
-  if (texts.json.empty()) {
+  if (texts.json.empty() || texts.json == kBareFlag) {
     for (const std::string& word : texts.words) add_argument(values, word);
     return values;
   }
-  if (!texts.words.empty() || texts.json.size() > 1) {
-    throw BadArgument{"the arguments are given twice", "give them as words, or by one --json"};
+  if (!texts.words.empty()) {
+    throw BadArgument{"the arguments are given twice", "give them as words, or by --json"};
   }
-  const std::string& text = texts.json.front();
+  const std::string& text = texts.json;
   try {
     return arguments_from(json_from(text == kStandardInput ? contents_of(kStandardInput) : text));
   } catch (const BadJson& bad) {
-    refuse("--json " + text, bad.what(),
-           "write pretty, short or off for the output; '[3, \"text\"]' or '{\"name\": 3}' for "
-           "arguments; or - for those from standard input");
+    refuse("--json=" + text, bad.what(),
+           "write '--json=[3, \"text\"]', '--json={\"name\": 3}', or --json=- for JSON from "
+           "standard input; --json alone is about the output");
   }
+}
+
+// After --json: a flag, whose value follows =, as the option parser wants it.
+bool is_json_or_input(std::string_view word) {
+  return word == kStandardInput || word.find_first_of("[{\"") == 0;
 }
 
 bool needs_mark(std::string_view word) {
@@ -179,31 +192,21 @@ void add_arguments(CLI::App& command, ArgumentTexts& texts, CommonOptions& optio
           "3 2.5 true text @file name=value name:int=5 :string=5\n"
           "types: bool, int, double, string, bytes, json")
       ->type_name("");
-  command
-      .add_option_function<std::vector<std::string>>(
-          "--json",
-          [&texts, &options](const std::vector<std::string>& words) {
-            for (const std::string& word : words) {
-              const auto style = json_style_from(word);
-              if (style) {
-                options.json = *style;
-              } else {
-                texts.json.push_back(word);
-              }
-            }
-          },
-          "pretty, short or off is how to print the result; anything else is\n"
-          "the arguments, as JSON, or - for JSON from standard input.\n"
-          "The option may be given twice, once for each")
-      ->type_name("STYLE|JSON|-")
-      ->allow_extra_args(false);
+  add_json_flag(command, texts.json, options,
+                "JSON instead of words and plain text: print the result as JSON;\n"
+                "with =ARGUMENTS take these, as JSON, or =- from standard input");
 }
 
-std::vector<std::string> marked(std::vector<std::string> words) {
-  for (std::string& word : words) {
-    if (needs_mark(word)) word.insert(0, 1, kMark);
+std::vector<std::string> marked(const std::vector<std::string>& words) {
+  std::vector<std::string> all;
+  for (const std::string& word : words) {
+    if (!all.empty() && all.back() == kJson && is_json_or_input(word)) {
+      all.back() += "=" + word;
+    } else {
+      all.push_back((needs_mark(word) ? std::string(1, kMark) : "") + word);
+    }
   }
-  return words;
+  return all;
 }
 
 std::string unmarked(std::string word) {

@@ -2,7 +2,7 @@
 //
 // | written | passed |
 // |---|---|
-// | 3, -3 | int |
+// | 3, -3 | int, of 64 bits |
 // | 2.5, 1e3 | double |
 // | true, false | bool |
 // | @file, @- | the bytes of the file, or of standard input |
@@ -26,10 +26,10 @@ namespace tolk::tool {
 // The arguments of a call as the user has written them.
 struct ArgumentTexts {
   std::vector<std::string> words;
-  std::vector<std::string> json;  // JSON, or "-" for standard input; one at most
+  std::string json;  // JSON, or "-" for standard input; what the parser makes of --json alone
 };
 
-// Adds ARGUMENT..., and --json, which is for arguments and for the style of the output.
+// Adds ARGUMENT..., and --json, which may have them.
 void add_arguments(CLI::App& command, ArgumentTexts& texts, CommonOptions& options);
 
 // Converts all arguments. Method and address are for the text of a Failure.
@@ -37,8 +37,8 @@ Values arguments_of(const ArgumentTexts& texts, const std::string& method,
                     const std::string& address);
 
 // The option parser would read -3 as an option and [a,b] as two values. Therefore such words get a
-// mark before they are parsed.
-std::vector<std::string> marked(std::vector<std::string> words);
+// mark before they are parsed. JSON after --json becomes its value.
+std::vector<std::string> marked(const std::vector<std::string>& words);
 // The word without its mark.
 std::string unmarked(std::string word);
 // Removes the marks from the words that a subcommand gets.

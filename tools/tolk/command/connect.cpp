@@ -5,7 +5,8 @@
 #include <mutex>
 #include <thread>
 
-#include "tools/tolk/command/failure.h"
+#include "tools/tolk/text/nearest.h"
+#include "tools/tolk/text/output.h"
 
 namespace tolk::tool {
 namespace {
@@ -24,8 +25,8 @@ Error too_slow(const std::string& address, std::chrono::milliseconds limit) {
           "the server did not answer within " + std::to_string(limit.count()) + " ms"};
 }
 
-// The library takes 300 ms to report that nobody listens. With a shorter timeout the command waits
-// for that report too: otherwise the error would speak of a server that does not exist.
+// With a very short timeout the command still waits for the report that nobody listens: otherwise
+// the error would speak of a server that does not exist.
 constexpr std::chrono::milliseconds kRefusalIsReported{1000};
 
 constexpr char kSilentHint[] =
@@ -65,6 +66,10 @@ Client& connect_to(const std::string& address, std::string_view method,
     std::unique_lock<std::mutex> lock(mutex);
     Connecting& attempt = kept->emplace_back(wanted);
     lock.unlock();
+    attempt.client.log([](std::string_view line) {
+      while (line.ends_with('\n')) line.remove_suffix(1);
+      Output::get().detail(line);
+    });
     connect_within(attempt, where, options.timeout);
     return attempt.client;
   } catch (const Error& error) {
@@ -73,6 +78,20 @@ Client& connect_to(const std::string& address, std::string_view method,
     const Failure failure = failure_of(error, method);
     throw Failure(failure.exit, failure.what(), kSilentHint);
   }
+}
+
+Failure failure_of_call(Client& client, const Error& error) {
+  Failure failure = failure_of(error);
+  if (error.code() != Errc::no_such_method) return failure;
+  const auto methods = client.describe();
+  if (!methods) return failure;
+  std::vector<std::string> names;
+  for (const MethodInfo& method : *methods) names.push_back(method.name);
+  const std::string guess = did_you_mean(error.method(), names);
+  if (!guess.empty()) {
+    failure.hint = guess + "tolk describe " + client.address() + " shows the methods";
+  }
+  return failure;
 }
 
 Result<std::chrono::nanoseconds> round_trip(Client& client, std::chrono::milliseconds limit) {

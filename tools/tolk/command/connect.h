@@ -9,14 +9,18 @@
 #include <tolk/tolk.hpp>
 
 #include "tools/tolk/command/common_options.h"
+#include "tools/tolk/command/failure.h"
 
 namespace tolk::tool {
 
-// Connects within the timeout. The client is never destroyed, which would take 300 ms: the process
-// ends without that, and the system closes the connection. `method` is what the subcommand wants to
+// Connects within the timeout. The client is never destroyed: the process may end while the attempt
+// still goes on, and the system closes the connection. `method` is what the subcommand wants to
 // call, for the text of a Failure.
 Client& connect_to(const std::string& address, std::string_view method,
                    const CommonOptions& options);
+
+// The failure of a call. If there is no such method, it asks the server for a name that is meant.
+Failure failure_of_call(Client& client, const Error& error);
 
 // Waits until the server has read all that was sent before. Every server answers this. Returns how
 // long that took, or an error that names no method.

@@ -1,5 +1,6 @@
 #include "tools/tolk/command/flags.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <map>
@@ -25,11 +26,20 @@ CLI::Validator count_from_zero() {
           ""};
 }
 
-CLI::Validator not_empty() {
+// A call of "retval" would be taken for a reply, so no server can have such a method.
+CLI::Validator method_name() {
   return {[](const std::string& name) {
-            return std::string(name.empty() ? "the name of a method must not be empty" : "");
+            return std::string(name.empty() ? "the name of a method must not be empty"
+                               : name == "retval"
+                                   ? "no method has the name retval: it marks replies"
+                                   : "");
           },
           ""};
+}
+
+void add_pretty_flag(CLI::App& command, CommonOptions& options) {
+  command.add_flag_callback(
+      "--pretty", [&options] { options.json = JsonStyle::pretty; }, "Print JSON, on several lines");
 }
 
 }  // namespace
@@ -43,7 +53,7 @@ CLI::Option* add_address(CLI::App& command, std::string& address) {
 }
 
 void add_method_name(CLI::App& command, std::string& method, const std::string& about) {
-  command.add_option("METHOD", method, about)->check(not_empty())->type_name("")->required();
+  command.add_option("METHOD", method, about)->check(method_name())->type_name("")->required();
 }
 
 void add_output_flags(CLI::App& command, CommonOptions& options) {
@@ -61,12 +71,20 @@ void add_output_flags(CLI::App& command, CommonOptions& options) {
 }
 
 void add_json_flag(CLI::App& command, CommonOptions& options) {
-  command
-      .add_option_function<std::string>(
-          "--json", [&options](const std::string& word) { options.json = *json_style_from(word); },
-          "Print JSON: pretty, or short, which is one line; off is plain text")
-      ->check(CLI::IsMember({"pretty", "short", "off"}))
-      ->type_name("STYLE");
+  command.add_flag_callback(
+      "--json", [&options] { options.json = std::max(options.json, JsonStyle::brief); },
+      "Print JSON, in one line");
+  add_pretty_flag(command, options);
+}
+
+void add_json_flag(CLI::App& command, std::string& arguments, CommonOptions& options,
+                   const std::string& about) {
+  command.add_flag("--json", arguments, about)
+      ->each([&options](const std::string&) {
+        options.json = std::max(options.json, JsonStyle::brief);
+      })
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+  add_pretty_flag(command, options);
 }
 
 void add_timeout_flag(CLI::App& command, CommonOptions& options, const std::string& about) {
@@ -87,13 +105,6 @@ CLI::Option* add_count_flag(CLI::App& command, int& count, const std::string& ab
 
 void add_examples(CLI::App& command, const std::string& lines, const std::string& about) {
   command.footer(about + (about.empty() ? "" : "\n\n") + "Examples:\n" + lines);
-}
-
-std::optional<JsonStyle> json_style_from(const std::string& word) {
-  if (word == "pretty") return JsonStyle::pretty;
-  if (word == "short") return JsonStyle::brief;
-  if (word == "off") return JsonStyle::off;
-  return std::nullopt;
 }
 
 std::chrono::milliseconds duration_from(const char* option, const std::string& text) {

@@ -6,7 +6,6 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
-#include <optional>
 #include <string>
 
 #include "tools/tolk/command/common_options.h"
@@ -20,7 +19,10 @@ CLI::Option* add_address(CLI::App& command, std::string& address);
 void add_method_name(CLI::App& command, std::string& method, const std::string& about);
 
 void add_output_flags(CLI::App& command, CommonOptions& options);  // -q, -v, --color
-void add_json_flag(CLI::App& command, CommonOptions& options);     // --json=pretty|short|off
+void add_json_flag(CLI::App& command, CommonOptions& options);     // --json, --pretty
+// The same with arguments: `--json=ARGUMENTS`.
+void add_json_flag(CLI::App& command, std::string& arguments, CommonOptions& options,
+                   const std::string& about);
 // --timeout 500ms. `about` is its help.
 void add_timeout_flag(CLI::App& command, CommonOptions& options,
                       const std::string& about =
@@ -32,9 +34,6 @@ CLI::Option* add_count_flag(CLI::App& command, int& count, const std::string& ab
 // Ends --help with examples, one command on each line; the tests run them as they are printed.
 // `about` stands before the examples.
 void add_examples(CLI::App& command, const std::string& lines, const std::string& about = {});
-
-// Nothing when the word names no style.
-std::optional<JsonStyle> json_style_from(const std::string& word);
 
 // Reads 500ms, 2s, 1.5s, 3m, and "none" for no limit.
 std::chrono::milliseconds duration_from(const char* option, const std::string& text);

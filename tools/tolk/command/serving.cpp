@@ -8,12 +8,22 @@
 
 namespace tolk::tool {
 
+void adding_method(const std::string& address, const std::string& method,
+                   const std::function<void()>& add) {
+  try {
+    add();
+  } catch (const Error& error) {
+    throw Failure(Exit::usage, Error(error.code(), method, address, error.detail()).what(),
+                  "choose another name; the library reserves retval, s_c_... and tolk...");
+  }
+}
+
 void ConnectedClients::watch(Server& server) {
-  server.on_connect([this](int client) {
+  server.on_connect([this](ClientId client) {
     const std::lock_guard<std::mutex> lock(mutex_);
     clients_.insert(client);
   });
-  server.on_closed([this](int client) {
+  server.on_closed([this](ClientId client) {
     const std::lock_guard<std::mutex> lock(mutex_);
     clients_.erase(client);
     changed_.notify_all();

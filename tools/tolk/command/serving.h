@@ -9,23 +9,14 @@
 #include <set>
 #include <string>
 #include <tolk/tolk.hpp>
-#include <utility>
 
 #include "tools/tolk/command/failure.h"
 
 namespace tolk::tool {
 
-// Registers the method that the user has named.
-template <class Handler>
-void add_method(Server& server, const std::string& address, const std::string& method,
-                Handler handler, const std::string& about) {
-  try {
-    server.on(method, std::move(handler), about);
-  } catch (const Error& error) {
-    throw Failure(Exit::usage, Error(error.code(), method, address, error.detail()).what(),
-                  "choose another name; the library reserves retval, s_c_... and tolk...");
-  }
-}
+// Runs what registers the method that the user has named.
+void adding_method(const std::string& address, const std::string& method,
+                   const std::function<void()>& add);
 
 // The clients that are connected to a server.
 //
@@ -43,7 +34,7 @@ class ConnectedClients {
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::set<int> clients_;
+  std::set<ClientId> clients_;
 };
 
 // Listens, prints that, and returns when the server has ended: after a signal, a client's request,

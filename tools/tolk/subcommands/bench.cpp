@@ -213,7 +213,7 @@ void add_bench(CLI::App& app, CommonOptions& options) {
   add_examples(command,
                "  tolk bench\n"
                "  tolk bench pipe:5000 add 2 3 --duration 1s --callers 4\n"
-               "  tolk bench 5000 --duration 500ms --json=short",
+               "  tolk bench 5000 --duration 500ms --json",
                "Without an address it starts a server of its own, in another process.");
   command.callback([bench, &options] { run(*bench, options); });
 }

@@ -19,11 +19,11 @@ constexpr char kFishPipes[] =
     "string match -q 'p*' -- (commandline -ct); and set -l form {pipe}; or set -l form {number}; "
     "{list}";
 constexpr char kColors[] = "auto always never";
-constexpr char kStyles[] = "pretty short off";
 constexpr char kShells[] = "bash zsh fish";
 // The methods of a server, if it lists them.
 constexpr char kMethods[] =
-    "tolk describe {} -q --color=never --timeout 500ms 2>/dev/null | sed 's/(.*//'";
+    "tolk describe {} -q --color=never --timeout 500ms 2>/dev/null | sed -n 's/^\\([^ "
+    "(]*\\)(.*/\\1/p'";
 
 struct FlagText {
   std::string name;  // with its dashes
@@ -116,7 +116,6 @@ std::string cases_of(const std::vector<SubcommandText>& commands, const std::str
                        kPipeForm);
   cases += fmt::format("  case $previous:$place:$command in\n    --color:*) {}='{}' ;;\n", words,
                        kColors);
-  cases += fmt::format("    --json:*) {}='{}' ;;\n", words, kStyles);
   cases += fmt::format("    --from:*|--to:*|{}) {}=$({}) ;;\n",
                        pattern_of(2, commands, &SubcommandText::has_address), words, kPipes);
   cases +=
@@ -124,10 +123,8 @@ std::string cases_of(const std::vector<SubcommandText>& commands, const std::str
                   words, fmt::format(fmt::runtime(kMethods), "\"$address\""));
   cases += fmt::format("    {}) {}='{}' ;;\n  esac\n",
                        pattern_of(2, commands, &SubcommandText::has_shell), words, kShells);
-  cases += fmt::format(
-      "  case $current in\n    --color=*) flags='{}' ;;\n    --json=*) flags='{}' ;;\n"
-      "  esac\n",
-      with_flag("--color=", kColors), with_flag("--json=", kStyles));
+  cases += fmt::format("  case $current in\n    --color=*) flags='{}' ;;\n  esac\n",
+                       with_flag("--color=", kColors));
   return cases;
 }
 
@@ -183,7 +180,6 @@ if [[ $funcstack[1] == _tolk ]]; then _tolk "$@"; else compdef _tolk tolk; fi
 std::string fish_values(const FlagText& flag, const std::string& pipes) {
   if (!flag.takes_value) return "";
   if (flag.name == "--color") return fmt::format(" -x -a {}", quoted(kColors));
-  if (flag.name == "--json") return fmt::format(" -x -a {}", quoted(kStyles));
   if (flag.name == "--from" || flag.name == "--to") {
     return fmt::format(" -x -a {}", quoted("(" + pipes + ")"));
   }

@@ -166,10 +166,9 @@ void add_dump(CLI::App& app, CommonOptions& options) {
   command.add_flag("--hex", settings->hex, "The input is hexadecimal digits; # begins a comment");
   add_json_flag(command, options);
   add_output_flags(command, options);
-  add_examples(
-      command,
-      "  echo '00 07 00 00 00 05 00 00 00' | tolk dump --hex\n"
-      "  echo '09 00 00 00 00 07 00 00 00 05 00 00 00' | tolk dump --hex --frames --json=short");
+  add_examples(command,
+               "  echo '00 07 00 00 00 05 00 00 00' | tolk dump --hex\n"
+               "  echo '09 00 00 00 00 07 00 00 00 05 00 00 00' | tolk dump --hex --frames --json");
   command.callback([settings, &options] { dump(*settings, options); });
 }
 

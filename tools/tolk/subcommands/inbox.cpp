@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <uv.h>
 
+#include <atomic>
+
 #include "tools/tolk/command/failure.h"
 #include "tools/tolk/text/printable.h"
 
@@ -10,6 +12,8 @@ namespace tolk::tool {
 namespace {
 
 constexpr std::size_t kMostNameBytes = 200;  // below the limit of file systems
+
+constexpr char kExists[] = "a file of that name exists already";
 
 Refused refused(const std::string& name, std::string_view why) {
   return Refused(fmt::format("{}: {}", printable(name.substr(0, kMostNameBytes)), why));
@@ -26,7 +30,35 @@ void check_name(const std::string& name) {
   if (!is_printable(name)) throw refused(name, "the name has characters that cannot be shown");
 }
 
+// Throws Refused if there is an error.
+void check(const std::error_code& error) {
+  if (error) throw Refused(fmt::format("cannot be saved: {}", error.message()));
+}
+
+std::string part_name() {
+  static std::atomic<int> last{0};
+  return fmt::format(".tolk-{}-{}.part", uv_os_getpid(), ++last);
+}
+
 }  // namespace
+
+Inbox::Part::Part(const Inbox& inbox, std::optional<std::string> name)
+    : inbox_(inbox), name_(std::move(name)), file_(part_name()) {
+  check(inbox_.folder_.create(file_, handle_));
+  is_open_ = true;
+}
+
+Inbox::Part::~Part() {
+  if (is_open_) (void)Folder::close(handle_);
+  if (!is_saved_) inbox_.folder_.remove(file_);
+}
+
+void Inbox::Part::append(std::string_view bytes) { check(Folder::append(handle_, bytes)); }
+
+void Inbox::Part::close() {
+  is_open_ = false;
+  check(Folder::close(handle_));
+}
 
 Inbox::Inbox(const std::string& directory, bool overwrite)
     : directory_(directory), overwrite_(overwrite), folder_(directory) {
@@ -35,17 +67,19 @@ Inbox::Inbox(const std::string& directory, bool overwrite)
                 "name a directory that files can be written to");
 }
 
-std::string Inbox::save(const std::optional<std::string>& name, std::string_view bytes) {
+std::unique_ptr<Inbox::Part> Inbox::begin(const std::optional<std::string>& name) const {
   if (name) check_name(*name);
-  const std::string part = begin(bytes);
-  try {
-    std::string saved = name ? *name : finish_unnamed(part);
-    if (name) finish(part, saved);
-    return saved;
-  } catch (...) {
-    folder_.remove(part);
-    throw;
-  }
+  // Said before the bytes come; whether the name is still free in the end, the system says.
+  if (name && !overwrite_ && folder_.has(*name)) throw refused(*name, kExists);
+  return std::unique_ptr<Part>(new Part(*this, name));
+}
+
+std::string Inbox::save(Part& part) const {
+  part.close();
+  if (part.name_) give_name(part.file_, *part.name_);
+  std::string name = part.name_ ? *part.name_ : give_number(part.file_);
+  part.is_saved_ = true;
+  return name;
 }
 
 std::string Inbox::path_of(const std::string& name) const {
@@ -53,26 +87,18 @@ std::string Inbox::path_of(const std::string& name) const {
   return directory_ + (directory_.ends_with('/') ? "" : "/") + name;
 }
 
-// Writes a file with a name that no peer can choose.
-std::string Inbox::begin(std::string_view bytes) {
-  std::string part = fmt::format(".tolk-{}-{}.part", uv_os_getpid(), ++last_part_);
-  const std::error_code error = folder_.write(part, bytes);
-  if (error) throw Refused(fmt::format("cannot be saved: {}", error.message()));
-  return part;
-}
-
-void Inbox::finish(const std::string& part, const std::string& name) {
+void Inbox::give_name(const std::string& file, const std::string& name) const {
   const std::error_code error =
-      overwrite_ ? folder_.replace(part, name) : folder_.rename(part, name);
-  if (error == std::errc::file_exists) throw refused(name, "a file of that name exists already");
+      overwrite_ ? folder_.replace(file, name) : folder_.rename(file, name);
+  if (error == std::errc::file_exists) throw refused(name, kExists);
   if (error) throw refused(name, error.message());
 }
 
-std::string Inbox::finish_unnamed(const std::string& part) {
+std::string Inbox::give_number(const std::string& file) const {
   constexpr int kMostTries = 10'000;
   for (int number = 1; number <= kMostTries; ++number) {
     std::string name = fmt::format("received-{}", number);
-    const std::error_code error = folder_.rename(part, name);
+    const std::error_code error = folder_.rename(file, name);
     if (!error) return name;
     if (error != std::errc::file_exists) throw refused(name, error.message());
   }

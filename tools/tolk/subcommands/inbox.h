@@ -3,10 +3,11 @@
 // only if the user has allowed that. A file is saved completely or not at all.
 //
 // Thread: any, several at a time. Owner: the open directory; a later change of its path does not
-// matter. Failure: a Failure for the directory; Refused for a file.
+// matter; it outlives its parts. Failure: a Failure for the directory; Refused for a file.
 #pragma once
 
-#include <atomic>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -23,23 +24,46 @@ struct Refused : std::runtime_error {
 
 class Inbox {
  public:
+  // A file that is being written. Without `save` it is removed.
+  class Part {
+   public:
+    ~Part();
+    Part(const Part&) = delete;
+    Part& operator=(const Part&) = delete;
+
+    // Throws Refused.
+    void append(std::string_view bytes);
+
+   private:
+    friend class Inbox;
+    Part(const Inbox& inbox, std::optional<std::string> name);
+    void close();
+
+    const Inbox& inbox_;
+    const std::optional<std::string> name_;
+    const std::string file_;  // a name that no peer can choose
+    std::intptr_t handle_ = -1;
+    bool is_open_ = false;
+    bool is_saved_ = false;
+  };
+
   Inbox(const std::string& directory, bool overwrite);
 
-  // Saves `bytes` and returns the name of the file. A file without a name is called received-1,
-  // received-2 and so on.
-  std::string save(const std::optional<std::string>& name, std::string_view bytes);
+  // A file of that name will be saved. Throws Refused.
+  std::unique_ptr<Part> begin(const std::optional<std::string>& name) const;
+  // Gives the file its name and returns that. A file without a name is called received-1,
+  // received-2 and so on. Throws Refused.
+  std::string save(Part& part) const;
   // The path of a file of that name, for people.
   std::string path_of(const std::string& name) const;
 
  private:
-  std::string begin(std::string_view bytes);
-  void finish(const std::string& part, const std::string& name);
-  std::string finish_unnamed(const std::string& part);
+  void give_name(const std::string& file, const std::string& name) const;
+  std::string give_number(const std::string& file) const;
 
   const std::string directory_;
   const bool overwrite_;
   Folder folder_;
-  std::atomic<int> last_part_{0};
 };
 
 }  // namespace tolk::tool

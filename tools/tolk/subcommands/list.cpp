@@ -116,7 +116,7 @@ void add_list(CLI::App& app, CommonOptions& options) {
   add_output_flags(command, options);
   add_examples(command,
                "  tolk list\n"
-               "  tolk list --json=pretty --timeout 1s");
+               "  tolk list --pretty --timeout 1s");
   command.callback([&options] { run(options); });
 }
 

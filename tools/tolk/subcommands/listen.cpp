@@ -15,6 +15,7 @@
 #include "tools/tolk/text/colored_json.h"
 #include "tools/tolk/text/output.h"
 #include "tools/tolk/text/printable.h"
+#include "tools/tolk/text/shortened.h"
 
 namespace tolk::tool {
 namespace {
@@ -23,6 +24,7 @@ struct ListenOptions {
   std::string address;
   std::string answer;
   int count = 0;
+  bool full = false;
 };
 
 // The calls that were printed, by any thread.
@@ -73,9 +75,11 @@ void run(const ListenOptions& listen, const CommonOptions& options) {
   const Values answer = answer_of(listen);
   PrintedCalls printed;
   ConnectedClients clients;
-  Server server;
+  Server server(Options{.clients_may_stop = true});
   server.on_any([&](const Caller& caller, const Values& arguments) {
-    print_call(printed, listen.count, line_of(caller, arguments_to_json(arguments), options.json));
+    const Json json = arguments_to_json(arguments);
+    print_call(printed, listen.count,
+               line_of(caller, listen.full ? json : shortened(json), options.json));
     return Values(answer);
   });
   clients.watch(server);
@@ -95,11 +99,13 @@ void add_listen(CLI::App& app, CommonOptions& options) {
   add_count_flag(command, listen->count, "End after this many calls; 0 is never");
   command.add_option("--answer", listen->answer, "The result of every call; none if not given")
       ->type_name("JSON");
+  command.add_flag("--full", listen->full,
+                   "Print all of long values, instead of their size and their begin");
   add_json_flag(command, options);
   add_output_flags(command, options);
   add_examples(command,
                "  tolk listen pipe:5001\n"
-               "  tolk listen 5001 --json=short --count 10\n"
+               "  tolk listen 5001 --json --count 10\n"
                "  tolk listen tcp4:127.0.0.1:5001 --answer '\"thank you\"'");
   command.callback([listen, &options] { run(*listen, options); });
 }

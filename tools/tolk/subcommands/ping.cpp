@@ -104,7 +104,7 @@ void add_ping(CLI::App& app, CommonOptions& options) {
   add_examples(command,
                "  tolk ping pipe:5000\n"
                "  tolk ping 5000 --count 100 --interval 10ms --quiet\n"
-               "  tolk ping 5000 -c 3 -i 0s --json=short");
+               "  tolk ping 5000 -c 3 -i 0s --json");
   command.callback([ping, &options] { run(*ping, options); });
 }
 

@@ -16,6 +16,8 @@ void add_call(CLI::App& app, CommonOptions& options);
 void add_completion(CLI::App& app, CommonOptions& options);
 void add_describe(CLI::App& app, CommonOptions& options);
 void add_dump(CLI::App& app, CommonOptions& options);
+void add_fetch(CLI::App& app, CommonOptions& options);
+void add_help(CLI::App& app);
 void add_list(CLI::App& app, CommonOptions& options);
 void add_listen(CLI::App& app, CommonOptions& options);
 void add_monitor(CLI::App& app, CommonOptions& options);
@@ -24,5 +26,8 @@ void add_post(CLI::App& app, CommonOptions& options);
 void add_receive(CLI::App& app, CommonOptions& options);
 void add_send(CLI::App& app, CommonOptions& options);
 void add_serve(CLI::App& app, CommonOptions& options);
+
+// Throws Failure, with the name that is meant, if there is no such subcommand.
+void check_subcommand(const CLI::App& app, const std::string& name);
 
 }  // namespace tolk::tool

@@ -19,6 +19,9 @@ struct ChildFailed : std::runtime_error {
 // Whether there is such a program; in PATH if the name has no slash.
 bool is_program(const std::string& name);
 
+// The command that has the shell run a line.
+std::vector<std::string> shell_command(const std::string& line);
+
 // Runs the command and returns what it prints to standard output. The command has failed if it ends
 // with another code than 0; the text of the failure then is what it prints to standard error. A
 // command that runs longer than `limit` is ended.

@@ -194,6 +194,8 @@ std::string end_of(const std::string& name, int status) {
 
 }  // namespace
 
+std::vector<std::string> shell_command(const std::string& line) { return {"/bin/sh", "-c", line}; }
+
 bool is_program(const std::string& name) {
   if (name.find('/') != std::string::npos) return access(name.c_str(), X_OK) == 0;
   const char* const path = std::getenv("PATH");

@@ -179,6 +179,8 @@ class ChildRun {
 
 }  // namespace
 
+std::vector<std::string> shell_command(const std::string& line) { return {"cmd.exe", "/c", line}; }
+
 // Finds the program as uv_spawn does.
 bool is_program(const std::string& name) {
   for (const wchar_t* const ending : {L".exe", L".com"}) {

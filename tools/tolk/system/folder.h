@@ -21,14 +21,17 @@ class Folder {
 
   const std::error_code& error() const { return error_; }
 
-  // Writes a new file, completely or not at all.
-  std::error_code write(const std::string& name, std::string_view bytes) const;
+  // Makes a new file; `append` and `close` take what it gives.
+  std::error_code create(const std::string& name, std::intptr_t& file) const;
+  static std::error_code append(std::intptr_t file, std::string_view bytes);
+  static std::error_code close(std::intptr_t file);
   // Gives a file another name, or returns std::errc::file_exists if that name is in use. The check
   // and the change are one step for the system.
   std::error_code rename(const std::string& file, const std::string& name) const;
   // The same, but replaces the file of that name. A link is replaced too and never followed.
   std::error_code replace(const std::string& file, const std::string& name) const;
   void remove(const std::string& name) const;
+  bool has(const std::string& name) const;
 
  private:
   const std::string path_;

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,17 +24,21 @@ Folder::Folder(const std::string& path)
 }
 
 Folder::~Folder() {
-  if (handle_ >= 0) close(descriptor_of(handle_));
+  if (handle_ >= 0) ::close(descriptor_of(handle_));
 }
 
-std::error_code Folder::write(const std::string& name, std::string_view bytes) const {
+std::error_code Folder::create(const std::string& name, std::intptr_t& file) const {
   const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const int file = openat(descriptor_of(handle_), name.c_str(), flags, 0666);  // less the umask
-  if (file < 0) return error_of(errno);
-  int error = write_all(file, bytes);
-  if (close(file) != 0 && error == 0) error = errno;
-  if (error != 0) remove(name);
-  return error_of(error);
+  file = openat(descriptor_of(handle_), name.c_str(), flags, 0666);  // less the umask
+  return file < 0 ? error_of(errno) : std::error_code();
+}
+
+std::error_code Folder::append(std::intptr_t file, std::string_view bytes) {
+  return error_of(write_all(descriptor_of(file), bytes));
+}
+
+std::error_code Folder::close(std::intptr_t file) {
+  return ::close(descriptor_of(file)) == 0 ? std::error_code() : error_of(errno);
 }
 
 std::error_code Folder::rename(const std::string& file, const std::string& name) const {
@@ -47,6 +52,11 @@ std::error_code Folder::replace(const std::string& file, const std::string& name
   const int directory = descriptor_of(handle_);
   if (renameat(directory, file.c_str(), directory, name.c_str()) == 0) return {};
   return error_of(errno);
+}
+
+bool Folder::has(const std::string& name) const {
+  struct stat found {};
+  return fstatat(descriptor_of(handle_), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 void Folder::remove(const std::string& name) const {

@@ -43,18 +43,7 @@ std::error_code move_file(const std::wstring& from, const std::wstring& to, DWOR
                                                            : error_of(GetLastError());
 }
 
-std::error_code write_all(HANDLE file, std::string_view bytes) {
-  while (!bytes.empty()) {
-    constexpr std::size_t kMost = std::size_t{1} << 20;
-    DWORD written = 0;
-    const auto size = static_cast<DWORD>(std::min(bytes.size(), kMost));
-    if (WriteFile(file, bytes.data(), size, &written, nullptr) == 0) {
-      return error_of(GetLastError());
-    }
-    bytes.remove_prefix(written);
-  }
-  return {};
-}
+HANDLE handle_of(std::intptr_t number) { return reinterpret_cast<HANDLE>(number); }
 
 }  // namespace
 
@@ -72,17 +61,31 @@ Folder::Folder(const std::string& path) : path_(path) {
 }
 
 Folder::~Folder() {
-  if (handle_ != -1) CloseHandle(reinterpret_cast<HANDLE>(handle_));
+  if (handle_ != -1) CloseHandle(handle_of(handle_));
 }
 
-std::error_code Folder::write(const std::string& name, std::string_view bytes) const {
-  const HANDLE file = CreateFileW(file_in(path_, name).c_str(), GENERIC_WRITE, 0, nullptr,
+std::error_code Folder::create(const std::string& name, std::intptr_t& file) const {
+  const HANDLE made = CreateFileW(file_in(path_, name).c_str(), GENERIC_WRITE, 0, nullptr,
                                   CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return error_of(GetLastError());
-  std::error_code error = write_all(file, bytes);
-  if (CloseHandle(file) == 0 && !error) error = error_of(GetLastError());
-  if (error) remove(name);
-  return error;
+  file = reinterpret_cast<std::intptr_t>(made);
+  return made == INVALID_HANDLE_VALUE ? error_of(GetLastError()) : std::error_code();
+}
+
+std::error_code Folder::append(std::intptr_t file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    constexpr std::size_t kMost = std::size_t{1} << 20;
+    DWORD written = 0;
+    const auto size = static_cast<DWORD>(std::min(bytes.size(), kMost));
+    if (WriteFile(handle_of(file), bytes.data(), size, &written, nullptr) == 0) {
+      return error_of(GetLastError());
+    }
+    bytes.remove_prefix(written);
+  }
+  return {};
+}
+
+std::error_code Folder::close(std::intptr_t file) {
+  return CloseHandle(handle_of(file)) != 0 ? std::error_code() : error_of(GetLastError());
 }
 
 std::error_code Folder::rename(const std::string& file, const std::string& name) const {
@@ -93,6 +96,10 @@ std::error_code Folder::rename(const std::string& file, const std::string& name)
 std::error_code Folder::replace(const std::string& file, const std::string& name) const {
   if (!is_plain(name)) return std::make_error_code(std::errc::invalid_argument);
   return move_file(file_in(path_, file), file_in(path_, name), MOVEFILE_REPLACE_EXISTING);
+}
+
+bool Folder::has(const std::string& name) const {
+  return GetFileAttributesW(file_in(path_, name).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 void Folder::remove(const std::string& name) const { DeleteFileW(file_in(path_, name).c_str()); }

@@ -22,14 +22,6 @@ std::vector<std::string> command_line(int argc, const char* const* argv);
 
 void set_up_streams();
 
-// A copy that child processes do not inherit; -1 if that fails.
-int private_copy(int descriptor);
-// Makes descriptor `to` lead where `from` leads.
-void redirect(int from, int to);
-// A descriptor that accepts everything and keeps nothing; -1 if that fails.
-int open_nothing();
-void close_descriptor(int descriptor);
-
 // Whether the descriptor is a terminal, where colours and moves of the cursor work.
 bool is_terminal(int descriptor);
 // The columns of a terminal; 0 if they are not known.
@@ -48,5 +40,7 @@ using FileHandle = std::unique_ptr<std::FILE, CloseFile>;
 // Like fopen, with the modes 'r' and 'w', but the bytes stay unchanged. Null and errno if that
 // fails.
 FileHandle open_file(const std::string& name, char mode);
+// An empty file without a name, which goes with its handle.
+FileHandle temporary_file();
 
 }  // namespace tolk::tool

@@ -12,15 +12,12 @@ std::vector<std::string> command_line(int argc, const char* const* argv) {
   return {argv + (argc > 0 ? 1 : 0), argv + argc};
 }
 
-void set_up_streams() {}
-
-int private_copy(int descriptor) { return fcntl(descriptor, F_DUPFD_CLOEXEC, 3); }
-
-void redirect(int from, int to) { dup2(from, to); }
-
-int open_nothing() { return open("/dev/null", O_WRONLY | O_CLOEXEC); }
-
-void close_descriptor(int descriptor) { close(descriptor); }
+// Where one of the three is closed, another file would get its number, and what is meant for it.
+void set_up_streams() {
+  for (const int descriptor : {kStdin, kStdout, kStderr}) {
+    if (fcntl(descriptor, F_GETFD) < 0) (void)open("/dev/null", O_RDONLY);
+  }
+}
 
 bool is_terminal(int descriptor) { return isatty(descriptor) != 0; }
 
@@ -41,5 +38,7 @@ int write_all(int descriptor, std::string_view bytes) {
 FileHandle open_file(const std::string& name, char mode) {
   return FileHandle(std::fopen(name.c_str(), mode == 'w' ? "wbe" : "rbe"));
 }
+
+FileHandle temporary_file() { return FileHandle(std::tmpfile()); }
 
 }  // namespace tolk::tool

@@ -1,12 +1,11 @@
 #include <fcntl.h>
 #include <io.h>
-#include <share.h>
-#include <sys/stat.h>
 #include <windows.h>
 // After windows.h, which shellapi.h needs.
 #include <shellapi.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 
 #include "tools/tolk/system/streams.h"
@@ -67,27 +66,6 @@ void set_up_streams() {
   for (const int descriptor : {kStdin, kStdout, kStderr}) _setmode(descriptor, _O_BINARY);
 }
 
-int private_copy(int descriptor) {
-  // Child processes would inherit a copy that _dup makes.
-  HANDLE copy = nullptr;
-  const HANDLE self = GetCurrentProcess();
-  if (DuplicateHandle(self, handle_of(descriptor), self, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS) ==
-      0) {
-    return -1;
-  }
-  return _open_osfhandle(reinterpret_cast<std::intptr_t>(copy), _O_BINARY | _O_NOINHERIT);
-}
-
-void redirect(int from, int to) { _dup2(from, to); }
-
-int open_nothing() {
-  int descriptor = -1;
-  const int flags = _O_WRONLY | _O_BINARY | _O_NOINHERIT;
-  return _wsopen_s(&descriptor, L"NUL", flags, _SH_DENYNO, _S_IWRITE) == 0 ? descriptor : -1;
-}
-
-void close_descriptor(int descriptor) { _close(descriptor); }
-
 bool is_terminal(int descriptor) {
   constexpr DWORD kVirtualTerminal = 4;  // ENABLE_VIRTUAL_TERMINAL_PROCESSING
   DWORD mode = 0;
@@ -117,6 +95,15 @@ int write_all(int descriptor, std::string_view bytes) {
 // N: child processes do not inherit the file.
 FileHandle open_file(const std::string& name, char mode) {
   return FileHandle(_wfopen(wide(name).c_str(), mode == 'w' ? L"wbN" : L"rbN"));
+}
+
+// D: it is removed when it is closed. T: it stays in memory if there is room.
+FileHandle temporary_file() {
+  std::array<wchar_t, MAX_PATH + 1> folder{};
+  std::array<wchar_t, MAX_PATH + 1> name{};
+  const bool is_named = GetTempPathW(MAX_PATH, folder.data()) != 0 &&
+                        GetTempFileNameW(folder.data(), L"tlk", 0, name.data()) != 0;
+  return FileHandle(is_named ? _wfopen(name.data(), L"w+bNTD") : nullptr);
 }
 
 }  // namespace tolk::tool

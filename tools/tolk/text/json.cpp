@@ -34,11 +34,13 @@ Json json_of_real(double number) {
   return {{kDoubleKey, name}};
 }
 
-Json object_of(const Values& values) {
+Json json_of_map(const Value::Map& map) {
   Json object = Json::object();
-  for (const auto& [key, value] : values.keyed()) object[key] = to_json(value);
+  for (const auto& [key, value] : map) object[key] = to_json(value);
   return object;
 }
+
+Json object_of(const Values& values) { return json_of_map(values.keyed()); }
 
 // How deep the calling thread is in blocks inside blocks. A peer may nest any number of them: those
 // below the deepest level are shown as bytes.
@@ -62,8 +64,8 @@ Json list_of(const Values& values) {
   return all;
 }
 
-// A struct or an inner list is a block inside bytes. Other bytes are taken for one only if they
-// happen to be well formed, which is rare: records contain their own offsets.
+// A struct or an inner list of an older peer is a block inside bytes. Other bytes are taken for one
+// only if they happen to be well formed, which is rare: records contain their own offsets.
 Json json_of_stream(std::string_view data) {
   const Nesting one_more;
   const bool may_be_block = !data.empty() && depth <= kDeepest;
@@ -99,16 +101,6 @@ Value value_from_marked(const Json& json) {
   throw BadJson("$double must be nan, inf or -inf, not \"" + text + "\"");
 }
 
-int int_from(const Json& json) {
-  using Limits = std::numeric_limits<int>;
-  const bool fits = json.is_number_unsigned()
-                        ? json.get<std::uint64_t>() <= std::uint64_t{Limits::max()}
-                        : json.get<std::int64_t>() >= Limits::min();
-  if (fits) return json.get<int>();
-  throw BadJson(json.dump() + " does not fit in a 32-bit int: write " + json.dump() +
-                ".0 or a text");
-}
-
 void add_keyed(Values& values, const Json& object) {
   for (const auto& [key, value] : object.items()) {
     if (is_reserved_key(key)) throw BadJson(std::string(kReservedKey) + ", as " + key + " does");
@@ -116,13 +108,10 @@ void add_keyed(Values& values, const Json& object) {
   }
 }
 
-// A struct as the C++ layer sends it: a block inside bytes.
-bytes struct_from(const Json& object) {
+Value struct_from(const Json& object) {
   Values fields;
   add_keyed(fields, object);
-  TolkParams block;
-  fields.put(block);
-  return bytes_from(*block.GetParamas());
+  return fields.keyed();
 }
 
 }  // namespace
@@ -150,6 +139,8 @@ Json json_from(std::string_view text) {
 Json to_json(const Value& value) {
   if (const auto* v = value.get_if<bool>()) return *v;
   if (const auto* v = value.get_if<int>()) return *v;
+  if (const auto* v = value.get_if<std::int64_t>()) return *v;
+  if (const auto* v = value.get_if<std::uint64_t>()) return *v;
   if (const auto* v = value.get_if<double>()) return json_of_real(*v);
   if (const auto* v = value.get_if<std::string>()) return json_of_text(*v);
   if (const auto* v = value.get_if<bytes>()) return json_of_stream(view_of(*v));
@@ -158,6 +149,7 @@ Json to_json(const Value& value) {
     for (const Value& element : *v) list.push_back(to_json(element));
     return list;
   }
+  if (const auto* v = value.get_if<Value::Map>()) return json_of_map(*v);
   return nullptr;
 }
 
@@ -179,15 +171,13 @@ Value value_from(const Json& json) {
   if (json.is_null()) return {};
   if (json.is_boolean()) return json.get<bool>();
   if (json.is_number_float()) return json.get<double>();
-  if (json.is_number()) return int_from(json);
+  if (json.is_number_unsigned()) return json.get<std::uint64_t>();
+  if (json.is_number()) return json.get<std::int64_t>();
   if (json.is_string()) return json.get<std::string>();
   if (is_marked(json)) return value_from_marked(json);
   if (json.is_object()) return struct_from(json);
   Value::List list;
-  for (const Json& element : json) {
-    if (element.is_null()) throw BadJson("null is not allowed in a list");
-    list.push_back(value_from(element));
-  }
+  for (const Json& element : json) list.push_back(value_from(element));
   return list;
 }
 
@@ -195,7 +185,6 @@ Values arguments_from(const Json& json) {
   Values values;
   if (!json.is_array()) return result_from(json);
   for (std::size_t i = 0; i < json.size(); ++i) {
-    if (json[i].is_null()) throw BadJson("null is not allowed among the arguments");
     if (i + 1 == json.size() && is_keyed(json[i])) {
       add_keyed(values, json[i]);
     } else {

@@ -6,7 +6,7 @@
 // | double | a number with a point: 2.0; {"$double": "nan"}, "inf" or "-inf" for the others |
 // | bytes, and a string that is not UTF-8 | {"$base64": "…"} |
 // | bytes that hold a block: a struct or an inner list | { … } or [ … ] |
-// | nothing | null |
+// | nothing: an absent value | null |
 //
 // Arguments are an array of the positional values; the keyed values are an object at its end:
 // [3, "x", {"level": 5}]. An object elsewhere in the array is a struct. If a struct is the last

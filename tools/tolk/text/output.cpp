@@ -1,11 +1,11 @@
 #include "tools/tolk/text/output.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 
 #include "tools/tolk/system/streams.h"
+#include "tools/tolk/text/number.h"
 #include "tools/tolk/text/printable.h"
 
 namespace tolk::tool {
@@ -41,25 +41,18 @@ Output& Output::get() {
   return *kOutput;
 }
 
-Output::Output() : data_descriptor_(private_copy(kStdout)) {}
-
 void Output::set_up(const CommonOptions& options) {
   quiet_ = options.quiet;
   verbose_ = options.verbose;
   progress_ = !quiet_ && is_terminal(kStderr);
-  data_colors_ = colors_for(options.color, data_descriptor_);
+  data_colors_ = colors_for(options.color, kStdout);
   note_colors_ = colors_for(options.color, kStderr);
-  const int nothing = open_nothing();
-  redirect(verbose_ ? kStderr : nothing, kStdout);
-  if (nothing >= 0) close_descriptor(nothing);
-  // With line buffering, the library's lines appear at once and none is lost at the end.
-  if (verbose_) (void)setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 
 void Output::data(std::string_view bytes) {
   const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
   end_progress();
-  const int error = write_all(data_descriptor_, bytes);
+  const int error = write_all(kStdout, bytes);
   if (error == 0) return;
   throw Failure(Exit::failed, std::string("cannot write to standard output: ") + strerror(error),
                 "check where standard output goes");
@@ -95,11 +88,23 @@ void Output::end_progress() {
   line_shown_ = false;
 }
 
-bool Output::data_is_terminal() const { return is_terminal(data_descriptor_); }
+bool Output::data_is_terminal() const { return is_terminal(kStdout); }
 
 int Output::columns() const {
   const int columns = columns_of(kStderr);
   return columns > 0 ? columns : 80;
+}
+
+void Output::keep_progress() {
+  const std::lock_guard<std::recursive_timed_mutex> lock(mutex());
+  if (line_shown_) write_all(kStderr, "\n");
+  line_shown_ = false;
+}
+
+int Output::data_columns() const {
+  if (data_is_terminal()) return columns_of(kStdout);
+  const char* const text = std::getenv("COLUMNS");
+  return text == nullptr ? 0 : number_in<int>(text).value_or(0);
 }
 
 void Output::leave(Exit code) {

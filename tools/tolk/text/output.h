@@ -1,9 +1,5 @@
 // What the command writes: data to standard output, everything else to standard error.
 //
-// The library prints lines of its own to standard output. Therefore the process's descriptor 1 is
-// redirected before the library is used: to standard error if the user wants these lines, to
-// nothing otherwise. Data goes to a private copy of the real standard output.
-//
 // Thread: any; each call writes its text in one piece.
 // Failure: data that cannot be written is a Failure; text that standard error does not take is
 // lost.
@@ -28,7 +24,7 @@ class Output {
   // The only one of the process.
   static Output& get();
 
-  // Redirects standard output and decides on colours. Call it before the library is used.
+  // Decides on colours.
   void set_up(const CommonOptions& options);
 
   // Writes data as it is: the caller adds line ends.
@@ -45,6 +41,8 @@ class Output {
   void progress(std::string_view line);
   // Removes the progress line.
   void end_progress();
+  // Leaves it where it is: what follows begins on another line.
+  void keep_progress();
   // Whether progress is shown. If not, its line need not be made.
   bool shows_progress() const { return progress_; }
 
@@ -52,6 +50,9 @@ class Output {
   bool data_is_terminal() const;
   // The columns of the terminal at standard error; 80 if they are not known.
   int columns() const;
+  // The columns for data: those of the terminal, otherwise those of COLUMNS, otherwise 0: any
+  // number.
+  int data_columns() const;
   // The colours of data, and of text for standard error.
   const Colors& data_colors() const { return data_colors_; }
   const Colors& note_colors() const { return note_colors_; }
@@ -60,11 +61,10 @@ class Output {
   [[noreturn]] void leave(Exit code);
 
  private:
-  Output();
+  Output() = default;
 
   bool write_error(std::string_view text);
 
-  int data_descriptor_;
   bool quiet_ = false;
   bool verbose_ = false;
   bool progress_ = false;

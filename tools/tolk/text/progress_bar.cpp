@@ -22,6 +22,13 @@ std::string bar(double fraction, std::size_t columns) {
   return "[" + text + "]";
 }
 
+std::string time_text(double seconds) {
+  const auto whole = static_cast<std::uint64_t>(std::min(seconds + 1, 1e9));
+  if (whole < 100) return fmt::format("{} s", whole);
+  if (whole < 6000) return fmt::format("{}:{:02} min", whole / 60, whole % 60);
+  return fmt::format("{}:{:02} h", whole / 3600, whole / 60 % 60);
+}
+
 }  // namespace
 
 std::string size_text(std::uint64_t bytes) {
@@ -35,34 +42,50 @@ std::string size_text(std::uint64_t bytes) {
 }
 
 std::string progress_line(std::string_view name, std::uint64_t done, std::uint64_t total,
-                          int columns) {
+                          double bytes_per_second, int columns) {
   const double fraction = total == 0 ? 1 : static_cast<double>(done) / static_cast<double>(total);
-  const std::string figures = fmt::format("{:3} %  {} of {}", static_cast<int>(fraction * 100),
-                                          size_text(done), size_text(total));
+  std::string figures = fmt::format("{:3} %  {} of {}", static_cast<int>(fraction * 100),
+                                    size_text(done), size_text(total));
+  if (bytes_per_second > 0) {
+    figures += fmt::format("  {}/s", size_text(static_cast<std::uint64_t>(bytes_per_second)));
+    const double left = static_cast<double>(total - done) / bytes_per_second;
+    if (done < total) figures += "  " + time_text(left) + " left";
+  }
   // One column stays free: some terminals begin a new line after the last column.
   const auto wide = static_cast<std::size_t>(std::max(columns - 1, 0));
   std::string line = figures.substr(0, wide);
-  constexpr std::size_t kFrame = 4;  // brackets and two blanks
-  if (wide > figures.size() + kFrame + 3) {
-    const std::size_t room = wide - figures.size() - kFrame;
-    const std::size_t bar_columns = std::min(kMostBarColumns, room);
-    line = bar(fraction, bar_columns) + "  " + figures;
-  }
   // The bytes of a name are at least as many as its columns. A name that might not fit is left out.
   const std::string shown = printable(name);
-  if (shown.size() <= kMostNameColumns && line.size() + 2 + shown.size() <= wide) {
-    line = shown + "  " + line;
+  constexpr std::size_t kFrame = 4;  // brackets and two blanks
+  constexpr std::size_t kLeastBar = 4;
+  const bool has_name = shown.size() <= kMostNameColumns &&
+                        shown.size() + 2 + kLeastBar + kFrame + figures.size() <= wide;
+  const std::size_t name_columns = has_name ? shown.size() + 2 : 0;
+  if (wide >= name_columns + kLeastBar + kFrame + figures.size()) {
+    const std::size_t room = wide - name_columns - kFrame - figures.size();
+    line = bar(fraction, std::min(kMostBarColumns, room)) + "  " + figures;
   }
-  return line;
+  return has_name ? shown + "  " + line : line;
 }
 
-void ProgressBar::show(const Progress& progress) {
+void ProgressBar::show(std::uint64_t done, std::uint64_t total) {
   Output& output = Output::get();
   if (!output.shows_progress()) return;
   const auto now = std::chrono::steady_clock::now();
-  if (now < next_ && progress.done() < progress.total()) return;
+  if (now < next_ && done < total) return;
   next_ = now + kPause;
-  output.progress(progress_line(name_, progress.done(), progress.total(), output.columns()));
+  output.progress(progress_line(name_, done, total, rate(done, now), output.columns()));
+}
+
+// That of the last seconds, because a transfer may change its pace.
+double ProgressBar::rate(std::uint64_t done, Time now) {
+  constexpr std::chrono::seconds kWindow{5};
+  if (!seen_.empty() && seen_.back().second > done) seen_.clear();  // another transfer
+  while (seen_.size() > 1 && now - seen_.front().first > kWindow) seen_.pop_front();
+  seen_.emplace_back(now, done);
+  const double seconds = std::chrono::duration<double>(now - seen_.front().first).count();
+  const auto moved = static_cast<double>(done - seen_.front().second);
+  return seconds > 0 ? moved / seconds : 0;
 }
 
 }  // namespace tolk::tool

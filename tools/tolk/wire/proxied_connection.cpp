@@ -27,27 +27,27 @@ HostAndPort host_and_port_from(const sockaddr_storage& address) {
   return {host.data(), ntohs(port)};
 }
 
-sockaddr_storage socket_address(const Address& address) {
+sockaddr_storage socket_address(const ProxyAddress& address) {
   sockaddr_storage storage{};
-  const char* const host = address.host().c_str();
-  if (address.transport() == Transport::tcp4) {
-    uv_ip4_addr(host, address.number(), reinterpret_cast<sockaddr_in*>(&storage));
+  const char* const host = address.host.c_str();
+  if (address.transport == Transport::tcp4) {
+    uv_ip4_addr(host, address.port(), reinterpret_cast<sockaddr_in*>(&storage));
   } else {
-    uv_ip6_addr(host, address.number(), reinterpret_cast<sockaddr_in6*>(&storage));
+    uv_ip6_addr(host, address.port(), reinterpret_cast<sockaddr_in6*>(&storage));
   }
   return storage;
 }
 
-ProxiedConnection::ProxiedConnection(ConnectionOwner& owner, int number, const Address& from,
-                                     const Address& to)
+ProxiedConnection::ProxiedConnection(ConnectionOwner& owner, int number, const ProxyAddress& from,
+                                     const ProxyAddress& to)
     : owner_(owner), number_(number), from_(from), to_(to) {
   client_.direction = Direction::to_server;
   server_.direction = Direction::to_client;
 }
 
 void ProxiedConnection::begin(uv_stream_t* listener) {
-  open(client_, from_.transport());
-  open(server_, to_.transport());
+  open(client_, from_.transport);
+  open(server_, to_.transport);
   const int error = uv_accept(listener, client_.stream());
   if (error != 0) {
     how_ = fmt::format("cannot accept the client: {}", uv_strerror(error));
@@ -76,8 +76,8 @@ void ProxiedConnection::connect() {
     auto* const self = static_cast<ProxiedConnection*>(request->data);
     self->owner_.guarded([&] { self->connected(status); });
   };
-  if (to_.transport() == Transport::pipe) {
-    const platform::PipeAddress pipe = platform::pipe_address(std::to_string(to_.number()));
+  if (to_.transport == Transport::pipe) {
+    const platform::PipeAddress pipe = platform::pipe_address(to_.name);
     if (pipe.error == 0) {
       uv_pipe_connect(&connect_, &server_.handle.pipe, pipe.path.c_str(), done);
     } else {
@@ -94,7 +94,7 @@ void ProxiedConnection::connect() {
 void ProxiedConnection::connected(int status) {
   if (status == UV_ECANCELED) return;
   if (status != 0) {
-    how_ = fmt::format("cannot connect to {}: {}", to_.text(), uv_strerror(status));
+    how_ = fmt::format("cannot connect to {}: {}", to_.text, uv_strerror(status));
     close(server_);
     reset(client_);
     return;
@@ -268,7 +268,7 @@ void ProxiedConnection::finish_if_done() {
 }
 
 HostAndPort ProxiedConnection::client_address() const {
-  if (from_.transport() == Transport::pipe) {
+  if (from_.transport == Transport::pipe) {
     return {"127.0.0.1", static_cast<std::uint32_t>(number_)};
   }
   sockaddr_storage address{};
@@ -279,8 +279,8 @@ HostAndPort ProxiedConnection::client_address() const {
 
 // The address that the client connected to. For a pipe it is another host than that of the clients.
 HostAndPort ProxiedConnection::server_address() const {
-  if (from_.transport() == Transport::pipe) {
-    return {"127.0.0.2", static_cast<std::uint32_t>(from_.number())};
+  if (from_.transport == Transport::pipe) {
+    return {"127.0.0.2", static_cast<std::uint32_t>(from_.port())};
   }
   sockaddr_storage address{};
   int size = sizeof address;

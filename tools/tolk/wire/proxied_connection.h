@@ -30,11 +30,12 @@ class ConnectionOwner {
 
 // The parts of a socket address, numeric.
 HostAndPort host_and_port_from(const sockaddr_storage& address);
-sockaddr_storage socket_address(const Address& address);
+sockaddr_storage socket_address(const ProxyAddress& address);
 
 class ProxiedConnection {
  public:
-  ProxiedConnection(ConnectionOwner& owner, int number, const Address& from, const Address& to);
+  ProxiedConnection(ConnectionOwner& owner, int number, const ProxyAddress& from,
+                    const ProxyAddress& to);
   ProxiedConnection(const ProxiedConnection&) = delete;
   ProxiedConnection& operator=(const ProxiedConnection&) = delete;
 
@@ -83,8 +84,8 @@ class ProxiedConnection {
 
   ConnectionOwner& owner_;
   const int number_;
-  const Address from_;
-  const Address to_;
+  const ProxyAddress from_;
+  const ProxyAddress to_;
   End client_;
   End server_;
   uv_connect_t connect_{};

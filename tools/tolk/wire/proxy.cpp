@@ -17,8 +17,8 @@ namespace {
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
 constexpr int kBacklog = 128;
 
-Failure cannot_listen(const Address& address, int error) {
-  const bool others = address.transport() == Transport::pipe && error == UV_EACCES;
+Failure cannot_listen(const ProxyAddress& address, int error) {
+  const bool others = address.transport == Transport::pipe && error == UV_EACCES;
   return {Exit::failed, fmt::format("cannot listen: {}", uv_strerror(error)),
           others ? "check who owns the files of the pipe; other users' files are left alone"
                  : "stop the other server at that address, or choose another address"};
@@ -29,7 +29,7 @@ Failure cannot_listen(const Address& address, int error) {
 // The loop, the listening handle and the connections.
 class Proxy::Loop : public ConnectionOwner {
  public:
-  Loop(const Address& from, const Address& to, ProxyWatcher& watcher)
+  Loop(const ProxyAddress& from, const ProxyAddress& to, ProxyWatcher& watcher)
       : from_(from), to_(to), watcher_(watcher), buffer_(kReadBytes) {
     uv_loop_init(&loop_);
     try {
@@ -68,7 +68,7 @@ class Proxy::Loop : public ConnectionOwner {
 
  private:
   void listen() {
-    int error = from_.transport() == Transport::pipe ? bind_pipe() : bind_tcp();
+    int error = from_.transport == Transport::pipe ? bind_pipe() : bind_tcp();
     listener_.handle.data = this;
     if (error == 0) {
       error = uv_listen(&listener_.stream, kBacklog, [](uv_stream_t* listener, int status) {
@@ -80,7 +80,7 @@ class Proxy::Loop : public ConnectionOwner {
 
   int bind_pipe() {
     uv_pipe_init(&loop_, &listener_.pipe, 0);
-    const platform::PipeAddress pipe = platform::pipe_address(std::to_string(from_.number()));
+    const platform::PipeAddress pipe = platform::pipe_address(from_.name);
     int error = pipe.error;
     if (error == 0) error = name_lock_.acquire(pipe.path);
     if (error == 0) error = uv_pipe_bind(&listener_.pipe, pipe.path.c_str());
@@ -120,8 +120,8 @@ class Proxy::Loop : public ConnectionOwner {
     name_lock_.release();
   }
 
-  const Address from_;
-  const Address to_;
+  const ProxyAddress from_;
+  const ProxyAddress to_;
   ProxyWatcher& watcher_;
   std::vector<char> buffer_;
   uv_loop_t loop_{};
@@ -133,7 +133,7 @@ class Proxy::Loop : public ConnectionOwner {
   std::exception_ptr thrown_;
 };
 
-Proxy::Proxy(const Address& from, const Address& to, ProxyWatcher& watcher)
+Proxy::Proxy(const ProxyAddress& from, const ProxyAddress& to, ProxyWatcher& watcher)
     : loop_(std::make_unique<Loop>(from, to, watcher)) {}
 Proxy::~Proxy() = default;
 

@@ -14,9 +14,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <tolk/tolk.hpp>
 
 #include "tools/tolk/wire/host_and_port.h"
+#include "tools/tolk/wire/proxy_address.h"
 
 namespace tolk::tool {
 
@@ -38,7 +38,7 @@ class Proxy {
   static constexpr std::size_t kMostWaitingBytes = std::size_t{256} << 10;
 
   // Begins to listen at `from`.
-  Proxy(const Address& from, const Address& to, ProxyWatcher& watcher);
+  Proxy(const ProxyAddress& from, const ProxyAddress& to, ProxyWatcher& watcher);
   ~Proxy();
   Proxy(const Proxy&) = delete;
   Proxy& operator=(const Proxy&) = delete;

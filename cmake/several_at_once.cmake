@@ -1,0 +1,20 @@
+# The files of the library compiled several at once, for builds that look at the code and not at what hosts get.
+# Those with pause points are apart from the others, because tolk_paused has them a second time.
+foreach(objects IN ITEMS tolk_platform tolk_objects)
+  set(number_of_usual 0)
+  set(number_of_paused 0)
+  get_target_property(sources ${objects} SOURCES)
+  list(FILTER sources INCLUDE REGEX "[.]cpp$")
+  list(FILTER sources EXCLUDE REGEX "_windows[.]cpp$") # windows.h must not reach other files
+  foreach(source IN LISTS sources)
+    file(STRINGS ${source} points REGEX "TOLK_PAUSE_[A-Z_]+\\(")
+    set(kind usual)
+    if(points)
+      set(kind paused)
+    endif()
+    math(EXPR group "${number_of_${kind}} / 10")
+    math(EXPR number_of_${kind} "${number_of_${kind}} + 1")
+    set_property(SOURCE ${source} TARGET_DIRECTORY ${objects} PROPERTY UNITY_GROUP ${kind}_${group})
+  endforeach()
+  set_target_properties(${objects} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+endforeach()
