@@ -7,7 +7,7 @@
 // A sanitizer has memory of its own, the address sanitizer 256 MiB that are freed later.
 #define TOLK_HAS_MORE_MEMORY 0
 // The thread sanitizer ends a child that was forked beside threads when it starts one. In such a
-// child, a lock of the address sanitizer's heap may be taken for ever.
+// child, a lock of the address sanitizer's heap may be taken without end.
 #define TOLK_CHILDREN_HAVE_THREADS 1
 #ifdef __has_feature
 #if __has_feature(undefined_behavior_sanitizer)

@@ -28,11 +28,15 @@ class ToolServers : public ServedTest {};
 
 class ToolList : public ServedTest {
  protected:
+  // The command asks all servers of the user, so those of tests that run at the same time too. The
+  // answer of one may take long then.
+  static Ended list(const std::string& option, const std::string& timeout = "20s") {
+    return tolk_command({"list", option, "--timeout", timeout});
+  }
+
   // The entry of the address; null when it is not listed.
-  static Json listed(const std::string& address, const std::vector<std::string>& words = {}) {
-    std::vector<std::string> all = {"list", "--json"};
-    all.insert(all.end(), words.begin(), words.end());
-    const Ended ended = tolk_command(all);
+  static Json listed(const std::string& address, const std::string& timeout = "20s") {
+    const Ended ended = list("--json", timeout);
     EXPECT_EQ(ended.code, 0) << ended.err;
     for (const Json& each : Json::parse(ended.out)) {
       if (each["address"] == address) return each;
@@ -51,7 +55,7 @@ TEST_F(ToolList, ShowsALiveServerWithItsMethods) {
   EXPECT_EQ(found["methods"], 2);
   EXPECT_EQ(found["state"], "2 methods");
   EXPECT_GT(found["ms"].get<double>(), 0);
-  EXPECT_THAT(tolk_command({"list"}).out, HasSubstr(where.text() + " "));
+  EXPECT_THAT(list("--color=never").out, HasSubstr(where.text() + " "));
 }
 
 TEST_F(ToolList, LeavesOutWhatADeadServerHasLeft) {
@@ -63,13 +67,13 @@ TEST_F(ToolList, LeavesOutWhatADeadServerHasLeft) {
     EXPECT_EQ(dead.end().code, 128 + SIGKILL);
   }
   EXPECT_EQ(listed(where), nullptr);
-  EXPECT_THAT(tolk_command({"list", "-v"}).err, HasSubstr(where + ": not connected"));
+  EXPECT_THAT(list("-v").err, HasSubstr(where + ": not connected"));
 }
 
 TEST_F(ToolList, ShowsOneThatDoesNotAnswer) {
   const auto where = fresh_address(test::Transport::pipe);
   RawListener silent(where);
-  EXPECT_EQ(listed("pipe:" + where.port, {"--timeout", "100ms"})["state"],
+  EXPECT_EQ(listed("pipe:" + where.port, "100ms")["state"],
             "the server did not answer within 100 ms");
 }
 
@@ -79,16 +83,17 @@ TEST_F(ToolList, ShowsNoTimeOfOneThatRefuses) {
   const Json found = listed("pipe:" + where.port);
   EXPECT_EQ(found["state"], "refused: the server is of another version");
   EXPECT_EQ(found["ms"], nullptr);
-  EXPECT_THAT(tolk_command({"list"}).out,
+  EXPECT_THAT(list("--color=never").out,
               HasSubstr("pipe:" + where.port + "            -  refused: "));
 }
 
 TEST_F(ToolList, LeavesOutOneThatGoesAway) {
   const auto where = fresh_address(test::Transport::pipe);
-  RawServer leaves(where);
-  std::thread leaving([&] { leaves.take(); });
+  RawServer leaves(where, [](RawSocket& client) {
+    accepting()(client);
+    client.close();
+  });
   EXPECT_EQ(listed("pipe:" + where.port), nullptr);
-  leaving.join();
 }
 
 TEST_F(ToolList, ShowsOneThatDoesNotTell) {
