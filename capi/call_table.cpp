@@ -187,7 +187,8 @@ std::shared_ptr<CallRecord> CallTable::take(std::uint64_t number) {
 void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcome,
                        Callbacks::When when) {
   record->outcome = std::move(outcome);
-  if (record->outcome.status == TOLK_GONE && record->data && record->data->call) {
+  const tolk_status status = record->outcome.status;
+  if ((status == TOLK_GONE || status == TOLK_CLOSED) && record->data && record->data->call) {
     record->data->call->tell_kept_reply(*record);
   }
   const auto data = std::move(record->data);

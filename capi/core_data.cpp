@@ -35,7 +35,7 @@ std::shared_ptr<CallData> Core::take_data_of(const tolk_call& call) {
   auto data = CallTable::new_data();
   data->source = std::move(source);
   data->answer_data.lock()->sink = std::move(sink);
-  data->progress = {call.progress, call.context};
+  data->progress = {call.progress, call.context, std::make_shared<std::atomic<bool>>(false)};
   data->piece_limit_ms = call.piece_limit_ms;
   return data;
 }
@@ -156,7 +156,11 @@ bool Core::takes_data_reply(Peer& peer, std::uint64_t number, const Message& rep
   data->call->on_ended();
   const bool answer_had_data = data->answer_data.lock()->in != nullptr;
   if (std::exchange(data->replied, true) || reply.error || answer_had_data) return false;
-  return data->call->keeps_reply(payload);
+  const bool in_time = calls_.deadline_of(number) > uv_hrtime();
+  if (!data->call->keeps_reply(payload)) return false;
+  // Only the host's progress takes time now.
+  if (in_time) move_deadline(number, TOLK_FOREVER, Move::only_later);
+  return true;
 }
 
 // False: data that the reply speaks of are not there.

@@ -108,7 +108,7 @@ std::shared_ptr<Peer> Core::peer_after(const Peer* peer) const {
 // The queue is closed first: a call that comes later is refused there, and one that came before is
 // in the table.
 void Core::lose(const std::shared_ptr<Peer>& peer, tolk_status status) {
-  const bool is_first = peer->close();
+  const bool is_first = peer->close(status);
   peers_.lock()->erase(peer->id());
   if (!is_first) return;
   TOLK_PAUSE_POINT("peer.closed");

@@ -6,6 +6,7 @@
 
 #include <tolk/c.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -58,10 +59,15 @@ namespace tolk {
 struct Progress {
   tolk_progress function = nullptr;
   void* context = nullptr;
+  // Of a call, whose data and those of its answer do not overlap unless the peer breaks the rules.
+  std::shared_ptr<std::atomic<bool>> is_running = nullptr;
 
   // False cancels.
   bool report(std::uint64_t done, std::uint64_t total) const {
-    return function == nullptr || function(context, done, total);
+    if (function == nullptr || (is_running && is_running->exchange(true))) return true;
+    const bool goes_on = function(context, done, total);
+    if (is_running) *is_running = false;
+    return goes_on;
   }
 };
 

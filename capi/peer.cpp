@@ -57,8 +57,10 @@ void Peer::open(PeerStream& stream) {
   out_.open(&stream.handle().stream);
 }
 
-bool Peer::close() {
-  if (gone_.exchange(true)) return false;
+bool Peer::close(tolk_status status) {
+  if (gone_) return false;
+  gone_as_ = status;
+  gone_ = true;
   stream_ = nullptr;
   held_back_.clear();
   out_.close();
@@ -318,7 +320,6 @@ void Peer::end_requests(std::string_view token, tolk_status status) {
 }
 
 void Peer::end_all_requests(tolk_status status) {
-  gone_as_ = status;
   {
     const auto open = open_requests_.lock();
     for (const auto& [token, request] : *open) request->set_state(status);

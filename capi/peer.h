@@ -61,10 +61,9 @@ class Peer final : public StreamUser,
   OutgoingQueue& out() { return out_; }
 
   void open(PeerStream& stream) TOLK_LOOP;
-  // The connection has ended. False: that is known already.
-  bool close() TOLK_LOOP;
+  // The connection has ended; requests hear `status` of that. False: it is known already.
+  bool close(tolk_status status) TOLK_LOOP;
   bool is_gone() const { return gone_; }
-  // What requests hear of that.
   tolk_status gone_as() const { return gone_as_; }
   PeerStream* stream() TOLK_LOOP { return stream_; }
   Sent send(Frame&& frame, bool counts, Send when = Send::now);

@@ -409,6 +409,57 @@ TEST_P(CapiTransfers, AnAnswerThatHasArrivedCountsMoreThanTheEndOfTheConnection)
   end();
 }
 
+// The host closes while it hears that the data have arrived.
+TEST_P(CapiTransfers, AnAnswerThatHasArrivedCountsMoreThanAClose) {
+  constexpr std::uint64_t kTotal = 2 * kPieceOfTransfer;
+  Event answered;
+  Event closed;
+  method.add_to(server_methods.get(), "take");
+  ASSERT_NO_FATAL_FAILURE(listen());
+  client = connect();
+  Maker maker;
+  DataCall call("take");
+  call.raw.source = maker.source(kTotal);
+  call.may_go_on = [&](std::uint64_t done) {
+    if (done < kTotal) return true;
+    answered.set();
+    return closed.wait();
+  };
+  const std::uint64_t number = tolk_client_start(client.get(), &call.raw);
+  answered.wait();
+  EXPECT_EQ(tolk_client_close(client.get(), 0), TOLK_OK);
+  closed.set();
+  EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_OK);
+  end();
+}
+
+// A progress callback may take longer than the limit. The answer may do so too, on a machine with
+// much else to do: then the limit is doubled.
+TEST_P(CapiTransfers, AnAnswerThatHasArrivedCountsMoreThanTheLimit) {
+  constexpr std::uint64_t kTotal = 2 * kPieceOfTransfer;
+  method.add_to(server_methods.get(), "take");
+  ASSERT_NO_FATAL_FAILURE(listen());
+  client = connect();
+  for (std::int32_t limit = 100; limit < 20000; limit *= 2) {
+    Maker maker;
+    DataCall call("take");
+    call.raw.source = maker.source(kTotal);
+    call.raw.limit_ms = limit;
+    call.raw.piece_limit_ms = 20000;
+    bool has_arrived = false;
+    call.may_go_on = [&](std::uint64_t done) {
+      has_arrived = done == kTotal;
+      if (has_arrived) std::this_thread::sleep_for(std::chrono::milliseconds(limit + 20));
+      return true;
+    };
+    const tolk_status status = call.run(client.get());
+    if (!has_arrived) continue;
+    EXPECT_EQ(status, TOLK_OK);
+    return end();
+  }
+  FAIL() << "no answer arrived";
+}
+
 TEST_P(CapiTransfers, TooMuchWithoutASinkIsRefused) {
   method.add_to(server_methods.get(), "take");
   DataMethod fetch;

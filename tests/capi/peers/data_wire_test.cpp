@@ -75,6 +75,18 @@ void add_data_methods(Methods& methods) {
   });
 }
 
+std::string first_piece_of_answer(const std::string& token) {
+  return frame(call_payload("tolk.piece", kDataCallId,
+                            BlockWriter()
+                                .keyed("tolk.transfer", kDataCallId)
+                                .keyed("tolk.token", token)
+                                .keyed("tolk.offset", 0.0)
+                                .keyed("tolk.total", 3.0)
+                                .add(Stream{})
+                                .bytes(),
+                            "0x1"));
+}
+
 // The other end of either kind, on a plain socket.
 class DataWire : public OverTransports {
  protected:
@@ -275,16 +287,48 @@ TEST_P(DataWire, AClientTellsThatTheDataAreTooLarge) {
   const uint64_t number = tolk_client_start(client.get(), &call);
   const auto question = peer.read_message();
   ASSERT_TRUE(question && question->token());
-  const std::string piece = BlockWriter()
-                                .keyed("tolk.transfer", kDataCallId)
-                                .keyed("tolk.token", *question->token())
-                                .keyed("tolk.offset", 0.0)
-                                .keyed("tolk.total", 3.0)
-                                .add(Stream{})
-                                .bytes();
-  EXPECT_EQ(answer_to(frame(call_payload("tolk.piece", kDataCallId, piece, "0x1"))),
+  EXPECT_EQ(answer_to(first_piece_of_answer(*question->token())),
             golden_hex("c_client_large_reply"));
   EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_TOO_LARGE);
+}
+
+// Data of an answer come before those of the call have arrived, which no peer of the library sends.
+TEST_P(DataWire, ProgressOfACallRunsOnceAtATime) {
+  constexpr std::size_t kSize = std::size_t{300} << 10;  // two pieces
+  struct Reports {
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    Event first_runs;
+    Event may_return;
+  } reports;
+  connect();
+  const std::string data(kSize, 'x');
+  tolk_call call = call_of("take", nullptr, TOLK_FOREVER);
+  call.source = tolk_source_memory(data.data(), data.size(), nullptr, nullptr);
+  call.context = &reports;
+  call.progress = [](void* context, std::uint64_t done, std::uint64_t total) {
+    auto& all = *static_cast<Reports*>(context);
+    if (++all.running > 1) all.overlapped = true;
+    if (total == kSize && done != 0) {
+      all.first_runs.set();
+      all.may_return.wait();
+    }
+    --all.running;
+    return true;
+  };
+  const uint64_t number = tolk_client_start(client.get(), &call);
+  confirm(peer.read_message(), 0);
+  const auto piece = peer.read_message();
+  ASSERT_TRUE(piece && piece->token());
+  confirm(piece, 256 << 10);
+  reports.first_runs.wait();
+  peer.send(first_piece_of_answer(*piece->token()));
+  EXPECT_TRUE(peer.read_message());  // confirms it
+  reports.may_return.set();
+  EXPECT_TRUE(peer.read_message());
+  peer.close();
+  EXPECT_EQ(tolk_client_wait(client.get(), number, nullptr, nullptr), TOLK_GONE);
+  EXPECT_FALSE(reports.overlapped);
 }
 
 TEST_P(DataWire, APieceForACallThatHasEndedIsRefused) {
