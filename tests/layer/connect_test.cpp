@@ -190,6 +190,44 @@ TEST(LayerListen, LinesGoToTheLogFunction) {
   EXPECT_THAT(lines, testing::Contains(testing::HasSubstr("connected from")));
 }
 
+TEST(LayerListen, AnswersAfterTheEndOfTheServerTellNoLine) {
+  Deferred<> later;
+  Counter asked;
+  Counter lines;
+  const auto where = fresh();
+  Client client;
+  {
+    Server server;
+    server.log([&](std::string_view) { lines.add(); });
+    server.on("later", [&] {
+      asked.add();
+      return later;
+    });
+    server.listen(where);
+    client.connect(where);
+    ASSERT_TRUE(client.post("later"));
+    ASSERT_TRUE(asked.wait_for(1));
+  }
+  const int before = lines.value();
+  later.fail(failure("no"));
+  EXPECT_EQ(lines.value(), before);
+}
+
+TEST(LayerListen, AServerThatIsClosedMeanwhileDoesNotListen) {
+  for (int i = 0; i < 50; ++i) {
+    const auto where = fresh();
+    Server server;
+    std::thread closing([&] { server.close(); });
+    try {
+      server.listen(where);
+    } catch (const Error& error) {
+      EXPECT_EQ(error.code(), Errc::misuse);
+    }
+    closing.join();
+    EXPECT_EQ(error_of([&] { (void)connect(where); }).code(), Errc::not_connected);
+  }
+}
+
 TEST(LayerListen, AClientDoesNotStopAServerThatDoesNotAllowIt) {
   Server server;
   server.on("still", [] { return "here"; });

@@ -117,6 +117,35 @@ TEST(LayerLifetime, HandlerMayCloseItsServer) {
   EXPECT_FALSE(server.listening());
 }
 
+// That thread gets no answer, and must not wait for the handler.
+TEST(LayerLifetime, HandlerMayDestroyAClientAndWaitForAThreadThatCallsThroughIt) {
+  Counter asked;
+  Counter may_end;
+  Counter ended;
+  const Deferred<> never;
+  Server server;
+  server.on("never", [&] {
+    asked.add();
+    return never;
+  });
+  server.listen(fresh());
+  std::thread calling;
+  auto client = std::make_unique<Client>();
+  client->on("end", [&] {
+    may_end.wait_for(1);
+    client.reset();
+    calling.join();
+    ended.add();
+  });
+  client->connect(server.address());
+  calling = std::thread(
+      [&through = *client] { EXPECT_FALSE(through.call("never", forever).has_value()); });
+  ASSERT_TRUE(asked.wait_for(1));
+  may_end.add();
+  ASSERT_TRUE(server.post(server.clients().at(0), "end"));
+  if (!ended.wait_for(1)) std::abort();  // it hangs
+}
+
 // The destructor runs while the handler is still in close, and waits for it.
 TEST(LayerLifetime, ClientOutlivesTheHandlerThatClosesIt) {
   const auto where = fresh();

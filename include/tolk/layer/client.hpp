@@ -28,17 +28,16 @@ class ClientCore final : public Core {
   using Core::Core;
 
   void connect(const Address& where) {
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      const char* const wrong = closed_             ? "a closed client can't connect"
-                                : !address_.empty() ? "this client is or was connected"
-                                                    : nullptr;
-      if (wrong != nullptr) throw Error(Errc::misuse, "", where.text(), wrong);
-      address_ = where.text();
-      is_starting_ = true;
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    const char* const wrong = closed_             ? "a closed client can't connect"
+                              : !address_.empty() ? "this client is or was connected"
+                                                  : nullptr;
+    if (wrong != nullptr) throw Error(Errc::misuse, "", where.text(), wrong);
+    address_ = where.text();
+    is_starting_ = true;
+    lock.unlock();
     const auto failed = try_once(options.patience);
-    const std::lock_guard<std::mutex> lock(mutex_);
+    lock.lock();
     is_starting_ = false;
     if (early_) std::exchange(early_, nullptr)->forget();
     if (failed) address_.clear();
@@ -59,12 +58,11 @@ class ClientCore final : public Core {
   void close(bool is_destroyed) {
     begin_close();
     std::thread reconnector;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      const bool may_wait = !Scope::is_inside(this);
-      if (may_wait || is_destroyed) std::swap(reconnector, reconnector_);
-      if (!may_wait && reconnector.joinable()) reconnector.detach();
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    const bool may_wait = !Scope::is_inside(this);
+    if (may_wait || is_destroyed) std::swap(reconnector, reconnector_);
+    if (!may_wait && reconnector.joinable()) reconnector.detach();
+    lock.unlock();
     if (reconnector.joinable()) reconnector.join();
     end_link(link_, is_destroyed);  // a connect that is under way ends its own
     if (is_destroyed) forget_methods();
@@ -121,18 +119,16 @@ class ClientCore final : public Core {
       received.keep_only(made_);
       return connect_error(error.get());
     }
-    std::shared_ptr<Link> fresh;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      fresh = early_ ? early_ : std::make_shared<Link>(client);
-      if (!closed_) {
-        early_ = nullptr;
-        std::swap(link_, fresh);
-        lost_ = lost;
-        made_ = client;
-        changed_.notify_all();
-      }
+    std::unique_lock<std::mutex> lock(mutex_);
+    auto fresh = early_ ? early_ : std::make_shared<Link>(client);
+    if (!closed_) {
+      early_ = nullptr;
+      std::swap(link_, fresh);
+      lost_ = lost;
+      made_ = client;
+      changed_.notify_all();
     }
+    lock.unlock();
     if (!fresh) return std::nullopt;
     end_link(fresh, true);  // the last one, or this one in a closed client
     received.keep_only(client);
@@ -163,11 +159,10 @@ class ClientCore final : public Core {
 
   void note_loss(std::atomic<bool>& lost) {
     const Scope scope(this);
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      lost = true;
-      changed_.notify_all();
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    lost = true;
+    changed_.notify_all();
+    lock.unlock();
     if (on_closed && !closed_) on_closed();
   }
   // Under the lock.
@@ -199,16 +194,15 @@ class ClientCore final : public Core {
   // Starts the calls that wait if there is a connection, and ends those that waited too long.
   void begin_waiting() {
     std::vector<Waiting> all;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      const bool must_wait = calls_must_wait();
-      std::vector<Waiting> kept;
-      for (Waiting& each : waiting_) {
-        const bool stays = must_wait && Clock::now() < each.end();
-        (stays ? kept : all).push_back(std::move(each));
-      }
-      waiting_.swap(kept);
+    std::vector<Waiting> kept;
+    std::unique_lock<std::mutex> lock(mutex_);
+    const bool must_wait = calls_must_wait();
+    for (Waiting& each : waiting_) {
+      const bool stays = must_wait && Clock::now() < each.end();
+      (stays ? kept : all).push_back(std::move(each));
     }
+    waiting_.swap(kept);
+    lock.unlock();
     for (const Waiting& each : all) {
       if (Clock::now() >= each.end()) {
         const Error error(Errc::timed_out, each.call->method, address(),

@@ -168,7 +168,7 @@ struct Outgoing {
 // A tolk_client or tolk_server, and the number of threads that use it. It is freed when they have
 // left: functions of the C interface must not begin after the free.
 // Thread: any. Owner: the client or server.
-class Link {
+class Link : public std::enable_shared_from_this<Link> {
  public:
   explicit Link(tolk_client* client) : client_(client) {}
   explicit Link(tolk_server* server) : server_(server) {}
@@ -223,10 +223,9 @@ class Link {
   // After a close. Waits until nobody uses the connection and callbacks have returned.
   void end() {
     refuse_users();
-    {
-      std::unique_lock<std::mutex> lock(waiting_);
-      left_.wait(lock, [&] { return users_ == kRefused; });
-    }
+    std::unique_lock<std::mutex> lock(waiting_);
+    left_.wait(lock, [&] { return users_ == kRefused; });
+    lock.unlock();
     free();
   }
   // The same in a callback: the last user frees, who may be this thread.
@@ -250,12 +249,25 @@ class Link {
   }
   void leave() {
     if (users_.fetch_sub(1) != kRefused + 1) return;
-    if (is_abandoned_) return free();
+    if (is_abandoned_) return free_in_callback();
     // Not by the atomic: mingw-w64 loses its notifications.
     const std::lock_guard<std::mutex> lock(waiting_);
     left_.notify_all();
   }
   unsigned refuse_users() { return users_.fetch_or(kRefused) & ~kRefused; }
+  // A free waits for callbacks, but not in one. Whatever they wait for may wait for this thread.
+  void free_in_callback() {
+    tolk_call c{};  // without a method: it is refused
+    c.size = sizeof c;
+    c.flags = TOLK_INLINE;
+    c.context = new std::shared_ptr<Link>(shared_from_this());
+    c.done = [](void* context, const tolk_outcome*) {
+      const std::unique_ptr<std::shared_ptr<Link>> link(
+          static_cast<std::shared_ptr<Link>*>(context));
+      (*link)->free();
+    };
+    start(c);
+  }
   void free() {
     const std::lock_guard<std::mutex> lock(free_);
     tolk_client_free(std::exchange(client_, nullptr));
@@ -282,17 +294,8 @@ class Pending : public Outgoing {
 
  private:
   friend class Core;
-  struct Cancel {
-    std::shared_ptr<Link> link;
-    std::uint64_t call;
-    void operator()() const {
-      const Link::Use use = Link::use(link);
-      if (use) use->cancel(call);
-    }
-  };
-
   std::shared_ptr<Core> core_;
-  std::optional<std::stop_callback<Cancel>> on_stop_;
+  std::optional<std::stop_callback<Function<void()>>> on_stop_;
 };
 
 // What an object, its handlers and its callers share.
@@ -331,8 +334,7 @@ class Core : public std::enable_shared_from_this<Core> {
   }
   static void start(const std::shared_ptr<Core>& core, const std::shared_ptr<Pending>& pending) {
     if (core && core->start_later(pending)) return;
-    const auto link = core ? core->link() : nullptr;
-    const Link::Use use = Link::use(link);
+    const Link::Use use = Link::use(core ? core->link() : nullptr);
     if (!use) {
       const Error error = unconnected(core, *pending);
       return pending->finish(nullptr, &error, core.get());
@@ -346,7 +348,10 @@ class Core : public std::enable_shared_from_this<Core> {
     const std::uint64_t number = use->start(c);
     pending->arguments = Block();
     if (pending->limits.stop.stop_possible()) {
-      pending->on_stop_.emplace(pending->limits.stop, Pending::Cancel{link, number});
+      // Not through the link that it began with: a connect that fails frees that.
+      pending->on_stop_.emplace(pending->limits.stop, [core, number] {
+        if (const Link::Use now = Link::use(core->link())) now->cancel(number);
+      });
     }
   }
   static Result<void> post(const std::shared_ptr<Core>& core, const Outgoing& out) {
@@ -399,10 +404,10 @@ class Core : public std::enable_shared_from_this<Core> {
   // Has the caller of a request told why it failed. The line of the host replaces the library's.
   template <class Tell>
   void tell_failure(const std::string& line, const Tell& tell) const {
-    log_line("handler error: " + line);
-    is_telling() = true;
+    const std::string whole = "handler error: " + line;
+    own_line() = &whole;
     tell();
-    is_telling() = false;
+    own_line() = nullptr;
   }
 
   std::string address() const {
@@ -491,12 +496,13 @@ class Core : public std::enable_shared_from_this<Core> {
   std::atomic<bool> closed_{false};
 
  private:
-  static bool& is_telling() {
-    thread_local bool telling = false;
-    return telling;
+  static const std::string*& own_line() {
+    thread_local const std::string* line = nullptr;
+    return line;
   }
   static void take_line(void* context, tolk_level, const char* text) {
-    if (!is_telling()) core_of(context).log_line(text);
+    const std::string* const own = std::exchange(own_line(), nullptr);
+    core_of(context).log_line(own != nullptr ? *own : text);
   }
 
   static void finish(void* context, const tolk_outcome* outcome) {

@@ -65,13 +65,12 @@ class Later {
     if (next) next(*value_);
   }
   void then(Function<void(T&)> next) {
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      if (!value_) {
-        next_ = std::move(next);
-        return;
-      }
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!value_) {
+      next_ = std::move(next);
+      return;
     }
+    lock.unlock();
     next(*value_);
   }
   T& wait() {

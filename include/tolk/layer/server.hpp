@@ -13,14 +13,13 @@ class ServerCore final : public Core {
   using Core::Core;
 
   void listen(const Address& where) {
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      const char* const wrong = closed_                 ? "a closed server can't listen again"
-                                : link_ || is_starting_ ? "this server listens already"
-                                                        : nullptr;
-      if (wrong != nullptr) throw Error(Errc::misuse, "", where.text(), wrong);
-      is_starting_ = true;
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    const char* const wrong = closed_                 ? "a closed server can't listen again"
+                              : link_ || is_starting_ ? "this server listens already"
+                                                      : nullptr;
+    if (wrong != nullptr) throw Error(Errc::misuse, "", where.text(), wrong);
+    is_starting_ = true;
+    lock.unlock();
     tolk_server_options wanted{};
     fill(wanted, new std::shared_ptr<Core>(shared_from_this()),
          delete_context<std::shared_ptr<Core>>);
@@ -33,13 +32,15 @@ class ServerCore final : public Core {
     tolk_server* server = nullptr;
     CError error;
     tolk_server_listen(where.text().c_str(), &wanted, &server, error.place());
-    const std::lock_guard<std::mutex> lock(mutex_);
+    lock.lock();
     is_starting_ = false;
     changed_.notify_all();
     if (server == nullptr) throw listen_error(error.get());
     link_ = std::make_shared<Link>(server);
     address_ = tolk_server_address(server);
     port_ = tolk_server_port(server);
+    lock.unlock();
+    if (closed_) end_link(link(), true);  // by another thread, which found no link
   }
 
   void close(bool is_destroyed) {
