@@ -355,6 +355,20 @@ TEST_F(ToolTransfer, AnInterruptedFetchLeavesNoPart) {
   EXPECT_THAT(received(), testing::IsEmpty());
 }
 
+TEST_F(ToolTransfer, AFetchWhoseServerIsStuckLeavesNoPart) {
+  Gate gate;
+  Server server;
+  const OpenAtEnd open_at_end(gate);
+  server.on("stuck", [gate]() mutable { gate.pass(); });
+  server.listen(at);
+  Process fetches(tolk_words({"fetch", at, "stuck", inbox / "target", "--timeout", "none"}));
+  ASSERT_TRUE(gate.wait_entered());
+  EXPECT_THAT(received(), testing::ElementsAre("target.part"));
+  fetches.signal(SIGINT);
+  EXPECT_EQ(fetches.end().code, 130);
+  EXPECT_THAT(received(), testing::IsEmpty());
+}
+
 TEST_F(ToolTransfer, AnInterruptedSenderLeavesNothing) {
   write_file(root / "large", "");
   fs::resize_file(root / "large", 100'000'000);  // much of it is left when the signal comes

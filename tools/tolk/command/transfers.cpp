@@ -17,15 +17,18 @@ namespace {
 // A method may have much to do with much data when the last byte is there.
 constexpr std::chrono::minutes kUsualLimit{1};
 
-// An interrupt cancels the transfer between two pieces. If the server does not answer a piece, the
-// process ends after a second all the same; the server drops the pieces when the connection ends.
-void end_by_itself_or_soon() {
+// An interrupt cancels the transfer. If the other end of a file or pipe does not let go of a
+// thread, the process ends after a second all the same.
+std::stop_token stopped_by_interrupt() {
   end_by_itself();
-  std::thread([] {
+  std::stop_source stop;
+  std::thread([stop]() mutable {
     wait_for_end();
+    stop.request_stop();
     std::this_thread::sleep_for(std::chrono::seconds(1));
     Output::get().leave(Exit::interrupted);
   }).detach();
+  return stop.get_token();
 }
 
 }  // namespace
@@ -48,7 +51,7 @@ std::shared_ptr<TransferOptions> add_transfer(CLI::App& command, CommonOptions& 
 Values run_transfer(const TransferOptions& transfer, const CommonOptions& options,
                     const std::string& shown, const Move& move) {
   Client& client = connect_to(transfer.address, transfer.method, options);
-  end_by_itself_or_soon();
+  const std::stop_token stop = stopped_by_interrupt();
   ProgressBar bar(shown);
   std::uint64_t moved = 0;
   const auto result = move(
@@ -56,9 +59,8 @@ Values run_transfer(const TransferOptions& transfer, const CommonOptions& option
       [&](Progress progress) {
         bar.show(progress.done(), progress.total());
         moved = progress.done();
-        if (end_is_wanted()) progress.cancel();
       },
-      options.timeout_given ? options.timeout : kUsualLimit);
+      options.timeout_given ? options.timeout : kUsualLimit, stop);
   if (result) {
     Output::get().keep_progress();
     Output::get().detail(size_text(moved) + " moved");

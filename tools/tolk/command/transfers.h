@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <memory>
+#include <stop_token>
 #include <string>
 #include <tolk/tolk.hpp>
 
@@ -30,10 +31,11 @@ using RunTransfer = std::function<void(const TransferOptions&, const CommonOptio
 std::shared_ptr<TransferOptions> add_transfer(CLI::App& command, CommonOptions& options,
                                               const char* about_file, const RunTransfer& run);
 
-// Connects and runs `move` with the client, what reports its progress, and the limit for each piece
-// and for the run of the method. `shown` is the name of what moves. Returns the result of the call.
+// Connects and runs `move` with the client, what reports its progress, the limit for each piece and
+// for the run of the method, and what an interrupt cancels. `shown` is the name of what moves.
+// Returns the result of the call.
 using Move = std::function<Result<Values>(Client& client, const Function<void(Progress)>& report,
-                                          std::chrono::milliseconds limit)>;
+                                          std::chrono::milliseconds limit, std::stop_token stop)>;
 Values run_transfer(const TransferOptions& transfer, const CommonOptions& options,
                     const std::string& shown, const Move& move);
 

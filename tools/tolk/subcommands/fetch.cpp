@@ -96,14 +96,14 @@ void run_fetch(const TransferOptions& fetch, const CommonOptions& options) {
   Target target(fetch);
   Values result =
       run_transfer(fetch, options, fetch.file == kStandardInput ? fetch.method : fetch.file,
-                   [&](Client& client, const auto& report, std::chrono::milliseconds limit) {
+                   [&](Client& client, const auto& report, auto limit, const auto& stop) {
                      return client.fetch<Values>(
                          fetch.method, target.sink(),
                          [&](Progress progress) {
                            has_data = true;
                            report(progress);
                          },
-                         arguments, limit);
+                         arguments, limit, stop);
                    });
   if (!has_data) result = without_data(result, target, fetch.at());
   target.finish();

@@ -72,11 +72,11 @@ void run_send(const TransferOptions& send, const CommonOptions& options) {
   const bool is_named = !arguments.at(kNameKey).is_none();
   if (!name.empty() && !(is_named && send.name.empty())) arguments.add(kNameKey, name);
   Source source = source_of(send);
-  const Values result =
-      run_transfer(send, options, name.empty() ? send.method : name,
-                   [&](Client& client, const auto& report, std::chrono::milliseconds limit) {
-                     return client.send<Values>(send.method, source, report, arguments, limit);
-                   });
+  const Values result = run_transfer(
+      send, options, name.empty() ? send.method : name,
+      [&](Client& client, const auto& report, auto limit, const auto& stop) {
+        return client.send<Values>(send.method, source, report, arguments, limit, stop);
+      });
   print_result(result_to_json(result), options.json);
 }
 
