@@ -100,12 +100,14 @@ TEST(LayerConnect, CloseInAHandlerEndsAConnectThatIsUnderWay) {
     while (socket.read_message()) {
     }
   });
+  Counter refused;
   Client client;
   client.on("work", [&] {
     client.close();
     entered.add();
     while (client.call("back", 10ms).error().code() == Errc::timed_out) {
     }
+    refused.add();
   });
   auto connected = std::async(std::launch::async, [&] {
     try {
@@ -115,6 +117,7 @@ TEST(LayerConnect, CloseInAHandlerEndsAConnectThatIsUnderWay) {
   });
   if (connected.wait_for(kLimit) != std::future_status::ready) std::abort();  // it hangs
   EXPECT_FALSE(client.connected());
+  EXPECT_TRUE(refused.wait_for(1));
 }
 
 TEST(LayerListen, TakenAddressIsReported) {
