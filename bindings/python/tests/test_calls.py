@@ -2,7 +2,9 @@ from __future__ import annotations
 
 import _thread
 import dataclasses
+import math
 import os
+import re
 import threading
 import time
 from typing import Any
@@ -63,6 +65,22 @@ def test_wrong_arguments(pair, args, keys, text):
     with pytest.raises(tolk.WrongArguments) as failure:
         pair(methods)[1].call("one", *args, **keys)
     assert failure.value.reason == text
+
+
+@pytest.mark.parametrize("value, name", [
+    (5, "int"), (None, "nothing"), (0.5, "double"), ([1], "list"), ({"k": 1}, "map")])
+def test_a_view_is_of_bytes_or_of_a_text(pair, value, name):
+    methods = tolk.Methods()
+
+    @methods.method
+    def show(data: memoryview) -> bytes:
+        return bytes(data)
+
+    client = pair(methods)[1]
+    assert client.call("show", b"ab") == client.call("show", "ab") == b"ab"
+    with pytest.raises(tolk.WrongArguments) as failure:
+        client.call("show", value)
+    assert failure.value.reason == f"argument 1: wanted bytes, got {name}"
 
 
 def test_keyed_arguments_of_positional_parameters(pair):
@@ -160,6 +178,21 @@ def test_the_caller_of_a_handler(pair, address):
     latch.wait()
 
 
+def test_the_address_and_the_user_of_a_caller(pair, address):
+    methods = tolk.Methods()
+
+    @methods.method
+    def who(caller: tolk.Caller) -> list:
+        return [caller.address, caller.user, caller.process]
+
+    assert pair(methods)[1].call("who") == [address, str(os.getuid()), os.getpid()]
+    with tolk.listen("tcp4:127.0.0.1:0", methods) as server, tolk.connect(server.address) as client:
+        where, *others = client.call("who")
+        assert re.fullmatch(r"tcp4:127\.0\.0\.1:[1-9]\d*", where)
+        assert where != server.address
+        assert others == ["", 0]
+
+
 def test_calls_in_both_directions_nested(pair):
     methods, back = tolk.Methods(), tolk.Methods()
 
@@ -199,19 +232,57 @@ def test_handlers_that_call_all_leave_workers_to_nested_calls(pair):
     assert results == [1] * 4
 
 
-def test_a_call_to_all_that_is_interrupted_cancels_the_calls(pair):
-    methods, back, cancelled = tolk.Methods(), tolk.Methods(), Latch()
+def interrupt_the_call():
+    time.sleep(0.05)  # until the main thread waits
+    _thread.interrupt_main()
 
-    @back.method
+
+def test_a_call_that_is_interrupted_is_cancelled(pair):
+    methods, cancelled = tolk.Methods(), Latch()
+
+    @methods.method
     def hang(caller: tolk.Caller) -> None:
-        _thread.interrupt_main()
+        interrupt_the_call()
         eventually(lambda: caller.cancelled)
         cancelled.open()
 
-    server, _ = pair(methods, back)
+    client = pair(methods)[1]
     with pytest.raises(KeyboardInterrupt):
-        server.call_all("hang", timeout=LIMIT_S)
+        client.call("hang", timeout=1000)
     cancelled.wait()
+
+
+def test_a_call_to_all_that_is_interrupted_cancels_the_calls(pair, address):
+    back, cancelled = tolk.Methods(), []
+    all_begun = threading.Barrier(2, action=interrupt_the_call)
+
+    @back.method
+    def hang(caller: tolk.Caller) -> None:
+        all_begun.wait(LIMIT_S)
+        eventually(lambda: caller.cancelled)
+        cancelled.append(True)
+
+    server, _ = pair(tolk.Methods(), back)
+    with tolk.connect(address, back):
+        eventually(lambda: len(server.clients) == 2)
+        with pytest.raises(KeyboardInterrupt):
+            server.call_all("hang", timeout=1000)
+        eventually(lambda: len(cancelled) == 2)
+
+
+def test_a_call_to_all_returns_a_value_of_another_type_as_an_error(pair, address):
+    tables = [tolk.Methods() for _ in range(3)]
+    tables[0].method("name")(lambda: "plugin")
+    tables[1].method("name")(lambda: 5)
+    server, _ = pair(tolk.Methods(), tables[0])
+    with tolk.connect(address, tables[1]), tolk.connect(address, tables[2]):
+        eventually(lambda: len(server.clients) == 3)
+        outcomes = server.call_all("name", timeout=LIMIT_S, result=str)
+    by_id = [outcomes[peer] for peer in sorted(outcomes, key=lambda peer: peer.id)]
+    assert by_id[0] == "plugin"
+    assert isinstance(by_id[1], tolk.WrongType)
+    assert str(by_id[1]) == "the result: wanted string, got int"
+    assert isinstance(by_id[2], tolk.NoMethod)
 
 
 def test_posts_arrive_in_order(pair):
@@ -335,6 +406,37 @@ def test_close_waits_for_handlers(pair):
     server.close()
     thread.join(LIMIT_S)
     assert results == ["done"]
+
+
+def test_a_close_without_a_limit(pair, address):
+    methods, begun, ended = tolk.Methods(), Latch(), []
+
+    @methods.method
+    def slow() -> None:
+        begun.open()
+        time.sleep(0.1)
+        ended.append(True)
+
+    server, client = pair(methods)
+    client.close(math.inf)
+    assert client.closed
+    eventually(lambda: server.clients == [])
+    with tolk.connect(address) as other:
+        other.post("slow")
+        begun.wait()
+        server.close(math.inf)
+        assert (ended, server.closed) == ([True], True)
+
+
+def test_a_limit_that_is_not_a_number_closes_nothing(pair):
+    methods = tolk.Methods()
+    methods.method("add")(lambda a, b: a + b)
+    server, client = pair(methods)
+    for end in (server, client):
+        with pytest.raises(ValueError):
+            end.close(math.nan)
+        assert not end.closed
+    assert client.call("add", 1, 2) == 3
 
 
 def test_a_handler_closes_its_server(pair):

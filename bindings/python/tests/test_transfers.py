@@ -83,6 +83,29 @@ def test_in_coroutines(client, data, tmp_path):
     assert (tmp_path / "got").read_bytes() == data.read_bytes()
 
 
+def test_progress_in_coroutines(client, data, tmp_path):
+    sent, fetched = [], []
+
+    def half(done, total):
+        return done < total // 2
+
+    async def main():
+        assert await client.send_async("store", data, progress=lambda *both: sent.append(both)) == SIZE
+        assert await client.fetch_async("load", tmp_path / "got", "data",
+                                        progress=lambda *both: fetched.append(both)) == "data"
+        with pytest.raises(tolk.Cancelled):
+            await client.send_async("store", data, progress=half)
+        with pytest.raises(tolk.Cancelled):
+            await client.fetch_async("load", tmp_path / "never", "data", progress=half)
+
+    asyncio.run(asyncio.wait_for(main(), LIMIT_S))
+    for seen in (sent, fetched):
+        assert (seen[0], seen[-1]) == ((0, SIZE), (SIZE, SIZE))
+        assert seen == sorted(seen)
+    assert (tmp_path / "got").read_bytes() == data.read_bytes()
+    assert not (tmp_path / "never").exists()
+
+
 def test_progress_cancels(client, data, tmp_path):
     with pytest.raises(tolk.Cancelled):
         client.send("store", data, progress=lambda done, total: done < total // 2)
@@ -95,7 +118,7 @@ def test_progress_cancels(client, data, tmp_path):
 
 
 def test_refusals(client, data, tmp_path):
-    with pytest.raises(tolk.Error):
+    with pytest.raises(tolk.TooLarge):
         client.send("store", b"x" * (SIZE + 1))
     with pytest.raises(tolk.FileError):
         client.send("store", tmp_path / "nothing")
@@ -103,3 +126,15 @@ def test_refusals(client, data, tmp_path):
         client.fetch("load", tmp_path / "got", "nothing")
     assert not (tmp_path / "got").exists()
     assert client.send("store", data) == SIZE
+
+
+def test_a_call_that_does_not_start_lets_go_of_its_data(client):
+    data = bytearray(100_000)
+    for timeout, method in ((float("nan"), "store"), (1, "\udc80")):
+        with pytest.raises(ValueError):
+            client.send(method, data, timeout=timeout)
+        data.append(0)  # a BufferError while somebody has a view of it
+    client.close()
+    with pytest.raises(tolk.Closed):
+        client.send("store", data)
+    data.append(0)

@@ -3,6 +3,7 @@ from __future__ import annotations
 import dataclasses
 import enum
 import gc
+import tracemalloc
 from typing import Dict, List, Optional, Tuple, Union
 
 import pytest
@@ -91,7 +92,7 @@ def test_structs(client):
     (1, float, 1.0), (b"x", str, "x"), ("x", bytes, b"x"), (None, Optional[int], None),
     ("x", Union[int, str], "x"), ([1, 2], Tuple[int, ...], (1, 2)), ([1, "a"], Tuple[int, str], (1, "a")),
     ([1], List[float], [1.0]), ({"a": 1}, Dict[str, float], {"a": 1.0}), ("red", Colour, Colour.RED),
-    (5, None, None)])
+    (5, None, None), ("x", memoryview, memoryview(b"x")), (b"", memoryview, memoryview(b""))])
 def test_a_result_of_a_type(client, value, wanted, result):
     got = client.call("echo", value, result=wanted)
     assert got == result
@@ -103,7 +104,10 @@ def test_a_result_of_a_type(client, value, wanted, result):
     ([1, "a"], List[int], ", element 2: wanted int, got string"),
     ({"x": "a"}, Point, 'the result, field "x": wanted int, got string'),
     ({"y": 1.0}, Point, 'the result, field "x": wanted int, got nothing'),
-    ("green", Colour, "'green' is not a Colour"), (1, Union[str, bool], "wanted string | bool, got int")])
+    ("green", Colour, "'green' is not a Colour"), (1, Union[str, bool], "wanted string | bool, got int"),
+    (5, memoryview, "the result: wanted bytes, got int"),
+    (None, memoryview, "the result: wanted bytes, got nothing"),
+    ([1], memoryview, "the result: wanted bytes, got list")])
 def test_a_result_of_another_type(client, value, wanted, text):
     with pytest.raises(tolk.WrongType) as failure:
         client.call("echo", value, result=wanted)
@@ -119,12 +123,32 @@ def test_large_bytes_are_held_and_given_back(client):
     assert not [one for one in _contexts._held.values() if hasattr(one, "released")]
 
 
-def test_a_view_of_the_result_keeps_the_message(client):
-    data = bytes(range(256)) * 400
+@pytest.mark.parametrize("data", [bytes(range(256)) * 400, "text" * 25600], ids=["bytes", "a text"])
+def test_a_view_of_the_result_keeps_the_message(client, data):
     view = client.call("echo", data, result=memoryview)[1000:]
     gc.collect()
     assert view.readonly
-    assert bytes(view) == data[1000:]
+    assert not isinstance(view.obj, bytes)  # that would be a copy
+    assert bytes(view) == (data if isinstance(data, bytes) else data.encode())[1000:]
+
+
+def test_views_copy_nothing(pair):
+    methods = tolk.Methods()
+
+    @methods.method
+    def give_back(number: int, data: memoryview) -> memoryview:
+        return data
+
+    client, data = pair(methods)[1], bytes(range(250)) * 4000
+    assert client.call("give_back", 1, data, result=memoryview) == data
+    tracemalloc.start()
+    try:
+        result = client.call("give_back", 1, data, result=memoryview)
+        most = tracemalloc.get_traced_memory()[1]
+    finally:
+        tracemalloc.stop()
+    assert len(result) == len(data)
+    assert most < len(data) // 2
 
 
 def test_what_may_change_is_copied(client):

@@ -23,6 +23,7 @@ from . import _library as c
 from ._contexts import find, keep, log, take
 from ._errors import Closed, raise_and_free, text_of
 from ._library import quick, waiting
+from ._waits import milliseconds
 
 if TYPE_CHECKING:
     from ._methods import Method, Methods
@@ -124,8 +125,10 @@ class Core:
     def close(self, limit_s: float) -> None:
         """Waits for handlers and for what is to be written, except in a handler of this end."""
         if self.handle is not None and not self.closed:
+            # With 0 the library does not begin to wait.
+            limit_ms = 0 if limit_s == 0 else milliseconds(limit_s, c.FOREVER)
             self.closed = True
-            getattr(waiting, self.side + "_close")(self.handle, int(1000 * limit_s))
+            getattr(waiting, self.side + "_close")(self.handle, limit_ms)
 
     def free(self) -> None:
         handle, self.handle = self.handle, None

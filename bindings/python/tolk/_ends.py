@@ -16,7 +16,7 @@ from ._errors import Error, Status, error_of, text_of
 from ._library import quick, waiting
 from ._methods import Methods
 from ._peer import Peer, result_of
-from ._values import arguments_block
+from ._values import Block, arguments_block
 from ._waits import interruptible, milliseconds
 
 _CLOSE_S = 5.0
@@ -134,7 +134,7 @@ class Server(_End):
             for client, number in started[len(outcomes):]:
                 client._drop(number)
             raise
-        return {client: one if isinstance(one, Error) else result_of(one, result)
+        return {client: one if isinstance(one, Error) else _result_or_error(one, result)
                 for client, one in outcomes.items()}
 
     def wait(self, timeout: float | None = None) -> bool:
@@ -142,6 +142,13 @@ class Server(_End):
         status = interruptible(waiting.server_wait_closed, self._core.opened(),
                                milliseconds(timeout, c.FOREVER))
         return bool(status == Status.OK)
+
+
+def _result_or_error(block: Block, wanted: Any) -> Any:
+    try:
+        return result_of(block, wanted)
+    except Error as error:
+        return error.with_traceback(None)
 
 
 # ---- Hooks -----------------------------------------------------------------------------------------

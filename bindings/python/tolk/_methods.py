@@ -16,7 +16,7 @@ from ._library import quick
 from ._peer import Caller
 from ._transfers import Place, Source, sink_of, source_of
 from ._types import Fit, Misfit, fit_for
-from ._values import Block, Values, contents, details_block, result_block, view
+from ._values import Values, contents, details_block, result_block
 
 Function = TypeVar("Function", bound=Callable[..., Any])
 ChooseSink = Callable[[Caller, int], Union[Place, None]]
@@ -87,7 +87,7 @@ class Method:
     def arguments(self, caller: Caller) -> tuple[list[Any], dict[str, Any]]:
         """WrongArguments if they do not fit."""
         block = quick.request_arguments(caller._request)
-        values, keys = contents(block)
+        values, keys = contents(block, self._views)
         if not self._needed <= len(values) <= len(self._counted):
             self._check_count(len(values), bool(keys))
         elif self._is_plain and len(values) == len(self._counted):
@@ -95,11 +95,6 @@ class Method:
                 return [one.fit.of(value) for one, value in zip(self._counted, values)], {}
             except Misfit:
                 pass  # what follows says which one
-        if self._views:
-            owner = Block(quick.block_copy(block))
-            for i in self._views:
-                if i < len(values):
-                    values[i] = view(owner, i)
         rest = enumerate(values)
         args: list[Any] = []
         for one in self._positional:

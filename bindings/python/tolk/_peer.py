@@ -15,7 +15,8 @@ from ._errors import Busy, Error, Status, WrongType, error_of, raise_and_free, t
 from ._library import quick, waiting
 from ._transfers import Data, Place, Progress, on_progress, sink_of, source_of
 from ._types import Misfit, fit_for
-from ._values import Block, Values, anything, arguments_block, contents, keys_in, read, view
+from ._values import Block, Values, anything, arguments_block, contents, has_bytes, keys_in, read
+from ._values import view
 from ._waits import SLICE_MS, interruptible, milliseconds, on_main_thread
 
 _CALL_BYTES = ctypes.sizeof(c.Call)
@@ -38,7 +39,7 @@ def result_of(block: Block, wanted: Any) -> Any:
         return anything(pointer)
     if wanted is None or wanted is type(None):
         return None
-    if wanted is memoryview:
+    if wanted is memoryview and has_bytes(pointer, 0):
         return view(block, 0)
     if wanted is Values:
         args, keys = contents(pointer)
@@ -195,8 +196,13 @@ class Peer:
 
     def _start(self, wait: _Wait | None, done: Any, method: str, block: Block,
                timeout: float | None, source: Any = None, sink: Any = None) -> int:
-        handle, limit_ms = self._core.opened(), milliseconds(timeout)
-        call = c.Call(_CALL_BYTES, method.encode(), block.pointer, self._id, limit_ms, c.INLINE)
+        try:
+            handle, limit_ms, name = self._core.opened(), milliseconds(timeout), method.encode()
+        except BaseException:
+            quick.source_free(source)
+            quick.sink_free(sink)
+            raise
+        call = c.Call(_CALL_BYTES, name, block.pointer, self._id, limit_ms, c.INLINE)
         if done is not None:
             call.done = done
         if source or sink:

@@ -17,7 +17,7 @@ import dataclasses
 import enum
 import functools
 from array import array
-from collections.abc import Callable, Mapping, Set
+from collections.abc import Callable, Mapping, Sequence, Set
 from typing import Any, NamedTuple
 
 from . import _library as c
@@ -283,10 +283,16 @@ def read(block: Any, index: int) -> Any:
     return _READ[quick.block_kind(block, index)](block, index)
 
 
-def contents(block: Any) -> tuple[list[Any], dict[str, Any]]:
-    """The positional values, and the keyed ones."""
+def contents(block: Any, views: Sequence[int] = ()) -> tuple[list[Any], dict[str, Any]]:
+    """The positional values, and the keyed ones. Bytes and texts at the positions `views` are not
+    copied."""
     count, total = quick.block_count(block), quick.block_total(block)
-    values = [_READ[quick.block_kind(block, i)](block, i) for i in range(count)]
+    if views:
+        owner = Block(quick.block_copy(block))
+        values = [view(owner, i) if i in views and has_bytes(block, i) else read(block, i)
+                  for i in range(count)]
+    else:
+        values = [_READ[quick.block_kind(block, i)](block, i) for i in range(count)]
     return values, _keys_between(block, count, total) if total > count else {}
 
 
@@ -300,8 +306,13 @@ def _keys_between(block: Any, first: int, end: int) -> dict[str, Any]:
     return {key: read(block, i) for key, i in pairs if not key.startswith(("s_c_", "tolk."))}
 
 
+def has_bytes(block: Any, index: int) -> bool:
+    """Bytes or a text, since older peers do not tell them apart."""
+    return quick.block_kind(block, index) in (c.BYTES, c.TEXT)
+
+
 def view(owner: Block, index: int) -> memoryview:
-    """The bytes of a value where they are. They keep the block."""
+    """The bytes of a value that has_bytes, where they are. They keep the block."""
     address, size = _sized(quick.block_bytes, owner.pointer, index)
     if not size:
         return memoryview(b"")

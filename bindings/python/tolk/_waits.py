@@ -19,7 +19,7 @@ def milliseconds(timeout: float | None, usual: int = 0) -> int:
     """A limit as the library takes it. None: the usual one; infinity: none."""
     if timeout is None:
         return usual
-    if math.isinf(timeout):
+    if timeout == math.inf:
         return -1
     return min(max(1, math.ceil(timeout * 1000)), _LONGEST_MS)
 
