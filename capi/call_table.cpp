@@ -188,9 +188,8 @@ void CallTable::settle(const std::shared_ptr<CallRecord>& record, Outcome outcom
                        Callbacks::When when) {
   record->outcome = std::move(outcome);
   const tolk_status status = record->outcome.status;
-  if ((status == TOLK_GONE || status == TOLK_CLOSED) && record->data && record->data->call) {
-    record->data->call->tell_kept_reply(*record);
-  }
+  const bool is_over = status == TOLK_GONE || status == TOLK_CLOSED || status == TOLK_TIMED_OUT;
+  if (is_over && record->data && record->data->call) record->data->call->tell_kept_reply(*record);
   const auto data = std::move(record->data);
   if (!data) return deliver(record, when);
   const auto delivery = std::move(data->delivery);

@@ -124,6 +124,8 @@ class Core {
   enum class State { open, draining, closed };
   using Peers = std::map<std::uint64_t, std::shared_ptr<Peer>>;
 
+  // Before others know the object.
+  void set_address(std::string address) { address_ = std::move(address); }
   void set_session(std::shared_ptr<Session> session) { *session_.lock() = std::move(session); }
   std::shared_ptr<Session> session() const { return *session_.lock(); }
   // No new call is accepted from here on.
@@ -219,7 +221,7 @@ class Core {
   static constexpr std::uint64_t kWorkers = 4;
 
   const Side role_;
-  const std::string address_;
+  std::string address_;
   const CoreSettings settings_;
   const std::uint32_t process_;
   Callbacks callbacks_;

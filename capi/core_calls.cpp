@@ -13,6 +13,7 @@
 namespace tolk {
 namespace {
 
+constexpr char kUnknown[] = "the peer has no such method of the library";
 constexpr char kOwnLoop[] = "an inline callback and the log cannot wait for their own loop";
 
 // A server calls a client that is not there.
@@ -23,7 +24,14 @@ void say_no_client(Failure& failure, std::uint64_t client) {
 
 // A post is misuse only when it has to wait where nobody may.
 const char* reason_of_post(tolk_status status) {
+  if (status == TOLK_NO_METHOD) return kUnknown;
   return status == TOLK_MISUSE ? kOwnLoop : nullptr;
+}
+
+// The library's own methods are for peers that have named them.
+bool is_unknown_to(const Peer& to, std::string_view method) {
+  if (method == kMethodDescribe) return !to.takes_describe();
+  return method.starts_with("tolk.") && !to.tells_features();
 }
 
 }  // namespace
@@ -167,9 +175,7 @@ std::uint64_t Core::start_one(const std::shared_ptr<CallRecord>& record, const t
     if (state_ != State::open) return refuse(record, TOLK_CLOSED, nullptr);
     return refuse(record, role_ == Side::server ? TOLK_NOT_CONNECTED : TOLK_GONE, nullptr);
   }
-  if (record->method == kMethodDescribe && !to->takes_describe()) {
-    return refuse(record, TOLK_NO_METHOD, "the peer does not tell its methods");
-  }
+  if (is_unknown_to(*to, record->method)) return refuse(record, TOLK_NO_METHOD, kUnknown);
   if (record->data && record->data->source) return start_with_data(record, call, to, arguments);
   CallExtras extras;
   if (call.limit_ms >= 0 && to->tells_features()) extras.limit_ms = call.limit_ms;
@@ -341,6 +347,7 @@ tolk_status Core::post(std::uint64_t id, const char* method, const tolk_block* a
 // `deadline`: 0 is not to wait.
 tolk_status Core::post_one(Peer& to, const char* method, const Content* arguments,
                            std::uint64_t deadline) {
+  if (is_unknown_to(to, method)) return TOLK_NO_METHOD;
   Frame frame = post_message(method, arguments);
   const std::size_t size = frame.total_bytes();
   for (;;) {

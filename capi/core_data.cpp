@@ -157,10 +157,7 @@ bool Core::takes_data_reply(Peer& peer, std::uint64_t number, const Message& rep
   const bool answer_had_data = data->answer_data.lock()->in != nullptr;
   if (std::exchange(data->replied, true) || reply.error || answer_had_data) return false;
   const bool in_time = calls_.deadline_of(number) > uv_hrtime();
-  if (!data->call->keeps_reply(payload)) return false;
-  // Only the host's progress takes time now.
-  if (in_time) move_deadline(number, TOLK_FOREVER, Move::only_later);
-  return true;
+  return in_time && data->call->keeps_reply(payload);
 }
 
 // False: data that the reply speaks of are not there.

@@ -48,7 +48,8 @@ void Core::take_reply(Peer& peer, const Message& reply, const SharedBytes& paylo
 
 Outcome Core::outcome_of_reply(const CallRecord& record, const Message& reply,
                                const SharedBytes& payload) const {
-  if (record.done == nullptr && uv_hrtime() > record.deadline) {
+  const bool in_time = record.data && record.data->call && record.data->call->has_kept_reply();
+  if (record.done == nullptr && !in_time && uv_hrtime() > record.deadline) {
     return outcome_of(record, TOLK_TIMED_OUT, nullptr);
   }
   if (const tolk_status status = status_of(reply, record.method); status != TOLK_OK) {

@@ -51,7 +51,7 @@ tolk_status tolk_server_listen(const char* address, const tolk_server_options* o
 }
 
 const char* tolk_server_address(const tolk_server* server) {
-  return server == nullptr ? "" : server->core->bound_to().c_str();
+  return server == nullptr ? "" : server->core->address().c_str();
 }
 
 int tolk_server_port(const tolk_server* server) {

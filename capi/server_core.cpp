@@ -78,7 +78,6 @@ ServerCore::ServerCore(Address where, CoreSettings settings, const tolk_server_o
       most_clients_(options.most_clients == 0 ? SIZE_MAX : options.most_clients),
       rules_(rules_of(options.most_frame_bytes)),
       hello_limit_ms_(options.hello_limit_ms == 0 ? kUsualHelloLimitMs : options.hello_limit_ms),
-      bound_to_(where_.text()),
       hello_limits_(
           [this](std::uint64_t number) {
             enter_loop();
@@ -143,14 +142,14 @@ bool ServerCore::on_listening(uv_loop_t* loop, const Endpoint&) {
   if (!open_deadlines(loop) || hello_limits_.open(loop) != 0) return false;
   const auto& listening = static_cast<ServerSession&>(*session());
   const Endpoint bound = listening.bound_address();
-  bound_to_ = Address{bound, std::nullopt}.text();
+  set_address(Address{bound, std::nullopt}.text());
   if (listening.is_tcp()) port_ = bound.port();
-  log(TOLK_INFO, [&] { return bound_to_ + ": listening"; });
+  log(TOLK_INFO, [&] { return address() + ": listening"; });
   return true;
 }
 
 std::shared_ptr<Peer> ServerCore::new_peer(PeerStream& stream) {
-  Peer::Identity identity{next_client_id(), bound_to_, {}, 0};
+  Peer::Identity identity{next_client_id(), address(), {}, 0};
   sockaddr_storage name{};
   int size = sizeof name;
   if (!static_cast<ServerSession&>(*session()).is_tcp()) {
@@ -193,14 +192,14 @@ void ServerCore::end_silent_client(std::uint64_t number) {
     if (at == streams->end()) return;
     id = at->second;
   }
-  log(TOLK_WARNING, [&] { return bound_to_ + ": a client has sent nothing in time"; });
+  log(TOLK_WARNING, [&] { return address() + ": a client has sent nothing in time"; });
   auto& current = static_cast<ServerSession&>(*session());
   PeerStream* const stream = current.find(id);
   if (stream != nullptr && current.takes_messages()) current.on_stream_end(*stream, UV_ETIMEDOUT);
 }
 
 void ServerCore::on_client_refused(const std::string& user) {
-  log(TOLK_WARNING, [&] { return bound_to_ + ": refused " + user; });
+  log(TOLK_WARNING, [&] { return address() + ": refused " + user; });
 }
 
 // A client that has gone counts while handlers have its requests.
@@ -210,7 +209,7 @@ bool ServerCore::may_accept(std::size_t count) {
     return !peer || peer->requests() == 0;
   });
   if (count + leaving_.size() < most_clients_) return true;
-  log(TOLK_WARNING, [&] { return bound_to_ + ": refused a client, there are too many"; });
+  log(TOLK_WARNING, [&] { return address() + ": refused a client, there are too many"; });
   return false;
 }
 
@@ -323,7 +322,7 @@ void ServerCore::tell_stopped(ErrorRef why) {
 void ServerCore::on_broken_off() {
   on_loop_ending(TOLK_CLOSED);
   finish_closing();
-  log(TOLK_WARNING, [&] { return bound_to_ + ": stopped, there is no memory to go on"; });
+  log(TOLK_WARNING, [&] { return address() + ": stopped, there is no memory to go on"; });
   tell_stopped(ErrorRef(no_memory_error()));
 }
 

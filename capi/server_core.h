@@ -32,7 +32,6 @@ class ServerCore final : public Core, public ServerEvents {
   tolk_status listen(tolk_error** error);
   std::shared_ptr<Core> shared() override;
   tolk_server* server_handle() override { return &handle_; }
-  const std::string& bound_to() const { return bound_to_; }
   int port() const { return port_; }
   std::size_t clients(std::uint64_t* ids, std::size_t capacity) const;
   bool disconnect_client(std::uint64_t id);
@@ -93,7 +92,6 @@ class ServerCore final : public Core, public ServerEvents {
   const std::int32_t hello_limit_ms_;
   tolk_server handle_;
   // By the loop thread, before the start is decided.
-  std::string bound_to_;
   int port_ = 0;
   int listen_status_ = UV_ENOMEM;  // unless another failure is told
   // Made before the session, so that its end needs no memory.

@@ -10,6 +10,11 @@
 #include "transport/frame_format.h"
 
 namespace tolk {
+namespace {
+
+constexpr char kCancelled[] = "cancelled by the progress callback";
+
+}  // namespace
 
 TransferOut::TransferOut(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer,
                          std::uint64_t number, std::unique_ptr<tolk_source> source)
@@ -28,7 +33,7 @@ void TransferOut::on_confirmed(std::uint64_t done) {
 
 void TransferOut::begin() {
   begun_ = true;
-  if (!report(0)) return fail({TOLK_CANCELLED, "the progress callback has cancelled it"});
+  if (!report(0)) return fail({TOLK_CANCELLED, kCancelled});
   if (!peer().takes_pieces()) return send_whole();
   in_pieces_ = true;
   send_piece(PieceBlock(head(), 0).content, total() == 0);
@@ -41,7 +46,7 @@ void TransferOut::step() {
   if (!may_go_on()) return fail({TOLK_CANCELLED, "nobody waits for the data any more"});
   if (confirmed > sent_) return fail({TOLK_MALFORMED, "a piece is confirmed that was not sent"});
   if (!report_up_to(confirmed)) {
-    return fail({TOLK_CANCELLED, "the progress callback has cancelled it"});
+    return fail({TOLK_CANCELLED, kCancelled});
   }
   if (fill_window(confirmed) && confirmed == total()) on_all_confirmed();
 }

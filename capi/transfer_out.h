@@ -95,7 +95,9 @@ class CallOut final : public TransferOut {
 
   // True: the transfer keeps the reply until the host knows that all data have arrived.
   bool keeps_reply(const SharedBytes& payload);
-  // The connection or this end is over. If a reply is kept, it becomes the outcome.
+  // It came in time.
+  bool has_kept_reply() const { return reply_.lock()->owner != nullptr; }
+  // The connection, this end or the limit is over. If a reply is kept, it becomes the outcome.
   void tell_kept_reply(CallRecord& record) const;
   // The peer needs not be told that the call has ended.
   void on_ended() { peer_knows_ = true; }

@@ -121,8 +121,8 @@ TOLK_API const char* tolk_error_wanted(const tolk_error* error);
 TOLK_API const char* tolk_error_found(const tolk_error* error);
 /// What to try.
 TOLK_API const char* tolk_error_hint(const tolk_error* error);
-/// TOLK_FAILED: the handler's number. Other failures: the system's error number as libuv has it,
-/// which is below 0, or 0.
+/// What tolk_request_fail was given. Failures on this side: the system's error number as libuv has
+/// it, which is below 0, or 0.
 TOLK_API int32_t tolk_error_code(const tolk_error* error);
 /// What the handler added to its failure; null without.
 TOLK_API const tolk_block* tolk_error_details(const tolk_error* error);
@@ -232,8 +232,8 @@ TOLK_API size_t tolk_block_ints(const tolk_block* block, size_t index, int64_t* 
 TOLK_API size_t tolk_block_doubles(const tolk_block* block, size_t index, double* to,
                                    size_t capacity);
 
-/// Returns the encoded block and its size, valid until the block is changed or freed. Null without
-/// memory.
+/// Returns the encoded block and its size, valid until the block is changed or freed. Null for a
+/// block that cannot be sent.
 TOLK_API const void* tolk_block_encode(tolk_block* block, size_t* size);
 /// Makes a block of encoded bytes, which it copies. Reserved keys are values here; a call leaves
 /// them out. TOLK_MALFORMED: `wrong_at`, which may be null, receives the offset of what is wrong.
@@ -267,8 +267,8 @@ TOLK_API tolk_source* tolk_source_callback(uint64_t total, tolk_read read, void*
 /// For a source that no function has taken.
 TOLK_API void tolk_source_free(tolk_source* source);
 
-/// A file, which is made or emptied now, and removed unless a transfer succeeds. One that is no
-/// regular file stays.
+/// A file, which is made or emptied now, and removed unless a transfer, or a call without data,
+/// succeeds. One that is no regular file stays.
 TOLK_API tolk_status tolk_sink_file(const char* path, tolk_sink** sink, tolk_error** error);
 /// A callback, which gets the bytes in order.
 TOLK_API tolk_sink* tolk_sink_callback(tolk_write write, void* context, tolk_release free_context);
@@ -323,7 +323,8 @@ typedef struct tolk_call {
   tolk_source* source;
   tolk_sink* sink;         ///< see `source`
   tolk_progress progress;  ///< of both; runs as `done` without flags would
-  int32_t piece_limit_ms;  ///< how long a piece may take, of both; 0: the usual limit
+  int32_t piece_limit_ms;  ///< for each piece of `source`; each one of the answer gives the call
+                           ///< at least so much more time; 0: the usual limit
 } tolk_call;
 
 // ---- Calls of peers ----------------------------------------------------------------------------
@@ -391,7 +392,7 @@ TOLK_API int32_t tolk_request_limit_left(const tolk_request* request);
 TOLK_API tolk_status tolk_request_state(const tolk_request* request);
 
 /// Answers, from any thread. Takes the request and `result`, which may be null. One that cannot be
-/// sent is a TOLK_FAILED that says why.
+/// sent is a TOLK_FAILED that says why; without memory to say so, the connection ends.
 TOLK_API void tolk_request_answer(tolk_request* request, tolk_block* result);
 /// The same with data (see tolk_call::sink). Takes `source` too.
 TOLK_API void tolk_request_answer_data(tolk_request* request, tolk_block* result,
@@ -446,7 +447,8 @@ typedef struct tolk_client_options {
   size_t most_queued_bytes;   ///< of posts that are not yet written; 0: 64 MiB
   size_t most_frame_bytes;    ///< of one message received; 0: 2,147,483,643, the most
   size_t most_data_bytes;     ///< of transfers without a sink, all that are under way together,
-                              ///< others fail with TOLK_BUSY; 0: 2,147,483,643
+                              ///< others fail with TOLK_BUSY, and one that is larger alone with
+                              ///< TOLK_TOO_LARGE; 0: 2,147,483,643
   unsigned most_requests;     ///< under way at a time, others fail with TOLK_BUSY; 0: 10,000
 } tolk_client_options;
 
@@ -519,7 +521,8 @@ typedef struct tolk_server_options {
   unsigned most_client_requests;  ///< under way; 0: 1,000
   size_t most_queued_bytes;       ///< of posts to one client; above it posts wait
   size_t most_frame_bytes;        ///< a client that sends more is disconnected
-  size_t most_data_bytes;         ///< of one client: as tolk_client_options::most_data_bytes
+  size_t most_data_bytes;         ///< of one client: as tolk_client_options::most_data_bytes. A
+                                  ///< plain client is disconnected
   unsigned most_clients;          ///< others are disconnected at once; 0: as many as the system has
   int32_t hello_limit_ms;         ///< for a client's first message; 0: 60,000
 } tolk_server_options;
@@ -559,7 +562,8 @@ TOLK_API bool tolk_server_cancel(tolk_server* server, uint64_t call);
 TOLK_API tolk_status tolk_server_post(tolk_server* server, uint64_t client, const char* method,
                                       const tolk_block* arguments, int32_t wait_ms,
                                       tolk_error** error);
-/// Accepts nobody any more; the address is free at once. Otherwise as tolk_client_close.
+/// Accepts nobody any more. The address is free soon: when it has waited and returns TOLK_OK.
+/// Otherwise as tolk_client_close.
 TOLK_API tolk_status tolk_server_close(tolk_server* server, int32_t limit_ms);
 /// Waits until the server is closed, by whomever, at most `limit_ms`, or TOLK_FOREVER.
 TOLK_API tolk_status tolk_server_wait_closed(tolk_server* server, int32_t limit_ms);

@@ -55,6 +55,15 @@ struct OutcomesOfAll {
 };
 INSTANTIATE_TEST_SUITE_P(All, CapiCalls, tolk::test::kAllTransports, tolk::test::transport_name);
 
+TEST_P(CapiCalls, AServersErrorsNameTheAddressThatItHas) {
+  listen();
+  tolk_error* error = nullptr;
+  EXPECT_EQ(tolk_server_call(server.get(), 7, "none", nullptr, 0, nullptr, &error),
+            TOLK_NOT_CONNECTED);
+  EXPECT_STREQ(tolk_error_address(error), tolk_server_address(server.get()));
+  tolk_error_free(error);
+}
+
 TEST_P(CapiCalls, AnInlineHandlerAnswers) {
   server_methods.add_echo(TOLK_INLINE);
   start();

@@ -1,8 +1,10 @@
 // How clients and servers end.
+#include <chrono>
 #include <string>
 #include <thread>
 
 #include "pair.h"
+#include "tests/e2e/support/waiting.h"
 
 namespace {
 
@@ -10,9 +12,11 @@ using tolk::test::call_client;
 using tolk::test::call_of;
 using tolk::test::Done;
 using tolk::test::Event;
+using tolk::test::eventually;
 using tolk::test::Owned;
 using tolk::test::Pair;
 using tolk::test::text_block;
+using Clock = std::chrono::steady_clock;
 
 class CapiEndings : public Pair {};
 INSTANTIATE_TEST_SUITE_P(All, CapiEndings, tolk::test::kAllTransports, tolk::test::transport_name);
@@ -105,6 +109,90 @@ TEST_P(CapiEndings, AServersEndIsGoneForItsClients) {
   EXPECT_EQ(call_client(client.get(), "keep", "").status, TOLK_GONE);
   EXPECT_EQ(tolk_request_state(kept.requests.front()), TOLK_CLOSED);
   end();
+}
+
+// Requests that nobody answers. The caller of one has a limit.
+class CapiRequestStates : public Pair {
+ protected:
+  static constexpr int kLimitMs = 50;
+  static constexpr std::chrono::milliseconds kLimit{kLimitMs};
+
+  // A request may arrive until both ends are closed.
+  ~CapiRequestStates() override { end(); }
+
+  void start_calls(bool of_server) {
+    tolk::test::Methods& methods = of_server ? client_methods : server_methods;
+    methods.add("limited", limited_.handler(), TOLK_INLINE);
+    methods.add("endless", endless_.handler(), TOLK_INLINE);
+    start();
+    begin_ = Clock::now();
+    for (tolk_call call :
+         {call_of("endless", nullptr, TOLK_FOREVER), call_of("limited", nullptr, kLimitMs)}) {
+      call.client = first_client();
+      if (of_server) {
+        tolk_server_start(server.get(), &call);
+      } else {
+        tolk_client_start(client.get(), &call);
+      }
+    }
+    ASSERT_TRUE(limited_.has_one.wait());
+    ASSERT_TRUE(endless_.has_one.wait());
+  }
+  tolk_status limited() const { return tolk_request_state(limited_.requests.front()); }
+  tolk_status endless() const { return tolk_request_state(endless_.requests.front()); }
+  bool are_gone() const { return limited() == TOLK_GONE && endless() == TOLK_GONE; }
+
+  void expect_timed_out() {
+    EXPECT_TRUE(eventually([&] { return limited() != TOLK_OK; }));
+    EXPECT_GE(Clock::now() - begin_, kLimit);
+    EXPECT_EQ(limited(), TOLK_TIMED_OUT);
+    EXPECT_EQ(endless(), TOLK_OK);
+  }
+  // The limit, and the end of the object that has the requests, come later. `close` closes that.
+  template <class Close>
+  void expect_gone_for_good(const Close& close) {
+    EXPECT_TRUE(eventually([&] { return endless() != TOLK_OK; }));
+    EXPECT_EQ(endless(), TOLK_GONE);
+    EXPECT_TRUE(eventually([&] { return are_gone(); }));
+    bool always = true;
+    for (const auto now = Clock::now(); Clock::now() - now <= 2 * kLimit;) {
+      always = always && are_gone();
+    }
+    EXPECT_TRUE(always);
+    close();
+    EXPECT_TRUE(are_gone());
+    end();
+    EXPECT_TRUE(are_gone());
+  }
+
+ private:
+  Kept limited_;
+  Kept endless_;
+  Clock::time_point begin_;
+};
+INSTANTIATE_TEST_SUITE_P(All, CapiRequestStates, tolk::test::kAllTransports,
+                         tolk::test::transport_name);
+
+TEST_P(CapiRequestStates, AClientsLimitMakesItsRequestTimedOut) {
+  ASSERT_NO_FATAL_FAILURE(start_calls(false));
+  expect_timed_out();
+}
+
+TEST_P(CapiRequestStates, AServersLimitMakesItsRequestTimedOut) {
+  ASSERT_NO_FATAL_FAILURE(start_calls(true));
+  expect_timed_out();
+}
+
+TEST_P(CapiRequestStates, AClientsEndMakesItsRequestsGoneForGood) {
+  ASSERT_NO_FATAL_FAILURE(start_calls(false));
+  client.reset();
+  expect_gone_for_good([&] { EXPECT_EQ(tolk_server_close(server.get(), 20000), TOLK_OK); });
+}
+
+TEST_P(CapiRequestStates, AServersEndMakesItsRequestsGoneForGood) {
+  ASSERT_NO_FATAL_FAILURE(start_calls(true));
+  server.reset();
+  expect_gone_for_good([&] { EXPECT_EQ(tolk_client_close(client.get(), 20000), TOLK_OK); });
 }
 
 TEST_P(CapiEndings, FreeRunsOutcomesAndWaitsForHandlers) {

@@ -14,6 +14,7 @@ using tolk::test::Done;
 using tolk::test::Event;
 using tolk::test::Pair;
 using tolk::test::text_block;
+using tolk::test::text_of;
 
 class CapiRules : public Pair {
  protected:
@@ -24,13 +25,12 @@ class CapiRules : public Pair {
   }
 
   void start_with_keep(unsigned workers = 0) {
-    server_methods.add(
-        "keep",
-        [this](tolk_request* request) {
-          kept_.push_back(request);
-          has_kept.set();
-        },
-        TOLK_INLINE);
+    const auto keep = [this](tolk_request* request) {
+      kept_.push_back(request);
+      has_kept.set();
+    };
+    server_methods.add("keep", keep, TOLK_INLINE);
+    client_methods.add("keep", keep, TOLK_INLINE);
     server_methods.add_echo(TOLK_INLINE);
     listen();
     tolk_client_options options{};
@@ -43,6 +43,21 @@ class CapiRules : public Pair {
     tolk_call call = call_of(method, &done, TOLK_FOREVER);
     call.flags = flags;
     return tolk_client_start(client.get(), &call);
+  }
+
+  // Of a client or a server, whose calls go to "keep".
+  template <class Start, class Wait, class Cancel>
+  static void expect_that_a_wait_leaves_the_call(const Start& start, const Wait& wait,
+                                                 const Cancel& cancel) {
+    const auto endless = start(TOLK_FOREVER);
+    EXPECT_EQ(wait(endless, 0), TOLK_BUSY);
+    EXPECT_EQ(wait(endless, 5), TOLK_BUSY);
+    EXPECT_TRUE(cancel(endless));
+    EXPECT_EQ(wait(endless, 20000), TOLK_CANCELLED);
+    EXPECT_EQ(wait(endless, 0), TOLK_MISUSE);
+    const auto limited = start(50);
+    EXPECT_EQ(wait(limited, 20000), TOLK_TIMED_OUT) << "the call's own limit";
+    EXPECT_EQ(wait(limited, 0), TOLK_MISUSE);
   }
 
   Event has_kept;
@@ -77,19 +92,63 @@ TEST_P(CapiRules, OneOfTwoWaitsIsRefused) {
 
 TEST_P(CapiRules, AWaitWithALimitLeavesTheCall) {
   start_with_keep();
-  const auto wait = [&](std::uint64_t number, int limit_ms) {
-    return tolk_client_wait_for(client.get(), number, limit_ms, nullptr, nullptr);
-  };
-  tolk_call call = call_of("keep", nullptr, TOLK_FOREVER);
-  const auto endless = tolk_client_start(client.get(), &call);
-  EXPECT_EQ(wait(endless, 0), TOLK_BUSY);
-  EXPECT_EQ(wait(endless, 5), TOLK_BUSY);
-  EXPECT_TRUE(tolk_client_cancel(client.get(), endless));
-  EXPECT_EQ(wait(endless, 20000), TOLK_CANCELLED);
-  call.limit_ms = 50;
-  const auto number = tolk_client_start(client.get(), &call);
-  EXPECT_EQ(wait(number, 20000), TOLK_TIMED_OUT) << "the call's own limit";
-  EXPECT_EQ(wait(number, 0), TOLK_MISUSE);
+  expect_that_a_wait_leaves_the_call(
+      [&](int limit_ms) {
+        const tolk_call call = call_of("keep", nullptr, limit_ms);
+        return tolk_client_start(client.get(), &call);
+      },
+      [&](std::uint64_t number, int limit_ms) {
+        return tolk_client_wait_for(client.get(), number, limit_ms, nullptr, nullptr);
+      },
+      [&](std::uint64_t number) { return tolk_client_cancel(client.get(), number); });
+}
+
+TEST_P(CapiRules, AServersWaitWithALimitLeavesTheCall) {
+  start_with_keep();
+  expect_that_a_wait_leaves_the_call(
+      [&](int limit_ms) {
+        tolk_call call = call_of("keep", nullptr, limit_ms);
+        call.client = first_client();
+        return tolk_server_start(server.get(), &call);
+      },
+      [&](std::uint64_t number, int limit_ms) {
+        return tolk_server_wait_for(server.get(), number, limit_ms, nullptr, nullptr);
+      },
+      [&](std::uint64_t number) { return tolk_server_cancel(server.get(), number); });
+}
+
+// As one without a limit does.
+TEST_P(CapiRules, AWaitWithALimitTakesTheOutcome) {
+  client_methods.add_echo();
+  client_methods.add("fail", [](tolk_request* request) {
+    tolk_request_fail(request, TOLK_FAILED, 0, "because", nullptr);
+  });
+  server_methods.add_echo();
+  start();
+  const auto block = text_block("x");
+  for (const bool of_server : {false, true}) {
+    tolk_call call = call_of("echo");
+    call.arguments = block.get();
+    call.client = first_client();
+    tolk_block* result = nullptr;
+    const auto wait = [&](std::uint64_t number, tolk_error** error) {
+      return of_server ? tolk_server_wait_for(server.get(), number, 20000, &result, error)
+                       : tolk_client_wait_for(client.get(), number, 20000, &result, error);
+    };
+    const auto start_one = [&] {
+      return of_server ? tolk_server_start(server.get(), &call)
+                       : tolk_client_start(client.get(), &call);
+    };
+    EXPECT_EQ(wait(start_one(), nullptr), TOLK_OK);
+    EXPECT_EQ(text_of(result), "x");
+    tolk_block_free(result);
+    call.method = "fail";
+    tolk_error* error = nullptr;
+    EXPECT_EQ(wait(start_one(), &error), of_server ? TOLK_FAILED : TOLK_NO_METHOD);
+    EXPECT_EQ(result, nullptr);
+    EXPECT_STREQ(tolk_error_method(error), "fail");
+    tolk_error_free(error);
+  }
 }
 
 TEST_P(CapiRules, AWaitForAnUnknownCallOfAClosedObjectIsClosed) {

@@ -422,12 +422,16 @@ TEST_P(HostileToCapiClient, AServerOfAnotherVersionIsRefused) {
   struct Case {
     Greeting greeting;
     tolk_status status;
+    std::string found;
   };
+  const std::string other_version = "Tolk Version: 0.9.8.7";
   const Case cases[] = {
-      {refusing(), TOLK_REFUSED},
-      {replying(BlockWriter()), TOLK_REFUSED},
-      {replying(BlockWriter().add("yes").keyed("VERSION", 7)), TOLK_REFUSED},
-      {[](RawSocket& at) { at.send(prefix(-1)); }, TOLK_GONE},
+      {refusing(), TOLK_REFUSED, kVersion},
+      {replying(BlockWriter().add(false).keyed("VERSION", other_version)), TOLK_REFUSED,
+       other_version},
+      {replying(BlockWriter()), TOLK_REFUSED, ""},
+      {replying(BlockWriter().add("yes").keyed("VERSION", 7)), TOLK_REFUSED, ""},
+      {[](RawSocket& at) { at.send(prefix(-1)); }, TOLK_GONE, ""},
   };
   for (const Case& each : cases) {
     const Address other = fresh_address(GetParam());
@@ -438,6 +442,7 @@ TEST_P(HostileToCapiClient, AServerOfAnotherVersionIsRefused) {
     EXPECT_EQ(none, nullptr);
     const bool is_refused = each.status == TOLK_REFUSED;
     EXPECT_STREQ(tolk_error_wanted(error), is_refused ? kVersion : "");
+    EXPECT_EQ(tolk_error_found(error), each.found);
     EXPECT_STREQ(tolk_error_method(error), "");
     tolk_error_free(error);
   }

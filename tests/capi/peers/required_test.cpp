@@ -1,7 +1,12 @@
 // The C interface with hosts that use the required interface: calls and posts in both directions,
-// and what each side learns of failures.
+// what each side learns of failures, and large data, which these peers do not know in pieces.
+#include <filesystem>
+#include <fstream>
+
 #include "raw_ends.h"
+#include "tests/capi/transfer_support.h"
 #include "tests/e2e/support/handlers.h"
+#include "tests/platform/temp_directory.h"
 
 namespace tolk::test {
 namespace {
@@ -52,6 +57,86 @@ void expect_sum(TolkParams* reply) {
   EXPECT_STREQ(reply->GetValue(1)->GetString(), "done");
   EXPECT_EQ(reply->MapSize(), 3);  // the envelope alone
 }
+
+// The data of a call or an answer, in one message: they come before the other values.
+constexpr std::size_t kDataBytes = 5 * kPieceOfTransfer;
+
+void expect_data_and_seven(TolkParams* block) {
+  ASSERT_NE(block, nullptr);
+  ASSERT_GE(block->ParamsSize(), 2);
+  long size = 0;
+  const char* const bytes = block->GetValue(0)->GetStream(size);
+  ASSERT_EQ(static_cast<std::size_t>(size), kDataBytes);
+  EXPECT_TRUE(are_bytes(0, bytes, kDataBytes));
+  EXPECT_EQ(block->GetValue(1)->GetInt(), 7);
+}
+
+void expect_data_and_seven(const tolk_block* block) {
+  EXPECT_EQ(tolk_block_total(block), 2U);
+  const std::string bytes = bytes_at(block, 0);
+  ASSERT_EQ(bytes.size(), kDataBytes);
+  EXPECT_TRUE(are_bytes(0, bytes.data(), kDataBytes));
+  EXPECT_EQ(tolk_block_int(block, 1), 7);
+}
+
+Owned<tolk_block> seven() {
+  Owned<tolk_block> block(tolk_block_new());
+  tolk_block_add_int(block.get(), 7);
+  return block;
+}
+
+IServerMethod* expecting_data_and_seven() {
+  return on_call([](int, TolkParams* in, TolkParams* out) {
+    expect_data_and_seven(in);
+    out->AddString("taken");
+  });
+}
+
+// Sends them.
+struct DataAndSeven : DataCall {
+  explicit DataAndSeven(const char* method) : DataCall(method) {
+    arguments = seven();
+    raw.limit_ms = kLongMs;
+    raw.piece_limit_ms = kLongMs;
+    raw.source = maker.source(kDataBytes);
+  }
+  void expect_taken(tolk_status status) const {
+    EXPECT_EQ(status, TOLK_OK) << reason;
+    EXPECT_EQ(text_of(result.get()), "taken");
+    EXPECT_EQ(maker.made, kDataBytes);
+    EXPECT_EQ(reports.front(), 0U);
+    EXPECT_EQ(reports.back(), kDataBytes);
+  }
+
+  Maker maker;
+};
+
+// Answers with them.
+void add_fetch(Methods& methods) {
+  methods.add("fetch", [](tolk_request* request) {
+    static const std::string bytes = some_bytes(kDataBytes);
+    tolk_request_answer_data(request, seven().release(),
+                             tolk_source_memory(bytes.data(), bytes.size(), nullptr, nullptr));
+  });
+}
+
+// A source that writes nothing to the memory that it gets. The system then provides none.
+struct Untouched {
+  std::atomic<int> reads{0};
+
+  tolk_source* source(std::uint64_t total) {
+    const auto read = [](void* self, void*, std::size_t capacity) {
+      ++static_cast<Untouched*>(self)->reads;
+      return capacity;
+    };
+    return tolk_source_callback(total, read, this, nullptr);
+  }
+};
+
+constexpr std::uint64_t kMostOfAFrame = 0x7ffffffb;
+constexpr char kNotInPieces[] =
+    "the peer does not take data in pieces, and they are too large for one";
+constexpr char kNotInOneMessage[] = "the data are too large for one message";
 
 // A client of the C interface and a required server.
 class CapiAtRequiredServer : public OverTransports {
@@ -143,6 +228,47 @@ TEST_P(CapiAtRequiredServer, TheServersPostsArrive) {
   for (int i = 0; i < 20; ++i) server->PostMsg(*id, "note", nullptr, 0);
   EXPECT_TRUE(posted.wait_for(20));
   client.reset();
+}
+
+TEST_P(CapiAtRequiredServer, DataOfACallGoInOneMessage) {
+  server->method("take", expecting_data_and_seven());
+  start();
+  DataAndSeven call("take");
+  call.expect_taken(call.run(client.get()));
+}
+
+TEST_P(CapiAtRequiredServer, DataOfAnAnswerGoInOneMessage) {
+  add_fetch(methods);
+  start();
+  expect_data_and_seven(server->SendMsg(*id, "fetch", nullptr, 0, kLongMs));
+}
+
+// More than a frame has, as much, and so much that the other arguments have no room.
+TEST_P(CapiAtRequiredServer, DataThatDoNotFitIntoOneMessageAreNotSent) {
+  Counter taken;
+  server->method("take", counting(taken));
+  start();
+  struct Case {
+    std::uint64_t total;
+    const char* reason;
+    int reads;
+  };
+  const Case cases[] = {{kMostOfAFrame + 1, kNotInPieces, 0},
+                        {kMostOfAFrame, kNotInOneMessage, 1},
+                        {kMostOfAFrame - 1000, kNotInOneMessage, 1}};
+  for (const auto& [total, reason, reads] : cases) {
+    Untouched data;
+    DataCall call("take");
+    call.raw.piece_limit_ms = kLongMs;
+    call.raw.source = data.source(total);
+    const tolk_status status = call.run(client.get());
+    if (status == TOLK_NO_MEMORY) GTEST_SKIP() << "the system does not give 2 GiB";
+    EXPECT_EQ(status, TOLK_TOO_LARGE) << total;
+    EXPECT_EQ(call.reason, reason) << total;
+    EXPECT_EQ(data.reads, reads) << total;
+  }
+  EXPECT_EQ(call_client(client.get(), "here", "").status, TOLK_OK) << "the connection stays";
+  EXPECT_EQ(taken.value(), 0);
 }
 
 // Calls, posts, a cancel, and the question for the methods.
@@ -246,6 +372,90 @@ TEST_P(CapiWithRequiredClient, ItAnswersTheServersCalls) {
   EXPECT_TRUE(posted.wait_for(2));
 }
 
+TEST_P(CapiWithRequiredClient, ItGetsTheDataOfACallInOneMessage) {
+  client->method("take", expecting_data_and_seven());
+  start();
+  DataAndSeven call("take");
+  call.expect_taken(call.run(server.get(), id));
+}
+
+TEST_P(CapiWithRequiredClient, ItGetsTheDataOfAnAnswerInOneMessage) {
+  add_fetch(methods);
+  start();
+  expect_data_and_seven(client->SendMsgFast("fetch", nullptr, 0, kLongMs));
+}
+
+// Then nobody asks for a sink.
+TEST_P(CapiWithRequiredClient, ItSendsDataInOneMessage) {
+  DataMethod take;
+  take.accept = [](const tolk_request*, std::uint64_t, tolk_sink**) {
+    ADD_FAILURE();
+    return TOLK_BUSY;
+  };
+  take.handler = [](tolk_request* request) {
+    expect_data_and_seven(tolk_request_arguments(request));
+    tolk_request_answer(request, text_block("taken").release());
+  };
+  take.add_to(methods.get(), "take");
+  start();
+  const std::string bytes = some_bytes(kDataBytes);
+  TolkParams arguments;
+  arguments.AddStream(bytes.data(), static_cast<long>(bytes.size()));
+  arguments.AddInt(7);
+  EXPECT_EQ(string_at(client->SendMsgFast("take", &arguments, 0, kLongMs), 0), "taken");
+  server.reset();
+}
+
+TEST_P(CapiWithRequiredClient, ItLearnsThatAnAnswerDoesNotFitIntoOneMessage) {
+  Untouched data;
+  std::atomic<std::uint64_t> total{0};
+  methods.add("fetch", [&](tolk_request* request) {
+    tolk_request_answer_data(request, seven().release(), data.source(total));
+  });
+  start();
+  const auto error_of_fetch = [&](std::uint64_t of) -> std::string {
+    total = of;
+    TolkParams* const failed = client->SendMsgFast("fetch", nullptr, 0, kLongMs);
+    TolkValue* const error = failed == nullptr ? nullptr : failed->GetMap("tolk.error");
+    return error == nullptr ? "none" : error->GetString();
+  };
+  EXPECT_EQ(error_of_fetch(kMostOfAFrame + 1), kNotInPieces);
+  EXPECT_EQ(data.reads, 0);
+  const std::string error = error_of_fetch(kMostOfAFrame - 1000);
+  if (error == "no memory for the data") GTEST_SKIP() << "the system does not give 2 GiB";
+  EXPECT_EQ(error, kNotInOneMessage);
+  EXPECT_EQ(data.reads, 1);
+  server.reset();
+}
+
+// They come in pieces of another kind, and so does the answer.
+TEST_P(CapiWithRequiredClient, ItsLargeCallsAreAnsweredInPieces) {
+  methods.add("mirror", [](tolk_request* request) {
+    const tolk_block* const got = tolk_request_arguments(request);
+    EXPECT_EQ(tolk_block_total(got), 1U);
+    tolk_request_answer(request, text_block(bytes_at(got, 0)).release());
+  });
+  methods.add("refuse", [](tolk_request* request) {
+    tolk_request_fail(request, TOLK_FAILED, 0, "no", nullptr);
+  });
+  start();
+  const std::string bytes = some_bytes(100000);
+  TolkParams large;
+  large.AddStream(bytes.data(), static_cast<long>(bytes.size()));
+  TolkParams* result = client->SendMsgEx("mirror", &large, 77, 0);
+  ASSERT_NE(result, nullptr);
+  ASSERT_NE(result->GetValue(0), nullptr);
+  long size = 0;
+  const char* const mirrored = result->GetValue(0)->GetStream(size);
+  EXPECT_EQ(std::string(mirrored, static_cast<std::size_t>(size)), bytes);
+  TolkParams more;
+  result = client->SendMsgEx("refuse", &more, 78, 0);
+  ASSERT_NE(result, nullptr);
+  EXPECT_NE(result->GetMap("tolk.error"), nullptr);
+  TolkParams none;
+  EXPECT_EQ(string_at(client->SendMsgEx("unknown", &none, 79, 0), 0), "no event: unknown");
+}
+
 // Its answer to a call of an unknown name names no call.
 TEST_P(CapiWithRequiredClient, TheLimitEndsACallThatItDoesNotKnow) {
   start();
@@ -264,6 +474,30 @@ TEST_P(CapiWithRequiredClient, TheServerLearnsThatItHasGone) {
   client->close();
   EXPECT_TRUE(eventually([&] { return tolk_server_clients(server.get(), nullptr, 0) == 0; }));
   EXPECT_EQ(call_server(server.get(), id, "add", "").status, TOLK_NOT_CONNECTED);
+}
+
+// In an empty directory, which is the current one.
+class CapiInDirectory : public OverTransports {
+ protected:
+  CapiInDirectory() { std::filesystem::current_path(directory_.path()); }
+  ~CapiInDirectory() override { std::filesystem::current_path(before_); }
+
+ private:
+  const std::filesystem::path before_ = std::filesystem::current_path();
+  const TempDirectory directory_;
+};
+TOLK_CAPI_OVER_TRANSPORTS(CapiInDirectory);
+
+// A required server over TCP removes it.
+TEST_P(CapiInDirectory, AServerLeavesAFileThatIsNamedLikeItsPort) {
+  std::ofstream(address.port) << "kept";
+  const Methods methods;
+  auto server = c_server(address, methods);
+  ASSERT_NE(server, nullptr);
+  EXPECT_TRUE(std::filesystem::exists(address.port)) << "after the start";
+  EXPECT_EQ(tolk_server_close(server.get(), kLongMs), TOLK_OK);
+  server.reset();
+  EXPECT_TRUE(std::filesystem::exists(address.port)) << "after the end";
 }
 
 }  // namespace

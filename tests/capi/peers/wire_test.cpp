@@ -320,6 +320,20 @@ TEST_P(CapiServerWire, AnOutcomeMayCancelTheCallsToAllThatHaveNotBegun) {
   EXPECT_EQ(outcomes, (std::vector<tolk_status>{TOLK_NO_METHOD, TOLK_CANCELLED}));
 }
 
+TEST_P(CapiServerWire, APeerThatHasNotNamedItGetsNothingOfTheLibrarysOwn) {
+  listen();
+  const auto post = [&](const char* method) {
+    return tolk_server_post(server.get(), TOLK_ALL, method, nullptr, 0, nullptr);
+  };
+  for (const char* const method : {"tolk.describe", "tolk.piece", "tolk.cancel", "tolk.new"}) {
+    EXPECT_EQ(post(method), TOLK_NO_METHOD);
+  }
+  EXPECT_EQ(post("tolk"), TOLK_OK);
+  const auto first = peer->socket.read_message();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->name(), "tolk");
+}
+
 TEST_P(CapiServerWire, ACallWithoutIdAndTokenIsNotAnswered) {
   listen();
   peer->socket.send(golden("c_post"));
