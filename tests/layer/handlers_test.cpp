@@ -119,13 +119,6 @@ TEST_F(LayerHandlers, OrderedMethodsTakeTheCallsInOrder) {
   for (int n = 0; n < kEvents; ++n) EXPECT_EQ(seen.at(static_cast<std::size_t>(n)), n);
 }
 
-TEST_F(LayerHandlers, InlineHandlersRunOnOneThread) {
-  server.on("thread", inline_handler,
-            [] { return std::hash<std::thread::id>()(std::this_thread::get_id()); });
-  const auto first = client.call<std::size_t>("thread").value();
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(client.call<std::size_t>("thread").value(), first);
-}
-
 TEST_F(LayerHandlers, RemovedMethodsAreUnknown) {
   server.on("once", [] { return 1; });
   EXPECT_EQ(client.call<int>("once").value(), 1);
@@ -262,6 +255,28 @@ TEST(LayerWorkers, AreAsManyAsTheOptionsSay) {
   for (auto& each : all) EXPECT_NO_THROW(each.get());
 }
 
+// The only worker is taken. A thread that waits outside the library makes no room for another.
+TEST(LayerWorkers, InlineHandlersNeedNoneAndRunOnOneThread) {
+  Gate gate;
+  Server server(Options{.workers = 1});
+  const auto this_thread = [] { return std::hash<std::thread::id>()(std::this_thread::get_id()); };
+  server.on("thread", inline_handler, this_thread);
+  server.on("hold", [gate, this_thread]() mutable {
+    gate.pass();
+    return this_thread();
+  });
+  const auto where = fresh();
+  server.listen(where);
+  Client client = connect(where);
+  const OpenAtEnd opens(gate);
+  std::future<std::size_t> held = client.async<std::size_t>("hold", forever);
+  ASSERT_TRUE(gate.wait_entered());
+  const auto first = client.call<std::size_t>("thread", 20s).value();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(client.call<std::size_t>("thread", 20s).value(), first);
+  gate.open();
+  EXPECT_NE(held.get(), first);
+}
+
 TEST_F(LayerHandlers, BroadcastReachesAllClients) {
   Counter heard;
   const auto listen = [&](Client& to) {
@@ -367,12 +382,20 @@ TEST(LayerClose, PostsAreWrittenAndItTakesNoTime) {
   server.on("note", [&](int) { arrived.add(); });
   const auto where = fresh();
   server.listen(where);
-  const Stopwatch watch;
   // A close that waited in vain would take its whole limit.
   const Options patient{.close_limit = 5s};
-  for (int i = 0; i < 10; ++i) ASSERT_TRUE(connect(where, patient).post("note", i));
+  Milliseconds fastest = Milliseconds::max();
+  for (int i = 0; i < 10; ++i) {
+    Stopwatch watch;
+    {
+      Client client = connect(where, patient);
+      ASSERT_TRUE(client.post("note", i));
+      watch = Stopwatch();
+    }
+    fastest = std::min(fastest, watch.elapsed());
+  }
   EXPECT_TRUE(arrived.wait_for(10));
-  EXPECT_LT(watch.elapsed(), 20s);
+  EXPECT_LT(fastest, 300ms);
 }
 
 }  // namespace

@@ -146,6 +146,21 @@ TEST(LayerLifetime, HandlerMayDestroyAClientAndWaitForAThreadThatCallsThroughIt)
   if (!ended.wait_for(1)) std::abort();  // it hangs
 }
 
+TEST(LayerLifetime, CallersOfADestroyedClientAreNotConnected) {
+  Server server;
+  server.listen(fresh());
+  auto client = std::make_unique<Client>();
+  std::promise<Errc> told;
+  client->on("end", [&](const Caller& caller) {
+    client.reset();
+    EXPECT_FALSE(caller.post("x"));
+    told.set_value(caller.call("x").error().code());
+  });
+  client->connect(server.address());
+  ASSERT_TRUE(server.post(server.clients().at(0), "end"));
+  EXPECT_EQ(told.get_future().get(), Errc::not_connected);
+}
+
 // The destructor runs while the handler is still in close, and waits for it.
 TEST(LayerLifetime, ClientOutlivesTheHandlerThatClosesIt) {
   const auto where = fresh();

@@ -139,6 +139,31 @@ TEST_F(LayerReconnect, CallsMayWaitForTheNewConnection) {
   EXPECT_EQ(sum.get(), 3);
 }
 
+TEST_F(LayerReconnect, AStopTokenCancelsCallsThatWaitForAConnection) {
+  start();
+  Counter lost;
+  Client client = connect(where);
+  client.reconnecting({.first = 60s, .calls_wait = true, .changed = [&](bool connected) {
+                         if (!connected) lost.add();
+                       }});
+  server.reset();
+  ASSERT_TRUE(lost.wait_for(1));
+  // One after the other: each would wake the other.
+  std::stop_source stop;
+  const auto wait = [&] { return client.call("add", 1, 2, forever, stop.get_token()).error(); };
+  std::future<Error> waiting = std::async(std::launch::async, wait);
+  std::this_thread::sleep_for(20ms);  // it waits then, most of the time
+  stop.request_stop();
+  if (waiting.wait_for(kLimit) != std::future_status::ready) std::abort();  // it hangs
+  EXPECT_EQ(waiting.get().code(), Errc::cancelled);
+  EXPECT_EQ(wait().what(), "add at " + where.text() + ": cancelled");
+  stop = std::stop_source();
+  std::future<int> later = client.async<int>("add", 1, 2, forever, stop.get_token());
+  stop.request_stop();
+  if (later.wait_for(kLimit) != std::future_status::ready) std::abort();
+  EXPECT_EQ(error_of([&] { later.get(); }).code(), Errc::cancelled);
+}
+
 TEST_F(LayerReconnect, CallsMayWaitForTheFirstConnection) {
   start();
   Client client;

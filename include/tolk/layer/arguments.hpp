@@ -112,8 +112,7 @@ struct Limits {
   std::int32_t ms() const {
     if (limit == forever) return TOLK_FOREVER;
     if (limit.count() < 1) return 1;
-    constexpr auto most = (std::numeric_limits<std::int32_t>::max)();
-    return limit.count() > most ? most : static_cast<std::int32_t>(limit.count());
+    return static_cast<std::int32_t>(std::min<std::int64_t>(limit.count(), INT32_MAX));
   }
 };
 
@@ -231,11 +230,9 @@ auto arg(std::string_view key, T&& value) {
                 "the key " + std::string(key) +
                     ": a key does not begin with s_c_ or tolk., those are the library's");
   }
-  if constexpr (std::is_same_v<detail::Sent<T>, const char*>) {
-    return detail::Keyed<const char*>{std::string(key), value};
-  } else {
-    return detail::Keyed<T>{std::string(key), std::forward<T>(value)};
-  }
+  constexpr bool kIsText = std::is_same_v<detail::Sent<T>, const char*>;
+  using Kept = std::conditional_t<kIsText, const char*, T>;
+  return detail::Keyed<Kept>{std::string(key), std::forward<T>(value)};
 }
 
 }  // namespace v1

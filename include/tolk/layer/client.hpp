@@ -56,7 +56,7 @@ class ClientCore final : public Core {
   }
 
   void close(bool is_destroyed) {
-    begin_close();
+    note_change(true);
     std::thread reconnector;
     std::unique_lock<std::mutex> lock(mutex_);
     const bool may_wait = !Scope::is_inside(this);
@@ -83,7 +83,9 @@ class ClientCore final : public Core {
     std::shared_ptr<Pending> call;
     Clock::time_point begun;
 
-    Clock::time_point end() const { return end_of(begun, call->limits.limit); }
+    Clock::time_point end() const {
+      return call->limits.stop.stop_requested() ? begun : end_of(begun, call->limits.limit);
+    }
   };
 
   // A year is forever, and can be waited for everywhere.
@@ -129,7 +131,6 @@ class ClientCore final : public Core {
       changed_.notify_all();
     }
     lock.unlock();
-    if (!fresh) return std::nullopt;
     end_link(fresh, true);  // the last one, or this one in a closed client
     received.keep_only(client);
     return std::nullopt;
@@ -142,11 +143,10 @@ class ClientCore final : public Core {
         "look what listens there, it may be no server of this library; if it is, connect again";
     const Errc code = errc_of(error);
     if (code == Errc::not_connected) return {code, "", where, "not connected: " + reason};
-    if (code == Errc::gone) {
-      return {code, "", where, "the server went away during the version check", maybe_none};
-    }
-    if (code == Errc::timed_out) {
-      return {code, "", where, "the server did not answer the version check in time", maybe_none};
+    if (code == Errc::gone || code == Errc::timed_out) {
+      const char* const what = code == Errc::gone ? " went away during the version check"
+                                                  : " did not answer the version check in time";
+      return {code, "", where, std::string("the server") + what, maybe_none};
     }
     if (code != Errc::refused_version) return to_error(error);
     const std::string wanted = tolk_error_wanted(error);
@@ -169,18 +169,20 @@ class ClientCore final : public Core {
   bool is_lost() const { return lost_ && *lost_; }
 
   std::shared_ptr<Link> usable_link(Limits& limits) override {
+    const std::stop_callback wake(limits.stop, [this] { note_change(); });
     std::unique_lock<std::mutex> lock(mutex_);
     if (calls_must_wait()) {
       const auto begun = Clock::now();
-      changed_.wait_until(lock, end_of(begun, limits.limit), [&] { return !calls_must_wait(); });
+      changed_.wait_until(lock, end_of(begun, limits.limit),
+                          [&] { return !calls_must_wait() || limits.stop.stop_requested(); });
       if (limits.limit != forever) limits.limit -= since(begun);
     }
     lock.unlock();
-    return link();
+    return limits.stop.stop_requested() ? nullptr : link();
   }
   bool start_later(const std::shared_ptr<Pending>& call) override {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (!calls_must_wait()) return false;
+    if (!calls_must_wait() || call->limits.stop.stop_requested()) return false;
     waiting_.push_back({call, Clock::now()});
     changed_.notify_all();
     return true;
@@ -204,7 +206,7 @@ class ClientCore final : public Core {
     waiting_.swap(kept);
     lock.unlock();
     for (const Waiting& each : all) {
-      if (Clock::now() >= each.end()) {
+      if (Clock::now() >= each.end() && !each.call->limits.stop.stop_requested()) {
         const Error error(Errc::timed_out, each.call->method, address(),
                           "timed out without a connection");
         each.call->finish(nullptr, &error, this);

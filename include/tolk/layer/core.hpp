@@ -228,7 +228,7 @@ class Link : public std::enable_shared_from_this<Link> {
     lock.unlock();
     free();
   }
-  // The same in a callback: the last user frees, who may be this thread.
+  // The same in a callback, which does not wait: it frees, or the last user has that done.
   void abandon() {
     is_abandoned_ = true;
     if (refuse_users() == 0) free();
@@ -243,8 +243,9 @@ class Link : public std::enable_shared_from_this<Link> {
   static constexpr unsigned kRefused = 1U << 31;
 
   bool enter() {
-    if ((users_.fetch_add(1) & kRefused) == 0) return true;
-    leave();
+    for (unsigned users = users_; (users & kRefused) == 0;) {
+      if (users_.compare_exchange_weak(users, users + 1)) return true;
+    }
     return false;
   }
   void leave() {
@@ -259,12 +260,10 @@ class Link : public std::enable_shared_from_this<Link> {
   void free_in_callback() {
     tolk_call c{};  // without a method: it is refused
     c.size = sizeof c;
-    c.flags = TOLK_INLINE;
     c.context = new std::shared_ptr<Link>(shared_from_this());
-    c.done = [](void* context, const tolk_outcome*) {
-      const std::unique_ptr<std::shared_ptr<Link>> link(
-          static_cast<std::shared_ptr<Link>*>(context));
-      (*link)->free();
+    c.done = [](void* link, const tolk_outcome*) {
+      (*static_cast<std::shared_ptr<Link>*>(link))->free();
+      delete static_cast<std::shared_ptr<Link>*>(link);
     };
     start(c);
   }
@@ -294,8 +293,14 @@ class Pending : public Outgoing {
 
  private:
   friend class Core;
+  struct OnStop {
+    std::shared_ptr<Core> core;
+    std::uint64_t call;  // 0: it waits for a connection
+    void operator()() const;
+  };
+
   std::shared_ptr<Core> core_;
-  std::optional<std::stop_callback<Function<void()>>> on_stop_;
+  std::optional<std::stop_callback<OnStop>> on_stop_;
 };
 
 // What an object, its handlers and its callers share.
@@ -333,9 +338,11 @@ class Core : public std::enable_shared_from_this<Core> {
     return result;
   }
   static void start(const std::shared_ptr<Core>& core, const std::shared_ptr<Pending>& pending) {
+    const std::stop_token& stop = pending->limits.stop;
+    if (core && stop.stop_possible()) pending->on_stop_.emplace(stop, Pending::OnStop{core, 0});
     if (core && core->start_later(pending)) return;
     const Link::Use use = Link::use(core ? core->link() : nullptr);
-    if (!use) {
+    if (!use || stop.stop_requested()) {
       const Error error = unconnected(core, *pending);
       return pending->finish(nullptr, &error, core.get());
     }
@@ -347,12 +354,7 @@ class Core : public std::enable_shared_from_this<Core> {
     c.context = new std::shared_ptr<Pending>(pending);
     const std::uint64_t number = use->start(c);
     pending->arguments = Block();
-    if (pending->limits.stop.stop_possible()) {
-      // Not through the link that it began with: a connect that fails frees that.
-      pending->on_stop_.emplace(pending->limits.stop, [core, number] {
-        if (const Link::Use now = Link::use(core->link())) now->cancel(number);
-      });
-    }
+    if (stop.stop_possible()) pending->on_stop_.emplace(stop, Pending::OnStop{core, number});
   }
   static Result<void> post(const std::shared_ptr<Core>& core, const Outgoing& out) {
     const Link::Use use = Link::use(core ? core->link() : nullptr);
@@ -386,10 +388,11 @@ class Core : public std::enable_shared_from_this<Core> {
                          : "there is a method of this name already");
   }
   bool remove(const std::string& method) {
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      std::erase_if(infos_, [&](const MethodInfo& info) { return info.name == method; });
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    auto at = infos_.begin();
+    while (at != infos_.end() && at->name != method) ++at;
+    if (at != infos_.end()) infos_.erase(at);
+    lock.unlock();
     return tolk_methods_remove(methods_, method.c_str());
   }
   std::vector<MethodInfo> infos() const {
@@ -404,8 +407,7 @@ class Core : public std::enable_shared_from_this<Core> {
   // Has the caller of a request told why it failed. The line of the host replaces the library's.
   template <class Tell>
   void tell_failure(const std::string& line, const Tell& tell) const {
-    const std::string whole = "handler error: " + line;
-    own_line() = &whole;
+    own_line() = &line;
     tell();
     own_line() = nullptr;
   }
@@ -423,6 +425,12 @@ class Core : public std::enable_shared_from_this<Core> {
       if (!Scope::is_inside(this, true)) changed_.wait(lock, [&] { return !is_starting_; });
     }
     return link_;
+  }
+  // Wakes what waits for a connection.
+  void note_change(bool closes = false) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (closes) closed_ = true;
+    changed_.notify_all();
   }
   // In a callback, which may come before the connect returns. Null: a server's.
   void note_client(tolk_client* client) {
@@ -465,19 +473,12 @@ class Core : public std::enable_shared_from_this<Core> {
     return address.empty() ? client : client + " of " + address;
   }
 
-  void begin_close() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    closed_ = true;
-    changed_.notify_all();
-  }
   void end_link(const std::shared_ptr<Link>& link, bool is_destroyed) {
     if (!link) return;
-    if (!Scope::is_inside(this)) {
-      link->close(options.close_limit);
-      return link->end();
-    }
+    const bool waits = !Scope::is_inside(this);
     // The answers of handlers are lost only if the object is destroyed in one.
-    link->close(is_destroyed ? std::chrono::milliseconds(0) : options.close_limit);
+    link->close(waits || !is_destroyed ? options.close_limit : std::chrono::milliseconds(0));
+    if (waits) return link->end();
     if (is_destroyed) link->abandon();
   }
 
@@ -517,6 +518,9 @@ class Core : public std::enable_shared_from_this<Core> {
   }
 
   static Error unconnected(const std::shared_ptr<Core>& core, const Outgoing& out) {
+    if (out.limits.stop.stop_requested()) {
+      return {Errc::cancelled, out.method, core ? core->address() : "", "cancelled"};
+    }
     if (core) return core->unconnected(out.method, out.to);
     return {Errc::not_connected, out.method, "", "not connected: this end was closed"};
   }
@@ -541,6 +545,12 @@ class Core : public std::enable_shared_from_this<Core> {
   tolk_methods* const methods_;
   std::vector<MethodInfo> infos_;  // ordered by name
 };
+
+// Not through the link that the call began with: a connect that fails frees that.
+inline void Pending::OnStop::operator()() const {
+  if (call == 0) return core->note_change();
+  if (const Link::Use use = Link::use(core->link())) use->cancel(call);
+}
 }  // namespace detail
 /// @endcond
 }  // namespace v1

@@ -19,11 +19,11 @@ enum class Errc {
   gone,             ///< the connection has ended
   interrupted,      ///< of earlier versions: no call ends so any more
   no_such_method,   ///< the peer has no method of that name
-  handler_failed,   ///< the peer's handler threw or returned an error; the detail is its text
+  handler_failed,   ///< the peer's handler or on_receiving failed; the detail is its text
   wrong_arguments,  ///< the peer's handler takes other arguments; the detail says which
   wrong_type,       ///< the result has another type
   unanswered,       ///< the peer's handler ended without an answer
-  cancelled,        ///< a stop token, a progress callback or the peer cancelled the call
+  cancelled,        ///< a stop token, the caller's progress callback, or a peer in C or Python
   busy,             ///< too much is waiting
   too_large,        ///< more bytes than one call, or the peer, takes
   malformed,        ///< the peer has sent bytes that have no meaning

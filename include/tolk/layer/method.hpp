@@ -457,7 +457,7 @@ class Endpoint {
     return add({}, How::concurrent, std::move(handler), {});
   }
   /// Sets the hook for pieces of large data that go into memory, 2 GiB at most for one caller at a
-  /// time. It may cancel or throw.
+  /// time. It may cancel or throw: the sender gets Errc::handler_failed.
   Self& on_receiving(const Function<void(const Caller&, Progress)>& hook) {
     core_->receiving = hook;
     return self();

@@ -31,7 +31,7 @@ class Request {
   void fail(tolk_status status, const std::string& text, int number = 0, Block details = {}) {
     tolk_request* const taken = take();
     if (taken == nullptr) return;
-    core_->tell_failure(tolk_request_method(taken) + (": " + text), [&] {
+    core_->tell_failure("handler error: " + (tolk_request_method(taken) + (": " + text)), [&] {
       tolk_request_fail(taken, status, number, text.c_str(), details.release());
     });
   }

@@ -44,7 +44,7 @@ class ServerCore final : public Core {
   }
 
   void close(bool is_destroyed) {
-    begin_close();
+    note_change(true);
     end_link(link(), is_destroyed);
     if (is_destroyed) forget_methods();
   }
@@ -56,8 +56,7 @@ class ServerCore final : public Core {
   void wait() {
     const auto link = this->link();
     if (!link) throw Error(Errc::misuse, "", "", "this server does not listen");
-    const Link::Use use = Link::use(link);
-    if (use) tolk_server_wait_closed(use->server(), TOLK_FOREVER);
+    if (const Link::Use use = Link::use(link)) tolk_server_wait_closed(use->server(), TOLK_FOREVER);
   }
   int port() const { return port_; }
 

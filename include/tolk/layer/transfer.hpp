@@ -80,10 +80,8 @@ class Reporting {
     } catch (...) {
       self.thrown_ = std::current_exception();
     }
-    self.cancelled_ = cancelled || self.thrown_;
-    return !self.cancelled_;
+    return !cancelled && !self.thrown_;
   }
-  bool has_cancelled() const { return cancelled_; }
   void rethrow() const {
     if (thrown_) std::rethrow_exception(thrown_);
   }
@@ -92,7 +90,6 @@ class Reporting {
   const Core* const core_;
   const Function<void(Progress)>& report_;
   std::uint64_t told_ = UINT64_MAX;
-  bool cancelled_ = false;
   std::exception_ptr thrown_;
 };
 

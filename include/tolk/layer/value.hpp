@@ -219,10 +219,8 @@ class Value {
     }
   }
   static List list_of(const tolk_block* block) {
-    List list;
-    const std::size_t count = tolk_block_count(block);
-    list.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) list.push_back(of({block, i}));
+    List list(tolk_block_count(block));
+    for (std::size_t i = 0; i < list.size(); ++i) list[i] = of({block, i});
     return list;
   }
   static Map map_of(const tolk_block* block) {
@@ -261,13 +259,12 @@ class Value {
   }
   // Nothing is not visited.
   template <class Visit>
-  void visit(const Visit& visitor) const {
-    visit_as<bool, int, std::int64_t, std::uint64_t, double, std::string, bytes, List, Map>(
-        visitor);
+  void visit(const Visit& to) const {
+    visit_as<bool, int, std::int64_t, std::uint64_t, double, std::string, bytes, List, Map>(to);
   }
   template <class... Of, class Visit>
-  void visit_as(const Visit& visitor) const {
-    (void)((is<Of>() && (visitor(get<Of>()), true)) || ...);
+  void visit_as(const Visit& to) const {
+    (void)((is<Of>() && (to(get<Of>()), true)) || ...);
   }
 
   unsigned held_as_ = 0;
