@@ -96,6 +96,18 @@ def fields_table(results):
     return table(["F: built and parsed", "8 mixed fields, ns", "stream of 1 MiB, MB/s"], lines)
 
 
+def python_table(results):
+    result = results.get("P")
+    if not result:
+        return ""
+    keys, (baseline,) = result["figures"], result["baselines"]
+    lines = [[name, *(common.figure(rows.median_of(result, name, key)) for key in keys),
+              common.figure(rows.ratio(result, name, baseline, keys[0]))]
+             for name in rows.names_in(result)]
+    heads = [f"P: {result['title']}", *(HEADS[key] for key in keys), f"cpu × {baseline}"]
+    return table(heads, lines)
+
+
 def growth_table(results):
     """The last point of the curves that have to be flat, beside their first."""
     lines = []
@@ -142,8 +154,9 @@ def main():
         machine=machine_line(document), ratios=ratios_table(results),
         c_ratios=c_ratios_table(results), wakes=wakes_line(results),
         contestants=contestants_table(results), idle=idle_table(results),
-        fields=fields_table(results), growth=growth_table(curves),
-        instructions=instructions_table(), failures=failures(results))
+        fields=fields_table(results), python=python_table(results),
+        growth=growth_table(curves), instructions=instructions_table(),
+        failures=failures(results))
     (FOLDER / "README.md").write_text(page, encoding="utf-8")
     (FOLDER / "rows.svg").write_text(charts.bars(results), encoding="utf-8")
     (FOLDER / "curves.svg").write_text(charts.curves(curves), encoding="utf-8")

@@ -57,7 +57,7 @@ FoundServer probe(const std::string& name, const CommonOptions& options) {
     look_closer(client, options, found);
   } catch (const Failure& failure) {
     found.alive = failure.exit != Exit::cannot_connect && failure.exit != Exit::usage;
-    found.state = failure.exit == Exit::usage ? "not checked: the name is not a number"
+    found.state = failure.exit == Exit::usage ? "not checked: it is not the name of a pipe"
                                               : reason_of(failure, found.address);
   }
   return found;
