@@ -76,8 +76,8 @@ tolk_status tolk_request::state() const {
   const tolk_status state = state_;
   if (!core_->of_this_process()) return TOLK_CLOSED;
   if (state != TOLK_OK) return state;
+  if (peer_->is_gone()) return peer_->gone_as();  // first: it stays, also for a posted call
   if (core_->is_closed()) return TOLK_CLOSED;
-  if (peer_->is_gone()) return peer_->gone_as();
   return uv_hrtime() > deadline_ ? TOLK_TIMED_OUT : TOLK_OK;
 }
 

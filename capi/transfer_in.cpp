@@ -191,8 +191,8 @@ void RequestIn::on_complete(const ReceivedPiece& last) {
 }
 
 void RequestIn::release() {
+  peer().forget_incoming(transfer_, *this);  // first: what comes now is answered by others
   TransferIn::release();
-  peer().forget_incoming(transfer_, *this);
 }
 
 // The data of an answer.

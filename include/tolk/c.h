@@ -485,7 +485,8 @@ TOLK_API tolk_status tolk_client_post(tolk_client* client, const char* method,
 /// returned and posts and answers are written. Then ends the connection: calls under way end with
 /// TOLK_CLOSED. In a callback of the client it does not wait. TOLK_TIMED_OUT: a handler has not
 /// returned, or something was not written. An inline callback that runs then holds up the end of
-/// the connection, but not this function.
+/// the connection, but not this function. A call whose data have begun to come counts as a handler:
+/// a peer that sends no more of them holds up a close without a limit.
 TOLK_API tolk_status tolk_client_close(tolk_client* client, int32_t limit_ms);
 /// Closes at once and waits for callbacks that run, except when called in one: the rest then ends
 /// by itself. Every `done` and on_gone that has not begun runs in here; handlers do not begin.

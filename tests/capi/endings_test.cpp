@@ -195,6 +195,21 @@ TEST_P(CapiRequestStates, AServersEndMakesItsRequestsGoneForGood) {
   expect_gone_for_good([&] { EXPECT_EQ(tolk_client_close(client.get(), 20000), TOLK_OK); });
 }
 
+TEST_P(CapiRequestStates, AClientsEndMakesItsPostsGoneForGood) {
+  Kept posted;
+  server_methods.add("posted", posted.handler(), TOLK_INLINE);
+  start();
+  ASSERT_EQ(tolk_client_post(client.get(), "posted", nullptr, 0, nullptr), TOLK_OK);
+  ASSERT_TRUE(posted.has_one.wait());
+  client.reset();
+  const auto state = [&] { return tolk_request_state(posted.requests.front()); };
+  EXPECT_TRUE(eventually([&] { return state() != TOLK_OK; }));
+  EXPECT_EQ(state(), TOLK_GONE);
+  EXPECT_EQ(tolk_server_close(server.get(), 20000), TOLK_OK);
+  EXPECT_EQ(state(), TOLK_GONE);
+  end();
+}
+
 TEST_P(CapiEndings, FreeRunsOutcomesAndWaitsForHandlers) {
   Kept kept;
   server_methods.add("keep", kept.handler(), TOLK_INLINE);
