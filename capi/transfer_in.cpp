@@ -201,9 +201,9 @@ AnswerIn::AnswerIn(std::shared_ptr<Core> core, std::shared_ptr<Peer> peer, std::
                    std::uint64_t total, std::unique_ptr<tolk_sink> sink, Progress progress)
     : TransferIn(std::move(core), std::move(peer), total),
       number_(number),
-      progress_(progress),
+      progress_(std::move(progress)),
       has_sink_(sink != nullptr),
-      calls_host_(progress.function != nullptr || (sink && sink->calls_host())) {
+      calls_host_(progress_.function != nullptr || (sink && sink->calls_host())) {
   sink_ = std::move(sink);
 }
 

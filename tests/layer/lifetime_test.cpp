@@ -122,7 +122,7 @@ TEST(LayerLifetime, HandlerMayDestroyAClientAndWaitForAThreadThatCallsThroughIt)
   Counter asked;
   Counter may_end;
   Counter ended;
-  const Deferred<> never;
+  Deferred<> never;
   Server server;
   server.on("never", [&] {
     asked.add();
